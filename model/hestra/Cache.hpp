@@ -1,0 +1,112 @@
+#pragma once
+/// Data that may be dropped and made again: what is cached, what creates it, and the cache with a byte budget.
+
+#include <model/hestra/Reference.hpp>
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <typeinfo>
+#include <unordered_map>
+#include <vector>
+
+namespace Hestra {
+
+/// Base of data that a `Cache` can hold and drop.
+class VANTLE_MODEL_API Cacheable : public ReferenceBase<Cacheable> {
+public:
+    Cacheable() = default;
+    ~Cacheable() override;
+
+    /// Bytes that dropping this object would give back.
+    [[nodiscard]] virtual std::size_t memsize() const = 0;
+
+    /// Notes that the data were asked for just now: what was used least recently is dropped first.
+    void markAsUsed() const noexcept;
+    /// When the data were last asked for; larger is later.
+    [[nodiscard]] std::uint64_t lastUse() const noexcept { return myLastUse.load(std::memory_order_relaxed); }
+
+    /// Links the data to what made them. The link is weak: data outlive their creator and creators their data.
+    void setCreator(const WeakPtr<Creature>& creator) { myCreator = creator; }
+    [[nodiscard]] const WeakPtr<Creature>& cacheableCreator() const noexcept { return myCreator; }
+
+    /// Called by a cache before it lets go of the data.
+    virtual void PreDestructor() {}
+    /// Called once after construction, when virtual operations already reach the derived class.
+    virtual void CacheableDeferredConstructor() {}
+    /// The root type under which such data are held.
+    [[nodiscard]] virtual const std::type_info& DomainType() const { return typeid(Cacheable); }
+    /// The dynamic type of the creator, or `typeid(void)` when there is none.
+    [[nodiscard]] const std::type_info& CreatorType() const;
+
+private:
+    WeakPtr<Creature> myCreator;
+    mutable std::atomic<std::uint64_t> myLastUse{0};
+};
+
+/// Base of everything that creates data on demand.
+class VANTLE_MODEL_API Creature : public ReferenceBase<Creature> {
+public:
+    Creature() = default;
+    ~Creature() override;
+
+    /// Whether created data are remembered (the default) or belong to whoever asked, only.
+    void enableCaching(bool enable) noexcept { myCachingFlag.store(enable, std::memory_order_relaxed); }
+    [[nodiscard]] bool isCachingEnabled() const noexcept { return myCachingFlag.load(std::memory_order_relaxed); }
+
+private:
+    std::atomic<bool> myCachingFlag{true};
+};
+
+/// What creators need of a cache.
+class VANTLE_MODEL_API CacheBase : public ReferenceBase<CacheBase> {
+public:
+    ~CacheBase() override;
+    /// Keeps `data` alive until they are dropped or removed.
+    virtual void insert(const StrongPtr<Cacheable>& data) = 0;
+    /// Lets go of `data`; false if they were not held.
+    virtual bool remove(const Cacheable& data) = 0;
+};
+
+/// Keeps discardable data alive up to a budget of bytes.
+///
+/// When an insertion (or a smaller limit) exceeds the budget, the data used least recently are let go first; what
+/// nobody else holds is freed then, and made again when it is next asked for. Nothing is dropped while nothing asks.
+/// Concurrency  guarded by a mutex; data are released outside it.
+/// Cost         an insertion within the budget is O(1); one that exceeds it sorts what is held by last use.
+class VANTLE_MODEL_API Cache : public CacheBase {
+public:
+    Cache() = default;
+    ~Cache() override;
+
+    /// The shared cache that discardable data go to by default; unlimited until told otherwise.
+    [[nodiscard]] static const StrongPtr<Cache>& MemCache();
+
+    void insert(const StrongPtr<Cacheable>& data) override;
+    bool remove(const Cacheable& data) override;
+
+    /// Sets the budget in bytes and drops what exceeds it at once.
+    void setLimit(std::size_t bytes);
+    void setUnlimited();
+    [[nodiscard]] std::size_t limit() const;
+    /// Lets go of everything held; the limit stays.
+    void clear();
+    /// Number of data objects held.
+    [[nodiscard]] std::size_t size() const;
+    /// Bytes held, as the data announced them at insertion.
+    [[nodiscard]] std::size_t bytes() const;
+
+private:
+    struct Entry {
+        StrongPtr<Cacheable> data;
+        std::size_t bytes;
+    };
+    void shrink(std::vector<StrongPtr<Cacheable>>& dropped);
+
+    mutable std::mutex myMutex;
+    std::unordered_map<const Cacheable*, Entry> myEntries;
+    std::size_t myBytes = 0;
+    std::size_t myLimit = SIZE_MAX;
+};
+
+} // namespace Hestra

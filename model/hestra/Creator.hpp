@@ -1,0 +1,134 @@
+#pragma once
+/// Lazy creation: data are made when they are first asked for, once, whatever the number of threads.
+
+#include <model/hestra/Cache.hpp>
+
+#include <exception>
+#include <string>
+#include <thread>
+
+namespace Hestra {
+
+/// Tells standard error, once a creator, that its creation function threw.
+VANTLE_MODEL_API void reportCreationFailure(const char* reason) noexcept;
+
+/// Holder of one piece of data of type `T` (a `Cacheable`) that may not exist yet, or not any more.
+///
+/// Persistent data are held strongly; discardable data are held by a cache, the creator only remembers them.
+/// Concurrency  all operations may be called from several threads. `create` is serialised a creator: the function
+///              that makes the data runs once as long as the data live.
+/// Cost         one short lock and one atomic promotion when the data exist; nothing is allocated.
+template<class T>
+class VANTLE_MODEL_API CreatorBase : public Creature {
+public:
+    /// The data: as they are, or made now. With `background` they are only requested when missing.
+    ///
+    /// Failure  null when there is no way to make them, when the creation function returned null or threw, when it
+    ///          asked for its own result, and for a background request that cannot be met at once.
+    [[nodiscard]] StrongPtr<T> create(bool background = false) {
+        if (StrongPtr<T> present = cachedData()) return present;
+        if (background) {
+            StrongPtr<T> result;
+            request(result);
+            return result;
+        }
+        if (!canProduce()) return nullptr;
+        if (myMaker.load(std::memory_order_acquire) == std::this_thread::get_id()) return nullptr;
+        const std::lock_guard lock(myCreationMutex);
+        if (StrongPtr<T> present = cachedData()) return present;
+        myMaker.store(std::this_thread::get_id(), std::memory_order_release);
+        StrongPtr<T> made = produceSafely();
+        myMaker.store(std::thread::id(), std::memory_order_release);
+        if (made) remember(made);
+        return made;
+    }
+
+    /// The living data, or null; never makes them.
+    [[nodiscard]] StrongPtr<T> cachedData() const {
+        const std::lock_guard lock(myDataMutex);
+        StrongPtr<T> data(myData);
+        if (data) data->markAsUsed();
+        return data;
+    }
+
+    /// Notes that the data are wanted without making them. What serves requests looks at `wasRequested`.
+    virtual void request(StrongPtr<T>& result) {
+        (void)result;
+        myRequestFlag.store(true, std::memory_order_release);
+    }
+    [[nodiscard]] bool wasRequested() const noexcept { return myRequestFlag.load(std::memory_order_acquire); }
+
+    /// Whether the data exist at this moment: false before a first creation and after eviction.
+    [[nodiscard]] bool hasData() const {
+        const std::lock_guard lock(myDataMutex);
+        return bool(myData);
+    }
+
+    /// Whether asking can succeed: the data exist now, or there is a function that makes them.
+    [[nodiscard]] virtual bool isValid() const { return hasData() || canProduce(); }
+
+protected:
+    /// Whether `produce` can be called at all.
+    [[nodiscard]] virtual bool canProduce() const { return false; }
+    /// Makes the data; may return null and may throw.
+    [[nodiscard]] virtual StrongPtr<T> produce() { return nullptr; }
+
+    /// Holds `data` for ever (persistent) or leaves that to `cache`.
+    void setData(const StrongPtr<T>& data, bool persistent, const WeakPtr<Cache>& cache) {
+        {
+            const std::lock_guard lock(myDataMutex);
+            myCache = cache;
+            myPersistentFlag = persistent;
+        }
+        remember(data);
+    }
+    /// Where data made later go: a cache, or this creator when there is none.
+    void setCache(const WeakPtr<Cache>& cache) {
+        const std::lock_guard lock(myDataMutex);
+        myCache = cache;
+        myPersistentFlag = !cache;
+    }
+
+private:
+    StrongPtr<T> produceSafely() noexcept {
+        try {
+            return produce();
+        } catch (const std::exception& problem) {
+            if (!myFailureReported.exchange(true)) reportCreationFailure(problem.what());
+        } catch (...) {
+            if (!myFailureReported.exchange(true)) reportCreationFailure("unknown exception");
+        }
+        return nullptr;
+    }
+
+    void remember(const StrongPtr<T>& data) {
+        if (!data) return;
+        StrongPtr<T> replaced;
+        StrongPtr<Cache> cache;
+        {
+            const std::lock_guard lock(myDataMutex);
+            myData = data;
+            replaced = std::move(myOwnedData);
+            if (isCachingEnabled()) {
+                if (myPersistentFlag)
+                    myOwnedData = data;
+                else
+                    cache = myCache.lock();
+            }
+        }
+        data->markAsUsed();
+        if (cache) cache->insert(data);
+    }
+
+    mutable std::mutex myDataMutex;
+    WeakPtr<T> myData;
+    StrongPtr<T> myOwnedData;
+    WeakPtr<Cache> myCache;
+    bool myPersistentFlag = true;
+    std::mutex myCreationMutex;
+    std::atomic<std::thread::id> myMaker{};
+    std::atomic<bool> myRequestFlag{false};
+    std::atomic<bool> myFailureReported{false};
+};
+
+} // namespace Hestra
