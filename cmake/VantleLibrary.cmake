@@ -1,0 +1,63 @@
+include(GenerateExportHeader)
+
+# vantle_library(<name>): the shared library Vantle::<name> from all sources below the current directory.
+#
+# Headers are public, are found relative to the root of the source tree, and must compile on their own. The macro that
+# exports a symbol is VANTLE_<NAME>_API, in <folder>/<name>Export.hpp.
+function(vantle_library name)
+  set(target Vantle${name})
+  string(TOUPPER ${name} upper)
+  string(TOLOWER ${name} lower)
+  get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
+
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp")
+  file(GLOB_RECURSE headers CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.hpp")
+  if(NOT sources)
+    set(sources "${CMAKE_CURRENT_BINARY_DIR}/empty.cpp")
+    file(CONFIGURE OUTPUT "${sources}" CONTENT "")
+  endif()
+
+  set(generated "${PROJECT_BINARY_DIR}/include")
+  set(exportHeader "${generated}/${folder}/${name}Export.hpp")
+
+  add_library(${target} SHARED ${sources})
+  add_library(Vantle::${name} ALIAS ${target})
+  target_sources(${target}
+    PUBLIC
+      FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}" FILES ${headers}
+      FILE_SET generated TYPE HEADERS BASE_DIRS "${generated}" FILES "${exportHeader}")
+  generate_export_header(${target}
+    BASE_NAME vantle_${lower}
+    EXPORT_FILE_NAME "${exportHeader}"
+    EXPORT_MACRO_NAME VANTLE_${upper}_API
+    NO_EXPORT_MACRO_NAME VANTLE_${upper}_LOCAL
+    DEPRECATED_MACRO_NAME VANTLE_${upper}_DEPRECATED)
+
+  set_target_properties(${target} PROPERTIES
+    EXPORT_NAME ${name}
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON
+    INTERFACE_HEADER_SETS_TO_VERIFY HEADERS
+    INSTALL_RPATH "$ORIGIN")
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_link_libraries(${target} PUBLIC Threads::Threads)
+
+  if(CMAKE_CXX_COMPILER_ID MATCHES "GNU|Clang")
+    # Rounding is part of the behaviour, also in templates that a caller instantiates.
+    target_compile_options(${target} PUBLIC -ffp-contract=off)
+    # A symbol that only the layer above defines is an error here. Sanitizer runtimes are left open until a program links.
+    if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND NOT CMAKE_CXX_FLAGS MATCHES "-fsanitize")
+      target_link_options(${target} PRIVATE -Wl,-z,defs)
+    endif()
+  endif()
+
+  install(TARGETS ${target}
+    EXPORT VantleTargets
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
+    FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/vantle"
+    FILE_SET generated DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/vantle")
+endfunction()
