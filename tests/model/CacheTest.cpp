@@ -1,0 +1,178 @@
+#include <model/hestra/Chunk.hpp>
+#include <model/hestra/Creator.hpp>
+
+#include <chrono>
+#include <gtest/gtest.h>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+using Hestra::Cache;
+using Hestra::StrongPtr;
+using Hestra::WeakPtr;
+
+struct Data : Hestra::Cacheable {
+    explicit Data(std::size_t b) : bytes(b) {}
+    std::size_t memsize() const override { return bytes; }
+    std::size_t bytes;
+};
+
+struct Maker : Hestra::CreatorBase<Data> {
+    explicit Maker(std::size_t b, const WeakPtr<Cache>& cache = {}) : bytes(b) { setCache(cache); }
+    bool canProduce() const override { return !disabled; }
+    StrongPtr<Data> produce() override {
+        ++runs;
+        if (delay) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        if (action == Throw) throw std::runtime_error("no data today");
+        if (action == Nothing) return nullptr;
+        if (action == AskSelf && create(false)) std::abort();
+        return StrongPtr<Data>(new Data(bytes));
+    }
+    enum Action { Make, Throw, Nothing, AskSelf } action = Make;
+    std::size_t bytes;
+    bool disabled = false;
+    int delay = 0;
+    std::atomic<int> runs{0};
+};
+
+TEST(CacheTest, DropsTheLeastRecentlyUsedFirstAndRebuildsOnDemand) {
+    const StrongPtr<Cache> cache(new Cache);
+    cache->setLimit(300);
+    Maker a(100, cache), b(100, cache), c(100, cache), d(100, cache);
+    (void)a.create();
+    (void)b.create();
+    (void)c.create();
+    EXPECT_EQ(cache->bytes(), 300u);
+    (void)a.create(); // used again: now b is the oldest
+    (void)d.create();
+    EXPECT_TRUE(a.hasData());
+    EXPECT_FALSE(b.hasData());
+    EXPECT_TRUE(c.hasData());
+    EXPECT_TRUE(d.hasData());
+    EXPECT_LE(cache->bytes(), 300u);
+    EXPECT_TRUE(b.isValid());
+    EXPECT_TRUE(b.create());
+    EXPECT_EQ(b.runs, 2);
+    EXPECT_EQ(a.runs, 1);
+}
+
+TEST(CacheTest, WhatSomebodyHoldsOutlivesItsDropping) {
+    const StrongPtr<Cache> cache(new Cache);
+    Maker maker(100, cache);
+    const StrongPtr<Data> held = maker.create();
+    cache->clear();
+    EXPECT_EQ(cache->size(), 0u);
+    EXPECT_TRUE(maker.hasData());
+    EXPECT_EQ(maker.create(), held);
+    EXPECT_EQ(maker.runs, 1);
+}
+
+TEST(CacheTest, ADatumLargerThanTheBudgetStillReachesWhoAsked) {
+    const StrongPtr<Cache> cache(new Cache);
+    cache->setLimit(10);
+    Maker maker(100, cache);
+    {
+        const StrongPtr<Data> got = maker.create();
+        EXPECT_TRUE(got);
+    }
+    EXPECT_FALSE(maker.hasData());
+    EXPECT_EQ(cache->bytes(), 0u);
+}
+
+TEST(CreatorTest, PersistentDataSurviveAndUncachedDataBelongToTheAsker) {
+    Maker persistent(1);
+    (void)persistent.create();
+    EXPECT_TRUE(persistent.hasData());
+    Maker uncached(1);
+    uncached.enableCaching(false);
+    (void)uncached.create();
+    EXPECT_FALSE(uncached.hasData());
+}
+
+TEST(CreatorTest, FailuresGiveNullAndAreReportedOnce) {
+    testing::internal::CaptureStderr();
+    Maker maker(1);
+    maker.action = Maker::Throw;
+    EXPECT_FALSE(maker.create());
+    EXPECT_FALSE(maker.create());
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "creation of data failed: no data today\n");
+    maker.action = Maker::Nothing;
+    EXPECT_FALSE(maker.create());
+    maker.action = Maker::AskSelf;
+    EXPECT_TRUE(maker.create()) << "asking for oneself while being made gives null, not a hang";
+    Maker disabled(1);
+    disabled.disabled = true;
+    EXPECT_FALSE(disabled.create());
+    EXPECT_FALSE(disabled.isValid());
+}
+
+TEST(CreatorTest, ARequestOnlyRemembers) {
+    Maker maker(1);
+    EXPECT_FALSE(maker.create(true));
+    EXPECT_TRUE(maker.wasRequested());
+    EXPECT_EQ(maker.runs, 0);
+    (void)maker.create();
+    EXPECT_TRUE(maker.create(true)) << "what exists is given at once";
+}
+
+TEST(CreatorTest, CreatesOnceWhateverTheNumberOfThreads) {
+    const StrongPtr<Cache> cache(new Cache);
+    for (int round = 0; round < 20; ++round) {
+        Maker maker(1, cache);
+        maker.delay = 2;
+        std::vector<std::thread> threads;
+        std::vector<StrongPtr<Data>> got(4);
+        for (auto& mine : got) threads.emplace_back([&] { mine = maker.create(); });
+        for (auto& thread : threads) thread.join();
+        EXPECT_EQ(maker.runs, 1);
+        for (const auto& one : got) EXPECT_EQ(one, got.front());
+    }
+}
+
+TEST(CreatorTest, CreationAndEvictionRaceSafely) {
+    const StrongPtr<Cache> cache(new Cache);
+    cache->setLimit(250);
+    std::vector<std::unique_ptr<Maker>> makers;
+    for (int n = 0; n < 8; ++n) makers.push_back(std::make_unique<Maker>(100, cache));
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < 3; ++t)
+        threads.emplace_back([&makers, t] {
+            for (unsigned n = 0; n < 3000; ++n)
+                if (const auto data = makers[(n * 5 + t) % makers.size()]->create(); !data || data->bytes != 100)
+                    std::abort();
+        });
+    for (auto& thread : threads) thread.join();
+    EXPECT_LE(cache->bytes(), 250u);
+}
+
+TEST(ChunkTest, TotalMemsizeIsSettledAtResizeHandOverAndDeath) {
+    const long long before = Hestra::ChunkBase::TotalMemsize;
+    {
+        const StrongPtr<Hestra::TypedChunk<double>> chunk(new Hestra::TypedChunk<double>);
+        chunk->resize(10);
+        EXPECT_EQ(Hestra::ChunkBase::TotalMemsize, before + 80);
+        chunk->base_vector().push_back(1.0);
+        chunk->base_vector().clear();
+        chunk->settle();
+        EXPECT_EQ(Hestra::ChunkBase::TotalMemsize, before);
+        chunk->resize(3);
+        EXPECT_EQ(chunk->base_vector(), std::vector<double>(3, 0.0));
+    }
+    EXPECT_EQ(Hestra::ChunkBase::TotalMemsize, before);
+}
+
+TEST(AttributesTest, SetReplacesAndTypesAreChecked) {
+    Hestra::Attributes attributes;
+    attributes.setAttribute("Range", StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<double>{1.0, 2.0}));
+    EXPECT_EQ(attributes.getTypedAttribute<double>("Range")->base_vector()[1], 2.0);
+    EXPECT_FALSE(attributes.getTypedAttribute<float>("Range"));
+    EXPECT_FALSE(attributes.getAttribute("range"));
+    const WeakPtr<Hestra::ChunkBase> old = attributes.getAttribute("Range");
+    attributes.setAttribute("Range", StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<float>{1.0F}));
+    EXPECT_FALSE(old);
+    attributes.setAttribute("Range", nullptr);
+    EXPECT_TRUE(attributes.attributeNames().empty());
+}
+
+} // namespace
