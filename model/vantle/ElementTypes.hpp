@@ -40,28 +40,22 @@
     VANTLE_TUPLE_ELEMENT_TYPES(X)                                                                                      \
     VANTLE_OTHER_ELEMENT_TYPES(X)
 
-/// Element types without registered factory, of which the library has arrays of some ranks. `X` takes type and rank.
-#define VANTLE_UNREGISTERED_NUMBER_ARRAYS(X)                                                                           \
-    X(long double, 3)                                                                                                  \
-    X(short, 3)
-#define VANTLE_UNREGISTERED_TUPLE_ARRAYS(X)                                                                            \
-    X(VANTLE_TYPE(Orvix::Coordinates<Orvix::Cartesian3D, float>::point), 1)                                            \
-    X(VANTLE_TYPE(Orvix::Coordinates<Orvix::Cartesian3D, float>::point), 3)                                            \
-    X(VANTLE_TYPE(Orvix::Vector<double, 2>), 1)                                                                        \
-    X(VANTLE_TYPE(Orvix::Vector<double, 2>), 3)                                                                        \
-    X(VANTLE_TYPE(Orvix::Vector<double, 3>), 1)                                                                        \
-    X(VANTLE_TYPE(Orvix::Vector<double, 3>), 3)                                                                        \
-    X(VANTLE_TYPE(Orvix::DomainVector<Orvix::Vector<unsigned char, 4>, Orvix::RGBA, unsigned char>), 3)
-#define VANTLE_UNREGISTERED_OTHER_ARRAYS(X)                                                                            \
-    X(VANTLE_TYPE(Hestra::StrongPtr<FragmentID, FragmentID>), 3)                                                       \
-    X(MultiIndex<2>, 1)                                                                                                \
-    X(std::vector<unsigned long long>, 1)
-#define VANTLE_UNREGISTERED_ARRAYS(X)                                                                                  \
-    VANTLE_UNREGISTERED_NUMBER_ARRAYS(X)                                                                               \
-    VANTLE_UNREGISTERED_TUPLE_ARRAYS(X)                                                                                \
-    VANTLE_UNREGISTERED_OTHER_ARRAYS(X)
-/// A type with commas as one argument of a macro.
-#define VANTLE_TYPE(...) __VA_ARGS__
+/// Element types that arrays exist of, of the same ranks, but that stay out of the registry: what goes by registered
+/// types (data ranges, new arrays for any field) does not take part in them.
+#define VANTLE_UNREGISTERED_NUMBER_TYPES(X)                                                                            \
+    X(long double)                                                                                                     \
+    X(short)
+#define VANTLE_UNREGISTERED_CLASS_TYPES(X)                                                                             \
+    X(Orvix::Coordinates<Orvix::Cartesian3D, float>::point)                                                            \
+    X(Orvix::Vector<double, 2>)                                                                                        \
+    X(Orvix::Vector<double, 3>)                                                                                        \
+    X(Orvix::DomainVector<Orvix::Vector<unsigned char, 4>, Orvix::RGBA, unsigned char>)                                \
+    X(Hestra::StrongPtr<FragmentID, FragmentID>)                                                                       \
+    X(MultiIndex<2>)                                                                                                   \
+    X(std::vector<unsigned long long>)
+#define VANTLE_UNREGISTERED_ELEMENT_TYPES(X)                                                                           \
+    VANTLE_UNREGISTERED_NUMBER_TYPES(X)                                                                                \
+    VANTLE_UNREGISTERED_CLASS_TYPES(X)
 
 namespace Vantle {
 
@@ -78,6 +72,9 @@ TypeList<T...> typeListAfter(TypeList<Ignored, T...>);
 /// The registered element types.
 using RegisteredElementTypes =
     decltype(detail::typeListAfter(TypeList<void VANTLE_REGISTERED_ELEMENT_TYPES(VANTLE_LISTED)>()));
+/// Those of the others that arrays exist of.
+using UnregisteredElementTypes =
+    decltype(detail::typeListAfter(TypeList<void VANTLE_UNREGISTERED_ELEMENT_TYPES(VANTLE_LISTED)>()));
 #undef VANTLE_LISTED
 
 } // namespace Vantle

@@ -284,6 +284,30 @@ makeMemArray1D(const Hestra::StrongPtr<Hestra::TypedChunk<T>>& chunk,
     return MemArray<1, T>::makeMemArray(chunk, MultiIndex<1>(chunk->elements()), creator);
 }
 
+/// Calls `f` with the array as `TypedArray<T>&`, for the listed `T` that its element type is.
+///
+/// False, and `f` not called, when the handle is null, the type is not listed, or the elements are computed.
+template<class... T, class F>
+bool withTypedArray(TypeList<T...>, const Hestra::StrongPtr<MemBase>& array, F&& f) {
+    const auto attempt = [&]<class U>(TypeList<U>) {
+        auto* const typed = array->elementIndex() == typeid(U) ? dynamic_cast<TypedArray<U>*>(array.rawptr()) : nullptr;
+        if (typed) f(*typed);
+        return typed != nullptr;
+    };
+    return array && (attempt(TypeList<T>()) || ...);
+}
+/// The same with `MemArray<N, T>&`: false also when the rank is another one.
+template<int N, class... T, class F>
+bool withMemArray(TypeList<T...>, const Hestra::StrongPtr<MemBase>& array, F&& f) {
+    const auto attempt = [&]<class U>(TypeList<U>) {
+        auto* const typed =
+            array->elementIndex() == typeid(U) ? dynamic_cast<MemArray<N, U>*>(array.rawptr()) : nullptr;
+        if (typed) f(*typed);
+        return typed != nullptr;
+    };
+    return array && (attempt(TypeList<T>()) || ...);
+}
+
 // ---------------------------------------------------------------------------------------------------------------------
 
 template<class T>
@@ -415,6 +439,8 @@ VANTLE_NUMBER_ELEMENT_TYPES(VANTLE_DECLARE_NUMBERS)
 VANTLE_SPACE_ELEMENT_TYPES(VANTLE_DECLARE_CLASSES)
 VANTLE_TUPLE_ELEMENT_TYPES(VANTLE_DECLARE_CLASSES)
 VANTLE_OTHER_ELEMENT_TYPES(VANTLE_DECLARE_CLASSES)
+VANTLE_UNREGISTERED_NUMBER_TYPES(VANTLE_DECLARE_NUMBERS)
+VANTLE_UNREGISTERED_CLASS_TYPES(VANTLE_DECLARE_CLASSES)
 #undef VANTLE_DECLARE_CLASSES
 #undef VANTLE_DECLARE_NUMBERS
 #undef VANTLE_DECLARE_ARRAYS
