@@ -322,9 +322,20 @@ TEST_F(Plot3DTest, MessagesNamePlaceAndReason) {
     wrongMark[60 + 27 * 12] ^= 1;
     expectMessage(wrongMark, {"byte 384, block 1, record mark", "325 where 324 belongs"});
     expectMessage("", {"is empty"});
-    expectMessage(std::string(100, '\0'), {"byte 0", "no form", "tried big-endian", "little-endian", "not positive"});
+    expectMessage(std::string(100, '\0'), {"byte 0, header", "no form", "the integer 0 read as big-endian"});
     expectMessage("4 3 3\n0.0 1.0 2.0\n", {"looks like text"});
     expectMessage(whole + "junk", {"4 bytes follow the last value"});
+
+    for (const bool wantGrid : {true, false}) {
+        const auto file = store("other", wantGrid ? solutionBytes(form, samples.solution) : whole);
+        const std::string text = failure(file, [&] {
+            if (wantGrid)
+                readPlot3DGrid(file);
+            else
+                readPlot3DSolution(file, grid);
+        });
+        EXPECT_NE(text.find(wantGrid ? "is a solution file" : "is a grid file"), std::string::npos) << text;
+    }
 
     failure(folder / "absent", [&] { readPlot3DGrid(folder / "absent"); });
     EXPECT_NE(failure(folder, [&] { readPlot3DGrid(folder); }).find("folder"), std::string::npos);

@@ -318,10 +318,11 @@ private:
                 if (where.empty() && offset > size) where = blockText(block) + ", record mark";
             }
         return {"byte " + std::to_string(size) + ", " + where,
-                "the file ends here, of " + bytesText(candidate.end) + " that " + describe(candidate.form) + " with " +
-                    (candidate.header->extents.size() == 1 ? extentsText(candidate.header->extents[0]) + " vertices"
-                                                           : "these extents") +
-                    " needs"};
+                "the file ends here; " +
+                    (candidate.header->extents.size() == 1
+                         ? extentsText(candidate.header->extents[0]) + " vertices"
+                         : std::to_string(candidate.header->extents.size()) + " blocks") +
+                    " take " + bytesText(candidate.end) + " when it is read as " + describe(candidate.form)};
     }
 
     std::optional<Misfit> checkMarks(const Candidate& candidate) {
@@ -415,49 +416,63 @@ std::vector<Header> readHeaders(Source& source, const Plot3DOptions& options) {
     return headers;
 }
 
-// One line for all that was tried: a header per entry, with what it would need.
-std::string listTried(const std::vector<Header>& headers, const std::vector<Candidate>& candidates) {
+// What the headers that make sense ask for; those that do not, or ask for absurdly much, are only counted.
+std::string listTried(const std::vector<Header>& headers, const std::vector<Candidate>& candidates, Bytes size) {
+    constexpr Bytes kAbsurd = 1000; // times the size of the file
     std::string text;
+    std::size_t senseless = 0;
     for (const Header& header : headers) {
-        text += (text.empty() ? "" : "; ") + describeHeader(header.form) + ": ";
-        if (header.misfit) {
-            text += header.misfit->reason;
+        std::vector<Bytes> ends;
+        for (const Candidate& candidate : candidates)
+            if (candidate.header == &header && candidate.end / kAbsurd <= size) ends.push_back(candidate.end);
+        if (ends.empty()) {
+            ++senseless;
             continue;
         }
-        text += header.extents.size() == 1 ? extentsText(header.extents[0])
-                                           : std::to_string(header.extents.size()) + " blocks";
-        text += " needing";
-        const char* separator = " ";
-        for (const Candidate& candidate : candidates) {
-            if (candidate.header != &header) continue;
-            text += separator + (candidate.end == kNoLimit ? "too many" : std::to_string(candidate.end));
+        std::sort(ends.begin(), ends.end());
+        text += (text.empty() ? "" : "; ") + describeHeader(header.form) + ", " +
+                (header.extents.size() == 1 ? extentsText(header.extents[0])
+                                            : std::to_string(header.extents.size()) + " blocks");
+        const char* separator = " needs ";
+        for (const Bytes end : ends) {
+            text += separator + std::to_string(end);
             separator = " or ";
         }
-        text += " bytes";
     }
+    if (senseless > 0)
+        text += (text.empty() ? "" : "; ") + std::to_string(senseless) +
+                (senseless == 1 ? " header makes no sense" : " headers make no sense");
     return text;
 }
 
-[[noreturn]] void failWithoutFit(Source& source, const std::vector<Header>& headers,
+[[noreturn]] void failWithoutFit(Source& source, Content content, const std::vector<Header>& headers,
                                  const std::vector<Candidate>& candidates) {
     if (source.looksLikeText()) source.fail("byte 0", "looks like text; only binary PLOT3D files are read");
-    if (candidates.empty() && headers.size() == 1) source.fail(headers[0].misfit->place, headers[0].misfit->reason);
-    std::string place = "byte 0, header";
-    std::string reason = "no form of a PLOT3D file gives usable extents";
-    if (!candidates.empty()) {
-        // The reading whose end is nearest to that of the file is the likeliest to be what was meant.
-        const auto distance = [&](const Candidate& c) {
-            return c.end > source.size() ? c.end - source.size() : source.size() - c.end;
-        };
-        const auto& nearest =
-            *std::min_element(candidates.begin(), candidates.end(),
-                              [&](const auto& a, const auto& b) { return distance(a) < distance(b); });
-        place = nearest.misfit->place;
-        reason = nearest.misfit->reason;
-        if (candidates.size() == 1) source.fail(place, reason);
+    if (candidates.empty()) {
+        if (headers.size() == 1) source.fail(headers[0].misfit->place, headers[0].misfit->reason);
+        std::string reason = "no form of a PLOT3D file makes sense of its beginning";
+        if (source.holds(0, 4))
+            reason += ", the integer " + std::to_string(source.integer(0, std::endian::big)) + " read as big-endian, " +
+                      std::to_string(source.integer(0, std::endian::little)) + " as little-endian";
+        source.fail("byte 0, header", reason);
     }
-    source.fail(place, reason + " (no form fits the " + bytesText(source.size()) + " of the file; tried " +
-                           listTried(headers, candidates) + ")");
+    const bool isGrid = content == Content::grid;
+    Judge opposite(source, isGrid ? Content::solution : Content::grid, true);
+    for (const Candidate& candidate : candidates)
+        if (!opposite.judge(*candidate.header, candidate.form).misfit)
+            source.fail("", isGrid ? "is a solution file where a grid file is wanted"
+                                   : "is a grid file where a solution file is wanted");
+    // The reading whose end is nearest to that of the file is the likeliest to be what was meant.
+    const auto distance = [&](const Candidate& c) {
+        return c.end > source.size() ? c.end - source.size() : source.size() - c.end;
+    };
+    const auto& nearest = *std::min_element(candidates.begin(), candidates.end(),
+                                            [&](const auto& a, const auto& b) { return distance(a) < distance(b); });
+    std::string reason = nearest.misfit->reason;
+    if (candidates.size() > 1)
+        reason += " (the file has " + bytesText(source.size()) +
+                  "; tried: " + listTried(headers, candidates, source.size()) + ")";
+    source.fail(nearest.misfit->place, reason);
 }
 
 std::optional<Misfit> compareExtents(const Header& header, const Plot3DGrid& grid) {
@@ -517,7 +532,7 @@ Layout detect(Source& source, const Plot3DOptions& options, const Plot3DGrid* gr
         best = &candidate;
         bestRank = rank;
     }
-    if (!best) failWithoutFit(source, headers, candidates);
+    if (!best) failWithoutFit(source, content, headers, candidates);
     if (grid)
         if (const auto misfit = compareExtents(*best->header, *grid)) source.fail(misfit->place, misfit->reason);
     return {best->form, best->header->extents, best->header->dataOffset, best->end};

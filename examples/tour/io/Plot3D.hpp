@@ -26,7 +26,7 @@
 /// One thing no reader can find out: a file of one block cut exactly where its blanking begins (or behind a few zero
 /// bytes of it) is a complete file without blanking, unless Plot3DOptions says that there must be some.
 ///
-/// Failure      FileError, one line: file, place, reason, and, when no form fits, what was tried. Nothing larger than
+/// Failure      FileError, one line: file, place, reason, and, when no form fits, which were tried. Nothing larger than
 ///              the file has is allocated before the size was checked, and no partial result is returned.
 /// Limits       text files, two-dimensional files and single records of 4 GiB and more (which Fortran splits) are not
 ///              read; the error says so.
