@@ -62,7 +62,9 @@ TEST(OrvixClipping, ClipsToTheBoxExactly) {
     const Polygon hull{{-3, -3, 0}, {3, -3, 0}, {3, 3, 0}, {-3, 3, 0}};
     EXPECT_EQ(area(clipAll(hull, box)), 1.0 * 0.625);
     const Polygon inside{{-0.5, -0.25, 1}, {0.5, 0, 2}, {0, 0.375, 3}};
-    EXPECT_EQ(clipAll(inside, box), inside) << "vertices on the sides stay and are not repeated";
+    EXPECT_EQ(clipAll(inside, box), inside);
+    const Polygon touching{{-0.5, 0, 0}, {-1, 0.1, 0}, {-0.5, 0.2, 0}, {0.5, 0.1, 0}};
+    EXPECT_EQ(clipping_left(touching, box), (Polygon{touching[0], touching[2], touching[3]}));
 }
 
 // Neighbours that share an edge must meet at the same new vertex, or cracks open between them.

@@ -159,6 +159,15 @@ TEST(OrvixKDTree, MultimapKeepsTiesInPreOrder) {
     EXPECT_EQ(calls, 2);
 }
 
+// Far from the origin of a query, keys on both sides of a split are equally distant once rounded.
+TEST(OrvixKDTree, RoundingHidesNoEntry) {
+    KDTree<3, int> tree;
+    tree.insert(Key(1.0), 0);
+    tree.insert(Key(0.5), 1);
+    const Hits both{{0, 3e17}, {1, 3e17}};
+    EXPECT_EQ(search(tree, Key(1e17), Key(1e17)), both);
+}
+
 TEST(OrvixKDTree, NaNIsNeitherKeptNorFound) {
     const double nan = std::numeric_limits<double>::quiet_NaN();
     KDTree<3, int> tree;

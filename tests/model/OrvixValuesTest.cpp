@@ -24,6 +24,8 @@ static_assert(!std::is_convertible_v<Coordinates<Cartesian3D, float>::point, poi
 static_assert(!Addable<point, point> && Addable<point, vector> && !Addable<vector, point>);
 static_assert(std::is_same_v<decltype(point() - point()), vector> &&
               std::is_same_v<decltype(point() - vector()), point>);
+constexpr PhysicalSpace::Metric Upper(11, 12, 13, 22, 23, 33);
+static_assert(Upper(0, 2) == 13 && Upper(2, 0) == 13 && Upper(1, 1) == 22 && Upper(2, 1) == 23 && Upper(2, 2) == 33);
 static_assert(sizeof(ByteRGB) == 3 && sizeof(ByteRGBA) == 4 && std::is_trivially_copyable_v<ByteRGB>);
 
 TEST(OrvixValues, LengthHasTheRangeOfItsComponents) {

@@ -1,0 +1,244 @@
+#include <model/Model.hpp>
+
+#include <gtest/gtest.h>
+#include <cmath>
+#include <limits>
+
+namespace {
+
+using namespace Vantle;
+using Hestra::StrongPtr;
+using Hestra::WeakPtr;
+using Orvix::PhysicalSpace;
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+TEST(BundleTest, SlicesAreFoundByTime) {
+    const BundlePtr bundle = BundlePtr::create();
+    const auto first = bundle[0.0];
+    const auto second = bundle[2.0];
+    EXPECT_EQ(bundle[0.0], first);
+    double time = 1.5;
+    EXPECT_EQ((*bundle)(time), first);
+    EXPECT_EQ(time, 0.0);
+    time = 1e9;
+    EXPECT_EQ((*bundle)(time), second);
+    time = -1;
+    EXPECT_FALSE((*bundle)(time));
+    EXPECT_EQ(time, -1.0);
+    EXPECT_FALSE(bundle[kNaN]);
+    time = kNaN;
+    EXPECT_FALSE((*bundle)(time));
+    time = 1e9;
+    EXPECT_EQ((*bundle)(time), second) << "asking with NaN makes no slice";
+}
+
+TEST(BundleTest, HistoryOfAGrid) {
+    const BundlePtr bundle = BundlePtr::create();
+    for (double time : {0.0, 1.0, 3.0}) (*bundle[time])["flow"];
+    (void)bundle[2.0];
+    EXPECT_EQ(bundle->findMostRecentGrid(2.5, "flow"), (*bundle[1.0])("flow"));
+    EXPECT_EQ(GridSelector("flow").findMostRecentGrid(3.0, bundle), (*bundle[3.0])("flow"));
+    EXPECT_FALSE(bundle->findMostRecentGrid(5, "other"));
+    EXPECT_FALSE(bundle->findMostRecentGrid(kNaN, "flow"));
+
+    struct Times : EvolutionIterator<Grid> {
+        bool apply(const Info<Grid>& version) override {
+            seen.push_back(version.time);
+            return seen.size() < most;
+        }
+        std::vector<double> seen;
+        std::size_t most = 99;
+    };
+    Times strict, with, short_;
+    double time = 3.0;
+    EXPECT_EQ(bundle->iterateBackward(time, "flow", strict, false), 2u);
+    EXPECT_EQ(strict.seen, (std::vector<double>{1, 0}));
+    EXPECT_EQ(time, 0.0);
+    time = 3.0;
+    bundle->iterateBackward(time, "flow", with, true);
+    EXPECT_EQ(with.seen, (std::vector<double>{3, 1, 0}));
+    short_.most = 1;
+    time = 2.5;
+    EXPECT_EQ(bundle->iterateBackward(time, "flow", short_, false), 1u);
+    EXPECT_EQ(time, 1.0);
+}
+
+TEST(SliceTest, ANewGridReplacesTheOldEntry) {
+    Slice slice;
+    const auto old = slice.newGrid("g", "kind");
+    old->makeVertices(3);
+    const auto fresh = slice.newGrid("g");
+    EXPECT_NE(old, fresh);
+    EXPECT_EQ(slice("g"), fresh);
+    EXPECT_FALSE(fresh->findVertices());
+    EXPECT_TRUE(old->findVertices()) << "old handles live on";
+    EXPECT_EQ(old->type(), "kind");
+    EXPECT_FALSE(slice("missing"));
+}
+
+TEST(GridTest, VerticesOfTheHighestDimension) {
+    Grid grid;
+    EXPECT_FALSE(grid.findVertices(~0));
+    const auto surface = grid.makeVertices(2);
+    const auto volume = grid.makeVertices(3);
+    (void)grid[SkeletonID(5, 1)];
+    EXPECT_EQ(SkeletonMap::findVertices(grid, ~0), volume);
+    EXPECT_EQ(grid.findVertices(2), surface);
+    EXPECT_EQ(volume->Dims(), 3);
+    EXPECT_FALSE(grid.getSkeleton(SkeletonID(3, 2)));
+    struct Count : ConstSkeletonIterator {
+        bool apply(const SkeletonID& id, const Skeleton& skeleton) override {
+            EXPECT_EQ(id, skeleton.id());
+            return ++n < 2;
+        }
+        int n = 0;
+    } count;
+    EXPECT_FALSE(grid.iterate(count));
+    EXPECT_EQ(count.n, 2);
+}
+
+TEST(GridTest, ChartsAreFoundByTypeAndNameAndSharedInABundle) {
+    const BundlePtr bundle = BundlePtr::create();
+    const auto a = (*bundle[0])["a"];
+    const auto b = (*bundle[1])["b"];
+    const auto chart = a->makeChart(typeid(CartesianChart), "", 2);
+    EXPECT_EQ(a->makeChart(typeid(CartesianChart), "", 5), chart);
+    EXPECT_EQ(chart->level(), 2) << "the level is stored, it is not part of the key";
+    EXPECT_NE(a->makeChart(typeid(RGBAChart)), chart);
+    EXPECT_NE(a->makeChart(typeid(CartesianChart), "rotated"), chart);
+    EXPECT_FALSE(b->findCartesianChart()) << "known to the bundle, but not used by this grid";
+    EXPECT_EQ(b->makeChart(typeid(CartesianChart)), chart);
+    EXPECT_FALSE(a->makeChart(typeid(int)));
+    EXPECT_EQ(a->MinLevel(3), 0);
+    (void)a->makeCartesianRepresentation(3);
+    EXPECT_EQ(a->MaxLevel(3), 2);
+    EXPECT_EQ(a->findIsotropicRefinementFactor(1, 3), 4.0);
+}
+
+TEST(GridTest, RepresentationsAreMadeByCreatingFormsOnly) {
+    Grid grid, other;
+    const auto vertices = grid.makeVertices(3);
+    const auto cells = grid[SkeletonID(3, 1)];
+    const RepresentationMap& readOnly = *vertices;
+    EXPECT_FALSE(readOnly(WeakPtr<BaseSpace>(cells)));
+    EXPECT_FALSE(vertices->findRepresentation(*cells));
+    EXPECT_FALSE(vertices->FirstRepresentation());
+    const auto made = (*vertices)[*cells];
+    EXPECT_EQ(readOnly(WeakPtr<BaseSpace>(cells)), made);
+    EXPECT_EQ(vertices->FirstRepresentation(), made);
+    EXPECT_EQ((*vertices)[WeakPtr<BaseSpace>(cells)], made);
+    EXPECT_FALSE((*vertices)[WeakPtr<BaseSpace>()]);
+    EXPECT_NE((*cells)[*vertices], made);
+    EXPECT_FALSE(readOnly(WeakPtr<BaseSpace>(other.makeVertices(3))));
+}
+
+TEST(RepresentationTest, SlotsReadNullAndLookUpsCreateNothing) {
+    Grid grid;
+    const auto representation = grid.makeCartesianRepresentation(3);
+    EXPECT_FALSE(representation->findField("a"));
+    EXPECT_FALSE(representation->findField(std::string("a")));
+    EXPECT_FALSE((*representation)["a"]);
+    EXPECT_FALSE(representation->findFieldID("a"));
+    const StrongPtr<Field> field(new Field), second(new Field);
+    (*representation)["a"] = field;
+    EXPECT_EQ(representation->findField("a"), field);
+    EXPECT_EQ(representation->findField(representation->findFieldID("a")), field);
+    (*representation)["a"] = second;
+    EXPECT_EQ(StrongPtr<Field>((*representation)["a"]), second);
+    (*representation)["b"] = (*representation)["a"];
+    EXPECT_EQ(representation->findField("b"), second);
+
+    std::vector<std::string> names;
+    (void)representation->makeFieldID("empty");
+    representation->iterate([&](const FieldID& id, const Field&) {
+        names.push_back(id.name());
+        return true;
+    });
+    EXPECT_EQ(names, (std::vector<std::string>{"a", "b"}));
+    EXPECT_TRUE(representation->makeField(*representation->makeFieldID("empty")));
+
+    const auto other = grid[SkeletonID(3, 1)];
+    const auto shared = (*other)[*grid.findCartesianChart()];
+    EXPECT_EQ(shared->createSharedFieldID(*representation, "a"), representation->findFieldID("a"));
+    EXPECT_EQ(grid("a"), second);
+    EXPECT_EQ(grid.findVertices()->getField(nullptr, "a", grid.atlas()), second);
+    EXPECT_FALSE(grid.findVertices()->getField(nullptr, "a", grid.atlas(), {""}));
+}
+
+TEST(RepresentationTest, ThePrimaryBundleIsFoundThroughTheOwners) {
+    StrongPtr<Representation> representation;
+    WeakPtr<Bundle> weak;
+    {
+        const BundlePtr bundle = BundlePtr::create();
+        weak = bundle;
+        const auto grid = (*bundle[1.0])["g"];
+        representation = grid->makeCartesianRepresentation(3);
+        EXPECT_EQ(getPrimaryBundle(*representation), bundle);
+        bundle->bindUrl("file:somewhere");
+        EXPECT_EQ(getPrimaryBundle(*representation)->boundUrl(), "file:somewhere");
+        const auto loose = bundle->newGrid();
+        EXPECT_FALSE(getPrimaryBundle(*loose->makeCartesianRepresentation(3)));
+        EXPECT_EQ(loose->globalCharts(), grid->globalCharts());
+    }
+    EXPECT_FALSE(weak) << "nothing in the tree holds its root";
+    EXPECT_FALSE(getPrimaryBundle(*representation));
+}
+
+TEST(GridKindsTest, UniformRectilinearAndBlocks) {
+    const StrongPtr<Grid> grid(new Grid), second(new Grid), third(new Grid);
+    const auto uniform = UniformGrid3D::create(*grid, Orvix::BoundingBox({0, 0, 0}, {1, 2, 3}), {3, 5, 7});
+    const auto array = Hestra::dynamicCast<UniformCartesianArray>(uniform.positions()->getData());
+    EXPECT_EQ(array->last(), PhysicalSpace::point(1, 2, 3));
+    EXPECT_EQ(grid->CartesianPositions(), uniform.positions());
+
+    const auto rectilinear = RegularGrid3D::createRectilinear(*second, {0, 1, 4}, {0, 2}, {5});
+    using Product = DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
+    EXPECT_EQ(Hestra::dynamicCast<Product>(rectilinear.positions()->getData())->last(), PhysicalSpace::point(4, 2, 5));
+
+    RegularGrid3D blocks(third);
+    const auto block = blocks.addBlock("west", MemArray<3, PhysicalSpace::point>::create({2, 2, 2}), MultiIndex<3>{4, 0, 0});
+    blocks.setField("density", MemArray<3, double>::create({2, 2, 2}), block);
+    EXPECT_EQ((block->findInterface<FragmentLocation<3, IndexOffset>>()->offset()), (MultiIndex<3>{4, 0, 0}));
+    EXPECT_EQ(blocks.field("density")->getFragmentIDCollection(), blocks.positions()->getFragmentIDCollection());
+    EXPECT_TRUE(third->operator()("density")->hasData(block));
+    EXPECT_FALSE(blocks.addBlock("", nullptr));
+}
+
+TEST(GridKindsTest, SurfaceEdgesAreUniqueInOrderOfAppearance) {
+    const StrongPtr<Grid> grid(new Grid);
+    EXPECT_FALSE(Edges::getVerticesPerEdge(grid, true));
+    const auto surface = TriangularSurfaceWithEdges::create(
+        *grid, {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}}, {Triangle{0u, 1u, 2u}, Triangle{3u, 2u, 0u}});
+    ASSERT_TRUE(surface.edges());
+    std::string text;
+    for (index_t e = 0; e < surface.edges()->nElements(); ++e) text += surface.edges()->getElementAsString(e);
+    EXPECT_EQ(text, "{0,1}{1,2}{0,2}{2,3}{0,3}");
+    EXPECT_EQ(Edges::getVerticesPerEdge(grid), surface.edges());
+}
+
+TEST(GridKindsTest, CurvesAreStoredAsGiven) {
+    const StrongPtr<Grid> grid(new Grid);
+    const LineSet lines(grid, StrongPtr<LineSet::Points>(makeMemArray1D(std::vector<PhysicalSpace::point>(3))),
+                        StrongPtr<MemArray<1, std::vector<unsigned>>>(
+                            makeMemArray1D(std::vector<std::vector<unsigned>>{{0, 1, 2}})));
+    EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, std::vector<unsigned>>>(lines.curves()->getData())));
+    EXPECT_EQ(lines.positions()->getData()->nElements(), 3u);
+    const StrongPtr<Grid> empty(new Grid);
+    EXPECT_TRUE(LineSet::setupStandardFields(empty).curves());
+}
+
+TEST(GridKindsTest, PointCloudsFallIntoTheirLatticeCells) {
+    StrongPtr<Grid> grid(new Grid);
+    const StrongPtr<Orvix::BoundingBox> box(new Orvix::BoundingBox({0, 0, 0}, {2, 2, 0}));
+    auto cloud = RegularlyFragmentedClusteredPointCloudGrid::create(grid, {2, 2, 1}, box);
+    EXPECT_EQ(cloud.setPoints({{0, 0, 0}, {1, 0.5, 0}, {2, 2, 0}, {3, 0, 0}, {kNaN, 0, 0}}), 3u);
+    const auto positions = cloud.positions();
+    ASSERT_EQ(positions->nFragments(), 4u);
+    EXPECT_EQ(positions->getData(positions->getFragmentID("[1x0x0]"))->nElements(), 1u);
+    EXPECT_EQ(positions->getData(positions->getFragmentID("[1x1x0]"))->nElements(), 1u);
+    EXPECT_EQ(positions->getData(positions->getFragmentID("[0x1x0]"))->nElements(), 0u);
+    StrongPtr<Grid> none;
+    EXPECT_FALSE(RegularlyFragmentedClusteredPointCloudGrid::create(none, {1, 1, 1}, box));
+}
+
+} // namespace
