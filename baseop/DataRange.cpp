@@ -1,0 +1,194 @@
+#include <baseop/DataRange.hpp>
+#include <baseop/detail/Extremes.hpp>
+#include <model/hestra/Profiler.hpp>
+#include <model/vantle/CreativeArray.hpp>
+#include <model/vantle/TypedArray.hpp>
+
+#include <algorithm>
+#include <omp.h>
+#include <type_traits>
+#include <vector>
+
+namespace Vantle {
+
+using Hestra::StrongPtr;
+using Hestra::WeakPtr;
+
+namespace {
+
+template<class T>
+struct MinMax {
+    T min;
+    T max;
+
+    /// The step that defines the result. Not std::min: of equal values the later one stays, and NaN replaces.
+    void fold(T x) noexcept {
+        min = (min < x) ? min : x;
+        max = (max > x) ? max : x;
+    }
+};
+
+template<class T>
+struct Piece {
+    const T* begin = nullptr;
+    std::size_t size = 0;
+
+    /// The last zero, whichever its sign. There is one.
+    [[nodiscard]] T lastZero() const noexcept {
+        std::size_t i = size;
+        while (begin[--i] != T{}) {
+        }
+        return begin[i];
+    }
+};
+
+/// Folds contiguous elements in order: the same result as `fold` on one after the other, from vector lanes.
+///
+/// Lanes find the extremes of a piece without NaN exactly, up to the sign of zero. The fold keeps the last of equal
+/// values, so a zero's sign is looked up in the last piece that an extreme came from. And it forgets everything when it
+/// meets a NaN, so a piece with NaN counts from its last one on.
+template<class T>
+void foldContiguous(MinMax<T>& result, const T* elements, std::size_t count) noexcept {
+    constexpr std::size_t kPiece = detail::kExtremesPieceBytes / sizeof(T);
+    [[maybe_unused]] Piece<T> minimumCameFrom, maximumCameFrom;
+    for (std::size_t begin = 0; begin < count; begin += kPiece) {
+        Piece<T> piece{elements + begin, std::min(kPiece, count - begin)};
+        detail::Extremes<T, 1> found = detail::findExtremes<T, 1>(piece.begin, piece.size);
+        if constexpr (std::is_floating_point_v<T>)
+            if (found.hasNaN) {
+                std::size_t last = piece.size - 1;
+                while (piece.begin[last] == piece.begin[last]) --last;
+                result.min = result.max = piece.begin[last];
+                piece = {piece.begin + last + 1, piece.size - last - 1};
+                if (piece.size == 0) continue;
+                found = detail::findExtremes<T, 1>(piece.begin, piece.size);
+            }
+        if (!(result.min < found.min[0])) {
+            result.min = found.min[0];
+            minimumCameFrom = piece;
+        }
+        if (!(result.max > found.max[0])) {
+            result.max = found.max[0];
+            maximumCameFrom = piece;
+        }
+    }
+    if constexpr (std::is_floating_point_v<T>) {
+        if (result.min == T{} && minimumCameFrom.size) result.min = minimumCameFrom.lastZero();
+        if (result.max == T{} && maximumCameFrom.size) result.max = maximumCameFrom.lastZero();
+    }
+}
+
+/// One thread's part of the result. On a cache line of its own: neighbours are written by other threads.
+template<class T>
+struct alignas(64) Slot {
+    MinMax<T> partial;
+    bool done = false;
+};
+
+template<class T>
+MinMax<T> rangeOf(const Iterator<T>& elements) {
+    const index_t count = elements.size();
+    const T first = elements[0];
+    std::vector<Slot<T>> slots(static_cast<std::size_t>(std::max(1, omp_get_max_threads())));
+
+#pragma omp parallel default(none) shared(elements, slots, count, first)
+    {
+        const auto threads = static_cast<index_t>(omp_get_num_threads());
+        const auto thread = static_cast<index_t>(omp_get_thread_num());
+        const index_t each = (count - 1) / threads, more = (count - 1) % threads;
+        const index_t begin = 1 + thread * each + std::min(thread, more);
+        const index_t end = begin + each + (thread < more ? 1 : 0);
+
+        MinMax<T> partial{first, first};
+        if (elements.contiguous())
+            foldContiguous(partial, elements.first() + begin, static_cast<std::size_t>(end - begin));
+        else
+            for (index_t i = begin; i < end; ++i) partial.fold(elements[i]);
+        if (thread < slots.size()) slots[static_cast<std::size_t>(thread)] = {partial, true};
+    }
+
+    MinMax<T> result{first, first};
+    for (const Slot<T>& slot : slots) {
+        if (!slot.done) continue;
+        if (!(slot.partial.min >= result.min)) result.min = slot.partial.min;
+        if (slot.partial.max > result.max) result.max = slot.partial.max;
+    }
+    return result;
+}
+
+} // namespace
+
+template<class T>
+DataRange<T>::DataRange(T min, T max) : myMin(min), myMax(max) {}
+template<class T>
+DataRange<T>::~DataRange() = default;
+
+template<class T>
+WeakPtr<DataRange<T>> DataRange<T>::compute(CreativeArrayBase& creator, bool requestInBackground, bool doNotCreate) {
+    const Hestra::Profiler scope("baseop/DataRange", __LINE__, "DataRange::compute(creator)", __PRETTY_FUNCTION__);
+    const StrongPtr<VantleTypeBase> type = creator.getVantleType();
+    if (!type || !type->isType(typeid(T))) return {};
+
+    StrongPtr<MemBase> data = creator.cachedData();
+    if (!data) {
+        if (doNotCreate) return {};
+        if (requestInBackground) {
+            StrongPtr<MemBase> later;
+            creator.request(later);
+            return {};
+        }
+        data = creator.create(false);
+    }
+    const auto* const array = dynamic_cast<const TypedArray<T>*>(data.rawptr());
+    if (!array || array->getIterator().empty()) return {};
+
+    const MinMax<T> found = rangeOf<T>(array->getIterator());
+    const StrongPtr<DataRange> range(new DataRange(found.min, found.max));
+    creator.addInterface(range);
+    range->raiseAge(creator.age());
+    creator.setAttribute("Range", StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<T>{found.min, found.max}));
+    return range;
+}
+
+template<class T>
+WeakPtr<DataRange<T>> DataRange<T>::get(const CreativeArrayBase& creator) {
+    const StrongPtr<DataRange> range = creator.findInterface<DataRange>();
+    if (!range || range->age() < creator.age()) return {};
+    return range;
+}
+
+template<class T>
+WeakPtr<DataRange<T>> DataRange<T>::retrieve(CreativeArrayBase& creator, bool requestInBackground, bool doNotCreate) {
+    if (WeakPtr<DataRange> known = get(creator)) return known;
+    return compute(creator, requestInBackground, doNotCreate);
+}
+
+template<class T>
+void DataRange<T>::expandRange(const StrongPtr<DataRangeBase>& other) noexcept {
+    const auto* const same = dynamic_cast<const DataRange*>(other.rawptr());
+    if (!same) return;
+    if (!(same->myMin >= myMin)) myMin = same->myMin;
+    if (same->myMax > myMax) myMax = same->myMax;
+    raiseAge(same->age());
+}
+
+template<class T>
+double DataRange<T>::getMinf() const {
+    return static_cast<double>(myMin);
+}
+template<class T>
+double DataRange<T>::getMaxf() const {
+    return static_cast<double>(myMax);
+}
+template<class T>
+std::pair<double, double> DataRange<T>::getFloatDataRange() const {
+    return {getMinf(), getMaxf()};
+}
+
+template class DataRange<double>;
+template class DataRange<float>;
+template class DataRange<unsigned char>;
+template class DataRange<unsigned short>;
+template class DataRange<short>;
+
+} // namespace Vantle

@@ -1,0 +1,94 @@
+#include <baseop/detail/Extremes.hpp>
+
+#include <cstring>
+#include <type_traits>
+
+namespace Vantle::detail {
+
+namespace {
+
+template<class T, int Period>
+[[gnu::always_inline]] inline void widen(Extremes<T, Period>& result, int component, T x) noexcept {
+    result.min[component] = x < result.min[component] ? x : result.min[component];
+    result.max[component] = x > result.max[component] ? x : result.max[component];
+    if constexpr (std::is_floating_point_v<T>) result.hasNaN |= x != x;
+}
+
+// Bytes is the width of one vector register. Six of them at a time hide the latency of the comparisons, fit into
+// sixteen registers with their two extremes, and hold whole points whatever the width.
+template<class T, int Period, int Bytes>
+[[gnu::always_inline]] inline void findInLanes(const T* numbers, std::size_t count,
+                                               Extremes<T, Period>& result) noexcept {
+    typedef T Vector __attribute__((vector_size(Bytes)));
+    constexpr int kVectors = 6;
+    constexpr int kLanes = Bytes / static_cast<int>(sizeof(T));
+    constexpr std::size_t kStep = kVectors * kLanes;
+    static_assert(kStep % Period == 0);
+
+    for (int c = 0; c < Period; ++c) result.min[c] = result.max[c] = numbers[c];
+    result.hasNaN = false;
+    std::size_t done = 0;
+    if (count >= kStep) {
+        Vector least[kVectors], greatest[kVectors];
+        std::memcpy(least, numbers, sizeof least);
+        std::memcpy(greatest, numbers, sizeof greatest);
+        auto nan = least[0] != least[0]; // integer lanes of the same width, all bits set for true
+        for (; done + kStep <= count; done += kStep)
+#pragma GCC unroll 6
+            for (int v = 0; v < kVectors; ++v) {
+                Vector x;
+                std::memcpy(&x, numbers + done + v * kLanes, sizeof x);
+                least[v] = x < least[v] ? x : least[v];
+                greatest[v] = x > greatest[v] ? x : greatest[v];
+                if constexpr (std::is_floating_point_v<T>) nan |= x != x;
+            }
+        for (int i = 0; i < static_cast<int>(kStep); ++i) {
+            widen(result, i % Period, least[i / kLanes][i % kLanes]);
+            widen(result, i % Period, greatest[i / kLanes][i % kLanes]);
+        }
+        for (int i = 0; i < kLanes; ++i) result.hasNaN |= nan[i] != 0;
+    }
+    for (; done < count; ++done) widen(result, static_cast<int>(done % Period), numbers[done]);
+}
+
+template<class T, int Period>
+void findNarrow(const T* numbers, std::size_t count, Extremes<T, Period>& result) noexcept {
+    findInLanes<T, Period, 16>(numbers, count, result);
+}
+
+#if defined(__x86_64__) || defined(__i386__)
+template<class T, int Period>
+[[gnu::target("avx2")]] void findWide(const T* numbers, std::size_t count, Extremes<T, Period>& result) noexcept {
+    findInLanes<T, Period, 32>(numbers, count, result);
+}
+
+template<class T, int Period>
+auto chooseSearch() noexcept {
+    return __builtin_cpu_supports("avx2") ? &findWide<T, Period> : &findNarrow<T, Period>;
+}
+#else
+template<class T, int Period>
+auto chooseSearch() noexcept {
+    return &findNarrow<T, Period>;
+}
+#endif
+
+} // namespace
+
+template<class T, int Period>
+Extremes<T, Period> findExtremes(const T* numbers, std::size_t count) noexcept {
+    static const auto search = chooseSearch<T, Period>();
+    Extremes<T, Period> result;
+    search(numbers, count, result);
+    return result;
+}
+
+template Extremes<double, 1> findExtremes(const double*, std::size_t) noexcept;
+template Extremes<float, 1> findExtremes(const float*, std::size_t) noexcept;
+template Extremes<unsigned char, 1> findExtremes(const unsigned char*, std::size_t) noexcept;
+template Extremes<unsigned short, 1> findExtremes(const unsigned short*, std::size_t) noexcept;
+template Extremes<short, 1> findExtremes(const short*, std::size_t) noexcept;
+template Extremes<double, 3> findExtremes(const double*, std::size_t) noexcept;
+template Extremes<float, 3> findExtremes(const float*, std::size_t) noexcept;
+
+} // namespace Vantle::detail

@@ -1,0 +1,8 @@
+#include <model/vantle/DataRangeBase.hpp>
+
+namespace Vantle {
+
+DataRangeBase::DataRangeBase() = default;
+DataRangeBase::~DataRangeBase() = default;
+
+} // namespace Vantle

@@ -1,0 +1,29 @@
+#pragma once
+/// The base of value ranges, through which a range is attached and asked without knowing its element type.
+
+#include <model/hestra/Ageable.hpp>
+#include <model/hestra/Interface.hpp>
+
+#include <utility>
+
+namespace Vantle {
+
+/// Least and greatest value of one array, of whatever element type, with the age of the data they were taken from.
+///
+/// Ranges of all element types are attached under this one domain: a creator carries at most one.
+class VANTLE_MODEL_API DataRangeBase : public Hestra::Interface<DataRangeBase>, public Hestra::Ageable {
+public:
+    DataRangeBase();
+    ~DataRangeBase() override;
+
+    /// Widens this range by another one of the same element type; ignores any other and the null handle.
+    virtual void expandRange(const Hestra::StrongPtr<DataRangeBase>& other) noexcept = 0;
+    /// The least value as a double.
+    [[nodiscard]] virtual double getMinf() const = 0;
+    /// The greatest value as a double.
+    [[nodiscard]] virtual double getMaxf() const = 0;
+    /// Both, the least first.
+    [[nodiscard]] virtual std::pair<double, double> getFloatDataRange() const = 0;
+};
+
+} // namespace Vantle
