@@ -70,7 +70,7 @@ TEST(OrvixCellMap, InvertsProjectiveImagesOfTheCube) {
 
 TEST(OrvixCellMap, MapsFiveCornersOfAnyCell) {
     std::mt19937 random(4);
-    std::uniform_real_distribution<double> number(-0.3, 0.3);
+    std::uniform_real_distribution<double> number(-0.15, 0.15);
     for (int round = 0; round < 2000; ++round) {
         Cell cell;
         for (int n = 0; n < 8; ++n)
@@ -78,9 +78,7 @@ TEST(OrvixCellMap, MapsFiveCornersOfAnyCell) {
                 point((n & 1) + number(random), (n >> 1 & 1) + number(random), (n >> 2) + number(random));
         for (const int n : {0, 1, 2, 4, 7}) {
             const point uvw(n & 1, n >> 1 & 1, n >> 2);
-            const point found = cell.map(cell.corner[n >> 2][n >> 1 & 1][n & 1]);
-            if (allNaN(found)) continue; // the opposite corner bent too far inwards
-            ASSERT_LE(distance(found, uvw), 1e-12) << n;
+            ASSERT_LE(distance(cell.map(cell.corner[n >> 2][n >> 1 & 1][n & 1]), uvw), 1e-13) << n;
         }
     }
 }
@@ -108,21 +106,7 @@ TEST(OrvixCellMap, CellsWithoutAUsableMapHoldNoPoint) {
     EXPECT_TRUE(std::isnan(wedge.map(point(NAN, 0, 0))[0]));
 }
 
-TEST(OrvixCellMap, InverseUndoesTheFrameInBothForms) {
-    std::mt19937 random(9);
-    std::uniform_real_distribution<double> number(-1, 1);
-    for (int round = 0; round < 1000; ++round) {
-        vector column[3];
-        for (vector& c : column) c = vector(number(random), number(random), number(random));
-        const double det = dot(column[0], cross(column[1], column[2]));
-        if (std::fabs(det) < 1e-3) continue;
-        const Quadratic<3, double> inverse = invert3x3(column[0], column[1], column[2]);
-        Quadratic<3, double> quiet;
-        ASSERT_TRUE(tryInvert3x3(quiet, column[0], column[1], column[2]));
-        ASSERT_EQ(inverse, quiet);
-        for (int i = 0; i < 3; ++i)
-            for (int j = 0; j < 3; ++j) ASSERT_NEAR((inverse * column[j])[i], i == j, 1e-15 / std::fabs(det) * 10);
-    }
+TEST(OrvixCellMap, FlatFramesHaveNoInverse) {
     const vector x(1, 0, 0), y(0, 1, 0);
     for (const double height : {0.0, 0.99e-10, -0.99e-10}) {
         Quadratic<3, double> untouched(1, 2, 3, 4, 5, 6, 7, 8, 9);
