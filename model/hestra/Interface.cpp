@@ -47,7 +47,7 @@ std::vector<StrongPtr<InterfaceBase>> Intercube::snapshot() const {
     return myEntries;
 }
 
-void Intercube::iterate(InterfaceIterationParameter& parameter) {
+void Intercube::iterateInterfaces(InterfaceIterationParameter& parameter) {
     parameter.container = this;
     for (const auto& entry : snapshot()) {
         entry->apply(parameter);
@@ -55,7 +55,7 @@ void Intercube::iterate(InterfaceIterationParameter& parameter) {
     }
 }
 
-void Intercube::iterate(InterfaceIterationParameter& parameter) const {
+void Intercube::iterateInterfaces(InterfaceIterationParameter& parameter) const {
     parameter.container = this;
     for (const auto& entry : snapshot()) {
         entry->apply_const(parameter);

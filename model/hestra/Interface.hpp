@@ -24,7 +24,7 @@ public:
     ~InterfaceBase() override;
     /// The type under which this object is attached: at most one object a domain and container.
     [[nodiscard]] virtual const std::type_info& getInterfaceDomain() const = 0;
-    /// Called once an interface by `Intercube::iterate`; the default does nothing.
+    /// Called once an interface by `Intercube::iterateInterfaces`; the default does nothing.
     virtual void apply(InterfaceIterationParameter&) {}
     virtual void apply_const(InterfaceIterationParameter&) const {}
 };
@@ -61,8 +61,8 @@ public:
     /// Detaches the interface of this domain; false if there was none.
     bool removeInterface(const std::type_info& domain) const;
     /// Calls `apply` (or `apply_const`) on every interface, in order of attachment, over a snapshot.
-    void iterate(InterfaceIterationParameter& parameter);
-    void iterate(InterfaceIterationParameter& parameter) const;
+    void iterateInterfaces(InterfaceIterationParameter& parameter);
+    void iterateInterfaces(InterfaceIterationParameter& parameter) const;
     /// Attaches here everything that `other` carries.
     void takeOver(const Intercube& other) const;
 

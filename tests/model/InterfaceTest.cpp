@@ -65,10 +65,10 @@ TEST(InterfaceTest, IterationCallsEachOnceAndStopsOnDemand) {
     cube.addInterface(handle(size));
     cube.addInterface(handle(other));
     Hestra::InterfaceIterationParameter parameter;
-    cube.iterate(parameter);
+    cube.iterateInterfaces(parameter);
     EXPECT_EQ(size->value, 2);
     size->stopHere = true;
-    cube.iterate(parameter);
+    cube.iterateInterfaces(parameter);
     EXPECT_TRUE(parameter.stop);
 }
 
