@@ -17,7 +17,7 @@ using Explicit = ExplicitCoordinateAxisArray<double>;
 using Uniform = DirectProductMemArray<PhysicalSpace::point, LinearCoordinateAxisArray, 3>;
 using Rectilinear = DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
 constexpr double infinity = std::numeric_limits<double>::infinity();
-constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
 
 std::vector<double> randomAxis(std::mt19937_64& random, std::size_t count, bool ascending) {
     std::uniform_real_distribution<double> number(-50, 50);
@@ -63,7 +63,7 @@ TEST(ArrayAxesTest, LinearIndexIsAnUnclampedQuotient) {
         EXPECT_EQ(axis.getIndex(x), (x - 10.0) / 0.1);
         EXPECT_EQ(axis.getFractionalIndex(x), axis.getIndex(x));
     }
-    EXPECT_TRUE(std::isnan(axis.getIndex(nan)));
+    EXPECT_TRUE(std::isnan(axis.getIndex(notANumber)));
     EXPECT_EQ(Linear(10.0, 0.0, 5).getIndex(12.0), 0.0);
     EXPECT_EQ(Linear(10.0, -2.0, 5).getIndex(4.0), 3.0);
     const Linear single = Linear::spanning(1.0, 3.0, 1);
@@ -101,8 +101,8 @@ TEST(ArrayAxesTest, ExplicitAxisFindsItsNodesExactly) {
         EXPECT_LT(axis.getIndex(below), 0.0);
         EXPECT_NEAR(axis.getFractionalIndex(values.back() + 3 * (values.back() - values[count - 2])), last + 3, 1e-9);
         EXPECT_NEAR(axis.getFractionalIndex(values[0] - 2 * (values[1] - values[0])), -2, 1e-9);
-        EXPECT_TRUE(std::isnan(axis.getFractionalIndex(nan)));
-        EXPECT_TRUE(std::isnan(axis.getIndex(nan)));
+        EXPECT_TRUE(std::isnan(axis.getFractionalIndex(notANumber)));
+        EXPECT_TRUE(std::isnan(axis.getIndex(notANumber)));
     }
 }
 
@@ -111,7 +111,7 @@ TEST(ArrayAxesTest, DegenerateExplicitAxes) {
     EXPECT_EQ(single.getIndex(5.0), 0.0);
     EXPECT_EQ(single.getIndex(4.0), -infinity);
     EXPECT_EQ(single.getIndex(6.0), infinity);
-    EXPECT_TRUE(std::isnan(single.getIndex(nan)));
+    EXPECT_TRUE(std::isnan(single.getIndex(notANumber)));
     const Explicit repeated({1.0, 1.0, 2.0, 2.0});
     EXPECT_EQ(repeated.getFractionalIndex(1.5), 1.5);
     EXPECT_EQ(repeated.getFractionalIndex(2.0), 3.0);
@@ -120,7 +120,7 @@ TEST(ArrayAxesTest, DegenerateExplicitAxes) {
     EXPECT_TRUE(std::isnan(Explicit().getIndex(1.0)));
     EXPECT_EQ(Explicit().first(), 0.0);
     // Values without order give no answer, but no harm either.
-    (void)Explicit({nan, 1.0, nan, -3.0}).getIndex(0.5);
+    (void)Explicit({notANumber, 1.0, notANumber, -3.0}).getIndex(0.5);
 }
 
 TEST(ArrayAxesTest, DirectProductIsNoTypedArray) {
