@@ -99,8 +99,9 @@ TEST(ArrayTypeTest, AnotherLibraryRegistersItsOwnTypes) {
 
 TEST(ArrayTypeTest, CreateUnderstandsItsOwnNames) {
     const StrongPtr<MemBase> array = MemArray<2, float>::create({2, 2});
+    const MemBase& object = *array;
     for (const std::type_info* name :
-         {&typeid(void), &typeid(float), &typeid(TypedArray<float>::reference_domain_t), &typeid(*array)})
+         {&typeid(void), &typeid(float), &typeid(TypedArray<float>::reference_domain_t), &typeid(object)})
         EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, float>>(array->create(MultiIndex<1>(3), *name)))) << name->name();
     EXPECT_FALSE(array->create(MultiIndex<1>(3), typeid(ArrayTypeTest_CreateUnderstandsItsOwnNames_Test)));
 }
