@@ -9,13 +9,20 @@
 #include <cxxabi.h>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace Hestra {
 
 namespace {
 
+thread_local constinit std::string* capturedText = nullptr;
+
 void writeOut(const char* text, std::size_t length) {
+    if (capturedText) {
+        capturedText->append(text, length);
+        return;
+    }
     std::fwrite(text, 1, length, stdout);
     std::fflush(stdout);
 }
@@ -69,6 +76,12 @@ void Console::puts(std::string_view text) {
         writeOut(line.data(), line.size());
     }
 }
+
+void Console::write(std::string_view text) { writeOut(text.data(), text.size()); }
+
+MessageCapture::MessageCapture(std::string& target) noexcept : myOuter(std::exchange(capturedText, &target)) {}
+MessageCapture::~MessageCapture() { capturedText = myOuter; }
+std::string* MessageCapture::current() noexcept { return capturedText; }
 
 int getEnvInteger(const char* name, const char* description, int fallback) {
     {

@@ -21,6 +21,28 @@ public:
     [[gnu::format(printf, 1, 2)]] static void print(const char* format, ...);
     /// Writes `text` and a line end in one call, and flushes.
     static void puts(std::string_view text);
+    /// Writes `text` as it is in one call, and flushes.
+    static void write(std::string_view text);
+};
+
+/// Collects the messages of the thread that makes it, as long as it lives: they are appended to a text instead of
+/// being written. The innermost one counts.
+///
+/// For loops that run in parallel and yet report in the order of a serial one, and for messages so many that writing
+/// each by itself would cost more than the work they tell about.
+class VANTLE_MODEL_API MessageCapture {
+public:
+    /// Appends to `target`, which outlives this object.
+    explicit MessageCapture(std::string& target) noexcept;
+    MessageCapture(const MessageCapture&) = delete;
+    MessageCapture& operator=(const MessageCapture&) = delete;
+    ~MessageCapture();
+
+    /// What the calling thread's messages are appended to; null when they are written at once.
+    [[nodiscard]] static std::string* current() noexcept;
+
+private:
+    std::string* myOuter;
 };
 
 /// The environment variable `name` as a decimal integer.

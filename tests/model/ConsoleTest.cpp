@@ -18,6 +18,32 @@ TEST(ConsoleTest, WritesTextsAsTheyAreOfAnyLength) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "a7b\n100% as is\n<" + longText + ">" + longText + "\n");
 }
 
+// Each thread collects its own messages, and the innermost collector gets them.
+TEST(ConsoleTest, MessagesOfAThreadCanBeCaptured) {
+    testing::internal::CaptureStdout();
+    std::string outer, inner, other;
+    {
+        const Hestra::MessageCapture capture(outer);
+        Hestra::Console::puts("one");
+        {
+            const Hestra::MessageCapture nested(inner);
+            EXPECT_EQ(Hestra::MessageCapture::current(), &inner);
+            Hestra::Console::print("%d", 2);
+        }
+        Hestra::Console::write("three\n");
+        std::thread([&] {
+            EXPECT_EQ(Hestra::MessageCapture::current(), nullptr);
+            const Hestra::MessageCapture own(other);
+            Hestra::Console() << "four";
+        }).join();
+    }
+    Hestra::Console::write("five");
+    EXPECT_EQ(outer, "one\nthree\n");
+    EXPECT_EQ(inner, "2");
+    EXPECT_EQ(other, "four");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "five");
+}
+
 TEST(EnvironmentTest, OnlyWholeDecimalIntegersCount) {
     const auto value = [](const char* text) {
         setenv("VANTLE_TEST_SETTING", text, 1);
