@@ -29,7 +29,7 @@ public:
         : myElements(elements), mySize(size), myStride(stride) {}
     /// Element k is creator.create(offset + k).
     constexpr MultiArrayBase(const DataCreator<T>& creator, const MultiIndex<N>& size, index_t offset = 0) noexcept
-        : mySize(size), myCreator(&creator), myOffset(offset) {}
+        : MultiArrayBase(nullptr, size, 0, &creator, offset) {}
     /// The same elements seen as another type with the same storage form, for example points as vectors.
     template<class U>
     requires(!std::is_same_v<T, U> && std::is_same_v<ElementStorage<U>, storage_type>)
@@ -66,15 +66,19 @@ public:
         MultiIndex<N - 1> size;
         for (int axis = 0; axis < N - 1; ++axis) size[axis] = mySize[axis];
         const index_t first = index * size.product();
-        if (myCreator) [[unlikely]]
-            return MultiArrayBase<N - 1, T>(*myCreator, size, myOffset + first);
-        return MultiArrayBase<N - 1, T>(myElements + first * myStride, size, myStride);
+        return MultiArrayBase<N - 1, T>(myElements + first * myStride, size, myStride, myCreator, myOffset + first);
     }
 
-protected:
+private:
+    template<int, class>
+    friend class MultiArrayBase;
+    constexpr MultiArrayBase(const storage_type* elements, const MultiIndex<N>& size, index_t stride,
+                             const DataCreator<T>* creator, index_t offset) noexcept
+        : myElements(elements), mySize(size), myStride(stride), myCreator(creator), myOffset(offset) {}
+
     const storage_type* myElements = nullptr;
     MultiIndex<N> mySize;
-    index_t myStride = 1;
+    index_t myStride = 1; // 0 without memory, so that null stays null
     const DataCreator<T>* myCreator = nullptr;
     index_t myOffset = 0;
 };
@@ -99,10 +103,10 @@ public:
     }
 
     [[nodiscard]] constexpr T& operator[](const MultiIndex<N>& index) noexcept {
-        return myWritable[index.linear(this->mySize) * this->myStride];
+        return myWritable[index.linear(this->Size()) * this->stride()];
     }
     [[nodiscard]] constexpr const T& operator[](const MultiIndex<N>& index) const noexcept {
-        return myWritable[index.linear(this->mySize) * this->myStride];
+        return myWritable[index.linear(this->Size()) * this->stride()];
     }
     [[nodiscard]] constexpr T& operator()(index_of<Axis>... index) noexcept { return (*this)[MultiIndex<N>(index...)]; }
     [[nodiscard]] constexpr const T& operator()(index_of<Axis>... index) const noexcept {
