@@ -1,15 +1,13 @@
 #include <baseop/DataRange.hpp>
 #include <model/vantle/DirectProduct.hpp>
-#include <support/Creators.hpp>
-
-#include <gtest/gtest.h>
 
 #include <bit>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <limits>
-#include <random>
-
 #include <omp.h>
+#include <random>
+#include <support/Creators.hpp>
 
 using namespace Vantle;
 using Hestra::StrongPtr;
