@@ -49,10 +49,11 @@ struct Piece {
 /// meets a NaN, so a piece with NaN counts from its last one on.
 template<class T>
 void foldContiguous(MinMax<T>& result, const T* elements, std::size_t count) noexcept {
-    constexpr std::size_t kPiece = detail::kExtremesPieceBytes / sizeof(T);
+    // Integers leave nothing to look up again.
+    const std::size_t pieceSize = std::is_floating_point_v<T> ? detail::kExtremesPieceBytes / sizeof(T) : count;
     [[maybe_unused]] Piece<T> minimumCameFrom, maximumCameFrom;
-    for (std::size_t begin = 0; begin < count; begin += kPiece) {
-        Piece<T> piece{elements + begin, std::min(kPiece, count - begin)};
+    for (std::size_t begin = 0; begin < count; begin += pieceSize) {
+        Piece<T> piece{elements + begin, std::min(pieceSize, count - begin)};
         detail::Extremes<T, 1> found = detail::findExtremes<T, 1>(piece.begin, piece.size);
         if constexpr (std::is_floating_point_v<T>)
             if (found.hasNaN) {

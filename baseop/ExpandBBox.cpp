@@ -48,7 +48,7 @@ public:
 };
 
 StrongPtr<BoundingBox> attachedBox(const Hestra::Intercube& owner) {
-    return Hestra::dynamicCast<BoundingBox>(owner.findInterface<BoundingBall>());
+    return Hestra::dynamicCast<BoundingBox>(owner.findInterface(typeid(BoundingBall)));
 }
 
 void widen(StrongPtr<BoundingBox>& box, const BoundingBox& by) {
@@ -188,6 +188,8 @@ StrongPtr<BoundingBox> boxOf(Field& field) {
     if (const auto record = field.findInterface<BoundingBoxAge>(); box && record && record->age >= field.age())
         return box;
 
+    const Hestra::Profiler scope("baseop/ExpandBBox", __LINE__, "BBoxExpander::expand(field, result)",
+                                 __PRETTY_FUNCTION__);
     BBoxExpander fragments;
     field.iterate(fragments);
     box = fragments.box();
@@ -275,8 +277,6 @@ bool BBoxExpander::apply(const StrongPtr<FragmentID>&, const StrongPtr<CreativeA
 }
 
 bool BBoxExpander::expand(Field& field, StrongPtr<BoundingBox>& result) {
-    const Hestra::Profiler scope("baseop/ExpandBBox", __LINE__, "BBoxExpander::expand(field, result)",
-                                 __PRETTY_FUNCTION__);
     if (const StrongPtr<BoundingBox> box = boxOf(field)) {
         widen(result, *box);
         widen(myBox, *box);
@@ -285,7 +285,9 @@ bool BBoxExpander::expand(Field& field, StrongPtr<BoundingBox>& result) {
 }
 
 bool expandBoundingBox(StrongPtr<BoundingBox>& box, const StrongPtr<Field>& field) {
-    return field && BBoxExpander().expand(*field, box);
+    if (!field) return false;
+    if (const StrongPtr<BoundingBox> known = boxOf(*field)) widen(box, *known);
+    return true;
 }
 
 bool expandBoundingBox(const StrongPtr<Field>& field, StrongPtr<BoundingBox>& box) {
@@ -294,7 +296,7 @@ bool expandBoundingBox(const StrongPtr<Field>& field, StrongPtr<BoundingBox>& bo
 
 StrongPtr<BoundingBox> getBoundingBox(Field& field) {
     StrongPtr<BoundingBox> box;
-    BBoxExpander().expand(field, box);
+    if (const StrongPtr<BoundingBox> known = boxOf(field)) widen(box, *known);
     return box;
 }
 

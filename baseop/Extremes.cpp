@@ -42,7 +42,12 @@ template<class T, int Period, int Bytes>
                 greatest[v] = x > greatest[v] ? x : greatest[v];
                 if constexpr (std::is_floating_point_v<T>) nan |= x != x;
             }
-        for (int i = 0; i < static_cast<int>(kStep); ++i) {
+        // Registers whose numbers differ by a multiple of the period hold the same components.
+        for (int v = Period; v < kVectors; ++v) {
+            least[v % Period] = least[v] < least[v % Period] ? least[v] : least[v % Period];
+            greatest[v % Period] = greatest[v] > greatest[v % Period] ? greatest[v] : greatest[v % Period];
+        }
+        for (int i = 0; i < Period * kLanes; ++i) {
             widen(result, i % Period, least[i / kLanes][i % kLanes]);
             widen(result, i % Period, greatest[i / kLanes][i % kLanes]);
         }
