@@ -1,0 +1,52 @@
+#pragma once
+/// Exact point location in one curvilinear block.
+
+#include <baseop/BaseOpExport.hpp>
+#include <model/hestra/Reference.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <memory>
+
+namespace Vantle {
+
+/// Finds the cell of a curvilinear block that contains a point, and inverts the trilinear map of that cell.
+///
+/// Every position within the block is found, whatever the shape of its cells, as long as they are not degenerate. A
+/// position on a common face belongs to the cell that comes first, i fastest.
+///
+/// Degenerate   cells with a corner that is not finite contain nothing. In cells that are flat, folded or turned
+///              inside out a position may be found at any of the places that are mapped to it, or not at all.
+/// Failure      silent.
+/// Concurrency  immutable once constructed: queries may come from any number of threads.
+/// Cost         about 9 bytes a cell, built in a few passes over the vertices. A query tests the boxes of some cells,
+///              and solves in the one or two that remain; nothing is allocated.
+class VANTLE_BASEOP_API ExactCellLocator : public Hestra::ReferenceBase<ExactCellLocator> {
+public:
+    using point = Orvix::PhysicalSpace::point;
+    using MultiIndex3 = MultiIndex<3>;
+    using CoordsArray_t = MemArray<3, point>;
+
+    /// Bound of |x(uvw) - P| for a result, as a part of the cell's diagonal (of the largest of the four).
+    static constexpr double RelativeResidual = 1e-10;
+
+    /// Builds the search structure. The array is shared with the caller, and must not change while the locator lives.
+    /// Null coordinates are an empty block. Failure: std::length_error beyond 2^32 - 2 cells.
+    explicit ExactCellLocator(const Hestra::StrongPtr<CoordsArray_t>& coordinates);
+    ~ExactCellLocator() override;
+    ExactCellLocator(const ExactCellLocator&) = delete;
+    ExactCellLocator& operator=(const ExactCellLocator&) = delete;
+
+    /// 1 when the position is in the block, with its fractional index in `uvw` and, if asked for, the cell; 0, with
+    /// both untouched, when it is outside. A component of `uvw` is within the closed range of the cell.
+    unsigned int locate(const point& P, point& uvw, MultiIndex3* cell = nullptr) const;
+
+    [[nodiscard]] const Hestra::StrongPtr<CoordsArray_t>& coordinates() const noexcept { return myCoordinates; }
+
+private:
+    struct Search;
+
+    Hestra::StrongPtr<CoordsArray_t> myCoordinates;
+    std::unique_ptr<const Search> mySearch;
+};
+
+} // namespace Vantle

@@ -1,0 +1,134 @@
+#pragma once
+/// Point location in one curvilinear block, through a uniform grid of lists of cells.
+
+#include <baseop/BaseOpExport.hpp>
+#include <baseop/detail/MapperArrays.hpp>
+#include <model/hestra/Reference.hpp>
+#include <model/orvix/BoundingBox.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <list>
+#include <memory>
+
+/// Finds the cell of a curvilinear block that contains a point, and the point's coordinates in the block.
+///
+/// A coarse uniform grid (the unigrid) lies over the box of the block. Each of its cells (unicells) has the list of the
+/// block's cells whose boxes touch it, in the order of the cells, i fastest. A query tries the cells of one list in
+/// this order, and the first that contains the point answers. Cells are solved by one linear step from their centre:
+/// results are exact to first order in the cell's distortion, and near the faces of strongly distorted cells a point
+/// may belong to no cell, or to two. `ExactCellLocator` has neither limit.
+///
+/// Coordinates that queries return are fractional indices of the block: vertex (i, j, k) has coordinates (i, j, k).
+///
+/// Degenerate   a block without cells answers every query with "not found". Cells whose corners have a NaN are never
+///              found. Cells that are flat, or whose edges are shorter than about 5e-4, count as degenerate: each
+///              query that tries one prints "WHAT?" 102 times.
+/// Failure      messages on standard output, and a `false` or 0 result.
+/// Concurrency  immutable once constructed: queries may come from any number of threads.
+/// Cost         4 bytes an entry of a list (about ten a cell at resolution 1) and 4 bytes a unicell, and as much as
+///              the vertices for the boxes that tell queries which cells of a list can react at all. A query tries one
+///              or two cells, however long the list is; nothing is allocated.
+class VANTLE_BASEOP_API UniGridMapper : public Hestra::ReferenceBase<UniGridMapper> {
+public:
+    using point = Orvix::PhysicalSpace::point;
+    using MultiIndex3 = Vantle::MultiIndex<3>;
+    /// A list of cells, each named by its lowest vertex.
+    using IndexList_t = std::list<MultiIndex3>;
+    /// The vertices of a block.
+    using CoordsArray_t = Vantle::MemArray<3, point>;
+
+    /// Record of a near miss.
+    struct DistPoint_t {
+        double dist = 0.0; ///< closeness to the next vertex planes; recorded, and not used to choose
+        point uvw;         ///< the coordinates found
+        MultiIndex3 cell;
+    };
+
+    /// Largest number of unicells, and of entries in all lists together.
+    static constexpr Vantle::index_t MaximalUnicells = Vantle::index_t{1} << 27;
+    static constexpr Vantle::index_t MaximalListEntries = Vantle::index_t{1} << 28;
+    /// Steps after which a solve gives up.
+    static constexpr int MaximalIterations = 102;
+
+    /// Builds the lists, and prints how long the longest one is.
+    ///
+    /// `resolution` is the number of unicells per mean edge length of the block's cells, divided by 1.2: larger means
+    /// finer. The mean is a running one, in which the edges of the last cells weigh most; this is on purpose.
+    /// `precision` is the distance, in per cent of the mean edge length, at which a solve ends.
+    /// The array is shared with the caller, and must not change while the mapper lives.
+    ///
+    /// Degenerate  an axis gets at least two unicells; a coarser one prints a warning. Null coordinates are an empty
+    ///             block.
+    /// Failure     std::length_error beyond the limits above, found by counting before anything is allocated.
+    UniGridMapper(const Hestra::StrongPtr<CoordsArray_t>& coordinates, double resolution, double precision);
+    ~UniGridMapper() override;
+    UniGridMapper(const UniGridMapper&) = delete;
+    UniGridMapper& operator=(const UniGridMapper&) = delete;
+
+    /// Finds the unicell that contains `p`; a point on a common face is in the upper one, one on the box's maximum in
+    /// the last. False, with a message and `index` untouched, outside of the block's box and for NaN.
+    bool inUniCell(const point& p, MultiIndex3& index) const;
+
+    /// Replaces `list` by the cells recorded for the unicell of `p`, in their order. False when there are none, and
+    /// also, with `list` as it was, when `p` is outside.
+    bool curviCells(const point& p, IndexList_t& list) const;
+
+    /// Records a cell in every unicell that its box touches. The constructor has done so for all: on a finished mapper
+    /// this changes nothing. False when the box of the cell is not within that of the mapper.
+    bool add(const MultiIndex3& curvi_i);
+
+    /// Solves for the coordinates of `P` in cell `it` of the vertices `Data`: from the cell's centre, in linear steps.
+    ///
+    /// True with the coordinates in `uvw`, when they lie within the cell, faces included. False otherwise: with the
+    /// last iterate in `uvw` when that has left the cell, with NaN when it is not finite, and with `uvw` untouched
+    /// after `MaximalIterations` steps, which prints a message. Each step on a degenerate matrix prints "WHAT?".
+    ///
+    /// The cell map is evaluated once, at the centre, and followed linearly from there; so a good cell takes one step,
+    /// and its result is exact to first order only. This is on purpose.
+    ///
+    /// `prec` is the distance at which to stop; `max`, the largest vertex index on each axis, follows from `Data`.
+    static bool localCellCoordinatesFromCell(point& uvw, const point& P, const MultiIndex3& it,
+                                             const CoordsArray_t& Data, const MultiIndex3& max, double prec);
+
+    /// The whole query: 1 and the coordinates of `p`, 0 when no cell has it, or 2 when none has it and one was missed
+    /// narrowly: when its last iterate is at most one cell off, and within the block widened by `grid_epsilon`. Of
+    /// several such the first counts, with its iterate.
+    ///
+    /// `uvw` is meaningful for 1 and 2; otherwise it may hold the last iterate of the last cell tried.
+    unsigned int localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon) const;
+
+    /// The query through the projective map of the cells: 1 and the coordinates of the first cell whose unit cube,
+    /// widened by `grid_epsilon`, has the point; 0 when none has it. Where there is no list, outside of the box above
+    /// all, the answer is 1 too, with `uvw` untouched: callers ask `inUniCell` first.
+    unsigned int localCellCoordinatesFromCurviGridProjective(const point& p, point& uvw, double grid_epsilon) const;
+
+    /// The vertices; null only if the mapper was made so.
+    [[nodiscard]] const Hestra::StrongPtr<CoordsArray_t>& coordinates() const noexcept { return myCoordinates; }
+    /// The box of all vertices.
+    [[nodiscard]] const Orvix::BoundingBox& boundingBox() const noexcept { return myBox; }
+    /// Number of unicells on each axis, and their edge lengths: so many points span the box.
+    [[nodiscard]] const MultiIndex3& unigridSize() const noexcept { return myUnigridSize; }
+    [[nodiscard]] const Orvix::PhysicalSpace::vector& unicellSize() const noexcept { return myUnicellSize; }
+    /// The distance at which a solve ends, in world units.
+    [[nodiscard]] double precision() const noexcept { return myPrecision; }
+    /// Length of the longest list.
+    [[nodiscard]] int maximalListLength() const noexcept { return myMaximalListLength; }
+
+private:
+    struct Lists;
+    struct Candidates;
+
+    enum class Unicell { Found, OutOfBox, Unmapped };
+    Unicell unicellOf(const point& p, int (&index)[3]) const noexcept;
+    bool cellRange(const MultiIndex3& cell, MultiIndex3& low, MultiIndex3& high, bool isSilent) const;
+    void measure(double resolution, double precision);
+    void fillLists();
+
+    Hestra::StrongPtr<CoordsArray_t> myCoordinates;
+    Orvix::BoundingBox myBox;
+    Orvix::PhysicalSpace::vector myUnicellSize;
+    MultiIndex3 myUnigridSize;
+    double myPrecision = 0.0;
+    int myMaximalListLength = 0;
+    std::unique_ptr<const Lists> myLists;
+};
