@@ -1,17 +1,15 @@
-#include <baseop/Interpolate.hpp>
 #include <baseop/UniGridMapper.hpp>
-#include <baseop/detail/BlockVertices.hpp>
+#include <baseop/detail/LinearReach.hpp>
+#include <baseop/detail/Unigrid.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/orvix/CellMap.hpp>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
 #include <limits>
 #include <sstream>
 #include <stdexcept>
-#include <vector>
 
 using Hestra::Console;
 using Hestra::Profiler;
@@ -20,7 +18,9 @@ using Vantle::index_t;
 using Vantle::MultiArrayBase;
 using Vantle::MultiIndex;
 using Vantle::detail::BlockVertices;
+using Vantle::detail::CellBoxTree;
 using Vantle::detail::CentreFrame;
+using Vantle::detail::LinearReach;
 
 #define VANTLE_SOURCE "baseop/UniGridMapper"
 #define VANTLE_SCOPE(signature) const Profiler profiler(VANTLE_SOURCE, __LINE__, signature, __PRETTY_FUNCTION__)
@@ -30,112 +30,423 @@ namespace {
 using point = PhysicalSpace::point;
 using vector = PhysicalSpace::vector;
 
+bool isFinite(const Orvix::FixedArray<double, 3>& v) noexcept {
+    // Zero times infinity or NaN is NaN.
+    return v[0] * 0.0 + v[1] * 0.0 + v[2] * 0.0 == 0.0;
+}
+
+/// The vertices of an array that may be missing.
+MultiArrayBase<3, point> viewOf(const Hestra::StrongPtr<UniGridMapper::CoordsArray_t>& coordinates) noexcept {
+    return coordinates ? *coordinates : MultiArrayBase<3, point>();
+}
+
 /// How a solve in one cell ended.
 enum class Outcome {
     Found,
     Left,      // the iterate is outside of the cell
-    NotFinite, // the iterate, or its position, is no number
+    NotFinite, // the iterate, or its image, is no number
     Limit,     // the iterate still is in the cell
 };
 
-bool isFinite(double x, double y, double z) noexcept {
-    // A sum of infinities or with a NaN times zero is NaN; finite numbers give zero.
-    return x * 0.0 + y * 0.0 + z * 0.0 == 0.0;
+/// A solve in one cell, step by step.
+class Solve {
+public:
+    Solve(const point& target, const MultiIndex<3>& cell, double precision) noexcept
+        : myTarget(target),
+          myLow(static_cast<double>(cell[0]), static_cast<double>(cell[1]), static_cast<double>(cell[2])),
+          myAt(myLow[0] + 0.5, myLow[1] + 0.5, myLow[2] + 0.5), myEnough(precision * precision) {}
+
+    /// Sets the image of the start, the cell's centre; true when it is near enough.
+    bool start(const point& image) noexcept {
+        myImage = image;
+        return normSquared(myTarget - myImage) <= myEnough;
+    }
+    /// One step with these derivatives. False when they are degenerate and the former inverse matrix was used.
+    bool step(const vector (&column)[3]) noexcept {
+        const bool isRegular = Orvix::tryInvert3x3(myInverse, column[0], column[1], column[2]);
+        const vector move = myInverse * (myTarget - myImage);
+        myAt += move;
+        // Predicted, not evaluated again, on purpose: a good cell takes a single step.
+        myImage += vector(column[0][0] * move[0] + column[1][0] * move[1] + column[2][0] * move[2],
+                          column[0][1] * move[0] + column[1][1] * move[1] + column[2][1] * move[2],
+                          column[0][2] * move[0] + column[1][2] * move[1] + column[2][2] * move[2]);
+        return isRegular;
+    }
+    [[nodiscard]] bool isNumber() const noexcept { return isFinite(myAt) && isFinite(myImage); }
+    [[nodiscard]] bool hasLeft() const noexcept {
+        return myAt[0] < myLow[0] || myAt[0] > myLow[0] + 1.0 || myAt[1] < myLow[1] || myAt[1] > myLow[1] + 1.0 ||
+               myAt[2] < myLow[2] || myAt[2] > myLow[2] + 1.0;
+    }
+    /// Whether another step is due.
+    [[nodiscard]] bool isFar() const noexcept { return normSquared(myTarget - myImage) > myEnough; }
+    [[nodiscard]] const point& at() const noexcept { return myAt; }
+
+private:
+    point myTarget;
+    vector myLow;
+    point myAt, myImage;
+    double myEnough;
+    Orvix::Quadratic<3, double> myInverse;
+};
+
+/// Interpolation at a position, or the derivative along axis `D` >= 0; steps of axes are nested from the last to the
+/// first.
+template<int D, class T>
+T sample(const MultiArrayBase<3, T>& view, const point& at) {
+    const auto along = [&](auto&& self, int axis, index_t offset) -> T {
+        if (axis < 0) return view.element(offset);
+        const index_t n = view.Size()[axis];
+        const index_t stride = axis == 0 ? 1 : axis == 1 ? view.Size()[0] : view.Size()[0] * view.Size()[1];
+        const double x = at[axis];
+        const auto inner = [&](index_t i) { return self(self, axis - 1, offset + i * stride); };
+        if (axis == D) {
+            if (!(x >= 0.0 && x < static_cast<double>(n - 1))) return T();
+            const auto i = static_cast<index_t>(x);
+            const T low = inner(i), high = inner(i + 1);
+            return T(high[0] - low[0], high[1] - low[1], high[2] - low[2]);
+        }
+        if (!(x > 0.0)) return inner(0);
+        if (x + 1.0 >= static_cast<double>(n)) return inner(n - 1);
+        const auto i = static_cast<index_t>(x);
+        const double floor = static_cast<double>(i), f = x - floor;
+        if (f == 0.0) return inner(i);
+        const T low = inner(i), high = inner(i + 1);
+        if constexpr (std::is_same_v<T, point>)
+            return low + (high - low) * f;
+        else
+            return low * ((1.0 - x) + floor) + high * f;
+    };
+    return along(along, 2, 0);
 }
 
-/// The derivatives of the cell map at a position.
-void differentiate(vector (&column)[3], const MultiArrayBase<3, point>& vertices, const point& at) {
-    const auto vectors = Vantle::asVectors(vertices);
-    column[0] = Vantle::differentiateAt<0>(vectors, at);
-    column[1] = Vantle::differentiateAt<1>(vectors, at);
-    column[2] = Vantle::differentiateAt<2>(vectors, at);
-}
-
+/// The whole solve, as `localCellCoordinatesFromCell` says.
 template<bool Prints>
-Outcome solve(point& uvw, const point& P, const MultiIndex<3>& cell, const MultiArrayBase<3, point>& vertices,
-              double precision) {
-    const double low[3] = {static_cast<double>(cell[0]), static_cast<double>(cell[1]), static_cast<double>(cell[2])};
-    point at(low[0] + 0.5, low[1] + 0.5, low[2] + 0.5);
-    point X = Vantle::interpolateAt(vertices, at);
-    const double enough = precision * precision;
-    if (normSquared(P - X) <= enough) {
-        uvw = at;
+Outcome solveInCell(point& uvw, const point& P, const MultiIndex<3>& cell, const MultiArrayBase<3, point>& vertices,
+                    double precision) {
+    Solve solve(P, cell, precision);
+    if (solve.start(sample<-1>(vertices, solve.at()))) {
+        uvw = solve.at();
         return Outcome::Found;
     }
-    vector column[3];
-    Orvix::Quadratic<3, double> inverse;
+    const auto vectors = Vantle::asVectors(vertices);
     int iterations = 0;
     do {
-        differentiate(column, vertices, at);
-        if (!Orvix::tryInvert3x3(inverse, column[0], column[1], column[2])) {
-            if constexpr (Prints) Console::puts("WHAT?");
-        }
-        const vector step = inverse * (P - X);
-        at += step;
-        X += vector(column[0][0] * step[0] + column[1][0] * step[1] + column[2][0] * step[2],
-                    column[0][1] * step[0] + column[1][1] * step[1] + column[2][1] * step[2],
-                    column[0][2] * step[0] + column[1][2] * step[1] + column[2][2] * step[2]);
-        if (!isFinite(at[0], at[1], at[2]) || !isFinite(X[0], X[1], X[2])) {
+        const vector column[3] = {sample<0>(vectors, solve.at()), sample<1>(vectors, solve.at()),
+                                  sample<2>(vectors, solve.at())};
+        const bool isRegular = solve.step(column);
+        if (Prints && !isRegular) Console::puts("WHAT?");
+        if (!solve.isNumber()) {
             constexpr double nan = std::numeric_limits<double>::quiet_NaN();
             uvw = point(nan, nan, nan);
             return Outcome::NotFinite;
         }
-        for (int d = 0; d < 3; ++d)
-            if (at[d] < low[d] || at[d] > low[d] + 1.0) {
-                uvw = at;
-                return Outcome::Left;
-            }
+        if (solve.hasLeft()) {
+            uvw = solve.at();
+            return Outcome::Left;
+        }
         if (++iterations == UniGridMapper::MaximalIterations) {
-            if constexpr (Prints) Console::print("getLocalCoordinates3D(): Prevented endless loop BREAK!\n");
+            if (Prints) Console::print("getLocalCoordinates3D(): Prevented endless loop BREAK!\n");
             return Outcome::Limit;
         }
-    } while (normSquared(P - X) > enough);
-    uvw = at;
+        // Without any inverse matrix so far the step was zero, and all others are.
+        if (!Prints && !isRegular && iterations == 1) return Outcome::Limit;
+    } while (solve.isFar());
+    uvw = solve.at();
     return Outcome::Found;
+}
+
+/// What the first step of a solve comes to, where it is all there is to the solve or to its effect.
+enum class FirstStep {
+    Found,
+    Left,
+    NotFinite,
+    Unfinished, // more steps, or messages
+};
+
+/// The first step in a cell of the block, bit for bit that of `solveInCell`.
+FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell, const BlockVertices& vertices,
+                    double precision) noexcept {
+    Solve solve(P, cell, precision);
+    const CentreFrame frame(vertices, vertices.address(cell));
+    if (!solve.start(frame.centre)) {
+        if (!solve.step(frame.column)) return FirstStep::Unfinished;
+        if (!solve.isNumber()) return FirstStep::NotFinite;
+        uvw = solve.at();
+        if (solve.hasLeft()) return FirstStep::Left;
+        return solve.isFar() ? FirstStep::Unfinished : FirstStep::Found;
+    }
+    uvw = solve.at();
+    return FirstStep::Found;
+}
+
+/// Whether the iterate of a solve that did not succeed counts as a near miss, in a block with this last vertex.
+bool isNearMiss(const point& uvw, const MultiIndex<3>& cell, const MultiIndex<3>& last, double epsilon) noexcept {
+    const bool isNegative = uvw[0] < 0.0 || uvw[1] < 0.0 || uvw[2] < 0.0;
+    for (int d = 0; d < 3; ++d) {
+        if (!(uvw[d] > -epsilon && uvw[d] < static_cast<double>(last[d]) + epsilon)) return false;
+        const double distance = (isNegative ? 0.0 : std::floor(uvw[d])) - static_cast<double>(cell[d]);
+        if (distance != 0.0 && distance != 1.0) return false;
+    }
+    return true;
 }
 
 } // namespace
 
-/// The cells of every unicell: those of unicell U are numbers offsets[U] to offsets[U + 1] of `cells`, ascending.
-struct UniGridMapper::Lists {
-    std::vector<std::uint32_t> offsets, cells;
+/// What queries search in.
+struct UniGridMapper::Search {
+    BlockVertices vertices;
+    Vantle::detail::Unigrid unigrid;
+    Vantle::detail::UnicellLists lists;
+    /// Which cells can have an effect on a query, and which can be near misses. Without them lists are walked.
+    bool hasReach = false;
+    CellBoxTree effects, nearMisses;
+
+    explicit Search(const MultiArrayBase<3, point>& view) : vertices(view) {}
+};
+
+/// One query that goes through a list.
+class UniGridMapper::Walk {
+public:
+    Walk(const UniGridMapper& mapper, std::size_t unicell, const point& P, point& uvw, double epsilon) noexcept
+        : myMapper(mapper), mySearch(*mapper.mySearch), myP(P), myUvw(uvw), myEpsilon(epsilon),
+          myLast(mySearch.vertices.size() - 1), myBegin(mySearch.lists.cells.data() + mySearch.lists.offsets[unicell]),
+          myEnd(mySearch.lists.cells.data() + mySearch.lists.offsets[unicell + 1]), myNext(myBegin) {}
+
+    /// As if all cells of the list were tried, while only those are that may have an effect.
+    unsigned int few() {
+        if (myBegin == myEnd) return 0;
+        Candidate candidates[Capacity];
+        std::size_t count = 0;
+        const MultiIndex<3>& cells = mySearch.vertices.cells();
+        mySearch.effects.forEachAt(myP, [&](index_t i, index_t j, index_t k) {
+            if (count < Capacity) {
+                // Inserted in the order of the list; there are few.
+                const Candidate candidate{MultiIndex3(i, j, k),
+                                          static_cast<std::uint32_t>(i + cells[0] * (j + cells[1] * k))};
+                std::size_t at = count;
+                for (; at > 0 && candidates[at - 1].number > candidate.number; --at)
+                    candidates[at] = candidates[at - 1];
+                candidates[at] = candidate;
+            }
+            ++count;
+        });
+        if (count > Capacity) return all();
+        for (std::size_t c = 0; c < count; ++c) {
+            const Candidate& candidate = candidates[c];
+            point at;
+            switch (firstStep(at, myP, candidate.cell, mySearch.vertices, myMapper.myPrecision)) {
+            case FirstStep::Found:
+                if (!isListed(candidate)) break;
+                myUvw = at;
+                return 1;
+            case FirstStep::Unfinished: {
+                const std::uint32_t* const entry = find(candidate.number);
+                if (entry == myEnd) break;
+                catchUp(entry);
+                if (attempt(candidate.cell)) return 1;
+                break;
+            }
+            case FirstStep::Left:
+            case FirstStep::NotFinite:
+                break;
+            }
+        }
+        // Not found. The first near miss is that of an attempt above, or of a cell left at the first step.
+        std::uint32_t nearest = myHasNearMiss ? myNearMissNumber : std::numeric_limits<std::uint32_t>::max();
+        mySearch.nearMisses.forEachAt(myP, [&](index_t i, index_t j, index_t k) {
+            const Candidate candidate{MultiIndex3(i, j, k),
+                                      static_cast<std::uint32_t>(i + cells[0] * (j + cells[1] * k))};
+            point at;
+            if (candidate.number >= nearest ||
+                firstStep(at, myP, candidate.cell, mySearch.vertices, myMapper.myPrecision) != FirstStep::Left ||
+                !isNearMiss(at, candidate.cell, myLast, myEpsilon) || !isListed(candidate))
+                return;
+            nearest = candidate.number;
+            myHasNearMiss = true;
+            myNearMiss = at;
+        });
+        if (!myHasNearMiss) catchUp(myEnd);
+        return conclude();
+    }
+
+    /// Tries one cell of the list after the other.
+    unsigned int all() {
+        for (const std::uint32_t* entry = myBegin; entry != myEnd; ++entry)
+            if (attempt(cellOf(*entry))) return 1;
+        return conclude();
+    }
+
+private:
+    /// More boxes at one point than this are walked.
+    static constexpr std::size_t Capacity = 64;
+    struct Candidate {
+        MultiIndex3 cell;
+        std::uint32_t number;
+    };
+
+    [[nodiscard]] MultiIndex3 cellOf(std::uint32_t number) const noexcept {
+        return MultiIndex3::fromLinear(number, mySearch.vertices.cells());
+    }
+    /// Where a cell is in the list; its end if it is not.
+    [[nodiscard]] const std::uint32_t* find(std::uint32_t number) const noexcept {
+        const std::uint32_t* const entry = std::lower_bound(myBegin, myEnd, number);
+        return entry != myEnd && *entry == number ? entry : myEnd;
+    }
+    [[nodiscard]] bool isListed(const Candidate& candidate) const noexcept {
+        // A point in a cell's box is in one of the cell's unicells: no need to look into the list.
+        const double* const lowest = mySearch.vertices.address(candidate.cell);
+        bool isInBox = true;
+        for (int d = 0; d < 3; ++d) {
+            double low = lowest[d], high = low;
+            for (int q = 1; q < 8; ++q) {
+                const double c = mySearch.vertices.corner(lowest, q)[d];
+                low = std::min(low, c);
+                high = std::max(high, c);
+            }
+            isInBox &= myP[d] >= low && myP[d] <= high;
+        }
+        return (isInBox && mySearch.unigrid.isFinite) || find(candidate.number) != myEnd;
+    }
+
+    /// Tries a cell, for all to see. What it leaves in `uvw` is what the next one finds there.
+    bool attempt(const MultiIndex3& cell) {
+        if (solveInCell<true>(myUvw, myP, cell, *myMapper.myCoordinates, myMapper.myPrecision) == Outcome::Found)
+            return true;
+        if (!myHasNearMiss && isNearMiss(myUvw, cell, myLast, myEpsilon)) {
+            myHasNearMiss = true;
+            myNearMiss = myUvw;
+            myNearMissNumber = static_cast<std::uint32_t>(cell.linear(mySearch.vertices.cells()));
+        }
+        return false;
+    }
+    /// Gives `uvw` the value that it would have before the attempt of an entry, had all before been tried: that of the
+    /// last solve that ended without giving up. Solves which gave up leave an older value, which may be a near miss.
+    void catchUp(const std::uint32_t* entry) {
+        for (const std::uint32_t* before = entry; before != myNext;)
+            if (solveInCell<false>(myUvw, myP, cellOf(*--before), *myMapper.myCoordinates, myMapper.myPrecision) !=
+                Outcome::Limit)
+                break;
+        myNext = entry == myEnd ? entry : entry + 1;
+    }
+    unsigned int conclude() {
+        if (!myHasNearMiss) return 0;
+        myUvw = myNearMiss;
+        return 2;
+    }
+
+    const UniGridMapper& myMapper;
+    const Search& mySearch;
+    const point& myP;
+    point& myUvw;
+    double myEpsilon;
+    MultiIndex3 myLast;
+    const std::uint32_t *myBegin, *myEnd;
+    const std::uint32_t* myNext; // all entries before have had their effect on `uvw`
+    bool myHasNearMiss = false;
+    point myNearMiss;
+    std::uint32_t myNearMissNumber = 0;
 };
 
 UniGridMapper::UniGridMapper(const Hestra::StrongPtr<CoordsArray_t>& coordinates, double resolution, double precision)
     : myCoordinates(coordinates) {
     VANTLE_SCOPE("UniGridMapper::UniGridMapper()");
+    mySearch = std::make_unique<Search>(viewOf(coordinates));
     measure(resolution, precision);
-    fillLists();
+    // What cannot be recorded has its message.
+    mySearch->lists.build(mySearch->vertices, mySearch->unigrid, MaximalListEntries,
+                          [this](const MultiIndex3& cell) { (void)add(cell); });
+    myMaximalListLength = static_cast<int>(mySearch->lists.longest);
+    addReach();
     Console::print("Added the curvi cells into the unigrid, Maximal %d curvicells per unicell\n", myMaximalListLength);
 }
 
 UniGridMapper::~UniGridMapper() = default;
 
-void UniGridMapper::measure(double resolution, double precision) {
-    const BlockVertices vertices(myCoordinates ? *myCoordinates : MultiArrayBase<3, point>());
-    const MultiIndex3& n = vertices.size();
-    double meanSquare = 0.0;
-    if (n.product() != 0) {
-        myBox.embrace(vertices.point(vertices.address(0, 0, 0)));
-        if (n[0] > 1)
-            meanSquare =
-                normSquared(vertices.point(vertices.address(0, 0, 0)) - vertices.point(vertices.address(1, 0, 0)));
-    }
+namespace {
+
+/// Extremes of all coordinates.
+struct Extremes {
+    point lowest, highest;
+    bool areFinite = true;
+};
+
+/// The box of a block with at least one vertex, when all its coordinates are numbers.
+Extremes extremesOf(const BlockVertices& vertices) noexcept {
+    const MultiIndex<3>& n = vertices.size();
+    const std::size_t step = vertices.step(0);
+    double low[3], high[3], check[3] = {};
+    for (int d = 0; d < 3; ++d) low[d] = high[d] = vertices.address(0, 0, 0)[d];
     for (index_t k = 0; k < n[2]; ++k)
-        for (index_t j = 0; j < n[1]; ++j)
-            for (index_t i = 0; i < n[0]; ++i) {
-                const double* const at = vertices.address(i, j, k);
-                const point p = vertices.point(at);
-                myBox.embrace(p);
-                if (i + 1 >= n[0] || j + 1 >= n[1] || k + 1 >= n[2]) continue;
-                for (int axis = 0; axis < 3; ++axis)
-                    meanSquare = (normSquared(p - vertices.point(at + vertices.step(axis))) + meanSquare) * 0.5;
-            }
+        for (index_t j = 0; j < n[1]; ++j) {
+            const double* at = vertices.address(0, j, k);
+            for (index_t i = 0; i < n[0]; ++i, at += step)
+                for (int d = 0; d < 3; ++d) {
+                    low[d] = std::min(low[d], at[d]);
+                    high[d] = std::max(high[d], at[d]);
+                    check[d] += at[d] * 0.0; // NaN from the first coordinate on that is no number
+                }
+        }
+    return {point(low[0], low[1], low[2]), point(high[0], high[1], high[2]), check[0] + check[1] + check[2] == 0.0};
+}
+
+/// The running average of the squared edge lengths, from `start` on, over the cells from number `first` on.
+double runningAverage(const BlockVertices& vertices, double start, index_t first) noexcept {
+    const MultiIndex<3>& cells = vertices.cells();
+    double average = start;
+    if (first >= cells.product()) return average;
+    MultiIndex<3> cell = MultiIndex<3>::fromLinear(first, cells);
+    do {
+        const double* const at = vertices.address(cell);
+        const point p = vertices.point(at);
+        for (int axis = 0; axis < 3; ++axis)
+            average = (normSquared(p - vertices.point(at + vertices.step(axis))) + average) * 0.5;
+    } while (cell.advance(cells));
+    return average;
+}
+
+/// The average over all cells.
+double meanSquaredEdge(const BlockVertices& vertices, double extent) noexcept {
+    const index_t total = vertices.cells().product();
+    // Every edge halves the weight of all before. A step is monotonic in what it starts from, so the last cells alone
+    // tell the average, to the last bit, if they come to the same from zero and from more than any square.
+    constexpr index_t Few = 512;
+    if (total > Few) {
+        const double low = runningAverage(vertices, 0.0, total - Few);
+        if (low == runningAverage(vertices, 4.0 * extent * extent, total - Few)) return low;
+    }
+    const double* const at = vertices.address(0, 0, 0);
+    const bool hasEdge = vertices.size()[0] > 1;
+    return runningAverage(vertices,
+                          hasEdge ? normSquared(vertices.point(at) - vertices.point(at + vertices.step(0))) : 0.0, 0);
+}
+
+} // namespace
+
+void UniGridMapper::measure(double resolution, double precision) {
+    Search& search = *mySearch;
+    const BlockVertices& vertices = search.vertices;
+    double meanSquare = 0.0;
+    bool areFinite = false;
+    if (vertices.size().product() != 0) {
+        const Extremes extremes = extremesOf(vertices);
+        areFinite = extremes.areFinite;
+        if (areFinite) {
+            myBox = Orvix::BoundingBox(extremes.lowest, extremes.highest);
+        } else {
+            MultiIndex3 vertex;
+            do {
+                myBox.embrace(vertices.point(vertices.address(vertex)));
+            } while (vertex.advance(vertices.size()));
+        }
+        const vector diagonal = myBox.maxCoord() - myBox.minCoord();
+        const double extent = areFinite ? length(diagonal) : std::numeric_limits<double>::infinity();
+        meanSquare = meanSquaredEdge(vertices, extent);
+    }
     myBox.updateBall();
 
-    const double length = std::sqrt(meanSquare);
-    const double scale = resolution * 1.2 / length;
-    myPrecision = precision * 0.01 * length;
+    const double edge = std::sqrt(meanSquare);
+    const double scale = resolution * 1.2 / edge;
+    myPrecision = precision * 0.01 * edge;
     const vector extent = myBox.maxCoord() - myBox.minCoord();
     for (int axis = 0; axis < 3; ++axis) {
         const double unicells = extent[axis] * scale;
@@ -143,86 +454,46 @@ void UniGridMapper::measure(double resolution, double precision) {
             Console::print(VANTLE_SOURCE "UNIGRIDMAPPER WARNING: Resolution too coarse\n");
             myUnigridSize[axis] = 2;
         } else {
-            // Whatever is too much is all the same, and casts of it are undefined.
+            // Whatever is too much is all the same; casts of it are undefined.
             myUnigridSize[axis] = static_cast<index_t>(std::min(unicells, 2.0 * MaximalUnicells));
         }
         myUnicellSize[axis] = extent[axis] / static_cast<double>(myUnigridSize[axis] - 1);
     }
     const auto total = myUnigridSize.checkedProduct();
     if (!total || *total > MaximalUnicells) throw std::length_error("UniGridMapper: too many unicells");
+    search.unigrid = {myBox.minCoord(), myBox.maxCoord(), myUnicellSize, myUnigridSize, areFinite && isFinite(extent)};
 }
 
-void UniGridMapper::fillLists() {
-    const BlockVertices vertices(myCoordinates ? *myCoordinates : MultiArrayBase<3, point>());
-    const MultiIndex3 cells = vertices.cells();
-    const auto forEachCell = [&](auto&& f) {
-        MultiIndex3 cell, low, high;
-        if (cells.product() == 0) return;
-        std::uint32_t number = 0;
-        do {
-            if (cellRange(cell, low, high, false)) f(number, low, high);
-            ++number;
-        } while (cell.advance(cells));
+void UniGridMapper::addReach() {
+    Search& search = *mySearch;
+    const double square = myPrecision * myPrecision;
+    if (search.vertices.cells().product() == 0 || !isFinite(myUnicellSize) || !isFinite(search.unigrid.lowest) ||
+        square > std::numeric_limits<double>::max())
+        return;
+    double farthest = 0.0;
+    for (int d = 0; d < 3; ++d)
+        farthest = std::max({farthest, std::fabs(search.unigrid.lowest[d]), std::fabs(search.unigrid.highest[d])});
+    const Vantle::detail::LinearReachParameters parameters{myPrecision, farthest, myUnicellSize};
+    const auto makeTree = [&](LinearReach::Effect effect) {
+        CellBoxTree tree(search.vertices.cells(), search.unigrid.lowest, search.unigrid.highest);
+        tree.build(LinearReach(search.vertices, tree, effect, parameters));
+        return tree;
     };
-    index_t entries = 0;
-    forEachCell(
-        [&](std::uint32_t, const MultiIndex3& low, const MultiIndex3& high) { entries += (high - low + 1).product(); });
-    if (entries > MaximalListEntries) throw std::length_error("UniGridMapper: too many entries in the lists of cells");
-
-    auto lists = std::make_unique<Lists>();
-    lists->offsets.assign(static_cast<std::size_t>(myUnigridSize.product()) + 1, 0);
-    lists->cells.resize(static_cast<std::size_t>(entries));
-    const auto forEachUnicell = [&](const MultiIndex3& low, const MultiIndex3& high, auto&& f) {
-        for (index_t z = low[2]; z <= high[2]; ++z)
-            for (index_t y = low[1]; y <= high[1]; ++y)
-                for (index_t x = low[0]; x <= high[0]; ++x) f(MultiIndex3(x, y, z).linear(myUnigridSize));
-    };
-    forEachCell([&](std::uint32_t, const MultiIndex3& low, const MultiIndex3& high) {
-        forEachUnicell(low, high, [&](index_t unicell) { ++lists->offsets[unicell + 1]; });
-    });
-    std::uint32_t longest = 0;
-    for (std::size_t u = 1; u < lists->offsets.size(); ++u) {
-        longest = std::max(longest, lists->offsets[u]);
-        lists->offsets[u] += lists->offsets[u - 1];
-    }
-    myMaximalListLength = static_cast<int>(longest);
-    std::vector<std::uint32_t> end(lists->offsets.begin(), lists->offsets.end() - 1);
-    forEachCell([&](std::uint32_t number, const MultiIndex3& low, const MultiIndex3& high) {
-        forEachUnicell(low, high, [&](index_t unicell) { lists->cells[end[unicell]++] = number; });
-    });
-    myLists = std::move(lists);
-}
-
-UniGridMapper::Unicell UniGridMapper::unicellOf(const point& p, int (&index)[3]) const noexcept {
-    if (!myBox.inside(p)) return Unicell::OutOfBox;
-    bool isMapped = true;
-    for (int d = 0; d < 3; ++d) {
-        const int last = static_cast<int>(myUnigridSize[d]) - 1;
-        // The quotient on the box's maximum may be rounded to less than the last unicell, or be 0 / 0.
-        if (p[d] >= myBox.maxCoord()[d]) {
-            index[d] = last;
-            continue;
-        }
-        const double quotient = std::floor((p[d] - myBox.minCoord()[d]) / myUnicellSize[d]);
-        constexpr double most = std::numeric_limits<int>::max();
-        index[d] = quotient >= -most && quotient <= most ? static_cast<int>(quotient) : std::numeric_limits<int>::min();
-        isMapped &= index[d] >= 0 && index[d] <= last;
-    }
-    return isMapped ? Unicell::Found : Unicell::Unmapped;
+    search.effects = makeTree(LinearReach::Effect::Any);
+    search.nearMisses = makeTree(LinearReach::Effect::NearMiss);
+    search.hasReach = true;
 }
 
 bool UniGridMapper::inUniCell(const point& p, MultiIndex3& index) const {
     VANTLE_SCOPE("UniGridMapper::inUniCell(p, index)");
-    int found[3] = {};
-    switch (unicellOf(p, found)) {
-    case Unicell::Found:
-        index = MultiIndex3(found[0], found[1], found[2]);
-        return true;
-    case Unicell::OutOfBox:
+    if (!myBox.inside(p)) {
         Console::print("UniGridMapper::inUniCell() point of of bounds!\n");
         return false;
-    case Unicell::Unmapped:
-        break;
+    }
+    int found[3];
+    if (mySearch->unigrid.map(p, found)) {
+        index = MultiIndex3(found[0], found[1], found[2]);
+        return true;
     }
     const auto line = [](const char* title, const auto&... values) {
         std::ostringstream text;
@@ -237,64 +508,56 @@ bool UniGridMapper::inUniCell(const point& p, MultiIndex3& index) const {
     return false;
 }
 
-bool UniGridMapper::cellRange(const MultiIndex3& cell, MultiIndex3& low, MultiIndex3& high, bool isSilent) const {
-    const BlockVertices vertices(*myCoordinates);
-    const double* const lowest = vertices.address(cell);
-    Orvix::BoundingBox box;
-    for (const int corner : {0, 1, 3, 2, 5, 7, 6, 4}) box.embrace(vertices.point(vertices.corner(lowest, corner)));
-    (void)isSilent;
-    return inUniCell(box.minCoord(), low) && inUniCell(box.maxCoord(), high);
-}
-
 bool UniGridMapper::curviCells(const point& p, IndexList_t& list) const {
     VANTLE_SCOPE("UniGridMapper::curviCells(p, list)");
     MultiIndex3 unicell;
     if (!inUniCell(p, unicell)) return false;
-    const MultiIndex3 cells = BlockVertices(myCoordinates ? *myCoordinates : MultiArrayBase<3, point>()).cells();
+    const Vantle::detail::UnicellLists& lists = mySearch->lists;
     const index_t u = unicell.linear(myUnigridSize);
-    list.clear();
-    for (std::uint32_t entry = myLists->offsets[u]; entry < myLists->offsets[u + 1]; ++entry)
-        list.push_back(MultiIndex3::fromLinear(myLists->cells[entry], cells));
+    IndexList_t cells;
+    for (std::uint32_t entry = lists.offsets[u]; entry < lists.offsets[u + 1]; ++entry)
+        cells.push_back(MultiIndex3::fromLinear(lists.cells[entry], mySearch->vertices.cells()));
+    list.swap(cells);
     return !list.empty();
 }
 
 bool UniGridMapper::add(const MultiIndex3& curvi_i) {
     VANTLE_SCOPE("UniGridMapper::add(curvi_i)");
-    const BlockVertices vertices(myCoordinates ? *myCoordinates : MultiArrayBase<3, point>());
+    if (!curvi_i.inside(mySearch->vertices.cells())) return false;
+    const Orvix::BoundingBox box = Vantle::detail::boxOfCell(mySearch->vertices, curvi_i);
     MultiIndex3 low, high;
-    return curvi_i.inside(vertices.cells()) && cellRange(curvi_i, low, high, false);
+    return inUniCell(box.minCoord(), low) && inUniCell(box.maxCoord(), high);
 }
 
 bool UniGridMapper::localCellCoordinatesFromCell(point& uvw, const point& P, const MultiIndex3& it,
                                                  const CoordsArray_t& Data, const MultiIndex3&, double prec) {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCell(uvw, P, it, Data, max, prec)");
-    if (Data.Size().product() == 0) return false;
-    return solve<true>(uvw, P, it, Data, prec) == Outcome::Found;
+    const BlockVertices vertices(Data);
+    if (it.inside(vertices.cells())) {
+        point at;
+        switch (firstStep(at, P, it, vertices, prec)) {
+        case FirstStep::Found:
+            uvw = at;
+            return true;
+        case FirstStep::Left:
+            uvw = at;
+            return false;
+        case FirstStep::NotFinite:
+        case FirstStep::Unfinished:
+            break;
+        }
+    } else if (vertices.size().product() == 0) {
+        return false;
+    }
+    return solveInCell<true>(uvw, P, it, Data, prec) == Outcome::Found;
 }
 
 unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(p, uvw, grid_epsilon)");
-    IndexList_t candidates;
-    if (!curviCells(p, candidates)) return 0;
-    const MultiIndex3 last = myCoordinates->Size() - 1;
-    bool hasNearMiss = false;
-    point nearMiss;
-    for (const MultiIndex3& cell : candidates) {
-        if (solve<true>(uvw, p, cell, *myCoordinates, myPrecision) == Outcome::Found) return 1;
-        bool isNear = !hasNearMiss;
-        const bool isNegative = uvw[0] < 0.0 || uvw[1] < 0.0 || uvw[2] < 0.0;
-        for (int d = 0; d < 3 && isNear; ++d) {
-            isNear = uvw[d] > -grid_epsilon && uvw[d] < static_cast<double>(last[d]) + grid_epsilon;
-            const double from = (isNegative ? 0.0 : std::floor(uvw[d])) - static_cast<double>(cell[d]);
-            isNear = isNear && (from == 0.0 || from == 1.0);
-        }
-        if (!isNear) continue;
-        hasNearMiss = true;
-        nearMiss = uvw;
-    }
-    if (!hasNearMiss) return 0;
-    uvw = nearMiss;
-    return 2;
+    MultiIndex3 unicell;
+    if (!inUniCell(p, unicell)) return 0;
+    Walk walk(*this, unicell.linear(myUnigridSize), p, uvw, grid_epsilon);
+    return mySearch->hasReach ? walk.few() : walk.all();
 }
 
 unsigned int UniGridMapper::localCellCoordinatesFromCurviGridProjective(const point& p, point& uvw,
@@ -302,12 +565,13 @@ unsigned int UniGridMapper::localCellCoordinatesFromCurviGridProjective(const po
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGridProjective(p, uvw, grid_epsilon)");
     MultiIndex3 unicell;
     if (!inUniCell(p, unicell)) return 1;
+    const Vantle::detail::UnicellLists& lists = mySearch->lists;
+    const BlockVertices& vertices = mySearch->vertices;
     const index_t u = unicell.linear(myUnigridSize);
-    const std::uint32_t begin = myLists->offsets[u], end = myLists->offsets[u + 1];
+    const std::uint32_t begin = lists.offsets[u], end = lists.offsets[u + 1];
     if (begin == end) return 1;
-    const BlockVertices vertices(*myCoordinates);
     for (std::uint32_t entry = begin; entry < end; ++entry) {
-        const MultiIndex3 cell = MultiIndex3::fromLinear(myLists->cells[entry], vertices.cells());
+        const MultiIndex3 cell = MultiIndex3::fromLinear(lists.cells[entry], vertices.cells());
         const double* const lowest = vertices.address(cell);
         const auto corner = [&](int number) { return vertices.point(vertices.corner(lowest, number)); };
         Orvix::cuboidToUnitCube(uvw, p, corner(0), corner(4), corner(2), corner(1), corner(7), true);

@@ -115,14 +115,11 @@ public:
     [[nodiscard]] int maximalListLength() const noexcept { return myMaximalListLength; }
 
 private:
-    struct Lists;
-    struct Candidates;
+    struct Search;
+    class Walk;
 
-    enum class Unicell { Found, OutOfBox, Unmapped };
-    Unicell unicellOf(const point& p, int (&index)[3]) const noexcept;
-    bool cellRange(const MultiIndex3& cell, MultiIndex3& low, MultiIndex3& high, bool isSilent) const;
     void measure(double resolution, double precision);
-    void fillLists();
+    void addReach();
 
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;
     Orvix::BoundingBox myBox;
@@ -130,5 +127,5 @@ private:
     MultiIndex3 myUnigridSize;
     double myPrecision = 0.0;
     int myMaximalListLength = 0;
-    std::unique_ptr<const Lists> myLists;
+    std::unique_ptr<Search> mySearch;
 };

@@ -1,0 +1,74 @@
+#pragma once
+/// The uniform grid over a block, and the lists of cells that touch each of its unicells.
+
+#include <baseop/detail/BlockVertices.hpp>
+#include <model/orvix/BoundingBox.hpp>
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+namespace Vantle::detail {
+
+/// A box cut into unicells, such that so many points as there are on an axis span it: the last unicell of an axis has
+/// the points of the box's maximum, and no others.
+struct Unigrid {
+    using point = Orvix::PhysicalSpace::point;
+
+    point lowest, highest;
+    Orvix::PhysicalSpace::vector unicellSize;
+    MultiIndex<3> size;
+    /// Whether all points that the unigrid was made for are numbers, and its sides too.
+    bool isFinite = false;
+
+    /// The unicell of a point in the box, by axis; false when it is not within the grid, as may be when the box is not
+    /// finite. `index` is set even then, to the least integer if no other is at hand.
+    [[nodiscard]] bool map(const point& p, int (&index)[3]) const noexcept {
+        bool isWithin = true;
+        for (int d = 0; d < 3; ++d) {
+            const int last = static_cast<int>(size[d]) - 1;
+            index[d] = indexOf(p[d], d, last);
+            isWithin &= index[d] >= 0 && index[d] <= last;
+        }
+        return isWithin;
+    }
+
+    [[nodiscard]] int indexOf(double x, int axis, int last) const noexcept {
+        // The quotient at the maximum may be rounded down to less than `last`, or be 0 / 0 on a flat axis.
+        if (x >= highest[axis]) return last;
+        const double quotient = (x - lowest[axis]) / unicellSize[axis];
+        constexpr double most = 2147483647.0;
+        if (!(quotient >= -most && quotient <= most)) return -2147483647 - 1;
+        const int truncated = static_cast<int>(quotient);
+        return static_cast<double>(truncated) > quotient ? truncated - 1 : truncated;
+    }
+
+    /// Whether the closed box has the point; NaN is outside.
+    [[nodiscard]] bool inside(const point& p) const noexcept {
+        return p[0] >= lowest[0] && p[0] <= highest[0] && p[1] >= lowest[1] && p[1] <= highest[1] &&
+               p[2] >= lowest[2] && p[2] <= highest[2];
+    }
+    [[nodiscard]] std::size_t linear(const int (&index)[3]) const noexcept {
+        return static_cast<std::size_t>(index[0]) +
+               static_cast<std::size_t>(size[0]) *
+                   (static_cast<std::size_t>(index[1]) +
+                    static_cast<std::size_t>(size[1]) * static_cast<std::size_t>(index[2]));
+    }
+};
+
+/// For every unicell the cells of a block whose boxes touch it.
+struct UnicellLists {
+    /// The cells of unicell u are numbers offsets[u] to offsets[u + 1] of `cells`, in ascending order.
+    std::vector<std::uint32_t> offsets, cells;
+    std::uint32_t longest = 0;
+
+    /// Counts, then fills. Cells whose box is not within the unigrid's are in no list: `reject` is called for each,
+    /// once, in order. Throws std::length_error when there are more than `limit` entries, before it allocates anything.
+    void build(const BlockVertices& vertices, const Unigrid& unigrid, index_t limit,
+               const std::function<void(const MultiIndex<3>&)>& reject);
+};
+
+/// The least and the greatest corner of a cell's box, as `BoundingBox` takes in the cell's corners, NaN included.
+[[nodiscard]] Orvix::BoundingBox boxOfCell(const BlockVertices& vertices, const MultiIndex<3>& cell);
+
+} // namespace Vantle::detail
