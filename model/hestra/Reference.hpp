@@ -253,8 +253,19 @@ public:
     WeakPtr(WeakPtr&& other) noexcept
         : Dyn(std::exchange(other.myObject, nullptr), std::exchange(other.myRecord, nullptr)) {}
     template<class U, class B>
-    requires std::is_convertible_v<U*, T*> WeakPtr(const DynPtr<U, B>& other)
+    requires std::is_convertible_v<U*, T*> WeakPtr(const StrongPtr<U, B>& other)
     noexcept : Dyn(other.storedPointer(), other.record()) { this->wref(); }
+    /// Empty when the object of `other` is gone: a pointer to a dead object cannot be converted to a virtual base.
+    template<class U, class B>
+    requires std::is_convertible_v<U*, T*> WeakPtr(const WeakPtr<U, B>& other)
+    noexcept {
+        const StrongPtr<U, B> alive(other); // as long as the pointer is being converted
+        if (U* const object = other.rawptr()) {
+            this->myObject = object;
+            this->myRecord = other.record();
+            this->wref();
+        }
+    }
     ~WeakPtr() { this->wunref(); }
 
     WeakPtr& operator=(const WeakPtr& other) noexcept {

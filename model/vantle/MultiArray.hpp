@@ -83,13 +83,13 @@ private:
     index_t myOffset = 0;
 };
 
-template<int N, class T, class AxisSequence = std::make_integer_sequence<int, N>>
+template<int N, class T, class AxisSequence = std::make_integer_sequence<index_t, N>>
 class MultiArray;
 
 /// A writable view of elements in memory. `AxisSequence` numbers the axes, the fastest first.
-template<int N, class T, int... Axis>
-class VANTLE_MODEL_API MultiArray<N, T, std::integer_sequence<int, Axis...>> : public MultiArrayBase<N, T> {
-    template<int>
+template<int N, class T, index_t... Axis>
+class VANTLE_MODEL_API MultiArray<N, T, std::integer_sequence<index_t, Axis...>> : public MultiArrayBase<N, T> {
+    template<index_t>
     using index_of = index_t;
 
 public:

@@ -87,6 +87,20 @@ TEST_F(ReferenceTest, AssignmentKeepsWhatItStillNeeds) {
     EXPECT_EQ(moved->strongCount(), 1);
 }
 
+// Arrays have a virtual base: converting a pointer to it reads the object.
+TEST_F(ReferenceTest, ExpiredWeakHandlesConvertToEmptyOnes) {
+    struct Root : Counted {};
+    struct Left : virtual Root {};
+    StrongPtr<Left> object(new Left);
+    const WeakPtr<Left> weak = object;
+    const WeakPtr<Root> living = weak;
+    EXPECT_TRUE(living);
+    object = nullptr;
+    const WeakPtr<Root> expired = weak;
+    EXPECT_FALSE(expired);
+    EXPECT_FALSE(living);
+}
+
 TEST_F(ReferenceTest, CopiesOfAnObjectStartWithoutHandles) {
     const StrongPtr<Counted> a(new Counted(1));
     const StrongPtr<Counted> b(new Counted(*a));
