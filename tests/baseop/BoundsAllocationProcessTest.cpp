@@ -2,37 +2,18 @@
 
 #include <baseop/DataRange.hpp>
 #include <baseop/ExpandBBox.hpp>
-
-#include <atomic>
-#include <cstdlib>
-#include <gtest/gtest.h>
-#include <new>
 #include <model/vantle/Field.hpp>
+
+#include <gtest/gtest.h>
+#include <support/CountAllocations.hpp>
 #include <support/Creators.hpp>
-
-namespace {
-std::atomic<long> allocations{0};
-}
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* const memory = std::malloc(size ? size : 1)) return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
 using namespace Vantle;
 using point = Orvix::PhysicalSpace::point;
 
-template<class Ask>
-long allocationsOf(const Ask& ask) {
-    const long before = allocations;
-    ask();
-    return allocations - before;
-}
+using support::allocationsOf;
 
 TEST(BoundsAllocation, AskingForAttachedResultsAllocatesNothing) {
     const auto numbers = support::creatorOf(std::vector<double>{1, 2, 3});

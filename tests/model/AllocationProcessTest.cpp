@@ -1,24 +1,10 @@
-// Counts the allocations of this process: what exists is handed out without any.
+// What exists is handed out without an allocation.
 
 #include <model/vantle/Field.hpp>
 #include <model/vantle/MemArray.hpp>
 
-#include <atomic>
-#include <cstdlib>
 #include <gtest/gtest.h>
-#include <new>
-
-namespace {
-std::atomic<long> allocations{0};
-}
-
-void* operator new(std::size_t size) {
-    ++allocations;
-    if (void* const memory = std::malloc(size ? size : 1)) return memory;
-    throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+#include <support/CountAllocations.hpp>
 
 namespace {
 
@@ -29,18 +15,18 @@ TEST(AllocationTest, AskingForWhatExistsAllocatesNothing) {
     const auto id = field.makeFragmentID("block");
     const auto creator = field.setDiscardableData(MemArray<3, double>::create({2, 2, 2}), nullptr, id);
     creator->addInterface(Hestra::makeRef<SizeInterface>(DynamicSize{2, 2, 2}));
-    const long before = allocations;
     bool found = true;
-    for (int n = 0; n < 100; ++n) {
-        found &= bool(field.getData(id));
-        found &= bool(creator->cachedData());
-        found &= creator->findInterface<SizeInterface>()->size().rank() == 3;
-        found &= field.hasData(id);
-    }
-    EXPECT_EQ(allocations, before);
+    const long count = support::allocationsOf([&] {
+        for (int n = 0; n < 100; ++n) {
+            found &= bool(field.getData(id));
+            found &= bool(creator->cachedData());
+            found &= creator->findInterface<SizeInterface>()->size().rank() == 3;
+            found &= field.hasData(id);
+        }
+    });
+    EXPECT_EQ(count, 0);
     EXPECT_TRUE(found);
-    (void)MemArray<3, double>::create({2, 2, 2});
-    EXPECT_GT(allocations, before) << "the counter counts";
+    EXPECT_GT(support::allocationsOf([] { (void)MemArray<3, double>::create({2, 2, 2}); }), 0) << "the counter counts";
 }
 
 } // namespace
