@@ -1,0 +1,190 @@
+#pragma once
+/// Evaluation of a field of one grid at the positions of another: first where they are, then what is there.
+///
+/// `find` locates positions in the fragments of a positions field, and tells for each whether it was found. The `eval`
+/// operations then interpolate any field over the same fragments at these places, as often as wanted.
+
+#include <baseop/BaseOpExport.hpp>
+#include <baseop/LocalFromWorldPoint.hpp>
+#include <model/vantle/Bundle.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Vantle {
+
+class FragmentSearchBase;
+template<class Point>
+class FragmentSearch;
+
+/// Locates positions, and interpolates fields there.
+///
+/// Which fragment has a position: the first in the order of the positions field that claims it.
+/// - A uniform fragment claims every position, also outside of it: values continue those of its border.
+/// - A rectilinear fragment claims what lies between the ends of its axes, ends included.
+/// - A curvilinear fragment asks the point location of the whole grid (`LocalFromWorldPoint`), and a position found in
+///   any fragment of the grid is found. Each position tried is reported, found or not.
+/// - A fragment of unstructured points claims nothing, and says so for each position.
+///
+/// Laws         results, recorded fragments, statuses and the order of the messages about positions do not depend on
+///              the number of threads.
+/// Degenerate   positions with NaN are claimed by no fragment.
+/// Concurrency  `find` from one thread at a time, and while nothing is evaluated; it searches on all cores. Evaluation
+///              may come from any number of threads.
+/// Cost         `find`: a location each position; 41 bytes each are kept. Evaluation: one interpolation each position,
+///              on all cores; a field's arrays are looked up once a fragment.
+class VANTLE_BASEOP_API GridEvaluator {
+public:
+    using point = Orvix::PhysicalSpace::point;
+    using FractionalIndex = Orvix::FixedArray<double, 3>;
+    using Statuses = MemArray<1, int>;
+    using Indices = MemArray<1, FractionalIndex>;
+    using Fragments = MemArray<1, FragmentIDContainer>;
+
+    /// Statuses of a position.
+    static constexpr int Located = 3;
+    static constexpr int NotLocated = 0;
+
+    /// What a search needs besides the positions: where the source grid is, and how it is searched.
+    struct VANTLE_BASEOP_API Context {
+        /// Without slice or grid nothing is found in curvilinear fragments.
+        Hestra::StrongPtr<Slice> slice;
+        Hestra::StrongPtr<Grid> grid;
+        std::string coordinateField = kPositionsName;
+        double resolution = LocationDefaults::Resolution;
+        double precision = LocationDefaults::Precision;
+        Orvix::PhysicalSpace::vector scale = LocationDefaults::TreeScale;
+        /// Names the evaluation; for the caller's use.
+        std::string label;
+        /// Curvilinear fragments are searched by exact cell locators instead of linear solves.
+        bool flag = false;
+    };
+
+    GridEvaluator();
+    ~GridEvaluator();
+    GridEvaluator(const GridEvaluator&) = delete;
+    GridEvaluator& operator=(const GridEvaluator&) = delete;
+
+    /// Locates positions in the fragments of `sourcePositions`, the positions field of the source grid.
+    ///
+    /// Positions are points in arrays of rank 1 or 2, the vertices of a uniform grid, or arrays of rank 1 of
+    /// `Orvix::Vector` with three components, or with two, for z = 0.
+    /// Degenerate   no positions: everything stays as it was.
+    /// @return false, and everything as it was, for other kinds of positions.
+    bool find(const Hestra::StrongPtr<MemBase>& destinationPositions, const Field& sourcePositions,
+              const Context& context);
+
+    /// The values of `source` in a new array of the shape of the positions, which are those that were located. The
+    /// element type is that of the source: `double`, `float` or `vector`. What was not located has value zero.
+    ///
+    /// Failure  null for other element types, for sources whose arrays are not of rank 3, or missing in a fragment that
+    ///          has positions, and for positions of another number than were located.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> evalKnownDataTypes(const Hestra::StrongPtr<MemBase>& destinationPositions,
+                                                                const Field& source) const;
+    /// The same for one element type, `double`, `float` or `vector`; null if the source has another one.
+    template<class T>
+    [[nodiscard]] Hestra::StrongPtr<MemBase>
+    evalFromCompatibleData(const Hestra::StrongPtr<MemBase>& destinationPositions, const Field& source) const;
+    /// The same as an array of these extents.
+    template<int N, class T>
+    [[nodiscard]] Hestra::StrongPtr<MemBase> evalDimensionalDestType(const MultiIndex<N>& extents,
+                                                                     const Field& source) const;
+    /// Writes the values into `out`, one each position; what was not located keeps its value.
+    ///
+    /// Failure  false, with `out` unchanged, for the reasons above. An empty `out` succeeds without a `find`.
+    template<class T>
+    [[nodiscard]] bool evalType(std::vector<T>& out, const Field& source) const;
+    /// The same at other fractional indices in the fragments where the positions were found; for sources of rank `N`,
+    /// 2 or 3. Indices with NaN leave their value.
+    template<int N, class T>
+    [[nodiscard]] bool evalFloatIndices(std::vector<T>& out,
+                                        const CreativeIterator<Orvix::FixedArray<double, N>>& indices,
+                                        const Field& source) const;
+
+    /// Whether each position of the last `find` was found: `Located` or `NotLocated`. Null before the first.
+    [[nodiscard]] const Hestra::StrongPtr<Statuses>& statuses() const noexcept { return myStatuses; }
+    /// Where, in fractional indices of the fragment; 0 where not located. Null before the first `find`.
+    [[nodiscard]] const Hestra::StrongPtr<Indices>& fractionalIndices() const noexcept { return myIndices; }
+    /// In which fragment: a new array, of containers of none or one. The one is null for unfragmented data. Null
+    /// before the first `find`.
+    [[nodiscard]] Hestra::StrongPtr<Fragments> fragments() const;
+    /// How position `k` was found: 0 not at all, 1 exactly, 2 approximately.
+    [[nodiscard]] unsigned int resultCode(std::size_t k) const { return myCodes[k]; }
+
+private:
+    template<class Positions>
+    void findForSpecificDestinationPositions(const Positions& positions, const Field& sourcePositions,
+                                             const Context& context);
+
+    std::unique_ptr<FragmentSearch<point>> mySearch;
+    Hestra::StrongPtr<Statuses> myStatuses;
+    Hestra::StrongPtr<Indices> myIndices;
+    std::vector<unsigned char> myCodes;
+    /// Numbers in the table of fragments; the containers that they stand for are made when asked for.
+    std::vector<std::uint32_t> myFragmentNumbers;
+    std::vector<Hestra::StrongPtr<FragmentID>> myFragmentTable;
+};
+
+/// What searches have in common: the point location of the source grid, made when first needed.
+class VANTLE_BASEOP_API FragmentSearchBase {
+public:
+    explicit FragmentSearchBase(const GridEvaluator::Context& context);
+    ~FragmentSearchBase();
+    FragmentSearchBase(const FragmentSearchBase&) = delete;
+    FragmentSearchBase& operator=(const FragmentSearchBase&) = delete;
+
+    /// Whether a search of this context could go on with what was made for this one: same grid, same coordinates,
+    /// same parameters.
+    [[nodiscard]] bool serves(const GridEvaluator::Context& context) const;
+    /// The point location; any number of threads may ask.
+    [[nodiscard]] const LocalFromWorldPoint& locator();
+
+protected:
+    GridEvaluator::Context myContext;
+
+private:
+    struct Shared;
+    std::unique_ptr<Shared> myShared;
+};
+
+/// The search of one position in one fragment.
+template<>
+class VANTLE_BASEOP_API FragmentSearch<Orvix::PhysicalSpace::point> : public FragmentSearchBase {
+public:
+    using FragmentSearchBase::FragmentSearchBase;
+
+    /// Whether the fragment with these coordinates claims `p`: 3, with the fractional index, or 0. See `GridEvaluator`
+    /// for what claims and what is printed. A position found in a curvilinear grid may be in another fragment than
+    /// was asked about: see `fragment`.
+    int Contains(const Orvix::PhysicalSpace::point& p, const Hestra::StrongPtr<CreativeArrayBase>& fragmentCreator,
+                 Orvix::FixedArray<double, 3>& index);
+    /// The fragment where the point location found the last position; null if it did not, and for unfragmented data.
+    [[nodiscard]] const Hestra::StrongPtr<FragmentID>& fragment() const noexcept { return myFragment; }
+
+private:
+    Hestra::StrongPtr<FragmentID> myFragment;
+};
+
+#define VANTLE_DECLARE_EVALUATION(T)                                                                                   \
+    extern template Hestra::StrongPtr<MemBase> GridEvaluator::evalFromCompatibleData<T>(                               \
+        const Hestra::StrongPtr<MemBase>&, const Field&) const;                                                        \
+    extern template Hestra::StrongPtr<MemBase> GridEvaluator::evalDimensionalDestType<1, T>(const MultiIndex<1>&,      \
+                                                                                            const Field&) const;       \
+    extern template Hestra::StrongPtr<MemBase> GridEvaluator::evalDimensionalDestType<2, T>(const MultiIndex<2>&,      \
+                                                                                            const Field&) const;       \
+    extern template Hestra::StrongPtr<MemBase> GridEvaluator::evalDimensionalDestType<3, T>(const MultiIndex<3>&,      \
+                                                                                            const Field&) const;       \
+    extern template bool GridEvaluator::evalType<T>(std::vector<T>&, const Field&) const;                              \
+    extern template bool GridEvaluator::evalFloatIndices<2, T>(                                                        \
+        std::vector<T>&, const CreativeIterator<Orvix::FixedArray<double, 2>>&, const Field&) const;                   \
+    extern template bool GridEvaluator::evalFloatIndices<3, T>(                                                        \
+        std::vector<T>&, const CreativeIterator<Orvix::FixedArray<double, 3>>&, const Field&) const;
+VANTLE_DECLARE_EVALUATION(double)
+VANTLE_DECLARE_EVALUATION(float)
+VANTLE_DECLARE_EVALUATION(Orvix::PhysicalSpace::vector)
+#undef VANTLE_DECLARE_EVALUATION
+
+} // namespace Vantle

@@ -1,0 +1,267 @@
+#pragma once
+/// Point location in a whole grid: which fragment contains a world position, and at which local coordinates.
+///
+/// The fragments whose boxes contain the position are tried in their order; the first that has it answers. Uniform and
+/// rectilinear fragments are computed; curvilinear ones have a search structure each, which is built when a query
+/// first reaches the fragment, and kept in the slice (see `PointSearch`) for all locators.
+///
+/// Local coordinates are fractional indices of the fragment: vertex (i, j, k) has coordinates (i, j, k).
+
+#include <baseop/BaseOpExport.hpp>
+#include <baseop/PointSearch.hpp>
+#include <model/orvix/KDTree.hpp>
+#include <model/orvix/PhysicalSpace.hpp>
+#include <model/vantle/DirectProduct.hpp>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Vantle {
+
+class CartesianFragments;
+
+/// What searches use unless told otherwise.
+namespace LocationDefaults {
+
+/// Unicells of a unigrid mapper per mean edge length, divided by 1.2.
+inline constexpr double Resolution = 1.0;
+/// Distance at which a solve ends, in per cent of the mean edge length.
+inline constexpr double Precision = 0.01;
+/// Width of the rim of a block, in cells, within which a near miss is accepted.
+inline constexpr double GridEpsilon = 0.02;
+/// Half widths of the search box of a tree mapper, in largest edge extents. A box of one extent can miss cells that
+/// are strongly skewed.
+inline constexpr Orvix::PhysicalSpace::vector TreeScale{1.5, 1.5, 1.5};
+/// Interleaving of the cells when a tree mapper is built.
+inline constexpr unsigned int TreeStride = 13;
+
+} // namespace LocationDefaults
+
+/// How the cell of a curvilinear fragment is found.
+enum class CellLocator {
+    /// One linear step from the centre of each candidate cell: fast, exact to first order in the distortion of the
+    /// cells. Near the faces of strongly distorted cells positions may be lost.
+    Newton,
+    /// The projective map of each candidate cell to the unit cube: exact for cells that are projective images of a
+    /// cube.
+    Projective,
+    /// Full iteration on the trilinear cell: every position inside a block of good cells, to rounding.
+    Exact,
+};
+
+/// How curvilinear fragments are searched.
+struct VANTLE_BASEOP_API LocatorOptions {
+    CellLocator cellLocator = CellLocator::Newton;
+    /// Width of the rim within which `Newton` and `Projective` accept a position, in cells.
+    double gridEpsilon = LocationDefaults::GridEpsilon;
+};
+
+/// The result of a location.
+struct VANTLE_BASEOP_API LocalPoint {
+    /// Fractional indices in the fragment. Without meaning when nothing was found.
+    Orvix::PhysicalSpace::point localCoordinates;
+    /// The fragment; null when nothing was found, and also for unfragmented data.
+    Hestra::StrongPtr<FragmentID> fragment;
+};
+
+/// Finds the cell of one curvilinear fragment that holds a position. Made for each query, on the stack.
+class VANTLE_BASEOP_API CurvilinearCell {
+public:
+    virtual ~CurvilinearCell();
+    /// 0 not found, 1 found, 2 accepted approximately, -1 when there is no search structure.
+    virtual int pointInCell(const Orvix::PhysicalSpace::point& p) = 0;
+
+    /// Local coordinates of the last hit; (-1, -1, -1) before the first.
+    [[nodiscard]] const Orvix::PhysicalSpace::point& localCoordinates() const noexcept { return myLocal; }
+    /// What the last query returned; 0 before the first.
+    [[nodiscard]] int result() const noexcept { return myResult; }
+
+protected:
+    CurvilinearCell() = default;
+    CurvilinearCell(const CurvilinearCell&) = default;
+    CurvilinearCell& operator=(const CurvilinearCell&) = default;
+
+    Orvix::PhysicalSpace::point myLocal{-1.0, -1.0, -1.0};
+    int myResult = 0;
+};
+
+/// By the linear solves of a unigrid mapper, which outlives this object; null is allowed.
+class VANTLE_BASEOP_API HexaHedralCellNewton : public CurvilinearCell {
+public:
+    explicit HexaHedralCellNewton(const UniGridMapper* mapper, double gridEpsilon = LocationDefaults::GridEpsilon)
+        : myMapper(mapper), myEpsilon(gridEpsilon) {}
+    ~HexaHedralCellNewton() override;
+    int pointInCell(const Orvix::PhysicalSpace::point& p) override;
+
+private:
+    const UniGridMapper* myMapper;
+    double myEpsilon;
+};
+
+/// By the projective map of the cells in the unigrid mapper, which outlives this object; null is allowed.
+class VANTLE_BASEOP_API ProjectiveCell : public CurvilinearCell {
+public:
+    explicit ProjectiveCell(const UniGridMapper* mapper, double gridEpsilon = LocationDefaults::GridEpsilon)
+        : myMapper(mapper), myEpsilon(gridEpsilon) {}
+    ~ProjectiveCell() override;
+    int pointInCell(const Orvix::PhysicalSpace::point& p) override;
+
+private:
+    const UniGridMapper* myMapper;
+    double myEpsilon;
+};
+
+/// By an exact locator, which outlives this object; null is allowed.
+class VANTLE_BASEOP_API ExactCell : public CurvilinearCell {
+public:
+    explicit ExactCell(const ExactCellLocator* locator) : myLocator(locator) {}
+    ~ExactCell() override;
+    int pointInCell(const Orvix::PhysicalSpace::point& p) override;
+
+private:
+    const ExactCellLocator* myLocator;
+};
+
+/// Finds the cell of a rectilinear fragment, whose coordinates outlive this object.
+class VANTLE_BASEOP_API RectilinearInterpolation {
+public:
+    using Coordinates = DirectProductMemArray<Orvix::PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
+    explicit RectilinearInterpolation(const Coordinates& coordinates) : myCoordinates(coordinates) {}
+    /// True, with the fractional indices in `uvw`, when `p` lies between the ends of all axes, ends included. False
+    /// otherwise and for NaN, with `uvw` untouched.
+    bool find_rectilinear_cell(const Orvix::PhysicalSpace::point& p, Orvix::PhysicalSpace::point& uvw) const noexcept;
+
+private:
+    const Coordinates& myCoordinates;
+};
+
+/// The fragments whose closed boxes contain a point, by ascending number.
+class VANTLE_BASEOP_API BBSelectorMemoryTree {
+public:
+    /// Returned after the last fragment.
+    static constexpr unsigned int End = ~0u;
+    struct Box {
+        Orvix::PhysicalSpace::point min, max;
+    };
+
+    /// `tree` has the fragments' numbers at the centres of their boxes; `halfWidths` are at least those of the
+    /// largest box on each axis.
+    BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree, const Orvix::FixedArray<double, 3>& halfWidths,
+                         const std::vector<Box>& boxes, const Orvix::PhysicalSpace::point& p);
+    unsigned int getNext() noexcept { return myNext < myCount ? numbers()[myNext++] : End; }
+
+private:
+    static constexpr std::size_t Few = 16; // overlapping boxes are few: no allocation for them
+    [[nodiscard]] const unsigned int* numbers() const noexcept { return myMany.empty() ? myFew : myMany.data(); }
+
+    unsigned int myFew[Few];
+    std::vector<unsigned int> myMany;
+    std::size_t myCount = 0;
+    std::size_t myNext = 0;
+};
+
+/// The point location over one coordinate field of one grid.
+///
+/// Degenerate   NaN, infinite and far positions are in no box, and not found. A fragment without coordinates, of
+///              another kind, or without cells is passed over.
+/// Failure      without grid or coordinate field a message, and no query finds anything. A search structure that cannot
+///              be built is reported, its fragment is skipped, and the next query tries again. No exception leaves a
+///              query. Without a slice there is no place for structures: curvilinear fragments are skipped.
+/// Age          coordinates that change are not noticed: make the grid anew (`Slice::newGrid`), or remove the
+///              fragment tree, the fragment coordinates and the structures before making another locator.
+/// Concurrency  construct from one thread at a time. Queries may come from any number of threads, also of different
+///              locators: a missing structure is looked up, built and stored inside the unnamed OpenMP critical
+///              section, once. Queries do not enter it after that.
+/// Cost         one box test per nearby fragment, and one query of its structure; no allocation, no reference counting
+///              (`locate`), once the structures exist.
+class VANTLE_BASEOP_API LocalFromWorldPoint {
+public:
+    using point = Orvix::PhysicalSpace::point;
+    using vector = Orvix::PhysicalSpace::vector;
+    using LocalPoint = Vantle::LocalPoint;
+    using FragmentTree = Orvix::KDTree<3, int>;
+
+    using Options = LocatorOptions;
+
+    /// A result in plain values.
+    struct Location {
+        point localCoordinates;
+        /// 0 not found, 1 found, 2 accepted approximately. Without meaning otherwise: coordinates and fragment of 0.
+        unsigned int code = 0;
+        /// Position of the fragment in the coordinate field's iteration order.
+        unsigned int fragment = 0;
+        [[nodiscard]] explicit operator bool() const noexcept { return code != 0; }
+    };
+
+    LocalFromWorldPoint(const Hestra::StrongPtr<Slice>& slice, const Hestra::StrongPtr<Grid>& grid,
+                        const std::string& coordinateField = kPositionsName,
+                        double resolution = LocationDefaults::Resolution,
+                        double precision = LocationDefaults::Precision,
+                        const vector& scale = LocationDefaults::TreeScale, const Options& options = {});
+    ~LocalFromWorldPoint();
+    LocalFromWorldPoint(const LocalFromWorldPoint&) = delete;
+    LocalFromWorldPoint& operator=(const LocalFromWorldPoint&) = delete;
+
+    /// Finds `p` by the cell locator of the options. On failure the fragment is released and false returned.
+    bool get(const point& p, LocalPoint& result) const;
+    /// Finds `p` by tree mappers. On failure the fragment is released, the coordinates stay, and false is returned.
+    bool getViaTree(const point& p, LocalPoint& result) const;
+    /// The same for the world position that the local coordinates hold on entry.
+    bool getViaTree(LocalPoint& result) const;
+    /// As `get`, without counting references.
+    [[nodiscard]] Location locate(const point& p) const;
+
+    /// Whether there are a grid and a coordinate field.
+    [[nodiscard]] bool isValid() const noexcept { return bool(myField); }
+    [[nodiscard]] std::size_t nFragments() const noexcept { return myBoxes.size(); }
+    /// Fragment `n` in the coordinate field's iteration order; null for unfragmented data.
+    [[nodiscard]] const Hestra::StrongPtr<FragmentID>& fragmentID(unsigned int n) const;
+    /// Null without grid or coordinate field.
+    [[nodiscard]] const Hestra::StrongPtr<Field>& coordinateField() const noexcept { return myField; }
+    [[nodiscard]] const PointSearch& pointSearch() const noexcept { return mySearch; }
+
+    /// Number of faces of a cell that lie on the border of its curvilinear fragment, 0 to 6: an axis on which the cell
+    /// is both the first and the last counts twice. 0, with a message, if there is no such fragment or cell.
+    [[nodiscard]] int numberOfBordersOfCell(const Hestra::StrongPtr<FragmentID>& fragment,
+                                            const MultiIndex<3>& cell) const;
+    /// The unit normal, pointing out of the cell, of its first border face: lower faces before upper ones, axis 0
+    /// first. False and a zero normal, with a message, for a cell that is not on the border; also for a flat face.
+    bool getNormal(const Hestra::StrongPtr<FragmentID>& fragment, const MultiIndex<3>& cell, vector& normal) const;
+    /// The normal, as above, of the border face that a ray from `origin` meets first; each face is two triangles, that
+    /// share its lowest and its highest vertex. False and a zero normal when it meets none; a hit is reported.
+    bool getBorderIntersectionNormal(const Hestra::StrongPtr<FragmentID>& fragment, const MultiIndex<3>& cell,
+                                     const point& origin, const vector& direction, vector& normal) const;
+
+private:
+    struct Fragment;
+
+    [[nodiscard]] static PointSearch makeSearch(const Hestra::StrongPtr<Slice>& slice,
+                                                const Hestra::StrongPtr<Grid>& grid, const std::string& name);
+    void collectFragments(CartesianFragments& properties);
+    void fillTree();
+    template<class Mapper, class Make>
+    [[nodiscard]] const Mapper* mapper(unsigned int number, Fragment& fragment, const char* what,
+                                       const Make& make) const;
+    [[nodiscard]] const UniGridMapper* uniMapper(unsigned int number, Fragment& fragment) const;
+    [[nodiscard]] const TreeCellMapper* treeMapper(unsigned int number, Fragment& fragment) const;
+    [[nodiscard]] const ExactCellLocator* exactLocator(unsigned int number, Fragment& fragment) const;
+    template<class InCurvilinear>
+    [[nodiscard]] Location search(const point& p, const InCurvilinear& inCurvilinear) const;
+    [[nodiscard]] const MemArray<3, point>* curvilinear(const Hestra::StrongPtr<FragmentID>& fragment,
+                                                        const MultiIndex<3>& cell) const;
+
+    PointSearch mySearch;
+    Hestra::StrongPtr<Field> myField;
+    Hestra::StrongPtr<FragmentTree> myTree;
+    Orvix::FixedArray<double, 3> myHalfWidths;
+    std::vector<BBSelectorMemoryTree::Box> myBoxes;
+    std::unique_ptr<Fragment[]> myFragments;
+    bool myIsComplete = true; // whether every fragment has its place in the fragment coordinates
+    double myResolution;
+    double myPrecision;
+    vector myScale;
+    Options myOptions;
+};
+
+} // namespace Vantle

@@ -1,0 +1,468 @@
+#include <baseop/ExactCellLocator.hpp>
+#include <baseop/FragmentSkeleton.hpp>
+#include <baseop/LocalFromWorldPoint.hpp>
+#include <baseop/TreeCellMapper.hpp>
+#include <baseop/UniGridMapper.hpp>
+
+#include <gtest/gtest.h>
+#include <limits>
+#include <support/LocationGrids.hpp>
+#include <thread>
+
+namespace {
+
+using Hestra::StrongPtr;
+using Orvix::PhysicalSpace;
+using support::occurrences;
+using support::Point;
+using namespace Vantle;
+
+constexpr double infinity = std::numeric_limits<double>::infinity();
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+const PhysicalSpace::vector scale = LocationDefaults::TreeScale;
+
+template<class F>
+std::string outputOf(const F& function) {
+    testing::internal::CaptureStdout();
+    function();
+    return testing::internal::GetCapturedStdout();
+}
+
+LocatorOptions options(CellLocator kind) {
+    LocatorOptions chosen;
+    chosen.cellLocator = kind;
+    return chosen;
+}
+
+/// A slice with one grid of blocks.
+struct Scene {
+    StrongPtr<Slice> slice = Hestra::makeRef<Slice>();
+    StrongPtr<Grid> grid = slice->newGrid("grid");
+    RegularGrid3D blocks;
+
+    Scene() = default;
+    Scene(const support::Shape& shape, int count, const MultiIndex<3>& n)
+        : blocks(support::makeBlocks(*grid, shape, count, n)) {}
+
+    [[nodiscard]] std::unique_ptr<LocalFromWorldPoint> locator(const LocatorOptions& chosen = {},
+                                                               double resolution = 1.0) const {
+        return std::make_unique<LocalFromWorldPoint>(slice, grid, "Positions", resolution, 0.01, scale, chosen);
+    }
+};
+
+class LocateInShapes : public testing::TestWithParam<support::Shape> {};
+INSTANTIATE_TEST_SUITE_P(All, LocateInShapes, testing::ValuesIn(support::shapes()),
+                         [](const auto& instance) { return instance.param.name; });
+
+// A point made in a cell comes back to the same place. Exactly by the exact locator, and by all in affine cells; else
+// the linear step finds what it finds in the right block, close to where it was.
+TEST_P(LocateInShapes, PointsComeBackToTheirPlaces) {
+    testing::internal::CaptureStdout();
+    const Scene scene(GetParam(), 3, {7, 9, 8});
+    const auto newton = scene.locator(), projective = scene.locator(options(CellLocator::Projective)),
+               exact = scene.locator(options(CellLocator::Exact));
+    int byNewton = 0, byTree = 0, total = 0;
+    for (unsigned int n = 0; n < exact->nFragments(); ++n) {
+        const auto block = support::blockOf(scene.blocks, exact->fragmentID(n));
+        for (const Point& index : support::randomIndices(*block, 200, 7 + n, 0.01)) {
+            const Point p = support::positionIn(*block, index);
+            LocalPoint found;
+            ASSERT_TRUE(exact->get(p, found));
+            EXPECT_EQ(found.fragment, exact->fragmentID(n));
+            EXPECT_LE(support::distance(found.localCoordinates, index), 1e-7);
+
+            ++total;
+            const auto located = newton->locate(p);
+            if (located && located.fragment == n && support::distance(located.localCoordinates, index) < 0.2)
+                ++byNewton;
+            LocalPoint viaTree{p, {}};
+            if (newton->getViaTree(viaTree) && viaTree.fragment == exact->fragmentID(n) &&
+                support::distance(viaTree.localCoordinates, index) < 0.2)
+                ++byTree;
+            if (GetParam().isAffine) {
+                EXPECT_LE(support::distance(located.localCoordinates, index), 1e-6);
+                EXPECT_LE(support::distance(projective->locate(p).localCoordinates, index), 1e-6);
+                EXPECT_LE(support::distance(viaTree.localCoordinates, index), 1e-6);
+            }
+        }
+    }
+    (void)testing::internal::GetCapturedStdout();
+    const int least = GetParam().isAffine ? total : total * 9 / 10;
+    EXPECT_GE(byNewton, least);
+    // The projective map of a twisted cell fits five of its corners only.
+    EXPECT_GE(byTree, GetParam().isAffine ? total : total * 2 / 3);
+}
+
+TEST(LocalFromWorldPointTest, UniformAndRectilinearBlocksAreComputed) {
+    const Scene scene;
+    RegularGrid3D blocks(scene.grid);
+    const auto uniform =
+        blocks.addBlock("uniform", Hestra::makeRef<UniformCartesianArray>(Orvix::BoundingBox({0, 0, 0}, {1, 2, 0}),
+                                                                          MultiIndex<3>(3, 50, 1)));
+    using Axis = ExplicitCoordinateAxisArray<double>;
+    const auto rectilinear =
+        blocks.addBlock("rectilinear", Hestra::makeRef<RectilinearInterpolation::Coordinates>(
+                                           std::array{Axis({1, 1.5, 4}), Axis({2, 0, -1}), Axis({0.0, 1.0})}));
+    const auto curvilinear = blocks.addBlock("curvilinear", support::makeBlock({"",
+                                                                                [](double u, double v, double w) {
+                                                                                    return Point{4 + u, v, w};
+                                                                                },
+                                                                                true},
+                                                                               {3, 3, 3}));
+    testing::internal::CaptureStdout();
+    const auto locator = scene.locator();
+    LocalPoint found;
+    const auto at = [&](const Point& p, const StrongPtr<FragmentID>& in, const Point& index) {
+        EXPECT_TRUE(locator->get(p, found)) << p;
+        EXPECT_EQ(found.fragment, in) << p;
+        EXPECT_LE(support::distance(found.localCoordinates, index), 1e-12) << p << found.localCoordinates;
+    };
+    at({0.25, 1, 0}, uniform, {0.5, 24.5, 0});
+    at({1, 2, 0}, uniform, {2, 49, 0}); // the first fragment that has it, and never beyond its last vertex
+    EXPECT_EQ(found.localCoordinates[1], 49.0);
+    at({4, -1, 1}, rectilinear, {2, 2, 1});
+    at({1.25, 1, 0.5}, rectilinear, {0.5, 0.5, 0.5});
+    at({4.25, 0.5, 0.5}, curvilinear, {0.5, 1, 1});
+    EXPECT_FALSE(locator->get({0.5, 0.5, 1e-9}, found)) << "the uniform block is flat";
+    EXPECT_FALSE(found.fragment);
+    (void)testing::internal::GetCapturedStdout();
+}
+
+TEST(LocalFromWorldPointTest, TellsWhatItMakesOnce) {
+    const Scene scene(support::shapes()[0], 2, {4, 4, 4});
+    const std::string head = "LocalFromWorldPoint::LocalFromWorldPoint() ";
+    std::unique_ptr<LocalFromWorldPoint> first, second;
+    EXPECT_EQ(outputOf([&] { first = scene.locator(); }),
+              head + "No tree found, in coord-Fields Intercube, creating one.\n"
+                     "FragmentProperties.buildFragmentCoordinates();  WAS HARD WORK\n");
+    EXPECT_EQ(outputOf([&] { second = scene.locator(); }),
+              head + "Tree found, in Coord-Fields Intercube, using it\n"
+                     "FragmentProperties.buildFragmentCoordinates();  Could benefit from savings\n");
+    const auto tree = scene.blocks.positions()->findInterface<Orvix::KDInterface<3, int>>();
+    ASSERT_TRUE(tree);
+    EXPECT_EQ(tree->tree()->size(), 2u) << "filled once";
+
+    const auto block = support::blockOf(scene.blocks, first->fragmentID(1));
+    const Point p = support::positionIn(*block, {1.5, 1.5, 1.5});
+    LocalPoint found;
+    // Nothing is built for what is in no box.
+    for (const Point& outside :
+         {Point(nan, 0, 0), Point(infinity, 0.5, 0.5), Point(0, -infinity, 0), Point(1e300, 1, 1)})
+        EXPECT_EQ(outputOf([&] {
+                      EXPECT_FALSE(first->get(outside, found));
+                      EXPECT_FALSE(first->getViaTree(outside, found));
+                  }),
+                  "");
+    EXPECT_FALSE(PointSearch::hasLookupFragment(first->pointSearch().helperField(), first->fragmentID(1)));
+
+    const std::string text = outputOf([&] { EXPECT_TRUE(first->get(p, found)); });
+    EXPECT_EQ(text.find("baseop/LocalFromWorldPoint Create unimapper for 1, res=1, prec=0.01\n"), 0u) << text;
+    EXPECT_EQ(occurrences(text, "Create unimapper"), 1);
+    const std::string treeText = outputOf([&] { EXPECT_TRUE(first->getViaTree(p, found)); });
+    EXPECT_EQ(treeText, "baseop/LocalFromWorldPoint Create treemapper for 1, res=1, prec=0.01\n"
+                        "and scale: 1.500000 1.500000 1.500000: \n"
+                        "in thread: 0\n");
+    EXPECT_EQ(outputOf([&] {
+                  for (const auto* locator : {first.get(), second.get()}) {
+                      EXPECT_TRUE(locator->get(p, found));
+                      EXPECT_TRUE(locator->getViaTree(p, found));
+                  }
+              }),
+              "")
+        << "both locators share what there is";
+    const auto exact = [&] { return scene.locator(options(CellLocator::Exact)); };
+    EXPECT_EQ(occurrences(outputOf([&] { EXPECT_TRUE(exact()->get(p, found) && exact()->get(p, found)); }),
+                          "baseop/LocalFromWorldPoint Create exact locator for 1\n"),
+              1);
+
+    // One array of one mapper under the fragment's id, and the fragments' names and boxes may be dropped.
+    const auto entry = Hestra::dynamicCast<StoredMapper<UniGridMapper>>(
+        first->pointSearch().helperField()->getData(first->fragmentID(1)));
+    ASSERT_TRUE(entry);
+    EXPECT_EQ(entry->nElements(), 1u);
+    EXPECT_EQ(entry->element(0)->coordinates(), block);
+    CartesianFragments(scene.grid).makeFragmentCoordinatesMinMax().first->removeData();
+    EXPECT_TRUE(first->get(p, found));
+}
+
+TEST(LocalFromWorldPointTest, MissingPiecesMakeEveryQueryFail) {
+    const Scene scene(support::shapes()[0], 2, {4, 4, 4});
+    const std::string head = " LocalFromWorldPoint::LocalFromWorldPoint() ERROR: ";
+    const auto fails = [](const StrongPtr<Slice>& slice, const StrongPtr<Grid>& grid, const std::string& field) {
+        return outputOf([&] {
+            const LocalFromWorldPoint locator(slice, grid, field);
+            LocalPoint found;
+            EXPECT_FALSE(locator.get({0, 0, 0}, found));
+            EXPECT_FALSE(locator.getViaTree(found));
+            EXPECT_FALSE(locator.locate({0, 0, 0}));
+        });
+    };
+    EXPECT_EQ(fails(scene.slice, nullptr, "Positions"), head + "invalid grid!\n");
+    EXPECT_EQ(fails(nullptr, nullptr, "Positions"), head + "invalid grid!\n");
+    EXPECT_EQ(fails(scene.slice, scene.grid, "Unknown"), head + "invalid coord field!\n");
+    EXPECT_EQ(fails(scene.slice, scene.slice->newGrid("bare"), "Positions"), head + "invalid coord field!\n");
+    // Without a slice there is no storage.
+    const auto block = support::blockOf(scene.blocks, scene.blocks.positions()->getFragmentID("A"));
+    const std::string text = outputOf([&] {
+        EXPECT_FALSE(LocalFromWorldPoint(nullptr, scene.grid).locate(support::positionIn(*block, {0.5, 0.5, 0.5})));
+    });
+    EXPECT_EQ(occurrences(text, "mapper"), 0);
+
+    const auto points = scene.slice->newGrid("points");
+    GridWithCartesianVertices(points, 3).positions()->setPersistentData(makeMemArray1D(std::vector<Point>(3)));
+    EXPECT_EQ(occurrences(fails(scene.slice, points, "Positions"),
+                          "LocalFromWorldPoint::LocalFromWorldPoint() ERROR: Unfragmented, but no proc, curvi or "
+                          "rectilinear data could be accessed??\n"),
+              1);
+}
+
+// The null fragment id stands for unfragmented data, in the result and in the storage.
+TEST(LocalFromWorldPointTest, UnfragmentedGridsAndOtherCoordinateFields) {
+    const Scene scene;
+    const auto block = support::makeBlock(support::shapes()[1], {6, 6, 6});
+    const auto whole = RegularGrid3D::create(*scene.grid, block);
+    const auto moved = support::makeBlock({"",
+                                           [](double u, double v, double w) {
+                                               return Point{10 + u, v, w};
+                                           },
+                                           true},
+                                          {6, 6, 6});
+    GridWithCartesianVertices(scene.grid, 3).setField("Moved", moved);
+    testing::internal::CaptureStdout();
+    const auto locator = scene.locator();
+    LocalPoint found;
+    const Point index(2.5, 1.25, 3.75);
+    EXPECT_TRUE(locator->get(support::positionIn(*block, index), found));
+    EXPECT_FALSE(found.fragment);
+    EXPECT_TRUE(PointSearch::hasLookupFragment(locator->pointSearch().helperField(), nullptr));
+
+    const LocalFromWorldPoint other(scene.slice, scene.grid, "Moved");
+    EXPECT_TRUE(other.get(support::positionIn(*moved, index), found));
+    EXPECT_LE(support::distance(found.localCoordinates, index), 1e-9);
+    EXPECT_FALSE(other.get(support::positionIn(*block, index), found)) << "boxes are those of its own field";
+    EXPECT_NE(other.pointSearch().helperField(), locator->pointSearch().helperField());
+    (void)testing::internal::GetCapturedStdout();
+}
+
+// Trees shift the last layer; fractional indices must be right there, too.
+TEST(LocalFromWorldPointTest, TreeMappersReachTheLastLayer) {
+    const Scene scene(support::shapes()[0], 1, {4, 2, 3});
+    const auto block = support::blockOf(scene.blocks, scene.blocks.positions()->getFragmentID("A"));
+    testing::internal::CaptureStdout();
+    const auto locator = scene.locator();
+    for (const Point& index : {Point(2.5, 0.5, 1.5), Point(0.25, 0.75, 1.125), Point(2.75, 0.5, 0.5)}) {
+        LocalPoint found;
+        EXPECT_TRUE(locator->getViaTree(support::positionIn(*block, index), found));
+        EXPECT_LE(support::distance(found.localCoordinates, index), 1e-9) << index;
+    }
+    LocalPoint missed{Point(50, 50, 50), locator->fragmentID(0)};
+    EXPECT_FALSE(locator->getViaTree(missed));
+    EXPECT_EQ(missed.localCoordinates, Point(50, 50, 50)) << "unchanged on failure";
+    EXPECT_FALSE(missed.fragment);
+    (void)testing::internal::GetCapturedStdout();
+}
+
+// A structure that cannot be built is reported at every query, and the other fragments answer all the same.
+TEST(LocalFromWorldPointTest, ReportsWhatCannotBeBuiltAndGoesOn) {
+    const Scene scene;
+    RegularGrid3D blocks(scene.grid);
+    // Two blocks over each other; the unigrid over the first has too many unicells: its last cells are tiny.
+    const support::Shape spiky{"",
+                               [](double u, double v, double w) {
+                                   const auto f = [](double x) { return 1 - (1 - x) * (1 - x) * (1 - x) * (1 - x); };
+                                   return Point{f(u), f(v), f(w)};
+                               },
+                               false};
+    const support::Shape cube{"", [](double u, double v, double w) { return Point{u, v, w}; }, true};
+    blocks.addBlock("fine", support::makeBlock(spiky, {70, 70, 70}));
+    const auto good = blocks.addBlock("good", support::makeBlock(cube, {5, 5, 5}));
+    std::unique_ptr<LocalFromWorldPoint> locator;
+    (void)outputOf([&] { locator = scene.locator(); });
+    LocalPoint found;
+    const std::string failure =
+        "baseop/LocalFromWorldPoint Exception - CANNOT create unimapper for fragment 0 because ";
+    const Point p(0.3, 0.4, 0.5);
+    for (int query = 0; query < 3; ++query) {
+        const std::string text = outputOf([&] { EXPECT_TRUE(locator->get(p, found)); });
+        EXPECT_EQ(found.fragment, good);
+        EXPECT_EQ(occurrences(text, "Create unimapper for 0,"), 1) << text;
+        EXPECT_EQ(occurrences(text, failure), 1) << text;
+        EXPECT_EQ(occurrences(text, "Create unimapper for 1,"), query == 0) << text;
+    }
+    testing::internal::CaptureStdout();
+    EXPECT_TRUE(scene.locator(options(CellLocator::Exact))->get(p, found));
+    EXPECT_EQ(found.fragment->name(), "fine") << "the exact locator has no such limit";
+    (void)testing::internal::GetCapturedStdout();
+}
+
+// Fragments that have nothing to search in are passed over, and asked again.
+TEST(LocalFromWorldPointTest, OddFragmentsAreSkipped) {
+    const Scene scene;
+    RegularGrid3D blocks(scene.grid);
+    const Orvix::BoundingBox everywhere({-9, -9, -9}, {9, 9, 9});
+    blocks.positions()->makeFragmentID("none");
+    blocks.addBlock("points", makeMemArray1D(std::vector<Point>{{-9, -9, -9}, {9, 9, 9}}));
+    blocks.addBlock("empty", support::makeBlock(support::shapes()[0], {0, 3, 3}));
+    blocks.addBlock("layer", support::makeBlock(support::shapes()[0], {1, 3, 3}));
+    bool isReady = false;
+    blocks.positions()
+        ->createCreator(
+            [&](const Hestra::WeakPtr<CreativeArrayBase>&) -> StrongPtr<MemBase> {
+                if (!isReady) return nullptr;
+                return support::makeBlock(support::shapes()[0], {3, 3, 3});
+            },
+            typeid(Point), {}, blocks.positions()->makeFragmentID("late"))
+        ->addInterface(Hestra::makeRef<Orvix::BoundingBox>(everywhere));
+    testing::internal::CaptureStdout();
+    const auto locator = scene.locator();
+    EXPECT_EQ(locator->nFragments(), 5u);
+    const Point p = support::sheared(0.4, 0.3, 0.2);
+    LocalPoint found;
+    EXPECT_FALSE(locator->get(p, found));
+    EXPECT_FALSE(locator->getViaTree(p, found));
+    isReady = true;
+    EXPECT_TRUE(locator->get(p, found));
+    EXPECT_EQ(found.fragment->name(), "late");
+    EXPECT_TRUE(locator->getViaTree(p, found));
+    (void)testing::internal::GetCapturedStdout();
+}
+
+// Many threads, several locators: each structure is built once, and every query has its answer.
+TEST(LocalFromWorldPointTest, ThreadsBuildEachStructureOnce) {
+    const Scene scene(support::shapes()[2], 4, {6, 6, 6});
+    testing::internal::CaptureStdout();
+    const auto first = scene.locator(), second = scene.locator(), exact = scene.locator(options(CellLocator::Exact)),
+               exactToo = scene.locator(options(CellLocator::Exact));
+    std::atomic<int> misses{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int n = 0; n < 4; ++n) {
+                const auto block = support::blockOf(scene.blocks, first->fragmentID(static_cast<unsigned int>(n)));
+                for (const Point& index : support::randomIndices(*block, 20, 3, 0.3)) {
+                    const Point p = support::positionIn(*block, index);
+                    LocalPoint found;
+                    misses += !(t % 2 ? first : second)->get(p, found);
+                    misses += !(t % 2 ? first : second)->getViaTree(p, found);
+                    misses += !(t % 2 ? exact : exactToo)->get(p, found);
+                }
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(misses, 0);
+    for (const char* made : {"Create unimapper for ", "Create treemapper for ", "Create exact locator for "})
+        EXPECT_EQ(occurrences(text, made), 4) << made;
+}
+
+TEST(BBSelectorMemoryTreeTest, FindsTheBoxesThatContainAPoint) {
+    std::mt19937_64 random(11);
+    std::uniform_int_distribution<int> corner(0, 8);
+    for (const int count : {1, 12, 300}) {
+        Orvix::KDTree<3, int> tree;
+        Orvix::FixedArray<double, 3> halfWidths;
+        std::vector<BBSelectorMemoryTree::Box> boxes;
+        for (int n = 0; n < count; ++n) {
+            Point low, high, centre;
+            for (int d = 0; d < 3; ++d) {
+                const double a = corner(random), b = corner(random);
+                low[d] = std::min(a, b);
+                high[d] = std::max(a, b);
+                centre[d] = 0.5 * (low[d] + high[d]);
+                halfWidths[d] = std::max(halfWidths[d], 0.5 * (high[d] - low[d]));
+            }
+            boxes.push_back({low, high});
+            tree.insert(centre, n);
+        }
+        tree.pack();
+        for (int query = 0; query < 200; ++query) {
+            const Point p(corner(random), corner(random), 0.5 * corner(random));
+            std::vector<unsigned int> expected, found;
+            for (unsigned int n = 0; n < boxes.size(); ++n)
+                if (Orvix::BoundingBox(boxes[n].min, boxes[n].max).inside(p)) expected.push_back(n);
+            BBSelectorMemoryTree selector(tree, halfWidths, boxes, p);
+            for (unsigned int n; (n = selector.getNext()) != BBSelectorMemoryTree::End;) found.push_back(n);
+            EXPECT_EQ(found, expected);
+        }
+    }
+}
+
+// A box whose centre is rounded still gives the points on its faces.
+TEST(LocalFromWorldPointTest, CornersOfBoxesAreFound) {
+    const Scene scene;
+    const auto far = Hestra::makeRef<UniformCartesianArray>(
+        Orvix::BoundingBox({1e7 + 0.1, 1.0 / 3.0, -0.7}, {1e7 + 0.3, 0.9, 1e-3}), MultiIndex<3>(4, 4, 4));
+    RegularGrid3D(scene.grid).addBlock("far", far);
+    testing::internal::CaptureStdout();
+    const auto locator = scene.locator();
+    for (index_t corner = 0; corner < 8; ++corner)
+        EXPECT_TRUE(locator->locate((*far)(3 * (corner & 1), 3 * (corner >> 1 & 1), 3 * (corner >> 2))));
+    (void)testing::internal::GetCapturedStdout();
+}
+
+TEST(CurvilinearCellTest, LocatorsWithoutAStructureSaySo) {
+    HexaHedralCellNewton newton(nullptr);
+    EXPECT_EQ(newton.pointInCell({0, 0, 0}), -1);
+    EXPECT_EQ(ProjectiveCell(nullptr).pointInCell({0, 0, 0}), -1);
+    EXPECT_EQ(ExactCell(nullptr).pointInCell({0, 0, 0}), -1);
+    EXPECT_EQ(newton.localCoordinates(), Point(-1, -1, -1));
+
+    testing::internal::CaptureStdout();
+    const StrongPtr<UniGridMapper> mapper(
+        new UniGridMapper(support::makeBlock(support::shapes()[1], {5, 5, 5}), 1.0, 0.01));
+    ProjectiveCell outside(mapper.rawptr());
+    EXPECT_EQ(outside.pointInCell({50, 0, 0}), 0) << "outside is no hit";
+    // The annulus leaves unicells in the corners of its box without cells.
+    const auto box = mapper->boundingBox();
+    EXPECT_EQ(outside.pointInCell({box.minCoord()[0], box.maxCoord()[1], 0.5}), 0);
+    EXPECT_EQ(outside.localCoordinates(), Point(-1, -1, -1));
+    (void)testing::internal::GetCapturedStdout();
+}
+
+TEST(LocalFromWorldPointTest, BordersOfABlock) {
+    const Scene scene;
+    const support::Shape box{"", [](double u, double v, double w) { return Point{3 * u, 3 * v, w}; }, true};
+    const auto id = RegularGrid3D(scene.grid).addBlock("box", support::makeBlock(box, {4, 4, 2}));
+    const auto uniform =
+        RegularGrid3D(scene.grid)
+            .addBlock("uniform", Hestra::makeRef<UniformCartesianArray>(Orvix::BoundingBox({0, 0, 0}, {1, 1, 1}),
+                                                                        MultiIndex<3>(3, 3, 3)));
+    testing::internal::CaptureStdout();
+    const auto locator = scene.locator();
+    (void)testing::internal::GetCapturedStdout();
+    const auto borders = [&](const MultiIndex<3>& cell) { return locator->numberOfBordersOfCell(id, cell); };
+    EXPECT_EQ(borders({1, 1, 0}), 2) << "one layer is the first and the last";
+    EXPECT_EQ(borders({0, 2, 0}), 4);
+    const std::string missing =
+        "LocalFromWorldPoint::numberOfBordersOfCell() ERROR: curvilienar multiblock not found?\n";
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(borders({3, 0, 0}), 0); }), missing);
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(locator->numberOfBordersOfCell(uniform, {0, 0, 0}), 0); }), missing);
+
+    PhysicalSpace::vector normal;
+    EXPECT_TRUE(locator->getNormal(id, {1, 1, 0}, normal));
+    EXPECT_EQ(normal, PhysicalSpace::vector(0, 0, -1));
+    EXPECT_TRUE(locator->getNormal(id, {2, 1, 0}, normal));
+    EXPECT_EQ(normal, PhysicalSpace::vector(0, 0, -1)) << "lower faces before upper ones";
+    EXPECT_EQ(outputOf([&] {
+                  EXPECT_FALSE(locator->getNormal(uniform, {1, 1, 1}, normal));
+              }),
+              "LocalFromWorldPoint::getNormal() WARNING: Computing normal from a non border cell?\n");
+    EXPECT_EQ(normal, PhysicalSpace::vector());
+
+    const std::string hit = "LocalFromWorldPoint::getBorderIntersectionNormal() INFO: Yep! Got intersection!\n";
+    const auto meets = [&](const MultiIndex<3>& cell, const Point& from, const PhysicalSpace::vector& along) {
+        const std::string text =
+            outputOf([&] { return (void)locator->getBorderIntersectionNormal(id, cell, from, along, normal); });
+        EXPECT_TRUE(text.empty() || text == hit) << text;
+        return !text.empty();
+    };
+    EXPECT_TRUE(meets({2, 1, 0}, {2.5, 1.5, 0.5}, {1, 0, 0}));
+    EXPECT_EQ(normal, PhysicalSpace::vector(1, 0, 0));
+    EXPECT_TRUE(meets({2, 1, 0}, {2.5, 1.5, 0.5}, {0.1, 0, 5}));
+    EXPECT_EQ(normal, PhysicalSpace::vector(0, 0, 1)) << "the first on the way";
+    EXPECT_FALSE(meets({2, 1, 0}, {2.5, 1.5, 0.5}, {-1, 0, 0})) << "leaves through an inner face";
+    EXPECT_FALSE(meets({2, 1, 0}, {2.5, 1.5, 0.5}, {0, 0, 0}));
+    EXPECT_EQ(normal, PhysicalSpace::vector());
+}
+
+} // namespace

@@ -1,0 +1,121 @@
+#pragma once
+/// Curvilinear blocks for tests of point location: shapes with known maps, in one piece or several, and a linear field.
+
+#include <baseop/Interpolate.hpp>
+#include <model/vantle/Bundle.hpp>
+#include <model/vantle/GridKinds.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <cmath>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace support {
+
+using Point = Orvix::PhysicalSpace::point;
+using Block = Vantle::MemArray<3, Point>;
+using BlockPtr = Hestra::StrongPtr<Block>;
+
+/// A map of the unit cube into space.
+struct Shape {
+    const char* name;
+    Point (*at)(double u, double v, double w);
+    /// Whether the cells of a block are parallelepipeds, for which one linear step is exact.
+    bool isAffine;
+};
+
+inline Point sheared(double u, double v, double w) { return {2 * u + 0.4 * v, v + 0.3 * w - 0.1 * u, 1.5 * w}; }
+inline Point annulus(double u, double v, double w) {
+    const double r = 1 + u, angle = 0.2 + 2.4 * v;
+    return {r * std::cos(angle), r * std::sin(angle), w};
+}
+inline Point twisted(double u, double v, double w) {
+    const double angle = 1.2 * w, x = u - 0.5, y = v - 0.5;
+    return {x * std::cos(angle) - y * std::sin(angle), x * std::sin(angle) + y * std::cos(angle), 2 * w};
+}
+/// Layers that shrink by 10^4 towards w = 0, over a wavy wall.
+inline Point stretched(double u, double v, double w) {
+    const double height = (std::pow(1e4, w) - 1) / (1e4 - 1);
+    return {3 * u, 2 * v, height + 0.05 * std::sin(3 * u) * (1 - height)};
+}
+inline const std::vector<Shape>& shapes() {
+    static const std::vector<Shape> all{{"Sheared", sheared, true},
+                                        {"Annulus", annulus, false},
+                                        {"Twisted", twisted, false},
+                                        {"Stretched", stretched, false}};
+    return all;
+}
+
+/// A block of n vertices over the part of the unit cube between two corners.
+inline BlockPtr makeBlock(const Shape& shape, const Vantle::MultiIndex<3>& n, const Point& low = {0, 0, 0},
+                          const Point& high = {1, 1, 1}) {
+    const auto block = Block::create(n);
+    const auto part = [&](int d, Vantle::index_t i) {
+        return n[d] < 2 ? low[d] : low[d] + (high[d] - low[d]) * static_cast<double>(i) / static_cast<double>(n[d] - 1);
+    };
+    Vantle::MultiIndex<3> i;
+    if (n.product() == 0) return block;
+    do (*block)[i] = shape.at(part(0, i[0]), part(1, i[1]), part(2, i[2]));
+    while (i.advance(n));
+    return block;
+}
+
+/// Where the trilinear block has a fractional index.
+inline Point positionIn(const Block& block, const Point& index) {
+    return Vantle::interpolateAt<3, Point>(block, index);
+}
+
+/// Random fractional indices of a block, no closer to the faces of a cell than `margin`.
+inline std::vector<Point> randomIndices(const Block& block, int count, unsigned seed, double margin = 0.0) {
+    std::mt19937_64 random(seed);
+    std::vector<Point> indices;
+    for (int k = 0; k < count; ++k) {
+        Point index;
+        for (int d = 0; d < 3; ++d) {
+            const auto cells = static_cast<long>(block.Size()[d]) - 1;
+            index[d] = static_cast<double>(std::uniform_int_distribution<long>(0, cells - 1)(random)) +
+                       std::uniform_real_distribution<double>(margin, 1 - margin)(random);
+        }
+        indices.push_back(index);
+    }
+    return indices;
+}
+
+inline double linear(const Point& p) { return 1.0 + 2.0 * p[0] - 3.0 * p[1] + 0.5 * p[2]; }
+
+/// The linear field on the vertices of a block.
+inline Hestra::StrongPtr<Vantle::MemArray<3, double>> linearOn(const Block& block) {
+    const auto values = Vantle::MemArray<3, double>::create(block.Size());
+    for (Vantle::index_t k = 0; k < block.nElements(); ++k) values->element(k) = linear(block.element(k));
+    return values;
+}
+
+/// A grid of blocks named "A", "B", ... side by side in u, each with n vertices, and the field "linear".
+inline Vantle::RegularGrid3D makeBlocks(Vantle::Grid& grid, const Shape& shape, int blocks,
+                                        const Vantle::MultiIndex<3>& n) {
+    Vantle::RegularGrid3D made{Hestra::StrongPtr<Vantle::Grid>(&grid)};
+    for (int b = 0; b < blocks; ++b) {
+        const auto block =
+            makeBlock(shape, n, {static_cast<double>(b) / blocks, 0, 0}, {static_cast<double>(b + 1) / blocks, 1, 1});
+        const auto id = made.addBlock(std::string(1, static_cast<char>('A' + b)), block);
+        made.setField("linear", linearOn(*block), id);
+    }
+    return made;
+}
+
+inline BlockPtr blockOf(const Vantle::RegularGrid3D& grid, const Hestra::StrongPtr<Vantle::FragmentID>& id) {
+    return Hestra::dynamicCast<Block>(grid.positions()->getData(id));
+}
+
+inline double distance(const Point& a, const Point& b) { return length(a - b); }
+
+/// How often a text occurs.
+inline int occurrences(const std::string& text, const std::string& what) {
+    int count = 0;
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++count;
+    return count;
+}
+
+} // namespace support
