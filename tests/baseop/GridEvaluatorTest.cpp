@@ -179,8 +179,10 @@ TEST_P(EvaluateInShapes, LinearFieldsComeBackFromCurvilinearBlocks) {
     std::size_t located = 0;
     for (std::size_t k = 0; k < inside; ++k) {
         located += evaluator.statuses()->element(k) == GridEvaluator::Located;
-        if (GetParam().isAffine) {
-            EXPECT_NEAR(byNewton[k], linear(asked[k]), 1e-9);
+        // A position next to a common face may be a near miss of the block before, whose border it is given then.
+        const double tolerance = !GetParam().isAffine ? 1.0 : evaluator.resultCode(k) == 2 ? 0.01 : 1e-9;
+        if (evaluator.resultCode(k) != 0 || GetParam().isAffine) {
+            EXPECT_NEAR(byNewton[k], linear(asked[k]), tolerance);
         }
     }
     EXPECT_GE(located, GetParam().isAffine ? inside : inside * 95 / 100);
