@@ -29,6 +29,14 @@ namespace detail {
 #endif
 }
 
+/// Whether an array of these extents has no elements.
+template<int N>
+[[nodiscard]] constexpr bool isEmpty(const MultiIndex<N>& size) noexcept {
+    for (const index_t n : size)
+        if (n == 0) return true;
+    return false;
+}
+
 } // namespace detail
 
 /// Where a position lies on one axis: a node, and the weights of this node and of the next.
@@ -64,7 +72,7 @@ struct InterpolationStep {
 private:
     [[nodiscard]] static InterpolationStep above(long long node, double x) noexcept {
         const auto floor = static_cast<double>(node);
-        // (1 - x) + floor and not 1 - fraction: which of the two is part of the results' last bits.
+        // The lower weight in this form, which is part of the rules; above 0 it has the bits of 1 - fraction.
         return {static_cast<index_t>(node), (1.0 - x) + floor, x - floor};
     }
 };
@@ -254,7 +262,7 @@ private:
 template<int N, class T>
 requires(N >= 2) [[nodiscard]] T
     interpolateAt(const MultiArrayBase<N, T>& view, const Orvix::FixedArray<double, N>& position) {
-    if (view.nElements() == 0) return T{};
+    if (detail::isEmpty(view.Size())) return T{};
     return Interpolate<N, T>(view, position).evaluate();
 }
 
@@ -263,7 +271,7 @@ requires(N >= 2) [[nodiscard]] T
 template<int D, int N, class T>
 requires(N >= 2 && D >= 0 && D < N) [[nodiscard]] T
     differentiateAt(const MultiArrayBase<N, T>& view, const Orvix::FixedArray<double, N>& position) {
-    if (view.nElements() == 0) return T{};
+    if (detail::isEmpty(view.Size())) return T{};
     return Interpolate<N, T, LinearIpol<T, false>, double, NoDelimiter<T>, D>(view, position).evaluate();
 }
 
