@@ -107,7 +107,7 @@ TEST(CellSearchTest, SelectorsAndOddInput) {
     EXPECT_EQ(search.findLocation(center("B"), *blocks.positions()).fragment, 1u) << "numbered as in the field";
 
     for (const MultiIndex<3>& resolution : {MultiIndex<3>(0, 3, 3), MultiIndex<3>(1, 1, 1)})
-        for (const index_t maximum : {0, 50}) {
+        for (const index_t maximum : {0ULL, 50ULL}) {
             const CellSearch odd(*blocks.positions(), box, resolution, maximum);
             EXPECT_EQ(bool(odd.findLocation(center("A"), *blocks.positions())), resolution[0] > 0 && maximum > 0);
         }
