@@ -1,0 +1,108 @@
+#include <baseop/Interpolate.hpp>
+#include <baseop/UniformInterpolation.hpp>
+
+#include <limits>
+
+namespace Vantle {
+
+using Orvix::PhysicalSpace;
+
+namespace {
+
+/// World coordinates to index units, axis by axis.
+class UniformIndex {
+public:
+    UniformIndex(const UniformCartesianArray& grid, const Orvix::FixedArray<double, 3>& offset) {
+        for (int d = 0; d < 3; ++d) {
+            const auto& axis = grid.axis(d);
+            myOrigin[d] = axis.origin() + offset[d];
+            // A divisor that makes every finite distance 0 stands for an axis that has no index.
+            mySpacing[d] = axis.size() > 1 && axis.spacing() != 0.0 ? axis.spacing() : kInfinity;
+        }
+    }
+
+    /// Dividing, not multiplying by a reciprocal, is part of the rules.
+    [[nodiscard]] Orvix::FixedArray<double, 3> operator()(const PhysicalSpace::point& p) const noexcept {
+        Orvix::FixedArray<double, 3> index;
+        for (int d = 0; d < 3; ++d) {
+            const double t = (p[d] - myOrigin[d]) / mySpacing[d];
+            index[d] = t == t ? t : 0.0;
+        }
+        return index;
+    }
+
+private:
+    static constexpr double kInfinity = std::numeric_limits<double>::infinity();
+    PhysicalSpace::point myOrigin;
+    PhysicalSpace::vector mySpacing;
+};
+
+template<class Kernel, class T>
+void interpolateAll(Hestra::TypedChunk<T>& output, const std::vector<PhysicalSpace::point>& coordinates,
+                    const UniformCartesianArray& grid, const MultiArrayBase<3, T>& data,
+                    const Orvix::FixedArray<double, 3>& offset, const CoordinateFilter& filter) {
+    if (output.elements() != coordinates.size()) output.resize(coordinates.size());
+    if (data.nElements() == 0) return;
+    const UniformIndex indexOf(grid, offset);
+    T* const values = output.base_vector().data();
+    const auto valueAt = [&](const PhysicalSpace::point& p) {
+        const Orvix::FixedArray<double, 3> index = indexOf(p);
+        return Kernel(data, index).evaluate();
+    };
+    if (filter) {
+        for (std::size_t k = 0; k < coordinates.size(); ++k)
+            if (filter(k, coordinates[k])) values[k] = valueAt(coordinates[k]);
+    } else {
+        for (std::size_t k = 0; k < coordinates.size(); ++k) values[k] = valueAt(coordinates[k]);
+    }
+}
+
+} // namespace
+
+template<class T>
+void TInterpolateUniformData(Hestra::TypedChunk<T>& output, const std::vector<PhysicalSpace::point>& coordinates,
+                             const UniformCartesianArray& grid, const MultiArray<3, T>& data,
+                             const Orvix::FixedArray<double, 3>& offset, const CoordinateFilter& filter) {
+    interpolateAll<Interpolate<3, T>, T>(output, coordinates, grid, data, offset, filter);
+}
+
+void TInterpolateUniformDataRGB(Hestra::TypedChunk<Orvix::ByteRGB>& output,
+                                const std::vector<PhysicalSpace::point>& coordinates, const UniformCartesianArray& grid,
+                                const MultiArray<3, Orvix::ByteRGB>& data, const Orvix::FixedArray<double, 3>& offset,
+                                const CoordinateFilter& filter) {
+    using Kernel = Interpolate<3, Orvix::ByteRGB, LinearIpol<Orvix::ByteRGB, false>, double, RGBOperator>;
+    interpolateAll<Kernel, Orvix::ByteRGB>(output, coordinates, grid, data, offset, filter);
+}
+
+template<class T>
+int CheckType::exec<T>::Break(CheckType& request) {
+    const auto data = Hestra::dynamicCast<MemArray<3, T>>(request.data);
+    if (!data) return 1;
+    auto output = Hestra::dynamicCast<Hestra::TypedChunk<T>>(request.output);
+    if (!output) {
+        output = Hestra::makeRef<Hestra::TypedChunk<T>>(request.coordinates.size());
+        request.output = output;
+    }
+    TInterpolateUniformData<T>(*output, request.coordinates, request.grid, *data, request.offset, request.filter);
+    return 0;
+}
+
+bool InterpolateUniformData(Hestra::StrongPtr<Hestra::ChunkBase>& output,
+                            const std::vector<PhysicalSpace::point>& coordinates, const UniformCartesianArray& grid,
+                            const Hestra::StrongPtr<MemBase>& data, const Orvix::FixedArray<double, 3>& offset,
+                            const CoordinateFilter& filter) {
+    CheckType request{output, coordinates, grid, data, offset, filter};
+#define VANTLE_TRY(...) || CheckType::exec<__VA_ARGS__>::Break(request) == 0
+    return false VANTLE_UNIFORM_INTERPOLATION_TYPES(VANTLE_TRY);
+#undef VANTLE_TRY
+}
+
+#define VANTLE_INSTANTIATE(...)                                                                                        \
+    template VANTLE_BASEOP_API void TInterpolateUniformData(                                                           \
+        Hestra::TypedChunk<__VA_ARGS__>&, const std::vector<PhysicalSpace::point>&, const UniformCartesianArray&,      \
+        const MultiArray<3, __VA_ARGS__>&, const Orvix::FixedArray<double, 3>&, const CoordinateFilter&);              \
+    template struct CheckType::exec<__VA_ARGS__>;
+VANTLE_UNIFORM_INTERPOLATION_TYPES(VANTLE_INSTANTIATE)
+#undef VANTLE_INSTANTIATE
+
+} // namespace Vantle
