@@ -1,0 +1,478 @@
+#include "detail/IsoSweep.hpp"
+
+#include <baseop/DataRange.hpp>
+#include <baseop/Isosurface.hpp>
+#include <model/hestra/Console.hpp>
+#include <model/hestra/Profiler.hpp>
+
+#include <algorithm>
+#include <optional>
+#include <typeinfo>
+#include <variant>
+
+namespace Vantle {
+
+using detail::EdgeNumbering;
+using detail::IsoSweep;
+using detail::ProductPositions;
+using detail::StoredPositions;
+using detail::SweepTarget;
+using Hestra::Console;
+using Hestra::StrongPtr;
+using Orvix::PhysicalSpace;
+
+namespace {
+
+// Edges of fragments with a place in the whole grid are those of a lattice of so many vertices along each axis: its
+// identifiers are less than 3 * 2^60, and those of other fragments begin there.
+constexpr index_t kLatticeVertices = index_t{1} << 20;
+constexpr index_t kFirstPrivateIdentifier = index_t{3} << 60;
+
+using AnyPositions = std::variant<std::monostate, StoredPositions, ProductPositions>;
+
+StoredPositions positionsOf(const MultiArray<3, PhysicalSpace::point>& points) {
+    return {points.data(), static_cast<std::size_t>(points.stride())};
+}
+
+template<template<class> class Axis>
+ProductPositions positionsOf(const DirectProductMemArray<PhysicalSpace::point, Axis, 3>& product) {
+    ProductPositions result;
+    for (int d = 0; d < 3; ++d) {
+        const auto& axis = product.axis(d);
+        std::vector<double>& values = result.axes[static_cast<std::size_t>(d)];
+        values.resize(static_cast<std::size_t>(axis.size()));
+        for (std::size_t i = 0; i < values.size(); ++i) values[i] = axis[i];
+    }
+    return result;
+}
+
+/// The positions in an array of any kind that can hold them, if its extents are these.
+AnyPositions findPositions(const MemBase* array, const MultiIndex<3>& size) {
+    using Linear = DirectProductMemArray<PhysicalSpace::point, LinearCoordinateAxisArray, 3>;
+    using Explicit = DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
+    const auto* const regular = dynamic_cast<const MemArrayBase<3>*>(array);
+    if (!regular || regular->getSize() != size) return {};
+    if (const auto* const points = dynamic_cast<const MemArray<3, PhysicalSpace::point>*>(array))
+        return positionsOf(*points);
+    if (const auto* const linear = dynamic_cast<const Linear*>(array)) return positionsOf(*linear);
+    if (const auto* const listed = dynamic_cast<const Explicit*>(array)) return positionsOf(*listed);
+    return {};
+}
+
+/// Makes room for `added` elements more, at least doubling what has to move.
+template<class T>
+void extend(std::vector<T>& storage, index_t added) {
+    const std::size_t size = storage.size() + static_cast<std::size_t>(added);
+    if (size > storage.capacity())
+        Hestra::reserveLargeArray(storage, storage.empty() ? size : std::max(size, 2 * storage.capacity()));
+    storage.resize(size);
+}
+
+index_t edgeCount(const MultiIndex<3>& extents) {
+    index_t edges = 0;
+    for (int axis = 0; axis < 3; ++axis) {
+        MultiIndex<3> block = extents;
+        block[axis] -= extents[axis] > 0 ? 1 : 0;
+        edges += block.product();
+    }
+    return edges;
+}
+
+bool isValid(const StrongPtr<Field>& field) {
+    if (!field) return false;
+    const auto creator = field->getCreator({});
+    return creator && creator->isValid();
+}
+
+/// The positions field of a surface that can be used as it is, or null.
+StrongPtr<Field> findSurface(const Grid& grid) {
+    const auto vertices = grid.findVertices(2);
+    const auto triangles = grid.getSkeleton(SkeletonID(2, 1));
+    if (!vertices || !triangles) return {};
+    const auto inSpace = grid.getCartesianRepresentation(*vertices);
+    const auto ofVertices = triangles->findRepresentation(*vertices);
+    if (!inSpace || !ofVertices) return {};
+    const auto positions = inSpace->Positions();
+    return isValid(positions) && isValid(ofVertices->Positions()) ? positions : StrongPtr<Field>();
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------------------------------
+
+template<class Coordinates, class Data>
+IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<Data>& explorer, const Coordinates& coordinates, double) {
+    try {
+        if (coordinates.Size() != explorer.Size()) throw IsoException(3);
+        const auto positions = positionsOf(coordinates);
+        const IsoSweep<typename Data::value_type> sweep(explorer.data(), explorer.level());
+        std::vector<PhysicalSpace::point> points;
+        std::vector<TriangleCell> triangles;
+        extend(points, sweep.vertices());
+        extend(triangles, sweep.triangles());
+        sweep.fill(SweepTarget{points.data(), triangles.data()}, EdgeNumbering(explorer.Size(), {}, 0), positions);
+        return {makeMemArray1D(std::move(points)).strong(), makeMemArray1D(std::move(triangles)).strong()};
+    } catch (...) {
+        Console::print("ComputeIsosurfaceT(): INTERNAL ERROR\n");
+        throw;
+    }
+}
+
+template<class T>
+IsosurfaceArrays ComputeIsosurface(double level, const MultiArray<3, T>& data,
+                                   const MultiArray<3, PhysicalSpace::point>& coordinates, double parameter) {
+    const Hestra::FunctionStackProfiler scope("ComputeIsosurface", 442, "baseop/Isosurface");
+    return ComputeIsosurfaceT(FieldExplorer<MultiArray<3, T>>(data, level), coordinates, parameter);
+}
+
+#define VANTLE_INSTANTIATE_SURFACE(T, ...)                                                                             \
+    template VANTLE_BASEOP_API IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<MultiArray<3, T>>&,             \
+                                                                   const __VA_ARGS__&, double);
+#define VANTLE_INSTANTIATE_SURFACES(T)                                                                                 \
+    VANTLE_INSTANTIATE_SURFACE(T, MultiArray<3, PhysicalSpace::point>)                                                 \
+    VANTLE_INSTANTIATE_SURFACE(T, MemArray<3, PhysicalSpace::point>)                                                   \
+    VANTLE_INSTANTIATE_SURFACE(T, ReferencingMemArray<3, PhysicalSpace::point>)                                        \
+    VANTLE_INSTANTIATE_SURFACE(T, DirectProductMemArray<PhysicalSpace::point, LinearCoordinateAxisArray, 3>)           \
+    VANTLE_INSTANTIATE_SURFACE(T, DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>)         \
+    VANTLE_INSTANTIATE_SURFACE(T, UniformCartesianArray)                                                               \
+    template VANTLE_BASEOP_API IsosurfaceArrays ComputeIsosurface(double, const MultiArray<3, T>&,                     \
+                                                                  const MultiArray<3, PhysicalSpace::point>&, double);
+VANTLE_INSTANTIATE_SURFACES(double)
+VANTLE_INSTANTIATE_SURFACES(float)
+VANTLE_INSTANTIATE_SURFACES(unsigned char)
+VANTLE_INSTANTIATE_SURFACES(short)
+VANTLE_INSTANTIATE_SURFACES(unsigned short)
+#undef VANTLE_INSTANTIATE_SURFACES
+#undef VANTLE_INSTANTIATE_SURFACE
+
+// ---------------------------------------------------------------------------------------------------------------------
+
+IsoException::~IsoException() = default;
+
+const char* IsoException::what() const noexcept {
+    switch (myCode) {
+    case 0:
+        return "No Isosurface Error";
+    case 1:
+        return "No coordinates in input grid";
+    case 2:
+        return "No field found in input grid";
+    case 3:
+        return "No fragment coordinates for isosurface fragment";
+    case 4:
+        return "Datatype not supported for isosurfacing";
+    default:
+        return "Undefined Isosurfacer Error";
+    }
+}
+
+/// A fragment that is to be swept.
+struct FragmentIsoSurfacer::Fragment {
+    CreativeArrayBase& creator;
+    const MemBase& data;
+    MultiIndex<3> size;
+    AnyPositions positions;
+    /// Its place on the lattice, if it is all there.
+    std::optional<MultiIndex<3>> place;
+};
+
+/// Finds vertices that fragments on the lattice have in common.
+///
+/// Remembers vertices that a further fragment may have too: those on the faces of fragments, and all of a fragment
+/// once another one overlaps its inside.
+class FragmentIsoSurfacer::Merger {
+public:
+    explicit Merger(FragmentIsoSurfacer& surfacer) : mySurfacer(surfacer) {}
+
+    /// Joins the vertices from `firstVertex` on and corrects the triangles from `firstTriangle` on, those of a new
+    /// fragment, with what is there.
+    void merge(const MultiIndex<3>& place, const MultiIndex<3>& size, std::size_t firstVertex,
+               std::size_t firstTriangle) {
+        std::vector<index_t>& identifiers = mySurfacer.myIdentifiers->base_vector();
+        Box box{place, place + size - 1, firstVertex, firstVertex, false};
+        bool touches = false;
+        for (Box& other : myBoxes) {
+            touches |= other.touches(box);
+            if (!other.overlaps(box)) continue;
+            box.complete = true;
+            if (other.complete) continue;
+            other.complete = true;
+            for (std::size_t v = other.firstVertex; v < other.endVertex; ++v) myIndices.insert(identifiers[v], v);
+        }
+        if (touches) joinVertices(box, firstTriangle);
+        box.endVertex = identifiers.size();
+        for (std::size_t v = firstVertex; v < box.endVertex; ++v)
+            if (box.complete || box.onFace(identifiers[v])) myIndices.insert(identifiers[v], v);
+        myBoxes.push_back(box);
+    }
+
+private:
+    /// Where a fragment lies, ends included, and which vertices it brought.
+    struct Box {
+        MultiIndex<3> low, high;
+        std::size_t firstVertex, endVertex;
+        bool complete; // whether all these vertices are remembered
+
+        [[nodiscard]] bool touches(const Box& other) const noexcept {
+            for (int d = 0; d < 3; ++d)
+                if (low[d] > other.high[d] || other.low[d] > high[d]) return false;
+            return true;
+        }
+        /// Whether the boxes have more in common than faces.
+        [[nodiscard]] bool overlaps(const Box& other) const noexcept {
+            for (int d = 0; d < 3; ++d)
+                if (low[d] >= other.high[d] || other.low[d] >= high[d]) return false;
+            return true;
+        }
+        [[nodiscard]] bool onFace(index_t identifier) const {
+            const detail::GridEdge edge = detail::findEdge(identifier, MultiIndex<3>::filled(kLatticeVertices));
+            for (int d = 0; d < 3; ++d)
+                if (d != edge.axis && (edge.lower[d] == low[d] || edge.lower[d] == high[d])) return true;
+            return false;
+        }
+    };
+
+    /// Vertices by identifier: a table with open addressing.
+    class IndexTable {
+    public:
+        static constexpr index_t npos = ~index_t{0};
+
+        [[nodiscard]] index_t find(index_t identifier) const noexcept {
+            return mySlots.empty() ? npos : mySlots[slot(identifier)].vertex;
+        }
+        /// Adds a vertex unless its edge has one.
+        void insert(index_t identifier, index_t vertex) {
+            if (2 * (mySize + 1) > mySlots.size()) grow();
+            Slot& place = mySlots[slot(identifier)];
+            if (place.vertex != npos) return;
+            place = {identifier, vertex};
+            ++mySize;
+        }
+
+    private:
+        struct Slot {
+            index_t identifier = 0;
+            index_t vertex = npos;
+        };
+        /// That of the identifier, or the free one that it would get.
+        [[nodiscard]] std::size_t slot(index_t identifier) const noexcept {
+            const std::size_t last = mySlots.size() - 1;
+            auto at = static_cast<std::size_t>((identifier * 0x9e3779b97f4a7c15ULL) >> 20) & last;
+            while (mySlots[at].vertex != npos && mySlots[at].identifier != identifier) at = (at + 1) & last;
+            return at;
+        }
+        void grow() {
+            std::vector<Slot> old(std::max<std::size_t>(1024, 2 * mySlots.size()));
+            old.swap(mySlots);
+            for (const Slot& filled : old)
+                if (filled.vertex != npos) mySlots[slot(filled.identifier)] = filled;
+        }
+
+        std::vector<Slot> mySlots; // a power of two
+        std::size_t mySize = 0;
+    };
+
+    void joinVertices(const Box& box, std::size_t firstTriangle) {
+        std::vector<index_t>& identifiers = mySurfacer.myIdentifiers->base_vector();
+        std::vector<double>& weights = mySurfacer.myWeights->base_vector();
+        std::vector<PhysicalSpace::point>& points = mySurfacer.myPoints->base_vector();
+        std::vector<TriangleCell>& triangles = mySurfacer.myTriangles->base_vector();
+
+        std::vector<unsigned int> joined(identifiers.size() - box.firstVertex);
+        std::size_t kept = box.firstVertex;
+        for (std::size_t v = box.firstVertex; v < identifiers.size(); ++v) {
+            index_t known = IndexTable::npos;
+            if (box.complete || box.onFace(identifiers[v])) known = myIndices.find(identifiers[v]);
+            if (known == IndexTable::npos) {
+                known = kept;
+                identifiers[kept] = identifiers[v];
+                weights[kept] = weights[v];
+                points[kept++] = points[v];
+            }
+            joined[v - box.firstVertex] = static_cast<unsigned int>(known);
+        }
+        if (kept == identifiers.size()) return;
+        identifiers.resize(kept);
+        weights.resize(kept);
+        points.resize(kept);
+        for (std::size_t t = firstTriangle; t < triangles.size(); ++t)
+            for (int c = 0; c < 3; ++c)
+                triangles[t][c] = joined[triangles[t][c] - static_cast<unsigned int>(box.firstVertex)];
+    }
+
+    FragmentIsoSurfacer& mySurfacer;
+    std::vector<Box> myBoxes;
+    IndexTable myIndices;
+};
+
+FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const StrongPtr<Field>& positions,
+                                         const Chunk<index_t>& edgeIdentifiers, const Chunk<double>& weights,
+                                         const Chunk<PhysicalSpace::point>& points,
+                                         const Chunk<TriangleCell>& triangles)
+    : myLevel(level), myParameter(parameter), myPositions(positions), myIdentifiers(edgeIdentifiers),
+      myWeights(weights), myPoints(points), myTriangles(triangles), myRunningOffset(kFirstPrivateIdentifier),
+      myMerger(std::make_unique<Merger>(*this)) {}
+
+FragmentIsoSurfacer::~FragmentIsoSurfacer() = default;
+
+namespace {
+
+template<class Range>
+bool excludes(const Range& range, double level) {
+    return range && (level < range->getMinf() || level > range->getMaxf());
+}
+
+template<class T>
+bool isKnownToExclude(const CreativeArrayBase& creator, double level) {
+    return excludes(DataRange<T>::get(creator).lock(), level);
+}
+
+} // namespace
+
+/// Whether the range of data that exist excludes the level.
+template<class T>
+bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) const {
+    if constexpr (std::is_same_v<T, double>) {
+        if (DataRange<double>::get(creator)) return false; // asked before the data were made
+        const auto range = DataRange<double>::compute(creator, false, false).lock();
+        if (!excludes(range, myLevel)) return false;
+        Console::print("SKIP Iso Retrieve: Data are [%lg, %lg], level is %lg\n", range->getMinf(), range->getMaxf(),
+                       myLevel);
+        return true;
+    } else if constexpr (std::is_same_v<T, unsigned char>) {
+        return excludes(DataRange<unsigned char>::compute(creator, false, false).lock(), myLevel);
+    } else if constexpr (std::is_same_v<T, unsigned short>) {
+        return excludes(DataRange<unsigned short>::retrieve(creator, false, false).lock(), myLevel);
+    } else {
+        return false;
+    }
+}
+
+bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+    if (!creator) return true;
+    if (isKnownToExclude<double>(*creator, myLevel) || isKnownToExclude<float>(*creator, myLevel)) {
+        Console::puts("SKIP Iso");
+        return true;
+    }
+    const StrongPtr<MemBase> data = creator->create(false);
+    if (!data) return true;
+    const auto* const regular = dynamic_cast<const MemArrayBase<3>*>(data.rawptr());
+    if (!regular) throw static_cast<const char*>("Isodata are not 3D");
+
+    Fragment fragment{*creator, *data, regular->getSize(), {}, {}};
+    const bool supported = sweepArray<double>(id, fragment) || sweepArray<float>(id, fragment) ||
+                           sweepArray<unsigned char>(id, fragment) || sweepArray<short>(id, fragment) ||
+                           sweepArray<unsigned short>(id, fragment);
+    if (!supported) {
+        findCoordinates(id, fragment);
+        throw IsoException(4);
+    }
+    return true;
+}
+
+/// Handles the fragment if its data are of type `T`; false if they are not.
+template<class T>
+bool FragmentIsoSurfacer::sweepArray(const StrongPtr<FragmentID>& id, Fragment& fragment) {
+    const auto* const data = dynamic_cast<const MemArray<3, T>*>(&fragment.data);
+    if (!data) return false;
+    if (isSkipped<T>(fragment.creator)) return true;
+    const StrongPtr<MemBase> coordinates = findCoordinates(id, fragment);
+    sweep<T>(*data, fragment);
+    return true;
+}
+
+/// Sets positions and place of the fragment. The array that holds the positions is returned.
+StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<FragmentID>& id, Fragment& fragment) const {
+    StrongPtr<MemBase> array = myPositions ? myPositions->getData(id) : StrongPtr<MemBase>();
+    fragment.positions = findPositions(array.rawptr(), fragment.size);
+    if (std::holds_alternative<std::monostate>(fragment.positions)) {
+        Console::puts("Sorry, no fragment coordinates for isosurface fragment.");
+        throw IsoException(3);
+    }
+    if (!id) return array;
+    const auto location = id->findInterface<FragmentLocation<3, IndexOffset>>();
+    if (!location) return array;
+    fragment.place = location->offset();
+    for (int d = 0; d < 3; ++d)
+        if (fragment.size[d] > kLatticeVertices || location->offset()[d] > kLatticeVertices - fragment.size[d])
+            fragment.place.reset();
+    return array;
+}
+
+template<class T>
+void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fragment) {
+    std::vector<index_t>& identifiers = myIdentifiers->base_vector();
+    std::vector<double>& weights = myWeights->base_vector();
+    std::vector<PhysicalSpace::point>& points = myPoints->base_vector();
+    std::vector<TriangleCell>& triangles = myTriangles->base_vector();
+    const std::size_t firstVertex = identifiers.size(), firstTriangle = triangles.size();
+
+    const IsoSweep<T> sweep(data, myLevel);
+    extend(identifiers, sweep.vertices());
+    extend(weights, sweep.vertices());
+    extend(points, sweep.vertices());
+    extend(triangles, sweep.triangles());
+    const SweepTarget target{points.data() + firstVertex, triangles.data() + firstTriangle,
+                             identifiers.data() + firstVertex, weights.data() + firstVertex,
+                             static_cast<unsigned int>(firstVertex)};
+    const EdgeNumbering numbering = fragment.place
+                                        ? EdgeNumbering(MultiIndex<3>::filled(kLatticeVertices), *fragment.place, 0)
+                                        : EdgeNumbering(fragment.size, {}, myRunningOffset);
+    std::visit(
+        [&](const auto& positions) {
+            if constexpr (!std::is_same_v<std::decay_t<decltype(positions)>, std::monostate>)
+                sweep.fill(target, numbering, positions);
+        },
+        fragment.positions);
+    if (sweep.vertices() == 0) return;
+    if (fragment.place)
+        myMerger->merge(*fragment.place, fragment.size, firstVertex, firstTriangle);
+    else
+        myRunningOffset += edgeCount(fragment.size);
+}
+
+void FragmentIsoSurfacer::setFields(Grid& output) const {
+    const auto store = [](Representation& representation, const StrongPtr<MemBase>& array) {
+        const StrongPtr<Field> field = Hestra::makeRef<Field>();
+        field->setDiscardableData(array, Hestra::Cache::MemCache());
+        representation.setPositions(field);
+    };
+    const auto inSpace = output.makeCartesianRepresentation(2);
+    const auto vertices = output.makeVertices(2);
+    const auto triangles = output[SkeletonID(2, 1)];
+    store(*inSpace, makeMemArray1D(myPoints));
+    store(*(*triangles)[*vertices], makeMemArray1D(myTriangles));
+}
+
+// ---------------------------------------------------------------------------------------------------------------------
+
+StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requestedAge, const Grid& inputGrid,
+                                  const std::string& fieldName, Slice& slice, const std::string& outputName,
+                                  double parameter) {
+    const StrongPtr<Field> positions = inputGrid.CartesianPositions();
+    if (!positions) throw IsoException(1);
+    const StrongPtr<Field> field = inputGrid(fieldName);
+    if (!field) throw IsoException(2);
+
+    if (const StrongPtr<Grid> known = slice(outputName)) {
+        const StrongPtr<Field> surface = findSurface(*known);
+        if (surface && surface->age() >= field->age() && surface->age() >= requestedAge.age()) return known;
+    }
+
+    const StrongPtr<Grid> output = slice.newGrid(outputName);
+    output->makeCartesianRepresentation(2);
+    (*output)[SkeletonID(2, 1)];
+    Console::puts("*********************** RECOMPUTING ISOSURFACE ****************************");
+
+    FragmentIsoSurfacer surfacer(level, parameter, positions, Hestra::makeRef<Hestra::TypedChunk<index_t>>().strong(),
+                                 Hestra::makeRef<Hestra::TypedChunk<double>>().strong(),
+                                 Hestra::makeRef<Hestra::TypedChunk<PhysicalSpace::point>>().strong(),
+                                 Hestra::makeRef<Hestra::TypedChunk<TriangleCell>>().strong());
+    field->iterate(surfacer);
+    surfacer.setFields(*output);
+    if (const StrongPtr<Field> surface = output->CartesianPositions())
+        surface->raiseAge(std::max(field->age(), requestedAge.age()));
+    return output;
+}
+
+} // namespace Vantle

@@ -1,0 +1,242 @@
+#pragma once
+/// Surfaces of constant value of a scalar field: the marching cubes, cell by cell and over whole arrays and grids.
+///
+/// A vertex of a surface is an edge of the grid and a weight along it. Vertices on the same edge are one vertex;
+/// positions, and any other quantity, are evaluated on the edges afterwards.
+
+#include <baseop/BaseOpExport.hpp>
+#include <model/hestra/Chunk.hpp>
+#include <model/vantle/Bundle.hpp>
+#include <model/vantle/DirectProduct.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <exception>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Vantle {
+
+// ---- The polygonizer ------------------------------------------------------------------------------------------------
+
+/// The edges of a regular array of vertices, in one sequence: all along axis 0, then axis 1, and so on, each block in
+/// the order of its lower vertices.
+namespace RegularTopology {
+
+/// The number of the edge that goes from `vertex` along axis `orientation`, in an array of these extents.
+///
+/// Degenerate  an axis of extent 0 counts as one without edges.
+/// Failure     throws `0ULL` when there is no such axis. The vertex is not checked.
+template<int N>
+[[nodiscard]] VANTLE_BASEOP_API index_t ComputeEdgeIDfromVertexAndOrientation(const MultiIndex<N>& vertex,
+                                                                              int orientation,
+                                                                              const MultiIndex<N>& vertexDimensions);
+
+} // namespace RegularTopology
+
+/// A scalar array together with the level at which it is explored. `Array` is a view, and is copied.
+template<class Array>
+class FieldExplorer {
+public:
+    FieldExplorer(const Array& data, double level) : myData(data), myLevel(level) {}
+
+    [[nodiscard]] const Array& data() const noexcept { return myData; }
+    [[nodiscard]] double level() const noexcept { return myLevel; }
+    [[nodiscard]] const MultiIndex<3>& Size() const noexcept { return myData.Size(); }
+    /// The value at a vertex.
+    [[nodiscard]] double operator()(const MultiIndex<3>& vertex) const {
+        return static_cast<double>(myData.getElement(vertex));
+    }
+
+private:
+    Array myData;
+    double myLevel;
+};
+template<class T>
+FieldExplorer(const MemArray<3, T>&, double) -> FieldExplorer<MultiArray<3, T>>;
+template<class T>
+FieldExplorer(const ReferencingMemArray<3, T>&, double) -> FieldExplorer<MultiArray<3, T>>;
+
+/// The corners that each edge of a cell joins, for arrays of type `Array`. Weights are computed from the first to the
+/// second, and then turned to count from the lower end.
+template<class Array>
+inline constexpr int EdgeVertices[12][2] = {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {4, 5}, {5, 6},
+                                            {6, 7}, {7, 4}, {0, 4}, {1, 5}, {2, 6}, {3, 7}};
+
+/// Adds the triangles of one cell, and those of its vertices that are not there yet.
+///
+/// The cell's lowest vertex is `cell`; corners are numbered around its lower face and then around its upper one. A
+/// corner is inside when its value is less than `level`, so NaN and the level itself are outside. A vertex's weight
+/// counts from the lower end of its edge and lies in [0, 1]; it is 0.5 when the values at both ends do not differ.
+/// Order       vertices in the order in which the triangles first use them, triangles and their corners in that of the
+///             case tables.
+/// Degenerate  a NaN weight where a value is infinite.
+/// Failure     none; the cell must lie within the explorer's array. Indices beyond 2^32 - 1 are cut.
+/// Concurrency one sweep, one thread.
+/// Cost        a look-up in the map for each corner of each triangle. Whole arrays are faster with
+///             `ComputeIsosurfaceT`, which gives the same surface.
+///
+/// @param edgeMap           the vertex on each edge so far.
+/// @param identifierOffset  added to the numbers of edges in `explorer`'s array to make identifiers.
+/// @return number of triangles added.
+template<class Array>
+VANTLE_BASEOP_API int Polygonize(std::vector<index_t>& edgeIdentifiers, std::vector<double>& weights,
+                                 std::vector<TriangleCell>& triangles, std::map<index_t, index_t>& edgeMap,
+                                 const FieldExplorer<Array>& explorer, const MultiIndex<3>& cell, double level,
+                                 index_t identifierOffset);
+
+/// Evaluates a quantity of the vertices of a grid on edges: f(lower) + weight * (f(upper) - f(lower)).
+///
+/// `out` is resized to the number of identifiers and filled from position `first` on; what is before stays.
+/// Failure     throws `int(-1)` at an identifier that is none of this array of vertices.
+///
+/// @param vertexDimensions  extents of the array that the identifiers refer to.
+/// @param indexOffset       added to its vertices, modulo 2^64, to make indices of `array`.
+/// @param identifierOffset  subtracted from the identifiers first, modulo 2^64.
+template<class Array>
+void EvalVertexFieldOnEdges(std::vector<typename Array::value_type>& out, const std::vector<index_t>& edgeIdentifiers,
+                            const std::vector<double>& weights, const Array& array,
+                            const MultiIndex<3>& vertexDimensions, const MultiIndex<3>& indexOffset, index_t first,
+                            index_t identifierOffset);
+
+/// The point between `p1`, with value `f1`, and `p2`, with value `f2`, where the value is `level`; never beyond them.
+///
+/// Degenerate  `p1` when the values do not differ, on purpose unlike the weight of an edge.
+[[nodiscard]] VANTLE_BASEOP_API Orvix::PhysicalSpace::point VertexInterp(double level,
+                                                                         const Orvix::PhysicalSpace::point& p1,
+                                                                         const Orvix::PhysicalSpace::point& p2,
+                                                                         double f1, double f2);
+
+/// Does nothing; a program that calls it has the polygonizer linked.
+VANTLE_BASEOP_API void CheckPolygonizer();
+
+// ---- Surfaces of whole arrays ---------------------------------------------------------------------------------------
+
+/// The points and the triangles of a surface.
+using IsosurfaceArrays = std::pair<Hestra::StrongPtr<MemArray<1, Orvix::PhysicalSpace::point>>,
+                                   Hestra::StrongPtr<MemArray<1, TriangleCell>>>;
+
+/// The surface of an array at the explorer's level.
+///
+/// `Coordinates` is an array of points or a direct product of linear or explicit axes, with the extents of the data;
+/// `Data` is `MultiArray<3, T>` for T = double, float, unsigned char, short or unsigned short.
+/// Laws        the surface is that of `Polygonize` over all cells, axis 0 fastest, with one map of edges, followed by
+///             `EvalVertexFieldOnEdges`: the same vertices and triangles in the same order, bit for bit, whatever the
+///             number of threads. Where it does not leave the array, every edge of the surface belongs to two
+///             triangles.
+/// Degenerate  an extent below 2 gives an empty surface. A level equal to the greatest value gives triangles collapsed
+///             onto the vertices of that value; one equal to the least value gives none.
+/// Failure     when something throws, prints "ComputeIsosurfaceT(): INTERNAL ERROR" and rethrows it: `IsoException` 3
+///             when the extents differ, and lack of memory.
+/// Cost        two passes over the data at the speed of a comparison each, the second over rows of 64 cells near the
+///             surface only; some tens of nanoseconds a cut cell. Beside the result, four planes of 32-bit indices a
+///             thread.
+template<class Coordinates, class Data>
+[[nodiscard]] VANTLE_BASEOP_API IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<Data>& explorer,
+                                                                    const Coordinates& coordinates, double parameter);
+
+/// The same for data and curvilinear coordinates in memory; T = double or unsigned char.
+template<class T>
+[[nodiscard]] VANTLE_BASEOP_API IsosurfaceArrays
+ComputeIsosurface(double level, const MultiArray<3, T>& data,
+                  const MultiArray<3, Orvix::PhysicalSpace::point>& coordinates, double parameter);
+
+// ---- Surfaces of grids ----------------------------------------------------------------------------------------------
+
+/// Why there is no isosurface, as a code:
+/// 0 none, 1 no coordinates in the grid, 2 no such field, 3 no coordinates for a fragment, 4 element type not
+/// supported.
+class VANTLE_BASEOP_API IsoException : public std::exception {
+public:
+    explicit IsoException(int code) noexcept : myCode(code) {}
+    ~IsoException() override;
+    [[nodiscard]] int code() const noexcept { return myCode; }
+    [[nodiscard]] const char* what() const noexcept override;
+
+private:
+    int myCode;
+};
+
+/// Collects the surface of a field fragment by fragment.
+///
+/// Edges of fragments that carry a `FragmentLocation<3, IndexOffset>` are named by their place in the index space of
+/// the whole grid: equal edges are one vertex. Other fragments, and those beyond 2^20 vertices from the origin of that
+/// space, share no vertices. Cells that several fragments have are triangulated as often.
+/// Concurrency  one thread; the sweep over a fragment uses the team of OpenMP.
+class VANTLE_BASEOP_API FragmentIsoSurfacer : public FragmentIterator {
+public:
+    template<class T>
+    using Chunk = Hestra::StrongPtr<Hestra::TypedChunk<T>>;
+
+    /// Appends to the four chunks, which must not be null: vertices as edges and weights and as points, and triangles.
+    ///
+    /// @param positions  the coordinates of the fragments.
+    FragmentIsoSurfacer(double level, double parameter, const Hestra::StrongPtr<Field>& positions,
+                        const Chunk<index_t>& edgeIdentifiers, const Chunk<double>& weights,
+                        const Chunk<Orvix::PhysicalSpace::point>& points, const Chunk<TriangleCell>& triangles);
+    FragmentIsoSurfacer(const FragmentIsoSurfacer&) = delete;
+    FragmentIsoSurfacer& operator=(const FragmentIsoSurfacer&) = delete;
+    ~FragmentIsoSurfacer() override;
+
+    [[nodiscard]] double level() const noexcept { return myLevel; }
+    /// What the caller gave beside the level; nothing here depends on it.
+    [[nodiscard]] double parameter() const noexcept { return myParameter; }
+
+    /// Adds the surface of one fragment, unless the range of its values is known not to hold the level. True.
+    ///
+    /// Ranges      a current range of double or float values spares even making the data. Of made data, double and
+    ///             unsigned short values get a range if they have none, unsigned char values a new one each time; float
+    ///             values are only asked for one, and short values have none.
+    /// Messages    "SKIP Iso" for a skip without data, "SKIP Iso Retrieve: ..." for a skip of double values.
+    /// Degenerate  no creator, or one without data, adds nothing.
+    /// Failure     throws `const char*` for data that are not three-dimensional; then `IsoException` 3, after a
+    /// message,
+    ///             without coordinates of the same extents; then `IsoException` 4 for other element types.
+    bool apply(const Hestra::StrongPtr<FragmentID>& id, const Hestra::StrongPtr<CreativeArrayBase>& creator) override;
+
+    /// Stores the surface in `output`, as discardable data: the points as positions of the vertices (dimension 2) in
+    /// the Cartesian chart, the triangles as positions of the skeleton (2, 1) relative to the vertices.
+    void setFields(Grid& output) const;
+
+private:
+    struct Fragment;
+    class Merger;
+    template<class T>
+    bool isSkipped(CreativeArrayBase& creator) const;
+    template<class T>
+    bool sweepArray(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment);
+    Hestra::StrongPtr<MemBase> findCoordinates(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment) const;
+    template<class T>
+    void sweep(const MultiArray<3, T>& data, const Fragment& fragment);
+
+    double myLevel;
+    double myParameter;
+    Hestra::StrongPtr<Field> myPositions;
+    Chunk<index_t> myIdentifiers;
+    Chunk<double> myWeights;
+    Chunk<Orvix::PhysicalSpace::point> myPoints;
+    Chunk<TriangleCell> myTriangles;
+    index_t myRunningOffset;
+    std::unique_ptr<Merger> myMerger;
+};
+
+/// The surface of a field at a level, as the grid `outputName` of `slice`.
+///
+/// Reuse       a grid of this name whose surface exists, or can be made again, and is neither older than the input
+///             field nor than `requestedAge` is returned as it is, silently, whatever its level: who asks for another
+///             level ages the request. Otherwise the whole surface is computed, with a line that says so, into a new
+///             grid, which becomes as old as the newer of field and request.
+/// Degenerate  a field without data gives an empty surface.
+/// Failure     `IsoException` 1 without Cartesian positions, 2 without such a field, and what
+///             `FragmentIsoSurfacer::apply` throws; that leaves an incomplete grid in the slice.
+/// Concurrency fragments one after the other, each by the team of OpenMP.
+VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requestedAge,
+                                                            const Grid& inputGrid, const std::string& fieldName,
+                                                            Slice& slice, const std::string& outputName,
+                                                            double parameter);
+
+} // namespace Vantle
+
+#include "detail/EvalVertexFieldOnEdges.hpp"

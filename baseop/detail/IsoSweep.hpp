@@ -1,0 +1,136 @@
+#pragma once
+/// The fast sweep of the marching cubes over a block: the surface of the plain cell-by-cell sweep, found by words of
+/// bits.
+///
+/// Vertices are numbered in the order in which the plain sweep first uses their edges, so that the result does not
+/// depend on how it was found. Two passes: the first classifies the vertices and counts what each layer of cells adds;
+/// the second, when the storage is there, visits only the words of 64 cells that the level crosses. Both passes deal
+/// out layers to the threads of the team; a thread that begins in the middle numbers the layer before once more.
+
+#include "LevelMask.hpp"
+
+#include <model/orvix/PhysicalSpace.hpp>
+#include <model/vantle/MultiArray.hpp>
+#include <model/vantle/Simplex.hpp>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace Vantle::detail {
+
+using Point = Orvix::PhysicalSpace::point;
+
+/// How the edges of a block are named: the edge along `axis` from vertex (i, j, k) is
+/// first[axis] + i + j * strideY[axis] + k * strideZ[axis].
+struct EdgeNumbering {
+    /// That of a vertex array of these extents, of which the block begins at `start`, with `offset` added to all.
+    EdgeNumbering(const MultiIndex<3>& extents, const MultiIndex<3>& start, index_t offset) noexcept;
+
+    [[nodiscard]] index_t operator()(int axis, index_t i, index_t j, index_t k) const noexcept {
+        const auto a = static_cast<std::size_t>(axis);
+        return first[a] + i + j * strideY[a] + k * strideZ[a];
+    }
+
+    std::array<index_t, 3> first, strideY, strideZ;
+};
+
+/// Where a sweep puts what it finds. Points and triangles have room for `vertices()` and `triangles()` elements;
+/// identifiers and weights have too, or are null.
+struct SweepTarget {
+    Point* points = nullptr;
+    TriangleCell* triangles = nullptr;
+    index_t* identifiers = nullptr;
+    double* weights = nullptr;
+    /// Index of the first vertex.
+    unsigned int firstVertex = 0;
+};
+
+/// Positions of vertices that lie in memory.
+struct StoredPositions {
+    const Point* points;
+    std::size_t stride;
+
+    /// Asks for what `onEdge` will need.
+    void prefetch(std::size_t lower, std::size_t upper) const noexcept {
+        __builtin_prefetch(points + lower * stride);
+        __builtin_prefetch(points + upper * stride);
+    }
+    [[nodiscard]] Point onEdge(int axis, const std::array<std::size_t, 3>& at, std::size_t linear,
+                               const std::array<std::size_t, 3>& step, double weight) const noexcept {
+        (void)at;
+        const Point& lower = points[linear * stride];
+        const Point& upper = points[(linear + step[static_cast<std::size_t>(axis)]) * stride];
+        return lower + weight * (upper - lower);
+    }
+};
+
+/// Positions that are the direct product of three lists.
+struct ProductPositions {
+    std::array<std::vector<double>, 3> axes;
+
+    void prefetch(std::size_t, std::size_t) const noexcept {}
+    [[nodiscard]] Point onEdge(int axis, const std::array<std::size_t, 3>& at, std::size_t linear,
+                               const std::array<std::size_t, 3>& step, double weight) const noexcept {
+        (void)linear, (void)step;
+        const Point lower(axes[0][at[0]], axes[1][at[1]], axes[2][at[2]]);
+        Point upper = lower;
+        upper[axis] = axes[static_cast<std::size_t>(axis)][at[static_cast<std::size_t>(axis)] + 1];
+        return lower + weight * (upper - lower);
+    }
+};
+
+/// The sweep over one block of data at one level.
+template<class T>
+class IsoSweep {
+public:
+    /// Classifies and counts. The data outlive the sweep.
+    IsoSweep(const MultiArray<3, T>& data, double level);
+
+    [[nodiscard]] index_t vertices() const noexcept { return myLayers.empty() ? 0 : myLayers.back().firstVertex; }
+    [[nodiscard]] index_t triangles() const noexcept { return myLayers.empty() ? 0 : myLayers.back().firstTriangle; }
+
+    /// Writes the surface. `positions` have the extents of the data.
+    template<class Positions>
+    void fill(const SweepTarget& target, const EdgeNumbering& numbering, const Positions& positions) const;
+
+private:
+    /// What the layers before one have added.
+    struct Layer {
+        index_t firstVertex = 0;
+        index_t firstTriangle = 0;
+    };
+    class Planes;
+    template<class Positions>
+    class VertexQueue;
+
+    [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
+    [[nodiscard]] std::size_t layerCount() const noexcept { return mySize[2] - 1; }
+    [[nodiscard]] const T* row(std::size_t j, std::size_t k) const noexcept {
+        return myValues + (k * mySize[1] + j) * mySize[0] * myStride;
+    }
+    [[nodiscard]] std::uint64_t classify(std::size_t j, std::size_t k, std::size_t word) const noexcept;
+    void prefetchWord(std::size_t cellWord, std::size_t k) const noexcept;
+    void countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks);
+    void classifyPlane(std::size_t k, std::uint64_t* masks) const noexcept;
+    template<bool Write, class Positions>
+    void fillLayer(std::size_t k, Planes& planes, const SweepTarget& target, const EdgeNumbering& numbering,
+                   const Positions& positions) const;
+    template<class Positions>
+    void fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
+                    const EdgeNumbering& numbering, const Positions& positions) const;
+
+    const T* myValues;
+    std::size_t myStride;
+    std::array<std::size_t, 3> mySize; // vertices
+    double myLevel;
+    LevelTest<T> myTest;
+    std::size_t myVertexWords = 0;       // words of 64 vertices in a row
+    std::size_t myCellWords = 0;         // words of 64 cells in a row
+    std::size_t myActiveWords = 0;       // words of bits for the cell words of a layer
+    std::vector<Layer> myLayers;         // one more than there are layers
+    std::vector<std::uint64_t> myActive; // which cell words the level crosses, layer by layer
+};
+
+} // namespace Vantle::detail
