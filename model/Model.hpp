@@ -10,5 +10,11 @@
 #include <model/hestra/Interface.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/hestra/Reference.hpp>
+#include <model/orvix/CellMap.hpp>
+#include <model/orvix/Clipping.hpp>
+#include <model/orvix/Eigen.hpp>
+#include <model/orvix/KDTree.hpp>
 #include <model/vantle/Bundle.hpp>
+#include <model/vantle/DataRangeBase.hpp>
 #include <model/vantle/GridKinds.hpp>
+#include <model/vantle/PullData.hpp>
