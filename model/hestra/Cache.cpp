@@ -11,7 +11,7 @@ std::atomic<std::uint64_t> useClock{0};
 Cacheable::~Cacheable() = default;
 Creature::~Creature() = default;
 CacheBase::~CacheBase() = default;
-Cache::~Cache() = default;
+Cache::~Cache() { clear(); }
 
 void Cacheable::markAsUsed() const noexcept {
     myLastUse.store(useClock.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -32,31 +32,51 @@ const StrongPtr<Cache>& Cache::MemCache() {
 void Cache::insert(const StrongPtr<Cacheable>& data) {
     if (!data) return;
     data->markAsUsed();
-    std::vector<StrongPtr<Cacheable>> dropped;
-    const std::lock_guard lock(myMutex);
-    auto& entry = myEntries[data.rawptr()];
-    myBytes -= entry.data ? entry.bytes : 0;
-    entry = {data, data->memsize()};
-    myBytes += entry.bytes;
-    shrink(dropped);
+    Dropped dropped;
+    {
+        const std::lock_guard lock(myMutex);
+        Entry& entry = myEntries[data.rawptr()];
+        entry.data = data;
+        ++entry.insertions;
+        myBytes -= entry.bytes;
+        entry.bytes = data->memsize();
+        myBytes += entry.bytes;
+        shrink(dropped);
+    }
+    letGo(dropped);
 }
 
 bool Cache::remove(const Cacheable& data) {
-    StrongPtr<Cacheable> dropped;
-    const std::lock_guard lock(myMutex);
-    const auto found = myEntries.find(&data);
-    if (found == myEntries.end()) return false;
-    dropped = found->second.data;
-    myBytes -= found->second.bytes;
-    myEntries.erase(found);
+    Dropped dropped;
+    {
+        const std::lock_guard lock(myMutex);
+        const auto found = myEntries.find(&data);
+        if (found == myEntries.end()) return false;
+        drop(found, dropped);
+    }
+    letGo(dropped);
     return true;
 }
 
+void Cache::release(const Cacheable& data) {
+    Dropped dropped;
+    {
+        const std::lock_guard lock(myMutex);
+        const auto found = myEntries.find(&data);
+        if (found == myEntries.end() || --found->second.insertions > 0) return;
+        drop(found, dropped);
+    }
+    letGo(dropped);
+}
+
 void Cache::setLimit(std::size_t bytes) {
-    std::vector<StrongPtr<Cacheable>> dropped;
-    const std::lock_guard lock(myMutex);
-    myLimit = bytes;
-    shrink(dropped);
+    Dropped dropped;
+    {
+        const std::lock_guard lock(myMutex);
+        myLimit = bytes;
+        shrink(dropped);
+    }
+    letGo(dropped);
 }
 
 void Cache::setUnlimited() { setLimit(SIZE_MAX); }
@@ -67,11 +87,12 @@ std::size_t Cache::limit() const {
 }
 
 void Cache::clear() {
-    std::unordered_map<const Cacheable*, Entry> dropped;
-    const std::lock_guard lock(myMutex);
-    dropped.swap(myEntries);
-    myBytes = 0;
-    for (const auto& [key, entry] : dropped) entry.data->PreDestructor();
+    Dropped dropped;
+    {
+        const std::lock_guard lock(myMutex);
+        while (!myEntries.empty()) drop(myEntries.begin(), dropped);
+    }
+    letGo(dropped);
 }
 
 std::size_t Cache::size() const {
@@ -84,7 +105,13 @@ std::size_t Cache::bytes() const {
     return myBytes;
 }
 
-void Cache::shrink(std::vector<StrongPtr<Cacheable>>& dropped) {
+void Cache::drop(Entries::iterator entry, Dropped& dropped) {
+    myBytes -= entry->second.bytes;
+    dropped.push_back(std::move(entry->second.data));
+    myEntries.erase(entry);
+}
+
+void Cache::shrink(Dropped& dropped) {
     if (myBytes <= myLimit) return;
     std::vector<std::pair<std::uint64_t, const Cacheable*>> byUse;
     byUse.reserve(myEntries.size());
@@ -93,12 +120,12 @@ void Cache::shrink(std::vector<StrongPtr<Cacheable>>& dropped) {
     std::sort(byUse.begin(), byUse.end());
     for (const auto& [use, key] : byUse) {
         if (myBytes <= myLimit) return;
-        const auto found = myEntries.find(key);
-        found->second.data->PreDestructor();
-        myBytes -= found->second.bytes;
-        dropped.push_back(std::move(found->second.data));
-        myEntries.erase(found);
+        drop(myEntries.find(key), dropped);
     }
+}
+
+void Cache::letGo(const Dropped& dropped) {
+    for (const auto& data : dropped) data->PreDestructor();
 }
 
 } // namespace Hestra

@@ -30,9 +30,9 @@ public:
     void setCreator(const WeakPtr<Creature>& creator) { myCreator = creator; }
     [[nodiscard]] const WeakPtr<Creature>& cacheableCreator() const noexcept { return myCreator; }
 
-    /// Called by a cache before it lets go of the data.
+    /// Called by a cache before it lets go of the data, in the thread whose call made it do so. May use the cache.
     virtual void PreDestructor() {}
-    /// Called once after construction, when virtual operations already reach the derived class.
+    /// Called once by `makeRef` after construction, when virtual operations already reach the derived class.
     virtual void CacheableDeferredConstructor() {}
     /// The root type under which such data are held.
     [[nodiscard]] virtual const std::type_info& DomainType() const { return typeid(Cacheable); }
@@ -84,6 +84,8 @@ public:
 
     void insert(const StrongPtr<Cacheable>& data) override;
     bool remove(const Cacheable& data) override;
+    /// Takes back one insertion; the data go when there are no others. Nothing happens when they are not held.
+    void release(const Cacheable& data);
 
     /// Sets the budget in bytes and drops what exceeds it at once.
     void setLimit(std::size_t bytes);
@@ -99,12 +101,17 @@ public:
 private:
     struct Entry {
         StrongPtr<Cacheable> data;
-        std::size_t bytes;
+        std::size_t bytes = 0;
+        std::size_t insertions = 0;
     };
-    void shrink(std::vector<StrongPtr<Cacheable>>& dropped);
+    using Entries = std::unordered_map<const Cacheable*, Entry>;
+    using Dropped = std::vector<StrongPtr<Cacheable>>;
+    void drop(Entries::iterator entry, Dropped& dropped);
+    void shrink(Dropped& dropped);
+    static void letGo(const Dropped& dropped);
 
     mutable std::mutex myMutex;
-    std::unordered_map<const Cacheable*, Entry> myEntries;
+    Entries myEntries;
     std::size_t myBytes = 0;
     std::size_t myLimit = SIZE_MAX;
 };

@@ -14,13 +14,17 @@ VANTLE_MODEL_API void reportCreationFailure(const char* reason) noexcept;
 
 /// Holder of one piece of data of type `T` (a `Cacheable`) that may not exist yet, or not any more.
 ///
-/// Persistent data are held strongly; discardable data are held by a cache, the creator only remembers them.
+/// Persistent data are held strongly; discardable data are held by a cache, the creator only remembers them, and
+/// takes them back from the cache when it dies or gets others.
 /// Concurrency  all operations may be called from several threads. `create` is serialised a creator: the function
 ///              that makes the data runs once as long as the data live.
 /// Cost         one short lock and one atomic promotion when the data exist; nothing is allocated.
 template<class T>
 class VANTLE_MODEL_API CreatorBase : public Creature {
 public:
+    CreatorBase() = default;
+    ~CreatorBase() override { releaseFromCache(); }
+
     /// The data: as they are, or made now. With `background` they are only requested when missing.
     ///
     /// Failure  null when there is no way to make them, when the creation function returned null or threw, when it
@@ -103,6 +107,7 @@ private:
 
     void remember(const StrongPtr<T>& data) {
         if (!data) return;
+        releaseFromCache();
         StrongPtr<T> replaced;
         StrongPtr<Cache> cache;
         {
@@ -115,15 +120,30 @@ private:
                 else
                     cache = myCache.lock();
             }
+            myHolder = cache;
         }
         data->markAsUsed();
         if (cache) cache->insert(data);
+    }
+
+    void releaseFromCache() {
+        StrongPtr<T> data;
+        StrongPtr<Cache> holder;
+        {
+            const std::lock_guard lock(myDataMutex);
+            holder = myHolder.lock();
+            if (!holder) return;
+            myHolder = nullptr;
+            data = myData;
+        }
+        if (data) holder->release(*data);
     }
 
     mutable std::mutex myDataMutex;
     WeakPtr<T> myData;
     StrongPtr<T> myOwnedData;
     WeakPtr<Cache> myCache;
+    WeakPtr<Cache> myHolder; // the cache that was given the present data
     bool myPersistentFlag = true;
     std::mutex myCreationMutex;
     std::atomic<std::thread::id> myMaker{};

@@ -65,7 +65,12 @@ void Intercube::iterateInterfaces(InterfaceIterationParameter& parameter) const 
 
 void Intercube::takeOver(const Intercube& other) const {
     if (this == &other) return;
-    for (const auto& entry : other.snapshot()) addInterface(entry);
+    std::vector<StrongPtr<InterfaceBase>> entries;
+    {
+        const std::lock_guard lock(other.myMutex);
+        entries.swap(other.myEntries);
+    }
+    for (const auto& entry : entries) addInterface(entry);
 }
 
 } // namespace Hestra

@@ -63,7 +63,7 @@ public:
     /// Calls `apply` (or `apply_const`) on every interface, in order of attachment, over a snapshot.
     void iterateInterfaces(InterfaceIterationParameter& parameter);
     void iterateInterfaces(InterfaceIterationParameter& parameter) const;
-    /// Attaches here everything that `other` carries.
+    /// Moves here everything that `other` carries.
     void takeOver(const Intercube& other) const;
 
 private:

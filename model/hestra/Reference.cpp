@@ -38,9 +38,9 @@ bool takePending(const void* where) noexcept {
 
 } // namespace
 
-bool ReferenceRecord::promote() noexcept {
+bool ReferenceRecord::promote(int fewest) noexcept {
     int owners = strong.load(std::memory_order_relaxed);
-    while (owners > 0)
+    while (owners >= fewest)
         if (strong.compare_exchange_weak(owners, owners + 1, std::memory_order_acq_rel, std::memory_order_relaxed))
             return true;
     return false;

@@ -44,8 +44,8 @@ public:
     }
 
     void addStrong() noexcept { strong.fetch_add(1, std::memory_order_relaxed); }
-    /// Adds an owner only while there is one already: a dying object is never revived.
-    bool promote() noexcept;
+    /// Adds an owner only while there are `fewest` already: a dying object is never revived.
+    bool promote(int fewest = 1) noexcept;
     void releaseStrong() noexcept {
         if (strong.fetch_sub(1, std::memory_order_acq_rel) == 1) lastOwnerLeft();
     }
@@ -139,24 +139,64 @@ public:
     /// The pointer as stored, without asking whether the object lives.
     [[nodiscard]] T* storedPointer() const noexcept { return myObject; }
 
+    /// Counts an owner that is no handle, and its end; the last owner's end destroys the object. An owner is counted
+    /// of a living object only. Misuse is reported to `SpeakPtr` and has no other effect.
+    void ref() const noexcept {
+        if (!rawptr() || !myRecord->promote(0)) speak();
+    }
+    void unref() const noexcept {
+        if (myRecord)
+            myRecord->releaseStrong();
+        else
+            speak();
+    }
+    /// The same for who only remembers the object, which keeps its control record.
+    void wref() const noexcept {
+        if (myRecord)
+            myRecord->addWeak();
+        else
+            speak();
+    }
+    void wunref() const noexcept {
+        if (myRecord)
+            myRecord->releaseWeak();
+        else
+            speak();
+    }
+
 protected:
     DynPtr() noexcept : myID(nextPointerID()) {}
     DynPtr(T* object, ReferenceRecord* record) noexcept : myObject(object), myRecord(record), myID(nextPointerID()) {}
-    DynPtr(const DynPtr&) = delete;
+    /// Refers to what `other` refers to; counting it is left to the derived class.
+    DynPtr(const DynPtr& other) noexcept : myID(nextPointerID()) {
+        if (this == &other) [[unlikely]] { // there is nothing to copy yet
+            SpeakPtr::SelfConstruction(this);
+            return;
+        }
+        myObject = other.myObject;
+        myRecord = other.myRecord;
+    }
     DynPtr& operator=(const DynPtr&) = delete;
     ~DynPtr() = default;
 
-    void ref() const noexcept {
+    void addStrong() const noexcept {
         if (myRecord) myRecord->addStrong();
     }
-    void unref() noexcept {
-        if (myRecord) myRecord->releaseStrong();
-    }
-    void wref() const noexcept {
+    void addWeak() const noexcept {
         if (myRecord) myRecord->addWeak();
     }
-    void wunref() noexcept {
-        if (myRecord) myRecord->releaseWeak();
+    /// Whether there is an object; reports it if not. For assertions.
+    [[nodiscard]] bool usable() const noexcept {
+        if (rawptr()) return true;
+        speak();
+        return false;
+    }
+    void speak() const noexcept {
+        SpeakPtr::DynPtrInfoRS(myRecord, myID);
+        if (myRecord)
+            SpeakPtr::DynPtrInvalidRefererRS(myRecord);
+        else
+            SpeakPtr::DynPtrNoRefererRS(this);
     }
 
     T* myObject = nullptr;
@@ -174,13 +214,13 @@ public:
     StrongPtr() noexcept = default;
     StrongPtr(std::nullptr_t) noexcept {}
     /// Owns `object`, which may be null and may have owners already.
-    explicit StrongPtr(T* object) : Dyn(object, object ? &recordOf(object) : nullptr) { this->ref(); }
-    StrongPtr(const StrongPtr& other) noexcept : Dyn(other.myObject, other.myRecord) { this->ref(); }
+    explicit StrongPtr(T* object) : Dyn(object, object ? &recordOf(object) : nullptr) { this->addStrong(); }
+    StrongPtr(const StrongPtr& other) noexcept : Dyn(other) { this->addStrong(); }
     StrongPtr(StrongPtr&& other) noexcept
         : Dyn(std::exchange(other.myObject, nullptr), std::exchange(other.myRecord, nullptr)) {}
     template<class U, class B>
     requires std::is_convertible_v<U*, T*> StrongPtr(const StrongPtr<U, B>& other)
-    noexcept : Dyn(other.storedPointer(), other.record()) { this->ref(); }
+    noexcept : Dyn(other.storedPointer(), other.record()) { this->addStrong(); }
     template<class U, class B>
     requires std::is_convertible_v<U*, T*> StrongPtr(StrongPtr<U, B>&& other)
     noexcept : Dyn(other.storedPointer(), other.record()) { other.abandon(); }
@@ -193,10 +233,12 @@ public:
             this->myRecord = other.record();
         }
     }
-    ~StrongPtr() { this->unref(); }
+    ~StrongPtr() {
+        if (this->myRecord) this->myRecord->releaseStrong();
+    }
 
     StrongPtr& operator=(const StrongPtr& other) noexcept {
-        other.ref();
+        other.addStrong();
         reset(other.myObject, other.myRecord);
         return *this;
     }
@@ -210,11 +252,11 @@ public:
     }
 
     [[nodiscard]] T* operator->() const noexcept {
-        assert(this->rawptr());
+        assert(this->usable());
         return this->myObject;
     }
     [[nodiscard]] T& operator*() const noexcept {
-        assert(this->rawptr());
+        assert(this->usable());
         return *this->myObject;
     }
 
@@ -246,15 +288,15 @@ class WeakPtr : public DynPtr<T, Base> {
 public:
     WeakPtr() noexcept = default;
     WeakPtr(std::nullptr_t) noexcept {}
-    explicit WeakPtr(T* object) : Dyn(object, object ? &object->referenceRecord() : nullptr) { this->wref(); }
+    explicit WeakPtr(T* object) : Dyn(object, object ? &object->referenceRecord() : nullptr) { this->addWeak(); }
     /// Refers to an object wherever it lives: the handle expires with it.
     WeakPtr(T& object) : WeakPtr(&object) {}
-    WeakPtr(const WeakPtr& other) noexcept : Dyn(other.myObject, other.myRecord) { this->wref(); }
+    WeakPtr(const WeakPtr& other) noexcept : Dyn(other) { this->addWeak(); }
     WeakPtr(WeakPtr&& other) noexcept
         : Dyn(std::exchange(other.myObject, nullptr), std::exchange(other.myRecord, nullptr)) {}
     template<class U, class B>
     requires std::is_convertible_v<U*, T*> WeakPtr(const StrongPtr<U, B>& other)
-    noexcept : Dyn(other.storedPointer(), other.record()) { this->wref(); }
+    noexcept : Dyn(other.storedPointer(), other.record()) { this->addWeak(); }
     /// Empty when the object of `other` is gone: a pointer to a dead object cannot be converted to a virtual base.
     template<class U, class B>
     requires std::is_convertible_v<U*, T*> WeakPtr(const WeakPtr<U, B>& other)
@@ -263,13 +305,15 @@ public:
         if (U* const object = other.rawptr()) {
             this->myObject = object;
             this->myRecord = other.record();
-            this->wref();
+            this->addWeak();
         }
     }
-    ~WeakPtr() { this->wunref(); }
+    ~WeakPtr() {
+        if (this->myRecord) this->myRecord->releaseWeak();
+    }
 
     WeakPtr& operator=(const WeakPtr& other) noexcept {
-        other.wref();
+        other.addWeak();
         reset(other.myObject, other.myRecord);
         return *this;
     }
@@ -287,11 +331,11 @@ public:
 
     /// Access for the thread that knows that the object lives.
     [[nodiscard]] T* operator->() const noexcept {
-        assert(this->rawptr());
+        assert(this->usable());
         return this->myObject;
     }
     [[nodiscard]] T& operator*() const noexcept {
-        assert(this->rawptr());
+        assert(this->usable());
         return *this->myObject;
     }
 
@@ -359,15 +403,20 @@ public:
     operator StrongPtr<U, B>() const noexcept {
         return StrongPtr<U, B>(myPtr);
     }
+    template<class U, class B>
+    requires std::is_convertible_v<T*, U*>
+    operator WeakPtr<U, B>() const noexcept { return WeakPtr<U, B>(myPtr); }
 
 private:
     StrongPtr<T> myPtr;
 };
 
-/// A new `T`, owned from its first moment.
+/// A new `T`, owned from its first moment. Cacheable data get their `CacheableDeferredConstructor` called.
 template<class T, class... Args>
 [[nodiscard]] Ref<T> makeRef(Args&&... args) {
-    return Ref<T>(new T(std::forward<Args>(args)...));
+    Ref<T> made(new T(std::forward<Args>(args)...));
+    if constexpr (requires { made->CacheableDeferredConstructor(); }) made->CacheableDeferredConstructor();
+    return made;
 }
 
 /// The object as another class of its family, or an empty handle: `dynamic_cast` for handles.

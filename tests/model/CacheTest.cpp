@@ -29,6 +29,7 @@ struct Maker : Hestra::CreatorBase<Data> {
         if (action == AskSelf && create(false)) std::abort();
         return StrongPtr<Data>(new Data(bytes));
     }
+    void adopt(const StrongPtr<Data>& data, const WeakPtr<Cache>& cache) { setData(data, false, cache); }
     enum Action { Make, Throw, Nothing, AskSelf } action = Make;
     std::size_t bytes;
     bool disabled = false;
@@ -78,6 +79,50 @@ TEST(CacheTest, ADatumLargerThanTheBudgetStillReachesWhoAsked) {
     }
     EXPECT_FALSE(maker.hasData());
     EXPECT_EQ(cache->bytes(), 0u);
+}
+
+TEST(CacheTest, DataLeaveTheCacheWithTheirLastCreator) {
+    const StrongPtr<Cache> cache(new Cache);
+    WeakPtr<Data> data;
+    {
+        Maker first(100, cache);
+        data = first.create();
+        Maker second(100, cache);
+        second.adopt(first.create(), cache);
+        EXPECT_EQ(cache->size(), 1u);
+        EXPECT_EQ(cache->bytes(), 100u);
+        first.adopt(StrongPtr<Data>(new Data(30)), cache);
+        EXPECT_EQ(cache->bytes(), 130u);
+        EXPECT_TRUE(data) << "the second creator's";
+        first.adopt(StrongPtr<Data>(new Data(40)), cache);
+        EXPECT_EQ(cache->bytes(), 140u);
+    }
+    EXPECT_FALSE(data);
+    EXPECT_EQ(cache->size(), 0u);
+    EXPECT_EQ(cache->bytes(), 0u);
+}
+
+TEST(CacheTest, DataAreToldOfTheirBeginningAndEnd) {
+    struct Told : Data {
+        Told(const StrongPtr<Cache>& c, int& n) : Data(10), cache(c), calls(n) {}
+        void CacheableDeferredConstructor() override { calls += 1; }
+        void PreDestructor() override { calls += cache->size() == 0 ? 10 : 1000; } // may use the cache
+        WeakPtr<Cache> cache;
+        int& calls;
+    };
+    const StrongPtr<Cache> cache(new Cache);
+    int calls = 0;
+    const StrongPtr<Data> told = Hestra::makeRef<Told>(cache, calls);
+    EXPECT_EQ(calls, 1);
+    cache->insert(told);
+    cache->setLimit(5);
+    EXPECT_EQ(calls, 11);
+    cache->setUnlimited();
+    cache->insert(told);
+    EXPECT_TRUE(cache->remove(*told));
+    cache->insert(told);
+    cache->clear();
+    EXPECT_EQ(calls, 31);
 }
 
 TEST(CreatorTest, PersistentDataSurviveAndUncachedDataBelongToTheAsker) {

@@ -49,13 +49,16 @@ TEST(InterfaceTest, OneObjectADomainFoundUnderItsTypeAndItsDomain) {
     cube.addInterface(nullptr);
 }
 
-TEST(InterfaceTest, CopiesCarryNoAttachmentsAndTakeOverMovesHandles) {
+TEST(InterfaceTest, CopiesCarryNoAttachmentsAndTakeOverMovesThem) {
     Intercube source;
     source.addInterface(handle(new Size(1)));
     const Intercube copy(source);
     EXPECT_FALSE(copy.findInterface(typeid(Size)));
+    const auto size = source.findInterface(typeid(Size));
     copy.takeOver(source);
-    EXPECT_EQ(copy.findInterface(typeid(Size)), source.findInterface(typeid(Size)));
+    copy.takeOver(copy);
+    EXPECT_EQ(copy.findInterface(typeid(Size)), size);
+    EXPECT_FALSE(source.findInterface(typeid(Size)));
 }
 
 TEST(InterfaceTest, IterationCallsEachOnceAndStopsOnDemand) {

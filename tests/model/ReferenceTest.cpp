@@ -177,6 +177,42 @@ TEST_F(ReferenceTest, AThrowingConstructorLeavesNothingBehind) {
     EXPECT_FALSE(testing::internal::GetCapturedStderr().empty()) << "the stack object passes for one made with new";
 }
 
+TEST_F(ReferenceTest, OwnersThatAreNoHandlesCountLikeHandles) {
+    StrongPtr<Counted> owner(new Counted(2));
+    const WeakPtr<Counted> weak = owner;
+    weak.ref();
+    owner = nullptr;
+    EXPECT_EQ(weak->value, 2);
+    weak.unref();
+    EXPECT_FALSE(weak);
+    EXPECT_EQ(Counted::living, 0);
+}
+
+TEST_F(ReferenceTest, MisuseIsReportedAndDoesNoHarm) {
+    const StrongPtr<Counted> none;
+    WeakPtr<Counted> expired;
+    { expired = StrongPtr<Counted>(new Counted); }
+    testing::internal::CaptureStderr();
+    none.ref();
+    none.unref();
+    none.wunref();
+    std::string reports = testing::internal::GetCapturedStderr();
+    EXPECT_NE(reports.find("has no record"), std::string::npos);
+    EXPECT_NE(reports.find("number " + std::to_string(none.pointerID())), std::string::npos);
+
+    testing::internal::CaptureStderr();
+    expired.ref();
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("does not point at an object"), std::string::npos);
+    EXPECT_FALSE(expired.lock());
+
+    alignas(StrongPtr<Counted>) unsigned char room[sizeof(StrongPtr<Counted>)] = {};
+    auto* const place = reinterpret_cast<StrongPtr<Counted>*>(room);
+    testing::internal::CaptureStderr();
+    const auto* const made = new (place) StrongPtr<Counted>(*place);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("constructed from itself"), std::string::npos);
+    EXPECT_FALSE(*made);
+}
+
 // Promotion against the last release: a dying object is never handed out.
 TEST_F(ReferenceTest, PromotionNeverRevivesADyingObject) {
     for (int round = 0; round < 300; ++round) {
