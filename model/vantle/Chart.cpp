@@ -20,6 +20,7 @@ StrongPtr<Chart> Atlas::find(const std::type_info& type, const std::string& name
 }
 
 void Atlas::add(const StrongPtr<Chart>& chart) {
+    if (!chart) return;
     const Chart& added = *chart;
     if (!find(typeid(added), added.name())) myCharts.push_back(chart);
 }

@@ -110,6 +110,10 @@ private:
     std::vector<T> myValues;
 };
 
+/// One axis of a direct product: linear or explicit.
+template<class T, template<class> class Kind>
+using CoordinateAxisArray = Kind<T>;
+
 /// What all direct products have in common whose elements are stored alike. `T` is a plain array of `N` coordinates
 /// (or one number, for rank 1): element (i, j, ...) consists of value i of axis 0, value j of axis 1, and so on.
 template<class T, template<class> class Axis, int N>
@@ -118,13 +122,12 @@ class VANTLE_MODEL_API DirectProductMemArrayBase : public MemArrayBase<N> {
 
 public:
     using coordinate_type = typename ElementTraits<T>::component_type;
-    using Axes = std::array<Axis<coordinate_type>, N>;
+    using AxisArray = CoordinateAxisArray<coordinate_type, Axis>;
+    using Axes = std::array<AxisArray, N>;
     using Creator = Hestra::WeakPtr<CreativeArrayBase>;
 
     [[nodiscard]] const Axes& axes() const noexcept { return myAxes; }
-    [[nodiscard]] const Axis<coordinate_type>& axis(int d) const noexcept {
-        return myAxes[static_cast<std::size_t>(d)];
-    }
+    [[nodiscard]] const AxisArray& axis(int d) const noexcept { return myAxes[static_cast<std::size_t>(d)]; }
     [[nodiscard]] MultiIndex<N> getSize() const final { return mySize; }
     [[nodiscard]] const MultiIndex<N>& Size() const noexcept { return mySize; }
     [[nodiscard]] index_t nElements() const final { return mySize.product(); }
@@ -176,6 +179,8 @@ public:
     /// The type of spacings: vectors for points, otherwise that of the elements.
     using difference_type =
         std::conditional_t<std::is_same_v<T, Orvix::PhysicalSpace::point>, Orvix::PhysicalSpace::vector, T>;
+    static constexpr bool isLinear =
+        std::is_same_v<typename Base::AxisArray, LinearCoordinateAxisArray<typename Base::coordinate_type>>;
 
     explicit DirectProductMemArray(Axes axes, const Creator& creator = {})
         : MemBase(typeid(T), creator), Base(std::move(axes)) {}
@@ -199,19 +204,11 @@ public:
     [[nodiscard]] T last() const noexcept { return this->nElements() ? (*this)[this->lastIndex()] : T{}; }
 
     /// The element that index 0 has or would have, and the differences along the axes.
-    [[nodiscard]] T origin() const noexcept
-        requires(std::is_same_v<Axis<typename Base::coordinate_type>,
-                                LinearCoordinateAxisArray<typename Base::coordinate_type>>) {
-        return myLine.origin;
-    }
-    [[nodiscard]] difference_type spacing() const noexcept
-        requires(std::is_same_v<Axis<typename Base::coordinate_type>,
-                                LinearCoordinateAxisArray<typename Base::coordinate_type>>) {
-        return myLine.spacing;
-    }
+    [[nodiscard]] T origin() const noexcept requires(isLinear) { return myLine.origin; }
+    [[nodiscard]] difference_type spacing() const noexcept requires(isLinear) { return myLine.spacing; }
     /// Addresses of origin and spacing; null for axes that have none.
-    [[nodiscard]] const T* OriginPtr() const noexcept { return Line::exists ? &myLine.origin : nullptr; }
-    [[nodiscard]] const difference_type* DeltaPtr() const noexcept { return Line::exists ? &myLine.spacing : nullptr; }
+    [[nodiscard]] const T* OriginPtr() const noexcept { return isLinear ? &myLine.origin : nullptr; }
+    [[nodiscard]] const difference_type* DeltaPtr() const noexcept { return isLinear ? &myLine.spacing : nullptr; }
 
     /// The elements as a view by value and as an iterator; both need this array to live.
     [[nodiscard]] MultiArrayBase<N, T> view() const noexcept { return MultiArrayBase<N, T>(*this, this->Size()); }
@@ -243,10 +240,8 @@ protected:
 
 private:
     struct Line {
-        static constexpr bool exists = std::is_same_v<Axis<typename Base::coordinate_type>,
-                                                      LinearCoordinateAxisArray<typename Base::coordinate_type>>;
         explicit Line(const Axes& axes) {
-            if constexpr (exists)
+            if constexpr (isLinear)
                 for (int d = 0; d < N; ++d) {
                     elementComponent(origin, d) = axes[static_cast<std::size_t>(d)].origin();
                     elementComponent(spacing, d) = axes[static_cast<std::size_t>(d)].spacing();

@@ -41,6 +41,12 @@ StrongPtr<Field::Contents> Field::contents() const {
     return myContents;
 }
 
+void Field::noteChange() {
+    if (myForwardFlag)
+        if (const StrongPtr<Field> other = myForward.lock()) other->noteChange();
+    touch();
+}
+
 // A field is also asked with ids of other fields' collections; there the name decides.
 StrongPtr<FragmentID> Field::ownID(const Contents& contents, const StrongPtr<FragmentID>& id) const {
     if (!id || !contents.collection || contents.collection->contains(*id)) return id;
@@ -124,7 +130,7 @@ void Field::setCreator(const StrongPtr<CreativeArrayBase>& creator, const Strong
         else
             here->unfragmented = creator; // a fragment without name is the unfragmented data
     }
-    touch();
+    noteChange();
 }
 
 StrongPtr<CreativeArrayBase> Field::createCreator(const StrongPtr<MemBase>& data, const StrongPtr<FragmentID>& id,
@@ -180,7 +186,7 @@ bool Field::removeData(const StrongPtr<FragmentID>& id) {
         removed = bool(here->unfragmented);
         here->unfragmented = nullptr;
     }
-    if (removed) touch();
+    if (removed) noteChange();
     return removed;
 }
 

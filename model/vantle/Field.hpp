@@ -42,7 +42,7 @@ public:
     /// `data` as the unfragmented (global) data; the collection lists the sub-blocks, if any.
     Field(const Hestra::StrongPtr<MemBase>& data, const Hestra::StrongPtr<FragmentIDCollection>& collection);
     /// Forwards to another field as long as that lives: shares its fragments and creators, with an age and
-    /// attachments of its own.
+    /// attachments of its own. Changes made here make both newer, changes made there only the other one.
     explicit Field(const Hestra::WeakPtr<Field>& other);
     template<class Array>
     requires std::is_convertible_v<Array*, MemBase*>
@@ -101,7 +101,7 @@ public:
                                                             const Hestra::StrongPtr<FragmentID>& id = {});
     /// Removes the creator of a fragment; the fragment id stays. False if there was none.
     bool removeData(const Hestra::StrongPtr<FragmentID>& id = {});
-    /// Attaches to `destination` what `source` carries.
+    /// Moves to `destination` what `source` carries.
     void processOwnership(Hestra::Intercube& destination, const Hestra::Intercube& source) const;
 
     /// Calls `function` for every fragment of the collection in its order (the creator may be null), or once with
@@ -120,6 +120,7 @@ public:
 
 private:
     struct Contents;
+    void noteChange();
     [[nodiscard]] Hestra::StrongPtr<Contents> contents() const;
     [[nodiscard]] Hestra::StrongPtr<FragmentID> ownID(const Contents& contents,
                                                       const Hestra::StrongPtr<FragmentID>& id) const;

@@ -39,6 +39,10 @@ public:
     /// The given skeleton in the Cartesian chart of this name, or null.
     [[nodiscard]] Hestra::StrongPtr<Representation> getCartesianRepresentation(const Skeleton& skeleton,
                                                                                const std::string& chart = {}) const;
+    [[nodiscard]] Hestra::StrongPtr<Representation>
+    getCartesianRepresentation(const Hestra::StrongPtr<Skeleton>& skeleton, const std::string& chart = {}) const {
+        return skeleton ? getCartesianRepresentation(*skeleton, chart) : nullptr;
+    }
     /// The "Positions" of the vertices in the default Cartesian chart, or null.
     [[nodiscard]] Hestra::StrongPtr<Field> CartesianPositions() const;
     /// A field of the vertices in the Cartesian chart of this name, or null.

@@ -185,6 +185,17 @@ TriangularSurfaceWithEdges TriangularSurfaceWithEdges::create(Grid& grid, std::v
     return TriangularSurfaceWithEdges(handle);
 }
 
+LineSet::LineSet(const StrongPtr<Grid>& grid_, const StrongPtr<Points>& points,
+                 const StrongPtr<MemArray<1, std::vector<unsigned int>>>& curves_)
+    : TypedGrid(grid_) {
+    setup(points, curves_);
+}
+LineSet::LineSet(const StrongPtr<Grid>& grid_, const StrongPtr<Points>& points,
+                 const StrongPtr<MemArray<1, std::vector<index_t>>>& curves_)
+    : TypedGrid(grid_) {
+    setup(points, curves_);
+}
+
 LineSet LineSet::setupStandardFields(const StrongPtr<Grid>& grid_) {
     if (grid_ && !grid_->findVertices(~0)) GridWithCartesianVertices(grid_, 1);
     if (grid_) {

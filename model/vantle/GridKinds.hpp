@@ -151,13 +151,11 @@ public:
 
     /// View of a grid that has curves already.
     explicit LineSet(const Hestra::StrongPtr<Grid>& grid) : TypedGrid(grid) {}
-    /// Makes the grid a set of curves; `Index` is `unsigned int` or `unsigned long long` and is stored as given.
-    template<class Index>
+    /// Makes the grid a set of curves, whose index lists are stored as given.
     LineSet(const Hestra::StrongPtr<Grid>& grid, const Hestra::StrongPtr<Points>& points,
-            const Hestra::StrongPtr<MemArray<1, std::vector<Index>>>& curves)
-        : TypedGrid(grid) {
-        setup(points, curves);
-    }
+            const Hestra::StrongPtr<MemArray<1, std::vector<unsigned int>>>& curves);
+    LineSet(const Hestra::StrongPtr<Grid>& grid, const Hestra::StrongPtr<Points>& points,
+            const Hestra::StrongPtr<MemArray<1, std::vector<index_t>>>& curves);
     /// Makes vertices, edges and their representations where they are missing, and returns the view.
     static LineSet setupStandardFields(const Hestra::StrongPtr<Grid>& grid);
 

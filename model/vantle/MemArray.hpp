@@ -108,6 +108,10 @@ public:
         return createSubMemArray(start, size, creator);
     }
     /// A new array of the same extents over another chunk, as by `makeMemArray`.
+    [[nodiscard]] Hestra::Ref<Owning> createEquallySizedMemArray(const Hestra::StrongPtr<Chunk>& chunk,
+                                                                 const Creator& creator = {}) const {
+        return makeMemArray(chunk, this->Size(), creator);
+    }
     template<class U>
     [[nodiscard]] Hestra::Ref<ReferencingMemArray<N, U>>
     createEquallySizedMemArray(const Hestra::StrongPtr<Hestra::TypedChunk<U>>& chunk,

@@ -2,6 +2,7 @@
 #include <model/vantle/MemBase.hpp>
 
 #include <mutex>
+#include <utility>
 
 namespace Vantle {
 
@@ -18,6 +19,12 @@ struct AllocatorRegistry {
 AllocatorRegistry& allocatorRegistry() {
     static AllocatorRegistry& registry = *new AllocatorRegistry;
     return registry;
+}
+
+// The rank whose base class `type` is, or 0.
+template<int... Rank>
+int rankNamed(const std::type_info& type, std::integer_sequence<int, Rank...>) {
+    return (0 + ... + (type == typeid(MemArrayBase<Rank + 1>) ? Rank + 1 : 0));
 }
 
 } // namespace
@@ -45,8 +52,10 @@ void MemBase::setCreator(const Hestra::WeakPtr<CreativeArrayBase>& creator) {
 StrongPtr<MemBase> MemBase::create(const DynamicSize& size, const std::type_info& type) const {
     const StrongPtr<Allocator> own = ownAllocator();
     const MemBase& self = *this;
-    const bool sameType =
-        type == typeid(void) || type == myElementType.type() || type == typeid(self) || (own && own->isDomain(type));
+    const int rank = rankNamed(type, std::make_integer_sequence<int, 4>());
+    if (rank && rank != size.rank()) return nullptr;
+    const bool sameType = rank || type == typeid(void) || type == myElementType.type() || type == typeid(self) ||
+                          (own && own->isDomain(type));
     const StrongPtr<Allocator> allocator = sameType ? own : findAllocator(type);
     if (!allocator) return nullptr;
     return allocator->create(size, Hestra::WeakPtr<CreativeArrayBase>());

@@ -57,8 +57,8 @@ public:
                                                             index_t blockLength) const = 0;
 
     /// A new array of another size, with value-initialised elements. `type` is an element type or the tag of
-    /// a memory domain; `typeid(void)` and whatever names this array mean the type of this one. Null when no such
-    /// type, or no such rank, is available.
+    /// a memory domain; `typeid(void)`, whatever names this array, and `MemArrayBase<N>` for the rank of `size` mean
+    /// the type of this one. Null when no such type, or no such rank, is available.
     [[nodiscard]] Hestra::StrongPtr<MemBase> create(const DynamicSize& size, const std::type_info& type) const;
 
     /// What made this array; expired or empty when nothing (any more) did.

@@ -276,7 +276,7 @@ TYPED_TEST(ArrayElementTest, SlicesAndComponentsOutliveTheirParent) {
 TYPED_TEST(ArrayElementTest, ArraysShareAndCopyChunks) {
     const auto chunk = Hestra::makeRef<Hestra::TypedChunk<TypeParam>>(std::size_t{6});
     const auto matrix = MemArray<2, TypeParam>::makeMemArray(chunk, {2, 3});
-    const auto same_size = matrix->createEquallySizedMemArray(chunk.strong());
+    const auto same_size = matrix->createEquallySizedMemArray(chunk);
     const auto list = makeMemArray1D(chunk.strong());
     for (index_t k = 0; k < 6; ++k) list->element(k) = sample<TypeParam>(k);
     EXPECT_EQ(&(*matrix)(1, 2), &(*list)[5]);

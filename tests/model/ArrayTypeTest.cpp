@@ -103,6 +103,9 @@ TEST(ArrayTypeTest, CreateUnderstandsItsOwnNames) {
     for (const std::type_info* name :
          {&typeid(void), &typeid(float), &typeid(TypedArray<float>::reference_domain_t), &typeid(object)})
         EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, float>>(array->create(MultiIndex<1>(3), *name)))) << name->name();
+    EXPECT_TRUE(
+        (Hestra::dynamicCast<MemArray<3, float>>(array->create(MultiIndex<3>(3, 1, 1), typeid(MemArrayBase<3>)))));
+    EXPECT_FALSE(array->create(MultiIndex<1>(3), typeid(MemArrayBase<2>))) << "not the rank of the size";
     EXPECT_FALSE(array->create(MultiIndex<1>(3), typeid(ArrayTypeTest_CreateUnderstandsItsOwnNames_Test)));
 }
 

@@ -197,10 +197,15 @@ TEST(FieldTest, IdsOfOtherCollectionsFindTheFragmentOfTheSameName) {
 
 TEST(FieldTest, AForwardingFieldFollowsTheOtherWhileItLives) {
     StrongPtr<Field> source(new Field(numbers({1}), nullptr));
-    const Field view{WeakPtr<Field>(source)};
+    Field view{WeakPtr<Field>(source)};
     EXPECT_EQ(firstOf(view.getData()), 1.0);
     source->setPersistentData(numbers({2}));
     EXPECT_EQ(firstOf(view.getData()), 2.0);
+    const auto age = source->age();
+    view.setPersistentData(numbers({3}));
+    EXPECT_EQ(firstOf(source->getData()), 3.0);
+    EXPECT_GT(source->age(), age);
+    EXPECT_GT(view.age(), age);
     source = nullptr;
     EXPECT_FALSE(view.getData());
     EXPECT_EQ(visit(view), Names{});

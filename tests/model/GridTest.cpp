@@ -128,6 +128,10 @@ TEST(GridTest, RepresentationsAreMadeByCreatingFormsOnly) {
     EXPECT_EQ(vertices->FirstRepresentation(), made);
     EXPECT_EQ((*vertices)[WeakPtr<BaseSpace>(cells)], made);
     EXPECT_FALSE((*vertices)[WeakPtr<BaseSpace>()]);
+    const auto cartesian = grid.makeCartesianRepresentation(3);
+    EXPECT_EQ(grid.getCartesianRepresentation(vertices, ""), cartesian);
+    EXPECT_EQ(grid.getCartesianRepresentation(*vertices, ""), cartesian);
+    EXPECT_FALSE(grid.getCartesianRepresentation(cells, ""));
     EXPECT_NE((*cells)[*vertices], made);
     EXPECT_FALSE(readOnly(WeakPtr<BaseSpace>(other.makeVertices(3))));
 }
@@ -225,6 +229,9 @@ TEST(GridKindsTest, CurvesAreStoredAsGiven) {
     EXPECT_EQ(lines.positions()->getData()->nElements(), 3u);
     const StrongPtr<Grid> empty(new Grid);
     EXPECT_TRUE(LineSet::setupStandardFields(empty).curves());
+    const LineSet wide(empty, makeMemArray1D(std::vector<PhysicalSpace::point>(2)),
+                       makeMemArray1D(std::vector<std::vector<index_t>>{{0, 1}}));
+    EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, std::vector<index_t>>>(wide.curves()->getData())));
 }
 
 TEST(GridKindsTest, PointCloudsFallIntoTheirLatticeCells) {
