@@ -20,9 +20,14 @@ void ChunkBase::settle() const {
     TotalMemsize.fetch_add(now - before, std::memory_order_relaxed);
 }
 
+namespace {
+
+[[maybe_unused]] constexpr std::uintptr_t hugePage = std::uintptr_t{2} << 20;
+
+} // namespace
+
 void adviseLargeArray(void* begin, std::size_t bytes) noexcept {
 #ifdef __linux__
-    constexpr std::size_t hugePage = std::size_t{2} << 20;
     if (bytes < 2 * hugePage) return;
     const auto first = (reinterpret_cast<std::uintptr_t>(begin) + hugePage - 1) & ~(hugePage - 1);
     const auto last = (reinterpret_cast<std::uintptr_t>(begin) + bytes) & ~(hugePage - 1);
@@ -31,6 +36,16 @@ void adviseLargeArray(void* begin, std::size_t bytes) noexcept {
 #else
     (void)begin;
     (void)bytes;
+#endif
+}
+
+void populateLargeArrayAhead(const void* begin, const void* end, const void* blockEnd) noexcept {
+    const auto now = reinterpret_cast<std::uintptr_t>(end) / hugePage;
+    const auto last = reinterpret_cast<std::uintptr_t>(blockEnd) / hugePage;
+    if (reinterpret_cast<std::uintptr_t>(begin) / hugePage == now || now + 2 > last) return;
+#ifdef MADV_POPULATE_WRITE
+    // A page that lies within the block wholly, and that nobody has come to yet. Older systems refuse.
+    (void)::madvise(reinterpret_cast<void*>((now + 1) * hugePage), hugePage, MADV_POPULATE_WRITE);
 #endif
 }
 

@@ -44,6 +44,11 @@ private:
 /// Advises the system that a large block of fresh memory is best backed by huge pages. No effect on contents.
 VANTLE_MODEL_API void adviseLargeArray(void* begin, std::size_t bytes) noexcept;
 
+/// For several threads that fill a large block of fresh memory from its beginning: called after memory from `begin` to
+/// `end` was taken, at times lets the system provide some that comes soon, up to `blockEnd`. One thread does that while
+/// the others fill; providing memory takes about as long as filling it. No effect on contents.
+VANTLE_MODEL_API void populateLargeArrayAhead(const void* begin, const void* end, const void* blockEnd) noexcept;
+
 /// Reserves room for `count` elements and, if that is much, advises huge pages before the memory is touched.
 template<class T>
 void reserveLargeArray(std::vector<T>& storage, std::size_t count) {

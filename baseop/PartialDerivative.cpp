@@ -1,0 +1,278 @@
+#include <baseop/PartialDerivative.hpp>
+#include <model/hestra/Profiler.hpp>
+#include <model/vantle/Representation.hpp>
+
+#include <algorithm>
+#include <mutex>
+#include <vector>
+
+namespace Vantle {
+
+using Hestra::Ref;
+using Hestra::StrongPtr;
+using Hestra::WeakPtr;
+using Orvix::PhysicalSpace;
+
+// ------------------------------------------------------------------------------------------------------------ kernels
+
+namespace {
+
+/// Bytes of the result that are made at a time: they are filled while they are still in a core's own cache.
+constexpr index_t kBlockBytes = index_t{128} << 10;
+/// Fewer nodes are not worth waking other threads up.
+constexpr index_t kParallelNodes = 1 << 15;
+
+/// The two nodes whose difference is the derivative at node `m` of an axis, and the factor: 1.0 changes no bit.
+struct Stencil {
+    index_t low;
+    index_t high;
+    double factor;
+
+    Stencil(index_t m, index_t extent) noexcept
+        : low(m > 0 ? m - 1 : 0), high(m + 1 < extent ? m + 1 : m), factor(high - low == 2 ? 0.5 : 1.0) {}
+};
+
+/// Two rows along axis 0 whose difference, times the factor, is the derivative across them.
+template<class S>
+struct RowPair {
+    const S* low;
+    const S* high;
+    double factor;
+};
+
+/// Fills the derivatives of one row. `Step` is the distance of its elements, or 0 for `step`.
+template<index_t Step, class S, class Result>
+void deriveRow(Result* __restrict target, const S* row, const RowPair<S>& axis1, const RowPair<S>& axis2,
+               index_t extent, index_t step) noexcept {
+    constexpr int C = ElementTraits<S>::components;
+    if constexpr (Step > 0) step = Step;
+    const auto difference = [](Result& result, int axis, const S& high, const S& low, double factor) {
+        for (int c = 0; c < C; ++c)
+            result[axis * C + c] = (elementComponent(high, c) - elementComponent(low, c)) * factor;
+    };
+    const auto across = [&](index_t i) {
+        difference(target[i], 1, axis1.high[i * step], axis1.low[i * step], axis1.factor);
+        difference(target[i], 2, axis2.high[i * step], axis2.low[i * step], axis2.factor);
+    };
+    if (extent > 1) difference(target[0], 0, row[step], row[0], 1.0);
+    across(0);
+    for (index_t i = 1; i + 1 < extent; ++i) {
+        difference(target[i], 0, row[(i + 1) * step], row[(i - 1) * step], 0.5);
+        across(i);
+    }
+    if (extent > 1) {
+        difference(target[extent - 1], 0, row[(extent - 1) * step], row[(extent - 2) * step], 1.0);
+        across(extent - 1);
+    }
+}
+
+} // namespace
+
+template<class Result>
+template<int N, class T>
+Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& source) {
+    static_assert(N == 3, "the axes of a regular grid");
+    static_assert(ElementTraits<Result>::components == N * ElementTraits<T>::components);
+    using S = ElementStorage<T>;
+    const Hestra::Profiler scope("baseop/PartialDerivative", __LINE__, "Derivative::compute(array)",
+                                 __PRETTY_FUNCTION__);
+    const MultiIndex<3> size = source.Size();
+    const Ref<Hestra::TypedChunk<Result>> chunk = Hestra::makeRef<Hestra::TypedChunk<Result>>();
+    std::vector<Result>& result = chunk->base_vector();
+    const index_t nodes = source.nElements();
+    if (nodes == 0) return MemArray<3, Result>::makeMemArray(chunk, size);
+    if (nodes > result.max_size()) throw std::length_error("derivative: too many elements");
+    Hestra::reserveLargeArray(result, static_cast<std::size_t>(nodes));
+
+    const S* const elements = source.storage();
+    const index_t step = source.stride();
+    // Across an axis with one node this row is subtracted from itself, which also does for infinite elements.
+    const std::vector<S> zeros(size[1] > 1 && size[2] > 1 ? 0 : static_cast<std::size_t>((size[0] - 1) * step + 1));
+    Result* const target = result.data();
+
+    const auto rowAt = [&](index_t j, index_t k) { return elements + (k * size[1] + j) * size[0] * step; };
+    const auto fillRow = [&](index_t r) {
+        const index_t j = r % size[1], k = r / size[1];
+        RowPair<S> axis1{zeros.data(), zeros.data(), 1.0}, axis2 = axis1;
+        if (const Stencil at(j, size[1]); size[1] > 1) axis1 = {rowAt(at.low, k), rowAt(at.high, k), at.factor};
+        if (const Stencil at(k, size[2]); size[2] > 1) axis2 = {rowAt(j, at.low), rowAt(j, at.high), at.factor};
+        if (step == 1)
+            deriveRow<1>(target + r * size[0], rowAt(j, k), axis1, axis2, size[0], step);
+        else
+            deriveRow<0>(target + r * size[0], rowAt(j, k), axis1, axis2, size[0], step);
+    };
+
+    // Making all elements before filling them would send the result through memory twice. So each thread makes the next
+    // block, one after the other, and fills it while others make and fill theirs. There is room: nothing moves.
+    const index_t rows = size[1] * size[2];
+    const index_t blockRows = std::max<index_t>(1, kBlockBytes / (size[0] * sizeof(Result)));
+    index_t madeRows = 0;
+#pragma omp parallel default(shared) if (nodes >= kParallelNodes)
+    for (;;) {
+        index_t begin, end;
+#pragma omp critical(VantlePartialDerivativeBlock)
+        {
+            begin = madeRows;
+            end = madeRows = std::min(rows, begin + blockRows);
+            result.resize(static_cast<std::size_t>(end * size[0]));
+        }
+        if (begin == end) break;
+        Hestra::populateLargeArrayAhead(target + begin * size[0], target + end * size[0], target + nodes);
+        for (index_t r = begin; r < end; ++r) fillRow(r);
+    }
+    return MemArray<3, Result>::makeMemArray(chunk, size);
+}
+
+template VANTLE_BASEOP_API Ref<MemArray<3, PhysicalSpace::vector>>
+Derivative<PhysicalSpace::vector>::compute<3, double>(const MemArray<3, double>&);
+template VANTLE_BASEOP_API Ref<MemArray<3, Orvix::Quadratic<3, double>>>
+Derivative<Orvix::Quadratic<3, double>>::compute<3, PhysicalSpace::vector>(const MemArray<3, PhysicalSpace::vector>&);
+template VANTLE_BASEOP_API Ref<MemArray<3, Orvix::Quadratic<3, double>>>
+Derivative<Orvix::Quadratic<3, double>>::compute<3, PhysicalSpace::point>(const MemArray<3, PhysicalSpace::point>&);
+
+// --------------------------------------------------------------------------------------------------------- derivators
+
+namespace {
+
+struct Registry {
+    std::mutex mutex;
+    std::vector<WeakPtr<PartialDerivatorBase>> derivators;
+};
+
+Registry& registry() {
+    static Registry* const known = new Registry; // never destroyed: derivators of other libraries may go later
+    return *known;
+}
+
+/// Handles that keep this library's own derivators in force.
+const std::vector<StrongPtr<PartialDerivatorBase>>& ownDerivators() {
+    static const std::vector<StrongPtr<PartialDerivatorBase>> own{
+        Hestra::makeRef<PartialDerivator<MemArray<3, double>, PhysicalSpace::vector>>(),
+        Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::vector>, Orvix::Quadratic<3, double>>>(),
+        Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::point>, Orvix::Quadratic<3, double>>>()};
+    return own;
+}
+
+// With the library, so that they come before any other; also when something asks still earlier.
+[[maybe_unused]] const auto& madeWithTheLibrary = ownDerivators();
+
+/// Those with an owner: one whose construction has not ended yet has none, and is not seen.
+std::vector<StrongPtr<PartialDerivatorBase>> derivators() {
+    (void)ownDerivators();
+    std::vector<StrongPtr<PartialDerivatorBase>> alive;
+    Registry& known = registry();
+    const std::lock_guard lock(known.mutex);
+    for (const auto& weak : known.derivators)
+        if (auto derivator = weak.lock()) alive.push_back(std::move(derivator));
+    return alive;
+}
+
+template<class Predicate>
+StrongPtr<PartialDerivatorBase> findDerivator(const Predicate& accepts) {
+    for (const auto& derivator : derivators())
+        if (accepts(*derivator)) return derivator;
+    return nullptr;
+}
+
+} // namespace
+
+PartialDerivatorBase::PartialDerivatorBase() {
+    Registry& known = registry();
+    const std::lock_guard lock(known.mutex);
+    std::erase_if(known.derivators, [](const auto& weak) { return weak.record()->object.load() == nullptr; });
+    known.derivators.emplace_back(*this);
+}
+
+PartialDerivatorBase::~PartialDerivatorBase() = default;
+
+bool PartialDerivatorBase::accepts(const MemBase& data) const {
+    return isPartialDerivable(MemArrayProperties(data.rank(), data.elementIndex()));
+}
+
+// --------------------------------------------------------------------------------------------------------- operations
+
+StrongPtr<MemBase> PartialDerivative(const StrongPtr<MemBase>& data) {
+    if (!data) return nullptr;
+    const MemArrayProperties properties(data->rank(), data->elementIndex());
+    const auto derivator =
+        findDerivator([&](const PartialDerivatorBase& candidate) { return candidate.isPartialDerivable(properties); });
+    return derivator ? derivator->doPartialDerivative(data) : nullptr;
+}
+
+bool isPartialDerivable(const StrongPtr<CreativeArrayBase>& creator) {
+    if (!creator) return false;
+    const StrongPtr<MemBase> data = creator->cachedData();
+    const auto announced = creator->findInterface<MemArrayProperties>();
+    const VantleTypeIndex type = announced ? announced->elementType()
+                                 : data    ? data->elementIndex()
+                                           : creator->elementType();
+    const int rank = announced ? announced->rank() : data ? data->rank() : getSize(*creator).rank();
+    const auto suits = [&](const PartialDerivatorBase& candidate) {
+        if (rank > 0) return candidate.isPartialDerivable(MemArrayProperties(rank, type));
+        for (int possible = 1; possible <= DynamicSize::MaxRank; ++possible)
+            if (candidate.isPartialDerivable(MemArrayProperties(possible, type))) return true;
+        return false;
+    };
+    return bool(findDerivator([&](const PartialDerivatorBase& candidate) {
+        return suits(candidate) && (!data || candidate.accepts(*data));
+    }));
+}
+
+StrongPtr<CreativeArrayBase> PartialDerivative(const StrongPtr<CreativeArrayBase>& creator, std::string& errors,
+                                               const StrongPtr<Hestra::Cache>& cache) {
+    const Hestra::Profiler scope("baseop/PartialDerivative", __LINE__, "PartialDerivative(creator)",
+                                 __PRETTY_FUNCTION__);
+    const auto failure = [&](const char* text) {
+        errors += text;
+        return StrongPtr<CreativeArrayBase>();
+    };
+    if (!creator) return failure("No creator for fragment ");
+    if (!isPartialDerivable(creator)) return failure("No creator element type unsupported for fragment ");
+    const StrongPtr<MemBase> data = creator->create(false);
+    if (!data) return failure("No data available for fragment ");
+    const StrongPtr<MemBase> derivative = PartialDerivative(data);
+    if (!derivative) return failure("No derivation computed for fragment ");
+
+    auto computeAgain = [creator](const WeakPtr<CreativeArrayBase>& self) {
+        StrongPtr<MemBase> again = PartialDerivative(creator->create(false));
+        if (again) again->MemBase::setCreator(self);
+        return again;
+    };
+    const Ref<CreativeArray> result = Hestra::makeRef<CreativeArray>(derivative, std::move(computeAgain), cache);
+    derivative->MemBase::setCreator(result);
+    result->addInterface(Hestra::makeRef<SizeInterface>(derivative->getDynamicSize()));
+    result->addInterface(Hestra::makeRef<MemArrayProperties>(derivative->rank(), derivative->elementIndex()));
+    result->touch();
+    return result;
+}
+
+StrongPtr<Field> PartialDerivative(Field& source, const std::string& name, Representation& sourceRepresentation,
+                                   Representation& destinationRepresentation, std::string& errors,
+                                   const StrongPtr<Hestra::Cache>& cache) {
+    const Ref<Field> result = Hestra::makeRef<Field>(source.getFragmentIDCollection());
+    bool any = false;
+    const auto derive = [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (const StrongPtr<CreativeArrayBase> derivative = PartialDerivative(creator, errors, cache)) {
+            result->setCreator(derivative, id);
+            any = true;
+        } else {
+            errors += FragmentID::Name(id, "") + "\n";
+        }
+        return true;
+    };
+    const StrongPtr<CreativeArrayBase> global = source.getCreator(nullptr);
+    bool globalVisited = false;
+    source.iterate(
+        [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+            globalVisited = globalVisited || !id;
+            return derive(id, creator);
+        },
+        !global);
+    if (global && !globalVisited) derive(nullptr, global);
+    if (!any) return nullptr;
+    destinationRepresentation.createSharedFieldID(sourceRepresentation, name);
+    destinationRepresentation.setField(name, result);
+    return result;
+}
+
+} // namespace Vantle

@@ -1,0 +1,128 @@
+#pragma once
+/// Partial derivatives of fields on regular grids along the three index axes, by finite differences.
+///
+/// A scalar field has a field of vectors as derivative, component d along axis d. A field of vectors or points has a
+/// field of tensors, row d of which (values 3d, 3d+1, 3d+2) is the derivative along axis d: the transpose of the usual
+/// Jacobian. Derivatives are per unit of index; spacing and shape of the grid come in through the derivative of the
+/// positions, by the chain rule.
+///
+/// Inside, central differences (e[m+1] - e[m-1]) * 0.5; at both ends of an axis the difference to the only neighbour.
+/// Degenerate   an axis with two nodes has the same difference at both; along an axis with one node the derivative is
+///              zero. NaN and infinities spread to the neighbours.
+/// Failure      null handles, with texts in `errors`; nothing is thrown.
+/// Concurrency  different fragments from any number of threads. One fragment is computed by all OpenMP threads of the
+///              caller's settings, with the same result as by one.
+/// Cost         one pass at the speed of memory.
+
+#include <baseop/BaseOpExport.hpp>
+#include <model/hestra/Cache.hpp>
+#include <model/vantle/CreativeArray.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <new>
+#include <stdexcept>
+#include <string>
+
+namespace Vantle {
+
+/// Computes derivatives of one kind of array.
+///
+/// A derivator takes part in the functions below from its first owning handle on until its last one goes: whoever adds
+/// one for further types keeps a handle to it. Derivators are asked in the order of their making, the ones of this
+/// library first.
+/// Concurrency  stateless; made, used and released in any thread.
+class VANTLE_BASEOP_API PartialDerivatorBase : public Hestra::ReferenceBase<PartialDerivatorBase> {
+public:
+    ~PartialDerivatorBase() override;
+
+    /// Whether arrays of this element type and rank can be derived.
+    [[nodiscard]] virtual bool isPartialDerivable(const MemArrayProperties& properties) const = 0;
+    /// A new array with the derivative of `data`; null for arrays that are not accepted, and without memory for it.
+    [[nodiscard]] virtual Hestra::StrongPtr<MemBase>
+    doPartialDerivative(const Hestra::StrongPtr<MemBase>& data) const = 0;
+    /// Whether this very array can be derived. By default, whether its properties can.
+    [[nodiscard]] virtual bool accepts(const MemBase& data) const;
+
+protected:
+    PartialDerivatorBase();
+};
+
+/// The kernels: what the derivative of an array consists of `Result` for. For further types, specialise this with a
+/// `compute` of the same form and make a `PartialDerivator` of them.
+template<class Result>
+struct VANTLE_BASEOP_API Derivative {
+    /// A new array of the same extents with the derivative of `source`.
+    /// Failure  `Hestra::MemoryException` or `std::length_error` when it is too large.
+    template<int N, class T>
+    [[nodiscard]] static Hestra::Ref<MemArray<N, Result>> compute(const MemArray<N, T>& source);
+};
+
+extern template VANTLE_BASEOP_API Hestra::Ref<MemArray<3, Orvix::PhysicalSpace::vector>>
+Derivative<Orvix::PhysicalSpace::vector>::compute<3, double>(const MemArray<3, double>&);
+extern template VANTLE_BASEOP_API Hestra::Ref<MemArray<3, Orvix::Quadratic<3, double>>>
+Derivative<Orvix::Quadratic<3, double>>::compute<3, Orvix::PhysicalSpace::vector>(
+    const MemArray<3, Orvix::PhysicalSpace::vector>&);
+extern template VANTLE_BASEOP_API Hestra::Ref<MemArray<3, Orvix::Quadratic<3, double>>>
+Derivative<Orvix::Quadratic<3, double>>::compute<3, Orvix::PhysicalSpace::point>(
+    const MemArray<3, Orvix::PhysicalSpace::point>&);
+
+template<class SourceArray, class Result>
+class PartialDerivator;
+
+/// Derivator from arrays in memory, `MemArray<N, T>`, to arrays of `Result`.
+template<int N, class T, class Result>
+class PartialDerivator<MemArray<N, T>, Result> : public PartialDerivatorBase {
+public:
+    [[nodiscard]] bool isPartialDerivable(const MemArrayProperties& properties) const override {
+        return properties.rank() == N && properties.elementType() == VantleTypeIndex(typeid(T));
+    }
+    [[nodiscard]] Hestra::StrongPtr<MemBase>
+    doPartialDerivative(const Hestra::StrongPtr<MemBase>& data) const override {
+        const auto* const source = dynamic_cast<const MemArray<N, T>*>(data.rawptr());
+        if (!source) return nullptr;
+        try {
+            return Derivative<Result>::template compute<N, T>(*source);
+        } catch (const std::bad_alloc&) {
+        } catch (const std::length_error&) {
+        }
+        return nullptr;
+    }
+    /// Computed elements, those of uniform positions for example, have the right type but no memory.
+    [[nodiscard]] bool accepts(const MemBase& data) const override {
+        return dynamic_cast<const MemArray<N, T>*>(&data) != nullptr;
+    }
+};
+
+/// A new array with the derivative of `data`: `MemArray<3, double>` gives `MemArray<3, PhysicalSpace::vector>`,
+/// `MemArray<3, PhysicalSpace::vector>` and `MemArray<3, PhysicalSpace::point>` give `MemArray<3, Quadratic<3,
+/// double>>`. Null for everything else, unless a derivator was added for it.
+[[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<MemBase> PartialDerivative(const Hestra::StrongPtr<MemBase>& data);
+
+/// Whether the data of a fragment can be derived, by the element type and rank that its creator announces (in
+/// `MemArrayProperties`, or by its type and `SizeInterface`) or that existing data have. Makes no data.
+///
+/// True for an unknown rank with a suitable element type. False for a null handle.
+[[nodiscard]] VANTLE_BASEOP_API bool isPartialDerivable(const Hestra::StrongPtr<CreativeArrayBase>& creator);
+
+/// A new creator that holds the derivative of a fragment. The cache may drop it; it is computed again from the
+/// fragment then, whose creator stays alive with the new one. With a null cache it is kept.
+///
+/// Failure  null, and one of these added to `errors`: "No creator for fragment ", "No creator element type unsupported
+///          for fragment ", "No data available for fragment ", "No derivation computed for fragment ".
+[[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<CreativeArrayBase>
+PartialDerivative(const Hestra::StrongPtr<CreativeArrayBase>& creator, std::string& errors,
+                  const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
+
+/// A new field with the derivative of every fragment of `source`, stored in the destination under `name`, which it
+/// replaces; its key there is shared with the source's representation.
+///
+/// Fragments that cannot be derived stay without data; for each, a line is added to `errors`: the message as above and
+/// the fragment's name. Where the field has global data besides fragments, both are derived, and fragments without
+/// data of their own are no error.
+/// Failure  null, and nothing stored, when no fragment could be derived.
+VANTLE_BASEOP_API Hestra::StrongPtr<Field>
+PartialDerivative(Field& source, const std::string& name, Representation& sourceRepresentation,
+                  Representation& destinationRepresentation, std::string& errors,
+                  const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
+
+} // namespace Vantle

@@ -1,0 +1,296 @@
+#include <baseop/PartialDerivative.hpp>
+#include <model/vantle/Bundle.hpp>
+#include <model/vantle/GridKinds.hpp>
+
+#include <bit>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+#include <omp.h>
+#include <random>
+
+namespace {
+
+using namespace Vantle;
+using Hestra::StrongPtr;
+using Orvix::PhysicalSpace;
+using Tensor = Orvix::Quadratic<3, double>;
+
+template<class T, class F>
+StrongPtr<MemArray<3, T>> arrayOf(const MultiIndex<3>& size, const F& value) {
+    const auto array = MemArray<3, T>::create(size);
+    for (index_t n = 0; n < array->nElements(); ++n) {
+        const auto at = MultiIndex<3>::fromLinear(n, size);
+        array->element(n) = value(double(at[0]), double(at[1]), double(at[2]));
+    }
+    return array.strong();
+}
+
+StrongPtr<MemArray<3, double>> randomScalars(const MultiIndex<3>& size, unsigned seed) {
+    std::mt19937_64 random(seed);
+    std::uniform_real_distribution<double> value(-1.0, 1.0);
+    return arrayOf<double>(size, [&](double, double, double) { return value(random); });
+}
+
+template<class Result, class Source>
+StrongPtr<MemArray<3, Result>> derived(const Source& source) {
+    return Hestra::dynamicCast<MemArray<3, Result>>(PartialDerivative(StrongPtr<MemBase>(source)));
+}
+
+// The definition, one axis after the other, one node at a time.
+std::vector<double> plainGradient(const MemArray<3, double>& field) {
+    const auto size = field.Size();
+    std::vector<double> result(field.nElements() * 3, 0.0);
+    for (int axis = 0; axis < 3; ++axis) {
+        if (size[axis] <= 1) continue;
+        for (index_t n = 0; n < field.nElements(); ++n) {
+            const auto at = MultiIndex<3>::fromLinear(n, size);
+            MultiIndex<3> low = at, high = at;
+            if (at[axis] > 0) --low[axis];
+            if (at[axis] + 1 < size[axis]) ++high[axis];
+            const double difference = field[high] - field[low];
+            const bool inside = high[axis] - low[axis] == 2;
+            result[n * 3 + static_cast<index_t>(axis)] = inside ? difference * 0.5 : difference;
+        }
+    }
+    return result;
+}
+
+const MultiIndex<3> kSizes[] = {{1, 1, 1}, {2, 1, 3}, {1, 4, 1}, {5, 2, 2},   {1, 7, 5},
+                                {9, 8, 7}, {2, 2, 2}, {3, 1, 1}, {40, 41, 43}};
+
+TEST(PartialDerivativeTest, LinearFieldsHaveConstantDerivatives) {
+    for (const auto& size : kSizes) {
+        const auto gradient = derived<PhysicalSpace::vector>(
+            arrayOf<double>(size, [](double i, double j, double k) { return 2 * i + 3 * j - k; }));
+        // Rows: the derivatives along i, j and k of the components.
+        const Tensor slopes(1, -2, 4, 8, 0.5, 0, -4, 2, 16);
+        const auto place = [&](double i, double j, double k) {
+            return PhysicalSpace::vector(i + 8 * j - 4 * k, -2 * i + 0.5 * j + 2 * k, 4 * i + 16 * k);
+        };
+        const auto ofVectors = derived<Tensor>(arrayOf<PhysicalSpace::vector>(size, place));
+        const auto ofPoints = derived<Tensor>(arrayOf<PhysicalSpace::point>(
+            size, [&](double i, double j, double k) { return PhysicalSpace::point(place(i, j, k)); }));
+        ASSERT_TRUE(gradient && ofVectors && ofPoints);
+        ASSERT_EQ(gradient->Size(), size);
+        const double expected[] = {2, 3, -1};
+        for (index_t n = 0; n < gradient->nElements(); ++n)
+            for (int axis = 0; axis < 3; ++axis) {
+                const double extended = size[axis] > 1 ? 1.0 : 0.0;
+                EXPECT_EQ(gradient->element(n)[axis], expected[axis] * extended);
+                for (int c = 0; c < 3; ++c) {
+                    EXPECT_EQ(ofVectors->element(n)[3 * axis + c], slopes(axis, c) * extended);
+                    EXPECT_EQ(ofPoints->element(n)[3 * axis + c], slopes(axis, c) * extended);
+                }
+            }
+    }
+}
+
+TEST(PartialDerivativeTest, IsTheDefinitionToTheLastBitForAnyNumberOfThreads) {
+    unsigned seed = 1;
+    const int threads = omp_get_max_threads();
+    for (const auto& size : kSizes)
+        for (const int count : {1, 3}) {
+            auto field = randomScalars(size, ++seed);
+            field->element(field->nElements() / 2) = std::numeric_limits<double>::infinity();
+            field->element(field->nElements() / 3) = -0.0;
+            omp_set_num_threads(count);
+            const auto gradient = derived<PhysicalSpace::vector>(field);
+            const auto plain = plainGradient(*field);
+            ASSERT_TRUE(gradient);
+            for (index_t n = 0; n < gradient->nElements(); ++n)
+                for (index_t c = 0; c < 3; ++c) {
+                    const double found = gradient->element(n)[c], wanted = plain[3 * n + c];
+                    if (std::isnan(wanted))
+                        EXPECT_TRUE(std::isnan(found));
+                    else
+                        ASSERT_EQ(std::bit_cast<std::uint64_t>(found), std::bit_cast<std::uint64_t>(wanted)) << n;
+                }
+        }
+    omp_set_num_threads(threads);
+}
+
+TEST(PartialDerivativeTest, BordersAreOneSided) {
+    for (int axis = 0; axis < 3; ++axis) {
+        MultiIndex<3> size(2, 3, 2);
+        size[axis] = 4;
+        const auto gradient = derived<PhysicalSpace::vector>(arrayOf<double>(size, [&](double i, double j, double k) {
+            const double m[] = {i, j, k};
+            return m[axis] * m[axis];
+        }));
+        const double expected[] = {1, 2, 4, 5};
+        for (index_t n = 0; n < gradient->nElements(); ++n)
+            EXPECT_EQ(gradient->element(n)[axis], expected[MultiIndex<3>::fromLinear(n, size)[axis]]);
+    }
+}
+
+// A component of a tensor field and a slice of a time series lie in memory with gaps.
+TEST(PartialDerivativeTest, TakesArraysThatShareMemory) {
+    const MultiIndex<3> size(6, 5, 4);
+    const auto place = [](double i, double j, double k) { return PhysicalSpace::vector(i * j, j * k * k, i - k * k); };
+    const auto vectors = arrayOf<PhysicalSpace::vector>(size, place);
+    const auto jacobian = derived<Tensor>(vectors);
+    for (int c = 0; c < 3; ++c) {
+        const auto gradient = derived<PhysicalSpace::vector>(vectors->getComponentArray(c).strong());
+        ASSERT_TRUE(gradient);
+        for (index_t n = 0; n < gradient->nElements(); ++n)
+            for (int axis = 0; axis < 3; ++axis) EXPECT_EQ(gradient->element(n)[axis], jacobian->element(n)(axis, c));
+    }
+}
+
+TEST(PartialDerivativeTest, OthersHaveNone) {
+    EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>()));
+    EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>(MemArray<3, float>::create({3, 3, 3}))));
+    EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>(MemArray<2, double>::create({3, 3}))));
+    EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>(Hestra::makeRef<UniformCartesianArray>(
+        Orvix::BoundingBox({0, 0, 0}, {1, 1, 1}), MultiIndex<3>(3, 3, 3), Hestra::WeakPtr<CreativeArrayBase>()))));
+    for (const auto& empty : {MultiIndex<3>(0, 3, 3), MultiIndex<3>(3, 0, 0), MultiIndex<3>(0, 0, 0)}) {
+        const auto gradient = derived<PhysicalSpace::vector>(MemArray<3, double>::create(empty).strong());
+        ASSERT_TRUE(gradient);
+        EXPECT_EQ(gradient->Size(), empty);
+    }
+}
+
+StrongPtr<CreativeArrayBase> lazyCreator(const std::type_info& type, const DynamicSize& size, int& made,
+                                         const StrongPtr<MemBase>& data) {
+    return Hestra::makeRef<CreativeArray>(
+        [&made, data](const auto&) {
+            ++made;
+            return data;
+        },
+        type, size);
+}
+
+TEST(PartialDerivativeTest, CreatorsTellWithoutData) {
+    int made = 0;
+    const auto data = randomScalars({4, 3, 2}, 5);
+    const auto answer = [&](const std::type_info& type, const DynamicSize& size) {
+        return isPartialDerivable(lazyCreator(type, size, made, data));
+    };
+    EXPECT_TRUE(answer(typeid(double), MultiIndex<3>(4, 3, 2)));
+    EXPECT_TRUE(answer(typeid(PhysicalSpace::point), {}));
+    EXPECT_FALSE(answer(typeid(double), MultiIndex<2>(4, 3)));
+    EXPECT_FALSE(answer(typeid(float), {}));
+    EXPECT_FALSE(answer(typeid(void), {}));
+    EXPECT_FALSE(isPartialDerivable(StrongPtr<CreativeArrayBase>()));
+    const auto announced = lazyCreator(typeid(double), MultiIndex<3>(4, 3, 2), made, data);
+    announced->addInterface(Hestra::makeRef<MemArrayProperties>(2, typeid(double)));
+    EXPECT_FALSE(isPartialDerivable(announced));
+    EXPECT_EQ(made, 0);
+}
+
+TEST(PartialDerivativeTest, FragmentErrorsAreCollected) {
+    std::string errors = "before. ";
+    int made = 0;
+    const auto attempt = [&](const StrongPtr<CreativeArrayBase>& creator) {
+        EXPECT_FALSE(PartialDerivative(creator, errors));
+    };
+    attempt(nullptr);
+    attempt(lazyCreator(typeid(float), MultiIndex<3>(4, 3, 2), made, nullptr));
+    attempt(lazyCreator(typeid(double), MultiIndex<3>(4, 3, 2), made, nullptr));
+    attempt(lazyCreator(typeid(double), {}, made, MemArray<2, double>::create({2, 2})));
+    EXPECT_EQ(errors, "before. No creator for fragment No creator element type unsupported for fragment "
+                      "No data available for fragment No derivation computed for fragment ");
+}
+
+TEST(PartialDerivativeTest, DroppedDerivativesAreComputedAgain) {
+    int made = 0;
+    std::string errors;
+    const auto cache = Hestra::makeRef<Hestra::Cache>();
+    const auto source = lazyCreator(typeid(double), MultiIndex<3>(9, 8, 7), made, randomScalars({9, 8, 7}, 11));
+    const auto derivative = PartialDerivative(source, errors, cache);
+    ASSERT_TRUE(derivative) << errors;
+    EXPECT_EQ(made, 1);
+    EXPECT_EQ(cache->size(), 1u);
+    const auto before = derivative->create()->getElementAsString(200);
+    cache->clear();
+    EXPECT_FALSE(derivative->hasData());
+    EXPECT_EQ(getSize(*derivative), DynamicSize(MultiIndex<3>(9, 8, 7)));
+    EXPECT_EQ(derivative->create()->getElementAsString(200), before);
+    EXPECT_EQ(cache->size(), 1u);
+    EXPECT_TRUE(derivative->create()->getCreator() == derivative);
+
+    const auto kept = PartialDerivative(source, errors, nullptr);
+    cache->clear();
+    EXPECT_TRUE(kept->hasData());
+}
+
+class PartialDerivativeFieldTest : public testing::Test {
+protected:
+    BundlePtr bundle = BundlePtr::create();
+    StrongPtr<Grid> grid = (*bundle[0.0])["blocks"];
+    StrongPtr<Representation> vertices = grid->makeCartesianRepresentation(3);
+    StrongPtr<Representation> other = grid->makeCartesianRepresentation(3, "derivatives");
+    std::string errors;
+};
+
+TEST_F(PartialDerivativeFieldTest, EveryFragmentThatCanBe) {
+    const auto source = Hestra::makeRef<Field>();
+    for (const char* name : {"10", "9", "float", "none"}) source->makeFragmentID(name);
+    source->setPersistentData(randomScalars({5, 4, 3}, 2), source->getFragmentID("10"));
+    source->setPersistentData(randomScalars({3, 4, 5}, 3), source->getFragmentID("9"));
+    source->setPersistentData(MemArray<3, float>::create({2, 2, 2}), source->getFragmentID("float"));
+    vertices->setField("pressure", source);
+
+    const auto gradient = PartialDerivative(*source, "gradient", *vertices, *other, errors);
+    ASSERT_TRUE(gradient);
+    EXPECT_EQ(errors, "No creator element type unsupported for fragment float\nNo creator for fragment none\n");
+    EXPECT_TRUE(other->findField("gradient") == gradient);
+    EXPECT_FALSE(vertices->findField("gradient"));
+    EXPECT_TRUE(vertices->findFieldID("gradient") == other->findFieldID("gradient"));
+    EXPECT_TRUE(gradient->getFragmentIDCollection() == source->getFragmentIDCollection());
+    EXPECT_FALSE(gradient->getCreator(source->getFragmentID("float")));
+    const auto nine =
+        Hestra::dynamicCast<MemArray<3, PhysicalSpace::vector>>(gradient->getData(source->getFragmentID("9")));
+    ASSERT_TRUE(nine);
+    EXPECT_EQ(nine->Size(), (MultiIndex<3>{3, 4, 5}));
+}
+
+TEST_F(PartialDerivativeFieldTest, GlobalDataAndFailure) {
+    const auto blocks = Hestra::makeRef<FragmentIDCollection>();
+    blocks->setFragmentNames({"a", "b"});
+    Field global(randomScalars({5, 4, 3}, 2), blocks);
+    const auto gradient = PartialDerivative(global, "gradient", *vertices, *vertices, errors);
+    ASSERT_TRUE(gradient);
+    EXPECT_TRUE(gradient->hasData());
+    EXPECT_EQ(errors, "");
+
+    Field unsuitable(MemArray<3, float>::create({2, 2, 2}), nullptr), empty;
+    EXPECT_FALSE(PartialDerivative(unsuitable, "none", *vertices, *vertices, errors));
+    EXPECT_EQ(errors, "No creator element type unsupported for fragment \n");
+    EXPECT_FALSE(PartialDerivative(empty, "none", *vertices, *vertices, errors));
+    EXPECT_FALSE(vertices->findFieldID("none"));
+    // A field may be replaced by its own derivative.
+    const auto again = PartialDerivative(*gradient, "gradient", *vertices, *vertices, errors);
+    EXPECT_TRUE(again->getData()->elementIndex() == typeid(Tensor));
+}
+
+// A derivator for one more pair of types: in force while somebody owns it.
+struct SumOfFloats : PartialDerivatorBase {
+    bool isPartialDerivable(const MemArrayProperties& properties) const override {
+        return properties.rank() == 2 && properties.elementType() == VantleTypeIndex(typeid(float));
+    }
+    StrongPtr<MemBase> doPartialDerivative(const StrongPtr<MemBase>& data) const override {
+        const auto result = MemArray<1, double>::create({1});
+        for (index_t n = 0; n < data->nElements(); ++n)
+            result->element(0) += double(dynamic_cast<MemArray<2, float>&>(*data.rawptr()).element(n));
+        return result.strong();
+    }
+};
+
+TEST(PartialDerivativeTest, MoreDerivatorsCanBeAdded) {
+    const auto floats = MemArray<2, float>::create({2, 2});
+    floats->element(3) = 2.5F;
+    const StrongPtr<CreativeArrayBase> creator(new CreativeArray(StrongPtr<MemBase>(floats)));
+    EXPECT_FALSE(isPartialDerivable(creator));
+    {
+        const StrongPtr<PartialDerivatorBase> mine(new SumOfFloats);
+        EXPECT_TRUE(isPartialDerivable(creator));
+        EXPECT_EQ(PartialDerivative(StrongPtr<MemBase>(floats))->getElementAsString(0), std::to_string(2.5));
+        EXPECT_TRUE(derived<PhysicalSpace::vector>(randomScalars({2, 2, 2}, 1)));
+    }
+    EXPECT_FALSE(isPartialDerivable(creator));
+    EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>(floats)));
+}
+
+} // namespace
