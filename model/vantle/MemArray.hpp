@@ -437,7 +437,11 @@ bool ReferencingMemArray<N, T>::copyFrom(const Hestra::StrongPtr<Hestra::ChunkBa
     VANTLE_DECLARE_ARRAY(EXPORT, 2, __VA_ARGS__)                                                                       \
     VANTLE_DECLARE_ARRAY(EXPORT, 3, __VA_ARGS__)                                                                       \
     VANTLE_DECLARE_ARRAY(EXPORT, 4, __VA_ARGS__)
-#define VANTLE_DECLARE_NUMBERS(...) VANTLE_DECLARE_ARRAYS(, __VA_ARGS__)
+#if defined(__clang__) // hides instantiations that do not say otherwise; GCC takes a repeated attribute for a mistake
+#    define VANTLE_DECLARE_NUMBERS(...) VANTLE_DECLARE_ARRAYS(VANTLE_MODEL_API, __VA_ARGS__)
+#else
+#    define VANTLE_DECLARE_NUMBERS(...) VANTLE_DECLARE_ARRAYS(, __VA_ARGS__)
+#endif
 #define VANTLE_DECLARE_CLASSES(...) VANTLE_DECLARE_ARRAYS(VANTLE_MODEL_API, __VA_ARGS__)
 VANTLE_NUMBER_ELEMENT_TYPES(VANTLE_DECLARE_NUMBERS)
 VANTLE_SPACE_ELEMENT_TYPES(VANTLE_DECLARE_CLASSES)
