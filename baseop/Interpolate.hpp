@@ -158,28 +158,6 @@ public:
     /// The value at the whole position.
     [[nodiscard]] T evaluate() const { return valueAt<N>(myData, myPosition); }
 
-    /// Asks memory for the elements around the position, in good time before `evaluate`. Worth it for positions
-    /// scattered over an array that no cache holds; see `interpolateAll`.
-    void prefetch() const noexcept {
-        if (myData.dataCreator()) return;
-        const auto* corner = myData.storage();
-        index_t stride = myData.stride();
-        std::array<index_t, N> strides;
-        for (std::size_t axis = 0; axis < N; ++axis) {
-            const auto node = static_cast<index_t>(detail::truncated(myPosition[axis]));
-            if (node + 1 >= myData.Size()[axis]) return;
-            corner += node * stride;
-            strides[axis] = stride;
-            stride *= myData.Size()[axis];
-        }
-        for (unsigned row = 0; row < (1u << (N - 1)); ++row) {
-            index_t offset = 0;
-            for (unsigned axis = 1; axis < N; ++axis)
-                if (row & (1u << (axis - 1))) offset += strides[axis];
-            __builtin_prefetch(corner + offset);
-        }
-    }
-
     /// The value at node `i` of the slowest axis and at the position on the others; of rank 2, as carried by the
     /// delimiter. Derived only if axis `D` is one of these others.
     [[nodiscard]] level<N - 1> operator[](std::size_t i) const { return valueAt<N - 1>(myData.slice(i), myPosition); }
@@ -279,9 +257,6 @@ private:
     const Coord* myPosition;
 };
 
-/// Bytes of an array beyond which fetching elements early pays: what stays in a core's own cache anyway.
-inline constexpr std::size_t kInterpolationCache = std::size_t{1} << 20;
-
 /// The interpolated value of a view, or of an array, at a position in fractional indices; see `Interpolate`.
 /// Value-initialised when the view is empty.
 template<int N, class T>
@@ -298,23 +273,6 @@ requires(N >= 2 && D >= 0 && D < N) [[nodiscard]] T
     differentiateAt(const MultiArrayBase<N, T>& view, const Orvix::FixedArray<double, N>& position) {
     if (detail::isEmpty(view.Size())) return T{};
     return Interpolate<N, T, LinearIpol<T, false>, double, NoDelimiter<T>, D>(view, position).evaluate();
-}
-
-/// `values[k]` becomes what `interpolateAt` gives at `positions[k]`, for `count` positions.
-///
-/// Cost  as `interpolateAt` for small arrays; on arrays that no cache holds, half of that and less: the elements of
-///       some dozens of positions are fetched at a time.
-template<int N, class T>
-requires(N >= 2) void interpolateAll(const MultiArrayBase<N, T>& view, const Orvix::FixedArray<double, N>* positions,
-                                     std::size_t count, T* values) {
-    constexpr std::size_t block = 64;
-    const bool isLarge = view.nElements() * view.stride() * sizeof(T) > kInterpolationCache;
-    for (std::size_t first = 0; first < count; first += block) {
-        const std::size_t last = first + block < count ? first + block : count;
-        if (isLarge)
-            for (std::size_t k = first; k < last; ++k) Interpolate<N, T>(view, positions[k]).prefetch();
-        for (std::size_t k = first; k < last; ++k) values[k] = interpolateAt(view, positions[k]);
-    }
 }
 
 /// The kernels that are part of the library, for ranks 2 and 3. `X` takes rank, element type, affine, delimiter, axis.
