@@ -40,6 +40,10 @@ public:
     /// both untouched, when it is outside. A component of `uvw` is within the closed range of the cell.
     unsigned int locate(const point& P, point& uvw, MultiIndex3* cell = nullptr) const;
 
+    /// Whether a cell has the position, and if so, the fractional index of it in `uvw`. On common faces each cell does.
+    /// False for cells that the block does not have.
+    bool localInCell(const point& P, const MultiIndex3& cell, point& uvw) const;
+
     [[nodiscard]] const Hestra::StrongPtr<CoordsArray_t>& coordinates() const noexcept { return myCoordinates; }
 
 private:
