@@ -143,6 +143,7 @@ unsigned int ExactCellLocator::locate(const point& P, point& uvw, MultiIndex3* c
         search.tree.forEachAt(P, [&](index_t i, index_t j, index_t k) {
             const index_t number = i + cells[0] * (j + cells[1] * k);
             if (number < begin) return;
+            search.vertices.prefetchCell(search.vertices.address(i, j, k));
             std::size_t at = count;
             if (count == Capacity) {
                 isAll = false;

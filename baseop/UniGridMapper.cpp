@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 
@@ -208,17 +209,16 @@ struct UniGridMapper::Search {
 class UniGridMapper::Walk {
 public:
     Walk(const UniGridMapper& mapper, std::size_t unicell, const point& P, point& uvw, double epsilon) noexcept
-        : myMapper(mapper), mySearch(*mapper.mySearch), myP(P), myUvw(uvw), myEpsilon(epsilon),
-          myLast(mySearch.vertices.size() - 1), myBegin(mySearch.lists.cells.data() + mySearch.lists.offsets[unicell]),
-          myEnd(mySearch.lists.cells.data() + mySearch.lists.offsets[unicell + 1]), myNext(myBegin) {}
+        : myMapper(mapper), mySearch(*mapper.mySearch), myUnicell(unicell), myP(P), myUvw(uvw), myEpsilon(epsilon),
+          myLast(mySearch.vertices.size() - 1) {}
 
     /// As if all cells of the list were tried, while only those are that may have an effect.
     unsigned int few() {
-        if (myBegin == myEnd) return 0;
         Candidate candidates[Capacity];
         std::size_t count = 0;
         const MultiIndex<3>& cells = mySearch.vertices.cells();
         mySearch.effects.forEachAt(myP, [&](index_t i, index_t j, index_t k) {
+            mySearch.vertices.prefetchCell(mySearch.vertices.address(i, j, k));
             if (count < Capacity) {
                 // Inserted in the order of the list; there are few.
                 const Candidate candidate{MultiIndex3(i, j, k),
@@ -240,9 +240,9 @@ public:
                 myUvw = at;
                 return 1;
             case FirstStep::Unfinished: {
-                const std::uint32_t* const entry = find(candidate.number);
-                if (entry == myEnd) break;
-                catchUp(entry);
+                const std::size_t place = find(candidate.number);
+                if (place == list().size()) break;
+                catchUp(place);
                 if (attempt(candidate.cell)) return 1;
                 break;
             }
@@ -265,14 +265,14 @@ public:
             myHasNearMiss = true;
             myNearMiss = at;
         });
-        if (!myHasNearMiss) catchUp(myEnd);
+        if (!myHasNearMiss) catchUp(list().size());
         return conclude();
     }
 
     /// Tries one cell of the list after the other.
     unsigned int all() {
-        for (const std::uint32_t* entry = myBegin; entry != myEnd; ++entry)
-            if (attempt(cellOf(*entry))) return 1;
+        for (const std::uint32_t entry : list())
+            if (attempt(cellOf(entry))) return 1;
         return conclude();
     }
 
@@ -287,10 +287,17 @@ private:
     [[nodiscard]] MultiIndex3 cellOf(std::uint32_t number) const noexcept {
         return MultiIndex3::fromLinear(number, mySearch.vertices.cells());
     }
-    /// Where a cell is in the list; its end if it is not.
-    [[nodiscard]] const std::uint32_t* find(std::uint32_t number) const noexcept {
-        const std::uint32_t* const entry = std::lower_bound(myBegin, myEnd, number);
-        return entry != myEnd && *entry == number ? entry : myEnd;
+    /// The list, which the simple cases do not touch.
+    [[nodiscard]] std::span<const std::uint32_t> list() const noexcept {
+        const std::uint32_t begin = mySearch.lists.offsets[myUnicell], end = mySearch.lists.offsets[myUnicell + 1];
+        return {mySearch.lists.cells.data() + begin, end - begin};
+    }
+    /// The place of a cell in the list; the list's length if it is not there.
+    [[nodiscard]] std::size_t find(std::uint32_t number) const noexcept {
+        const auto cells = list();
+        const auto entry = std::lower_bound(cells.begin(), cells.end(), number);
+        return entry != cells.end() && *entry == number ? static_cast<std::size_t>(entry - cells.begin())
+                                                        : cells.size();
     }
     [[nodiscard]] bool isListed(const Candidate& candidate) const noexcept {
         // A point in a cell's box is in one of the cell's unicells: no need to look into the list.
@@ -305,7 +312,7 @@ private:
             }
             isInBox &= myP[d] >= low && myP[d] <= high;
         }
-        return (isInBox && mySearch.unigrid.isFinite) || find(candidate.number) != myEnd;
+        return (isInBox && mySearch.unigrid.isFinite) || find(candidate.number) != list().size();
     }
 
     /// Tries a cell, for all to see. What it leaves in `uvw` is what the next one finds there.
@@ -319,14 +326,15 @@ private:
         }
         return false;
     }
-    /// Gives `uvw` the value that it would have before the attempt of an entry, had all before been tried: that of the
-    /// last solve that ended without giving up. Solves which gave up leave an older value, which may be a near miss.
-    void catchUp(const std::uint32_t* entry) {
-        for (const std::uint32_t* before = entry; before != myNext;)
-            if (solveInCell<false>(myUvw, myP, cellOf(*--before), *myMapper.myCoordinates, myMapper.myPrecision) !=
-                Outcome::Limit)
+    /// Gives `uvw` the value that it would have before the attempt at a place of the list, had all before been tried:
+    /// that of the last solve that did not give up. Solves that give up leave the value, which may be a near miss then.
+    void catchUp(std::size_t place) {
+        const auto cells = list();
+        for (std::size_t before = place; before != myNext;)
+            if (solveInCell<false>(myUvw, myP, cellOf(cells[--before]), *myMapper.myCoordinates,
+                                   myMapper.myPrecision) != Outcome::Limit)
                 break;
-        myNext = entry == myEnd ? entry : entry + 1;
+        myNext = place + 1;
     }
     unsigned int conclude() {
         if (!myHasNearMiss) return 0;
@@ -336,12 +344,12 @@ private:
 
     const UniGridMapper& myMapper;
     const Search& mySearch;
+    std::size_t myUnicell;
     const point& myP;
     point& myUvw;
     double myEpsilon;
     MultiIndex3 myLast;
-    const std::uint32_t *myBegin, *myEnd;
-    const std::uint32_t* myNext; // all entries before have had their effect on `uvw`
+    std::size_t myNext = 0; // all places before have had their effect on `uvw`
     bool myHasNearMiss = false;
     point myNearMiss;
     std::uint32_t myNearMissNumber = 0;

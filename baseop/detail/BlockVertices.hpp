@@ -40,6 +40,15 @@ public:
     [[nodiscard]] const double* corner(const double* lowest, int corner) const noexcept {
         return lowest + (corner & 1 ? myStep[0] : 0) + (corner & 2 ? myStep[1] : 0) + (corner & 4 ? myStep[2] : 0);
     }
+    /// Sends for the corners of a cell.
+    void prefetchCell([[maybe_unused]] const double* lowest) const noexcept {
+#if defined(__GNUC__)
+        for (int row = 0; row < 8; row += 2) {
+            __builtin_prefetch(corner(lowest, row));
+            __builtin_prefetch(corner(lowest, row + 1) + 2);
+        }
+#endif
+    }
     [[nodiscard]] static Orvix::PhysicalSpace::point point(const double* at) noexcept { return {at[0], at[1], at[2]}; }
 
 private:

@@ -105,10 +105,27 @@ private:
     };
     static constexpr int MaximalLevels = 33;
 
-    [[nodiscard]] const Group& group(int level, const std::uint32_t (&at)[3]) const noexcept {
+    /// Where a group, or a cell, is on its level.
+    struct Place {
+        std::uint32_t at[3];
+        /// Member number `m` of the group.
+        [[nodiscard]] Place member(int m) const noexcept {
+            const auto bits = static_cast<std::uint32_t>(m);
+            return {{2 * at[0] + (bits & 1), 2 * at[1] + (bits >> 1 & 1), 2 * at[2] + (bits >> 2)}};
+        }
+    };
+    [[nodiscard]] const Group& group(int level, const Place& place) const noexcept {
         const Level& l = myLevels[level];
-        return myGroups[l.first + at[0] + l.size[0] * (at[1] + l.size[1] * at[2])];
+        return myGroups[l.first + place.at[0] + l.size[0] * (place.at[1] + l.size[1] * place.at[2])];
     }
+    static void prefetch([[maybe_unused]] const void* where) noexcept {
+#if defined(__GNUC__)
+        __builtin_prefetch(where);
+#endif
+    }
+    /// Goes through one group and all below.
+    template<class F>
+    void descend(int top, const Place& start, const float (&x)[4], F& f) const;
 
     double myOrigin[3] = {}, myScale[3] = {1.0, 1.0, 1.0};
     std::size_t myCells[3] = {};
@@ -151,29 +168,57 @@ template<class F>
 void CellBoxTree::forEachAt(const point& P, F&& f) const {
     if (myTop < 0) return;
     const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
+    // Level by level rather than depth first: all groups of a level are on their way from memory at the same time.
+    constexpr std::size_t Capacity = 64;
+    Place places[2][Capacity];
+    Place* now = places[0];
+    Place* below = places[1];
+    now[0] = {{0, 0, 0}};
+    std::size_t count = 1;
+    for (int level = myTop; level > 0; --level) {
+        std::size_t members = 0;
+        for (std::size_t g = 0; g < count; ++g) {
+            unsigned mask = group(level, now[g]).members(x);
+            if (members + 8 > Capacity) [[unlikely]] {
+                // So many boxes at one point are seldom; what remains is gone through group by group.
+                for (std::size_t m = 0; m < members; ++m) descend(level - 1, below[m], x, f);
+                for (; g < count; ++g) descend(level, now[g], x, f);
+                return;
+            }
+            for (; mask; mask &= mask - 1) {
+                below[members] = now[g].member(std::countr_zero(mask));
+                prefetch(&group(level - 1, below[members++]));
+            }
+        }
+        std::swap(now, below);
+        count = members;
+    }
+    for (std::size_t g = 0; g < count; ++g) descend(0, now[g], x, f);
+}
+
+template<class F>
+void CellBoxTree::descend(int top, const Place& start, const float (&x)[4], F& f) const {
     struct Step {
-        std::uint32_t at[3];
+        Place place;
         unsigned members; // still to be visited
     };
     Step steps[MaximalLevels];
-    int level = myTop;
-    steps[level] = {{0, 0, 0}, group(level, {0, 0, 0}).members(x)};
+    int level = top;
+    steps[level] = {start, group(level, start).members(x)};
     for (;;) {
         Step& step = steps[level];
         if (step.members == 0) {
-            if (level == myTop) return;
+            if (level == top) return;
             ++level;
             continue;
         }
-        const auto member = static_cast<std::uint32_t>(std::countr_zero(step.members));
+        const Place member = step.place.member(std::countr_zero(step.members));
         step.members &= step.members - 1;
-        const std::uint32_t at[3] = {2 * step.at[0] + (member & 1), 2 * step.at[1] + (member >> 1 & 1),
-                                     2 * step.at[2] + (member >> 2)};
         if (level == 0) {
-            f(at[0], at[1], at[2]);
+            f(member.at[0], member.at[1], member.at[2]);
         } else {
             --level;
-            steps[level] = {{at[0], at[1], at[2]}, group(level, at).members(x)};
+            steps[level] = {member, group(level, member).members(x)};
         }
     }
 }
