@@ -216,17 +216,14 @@ public:
     unsigned int few() {
         Candidate candidates[Capacity];
         std::size_t count = 0;
-        const MultiIndex<3>& cells = mySearch.vertices.cells();
-        mySearch.effects.forEachAt(myP, [&](index_t i, index_t j, index_t k) {
+        mySearch.effects.forEachAt(myP, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) {
             mySearch.vertices.prefetchCell(mySearch.vertices.address(i, j, k));
             if (count < Capacity) {
                 // Inserted in the order of the list; there are few.
-                const Candidate candidate{MultiIndex3(i, j, k),
-                                          static_cast<std::uint32_t>(i + cells[0] * (j + cells[1] * k))};
+                const Candidate next = candidateAt(i, j, k);
                 std::size_t at = count;
-                for (; at > 0 && candidates[at - 1].number > candidate.number; --at)
-                    candidates[at] = candidates[at - 1];
-                candidates[at] = candidate;
+                for (; at > 0 && candidates[at - 1].number > next.number; --at) candidates[at] = candidates[at - 1];
+                candidates[at] = next;
             }
             ++count;
         });
@@ -234,7 +231,7 @@ public:
         for (std::size_t c = 0; c < count; ++c) {
             const Candidate& candidate = candidates[c];
             point at;
-            switch (firstStep(at, myP, candidate.cell, mySearch.vertices, myMapper.myPrecision)) {
+            switch (firstStep(at, myP, candidate.cell(), mySearch.vertices, myMapper.myPrecision)) {
             case FirstStep::Found:
                 if (!isListed(candidate)) break;
                 myUvw = at;
@@ -243,7 +240,7 @@ public:
                 const std::size_t place = find(candidate.number);
                 if (place == list().size()) break;
                 catchUp(place);
-                if (attempt(candidate.cell)) return 1;
+                if (attempt(candidate.cell())) return 1;
                 break;
             }
             case FirstStep::Left:
@@ -253,13 +250,12 @@ public:
         }
         // Not found. The first near miss is that of an attempt above, or of a cell left at the first step.
         std::uint32_t nearest = myHasNearMiss ? myNearMissNumber : std::numeric_limits<std::uint32_t>::max();
-        mySearch.nearMisses.forEachAt(myP, [&](index_t i, index_t j, index_t k) {
-            const Candidate candidate{MultiIndex3(i, j, k),
-                                      static_cast<std::uint32_t>(i + cells[0] * (j + cells[1] * k))};
+        mySearch.nearMisses.forEachAt(myP, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) {
+            const Candidate candidate = candidateAt(i, j, k);
             point at;
             if (candidate.number >= nearest ||
-                firstStep(at, myP, candidate.cell, mySearch.vertices, myMapper.myPrecision) != FirstStep::Left ||
-                !isNearMiss(at, candidate.cell, myLast, myEpsilon) || !isListed(candidate))
+                firstStep(at, myP, candidate.cell(), mySearch.vertices, myMapper.myPrecision) != FirstStep::Left ||
+                !isNearMiss(at, candidate.cell(), myLast, myEpsilon) || !isListed(candidate))
                 return;
             nearest = candidate.number;
             myHasNearMiss = true;
@@ -280,9 +276,13 @@ private:
     /// More boxes at one point than this are walked.
     static constexpr std::size_t Capacity = 64;
     struct Candidate {
-        MultiIndex3 cell;
-        std::uint32_t number;
+        std::uint32_t number, i, j, k;
+        [[nodiscard]] MultiIndex3 cell() const noexcept { return {i, j, k}; }
     };
+    [[nodiscard]] Candidate candidateAt(std::uint32_t i, std::uint32_t j, std::uint32_t k) const noexcept {
+        const MultiIndex3& cells = mySearch.vertices.cells();
+        return {static_cast<std::uint32_t>(i + cells[0] * (j + cells[1] * k)), i, j, k};
+    }
 
     [[nodiscard]] MultiIndex3 cellOf(std::uint32_t number) const noexcept {
         return MultiIndex3::fromLinear(number, mySearch.vertices.cells());
@@ -301,7 +301,7 @@ private:
     }
     [[nodiscard]] bool isListed(const Candidate& candidate) const noexcept {
         // A point in a cell's box is in one of the cell's unicells: no need to look into the list.
-        const double* const lowest = mySearch.vertices.address(candidate.cell);
+        const double* const lowest = mySearch.vertices.address(candidate.i, candidate.j, candidate.k);
         bool isInBox = true;
         for (int d = 0; d < 3; ++d) {
             double low = lowest[d], high = low;

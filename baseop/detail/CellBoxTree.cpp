@@ -29,22 +29,23 @@ CellBoxTree::CellBoxTree(const MultiIndex<3>& cells, const point& lowest, const 
     const std::size_t* below = myCells;
     do {
         Level& level = myLevels[++myTop];
+        const std::size_t side = myTop == 0 ? 2 : 4;
+        for (int d = 0; d < 3; ++d) level.size[d] = (below[d] + side - 1) / side;
         level.first = first;
-        for (int d = 0; d < 3; ++d) level.size[d] = (below[d] + 1) / 2;
-        first += level.size[0] * level.size[1] * level.size[2];
+        if (myTop > 0) first += level.total(); // the groups of cells have numbers of their own
         below = level.size;
     } while (below[0] > 1 || below[1] > 1 || below[2] > 1);
 }
 
-CellBoxTree::Box CellBoxTree::Group::assign(const Box (&members)[8]) noexcept {
+template<int Side>
+CellBoxTree::Box CellBoxTree::Group<Side>::assign(const Box* members) noexcept {
     Box whole;
     for (int d = 0; d < 3; ++d) {
         float low = infinite, high = -infinite;
-        bool isThere[8];
-        for (int m = 0; m < 8; ++m) {
-            isThere[m] = members[m].low[d] <= members[m].high[d];
-            low = isThere[m] ? std::min(low, members[m].low[d]) : low;
-            high = isThere[m] ? std::max(high, members[m].high[d]) : high;
+        for (int m = 0; m < Members; ++m) {
+            const bool isThere = members[m].low[d] <= members[m].high[d];
+            low = isThere ? std::min(low, members[m].low[d]) : low;
+            high = isThere ? std::max(high, members[m].high[d]) : high;
         }
         whole.low[d] = low;
         whole.high[d] = high;
@@ -52,23 +53,25 @@ CellBoxTree::Box CellBoxTree::Group::assign(const Box (&members)[8]) noexcept {
         const float extent = std::max(high - low, std::numeric_limits<float>::min());
         const std::uint32_t bits = std::bit_cast<std::uint32_t>(256.0F / extent) >> 23;
         exponent[d] = static_cast<std::uint8_t>(std::min(std::max(bits, 1U), 254U));
-        origin[d] = low <= high ? low : 0.0F;
+        const float from = low <= high ? low : 0.0F;
+        origin[d] = from;
         const float s = scale(exponent[d]);
-        for (int m = 0; m < 8; ++m) {
-            bounds[d][m] = isThere[m] ? quantize(members[m].low[d], low, s) : std::uint8_t{255};
-            bounds[d][8 + m] =
-                isThere[m] ? static_cast<std::uint8_t>(255 - quantize(members[m].high[d], low, s)) : std::uint8_t{255};
+        for (int m = 0; m < Members; ++m) {
+            const bool isThere = members[m].low[d] <= members[m].high[d];
+            bounds[d][0][m] = quantize(isThere ? members[m].low[d] : infinite, from, s);
+            bounds[d][1][m] = quantize(isThere ? members[m].high[d] : -infinite, from, s);
         }
     }
-    exponent[3] = 63; // makes the whole a number that is no denormal, for the processor's sake
+    exponent[3] = 63; // makes a number of these four bytes that is no denormal, for the processor's sake
     return whole;
 }
 
 void CellBoxTree::build(const Boxes& source) {
     if (myTop < 0) return;
-    myGroups.resize(myLevels[myTop].first + 1);
     const Level& bottom = myLevels[0];
-    std::vector<Box> boxes(bottom.size[0] * bottom.size[1] * bottom.size[2]);
+    myBottom.resize(bottom.total());
+    if (myTop > 0) myUpper.resize(myLevels[myTop].first + 1);
+    std::vector<Box> boxes(bottom.total());
 
     // One filler, and four rows of cells filled up to whole groups, for each thread.
     struct Worker {
@@ -114,7 +117,7 @@ void CellBoxTree::build(const Boxes& source) {
                         members[m].low[d] = worker.rows[m >> 1].low[d][2 * i + (m & 1)];
                         members[m].high[d] = worker.rows[m >> 1].high[d][2 * i + (m & 1)];
                     }
-                boxes[first + i] = myGroups[first + i].assign(members);
+                boxes[first + i] = myBottom[first + i].assign(members);
             }
         }
     }
@@ -122,21 +125,23 @@ void CellBoxTree::build(const Boxes& source) {
     for (int l = 1; l <= myTop; ++l) {
         const Level& below = myLevels[l - 1];
         const Level& level = myLevels[l];
-        std::vector<Box> unions(level.size[0] * level.size[1] * level.size[2]);
-        std::size_t number = 0;
-        for (std::size_t z = 0; z < level.size[2]; ++z)
-            for (std::size_t y = 0; y < level.size[1]; ++y)
-                for (std::size_t x = 0; x < level.size[0]; ++x, ++number) {
-                    Box members[8];
-                    for (std::size_t m = 0; m < 8; ++m) {
-                        const std::size_t i = 2 * x + (m & 1), j = 2 * y + (m >> 1 & 1), k = 2 * z + (m >> 2);
-                        if (i < below.size[0] && j < below.size[1] && k < below.size[2])
-                            members[m] = boxes[i + below.size[0] * (j + below.size[1] * k)];
-                        else
-                            members[m] = {{infinite, infinite, infinite}, {-infinite, -infinite, -infinite}};
-                    }
-                    unions[number] = myGroups[level.first + number].assign(members);
-                }
+        std::vector<Box> unions(level.total());
+        const auto total = static_cast<std::ptrdiff_t>(level.total());
+#pragma omp parallel for if (total > 256)
+        for (std::ptrdiff_t g = 0; g < total; ++g) {
+            const auto group = static_cast<std::size_t>(g);
+            const std::size_t x = group % level.size[0], y = group / level.size[0] % level.size[1],
+                              z = group / (level.size[0] * level.size[1]);
+            Box members[Upper::Members];
+            for (std::size_t m = 0; m < Upper::Members; ++m) {
+                const std::size_t i = 4 * x + m % 4, j = 4 * y + m / 4 % 4, k = 4 * z + m / 16;
+                if (i < below.size[0] && j < below.size[1] && k < below.size[2])
+                    members[m] = boxes[i + below.size[0] * (j + below.size[1] * k)];
+                else
+                    members[m] = {{infinite, infinite, infinite}, {-infinite, -infinite, -infinite}};
+            }
+            unions[group] = myUpper[level.first + group].assign(members);
+        }
         boxes.swap(unions);
     }
 }

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <type_traits>
 #include <vector>
 
 #if defined(__SSE2__)
@@ -19,15 +20,16 @@ namespace Vantle::detail {
 
 /// Boxes of the cells of a block, one a cell, found by point.
 ///
-/// Cells are gathered in groups of 2 x 2 x 2 neighbours, these again, and so on: cells that are neighbours in the block
-/// mostly are so in space, and nothing is sorted. A group takes 64 bytes, in which the boxes of its eight members have
-/// bytes for bounds, so that one comparison of 16 bytes an axis tests all eight.
+/// Cells are gathered in groups of 2 x 2 x 2 neighbours, groups in groups of 4 x 4 x 4, and so on: what are neighbours
+/// in the block mostly are so in space, and nothing is sorted. A group has the boxes of its members in bytes, so that a
+/// few vector operations test all of them.
 ///
 /// A search reports every cell whose box has the point, and some whose box nearly has it: all roundings on the way are
 /// monotonic functions that are applied to bounds and point alike, and thus never separate a point from its box.
 ///
 /// Concurrency  searches may come from any number of threads once the tree is built.
-/// Cost         a little more than 9 bytes a cell. A search looks at one to two groups a level.
+/// Cost         a little less than 9 bytes a cell. A search looks at one to three groups a level, all groups of a level
+///              at the same time, and there are few levels: four for a hundred cells an axis.
 class CellBoxTree {
 public:
     using point = Orvix::PhysicalSpace::point;
@@ -79,51 +81,74 @@ private:
         float low[3], high[3];
     };
 
-    /// The boxes of up to eight members, quantized in steps of a power of two from `origin`.
+    /// The boxes of `Side` x `Side` x `Side` members, the first axis fastest, quantized in steps of a power of two.
+    template<int Side>
     struct alignas(64) Group {
+        static constexpr int Members = Side * Side * Side;
+        using Mask = std::conditional_t<Members <= 32, std::uint32_t, std::uint64_t>;
+
         float origin[3];
         std::uint8_t exponent[4]; // of the scale, biased as in a float
-        /// By axis: lower bounds of the eight, then 255 - upper bounds.
-        std::uint8_t bounds[3][16];
+        /// By axis: lower bounds of all members, then upper bounds.
+        std::uint8_t bounds[3][2][Members];
 
-        [[nodiscard]] static float scale(std::uint8_t exponent) noexcept {
-            return std::bit_cast<float>(std::uint32_t{exponent} << 23);
+        [[nodiscard]] static float scale(std::uint8_t biased) noexcept {
+            return std::bit_cast<float>(std::uint32_t{biased} << 23);
         }
         [[nodiscard]] static std::uint8_t quantize(float x, float from, float scale) noexcept {
-            const float steps = (x - from) * scale;
-            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max(steps, 0.0F), 255.0F)));
+            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max((x - from) * scale, 0.0F), 255.0F)));
         }
-        Box assign(const Box (&members)[8]) noexcept;
+        /// Sets the group from boxes of the members, and returns the box of all.
+        Box assign(const Box* members) noexcept;
         /// Bit m is set when member m may have the point.
-        [[nodiscard]] unsigned members(const float (&x)[4]) const noexcept;
+        [[nodiscard]] Mask membersAt(const float (&x)[4]) const noexcept;
     };
-    static_assert(sizeof(Group) == 64);
+    using Bottom = Group<2>;
+    using Upper = Group<4>;
+    static_assert(sizeof(Bottom) == 64);
 
+    /// Groups of one level: 0 is that of the groups of cells.
     struct Level {
         std::size_t first = 0; // number of its first group
         std::size_t size[3] = {};
+        [[nodiscard]] std::size_t total() const noexcept { return size[0] * size[1] * size[2]; }
     };
-    static constexpr int MaximalLevels = 33;
+    static constexpr int MaximalLevels = 17;
 
     /// Where a group, or a cell, is on its level.
     struct Place {
         std::uint32_t at[3];
-        /// Member number `m` of the group.
+        template<int Side>
         [[nodiscard]] Place member(int m) const noexcept {
-            const auto bits = static_cast<std::uint32_t>(m);
-            return {{2 * at[0] + (bits & 1), 2 * at[1] + (bits >> 1 & 1), 2 * at[2] + (bits >> 2)}};
+            constexpr int bits = Side == 2 ? 1 : 2;
+            const auto number = static_cast<std::uint32_t>(m);
+            return {{at[0] * Side + number % Side, at[1] * Side + (number >> bits) % Side,
+                     at[2] * Side + (number >> (2 * bits))}};
         }
     };
-    [[nodiscard]] const Group& group(int level, const Place& place) const noexcept {
+    [[nodiscard]] std::size_t number(int level, const Place& place) const noexcept {
         const Level& l = myLevels[level];
-        return myGroups[l.first + place.at[0] + l.size[0] * (place.at[1] + l.size[1] * place.at[2])];
+        return l.first + place.at[0] + l.size[0] * (place.at[1] + l.size[1] * place.at[2]);
     }
-    static void prefetch([[maybe_unused]] const void* where) noexcept {
+    void prefetch([[maybe_unused]] int level, [[maybe_unused]] const Place& place) const noexcept {
 #if defined(__GNUC__)
-        __builtin_prefetch(where);
+        if (level == 0) {
+            __builtin_prefetch(&myBottom[number(0, place)]);
+        } else {
+            const auto* const bytes = reinterpret_cast<const char*>(&myUpper[number(level, place)]);
+            for (std::size_t line = 0; line < sizeof(Upper); line += 64) __builtin_prefetch(bytes + line);
+        }
 #endif
     }
-    /// Goes through one group and all below.
+    /// Calls `f` for cells of a group of cells.
+    template<class F>
+    void visit(const Place& place, const float (&x)[4], F& f) const {
+        for (auto mask = myBottom[number(0, place)].membersAt(x); mask; mask &= mask - 1) {
+            const Place cell = place.member<2>(std::countr_zero(mask));
+            f(cell.at[0], cell.at[1], cell.at[2]);
+        }
+    }
+    /// Goes through a group and all below, one after the other.
     template<class F>
     void descend(int top, const Place& start, const float (&x)[4], F& f) const;
 
@@ -131,34 +156,58 @@ private:
     std::size_t myCells[3] = {};
     int myTop = -1; // number of the last level
     Level myLevels[MaximalLevels];
-    std::vector<Group> myGroups;
+    std::vector<Bottom> myBottom;
+    std::vector<Upper> myUpper;
 };
 
-inline unsigned CellBoxTree::Group::members(const float (&x)[4]) const noexcept {
+template<int Side>
+inline typename CellBoxTree::Group<Side>::Mask CellBoxTree::Group<Side>::membersAt(const float (&x)[4]) const noexcept {
 #if defined(__SSE2__)
-    const __m128i header = _mm_load_si128(reinterpret_cast<const __m128i*>(this));
+    const auto load = [](const void* from) { return _mm_load_si128(static_cast<const __m128i*>(from)); };
+    const __m128i header = load(this);
     const __m128i zero = _mm_setzero_si128();
     const __m128i exponents = _mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_srli_si128(header, 12), zero), zero);
     const __m128 scales = _mm_castsi128_ps(_mm_slli_epi32(exponents, 23));
     __m128 steps = _mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(x), _mm_castsi128_ps(header)), scales);
     steps = _mm_min_ps(_mm_max_ps(steps, _mm_setzero_ps()), _mm_set1_ps(255.0F));
-    alignas(16) std::uint32_t q[4];
-    _mm_store_si128(reinterpret_cast<__m128i*>(q), _mm_cvttps_epi32(steps));
-    __m128i inside = _mm_set1_epi8(-1);
-    for (int d = 0; d < 3; ++d) {
-        const std::uint64_t all = q[d] * std::uint64_t{0x0101010101010101};
-        const __m128i at = _mm_set_epi64x(static_cast<long long>(~all), static_cast<long long>(all));
-        const __m128i bound = _mm_load_si128(reinterpret_cast<const __m128i*>(bounds[d]));
-        inside = _mm_and_si128(inside, _mm_cmpeq_epi8(_mm_min_epu8(bound, at), bound));
+    const __m128i words = _mm_packs_epi32(_mm_cvttps_epi32(steps), zero);
+    const __m128i bytes = _mm_packus_epi16(words, zero);
+    const __m128i pairs = _mm_unpacklo_epi8(bytes, bytes);
+    const __m128i fours = _mm_unpacklo_epi16(pairs, pairs);
+    const __m128i at[3] = {_mm_shuffle_epi32(fours, 0x00), _mm_shuffle_epi32(fours, 0x55),
+                           _mm_shuffle_epi32(fours, 0xAA)};
+    if constexpr (Members == 8) {
+        // Lower bounds in the lower half, upper bounds in the upper one, both kinds compared as complements there.
+        const __m128i upper = _mm_set_epi64x(-1, 0);
+        __m128i inside = _mm_set1_epi8(-1);
+        for (int d = 0; d < 3; ++d) {
+            const __m128i bound = _mm_xor_si128(load(bounds[d]), upper);
+            const __m128i point = _mm_xor_si128(at[d], upper);
+            inside = _mm_and_si128(inside, _mm_cmpeq_epi8(_mm_min_epu8(bound, point), bound));
+        }
+        const auto mask = static_cast<unsigned>(_mm_movemask_epi8(inside));
+        return mask & (mask >> 8);
+    } else {
+        Mask mask = 0;
+        for (int m = 0; m < Members; m += 16) {
+            __m128i inside = _mm_set1_epi8(-1);
+            for (int d = 0; d < 3; ++d) {
+                const __m128i low = load(&bounds[d][0][m]), high = load(&bounds[d][1][m]);
+                inside = _mm_and_si128(inside, _mm_cmpeq_epi8(_mm_min_epu8(low, at[d]), low));
+                inside = _mm_and_si128(inside, _mm_cmpeq_epi8(_mm_max_epu8(high, at[d]), high));
+            }
+            mask |= static_cast<Mask>(_mm_movemask_epi8(inside)) << m;
+        }
+        return mask;
     }
-    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(inside));
-    return mask & (mask >> 8);
 #else
-    unsigned mask = 255;
-    for (int d = 0; d < 3; ++d) {
-        const std::uint8_t q = quantize(x[d], origin[d], scale(exponent[d]));
-        for (int m = 0; m < 8; ++m)
-            if (!(bounds[d][m] <= q && bounds[d][8 + m] <= 255 - q)) mask &= ~(1U << m);
+    Mask mask = 0;
+    std::uint8_t q[3];
+    for (int d = 0; d < 3; ++d) q[d] = quantize(x[d], origin[d], scale(exponent[d]));
+    for (int m = 0; m < Members; ++m) {
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d) isInside = isInside && bounds[d][0][m] <= q[d] && q[d] <= bounds[d][1][m];
+        mask |= static_cast<Mask>(isInside) << m;
     }
     return mask;
 #endif
@@ -169,7 +218,7 @@ void CellBoxTree::forEachAt(const point& P, F&& f) const {
     if (myTop < 0) return;
     const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
     // Level by level rather than depth first: all groups of a level are on their way from memory at the same time.
-    constexpr std::size_t Capacity = 64;
+    constexpr std::size_t Capacity = 128;
     Place places[2][Capacity];
     Place* now = places[0];
     Place* below = places[1];
@@ -178,33 +227,36 @@ void CellBoxTree::forEachAt(const point& P, F&& f) const {
     for (int level = myTop; level > 0; --level) {
         std::size_t members = 0;
         for (std::size_t g = 0; g < count; ++g) {
-            unsigned mask = group(level, now[g]).members(x);
-            if (members + 8 > Capacity) [[unlikely]] {
+            if (members + Upper::Members > Capacity) [[unlikely]] {
                 // So many boxes at one point are seldom; what remains is gone through group by group.
                 for (std::size_t m = 0; m < members; ++m) descend(level - 1, below[m], x, f);
                 for (; g < count; ++g) descend(level, now[g], x, f);
                 return;
             }
-            for (; mask; mask &= mask - 1) {
-                below[members] = now[g].member(std::countr_zero(mask));
-                prefetch(&group(level - 1, below[members++]));
+            for (auto mask = myUpper[number(level, now[g])].membersAt(x); mask; mask &= mask - 1) {
+                below[members] = now[g].template member<4>(std::countr_zero(mask));
+                prefetch(level - 1, below[members++]);
             }
         }
         std::swap(now, below);
         count = members;
     }
-    for (std::size_t g = 0; g < count; ++g) descend(0, now[g], x, f);
+    for (std::size_t g = 0; g < count; ++g) visit(now[g], x, f);
 }
 
 template<class F>
 void CellBoxTree::descend(int top, const Place& start, const float (&x)[4], F& f) const {
+    if (top == 0) {
+        visit(start, x, f);
+        return;
+    }
     struct Step {
         Place place;
-        unsigned members; // still to be visited
+        Upper::Mask members; // still to be visited
     };
     Step steps[MaximalLevels];
     int level = top;
-    steps[level] = {start, group(level, start).members(x)};
+    steps[level] = {start, myUpper[number(level, start)].membersAt(x)};
     for (;;) {
         Step& step = steps[level];
         if (step.members == 0) {
@@ -212,13 +264,13 @@ void CellBoxTree::descend(int top, const Place& start, const float (&x)[4], F& f
             ++level;
             continue;
         }
-        const Place member = step.place.member(std::countr_zero(step.members));
+        const Place member = step.place.template member<4>(std::countr_zero(step.members));
         step.members &= step.members - 1;
-        if (level == 0) {
-            f(member.at[0], member.at[1], member.at[2]);
+        if (level == 1) {
+            visit(member, x, f);
         } else {
             --level;
-            steps[level] = {member, group(level, member).members(x)};
+            steps[level] = {member, myUpper[number(level, member)].membersAt(x)};
         }
     }
 }
