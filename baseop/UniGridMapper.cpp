@@ -1,3 +1,4 @@
+#include <baseop/Interpolate.hpp>
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/detail/LinearReach.hpp>
 #include <baseop/detail/Unigrid.hpp>
@@ -90,50 +91,21 @@ private:
     Orvix::Quadratic<3, double> myInverse;
 };
 
-/// Interpolation at a position, or the derivative along axis `D` >= 0; steps of axes are nested from the last to the
-/// first.
-template<int D, class T>
-T sample(const MultiArrayBase<3, T>& view, const point& at) {
-    const auto along = [&](auto&& self, int axis, index_t offset) -> T {
-        if (axis < 0) return view.element(offset);
-        const index_t n = view.Size()[axis];
-        const index_t stride = axis == 0 ? 1 : axis == 1 ? view.Size()[0] : view.Size()[0] * view.Size()[1];
-        const double x = at[axis];
-        const auto inner = [&](index_t i) { return self(self, axis - 1, offset + i * stride); };
-        if (axis == D) {
-            if (!(x >= 0.0 && x < static_cast<double>(n - 1))) return T();
-            const auto i = static_cast<index_t>(x);
-            const T low = inner(i), high = inner(i + 1);
-            return T(high[0] - low[0], high[1] - low[1], high[2] - low[2]);
-        }
-        if (!(x > 0.0)) return inner(0);
-        if (x + 1.0 >= static_cast<double>(n)) return inner(n - 1);
-        const auto i = static_cast<index_t>(x);
-        const double floor = static_cast<double>(i), f = x - floor;
-        if (f == 0.0) return inner(i);
-        const T low = inner(i), high = inner(i + 1);
-        if constexpr (std::is_same_v<T, point>)
-            return low + (high - low) * f;
-        else
-            return low * ((1.0 - x) + floor) + high * f;
-    };
-    return along(along, 2, 0);
-}
-
 /// The whole solve, as `localCellCoordinatesFromCell` says.
 template<bool Prints>
 Outcome solveInCell(point& uvw, const point& P, const MultiIndex<3>& cell, const MultiArrayBase<3, point>& vertices,
                     double precision) {
     Solve solve(P, cell, precision);
-    if (solve.start(sample<-1>(vertices, solve.at()))) {
+    if (solve.start(Vantle::interpolateAt(vertices, solve.at()))) {
         uvw = solve.at();
         return Outcome::Found;
     }
     const auto vectors = Vantle::asVectors(vertices);
     int iterations = 0;
     do {
-        const vector column[3] = {sample<0>(vectors, solve.at()), sample<1>(vectors, solve.at()),
-                                  sample<2>(vectors, solve.at())};
+        const vector column[3] = {Vantle::differentiateAt<0>(vectors, solve.at()),
+                                  Vantle::differentiateAt<1>(vectors, solve.at()),
+                                  Vantle::differentiateAt<2>(vectors, solve.at())};
         const bool isRegular = solve.step(column);
         if (Prints && !isRegular) Console::puts("WHAT?");
         if (!solve.isNumber()) {

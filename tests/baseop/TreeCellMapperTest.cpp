@@ -1,0 +1,176 @@
+#include "support/RoughBlocks.hpp"
+
+#include <baseop/TreeCellMapper.hpp>
+#include <model/orvix/CellMap.hpp>
+
+#include <gtest/gtest.h>
+#include <thread>
+
+namespace {
+
+using namespace support;
+using Vantle::MultiIndex;
+using Vector = Orvix::PhysicalSpace::vector;
+
+const Vector Scale(1.5, 1.5, 1.5);
+
+/// The query, written down plainly: all cells of the box around the point, by distance.
+unsigned int plainQuery(const TreeCellMapper& mapper, const Vector& scale, double epsilon, const Point& P, Point& uvw,
+                        Vector& extent, MultiIndex<3>& found) {
+    const Block& block = *mapper.coordinates();
+    Vector half;
+    for (int d = 0; d < 3; ++d) half[d] = scale[d] * mapper.maximalEdgeExtents()[d];
+    std::multimap<double, MultiIndex<3>> cells;
+    mapper.tree()->find_nearest_Manhatten(cells, P, half);
+    for (const auto& [distance, C] : cells) {
+        const auto corner = [&](int i, int j, int k) { return block[C + MultiIndex<3>(i, j, k)]; };
+        Point q;
+        Orvix::cuboidToUnitCube(q, P, corner(0, 0, 0), corner(0, 0, 1), corner(0, 1, 0), corner(1, 0, 0),
+                                corner(1, 1, 1), true);
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d) isInside = isInside && q[d] >= -epsilon && q[d] <= 1 + epsilon;
+        if (!isInside) continue;
+        found = C;
+        unsigned int code = 1;
+        for (int d = 0; d < 3; ++d) {
+            extent[d] = std::fabs(corner(1, 1, 1)[d] - corner(0, 0, 0)[d]);
+            if (C[d] == 0 && q[d] < 0) {
+                q[d] = 0;
+                code = 2;
+            } else if (C[d] == block.Size()[d] - 2) {
+                if (q[d] > 1) {
+                    q[d] = 1;
+                    code = 2;
+                }
+            } else {
+                q[d] += static_cast<double>(C[d]);
+            }
+        }
+        uvw = q;
+        return code;
+    }
+    return 0;
+}
+
+TEST(TreeCellMapperTest, AnswersAsThePlainWalk) {
+    int codes[3] = {};
+    for (const auto& [name, block] : roughBlocks())
+        for (const double epsilon : {0.02, 0.0, 0.4}) {
+            const TreeCellMapper mapper(block, Scale, epsilon, 13);
+            auto points = probes(*block, 200, 41);
+            // Ties: points on the faces of parallelepipeds are as far from either midpoint.
+            for (const Point& index : randomIndices(*block, block->Size()[1] > 1 ? 100 : 0, 43))
+                points.push_back(positionIn(*block, Point(std::floor(index[0]), index[1], index[2])));
+            for (const Point& P : points) {
+                Point uvw, plainUvw;
+                Vector extent(7, 7, 7), plainExtent = extent;
+                MultiIndex<3> cell, plainCell;
+                const unsigned int code = mapper.localCoordinates(uvw, extent, P, &cell);
+                ++codes[code];
+                ASSERT_EQ(code, plainQuery(mapper, Scale, epsilon, P, plainUvw, plainExtent, plainCell)) << name << P;
+                EXPECT_EQ(cell, plainCell) << name << P;
+                EXPECT_EQ(extent, plainExtent) << name << P;
+                if (code != 0) {
+                    EXPECT_TRUE(same(uvw, plainUvw)) << name << P;
+                }
+            }
+        }
+    for (const int count : codes) EXPECT_GT(count, 100);
+}
+
+TEST(TreeCellMapperTest, AnswersAsThePlainWalkOnTheBluntFin) {
+    const BlockPtr block = bluntFin(VANTLE_TEST_DATA);
+    if (!block) GTEST_SKIP() << "no real data";
+    const TreeCellMapper mapper(block, Scale, 0.02, 13);
+    int found = 0;
+    for (const Point& index : randomIndices(*block, 200, 6)) {
+        const Point P = positionIn(*block, index);
+        Point uvw, plainUvw;
+        Vector extent, plainExtent;
+        MultiIndex<3> cell, plainCell;
+        const unsigned int code = mapper.localCoordinates(uvw, extent, P, &cell);
+        ASSERT_EQ(code, plainQuery(mapper, Scale, 0.02, P, plainUvw, plainExtent, plainCell));
+        EXPECT_EQ(cell, plainCell);
+        if (code != 0) {
+            EXPECT_TRUE(same(uvw, plainUvw));
+        }
+        found += code != 0;
+    }
+    EXPECT_GT(found, 150);
+}
+
+TEST(TreeCellMapperTest, FindsTheCellAPointWasMadeFrom) {
+    const BlockPtr block = makeBlock(shapes()[0], {9, 8, 7});
+    const TreeCellMapper mapper(block, Scale, 0.02, 13);
+    for (const Point& index : randomIndices(*block, 1000, 3, 0.05)) {
+        Point uvw;
+        Vector extent;
+        MultiIndex<3> cell;
+        ASSERT_EQ(mapper.localCoordinates(uvw, extent, positionIn(*block, index), &cell), 1U);
+        for (int d = 0; d < 3; ++d) {
+            // In the last layer of an axis the coordinate in the cell, and not in the block.
+            const bool isLast = cell[d] == block->Size()[d] - 2;
+            EXPECT_NEAR(uvw[d], isLast ? index[d] - static_cast<double>(cell[d]) : index[d], 1e-9);
+        }
+    }
+}
+
+TEST(TreeCellMapperTest, ClampsAtTheBorder) {
+    const BlockPtr block = distortedBlock({4, 3, 2}, 1.0, 0.0, 1);
+    const TreeCellMapper mapper(block, Scale, 0.02, 0);
+    Point uvw;
+    Vector extent;
+    EXPECT_EQ(mapper.localCoordinates(uvw, extent, Point(-0.01, 0.5, 0.5)), 2U);
+    EXPECT_EQ(uvw, Point(0, 0.5, 0.5));
+    EXPECT_EQ(extent, Vector(1, 1, 1));
+    EXPECT_EQ(mapper.localCoordinates(uvw, extent, Point(3.01, 0.5, 0.5)), 2U);
+    EXPECT_EQ(uvw, Point(1, 0.5, 0.5));
+    EXPECT_EQ(mapper.localCoordinates(uvw, extent, Point(0.5, 0.5, 1.01)), 2U); // one cell: both ends clamp
+    EXPECT_EQ(uvw, Point(0.5, 0.5, 1));
+    extent = Vector(9, 9, 9);
+    MultiIndex<3> cell(8, 8, 8);
+    EXPECT_EQ(mapper.localCoordinates(uvw, extent, Point(7, 0.5, 0.5), &cell), 0U);
+    EXPECT_EQ(extent, Vector(9, 9, 9));
+    EXPECT_EQ(cell, MultiIndex<3>(8, 8, 8));
+}
+
+TEST(TreeCellMapperTest, TreeHasTheCellsInterleavedAndIsAttachedToTheArray) {
+    const BlockPtr block = distortedBlock({6, 5, 4}, 1.0, 0.3, 2);
+    const auto entries = [&](unsigned int stride) {
+        const TreeCellMapper mapper(block, Scale, 0.02, stride);
+        const auto attached = block->findInterface<Orvix::KDInterface<3, MultiIndex<3>>>();
+        EXPECT_TRUE(attached && attached->tree() == mapper.tree());
+        std::vector<MultiIndex<3>> order;
+        mapper.tree()->forEachInBox(Point(), Point(1e9, 1e9, 1e9),
+                                    [&](const MultiIndex<3>& cell, double) { order.push_back(cell); });
+        return order;
+    };
+    // Pre-order begins with the cell inserted first, at every stride; the default is 13.
+    EXPECT_EQ(entries(0), entries(13));
+    EXPECT_NE(entries(1), entries(13));
+    Orvix::KDTree<3, MultiIndex<3>> plain;
+    const MultiIndex<3> cells = block->Size() - 1;
+    for (Vantle::index_t offset = 0; offset < 7; ++offset)
+        for (Vantle::index_t n = offset; n < cells.product(); n += 7) {
+            const auto C = MultiIndex<3>::fromLinear(n, cells);
+            const Point low = (*block)[C];
+            plain.insert(low + 0.5 * ((*block)[C + 1] - low), C);
+        }
+    std::vector<MultiIndex<3>> order;
+    plain.forEachInBox(Point(), Point(1e9, 1e9, 1e9),
+                       [&](const MultiIndex<3>& cell, double) { order.push_back(cell); });
+    EXPECT_EQ(entries(7), order);
+}
+
+TEST(TreeCellMapperTest, MaximaOfEdges) {
+    double longest = 0.0;
+    Vector extents;
+    TreeCellMapper::maxVec(longest, extents, Vector(-3, 0, 4));
+    TreeCellMapper::maxVec(longest, extents, Vector(1, -1, 1));
+    EXPECT_EQ(extents, Vector(3, 1, 4));
+    EXPECT_EQ(longest, 5.0);
+    TreeCellMapper::maxVec(longest, extents, Vector(3e200, 4e200, 0));
+    EXPECT_DOUBLE_EQ(longest, 5e200);
+}
+
+} // namespace
