@@ -84,9 +84,10 @@ TYPED_TEST(DataRangeTest, EqualsThePlainFold) {
             for (TypeParam& element : elements) element = static_cast<TypeParam>(random() % 60000);
             expectPlainResult(elements);
         }
+        if (omp_get_max_threads() > 1) return;
         // Extremes in every place of a vector register, and in the rest after the last one.
         std::vector<TypeParam> flat(500, TypeParam{100});
-        for (std::size_t i = 0; i < flat.size(); i += static_cast<std::size_t>(omp_get_max_threads())) {
+        for (std::size_t i = 0; i < flat.size(); ++i) {
             const std::size_t k = (i * 7 + 1) % flat.size();
             flat[i] = TypeParam{1};
             flat[k] = TypeParam{200};
@@ -99,7 +100,7 @@ TYPED_TEST(DataRangeTest, EqualsThePlainFold) {
 TYPED_TEST(FloatDataRangeTest, EqualsThePlainFoldWithNaNInEveryPlace) {
     const auto nan = std::numeric_limits<TypeParam>::quiet_NaN();
     forTeamsOfOneToFour([nan] {
-        for (const std::size_t size : {1u, 2u, 3u, 9u, 50u, omp_get_max_threads() == 1 ? 301u : 4u})
+        for (const std::size_t size : {1u, 2u, 3u, 9u, omp_get_max_threads() == 1 ? 301u : 20u})
             for (std::size_t i = 0; i < size; ++i) {
                 std::vector<TypeParam> elements(size);
                 for (std::size_t k = 0; k < size; ++k) elements[k] = static_cast<TypeParam>((k * 37) % 101) - 50;
@@ -124,10 +125,10 @@ TYPED_TEST(FloatDataRangeTest, EqualsThePlainFoldOnSpecialValues) {
     forTeamsOfOneToFour([&specials] {
         std::mt19937 random(11);
         // Which specials are sprinkled in, how densely, and what lies between them.
-        for (const unsigned kinds : {1u, 2u, 4u, 8u})
-            for (const unsigned every : {1u, 3u, 1000u, 20000u})
+        for (const unsigned kinds : {2u, 4u, 8u})
+            for (const unsigned every : {1u, 3u, 3000u})
                 for (const int background : {-1, 0, 1, 2})
-                    for (const std::size_t size : {2u, 17u, 1000u, 20001u}) {
+                    for (const std::size_t size : {17u, 20001u}) {
                         std::vector<TypeParam> elements(size);
                         for (TypeParam& element : elements) {
                             const auto number = static_cast<TypeParam>(random() % 1000 + 1);

@@ -209,8 +209,9 @@ TEST_F(ExpandBBoxTest, WarnsWhenADeclaredBoxLooksUnshifted) {
     const auto warns = [](const point& min, const point& max, const Orvix::FixedArray<double, 3>& shift) {
         const auto creator = support::creatorOf(kTwoPoints);
         creator->setAttribute("Range", corners(min, max));
-        creator->setAttribute("Vantle::NumericalShift", Hestra::makeRef<Hestra::Chunk<Orvix::FixedArray<double, 3>>>(
-                                                            std::initializer_list{shift}));
+        creator->setAttribute("Vantle::NumericalShift",
+                              Hestra::makeRef<Hestra::Chunk<Orvix::FixedArray<double, 3>>>(
+                                  std::initializer_list<Orvix::FixedArray<double, 3>>{shift}));
         testing::internal::CaptureStdout();
         const auto box = boxOf(*creator);
         const std::string text = testing::internal::GetCapturedStdout();
