@@ -5,6 +5,7 @@
 #include <model/vantle/TypedArray.hpp>
 
 #include <algorithm>
+#include <cstdint>
 #include <omp.h>
 #include <type_traits>
 #include <vector>
@@ -49,6 +50,8 @@ struct Piece {
 /// meets a NaN, so a piece with NaN counts from its last one on.
 template<class T>
 void foldContiguous(MinMax<T>& result, const T* elements, std::size_t count) noexcept {
+    for (; count && reinterpret_cast<std::uintptr_t>(elements) % 64; ++elements, --count) // loads within cache lines
+        result.fold(*elements);
     // Integers leave nothing to look up again.
     const std::size_t pieceSize = std::is_floating_point_v<T> ? detail::kExtremesPieceBytes / sizeof(T) : count;
     [[maybe_unused]] Piece<T> minimumCameFrom, maximumCameFrom;

@@ -14,30 +14,32 @@ template<class T, int Period>
     if constexpr (std::is_floating_point_v<T>) result.hasNaN |= x != x;
 }
 
-// Bytes is the width of one vector register. Six of them at a time hide the latency of the comparisons, fit into
-// sixteen registers with their two extremes, and hold whole points whatever the width.
+// Bytes is the width of one vector register. Two streams keep more of the memory's requests in flight than one. Three
+// registers of each hide the latency of the comparisons, hold whole points whatever their width, and fit, with two
+// extremes each, into sixteen.
 template<class T, int Period, int Bytes>
 [[gnu::always_inline]] inline void findInLanes(const T* numbers, std::size_t count,
                                                Extremes<T, Period>& result) noexcept {
     typedef T Vector __attribute__((vector_size(Bytes)));
-    constexpr int kVectors = 6;
+    constexpr int kEach = 3, kVectors = 2 * kEach;
     constexpr int kLanes = Bytes / static_cast<int>(sizeof(T));
-    constexpr std::size_t kStep = kVectors * kLanes;
-    static_assert(kStep % Period == 0);
+    constexpr std::size_t kStep = kEach * kLanes;
+    static_assert(kStep % Period == 0 && kEach % Period == 0);
 
     for (int c = 0; c < Period; ++c) result.min[c] = result.max[c] = numbers[c];
     result.hasNaN = false;
-    std::size_t done = 0;
-    if (count >= kStep) {
+    const std::size_t half = count / 2 / kStep * kStep;
+    if (half) {
         Vector least[kVectors], greatest[kVectors];
-        std::memcpy(least, numbers, sizeof least);
-        std::memcpy(greatest, numbers, sizeof greatest);
+        std::memcpy(least, numbers, sizeof least / 2);
+        std::memcpy(least + kEach, numbers + half, sizeof least / 2);
+        std::memcpy(greatest, least, sizeof greatest);
         auto nan = least[0] != least[0]; // integer lanes of the same width, all bits set for true
-        for (; done + kStep <= count; done += kStep)
+        for (std::size_t done = 0; done < half; done += kStep)
 #pragma GCC unroll 6
             for (int v = 0; v < kVectors; ++v) {
                 Vector x;
-                std::memcpy(&x, numbers + done + v * kLanes, sizeof x);
+                std::memcpy(&x, numbers + (v < kEach ? 0 : half) + done + v % kEach * kLanes, sizeof x);
                 least[v] = x < least[v] ? x : least[v];
                 greatest[v] = x > greatest[v] ? x : greatest[v];
                 if constexpr (std::is_floating_point_v<T>) nan |= x != x;
@@ -53,7 +55,7 @@ template<class T, int Period, int Bytes>
         }
         for (int i = 0; i < kLanes; ++i) result.hasNaN |= nan[i] != 0;
     }
-    for (; done < count; ++done) widen(result, static_cast<int>(done % Period), numbers[done]);
+    for (std::size_t i = 2 * half; i < count; ++i) widen(result, static_cast<int>(i % Period), numbers[i]);
 }
 
 template<class T, int Period>
