@@ -128,9 +128,7 @@ bool RectilinearInterpolation::find_rectilinear_cell(const PhysicalSpace::point&
 BBSelectorMemoryTree::BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree,
                                            const Orvix::FixedArray<double, 3>& halfWidths,
                                            const std::vector<Box>& boxes, const PhysicalSpace::point& p) {
-    const auto take = [&](int value, double) {
-        const auto number = static_cast<unsigned int>(value);
-        if (number >= boxes.size()) return;
+    const auto take = [&](unsigned int number) {
         const Box& box = boxes[number];
         for (int d = 0; d < 3; ++d)
             if (!(p[d] >= box.min[d] && p[d] <= box.max[d])) return;
@@ -142,7 +140,15 @@ BBSelectorMemoryTree::BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree,
         myMany.push_back(number);
         ++myCount;
     };
-    tree.forEachInBox(p, halfWidths, take);
+    if (boxes.size() <= Few) { // a look at each costs less than a walk
+        if (!tree.empty())
+            for (unsigned int number = 0; number < boxes.size(); ++number) take(number);
+        return;
+    }
+    tree.forEachInBox(p, halfWidths, [&](int value, double) {
+        const auto number = static_cast<unsigned int>(value);
+        if (number < boxes.size()) take(number);
+    });
     if (myCount > 1) {
         unsigned int* const first = myMany.empty() ? myFew : myMany.data();
         std::sort(first, first + myCount);

@@ -358,7 +358,7 @@ TEST(LocalFromWorldPointTest, ThreadsBuildEachStructureOnce) {
 TEST(BBSelectorMemoryTreeTest, FindsTheBoxesThatContainAPoint) {
     std::mt19937_64 random(11);
     std::uniform_int_distribution<int> corner(0, 8);
-    for (const int count : {1, 12, 300}) {
+    for (const int count : {1, 16, 17, 300}) {
         Orvix::KDTree<3, int> tree;
         Orvix::FixedArray<double, 3> halfWidths;
         std::vector<BBSelectorMemoryTree::Box> boxes;
