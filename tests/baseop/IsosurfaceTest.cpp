@@ -497,16 +497,28 @@ TEST_F(IsosurfaceGridTest, PiecesOfOneIndexSpaceShareTheirVertices) {
 
 // Without a place in a whole, or too far out for it, fragments share nothing, whatever their edges are called.
 TEST_F(IsosurfaceGridTest, OtherFragmentsShareNoVertices) {
-    const MultiIndex<3> size(3, 3, 3), far(index_t{1} << 20, 0, 0), negative(~index_t{0}, 0, 0);
+    const index_t end = index_t{1} << 20;
+    const MultiIndex<3> size(3, 3, 3), negative(~index_t{0}, 0, 0);
     addBlock("a", ramp(size), bentPositions(size));
     addBlock("b", ramp(size), bentPositions(size));
     addBlock("c", ramp(size), bentPositions(size), MultiIndex<3>(0, 0, 0));
-    addBlock("d", ramp(size), bentPositions(size), far - 3);
-    addBlock("e", ramp(size), bentPositions(size), far - 2);
+    addBlock("d", ramp(size), bentPositions(size), MultiIndex<3>(end - 3, 0, 0));
+    addBlock("e", ramp(size), bentPositions(size), MultiIndex<3>(end - 2, 0, 0));
     addBlock("f", ramp(size), bentPositions(size), negative);
     compute(0.5);
     EXPECT_EQ(points().size(), 6 * 9U);
     EXPECT_EQ(triangles().size(), 6 * 8U);
+
+    // Identifiers tell all of them apart; those of "c" and "d" alone are places on the lattice.
+    const auto identifiers = Hestra::makeRef<Hestra::TypedChunk<index_t>>().strong();
+    FragmentIsoSurfacer surfacer(0.5, 0.0, regular.positions(), identifiers,
+                                 Hestra::makeRef<Hestra::TypedChunk<double>>().strong(),
+                                 Hestra::makeRef<Hestra::TypedChunk<point>>().strong(),
+                                 Hestra::makeRef<Hestra::TypedChunk<TriangleCell>>().strong());
+    (*grid)("f")->iterate(surfacer);
+    const std::vector<index_t>& found = identifiers->base_vector();
+    EXPECT_EQ(std::set<index_t>(found.begin(), found.end()).size(), 6 * 9U);
+    EXPECT_EQ(std::count_if(found.begin(), found.end(), [](index_t id) { return id < index_t{3} << 60; }), 2 * 9);
 }
 
 TEST_F(IsosurfaceGridTest, EveryKindOfCoordinatesAndElementsServes) {
