@@ -150,7 +150,6 @@ protected:
 
     void SetUp() override {
         Hestra::Cache::MemCache()->clear();
-        bundle[0.0]->operator[]("source");
         source = (*bundle[0.0])["source"];
         target = (*bundle[0.0])["target"];
         RegularGrid3D grid(source);
@@ -159,7 +158,7 @@ protected:
             const StrongPtr<MemBase> positions = Hestra::makeRef<UniformCartesianArray>(
                 BoundingBox({x, 0, 0}, {x + 1, 2, 3}), MultiIndex<3>(kNodes, kNodes, kNodes));
             // Names whose alphabetical order is not that of their making.
-            ids.push_back(grid.addBlock(f ? "10" : "9", positions, MultiIndex<3>(index_t(f) * (kNodes - 1), 0, 0)));
+            ids[f] = grid.addBlock(f ? "10" : "9", positions, MultiIndex<3>(index_t(f) * (kNodes - 1), 0, 0));
         }
         addLazy("pressure", [this](int f) {
             ++made[f];
@@ -184,7 +183,7 @@ protected:
 
     BundlePtr bundle = BundlePtr::create();
     StrongPtr<Grid> source, target;
-    std::vector<StrongPtr<FragmentID>> ids;
+    StrongPtr<FragmentID> ids[2];
     std::atomic<int> made[2] = {0, 0};
 };
 
