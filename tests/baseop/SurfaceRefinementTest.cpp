@@ -1,0 +1,230 @@
+#include <baseop/SurfaceRefinement.hpp>
+#include <model/vantle/Bundle.hpp>
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <random>
+
+namespace {
+
+using namespace Vantle;
+using Hestra::StrongPtr;
+using Orvix::PhysicalSpace;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+StrongPtr<Grid> surfaceOf(std::vector<PhysicalSpace::point> points, std::vector<Triangle> triangles) {
+    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    (void)TriangularSurfaceWithEdges::create(*grid, std::move(points), std::move(triangles));
+    return grid;
+}
+
+// The definition: every edge against every triangle.
+std::vector<Edge> plainTable(const std::vector<Triangle>& triangles, const std::vector<Edge>& edges) {
+    const auto has = [](const Triangle& t, unsigned v) { return t[0] == v || t[1] == v || t[2] == v; };
+    std::vector<Edge> table;
+    for (const Edge& edge : edges) {
+        std::vector<unsigned> hits;
+        for (unsigned f = 0; f < triangles.size() && hits.size() < 2; ++f)
+            if (has(triangles[f], edge[0]) && has(triangles[f], edge[1])) hits.push_back(f);
+        if (hits.empty()) hits.push_back(kNoFace);
+        table.emplace_back(hits.front(), hits.back());
+    }
+    return table;
+}
+
+std::vector<Edge> fastTable(const std::vector<Triangle>& triangles, const std::vector<Edge>& edges) {
+    const auto table = makeMemArray1D(std::vector<Edge>(edges.size(), Edge(77, 78)));
+    GenerateEdge2FacesTable(*table, *makeMemArray1D(triangles), *makeMemArray1D(edges), int(triangles.size()),
+                            int(edges.size()));
+    return table->base_vector();
+}
+
+// Random triangles over few vertices: degenerate ones, edges of many triangles, points for edges, edges of none; over
+// vertex numbers that are small, or few and huge.
+TEST(SurfaceRefinementTest, EdgeTableIsThatOfThePlainDoubleLoop) {
+    std::mt19937 random(5);
+    for (int mesh = 0; mesh < 200; ++mesh) {
+        const unsigned vertices = unsigned(3 + random() % 60), factor = mesh % 4 == 0 ? 30'000'001 : 1;
+        const auto vertex = [&] { return unsigned(random() % vertices) * factor; };
+        std::vector<Triangle> triangles(random() % 120);
+        std::vector<Edge> edges(random() % 150);
+        for (Triangle& t : triangles) t = Triangle(vertex(), vertex(), vertex());
+        for (Edge& e : edges) e = Edge(vertex(), vertex());
+        for (std::size_t e = 0; e < edges.size() && !triangles.empty(); e += 2) {
+            const Triangle& t = triangles[random() % triangles.size()];
+            edges[e] = Edge(t[e % 3], t[(e + 1) % 3]);
+        }
+        ASSERT_EQ(fastTable(triangles, edges), plainTable(triangles, edges)) << mesh;
+    }
+    // A closed surface, and its boundary after a triangle went.
+    std::vector<Triangle> tetrahedron{{0, 1, 2}, {1, 0, 3}, {2, 1, 3}, {0, 2, 3}};
+    const std::vector<Edge> edges{{0, 1}, {1, 2}, {2, 0}, {3, 0}, {1, 3}, {3, 2}, {0, 4'000'000'000U}};
+    EXPECT_EQ(fastTable(tetrahedron, edges),
+              (std::vector<Edge>{{0, 1}, {0, 2}, {0, 3}, {1, 3}, {1, 2}, {2, 3}, {kNoFace, kNoFace}}));
+    tetrahedron.pop_back();
+    EXPECT_EQ(fastTable(tetrahedron, edges)[2], Edge(0, 0));
+}
+
+TEST(SurfaceRefinementTest, TablesKeepWithinTheirCounts) {
+    const auto triangles = makeMemArray1D(std::vector<Triangle>{{0, 1, 2}, {1, 0, 3}});
+    const auto edges = makeMemArray1D(std::vector<Edge>{{0, 1}, {1, 2}, {0, 3}});
+    const auto table = makeMemArray1D(std::vector<Edge>(3, Edge(8, 9)));
+    GenerateEdge2FacesTable(*table, *triangles, *edges, 1, 2);
+    EXPECT_EQ(table->base_vector(), (std::vector<Edge>{{0, 0}, {0, 0}, {8, 9}}));
+    GenerateEdge2FacesTable(*table, *triangles, *edges, -4, 100);
+    EXPECT_EQ(table->base_vector(), std::vector<Edge>(3, Edge(kNoFace, kNoFace)));
+    const auto faces = makeMemArray1D(std::vector<Triangle>(2, Triangle(7, 7, 7)));
+    GenerateFace2EdgesTable(*faces, *table, *triangles, *edges, 100, 100);
+    EXPECT_EQ(faces->base_vector(), std::vector<Triangle>(2, Triangle(7, 7, 7)));
+}
+
+// Property: on a closed surface each triangle lists exactly its three sides, ascending.
+TEST(SurfaceRefinementTest, FacesListTheirEdges) {
+    std::vector<Triangle> triangles;
+    const unsigned n = 7; // a torus of n by n vertices
+    const auto vertex = [](unsigned i, unsigned j) { return i % n + n * (j % n); };
+    for (unsigned j = 0; j < n; ++j)
+        for (unsigned i = 0; i < n; ++i) {
+            triangles.emplace_back(vertex(i, j), vertex(i + 1, j), vertex(i + 1, j + 1));
+            triangles.emplace_back(vertex(i, j), vertex(i + 1, j + 1), vertex(i, j + 1));
+        }
+    const auto grid = surfaceOf(std::vector<PhysicalSpace::point>(n * n), triangles);
+    const auto edges = Edges::getVerticesPerEdge(grid);
+    ASSERT_EQ(edges->nElements(), 3 * n * n);
+    const auto table = MemArray<1, Edge>::create(edges->Size());
+    const auto array = makeMemArray1D(triangles), sides = makeMemArray1D(std::vector<Triangle>(triangles.size()));
+    const int faceCount = int(triangles.size()), edgeCount = int(edges->nElements());
+    GenerateEdge2FacesTable(*table, *array, *edges, faceCount, edgeCount);
+    CaptureStdout();
+    GenerateFace2EdgesTable(*sides, *table, *array, *edges, edgeCount, faceCount);
+    EXPECT_EQ(GetCapturedStdout(), "");
+    for (index_t f = 0; f < triangles.size(); ++f) {
+        const Triangle listed = sides->element(f);
+        EXPECT_TRUE(listed[0] < listed[1] && listed[1] < listed[2]);
+        for (const unsigned e : listed) EXPECT_TRUE(table->element(e)[0] == f || table->element(e)[1] == f);
+    }
+}
+
+TEST(SurfaceRefinementTest, BoundaryEdgesAreEnteredTwice) {
+    const auto triangles = makeMemArray1D(std::vector<Triangle>{{0, 1, 2}});
+    const auto edges = makeMemArray1D(std::vector<Edge>{{0, 1}, {1, 2}, {0, 2}});
+    const auto table = makeMemArray1D(std::vector<Edge>(3));
+    const auto faces = makeMemArray1D(std::vector<Triangle>(1));
+    GenerateEdge2FacesTable(*table, *triangles, *edges, 1, 3);
+    CaptureStdout();
+    GenerateFace2EdgesTable(*faces, *table, *triangles, *edges, 3, 1);
+    EXPECT_EQ(GetCapturedStdout(), "-->does edge (1) belong to face (0)?\n--> other edges: 0,0,1,\n"
+                                   "-->does edge (2) belong to face (0)?\n--> other edges: 0,0,1,\n"
+                                   "-->does edge (2) belong to face (0)?\n--> other edges: 0,0,1,\n");
+    EXPECT_EQ(faces->element(0), Triangle(0, 0, 1));
+}
+
+TEST(SurfaceRefinementTest, LengthIsComparedStrictly) {
+    const auto grid = surfaceOf({{0, 0, 0}, {3, 4, 0}, {3, 0, 0}}, {{0, 1, 2}}); // edges 01, 12, 02: 5, 4, 3
+    for (const double sign : {1.0, -1.0}) {
+        EdgeLengthCriterion criterion(4.0 * sign);
+        EXPECT_EQ(criterion.DetectEdges(grid), (std::vector<bool>{true, false, false}));
+        EXPECT_EQ(criterion.IllegalEdgesCount(), 1u);
+        const auto copy = criterion.copyMe();
+        EXPECT_TRUE(dynamic_cast<EdgeLengthCriterion*>(copy.rawptr()));
+        EXPECT_EQ(copy->threshold(), 4.0 * sign);
+        EXPECT_EQ(copy->IllegalEdgesCount(), 0u);
+        EXPECT_FALSE(copy->edges());
+    }
+    SplitAllCriterion all;
+    EXPECT_EQ(all.DetectEdges(grid), std::vector<bool>(3, true));
+    EXPECT_EQ(all.IllegalEdgesCount(), 0u);
+}
+
+TEST(SurfaceRefinementTest, IncompleteSurfacesHaveNoFlags) {
+    const auto outOfRange = surfaceOf({{0, 0, 0}, {9, 0, 0}}, {{0, 1, 5}, {1, 0, 0xFFFFFFFF}});
+    const auto noTriangles = Hestra::makeRef<Grid>();
+    GridWithCartesianVertices(noTriangles, 2)
+        .positions()
+        ->setPersistentData(makeMemArray1D(std::vector<PhysicalSpace::point>(3)));
+    CaptureStdout();
+    for (const StrongPtr<SurfaceRefinementCriterion>& criterion :
+         {StrongPtr<SurfaceRefinementCriterion>(new EdgeLengthCriterion(1.0)),
+          StrongPtr<SurfaceRefinementCriterion>(new EdgeFlipCriterion(0.0)),
+          StrongPtr<SurfaceRefinementCriterion>(new SplitAllCriterion)}) {
+        for (const StrongPtr<Grid>& grid :
+             {StrongPtr<Grid>(), StrongPtr<Grid>(new Grid), StrongPtr<Grid>(noTriangles), surfaceOf({}, {})}) {
+            EXPECT_TRUE(criterion->DetectEdges(grid).empty());
+            EXPECT_EQ(criterion->IllegalEdgesCount(), 0u);
+        }
+    }
+    EXPECT_EQ(EdgeLengthCriterion(1.0).DetectEdges(outOfRange), (std::vector<bool>{true, false, false, false, false}));
+    EXPECT_EQ(EdgeFlipCriterion(0.0).DetectEdges(outOfRange), std::vector<bool>(5, false));
+    GetCapturedStdout();
+    const BundlePtr bundle = BundlePtr::create();
+    EXPECT_FALSE(refineSurface(*bundle, outOfRange, nullptr));
+}
+
+// A rhombus with a long diagonal from a to b: both opposite angles are obtuse. Every test of the criterion in turn.
+TEST(SurfaceRefinementTest, ThinRhombiAreFlipped) {
+    const PhysicalSpace::point a(-4, 0, 0), b(4, 0, 0), c(0, 1, 0), d(0, -1, 0);
+    const EdgeFlipCriterion criterion(1e-3);
+    EXPECT_TRUE(criterion.Hybrid_Delaunay2D(a, b, c, d));
+    EXPECT_TRUE(DelaunayCriterion2D(a, b, c, d));
+    EXPECT_FALSE(criterion.Hybrid_Delaunay2D(c, d, a, b)) << "acute angles";
+    EXPECT_FALSE(DelaunayCriterion2D(c, d, a, b));
+    EXPECT_FALSE(criterion.Hybrid_Delaunay2D(a, b, c, {0, -5, 0})) << "one obtuse angle is not enough";
+    EXPECT_FALSE(criterion.Hybrid_Delaunay2D(a, b, c, {0, 1, 0.1})) << "folded";
+    EXPECT_TRUE(DelaunayCriterion2D(a, b, c, {0, 1, 0.1})) << "which this one does not look at";
+    // All four triangles have the doubled area 8: exactly the threshold passes before the flip, and fails after it.
+    EXPECT_FALSE(EdgeFlipCriterion(std::nextafter(8.0, 9.0)).Hybrid_Delaunay2D(a, b, c, d));
+    EXPECT_FALSE(EdgeFlipCriterion(8.0).Hybrid_Delaunay2D(a, b, c, d));
+    EXPECT_TRUE(EdgeFlipCriterion(std::nextafter(8.0, 7.0)).Hybrid_Delaunay2D(a, b, c, d));
+    // The triangles before have 4, those after have 8 - with c and d moved towards b: exactly 4 before passes.
+    const PhysicalSpace::point flat(0, 0.5, 0), deep(0, -2, 0);
+    EXPECT_TRUE(EdgeFlipCriterion(4.0).Hybrid_Delaunay2D(a, b, flat, deep));
+    EXPECT_FALSE(EdgeFlipCriterion(std::nextafter(4.0, 5.0)).Hybrid_Delaunay2D(a, b, flat, deep));
+}
+
+TEST(SurfaceRefinementTest, FlipsAreFoundInSurfaces) {
+    // The rhombus, its halves oriented alike or not; the diagonal is the first edge.
+    for (const Triangle& second : {Triangle(1, 0, 3), Triangle(0, 1, 3)}) {
+        const auto grid = surfaceOf({{-4, 0, 0}, {4, 0, 0}, {0, 1, 0}, {0, -1, 0}}, {{0, 1, 2}, second});
+        EdgeFlipCriterion criterion(1e-3);
+        CaptureStdout();
+        const auto flags = criterion.DetectEdges(grid);
+        EXPECT_EQ(GetCapturedStdout(), "search for flipable edges 5\n>>total illegal edges 1\n");
+        EXPECT_EQ(flags, (std::vector<bool>{true, false, false, false, false}));
+        EXPECT_EQ(criterion.IllegalEdgesCount(), 1u);
+    }
+}
+
+TEST(SurfaceRefinementTest, OrientationFollowsTheTriangle) {
+    unsigned a = 0, b = 0, opposite = 42;
+    TriangleVerticesOrientation({7, 8, 9}, {7, 9}, a, b, opposite);
+    EXPECT_EQ((Triangle(a, b, opposite)), Triangle(9, 7, 8));
+    opposite = 42;
+    TriangleVerticesOrientation({7, 9, 7}, {9, 7}, a, b, opposite);
+    EXPECT_EQ((Triangle(a, b, opposite)), Triangle(9, 7, 42));
+
+    const auto edges = makeMemArray1D(std::vector<Edge>{{1, 2}, {5, 5}});
+    for (const Triangle& other : {Triangle(4, 2, 1), Triangle(2, 4, 1)}) {
+        Triangle first(3, 1, 2), second = other;
+        OrientTriangleEdges(first, second, *edges, 0);
+        EXPECT_EQ(first, Triangle(1, 2, 3));
+        EXPECT_EQ(second, Triangle(2, 1, 4));
+    }
+    Triangle first(3, 1, 2), elsewhere(6, 2, 7);
+    for (const unsigned edge : {0u, 1u, 2u}) OrientTriangleEdges(first, elsewhere, *edges, edge);
+    EXPECT_EQ(first, Triangle(3, 1, 2));
+}
+
+TEST(SurfaceRefinementTest, MidpointsOnSpheres) {
+    const PhysicalSpace::point p(2, 0, 0), q(0, 2, 0), origin;
+    EXPECT_EQ(midpoint(p, q), PhysicalSpace::point(1, 1, 0));
+    const auto projected = midpoint(p, q, 1.0, origin);
+    EXPECT_NEAR(projected[0], std::sqrt(0.5), 1e-15);
+    EXPECT_NEAR(projected[1], std::sqrt(0.5), 1e-15);
+    // With another centre, (1, 1, 0) itself is scaled, by 10 over its distance 2 from (1, 1, 2).
+    EXPECT_EQ(midpoint(p, q, 10.0, {1, 1, 2}), PhysicalSpace::point(5, 5, 0));
+    EXPECT_FALSE(std::isfinite(midpoint(p, q, 1.0, {1, 1, 0})[0]));
+    EXPECT_FALSE(std::isfinite(midpoint(p, q, 1.0, {1, 1, 0})[2]));
+}
+
+} // namespace

@@ -1,0 +1,183 @@
+#include <baseop/TangentialVectors.hpp>
+#include <model/vantle/GridKinds.hpp>
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <numbers>
+
+namespace {
+
+using namespace Vantle;
+using Hestra::StrongPtr;
+using Orvix::PhysicalSpace;
+using Computer = TangentialVectorsAndCurveParameter;
+using Lists = std::vector<std::vector<index_t>>;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+constexpr const char* kNone = "Nooo.........valid tangential fields found.\n";
+constexpr const char* kSome =
+    "Noooo... field exist, but no maxlen attribute, or valid tangential vectors or curve parameters.\n";
+constexpr const char* kAll = "Yay, have tangential vectors, curves, and maxlen, nothing to be done.\n";
+const std::string kComputed = "baseop/TangentialVectors Compute Tangential Vectors\n"
+                              "baseop/TangentialVectors Compute Tangential Vectors DONE\n";
+
+Computer computed(std::vector<PhysicalSpace::point> points, Lists curves) {
+    Computer result;
+    result.compute(*makeMemArray1D(std::move(points)), *makeMemArray1D(std::move(curves)));
+    return result;
+}
+
+TEST(TangentialVectorsTest, SegmentsGiveDirectionAndLength) {
+    const Computer one = computed({{0, 0, 0}, {3, 4, 0}}, {{0, 1}});
+    for (const index_t v : {0, 1})
+        EXPECT_EQ(one.tangents()->element(v), PhysicalSpace::vector(3 * (1.0 / 5), 4 * (1.0 / 5), 0));
+    EXPECT_EQ(one.curveParameters()->getChunk()->base_vector(), (std::vector<double>{0, 5}));
+    EXPECT_EQ(one.maximalLength(), 5.0);
+
+    // A bend: the backward direction; a later curve through vertex 1 overwrites it; a closed one its beginning.
+    const Computer more = computed({{0, 0, 0}, {2, 0, 0}, {2, 3, 0}, {2, 0, 4}}, {{0, 1, 2}, {3, 1}, {2, 0, 2}});
+    EXPECT_EQ(more.tangents()->element(1), PhysicalSpace::vector(0, 0, -1));
+    EXPECT_EQ(more.curveParameters()->element(1), 4.0);
+    EXPECT_NEAR(more.curveParameters()->element(2), 2 * std::sqrt(13.0), 1e-14);
+    EXPECT_NEAR(more.tangents()->element(2)[1], 3 / std::sqrt(13.0), 1e-15);
+    EXPECT_NEAR(more.maximalLength(), 2 * std::sqrt(13.0), 1e-14);
+    // Lengths whose squares are out of range.
+    EXPECT_DOUBLE_EQ(computed({{0, 0, 0}, {3e200, 4e200, 0}}, {{0, 1}}).maximalLength(), 5e200);
+}
+
+// The length of an inscribed polygon falls short of the circle by a fraction h^2 / 24, where h is the angle of a
+// segment.
+TEST(TangentialVectorsTest, ArcLengthOfACircleConvergesQuadratically) {
+    double before = 0.0;
+    for (const int n : {16, 32, 64, 128}) {
+        std::vector<PhysicalSpace::point> points;
+        std::vector<index_t> curve;
+        for (int i = 0; i <= n; ++i) {
+            const double angle = 2 * std::numbers::pi * i / n;
+            points.emplace_back(std::cos(angle), std::sin(angle), 7.0);
+            curve.push_back(index_t(i));
+        }
+        const Computer circle = computed(points, {curve});
+        const double error = 2 * std::numbers::pi - circle.maximalLength();
+        const double h = 2 * std::numbers::pi / n;
+        EXPECT_NEAR(error, 2 * std::numbers::pi * h * h / 24, 0.01 * error);
+        if (before > 0) {
+            EXPECT_NEAR(before / error, 4.0, 0.05);
+        }
+        before = error;
+        for (index_t i = 0; i <= index_t(n); ++i) {
+            EXPECT_NEAR(length(circle.tangents()->element(i)), 1.0, 1e-15);
+            EXPECT_NEAR(circle.curveParameters()->element(i), circle.maximalLength() * double(i) / n, 1e-13);
+        }
+    }
+}
+
+TEST(TangentialVectorsTest, UnusableCurvesAndSegments) {
+    const std::vector<PhysicalSpace::point> points{{0, 0, 0}, {1, 0, 0}, {1, 0, 0}, {1, 2, 0}, {9, 9, 9}};
+    const Computer skipped = computed(points, {{}, {3}, {0, 1, 5}, {0, ~0ULL}});
+    for (index_t v = 0; v < points.size(); ++v) {
+        EXPECT_EQ(skipped.tangents()->element(v), PhysicalSpace::vector());
+        EXPECT_EQ(skipped.curveParameters()->element(v), 0.0);
+    }
+    EXPECT_EQ(skipped.maximalLength(), 0.0);
+
+    const Computer stops = computed(points, {{0, 1, 2, 3}});
+    EXPECT_TRUE(std::isnan(stops.tangents()->element(2)[0]));
+    EXPECT_EQ(stops.tangents()->element(1), PhysicalSpace::vector(1, 0, 0));
+    EXPECT_EQ(stops.tangents()->element(3), PhysicalSpace::vector(0, 1, 0));
+    EXPECT_EQ(stops.curveParameters()->getChunk()->base_vector(), (std::vector<double>{0, 1, 1, 3, 0}));
+    const Computer begins = computed(points, {{1, 2}});
+    EXPECT_TRUE(std::isnan(begins.tangents()->element(1)[0]) && std::isnan(begins.tangents()->element(2)[0]));
+    EXPECT_EQ(begins.maximalLength(), 0.0);
+    EXPECT_EQ(computed({}, {{0, 1}}).tangents()->nElements(), 0u);
+}
+
+template<class Index>
+StrongPtr<Grid> curveGrid() {
+    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    const StrongPtr<LineSet::Points> points =
+        makeMemArray1D(std::vector<PhysicalSpace::point>{{0, 0, 0}, {3, 4, 0}, {0, 0, 1}});
+    const StrongPtr<MemArray<1, std::vector<Index>>> curves =
+        makeMemArray1D(std::vector<std::vector<Index>>{{0, 1}, {1, 2, 0}});
+    (void)LineSet(grid, points, curves);
+    return grid;
+}
+
+std::string messages(Grid& grid, double expectedLength) {
+    CaptureStdout();
+    const Computer result(grid, "Positions", "");
+    EXPECT_NEAR(result.maximalLength(), expectedLength, 1e-14);
+    EXPECT_EQ(result.tangents()->nElements(), 3u);
+    return GetCapturedStdout();
+}
+
+TEST(TangentialVectorsTest, ResultsAreCachedUntilSomethingMoves) {
+    const double size = std::sqrt(26.0) + 1.0;
+    const StrongPtr<Grid> grid = curveGrid<index_t>();
+    EXPECT_EQ(messages(*grid, size), kNone + kComputed);
+    EXPECT_EQ(messages(*grid, size), kAll);
+    const auto vertices = grid->getCartesianRepresentation();
+    const auto tangents = vertices->findField("Tangents");
+    ASSERT_TRUE(tangents && vertices->findField("length"));
+    EXPECT_TRUE(getTangentialVectors(*grid) == tangents->getData());
+
+    // The vertices move: twice as far apart.
+    const auto positions =
+        dynamic_cast<MemArray<1, PhysicalSpace::point>*>(grid->CartesianPositions()->getData().rawptr());
+    for (index_t v = 0; v < 3; ++v)
+        for (int d = 0; d < 3; ++d) positions->element(v)[d] *= 2.0;
+    EXPECT_EQ(messages(*grid, size), kAll) << "nobody was told";
+    grid->CartesianPositions()->touch();
+    EXPECT_EQ(messages(*grid, 2 * size), kSome + kComputed);
+    EXPECT_EQ(messages(*grid, 2 * size), kAll);
+    LineSet(grid).curves()->touch();
+    EXPECT_EQ(messages(*grid, 2 * size), kSome + kComputed) << "other curves";
+
+    const auto creator = vertices->findField("Tangents")->getCreator(nullptr);
+    creator->setAttribute("maxlen", StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<float>{1.0F}));
+    EXPECT_EQ(messages(*grid, 2 * size), kSome + kComputed) << "a length of another type";
+    vertices->setField("length", nullptr);
+    EXPECT_EQ(messages(*grid, 2 * size), kSome + kComputed);
+    vertices->findField("length")->setPersistentData(MemArray<1, float>::create({3}));
+    EXPECT_EQ(messages(*grid, 2 * size), kSome + kComputed);
+    vertices->findField("Tangents")->removeData();
+    EXPECT_EQ(messages(*grid, 2 * size), kSome + kComputed);
+    EXPECT_EQ(messages(*curveGrid<unsigned int>(), size), kNone + kComputed) << "indices of 32 bits";
+}
+
+// Each part of the grid is missing in turn, in the order in which they are looked for.
+TEST(TangentialVectorsTest, MissingPartsHaveExceptions) {
+    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    const auto attempt = [&] { Computer(*grid, "Positions", ""); };
+    CaptureStdout();
+    EXPECT_THROW(attempt(), Computer::NoVertices);
+    const auto vertices = grid->makeVertices(1);
+    EXPECT_THROW(attempt(), Computer::NoVertexField);
+    const auto representation = grid->makeCartesianRepresentation(1);
+    EXPECT_THROW(attempt(), Computer::NoVertexField);
+    representation->setPositions(Hestra::makeRef<Field>());
+    EXPECT_THROW(attempt(), Computer::NoVertexFieldCreator);
+    const auto positions = representation->Positions();
+    positions->createCreator([](const auto&) { return StrongPtr<MemBase>(); }, typeid(PhysicalSpace::point));
+    EXPECT_THROW(attempt(), Computer::NoVertexFieldData);
+    positions->setPersistentData(MemArray<2, PhysicalSpace::point>::create({2, 2}));
+    EXPECT_THROW(attempt(), Computer::NoVertexFieldData);
+    positions->setPersistentData(MemArray<1, PhysicalSpace::point>::create({2}));
+    EXPECT_THROW(attempt(), Computer::NoEdges);
+    const auto edges = (*grid)[SkeletonID(1, 1)];
+    EXPECT_THROW(attempt(), Computer::NoEdgesAsVertices);
+    const auto lists = (*edges)[*vertices];
+    EXPECT_THROW(attempt(), Computer::NoEdgePositions);
+    lists->setPositions(Hestra::makeRef<Field>());
+    EXPECT_THROW(attempt(), Computer::NoEdgePositions);
+    lists->Positions()->setPersistentData(MemArray<1, double>::create({2}));
+    EXPECT_THROW(attempt(), Computer::NoEdgePositions);
+    EXPECT_THROW(Computer(*grid, "elsewhere", ""), Computer::NoVertexField);
+    EXPECT_THROW(Computer(*grid, "Positions", "polar"), Computer::Exception);
+    lists->Positions()->setPersistentData(makeMemArray1D(Lists{{0, 1}}));
+    EXPECT_NO_THROW(attempt());
+    GetCapturedStdout();
+}
+
+} // namespace
