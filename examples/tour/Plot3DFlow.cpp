@@ -1,0 +1,166 @@
+#include "Plot3DFlow.hpp"
+
+#include "io/FileError.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace tour {
+
+using namespace Vantle;
+
+namespace {
+
+constexpr double kHeatRatio = 1.4; // of air, as PLOT3D's own formulas for the pressure have it
+
+using Values = std::vector<double>;
+
+struct BlockFields {
+    std::vector<std::pair<std::string, Values>> scalars;
+    std::vector<Space::vector> velocity;
+};
+
+BlockFields fieldsOf(const Plot3DSolutionBlock& solution) {
+    const Values& density = solution.fields[0].values;
+    const Values& energy = solution.fields[4].values;
+    const std::size_t count = density.size();
+    BlockFields fields;
+    fields.velocity.resize(count);
+    Values pressure(count), speed(count);
+    for (std::size_t n = 0; n < count; ++n) {
+        const Space::vector momentum(solution.fields[1].values[n], solution.fields[2].values[n],
+                                     solution.fields[3].values[n]);
+        if (density[n] > 0.0) fields.velocity[n] = momentum / density[n];
+        speed[n] = std::sqrt(normSquared(fields.velocity[n]));
+        pressure[n] = (kHeatRatio - 1.0) * (energy[n] - 0.5 * density[n] * normSquared(fields.velocity[n]));
+    }
+    fields.scalars = {{"density", density}, {"pressure", pressure}, {"speed", speed}, {"energy", energy}};
+    return fields;
+}
+
+BlockFields fieldsOf(const Plot3DBlock& block) { return {{{"x", block.x}, {"y", block.y}, {"z", block.z}}, {}}; }
+
+std::vector<bool> blankedVertices(const Plot3DBlock& block) {
+    std::vector<bool> blanked;
+    if (block.blanking && std::count(block.blanking->begin(), block.blanking->end(), 0) > 0)
+        for (const int mark : *block.blanking) blanked.push_back(mark == 0);
+    return blanked;
+}
+
+void coverBlanked(Values& values, const std::vector<bool>& blanked) {
+    double least = std::numeric_limits<double>::infinity();
+    for (std::size_t n = 0; n < values.size(); ++n)
+        if (!blanked[n]) least = std::min(least, values[n]);
+    for (std::size_t n = 0; n < values.size(); ++n)
+        if (blanked[n]) values[n] = least;
+}
+
+// Faces of a block on which the flow sticks.
+Mesh wallsOf(const MemArray<3, Space::point>& positions, const std::vector<Space::vector>& velocity, double still) {
+    const MultiIndex<3> size = positions.Size();
+    Mesh wall;
+    std::vector<index_t> number(positions.nElements(), ~index_t{0});
+    const auto corner = [&](const MultiIndex<3>& at) {
+        index_t& n = number[at.linear(size)];
+        if (n == ~index_t{0}) {
+            const Space::point& p = positions[at];
+            n = wall.points.size();
+            wall.points.push_back({p[0], p[1], p[2]});
+        }
+        return n;
+    };
+    for (int axis = 0; axis < 3; ++axis) {
+        const int u = (axis + 1) % 3, v = (axis + 2) % 3;
+        for (const index_t layer : {index_t{0}, size[axis] - 1}) {
+            if (layer == 0 ? size[axis] == 0 : size[axis] < 2) continue;
+            MultiIndex<3> at;
+            at[axis] = layer;
+            for (at[v] = 0; at[v] + 1 < size[v]; ++at[v])
+                for (at[u] = 0; at[u] + 1 < size[u]; ++at[u]) {
+                    std::array<MultiIndex<3>, 4> quad = {at, at, at, at};
+                    ++quad[1][u], ++quad[2][u], ++quad[2][v], ++quad[3][v];
+                    const bool sticks = std::all_of(quad.begin(), quad.end(), [&](const MultiIndex<3>& vertex) {
+                        return normSquared(velocity[vertex.linear(size)]) <= still * still;
+                    });
+                    if (!sticks) continue;
+                    const index_t c[4] = {corner(quad[0]), corner(quad[1]), corner(quad[2]), corner(quad[3])};
+                    wall.triangles.push_back({c[0], c[1], c[2]});
+                    wall.triangles.push_back({c[0], c[2], c[3]});
+                }
+        }
+    }
+    return wall;
+}
+
+} // namespace
+
+DataSet readPlot3DFlow(const Options& options) {
+    const std::filesystem::path& file = *options.gridFile;
+    const Plot3DGrid grid = readPlot3DGrid(file, options.form);
+    std::optional<Plot3DSolution> solution;
+    if (options.solutionFile) solution = readPlot3DSolution(*options.solutionFile, grid, options.form);
+
+    DataSet data;
+    data.title = "PLOT3D grid " + oneLine(file.filename().string());
+    if (solution) data.title += ", solution " + oneLine(options.solutionFile->filename().string());
+    data.remarks.push_back("grid: " + describe(grid.form));
+    if (solution) data.remarks.push_back("solution: " + describe(solution->form));
+    data.bundle = BundlePtr::create();
+    data.slice = data.bundle[solution && std::isfinite(solution->blocks[0].time) ? solution->blocks[0].time : 0.0];
+    data.grid = RegularGrid3D((*data.slice)["flow"]);
+    data.hasVelocity = solution.has_value();
+
+    double fastest = 0.0, least = std::numeric_limits<double>::infinity(), greatest = -least;
+    std::vector<std::pair<Hestra::StrongPtr<MemArray<3, Space::point>>, std::vector<Space::vector>>> wallCandidates;
+    for (std::size_t b = 0; b < grid.blocks.size(); ++b) {
+        const Plot3DBlock& block = grid.blocks[b];
+        const MultiIndex<3> size{static_cast<index_t>(block.extents[0]), static_cast<index_t>(block.extents[1]),
+                                 static_cast<index_t>(block.extents[2])};
+        std::string name = "block";
+        name += std::to_string(b + 1);
+        const std::vector<bool> blanked = blankedVertices(block);
+        if (!blanked.empty() && std::find(blanked.begin(), blanked.end(), false) == blanked.end()) {
+            data.remarks.push_back(name + " is blanked as a whole and left out");
+            continue;
+        }
+        BlockFields fields = solution ? fieldsOf(solution->blocks[b]) : fieldsOf(block);
+
+        const auto positions = MemArray<3, Space::point>::create(size);
+        for (std::size_t n = 0; n < block.x.size(); ++n)
+            positions->element(n) = Space::point(block.x[n], block.y[n], block.z[n]);
+        const auto fragment = data.grid.addBlock(name, positions);
+        for (auto& [field, values] : fields.scalars) {
+            if (!blanked.empty()) coverBlanked(values, blanked);
+            if (field == "density")
+                for (const double value : values) least = std::min(least, value), greatest = std::max(greatest, value);
+            data.grid.setField(field, MemArray<3, double>::makeMemArray(std::move(values), size), fragment);
+        }
+        if (solution) {
+            data.grid.setField(kVelocity, MemArray<3, Space::vector>::makeMemArray(fields.velocity, size), fragment);
+            for (const Space::vector& v : fields.velocity) fastest = std::max(fastest, normSquared(v));
+            wallCandidates.emplace_back(positions.strong(), std::move(fields.velocity));
+        }
+        if (!blanked.empty()) data.blanked.emplace(name, blanked);
+    }
+    if (!data.grid.positions()->nFragments()) throw FileError(file, "blanking", "no vertex of any block counts");
+
+    fastest = std::sqrt(fastest);
+    for (const auto& [positions, velocity] : wallCandidates)
+        if (Mesh wall = wallsOf(*positions, velocity, 1e-6 * fastest); !wall.triangles.empty())
+            data.walls.push_back(std::move(wall));
+
+    if (solution)
+        data.scalars = {"density", "pressure", "speed", "energy"};
+    else
+        data.scalars = {"x", "y", "z"};
+    data.field = data.scalars[0];
+    // PLOT3D measures density in that of the free stream: a quarter above, the front of a shock shows.
+    constexpr double kShock = 1.25;
+    if (solution && least < kShock && kShock < greatest) data.level = kShock;
+    data.colourField = solution ? "speed" : "z";
+    data.view = {{0.7, -0.75, -0.45}, {0.0, 0.0, 1.0}};
+    return data;
+}
+
+} // namespace tour

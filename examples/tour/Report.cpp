@@ -1,0 +1,80 @@
+#include "Report.hpp"
+
+#include "io/FileError.hpp"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <unistd.h>
+
+namespace tour {
+
+namespace {
+
+constexpr std::size_t kColumn = 22, kTimeEnd = 94;
+
+// At least one blank, so that neighbours stay apart.
+void padTo(std::size_t width, std::string& text) { text.append(text.size() < width ? width - text.size() : 1, ' '); }
+
+std::string inColumns(const std::vector<std::string>& cells) {
+    std::string text("  ");
+    for (std::size_t n = 0; n < cells.size(); ++n) {
+        if (n > 0) padTo(2 + n * kColumn, text);
+        text += cells[n];
+    }
+    return text;
+}
+
+} // namespace
+
+void Report::line(const std::string& text) {
+    const std::string bytes = text + "\n";
+    for (std::size_t written = 0; written < bytes.size();) {
+        const ssize_t now = ::write(descriptor_, bytes.data() + written, bytes.size() - written);
+        if (now < 0 && errno == EINTR) continue;
+        if (now < 0) throw FileError("standard output", "cannot write", std::strerror(errno));
+        written += static_cast<std::size_t>(now);
+    }
+}
+
+void Report::section(const std::string& title) { line("\n" + title); }
+
+void Report::row(const std::string& what, const std::string& value, std::optional<double> seconds) {
+    std::string text = inColumns({what, value});
+    if (seconds) {
+        const std::string time = duration(*seconds);
+        padTo(kTimeEnd - std::min(kTimeEnd, time.size()), text);
+        text += time;
+    }
+    line(text);
+}
+
+void Report::columns(const std::vector<std::string>& cells) { line(inColumns(cells)); }
+
+double Stopwatch::lap() {
+    const double gone = seconds();
+    start_ = std::chrono::steady_clock::now();
+    return gone;
+}
+
+std::string number(double value, int digits) {
+    std::array<char, 40> buffer;
+    std::snprintf(buffer.data(), buffer.size(), "%.*g", digits, value == 0.0 ? 0.0 : value); // no "-0"
+    return buffer.data();
+}
+
+std::string count(unsigned long long value) {
+    std::string digits = std::to_string(value);
+    for (std::size_t at = digits.size(); at > 3; at -= 3) digits.insert(at - 3, 1, ' ');
+    return digits;
+}
+
+std::string duration(double seconds) {
+    if (seconds < 1e-3) return number(1e6 * seconds, 3) + " us";
+    if (seconds < 1.0) return number(1e3 * seconds, 3) + " ms";
+    return number(seconds, 3) + " s";
+}
+
+} // namespace tour

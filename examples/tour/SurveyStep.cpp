@@ -1,0 +1,83 @@
+#include "Steps.hpp"
+
+#include <baseop/DataRange.hpp>
+#include <baseop/ExpandBBox.hpp>
+#include <baseop/FragmentSkeleton.hpp>
+
+#include <algorithm>
+#include <optional>
+
+namespace tour {
+
+using namespace Vantle;
+
+namespace {
+
+constexpr index_t kFragmentsListed = 12;
+
+std::string text(const Space::point& p) {
+    std::string numbers("(");
+    return numbers + number(p[0]) + ", " + number(p[1]) + ", " + number(p[2]) + ")";
+}
+
+std::string text(const Hestra::StrongPtr<Orvix::BoundingBox>& box) {
+    return box ? text(box->minCoord()) + " - " + text(box->maxCoord()) : "none";
+}
+
+std::string text(const MultiIndex<3>& size) {
+    return std::to_string(size[0]) + " x " + std::to_string(size[1]) + " x " + std::to_string(size[2]);
+}
+
+std::string text(const std::optional<ValueRange>& range) {
+    return range ? number(range->first) + " to " + number(range->second) : "none";
+}
+
+std::optional<ValueRange> fragmentRange(const Field& field, const Hestra::StrongPtr<FragmentID>& fragment) {
+    const auto creator = field.getCreator(fragment);
+    if (!creator) return {};
+    const auto range = DataRange<double>::retrieve(*creator, false, false).lock();
+    if (!range) return {};
+    return ValueRange{range->getMin(), range->getMax()};
+}
+
+} // namespace
+
+std::optional<ValueRange> fieldRange(const Field& field) {
+    std::optional<ValueRange> all;
+    field.iterate([&](const auto& fragment, const auto&) {
+        if (const auto range = fragmentRange(field, fragment))
+            all = all ? ValueRange{std::min(all->first, range->first), std::max(all->second, range->second)} : *range;
+        return true;
+    });
+    return all;
+}
+
+void survey(const Tour& tour) {
+    const DataSet& data = tour.data;
+    Report& report = tour.report;
+    report.section("Boxes, ranges, fragments");
+
+    Stopwatch watch;
+    const auto box = getBoundingBox(data.grid.positions());
+    report.row("box", text(box), watch.lap());
+    for (const std::string& name : data.scalars) {
+        const auto range = fieldRange(*data.grid.field(name));
+        report.row(name, text(range), watch.lap());
+    }
+    CartesianFragments fragments(data.grid.grid());
+    fragments.buildFragmentCoordinates();
+    const index_t total = data.grid.positions()->nFragments();
+    report.row("fragments", count(total), watch.lap());
+
+    const auto field = data.grid.field(data.field);
+    report.columns({"  name", "vertices", data.field, "box"});
+    for (index_t n = 0; n < std::min(total, kFragmentsListed); ++n) {
+        const auto fragment = fragments.getFragmentID(n);
+        const auto size = getSize(*data.grid.positions()->getCreator(fragment)).as<3>();
+        report.columns({"  " + fragments.getFragmentName(n), size ? text(*size) : "?",
+                        text(fragmentRange(*field, fragment)), text(fragments.getBBox(n))});
+    }
+    if (total > kFragmentsListed) report.line("    ... and " + count(total - kFragmentsListed) + " more");
+}
+
+} // namespace tour

@@ -1,0 +1,89 @@
+// A walk over the library, from data to files and pictures. See usage() for what it can be told.
+
+#include "Messages.hpp"
+#include "Options.hpp"
+#include "Report.hpp"
+#include "Steps.hpp"
+#include "io/AtomicFile.hpp"
+#include "io/FileError.hpp"
+#include "io/Gnuplot.hpp"
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <new>
+#include <omp.h>
+#include <system_error>
+
+namespace tour {
+
+namespace {
+
+constexpr int kSuccess = 0, kBadData = 1, kBadUsage = 2;
+
+// Found out before the work, not after it.
+void prepareFolder(const std::filesystem::path& folder) {
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    if (error) throw FileError(folder, "", "cannot make this folder: " + error.message());
+    if (!std::filesystem::is_directory(folder)) throw FileError(folder, "", "is not a folder");
+    const AtomicFile attempt(folder / "tour.log");
+}
+
+void run(const Options& options) {
+    if (options.threads > 0) omp_set_num_threads(options.threads);
+    Stopwatch watch;
+    const DataSet data = makeDataSet(options);
+    const double seconds = watch.lap();
+    prepareFolder(options.output);
+
+    Messages messages;
+    Report report(messages.original());
+    report.line(data.title);
+    for (const std::string& remark : data.remarks) report.line("  " + remark);
+    report.row("made", "on " + std::to_string(omp_get_max_threads()) + " threads", seconds);
+
+    Tour tour{data, options, report, gnuplotAvailable()};
+    if (!tour.pictures) report.line("  no pictures: there is no gnuplot on the search path");
+    survey(tour);
+    extractSurface(tour);
+    evaluateUniformly(tour);
+    takeDerivatives(tour);
+
+    messages.finish();
+    const std::string summary = messages.summary();
+    AtomicFile log(tour.file("tour.log"));
+    log.write(summary.data(), summary.size());
+    log.commit();
+    report.line("");
+    report.row("tour.log",
+               "the " + count(messages.lines()) + " lines that the library printed meanwhile, different ones once");
+}
+
+int complain(const std::string& reason, int status) {
+    std::cerr << "tour: " + oneLine(reason) + "\n";
+    return status;
+}
+
+} // namespace
+
+} // namespace tour
+
+int main(int argc, char** argv) {
+    using namespace tour;
+    try {
+        const Options options = parseOptions({argv + std::min(argc, 1), argv + argc});
+        if (options.help)
+            std::cout << usage() << std::flush;
+        else
+            run(options);
+        return kSuccess;
+    } catch (const UsageError& error) {
+        return complain(std::string(error.what()) + " (see --help)", kBadUsage);
+    } catch (const std::bad_alloc&) {
+        return complain("not enough memory", kBadData);
+    } catch (const std::exception& error) {
+        return complain(error.what(), kBadData);
+    }
+}
