@@ -22,7 +22,8 @@ unsigned int plainQuery(const TreeCellMapper& mapper, const Vector& scale, doubl
     for (int d = 0; d < 3; ++d) half[d] = scale[d] * mapper.maximalEdgeExtents()[d];
     std::multimap<double, MultiIndex<3>> cells;
     mapper.tree()->find_nearest_Manhatten(cells, P, half);
-    for (const auto& [distance, C] : cells) {
+    for (const auto& entry : cells) {
+        const MultiIndex<3>& C = entry.second;
         const auto corner = [&](int i, int j, int k) { return block[C + MultiIndex<3>(i, j, k)]; };
         Point q;
         Orvix::cuboidToUnitCube(q, P, corner(0, 0, 0), corner(0, 0, 1), corner(0, 1, 0), corner(1, 0, 0),

@@ -229,7 +229,9 @@ TEST(UniGridMapperTest, TakesOneLinearStep) {
 }
 
 TEST(UniGridMapperTest, SolvesAsWrittenDownPlainly) {
-    for (const auto& [name, block] : roughBlocks()) {
+    for (const RoughBlock& rough : roughBlocks()) {
+        const std::string& name = rough.name;
+        const BlockPtr& block = rough.block;
         if (block->Size()[1] < 2) continue;
         std::mt19937_64 random(3);
         for (const Point& p : probes(*block, 60, 9)) {
@@ -251,7 +253,9 @@ TEST(UniGridMapperTest, SolvesAsWrittenDownPlainly) {
 }
 
 TEST(UniGridMapperTest, MeasuresAndListsAsWrittenDownPlainly) {
-    for (const auto& [name, block] : roughBlocks()) {
+    for (const RoughBlock& rough : roughBlocks()) {
+        const std::string& name = rough.name;
+        const BlockPtr& block = rough.block;
         if (name == "infinite" || name == "no cells") continue;
         const MultiIndex<3> n = block->Size();
         Orvix::BoundingBox box;
