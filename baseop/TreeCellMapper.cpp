@@ -69,11 +69,19 @@ unsigned int TreeCellMapper::localCoordinates(point& uvw, tvector& extent, const
     VANTLE_SCOPE("TreeCellMapper::localCoordinates(uvw, extent, P)");
     const vector halfWidths(myScale[0] * myMaximalExtents[0], myScale[1] * myMaximalExtents[1],
                             myScale[2] * myMaximalExtents[2]);
-    std::multimap<double, MultiIndex3> found;
-    myTree->find_nearest_Manhatten(found, P, halfWidths);
-    for (const auto& [distance, cell] : found)
-        if (tryCell(uvw, P, cell)) return accept(uvw, extent, cell, foundCell);
-    return 0;
+    // The nearest cell that has the point; of several at one distance, the one visited first.
+    double nearest = 0.0;
+    bool isFound = false;
+    MultiIndex3 found;
+    point local;
+    myTree->forEachInBox(P, halfWidths, [&](const MultiIndex3& cell, double distance) {
+        if ((isFound && !(distance < nearest)) || !tryCell(local, P, cell)) return;
+        nearest = distance;
+        isFound = true;
+        found = cell;
+        uvw = local;
+    });
+    return isFound ? accept(uvw, extent, found, foundCell) : 0;
 }
 
 unsigned int TreeCellMapper::accept(point& uvw, tvector& extent, const MultiIndex3& cell,

@@ -17,7 +17,9 @@
 ///
 /// Degenerate   cells whose keys have a NaN, and cells whose frame is degenerate, are never found.
 /// Concurrency  immutable once constructed: queries may come from any number of threads.
-/// Cost         about 80 bytes a cell. A query maps the few cells that can accept the point; nothing is allocated.
+/// Cost         56 bytes a cell for the tree. A query maps the cells whose keys are within reach until a nearer one has
+///              the point: a few dozen where cells are of one size, most of the block where they differ by orders of
+///              magnitude. Nothing is allocated as long as the tree is shallow.
 class VANTLE_BASEOP_API TreeCellMapper : public Hestra::ReferenceBase<TreeCellMapper> {
 public:
     using point = Orvix::PhysicalSpace::point;

@@ -25,9 +25,10 @@
 ///              query that tries one prints "WHAT?" 102 times.
 /// Failure      messages on standard output, and a `false` or 0 result.
 /// Concurrency  immutable once constructed: queries may come from any number of threads.
-/// Cost         4 bytes an entry of a list (about ten a cell at resolution 1) and 4 bytes a unicell, and as much as
-///              the vertices for the boxes that tell queries which cells of a list can react at all. A query tries one
-///              or two cells, however long the list is; nothing is allocated.
+/// Cost         4 bytes an entry of a list, 4 bytes a unicell, and 18 bytes a cell for the boxes that tell queries
+/// which
+///              cells of a list can react at all. A query tries one to three cells, however long the list is; nothing
+///              is allocated.
 class VANTLE_BASEOP_API UniGridMapper : public Hestra::ReferenceBase<UniGridMapper> {
 public:
     using point = Orvix::PhysicalSpace::point;

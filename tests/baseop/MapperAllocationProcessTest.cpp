@@ -2,6 +2,7 @@
 #include "support/RoughBlocks.hpp"
 
 #include <baseop/ExactCellLocator.hpp>
+#include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 
 #include <gtest/gtest.h>
@@ -15,15 +16,18 @@ TEST(MapperAllocationTest, QueriesAllocateNothing) {
     testing::internal::CaptureStdout();
     const UniGridMapper mapper(block, 1.0, 0.01);
     testing::internal::GetCapturedStdout();
+    const TreeCellMapper tree(block, {1.5, 1.5, 1.5}, 0.02, 13);
     const Vantle::ExactCellLocator exact(block);
     std::vector<Point> points;
     for (const Point& index : randomIndices(*block, 500, 1)) points.push_back(positionIn(*block, index));
     points.push_back(Point(0.1, 0.4, 0.5)); // in the box, and not in the block
     Point uvw;
+    Orvix::PhysicalSpace::vector extent;
     EXPECT_EQ(allocationsOf([&] {
                   for (const Point& P : points) {
                       (void)mapper.localCellCoordinatesFromCurviGrid(P, uvw, 0.02);
                       (void)mapper.localCellCoordinatesFromCurviGridProjective(P, uvw, 0.02);
+                      (void)tree.localCoordinates(uvw, extent, P);
                       (void)exact.locate(P, uvw);
                   }
               }),
