@@ -62,7 +62,19 @@ Hestra::StrongPtr<Field> indexDerivative(const DataSet& data, const std::string&
     return derivative;
 }
 
-// Calls take(node) for every vertex.
+// Whether the differences at a vertex, or the vertex itself, have to do with vertices that do not count.
+bool touchesBlanked(const std::vector<bool>& blanked, const MultiIndex<3>& at, const MultiIndex<3>& size) {
+    if (blanked[at.linear(size)]) return true;
+    for (int axis = 0; axis < 3; ++axis) {
+        MultiIndex<3> below = at, above = at;
+        if (at[axis] > 0) --below[axis];
+        if (at[axis] + 1 < size[axis]) ++above[axis];
+        if (blanked[below.linear(size)] || blanked[above.linear(size)]) return true;
+    }
+    return false;
+}
+
+// Calls take(node) for every vertex whose derivatives rest on vertices that count.
 void forNodes(const DataSet& data, const std::function<void(const Node&)>& take) {
     const auto positions = data.grid.positions();
     const auto alongPositions = indexDerivative(data, kPositionsName);
@@ -76,7 +88,7 @@ void forNodes(const DataSet& data, const std::function<void(const Node&)>& take)
         const MultiIndex<3> size = points->Size();
         MultiIndex<3> at;
         do {
-            if (found != data.blanked.end() && found->second[at.linear(size)]) continue;
+            if (found != data.blanked.end() && touchesBlanked(found->second, at, size)) continue;
             Node node{(*points)[at], {}, 0.0, false, false};
             const Gradient& tensor = (*edges)[at];
             node.volume = dot(rowOf(tensor, 0), cross(rowOf(tensor, 1), rowOf(tensor, 2)));

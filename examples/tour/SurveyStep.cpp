@@ -1,4 +1,5 @@
 #include "Steps.hpp"
+#include "io/Progress.hpp"
 
 #include <baseop/DataRange.hpp>
 #include <baseop/ExpandBBox.hpp>
@@ -57,6 +58,7 @@ void survey(const Tour& tour) {
     Report& report = tour.report;
     report.section("Boxes, ranges, fragments");
 
+    const Progress progress("boxes and ranges");
     Stopwatch watch;
     const auto box = getBoundingBox(data.grid.positions());
     report.row("box", text(box), watch.lap());

@@ -7,6 +7,7 @@
 #include "io/AtomicFile.hpp"
 #include "io/FileError.hpp"
 #include "io/Gnuplot.hpp"
+#include "io/Progress.hpp"
 
 #include <algorithm>
 #include <cstdio>
@@ -34,7 +35,10 @@ void prepareFolder(const std::filesystem::path& folder) {
 void run(const Options& options) {
     if (options.threads > 0) omp_set_num_threads(options.threads);
     Stopwatch watch;
-    const DataSet data = makeDataSet(options);
+    const DataSet data = [&] {
+        const Progress progress("data");
+        return makeDataSet(options);
+    }();
     const double seconds = watch.lap();
     prepareFolder(options.output);
 
