@@ -3,7 +3,10 @@
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
+#include <type_traits>
 #include <utility>
 
 namespace Vantle {
@@ -24,41 +27,42 @@ bool contains(const Triangle& triangle, unsigned int vertex) noexcept {
     return triangle[0] == vertex || triangle[1] == vertex || triangle[2] == vertex;
 }
 
-/// The sides of triangles, found by their vertices. Each is kept with its lower vertex, in ascending order of faces.
+/// The sides of triangles, found by their lower vertex, each bucket in ascending order of faces.
+///
+/// Usually each vertex has a bucket of its own (`Dense`). Where few vertices have large numbers, they share some.
+template<bool Dense>
 class SidesByVertex {
 public:
-    SidesByVertex(const MemArray<1, Triangle>& triangles, index_t faces) {
-        unsigned int largest = 0;
-        for (index_t f = 0; f < faces; ++f)
-            for (const unsigned int vertex : triangles[MultiIndex<1>(f)]) largest = std::max(largest, vertex);
-        // Usually each vertex has a bucket of its own. Where few vertices have large numbers, they share some.
-        std::size_t buckets = std::size_t{largest} + 1;
-        if (buckets > 8 * faces + 64) {
-            for (buckets = 64; buckets < 2 * faces;) buckets *= 2;
-            myMask = buckets - 1;
-        }
-
-        myBegin.assign(buckets + 1, 0);
-        forEachSide(triangles, faces, [&](std::size_t bucket, const Side&) { ++myBegin[bucket + 1]; });
-        for (std::size_t b = 0; b < buckets; ++b) myBegin[b + 1] += myBegin[b];
-        mySides.resize(myBegin[buckets]);
-        std::vector<std::size_t> next(myBegin.begin(), myBegin.end() - 1);
-        forEachSide(triangles, faces, [&](std::size_t bucket, const Side& side) { mySides[next[bucket]++] = side; });
+    SidesByVertex(const Triangle* triangles, index_t faces, std::size_t buckets) : myBegin(buckets + 2, 0) {
+        if constexpr (!Dense) myMask = buckets - 1; // a power of two
+        forEachSide(triangles, faces,
+                    [&](unsigned int low, unsigned int, unsigned int) { ++myBegin[bucketOf(low) + 2]; });
+        for (std::size_t b = 2; b < myBegin.size(); ++b) myBegin[b] += myBegin[b - 1];
+        mySides.resize(myBegin.back());
+        // Entering the sides moves each beginning to the end of its bucket, which is where the next one begins.
+        forEachSide(triangles, faces, [&](unsigned int low, unsigned int high, unsigned int face) {
+            Side& side = mySides[myBegin[bucketOf(low) + 1]++];
+            side.high = high;
+            side.face = face;
+            if constexpr (!Dense) side.low = low;
+        });
     }
 
     /// The first two faces with this side.
     [[nodiscard]] Edge facesOf(unsigned int p, unsigned int q) const noexcept {
-        const auto [low, high] = std::minmax(p, q);
+        const unsigned int low = std::min(p, q), high = std::max(p, q);
         const std::size_t bucket = bucketOf(low);
         Edge faces(kNoFace, kNoFace);
-        if (bucket + 1 >= myBegin.size()) return faces;
-        for (std::size_t s = myBegin[bucket]; s < myBegin[bucket + 1]; ++s) {
-            const Side& side = mySides[s];
-            if (side.low != low || side.high != high) continue;
+        if (bucket + 2 >= myBegin.size()) return faces;
+        const Side* const end = mySides.data() + myBegin[bucket + 1];
+        for (const Side* side = mySides.data() + myBegin[bucket]; side != end; ++side) {
+            if (side->high != high) continue;
+            if constexpr (!Dense)
+                if (side->low != low) continue;
             if (faces[0] == kNoFace) {
-                faces = Edge(side.face, side.face);
-            } else if (side.face != faces[0]) { // a degenerate triangle has one side twice
-                faces[1] = side.face;
+                faces = Edge(side->face, side->face);
+            } else if (side->face != faces[0]) { // a degenerate triangle has one side twice
+                faces[1] = side->face;
                 break;
             }
         }
@@ -66,21 +70,28 @@ public:
     }
 
 private:
-    struct Side {
-        unsigned int low, high, face;
+    struct DenseSide {
+        unsigned int high, face;
     };
+    struct SparseSide {
+        unsigned int high, face, low;
+    };
+    using Side = std::conditional_t<Dense, DenseSide, SparseSide>;
 
     [[nodiscard]] std::size_t bucketOf(unsigned int vertex) const noexcept {
-        return myMask ? (vertex * std::size_t{0x9E3779B97F4A7C15} >> 32) & myMask : vertex;
+        if constexpr (Dense)
+            return vertex;
+        else
+            return (vertex * std::size_t{0x9E3779B97F4A7C15} >> 32) & myMask;
     }
     template<class F>
-    void forEachSide(const MemArray<1, Triangle>& triangles, index_t faces, const F& f) const {
-        for (index_t face = 0; face < faces; ++face) {
-            const Triangle& t = triangles[MultiIndex<1>(face)];
-            for (int side = 0; side < 3; ++side) {
-                const auto [low, high] = std::minmax(t[side], t[side == 2 ? 0 : side + 1]);
-                f(bucketOf(low), Side{low, high, static_cast<unsigned int>(face)});
-            }
+    static void forEachSide(const Triangle* triangles, index_t faces, const F& f) {
+        for (index_t n = 0; n < faces; ++n) {
+            const auto [a, b, c] = std::array{triangles[n][0], triangles[n][1], triangles[n][2]};
+            const auto face = static_cast<unsigned int>(n);
+            f(std::min(a, b), std::max(a, b), face);
+            f(std::min(b, c), std::max(b, c), face);
+            f(std::min(c, a), std::max(c, a), face);
         }
     }
 
@@ -88,6 +99,21 @@ private:
     std::vector<Side> mySides;
     std::size_t myMask = 0;
 };
+
+/// Fills the entries of all edges that are not mere points; true if some are.
+template<bool Dense>
+bool fillTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, Edge>& edges, index_t count,
+               const SidesByVertex<Dense>& sides) {
+    bool anyPoint = false;
+    for (index_t e = 0; e < count; ++e) {
+        const Edge edge = edges(e);
+        if (edge[0] == edge[1]) [[unlikely]]
+            anyPoint = true;
+        else
+            edgeToFaces(e) = sides.facesOf(edge[0], edge[1]);
+    }
+    return anyPoint;
+}
 
 } // namespace
 
@@ -209,15 +235,17 @@ void GenerateEdge2FacesTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, T
                                  __PRETTY_FUNCTION__);
     const index_t faces = boundedCount(faceCount, triangles.nElements());
     const index_t count = boundedCount(edgeCount, std::min(edges.nElements(), edgeToFaces.nElements()));
-    const SidesByVertex sides(triangles, faces);
-    bool anyPoint = false;
-    for (index_t e = 0; e < count; ++e) {
-        const Edge& edge = edges(e);
-        if (edge[0] == edge[1]) [[unlikely]]
-            anyPoint = true;
-        else
-            edgeToFaces(e) = sides.facesOf(edge[0], edge[1]);
-    }
+    const auto packed = triangles.stride() == 1 ? nullptr : StrongPtr<MemArray<1, Triangle>>(triangles.copy());
+    const Triangle* const elements = packed ? packed->data() : triangles.data();
+    unsigned int largest = 0;
+    for (index_t f = 0; f < faces; ++f)
+        for (const unsigned int vertex : elements[f]) largest = std::max(largest, vertex);
+    bool anyPoint;
+    if (largest <= 8 * faces + 64)
+        anyPoint = fillTable(edgeToFaces, edges, count, SidesByVertex<true>(elements, faces, std::size_t{largest} + 1));
+    else
+        anyPoint =
+            fillTable(edgeToFaces, edges, count, SidesByVertex<false>(elements, faces, std::bit_ceil(2 * faces)));
     if (!anyPoint) return;
 
     // An edge that is a point belongs to all triangles at that vertex, not only to degenerate ones.

@@ -3,6 +3,7 @@
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
+#include <cmath>
 
 namespace Vantle {
 
@@ -16,25 +17,63 @@ namespace {
 
 constexpr const char* kSource = "baseop/TangentialVectors";
 
+/// Whether all indices are less than `count`, which is less than 2^63: otherwise an index, or its distance to the last
+/// valid one, has the highest bit. Without comparisons, for the sake of vector lanes.
+template<class Index>
+bool allBelow(const std::vector<Index>& indices, index_t count) noexcept {
+    index_t bits = 0;
+    for (const Index index : indices) bits |= index_t{index} | (count - 1 - index_t{index});
+    return count > 0 && bits >> 63 == 0;
+}
+
+/// Segments that are worked on at a time.
+constexpr std::size_t kBlock = 128;
+
+/// Lengths of `count` vectors and their reciprocals, to the bit as by `length`. Here vector lanes take several at once:
+/// the divisions are what the whole computation waits for.
+void lengthsOf(const double* x, const double* y, const double* z, std::size_t count, double* __restrict size,
+               double* __restrict reciprocal) noexcept {
+    for (std::size_t i = 0; i < count; ++i) {
+        const double ax = std::fabs(x[i]), ay = std::fabs(y[i]), az = std::fabs(z[i]);
+        const double axy = ax > ay ? ax : ay;
+        const double m = axy > az ? axy : az;
+        const double qx = x[i] / m, qy = y[i] / m, qz = z[i] / m;
+        const double scaled = m * std::sqrt(qx * qx + qy * qy + qz * qz);
+        // Not m: that is 0 for (NaN, 0, 0) as well.
+        const double sum = ax + ay + az;
+        size[i] = sum == 0.0 ? 0.0 : scaled;
+        reciprocal[i] = 1.0 / size[i];
+    }
+}
+
 /// Tangents and parameters along one curve, whose indices are valid. Returns its length.
 template<class Index>
 double follow(const std::vector<Index>& curve, const PhysicalSpace::point* points, PhysicalSpace::vector* tangents,
               double* parameters) noexcept {
+    double x[kBlock], y[kBlock], z[kBlock], size[kBlock], reciprocal[kBlock];
     PhysicalSpace::point previous = points[curve[0]];
     double s = 0.0;
     parameters[curve[0]] = s;
-    for (std::size_t i = 1; i < curve.size(); ++i) {
-        const Index at = curve[i];
-        const PhysicalSpace::point here = points[at];
-        const PhysicalSpace::vector step = here - previous;
-        const double size = length(step);
-        s += size;
-        // Without length this is not finite, on purpose: there is no direction.
-        const PhysicalSpace::vector tangent = step * (1.0 / size);
-        if (i == 1) tangents[curve[0]] = tangent;
-        tangents[at] = tangent;
-        parameters[at] = s;
-        previous = here;
+    for (std::size_t begin = 1; begin < curve.size(); begin += kBlock) {
+        const std::size_t count = std::min(kBlock, curve.size() - begin);
+        for (std::size_t i = 0; i < count; ++i) {
+            const PhysicalSpace::point here = points[curve[begin + i]];
+            x[i] = here[0] - previous[0];
+            y[i] = here[1] - previous[1];
+            z[i] = here[2] - previous[2];
+            previous = here;
+        }
+        lengthsOf(x, y, z, count, size, reciprocal);
+        // Without length a tangent is not finite, on purpose: there is no direction.
+        if (begin == 1)
+            tangents[curve[0]] =
+                PhysicalSpace::vector(x[0] * reciprocal[0], y[0] * reciprocal[0], z[0] * reciprocal[0]);
+        for (std::size_t i = 0; i < count; ++i) {
+            const Index at = curve[begin + i];
+            s += size[i];
+            tangents[at] = PhysicalSpace::vector(x[i] * reciprocal[i], y[i] * reciprocal[i], z[i] * reciprocal[i]);
+            parameters[at] = s;
+        }
     }
     return s;
 }
@@ -72,9 +111,7 @@ void Self::computeAlong(const Points& points, const MemArray<1, std::vector<Inde
     const PhysicalSpace::point* const coordinates = packed ? packed->data() : points.data();
     for (index_t c = 0; c < curves.nElements(); ++c) {
         const std::vector<Index>& curve = curves(c);
-        Index largest = 0;
-        for (const Index vertex : curve) largest = std::max(largest, vertex);
-        if (curve.size() < 2 || largest >= count) continue;
+        if (curve.size() < 2 || !allBelow(curve, count)) continue;
         const double size = follow(curve, coordinates, myTangents->data(), myParameters->data());
         if (size > myMaximalLength) myMaximalLength = size;
     }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <numbers>
+#include <random>
 
 namespace {
 
@@ -91,6 +92,33 @@ TEST(TangentialVectorsTest, UnusableCurvesAndSegments) {
     EXPECT_TRUE(std::isnan(begins.tangents()->element(1)[0]) && std::isnan(begins.tangents()->element(2)[0]));
     EXPECT_EQ(begins.maximalLength(), 0.0);
     EXPECT_EQ(computed({}, {{0, 1}}).tangents()->nElements(), 0u);
+}
+
+// Curves of many lengths with steps of every kind, one segment at a time by the definition.
+TEST(TangentialVectorsTest, IsTheDefinitionToTheLastBit) {
+    std::mt19937_64 random(3);
+    std::normal_distribution<double> normal;
+    const double special[] = {0.0, -0.0, 1e-320, 1e300, -1e-200, HUGE_VAL, std::nan("")};
+    for (std::size_t count = 2; count < 300; count += count < 12 ? 1 : 37) {
+        std::vector<PhysicalSpace::point> points(count);
+        std::vector<index_t> curve(count);
+        for (std::size_t i = 0; i < count; ++i) {
+            curve[i] = i;
+            for (int d = 0; d < 3; ++d) points[i][d] = random() % 16 ? normal(random) : special[random() % 5];
+            if (i > 0 && random() % 16 == 0) points[i] = points[i - 1];
+            if (count > 200 && i + 9 > count) points[i][0] = special[random() % 7];
+        }
+        const Computer fast = computed(points, {curve});
+        double s = 0.0;
+        for (std::size_t i = 1; i < count; ++i) {
+            const PhysicalSpace::vector step = points[i] - points[i - 1];
+            const PhysicalSpace::vector tangent = step * (1.0 / length(step));
+            s += length(step);
+            const auto same = [](double a, double b) { return (std::isnan(a) && std::isnan(b)) || a == b; };
+            ASSERT_TRUE(same(fast.curveParameters()->element(i), s)) << i << " of " << count;
+            for (int d = 0; d < 3; ++d) ASSERT_TRUE(same(fast.tangents()->element(i)[d], tangent[d])) << i;
+        }
+    }
 }
 
 template<class Index>
