@@ -14,13 +14,14 @@ template<class T, int Period>
     if constexpr (std::is_floating_point_v<T>) result.hasNaN |= x != x;
 }
 
-// Bytes is the width of one vector register. Two streams keep more of the memory's requests in flight than one. Three
-// registers of each hide the latency of the comparisons, hold whole points whatever their width, and fit, with two
-// extremes each, into sixteen.
+// Bytes is the width of one vector register. Six of them at a time hide the latency of the comparisons, hold whole
+// points whatever their width, and fit, with two extremes each, into sixteen. Integers are read in two streams, which
+// keeps more of the memory's requests in flight; floating point numbers come in pieces too short for that to pay.
 template<class T, int Period, int Bytes>
 [[gnu::always_inline]] inline void findInLanes(const T* numbers, std::size_t count,
                                                Extremes<T, Period>& result) noexcept {
     typedef T Vector __attribute__((vector_size(Bytes)));
+    constexpr bool kTwoStreams = std::is_integral_v<T>;
     constexpr int kEach = 3, kVectors = 2 * kEach;
     constexpr int kLanes = Bytes / static_cast<int>(sizeof(T));
     constexpr std::size_t kStep = kEach * kLanes;
@@ -28,22 +29,25 @@ template<class T, int Period, int Bytes>
 
     for (int c = 0; c < Period; ++c) result.min[c] = result.max[c] = numbers[c];
     result.hasNaN = false;
-    const std::size_t half = count / 2 / kStep * kStep;
-    if (half) {
+    const std::size_t rounds = count / (2 * kStep);
+    if (rounds) {
+        const T* const other = numbers + (kTwoStreams ? rounds * kStep : kStep);
         Vector least[kVectors], greatest[kVectors];
         std::memcpy(least, numbers, sizeof least / 2);
-        std::memcpy(least + kEach, numbers + half, sizeof least / 2);
+        std::memcpy(least + kEach, other, sizeof least / 2);
         std::memcpy(greatest, least, sizeof greatest);
         auto nan = least[0] != least[0]; // integer lanes of the same width, all bits set for true
-        for (std::size_t done = 0; done < half; done += kStep)
+        for (std::size_t round = 0; round < rounds; ++round) {
+            const std::size_t done = round * (kTwoStreams ? kStep : 2 * kStep);
 #pragma GCC unroll 6
             for (int v = 0; v < kVectors; ++v) {
                 Vector x;
-                std::memcpy(&x, numbers + (v < kEach ? 0 : half) + done + v % kEach * kLanes, sizeof x);
+                std::memcpy(&x, (v < kEach ? numbers : other) + done + v % kEach * kLanes, sizeof x);
                 least[v] = x < least[v] ? x : least[v];
                 greatest[v] = x > greatest[v] ? x : greatest[v];
                 if constexpr (std::is_floating_point_v<T>) nan |= x != x;
             }
+        }
         // Registers whose numbers differ by a multiple of the period hold the same components.
         for (int v = Period; v < kVectors; ++v) {
             least[v % Period] = least[v] < least[v % Period] ? least[v] : least[v % Period];
@@ -55,7 +59,7 @@ template<class T, int Period, int Bytes>
         }
         for (int i = 0; i < kLanes; ++i) result.hasNaN |= nan[i] != 0;
     }
-    for (std::size_t i = 2 * half; i < count; ++i) widen(result, static_cast<int>(i % Period), numbers[i]);
+    for (std::size_t i = 2 * kStep * rounds; i < count; ++i) widen(result, static_cast<int>(i % Period), numbers[i]);
 }
 
 template<class T, int Period>
