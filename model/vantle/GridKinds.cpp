@@ -26,7 +26,9 @@ StrongPtr<Field> GridWithCartesianVertices::field(const std::string& name) const
 StrongPtr<Field> GridWithCartesianVertices::makeField(const std::string& name) {
     if (auto present = field(name)) return present;
     if (!myRepresentation) return nullptr;
-    const StrongPtr<Field> made(new Field(positions()->getFragmentIDCollection()));
+    const auto positions_ = positions(); // may have been taken away
+    const StrongPtr<Field> made(
+        new Field(positions_ ? positions_->getFragmentIDCollection() : StrongPtr<FragmentIDCollection>()));
     myRepresentation->setField(name, made);
     return made;
 }
