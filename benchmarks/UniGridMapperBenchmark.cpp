@@ -111,7 +111,7 @@ void run(benchmark::State& state, Query&& query) {
     long found = 0;
     for (auto _ : state) {
         found = 0;
-#pragma omp parallel for num_threads(static_cast<int>(state.range(1))) reduction(+ : found)
+#pragma omp parallel for num_threads(static_cast <int>(state.range(1))) reduction(+ : found)
         for (std::ptrdiff_t k = 0; k < count; ++k) found += query(*f, static_cast<std::size_t>(k));
     }
     state.SetItemsProcessed(state.iterations() * count);

@@ -1,7 +1,7 @@
 #include <model/Model.hpp>
 
-#include <gtest/gtest.h>
 #include <cmath>
+#include <gtest/gtest.h>
 #include <limits>
 
 namespace {
@@ -200,7 +200,8 @@ TEST(GridKindsTest, UniformRectilinearAndBlocks) {
     EXPECT_EQ(Hestra::dynamicCast<Product>(rectilinear.positions()->getData())->last(), PhysicalSpace::point(4, 2, 5));
 
     RegularGrid3D blocks(third);
-    const auto block = blocks.addBlock("west", MemArray<3, PhysicalSpace::point>::create({2, 2, 2}), MultiIndex<3>{4, 0, 0});
+    const auto block =
+        blocks.addBlock("west", MemArray<3, PhysicalSpace::point>::create({2, 2, 2}), MultiIndex<3>{4, 0, 0});
     blocks.setField("density", MemArray<3, double>::create({2, 2, 2}), block);
     EXPECT_EQ((block->findInterface<FragmentLocation<3, IndexOffset>>()->offset()), (MultiIndex<3>{4, 0, 0}));
     EXPECT_EQ(blocks.field("density")->getFragmentIDCollection(), blocks.positions()->getFragmentIDCollection());
@@ -211,8 +212,8 @@ TEST(GridKindsTest, UniformRectilinearAndBlocks) {
 TEST(GridKindsTest, SurfaceEdgesAreUniqueInOrderOfAppearance) {
     const StrongPtr<Grid> grid(new Grid);
     EXPECT_FALSE(Edges::getVerticesPerEdge(grid, true));
-    const auto surface = TriangularSurfaceWithEdges::create(
-        *grid, {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}}, {Triangle{0u, 1u, 2u}, Triangle{3u, 2u, 0u}});
+    const auto surface = TriangularSurfaceWithEdges::create(*grid, {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}},
+                                                            {Triangle{0u, 1u, 2u}, Triangle{3u, 2u, 0u}});
     ASSERT_TRUE(surface.edges());
     std::string text;
     for (index_t e = 0; e < surface.edges()->nElements(); ++e) text += surface.edges()->getElementAsString(e);
@@ -222,9 +223,9 @@ TEST(GridKindsTest, SurfaceEdgesAreUniqueInOrderOfAppearance) {
 
 TEST(GridKindsTest, CurvesAreStoredAsGiven) {
     const StrongPtr<Grid> grid(new Grid);
-    const LineSet lines(grid, StrongPtr<LineSet::Points>(makeMemArray1D(std::vector<PhysicalSpace::point>(3))),
-                        StrongPtr<MemArray<1, std::vector<unsigned>>>(
-                            makeMemArray1D(std::vector<std::vector<unsigned>>{{0, 1, 2}})));
+    const LineSet lines(
+        grid, StrongPtr<LineSet::Points>(makeMemArray1D(std::vector<PhysicalSpace::point>(3))),
+        StrongPtr<MemArray<1, std::vector<unsigned>>>(makeMemArray1D(std::vector<std::vector<unsigned>>{{0, 1, 2}})));
     EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, std::vector<unsigned>>>(lines.curves()->getData())));
     EXPECT_EQ(lines.positions()->getData()->nElements(), 3u);
     const StrongPtr<Grid> empty(new Grid);
