@@ -99,16 +99,23 @@ BENCHMARK(Rescale)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-// Whole fragments, each by one thread, as a caller does who asks for several at a time.
+// Whole fragments, each by one thread, as a caller does who asks for several at a time and keeps them.
 void RescaleFragments(benchmark::State& state) {
-    constexpr int fragments = 8;
-    const auto source = randomCube(64);
-    const auto threads = static_cast<int>(state.range(0));
+    constexpr int fragments = 4;
+    const auto source = randomCube(96);
+    const int before = omp_get_max_threads();
+    omp_set_num_threads(static_cast<int>(state.range(0))); // of one thread also within each fragment
+    std::vector<Hestra::StrongPtr<MemBase>> results(fragments);
     for (auto _ : state) {
-#pragma omp parallel for num_threads(threads) schedule(dynamic)
-        for (int f = 0; f < fragments; ++f) benchmark::DoNotOptimize(ResampleArray<3, double>::rescale(2.0, source));
+#pragma omp parallel for schedule(dynamic)
+        for (int f = 0; f < fragments; ++f)
+            results[static_cast<std::size_t>(f)] = ResampleArray<3, double>::rescale(2.0, source);
+        state.PauseTiming();
+        for (auto& result : results) result = nullptr;
+        state.ResumeTiming();
     }
-    state.SetItemsProcessed(state.iterations() * fragments * 128 * 128 * 128);
+    omp_set_num_threads(before);
+    state.SetItemsProcessed(state.iterations() * fragments * 192 * 192 * 192);
 }
 BENCHMARK(RescaleFragments)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
