@@ -19,12 +19,13 @@ long allocationsOf(const Action& action) {
 
 } // namespace support
 
-// NOLINTBEGIN(misc-definitions-in-headers): replacements of the global operators are never inline
-void* operator new(std::size_t size) {
+// NOLINTBEGIN(misc-definitions-in-headers): replacements of the global operators are never inline. Nor may the compiler
+// inline them: it would take free() for a mismatch of the operator new that it sees.
+[[gnu::noinline]] void* operator new(std::size_t size) {
     ++support::allocations;
     if (void* const memory = std::malloc(size ? size : 1)) return memory;
     throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 // NOLINTEND(misc-definitions-in-headers)
