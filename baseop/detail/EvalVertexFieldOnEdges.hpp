@@ -1,6 +1,11 @@
 #pragma once
 /// Evaluation of any quantity of the vertices of a grid on the edges that carry the vertices of a surface.
 
+#include <model/vantle/Index.hpp>
+
+#include <cstddef>
+#include <vector>
+
 namespace Vantle {
 
 namespace detail {

@@ -31,7 +31,7 @@ Computer computed(std::vector<PhysicalSpace::point> points, Lists curves) {
 
 TEST(TangentialVectorsTest, SegmentsGiveDirectionAndLength) {
     const Computer one = computed({{0, 0, 0}, {3, 4, 0}}, {{0, 1}});
-    for (const index_t v : {0, 1})
+    for (const index_t v : {index_t{0}, index_t{1}})
         EXPECT_EQ(one.tangents()->element(v), PhysicalSpace::vector(3 * (1.0 / 5), 4 * (1.0 / 5), 0));
     EXPECT_EQ(one.curveParameters()->getChunk()->base_vector(), (std::vector<double>{0, 5}));
     EXPECT_EQ(one.maximalLength(), 5.0);
