@@ -1,7 +1,10 @@
 #pragma once
 /// Evaluation of any quantity of the vertices of a grid on the edges that carry the vertices of a surface.
 
-#include <model/vantle/Index.hpp>
+#include <baseop/BaseOpExport.hpp>
+#include <model/orvix/PhysicalSpace.hpp>
+#include <model/vantle/DirectProduct.hpp>
+#include <model/vantle/MemArray.hpp>
 
 #include <cstddef>
 #include <vector>
