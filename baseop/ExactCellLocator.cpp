@@ -1,5 +1,6 @@
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/detail/CellBoxTree.hpp>
+#include <baseop/detail/CellCandidates.hpp>
 #include <baseop/detail/TrilinearCell.hpp>
 #include <model/hestra/Profiler.hpp>
 
@@ -16,15 +17,20 @@ namespace {
 
 using detail::BlockVertices;
 using detail::CellBoxTree;
+using detail::CellCandidates;
 using detail::TrilinearCell;
 
-/// The boxes of the cells' corners, widened by more than the tolerance of a solution. None for cells with a corner that
-/// is no number.
-class CornerBoxes final : public CellBoxTree::Boxes {
+/// The images of the cells, widened by more than the tolerance of a solution. None for cells with a corner that is no
+/// number.
+///
+/// The image x(d) = c + sum a_i d_i + sum b_ij d_i d_j + t d_0 d_1 d_2, |d_i| <= 1/2, lies in the set of the edges
+/// a_i / 2, b_ij / 4 and t / 8.
+class CellImages final : public CellBoxTree::Shapes {
 public:
-    CornerBoxes(const BlockVertices& vertices, const CellBoxTree& tree)
-        : myVertices(vertices), myTree(&tree), myBounds(6 * static_cast<std::size_t>(vertices.size()[0])) {}
+    CellImages(const BlockVertices& vertices, const CellBoxTree& tree)
+        : myVertices(vertices), myTree(&tree), mySums(4 * static_cast<std::size_t>(vertices.size()[0])) {}
 
+    [[nodiscard]] int edges() const noexcept override { return 7; }
     void fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row) override {
         const auto n = static_cast<std::size_t>(myVertices.size()[0]);
         const std::size_t step = myVertices.step(0);
@@ -32,39 +38,54 @@ public:
         const double* const p10 = myVertices.address(0, j + 1, k);
         const double* const p01 = myVertices.address(0, j, k + 1);
         const double* const p11 = myVertices.address(0, j + 1, k + 1);
-        double* const low = myBounds.data();
-        double* const high = low + 3 * n;
-        for (std::size_t d = 0; d < 3; ++d)
+        // Over the four vertices at each i: their sum, and the differences along j, along k and along both.
+        double* const sum = mySums.data();
+        double* const alongJ = sum + n;
+        double* const alongK = sum + 2 * n;
+        double* const alongBoth = sum + 3 * n;
+        for (int d = 0; d < 3; ++d) {
             for (std::size_t i = 0; i < n; ++i) {
-                const double a = p00[i * step + d], b = p10[i * step + d], c = p01[i * step + d], e = p11[i * step + d];
-                const double check = (a * 0.0 + b * 0.0) + (c * 0.0 + e * 0.0); // NaN where one is no number
-                low[d * n + i] = std::min(std::min(a, b), std::min(c, e)) + check;
-                high[d * n + i] = std::max(std::max(a, b), std::max(c, e)) + check;
+                const std::size_t at = i * step + static_cast<std::size_t>(d);
+                const double a = p00[at], b = p10[at], c = p01[at], e = p11[at];
+                sum[i] = (a + b) + (c + e);
+                alongJ[i] = (b - a) + (e - c);
+                alongK[i] = (c - a) + (e - b);
+                alongBoth[i] = (e - c) - (b - a);
             }
+            const double scale = myTree->scale(d);
+            // A sum of numbers may be too large for one; differences of corners that are numbers hardly are.
+            constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+            for (std::size_t i = 0; i + 1 < n; ++i) {
+                const double centre = (sum[i] + sum[i + 1]) * 0.125;
+                const double edge[7] = {(sum[i + 1] - sum[i]) * 0.125,
+                                        (alongJ[i] + alongJ[i + 1]) * 0.125,
+                                        (alongK[i] + alongK[i + 1]) * 0.125,
+                                        (alongJ[i + 1] - alongJ[i]) * 0.125,
+                                        (alongK[i + 1] - alongK[i]) * 0.125,
+                                        (alongBoth[i] + alongBoth[i + 1]) * 0.125,
+                                        (alongBoth[i + 1] - alongBoth[i]) * 0.125};
+                row.centre[d][i] = myTree->toFloat(centre * 0.0 == 0.0 ? centre : nan, d);
+                for (int g = 0; g < 7; ++g) row.edge[g][d][i] = static_cast<float>(edge[g] * scale);
+            }
+        }
         for (std::size_t i = 0; i + 1 < n; ++i) {
-            double from[3], to[3], sides = 0.0;
-            for (std::size_t d = 0; d < 3; ++d) {
-                from[d] = smaller(low[d * n + i], low[d * n + i + 1]);
-                to[d] = larger(high[d * n + i], high[d * n + i + 1]);
-                sides += to[d] - from[d];
-            }
-            const double slack = 4.0 * TrilinearCell::Tolerance * sides; // NaN if any bound is
-            for (std::size_t d = 0; d < 3; ++d) {
-                row.low[d][i] = myTree->toFloat(from[d] - slack, static_cast<int>(d));
-                row.high[d][i] = myTree->toFloat(to[d] + slack, static_cast<int>(d));
+            double sides = 0.0;
+            for (int d = 0; d < 3; ++d)
+                for (int g = 0; g < 3; ++g)
+                    sides += std::fabs(static_cast<double>(row.edge[g][d][i])) / myTree->scale(d);
+            const float check = row.centre[0][i] * 0.0F + row.centre[1][i] * 0.0F + row.centre[2][i] * 0.0F;
+            for (int d = 0; d < 3; ++d) {
+                row.slack[d][i] = static_cast<float>(16.0 * TrilinearCell::Tolerance * sides * myTree->scale(d));
+                row.centre[d][i] += check;
             }
         }
     }
-    [[nodiscard]] std::unique_ptr<Boxes> clone() const override { return std::make_unique<CornerBoxes>(*this); }
+    [[nodiscard]] std::unique_ptr<Shapes> clone() const override { return std::make_unique<CellImages>(*this); }
 
 private:
-    // NaN of either argument comes through.
-    static double smaller(double a, double b) noexcept { return a < b ? a + b * 0.0 : b + a * 0.0; }
-    static double larger(double a, double b) noexcept { return a > b ? a + b * 0.0 : b + a * 0.0; }
-
     const BlockVertices myVertices;
     const CellBoxTree* myTree;
-    std::vector<double> myBounds;
+    std::vector<double> mySums;
 };
 
 /// Solves in one cell; false, with `uvw` untouched, when it has no such point.
@@ -105,7 +126,7 @@ struct ExactCellLocator::Search {
         for (int d = 0; d < 3; ++d) sides += std::max(highest[d] - lowest[d], 0.0);
         tree = CellBoxTree(vertices.cells(), point(lowest[0], lowest[1], lowest[2]),
                            point(highest[0], highest[1], highest[2]));
-        tree.build(CornerBoxes(vertices, tree));
+        tree.build(CellImages(vertices, tree));
         for (int d = 0; d < 3; ++d) {
             lowest[d] -= 4.0 * TrilinearCell::Tolerance * sides;
             highest[d] += 4.0 * TrilinearCell::Tolerance * sides;
@@ -128,40 +149,60 @@ unsigned int ExactCellLocator::locate(const point& P, point& uvw, MultiIndex3* c
     VANTLE_SCOPE("ExactCellLocator::locate(P, uvw)");
     const Search& search = *mySearch;
     if (!search.canHave(P)) return 0;
-    // Cells in their order: the first that has the point is the one. Beyond what there is room for, which takes many
-    // cells in one place, a second search goes on behind the last one.
-    constexpr std::size_t Capacity = 64;
-    struct Candidate {
-        MultiIndex3 cell;
-        index_t number;
-    };
-    Candidate candidates[Capacity];
-    const MultiIndex3& cells = search.vertices.cells();
+    // Cells in their order: the first that has the point is the one. A second search goes on behind the last one that
+    // there was room for.
     for (index_t begin = 0;;) {
-        std::size_t count = 0;
-        bool isAll = true;
-        search.tree.forEachAt(P, [&](index_t i, index_t j, index_t k) {
-            const index_t number = i + cells[0] * (j + cells[1] * k);
-            if (number < begin) return;
-            search.vertices.prefetchCell(search.vertices.address(i, j, k));
-            std::size_t at = count;
-            if (count == Capacity) {
-                isAll = false;
-                if (number > candidates[Capacity - 1].number) return;
-                --at;
-            } else {
-                ++count;
-            }
-            for (; at > 0 && candidates[at - 1].number > number; --at) candidates[at] = candidates[at - 1];
-            candidates[at] = {MultiIndex3(i, j, k), number};
-        });
-        for (std::size_t c = 0; c < count; ++c) {
-            if (!solve(search.vertices, candidates[c].cell, P, uvw)) continue;
-            if (cell) *cell = candidates[c].cell;
+        CellCandidates candidates(search.vertices, begin);
+        search.tree.forEachAt(
+            P, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { candidates.add(i, j, k); },
+            [&](index_t i, index_t j, index_t k) { search.vertices.prefetchGroup(i, j, k); });
+        for (const CellCandidates::Cell& candidate : candidates) {
+            if (!solve(search.vertices, candidate.index(), P, uvw)) continue;
+            if (cell) *cell = candidate.index();
             return 1;
         }
-        if (isAll) return 0;
-        begin = candidates[Capacity - 1].number + 1;
+        if (candidates.areAll()) return 0;
+        begin = candidates.end()[-1].number + 1;
+    }
+}
+
+void ExactCellLocator::locate(std::span<const point> points, std::span<point> uvw,
+                              std::span<unsigned char> codes) const {
+    constexpr std::size_t most = CellBoxTree::Matches::MaximalPoints;
+    for (std::size_t begin = 0; begin < points.size(); begin += most) {
+        const std::size_t count = std::min(most, points.size() - begin);
+        locateNeighbours(points.subspan(begin, count), uvw.subspan(begin, count), codes.subspan(begin, count));
+    }
+}
+
+void ExactCellLocator::locateNeighbours(std::span<const point> points, std::span<point> uvw,
+                                        std::span<unsigned char> codes) const {
+    const Search& search = *mySearch;
+    constexpr double infinite = std::numeric_limits<double>::infinity();
+    point low(infinite, infinite, infinite), high(-infinite, -infinite, -infinite);
+    bool areInBox = true;
+    for (const point& p : points) {
+        areInBox = areInBox && search.canHave(p);
+        for (int d = 0; d < 3; ++d) {
+            low[d] = std::min(low[d], p[d]);
+            high[d] = std::max(high[d], p[d]);
+        }
+    }
+    CellBoxTree::Surroundings surroundings;
+    CellBoxTree::Matches matches;
+    if (!areInBox || !search.tree.gather(surroundings, low, high) ||
+        !search.tree.match(surroundings, points, matches)) {
+        for (std::size_t n = 0; n < points.size(); ++n)
+            codes[n] = static_cast<unsigned char>(locate(points[n], uvw[n]));
+        return;
+    }
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        codes[n] = 0;
+        for (const CellBoxTree::Matches::Cell& cell : matches.of(n)) {
+            if (!solve(search.vertices, cell.index(), points[n], uvw[n])) continue;
+            codes[n] = 1;
+            break;
+        }
     }
 }
 

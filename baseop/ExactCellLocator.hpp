@@ -6,6 +6,7 @@
 #include <model/vantle/MemArray.hpp>
 
 #include <memory>
+#include <span>
 
 namespace Vantle {
 
@@ -18,7 +19,7 @@ namespace Vantle {
 ///              inside out a position may be found at any of the places that are mapped to it, or not at all.
 /// Failure      silent.
 /// Concurrency  immutable once constructed: queries may come from any number of threads.
-/// Cost         about 9 bytes a cell, built in a few passes over the vertices. A query tests the boxes of some cells,
+/// Cost         about 13 bytes a cell, built in a few passes over the vertices. A query tests the boxes of some cells,
 ///              and solves in the one or two that remain; nothing is allocated.
 class VANTLE_BASEOP_API ExactCellLocator : public Hestra::ReferenceBase<ExactCellLocator> {
 public:
@@ -40,6 +41,10 @@ public:
     /// both untouched, when it is outside. A component of `uvw` is within the closed range of the cell.
     unsigned int locate(const point& P, point& uvw, MultiIndex3* cell = nullptr) const;
 
+    /// The same for many positions at once, whose searches share much if they lie within a few cells of each other: the
+    /// results in `codes`, and the fractional indices of those found in `uvw`. All three have the same length.
+    void locate(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes) const;
+
     /// Whether a cell has the position, and if so, the fractional index of it in `uvw`. On common faces each cell does.
     /// False for cells that the block does not have.
     bool localInCell(const point& P, const MultiIndex3& cell, point& uvw) const;
@@ -48,6 +53,8 @@ public:
 
 private:
     struct Search;
+
+    void locateNeighbours(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes) const;
 
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;
     std::unique_ptr<const Search> mySearch;

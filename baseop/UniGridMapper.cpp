@@ -1,5 +1,6 @@
 #include <baseop/Interpolate.hpp>
 #include <baseop/UniGridMapper.hpp>
+#include <baseop/detail/CellCandidates.hpp>
 #include <baseop/detail/LinearReach.hpp>
 #include <baseop/detail/Unigrid.hpp>
 #include <model/hestra/Console.hpp>
@@ -7,9 +8,10 @@
 #include <model/orvix/CellMap.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
-#include <span>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 
@@ -21,8 +23,10 @@ using Vantle::MultiArrayBase;
 using Vantle::MultiIndex;
 using Vantle::detail::BlockVertices;
 using Vantle::detail::CellBoxTree;
+using Vantle::detail::CellCandidates;
 using Vantle::detail::CentreFrame;
 using Vantle::detail::LinearReach;
+using Vantle::detail::UnicellLists;
 
 #define VANTLE_SOURCE "baseop/UniGridMapper"
 #define VANTLE_SCOPE(signature) const Profiler profiler(VANTLE_SOURCE, __LINE__, signature, __PRETTY_FUNCTION__)
@@ -53,10 +57,9 @@ enum class Outcome {
 /// A solve in one cell, step by step.
 class Solve {
 public:
-    Solve(const point& target, const MultiIndex<3>& cell, double precision) noexcept
-        : myTarget(target),
-          myLow(static_cast<double>(cell[0]), static_cast<double>(cell[1]), static_cast<double>(cell[2])),
-          myAt(myLow[0] + 0.5, myLow[1] + 0.5, myLow[2] + 0.5), myEnough(precision * precision) {}
+    Solve(const point& target, const vector& cell, double precision) noexcept
+        : myTarget(target), myLow(cell), myAt(myLow[0] + 0.5, myLow[1] + 0.5, myLow[2] + 0.5),
+          myEnough(precision * precision) {}
 
     /// Sets the image of the start, the cell's centre; true when it is near enough.
     bool start(const point& image) noexcept {
@@ -95,7 +98,8 @@ private:
 template<bool Prints>
 Outcome solveInCell(point& uvw, const point& P, const MultiIndex<3>& cell, const MultiArrayBase<3, point>& vertices,
                     double precision) {
-    Solve solve(P, cell, precision);
+    Solve solve(P, vector(static_cast<double>(cell[0]), static_cast<double>(cell[1]), static_cast<double>(cell[2])),
+                precision);
     if (solve.start(Vantle::interpolateAt(vertices, solve.at()))) {
         uvw = solve.at();
         return Outcome::Found;
@@ -134,22 +138,54 @@ enum class FirstStep {
     Left,
     NotFinite,
     Unfinished, // more steps, or messages
+    Far,        // left, or not finite, and beyond what matters
 };
 
-/// The first step in a cell of the block, bit for bit that of `solveInCell`.
-FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell, const BlockVertices& vertices,
-                    double precision) noexcept {
-    Solve solve(P, cell, precision);
-    const CentreFrame frame(vertices, vertices.address(cell));
-    if (!solve.start(frame.centre)) {
-        if (!solve.step(frame.column)) return FirstStep::Unfinished;
-        if (!solve.isNumber()) return FirstStep::NotFinite;
-        uvw = solve.at();
-        if (solve.hasLeft()) return FirstStep::Left;
-        return solve.isFar() ? FirstStep::Unfinished : FirstStep::Found;
+/// How far from the centre of a cell a step may end to matter, along each axis and in cells.
+struct StepRange {
+    double below, above;
+};
+constexpr double unlimited = std::numeric_limits<double>::infinity();
+constexpr StepRange Everywhere{unlimited, unlimited}, InNextCell{0.5, 1.5};
+
+/// Whether the first step surely ends out of a range; without a division.
+bool isOutside(const CentreFrame& frame, const point& P, const StepRange& range) noexcept {
+    const vector offset = P - frame.centre;
+    const vector normal[3] = {cross(frame.column[1], frame.column[2]), cross(frame.column[2], frame.column[0]),
+                              cross(frame.column[0], frame.column[1])};
+    const double det = dot(frame.column[0], normal[0]), size = std::fabs(det);
+    if (size < Orvix::DegenerateDeterminant) return false;
+    // The step times the determinant. Margins are far larger than rounding, also that of the sum with the index.
+    constexpr double IndexMargin = 1e-5, ProductMargin = 1e-14;
+    bool isOut = false;
+    for (int d = 0; d < 3; ++d) {
+        const double x = normal[d][0] * offset[0], y = normal[d][1] * offset[1], z = normal[d][2] * offset[2];
+        const double error = ProductMargin * (std::fabs(x) + std::fabs(y) + std::fabs(z));
+        const double step = std::copysign(1.0, det) * (x + y + z);
+        isOut |=
+            (step < -(range.below + IndexMargin) * size - error) | (step > (range.above + IndexMargin) * size + error);
     }
+    return isOut;
+}
+
+/// The first step in a cell of the block, bit for bit that of `solveInCell`. Most of those that end out of the range
+/// cost no division.
+FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell, const BlockVertices& vertices,
+                    double precision, const StepRange& range) noexcept {
+    // Signed numbers are converted in one instruction.
+    const auto number = [](index_t i) { return static_cast<double>(static_cast<std::int64_t>(i)); };
+    Solve solve(P, vector(number(cell[0]), number(cell[1]), number(cell[2])), precision);
+    const CentreFrame frame(vertices, vertices.address(cell));
+    if (solve.start(frame.centre)) {
+        uvw = solve.at();
+        return FirstStep::Found;
+    }
+    if (range.below < unlimited && isOutside(frame, P, range)) return FirstStep::Far;
+    if (!solve.step(frame.column)) return FirstStep::Unfinished;
+    if (!solve.isNumber()) return FirstStep::NotFinite;
     uvw = solve.at();
-    return FirstStep::Found;
+    if (solve.hasLeft()) return FirstStep::Left;
+    return solve.isFar() ? FirstStep::Unfinished : FirstStep::Found;
 }
 
 /// Whether the iterate of a solve that did not succeed counts as a near miss, in a block with this last vertex.
@@ -169,162 +205,225 @@ bool isNearMiss(const point& uvw, const MultiIndex<3>& cell, const MultiIndex<3>
 struct UniGridMapper::Search {
     BlockVertices vertices;
     Vantle::detail::Unigrid unigrid;
-    Vantle::detail::UnicellLists lists;
-    /// Which cells can have an effect on a query, and which can be near misses. Without them lists are walked.
+    /// Which cells can have an effect on a query, and which can be near misses, by groups. Without them lists are
+    /// walked.
     bool hasReach = false;
     CellBoxTree effects, nearMisses;
 
     explicit Search(const MultiArrayBase<3, point>& view) : vertices(view) {}
-};
 
-/// One query that goes through a list.
-class UniGridMapper::Walk {
-public:
-    Walk(const UniGridMapper& mapper, std::size_t unicell, const point& P, point& uvw, double epsilon) noexcept
-        : myMapper(mapper), mySearch(*mapper.mySearch), myUnicell(unicell), myP(P), myUvw(uvw), myEpsilon(epsilon),
-          myLast(mySearch.vertices.size() - 1) {}
-
-    /// As if all cells of the list were tried, while only those are that may have an effect.
-    unsigned int few() {
-        Candidate candidates[Capacity];
-        std::size_t count = 0;
-        mySearch.effects.forEachAt(myP, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) {
-            mySearch.vertices.prefetchCell(mySearch.vertices.address(i, j, k));
-            if (count < Capacity) {
-                // Inserted in the order of the list; there are few.
-                const Candidate next = candidateAt(i, j, k);
-                std::size_t at = count;
-                for (; at > 0 && candidates[at - 1].number > next.number; --at) candidates[at] = candidates[at - 1];
-                candidates[at] = next;
-            }
-            ++count;
-        });
-        if (count > Capacity) return all();
-        for (std::size_t c = 0; c < count; ++c) {
-            const Candidate& candidate = candidates[c];
-            point at;
-            switch (firstStep(at, myP, candidate.cell(), mySearch.vertices, myMapper.myPrecision)) {
-            case FirstStep::Found:
-                if (!isListed(candidate)) break;
-                myUvw = at;
-                return 1;
-            case FirstStep::Unfinished: {
-                const std::size_t place = find(candidate.number);
-                if (place == list().size()) break;
-                catchUp(place);
-                if (attempt(candidate.cell())) return 1;
-                break;
-            }
-            case FirstStep::Left:
-            case FirstStep::NotFinite:
-                break;
-            }
+    /// The lists, made when they are asked for first: hardly a query looks into them.
+    [[nodiscard]] const UnicellLists& lists() const {
+        if (const UnicellLists* const ready = myReadyLists.load(std::memory_order_acquire)) return *ready;
+        const std::lock_guard lock(myMutex);
+        if (!myLists) {
+            myLists = std::make_unique<const UnicellLists>(vertices, unigrid);
+            myReadyLists.store(myLists.get(), std::memory_order_release);
         }
-        // Not found. The first near miss is that of an attempt above, or of a cell left at the first step.
-        std::uint32_t nearest = myHasNearMiss ? myNearMissNumber : std::numeric_limits<std::uint32_t>::max();
-        mySearch.nearMisses.forEachAt(myP, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) {
-            const Candidate candidate = candidateAt(i, j, k);
-            point at;
-            if (candidate.number >= nearest ||
-                firstStep(at, myP, candidate.cell(), mySearch.vertices, myMapper.myPrecision) != FirstStep::Left ||
-                !isNearMiss(at, candidate.cell(), myLast, myEpsilon) || !isListed(candidate))
-                return;
-            nearest = candidate.number;
-            myHasNearMiss = true;
-            myNearMiss = at;
-        });
-        if (!myHasNearMiss) catchUp(list().size());
-        return conclude();
+        return *myLists;
     }
 
-    /// Tries one cell of the list after the other.
-    unsigned int all() {
-        for (const std::uint32_t entry : list())
-            if (attempt(cellOf(entry))) return 1;
-        return conclude();
+    /// Whether it is time to make them rather than to look for the last cells of one among all cells of the block:
+    /// when they are there, or that has been done so often that it took about as long.
+    [[nodiscard]] bool areListsWorthMaking() const noexcept {
+        constexpr int Few = 16;
+        return myReadyLists.load(std::memory_order_acquire) || mySearches.load(std::memory_order_relaxed) >= Few ||
+               mySearches.fetch_add(1, std::memory_order_relaxed) >= Few;
     }
 
 private:
-    /// More boxes at one point than this are walked.
-    static constexpr std::size_t Capacity = 64;
-    struct Candidate {
-        std::uint32_t number, i, j, k;
-        [[nodiscard]] MultiIndex3 cell() const noexcept { return {i, j, k}; }
-    };
-    [[nodiscard]] Candidate candidateAt(std::uint32_t i, std::uint32_t j, std::uint32_t k) const noexcept {
-        const MultiIndex3& cells = mySearch.vertices.cells();
-        return {static_cast<std::uint32_t>(i + cells[0] * (j + cells[1] * k)), i, j, k};
+    mutable std::atomic<int> mySearches{0};
+    mutable std::atomic<const UnicellLists*> myReadyLists{nullptr};
+    mutable std::unique_ptr<const UnicellLists> myLists;
+    mutable std::mutex myMutex;
+};
+
+/// One query.
+class UniGridMapper::Query {
+public:
+    using Answer = UniGridMapper::Answer;
+
+    Query(const UniGridMapper& mapper, const point& P, double epsilon) noexcept
+        : myMapper(mapper), mySearch(*mapper.mySearch), myP(P), myEpsilon(epsilon),
+          myLast(mySearch.vertices.size() - 1) {}
+
+    /// As if all cells of the list were tried, while only `cells` are, among them all that may have an effect, in
+    /// order. `stepIn(cell, at)` makes the first step in a cell; `forEachNearGroup(f)` calls `f(i, j, k)` for the
+    /// lowest cells of groups that may have near misses. Undecided, with nothing printed, where a solve has several
+    /// steps, or messages. `uvw` is set when there is something to set it to.
+    template<class Cells, class StepIn, class ForEachNearGroup>
+    [[nodiscard]] Answer inFirstSteps(point& uvw, const Cells& cells, const StepIn& stepIn,
+                                      const ForEachNearGroup& forEachNearGroup) const {
+        for (const auto& cell : cells) {
+            point at;
+            switch (stepIn(cell, at)) {
+            case FirstStep::Found:
+                if (!isListed(cell.index())) break;
+                uvw = at;
+                return Answer::Found;
+            case FirstStep::Unfinished:
+                if (isListed(cell.index())) return Answer::Undecided;
+                break;
+            case FirstStep::Left:
+            case FirstStep::NotFinite:
+            case FirstStep::Far:
+                break;
+            }
+        }
+        return findNearMiss(uvw, std::numeric_limits<index_t>::max(), forEachNearGroup) ? Answer::NearMiss
+                                                                                        : Answer::Missing;
+    }
+    [[nodiscard]] Answer inFirstSteps(point& uvw) const {
+        CellCandidates candidates(mySearch.vertices);
+        mySearch.effects.forEachAt(
+            myP, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { candidates.add(i, j, k); },
+            [&](index_t i, index_t j, index_t k) { mySearch.vertices.prefetchGroup(i, j, k); });
+        if (!candidates.areAll()) return Answer::Undecided;
+        return inFirstSteps(
+            uvw, candidates,
+            [&](const CellCandidates::Cell& cell, point& at) { return first(at, cell.index(), Everywhere); },
+            [&](auto&& f) { mySearch.nearMisses.forEachGroupAt(myP, f); });
     }
 
+    /// The whole query in a unicell, for the solves that `inFirstSteps` is no match for. What a solve leaves in `uvw`
+    /// is what the next one finds there.
+    [[nodiscard]] Answer inFull(point& uvw, std::size_t unicell) const {
+        CellCandidates candidates(mySearch.vertices);
+        if (mySearch.hasReach)
+            mySearch.effects.forEachAt(
+                myP, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { candidates.add(i, j, k); },
+                [](index_t, index_t, index_t) {});
+        Walk walk(uvw, mySearch.lists().at(unicell));
+        if (!mySearch.hasReach || !candidates.areAll()) {
+            for (const std::uint32_t number : walk.list)
+                if (attempt(walk, cellOf(number))) return Answer::Found;
+        } else {
+            for (const CellCandidates::Cell& candidate : candidates) {
+                point at;
+                const FirstStep step = first(at, candidate.index(), Everywhere);
+                if (step != FirstStep::Found && step != FirstStep::Unfinished) continue;
+                const std::size_t place = placeOf(walk.list, candidate.number);
+                if (place == walk.list.size()) continue;
+                catchUp(walk, place);
+                if (attempt(walk, candidate.index())) return Answer::Found;
+            }
+            // The first near miss is that of an attempt above, or of a cell left at the first step.
+            if (findNearMiss(walk.nearMiss,
+                             walk.hasNearMiss ? walk.nearMissNumber : std::numeric_limits<index_t>::max(),
+                             [&](auto&& f) { mySearch.nearMisses.forEachGroupAt(myP, f); }))
+                walk.hasNearMiss = true;
+            if (!walk.hasNearMiss) catchUp(walk, walk.list.size());
+        }
+        if (!walk.hasNearMiss) return Answer::Missing;
+        uvw = walk.nearMiss;
+        return Answer::NearMiss;
+    }
+
+    /// What `uvw` holds after a query that missed: the value that the last solve of the list left that left any.
+    void leaveLast(point& uvw, const MultiIndex3& unicell) const {
+        if (mySearch.areListsWorthMaking()) {
+            Walk walk(uvw, mySearch.lists().at(unicell.linear(myMapper.myUnigridSize)));
+            catchUp(walk, walk.list.size());
+            return;
+        }
+        const int at[3] = {static_cast<int>(unicell[0]), static_cast<int>(unicell[1]), static_cast<int>(unicell[2])};
+        Vantle::detail::forEachListedBackwards(mySearch.vertices, mySearch.unigrid, at, [&](const MultiIndex3& cell) {
+            return solveSilently(uvw, cell) == Outcome::Limit;
+        });
+    }
+
+private:
+    /// The walk through a list, with what it has found.
+    struct Walk {
+        Walk(point& start, std::span<const std::uint32_t> cells) noexcept : uvw(start), list(cells) {}
+
+        point& uvw;
+        std::span<const std::uint32_t> list;
+        std::size_t next = 0; // all places before have had their effect on `uvw`
+        bool hasNearMiss = false;
+        point nearMiss;
+        index_t nearMissNumber = 0;
+    };
+
+    [[nodiscard]] FirstStep first(point& uvw, const MultiIndex3& cell, const StepRange& range) const noexcept {
+        return firstStep(uvw, myP, cell, mySearch.vertices, myMapper.myPrecision, range);
+    }
+    /// Finds the near miss at a first step in the first cell of all that `forEachGroup(f)` calls `f(i, j, k)` for,
+    /// among groups of 2 x 2 x 2, if its number is less than `before`.
+    template<class ForEachGroup>
+    bool findNearMiss(point& nearMiss, index_t before, const ForEachGroup& forEachGroup) const {
+        const MultiIndex3& cells = mySearch.vertices.cells();
+        index_t nearest = before;
+        const auto look = [&](const MultiIndex3& cell, const StepRange& range) {
+            const index_t number = cell.linear(cells);
+            point at;
+            if (number >= nearest || first(at, cell, range) != FirstStep::Left ||
+                !isNearMiss(at, cell, myLast, myEpsilon) || !isListed(cell))
+                return;
+            nearest = number;
+            nearMiss = at;
+        };
+        if (!(myEpsilon <= LinearReach::Rim)) {
+            // Farther out than boxes tell.
+            int unicell[3];
+            if (mySearch.unigrid.map(myP, unicell))
+                for (const std::uint32_t number : mySearch.lists().at(mySearch.unigrid.linear(unicell)))
+                    look(cellOf(number), Everywhere);
+            return nearest != before;
+        }
+        forEachGroup([&](index_t i, index_t j, index_t k) {
+            for (int m = 0; m < 8; ++m) {
+                const MultiIndex3 cell(i + (m & 1 ? 1 : 0), j + (m & 2 ? 1 : 0), k + (m & 4 ? 1 : 0));
+                // Near misses of the lowest cell have no bound below.
+                if (cell.inside(cells)) look(cell, cell == MultiIndex3() ? Everywhere : InNextCell);
+            }
+        });
+        return nearest != before;
+    }
     [[nodiscard]] MultiIndex3 cellOf(std::uint32_t number) const noexcept {
         return MultiIndex3::fromLinear(number, mySearch.vertices.cells());
     }
-    /// The list, which the simple cases do not touch.
-    [[nodiscard]] std::span<const std::uint32_t> list() const noexcept {
-        const std::uint32_t begin = mySearch.lists.offsets[myUnicell], end = mySearch.lists.offsets[myUnicell + 1];
-        return {mySearch.lists.cells.data() + begin, end - begin};
+    /// The place of a cell in a list; the list's length if it is not there.
+    [[nodiscard]] static std::size_t placeOf(std::span<const std::uint32_t> list, index_t number) noexcept {
+        const auto entry = std::lower_bound(list.begin(), list.end(), number);
+        return entry != list.end() && *entry == number ? static_cast<std::size_t>(entry - list.begin()) : list.size();
     }
-    /// The place of a cell in the list; the list's length if it is not there.
-    [[nodiscard]] std::size_t find(std::uint32_t number) const noexcept {
-        const auto cells = list();
-        const auto entry = std::lower_bound(cells.begin(), cells.end(), number);
-        return entry != cells.end() && *entry == number ? static_cast<std::size_t>(entry - cells.begin())
-                                                        : cells.size();
-    }
-    [[nodiscard]] bool isListed(const Candidate& candidate) const noexcept {
-        // A point in a cell's box is in one of the cell's unicells: no need to look into the list.
-        const double* const lowest = mySearch.vertices.address(candidate.i, candidate.j, candidate.k);
-        bool isInBox = true;
-        for (int d = 0; d < 3; ++d) {
-            double low = lowest[d], high = low;
-            for (int q = 1; q < 8; ++q) {
-                const double c = mySearch.vertices.corner(lowest, q)[d];
-                low = std::min(low, c);
-                high = std::max(high, c);
-            }
-            isInBox &= myP[d] >= low && myP[d] <= high;
-        }
-        return (isInBox && mySearch.unigrid.isFinite) || find(candidate.number) != list().size();
+    [[nodiscard]] bool isListed(const MultiIndex3& cell) const noexcept {
+        // A point in a cell's box is in one of the cell's unicells.
+        const BlockVertices& vertices = mySearch.vertices;
+        if (mySearch.unigrid.isFinite && vertices.isInBox(vertices.address(cell), myP)) return true;
+        int unicell[3];
+        return mySearch.unigrid.map(myP, unicell) &&
+               Vantle::detail::isListed(vertices, mySearch.unigrid, cell, unicell);
     }
 
-    /// Tries a cell, for all to see. What it leaves in `uvw` is what the next one finds there.
-    bool attempt(const MultiIndex3& cell) {
-        if (solveInCell<true>(myUvw, myP, cell, *myMapper.myCoordinates, myMapper.myPrecision) == Outcome::Found)
+    /// Tries a cell, for all to see; true when it has the point.
+    bool attempt(Walk& walk, const MultiIndex3& cell) const {
+        if (solveInCell<true>(walk.uvw, myP, cell, *myMapper.myCoordinates, myMapper.myPrecision) == Outcome::Found)
             return true;
-        if (!myHasNearMiss && isNearMiss(myUvw, cell, myLast, myEpsilon)) {
-            myHasNearMiss = true;
-            myNearMiss = myUvw;
-            myNearMissNumber = static_cast<std::uint32_t>(cell.linear(mySearch.vertices.cells()));
+        if (!walk.hasNearMiss && isNearMiss(walk.uvw, cell, myLast, myEpsilon)) {
+            walk.hasNearMiss = true;
+            walk.nearMiss = walk.uvw;
+            walk.nearMissNumber = cell.linear(mySearch.vertices.cells());
         }
         return false;
     }
     /// Gives `uvw` the value that it would have before the attempt at a place of the list, had all before been tried:
     /// that of the last solve that did not give up. Solves that give up leave the value, which may be a near miss then.
-    void catchUp(std::size_t place) {
-        const auto cells = list();
-        for (std::size_t before = place; before != myNext;)
-            if (solveInCell<false>(myUvw, myP, cellOf(cells[--before]), *myMapper.myCoordinates,
-                                   myMapper.myPrecision) != Outcome::Limit)
-                break;
-        myNext = place + 1;
+    void catchUp(Walk& walk, std::size_t place) const {
+        for (std::size_t before = place; before != walk.next;)
+            if (solveSilently(walk.uvw, cellOf(walk.list[--before])) != Outcome::Limit) break;
+        walk.next = place + 1;
     }
-    unsigned int conclude() {
-        if (!myHasNearMiss) return 0;
-        myUvw = myNearMiss;
-        return 2;
+    [[nodiscard]] Outcome solveSilently(point& uvw, const MultiIndex3& cell) const {
+        return solveInCell<false>(uvw, myP, cell, *myMapper.myCoordinates, myMapper.myPrecision);
     }
 
     const UniGridMapper& myMapper;
     const Search& mySearch;
-    std::size_t myUnicell;
     const point& myP;
-    point& myUvw;
     double myEpsilon;
     MultiIndex3 myLast;
-    std::size_t myNext = 0; // all places before have had their effect on `uvw`
-    bool myHasNearMiss = false;
-    point myNearMiss;
-    std::uint32_t myNearMissNumber = 0;
 };
 
 UniGridMapper::UniGridMapper(const Hestra::StrongPtr<CoordsArray_t>& coordinates, double resolution, double precision)
@@ -333,9 +432,9 @@ UniGridMapper::UniGridMapper(const Hestra::StrongPtr<CoordsArray_t>& coordinates
     mySearch = std::make_unique<Search>(viewOf(coordinates));
     measure(resolution, precision);
     // What cannot be recorded has its message.
-    mySearch->lists.build(mySearch->vertices, mySearch->unigrid, MaximalListEntries,
-                          [this](const MultiIndex3& cell) { (void)add(cell); });
-    myMaximalListLength = static_cast<int>(mySearch->lists.longest);
+    const Vantle::detail::UnicellCensus census(mySearch->vertices, mySearch->unigrid, MaximalListEntries,
+                                               [this](const MultiIndex3& cell) { (void)add(cell); });
+    myMaximalListLength = static_cast<int>(census.longest);
     addReach();
     Console::print("Added the curvi cells into the unigrid, Maximal %d curvicells per unicell\n", myMaximalListLength);
 }
@@ -454,13 +553,13 @@ void UniGridMapper::addReach() {
     for (int d = 0; d < 3; ++d)
         farthest = std::max({farthest, std::fabs(search.unigrid.lowest[d]), std::fabs(search.unigrid.highest[d])});
     const Vantle::detail::LinearReachParameters parameters{myPrecision, farthest, myUnicellSize};
-    const auto makeTree = [&](LinearReach::Effect effect) {
+    const auto makeTree = [&](LinearReach::Effect effect, CellBoxTree::Detail detail) {
         CellBoxTree tree(search.vertices.cells(), search.unigrid.lowest, search.unigrid.highest);
-        tree.build(LinearReach(search.vertices, tree, effect, parameters));
+        tree.build(LinearReach(search.vertices, tree, effect, parameters), detail);
         return tree;
     };
-    search.effects = makeTree(LinearReach::Effect::Any);
-    search.nearMisses = makeTree(LinearReach::Effect::NearMiss);
+    search.effects = makeTree(LinearReach::Effect::Any, CellBoxTree::Detail::Cells);
+    search.nearMisses = makeTree(LinearReach::Effect::NearMiss, CellBoxTree::Detail::Groups);
     search.hasReach = true;
 }
 
@@ -492,11 +591,9 @@ bool UniGridMapper::curviCells(const point& p, IndexList_t& list) const {
     VANTLE_SCOPE("UniGridMapper::curviCells(p, list)");
     MultiIndex3 unicell;
     if (!inUniCell(p, unicell)) return false;
-    const Vantle::detail::UnicellLists& lists = mySearch->lists;
-    const index_t u = unicell.linear(myUnigridSize);
     IndexList_t cells;
-    for (std::uint32_t entry = lists.offsets[u]; entry < lists.offsets[u + 1]; ++entry)
-        cells.push_back(MultiIndex3::fromLinear(lists.cells[entry], mySearch->vertices.cells()));
+    for (const std::uint32_t number : mySearch->lists().at(unicell.linear(myUnigridSize)))
+        cells.push_back(MultiIndex3::fromLinear(number, mySearch->vertices.cells()));
     list.swap(cells);
     return !list.empty();
 }
@@ -515,7 +612,7 @@ bool UniGridMapper::localCellCoordinatesFromCell(point& uvw, const point& P, con
     const BlockVertices vertices(Data);
     if (it.inside(vertices.cells())) {
         point at;
-        switch (firstStep(at, P, it, vertices, prec)) {
+        switch (firstStep(at, P, it, vertices, prec, Everywhere)) {
         case FirstStep::Found:
             uvw = at;
             return true;
@@ -524,6 +621,7 @@ bool UniGridMapper::localCellCoordinatesFromCell(point& uvw, const point& P, con
             return false;
         case FirstStep::NotFinite:
         case FirstStep::Unfinished:
+        case FirstStep::Far:
             break;
         }
     } else if (vertices.size().product() == 0) {
@@ -532,12 +630,114 @@ bool UniGridMapper::localCellCoordinatesFromCell(point& uvw, const point& P, con
     return solveInCell<true>(uvw, P, it, Data, prec) == Outcome::Found;
 }
 
-unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon) const {
-    VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(p, uvw, grid_epsilon)");
+unsigned char UniGridMapper::codeOf(Answer answer) noexcept {
+    switch (answer) {
+    case Answer::Found:
+        return 1;
+    case Answer::NearMiss:
+        return 2;
+    case Answer::Undecided:
+        return Undecided;
+    case Answer::Missing:
+        break;
+    }
+    return 0;
+}
+
+template<bool LeavesLast>
+unsigned int UniGridMapper::query(const point& p, point& uvw, double grid_epsilon) const {
     MultiIndex3 unicell;
     if (!inUniCell(p, unicell)) return 0;
-    Walk walk(*this, unicell.linear(myUnigridSize), p, uvw, grid_epsilon);
-    return mySearch->hasReach ? walk.few() : walk.all();
+    const Query query(*this, p, grid_epsilon);
+    Answer answer = mySearch->hasReach ? query.inFirstSteps(uvw) : Answer::Undecided;
+    if (answer == Answer::Undecided) {
+        point at = uvw;
+        answer = query.inFull(at, unicell.linear(myUnigridSize));
+        if (LeavesLast || answer != Answer::Missing) uvw = at;
+    } else if (LeavesLast && answer == Answer::Missing) {
+        query.leaveLast(uvw, unicell);
+    }
+    return codeOf(answer);
+}
+
+unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon) const {
+    VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(p, uvw, grid_epsilon)");
+    return query<true>(p, uvw, grid_epsilon);
+}
+
+unsigned int UniGridMapper::locate(const point& p, point& uvw, double grid_epsilon) const {
+    VANTLE_SCOPE("UniGridMapper::locate(p, uvw, grid_epsilon)");
+    return query<false>(p, uvw, grid_epsilon);
+}
+
+void UniGridMapper::locateSilently(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes,
+                                   double grid_epsilon) const {
+    constexpr std::size_t most = CellBoxTree::Matches::MaximalPoints;
+    for (std::size_t begin = 0; begin < points.size(); begin += most) {
+        const std::size_t count = std::min(most, points.size() - begin);
+        locateNeighbours(points.subspan(begin, count), uvw.subspan(begin, count), codes.subspan(begin, count),
+                         grid_epsilon);
+    }
+}
+
+void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<point> uvw,
+                                     std::span<unsigned char> codes, double grid_epsilon) const {
+    const Search& search = *mySearch;
+    point low = search.unigrid.highest, high = search.unigrid.lowest;
+    bool areInBox = search.hasReach && search.unigrid.isFinite;
+    for (const point& p : points) {
+        areInBox = areInBox && search.unigrid.inside(p);
+        for (int d = 0; d < 3; ++d) {
+            low[d] = std::min(low[d], p[d]);
+            high[d] = std::max(high[d], p[d]);
+        }
+    }
+    CellBoxTree::Surroundings effects;
+    CellBoxTree::Matches matches;
+    if (!areInBox || !search.effects.gather(effects, low, high) || !search.effects.match(effects, points, matches)) {
+        for (std::size_t n = 0; n < points.size(); ++n) codes[n] = locateSilently(points[n], uvw[n], grid_epsilon);
+        return;
+    }
+
+    struct Step {
+        point at;
+        FirstStep outcome;
+    };
+    Step steps[CellBoxTree::Matches::Capacity];
+    const std::span<const CellBoxTree::Matches::Cell> cells = matches.all();
+    for (std::size_t c = 0; c < cells.size(); ++c)
+        steps[c].outcome =
+            firstStep(steps[c].at, points[cells[c].point], cells[c].index(), search.vertices, myPrecision, Everywhere);
+
+    CellBoxTree::Surroundings nearMisses;
+    bool areFewNear = false, isNearKnown = false; // for most of the time nobody asks
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        const point& p = points[n];
+        codes[n] = codeOf(Query(*this, p, grid_epsilon)
+                              .inFirstSteps(
+                                  uvw[n], matches.of(n),
+                                  [&](const CellBoxTree::Matches::Cell& cell, point& at) {
+                                      const Step& step = steps[&cell - cells.data()];
+                                      at = step.at;
+                                      return step.outcome;
+                                  },
+                                  [&](auto&& f) {
+                                      if (!isNearKnown) {
+                                          areFewNear = search.nearMisses.gather(nearMisses, low, high);
+                                          isNearKnown = true;
+                                      }
+                                      if (!areFewNear)
+                                          search.nearMisses.forEachGroupAt(p, f);
+                                      else if (!nearMisses.empty())
+                                          search.nearMisses.forEachGroupAt(nearMisses, p, f);
+                                  }));
+    }
+}
+
+unsigned char UniGridMapper::locateSilently(const point& p, point& uvw, double grid_epsilon) const {
+    const Search& search = *mySearch;
+    if (!search.hasReach || !search.unigrid.isFinite || !search.unigrid.inside(p)) return Undecided;
+    return codeOf(Query(*this, p, grid_epsilon).inFirstSteps(uvw));
 }
 
 unsigned int UniGridMapper::localCellCoordinatesFromCurviGridProjective(const point& p, point& uvw,
@@ -545,13 +745,11 @@ unsigned int UniGridMapper::localCellCoordinatesFromCurviGridProjective(const po
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGridProjective(p, uvw, grid_epsilon)");
     MultiIndex3 unicell;
     if (!inUniCell(p, unicell)) return 1;
-    const Vantle::detail::UnicellLists& lists = mySearch->lists;
     const BlockVertices& vertices = mySearch->vertices;
-    const index_t u = unicell.linear(myUnigridSize);
-    const std::uint32_t begin = lists.offsets[u], end = lists.offsets[u + 1];
-    if (begin == end) return 1;
-    for (std::uint32_t entry = begin; entry < end; ++entry) {
-        const MultiIndex3 cell = MultiIndex3::fromLinear(lists.cells[entry], vertices.cells());
+    const std::span<const std::uint32_t> list = mySearch->lists().at(unicell.linear(myUnigridSize));
+    if (list.empty()) return 1;
+    for (const std::uint32_t entry : list) {
+        const MultiIndex3 cell = MultiIndex3::fromLinear(entry, vertices.cells());
         const double* const lowest = vertices.address(cell);
         const auto corner = [&](int number) { return vertices.point(vertices.corner(lowest, number)); };
         Orvix::cuboidToUnitCube(uvw, p, corner(0), corner(4), corner(2), corner(1), corner(7), true);

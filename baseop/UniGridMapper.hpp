@@ -9,6 +9,7 @@
 
 #include <list>
 #include <memory>
+#include <span>
 
 /// Finds the cell of a curvilinear block that contains a point, and the point's coordinates in the block.
 ///
@@ -23,12 +24,13 @@
 /// Degenerate   a block without cells answers every query with "not found". Cells whose corners have a NaN are never
 ///              found. Cells that are flat, or whose edges are shorter than about 5e-4, count as degenerate: each
 ///              query that tries one prints "WHAT?" 102 times.
-/// Failure      messages on standard output, and a `false` or 0 result.
-/// Concurrency  immutable once constructed: queries may come from any number of threads.
-/// Cost         4 bytes an entry of a list, 4 bytes a unicell, and 18 bytes a cell for the boxes that tell queries
-/// which
-///              cells of a list can react at all. A query tries one to three cells, however long the list is; nothing
-///              is allocated.
+/// Failure      messages on standard output, and a `false` or 0 result. std::bad_alloc where there is no memory for the
+///              lists.
+/// Concurrency  queries may come from any number of threads: nothing they see changes, and the lists are made once.
+/// Cost         14 bytes a cell for the boxes that tell queries which cells of a list can react at all. A query tries
+///              one or two cells, however long the list is; nothing is allocated. The lists themselves, 4 bytes an
+///              entry and 4 bytes a unicell, are made when one is first needed: by `curviCells`, by projective
+///              queries, where a solve gives up, and, from the 17th miss on, for what is left in `uvw`.
 class VANTLE_BASEOP_API UniGridMapper : public Hestra::ReferenceBase<UniGridMapper> {
 public:
     using point = Orvix::PhysicalSpace::point;
@@ -51,7 +53,7 @@ public:
     /// Steps after which a solve gives up.
     static constexpr int MaximalIterations = 102;
 
-    /// Builds the lists, and prints how long the longest one is.
+    /// Builds the search structure, and prints how long the longest list is.
     ///
     /// `resolution` is the number of unicells per mean edge length of the block's cells, divided by 1.2: larger means
     /// finer. The mean is a running one, in which the edges of the last cells weigh most; this is on purpose.
@@ -60,7 +62,7 @@ public:
     ///
     /// Degenerate  an axis gets at least two unicells; a coarser one prints a warning. Null coordinates are an empty
     ///             block.
-    /// Failure     std::length_error beyond the limits above, found by counting before anything is allocated.
+    /// Failure     std::length_error beyond the limits above, found by counting.
     UniGridMapper(const Hestra::StrongPtr<CoordsArray_t>& coordinates, double resolution, double precision);
     ~UniGridMapper() override;
     UniGridMapper(const UniGridMapper&) = delete;
@@ -98,6 +100,17 @@ public:
     /// `uvw` is meaningful for 1 and 2; otherwise it may hold the last iterate of the last cell tried.
     unsigned int localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon) const;
 
+    /// As above, with `uvw` untouched where the result is 0: no list is needed for what it would hold.
+    unsigned int locate(const point& p, point& uvw, double grid_epsilon) const;
+
+    /// The code of `locateSilently` for what it leaves to `locate`.
+    static constexpr unsigned char Undecided = 3;
+    /// As `locate` for many points at once, whose searches share much if they lie within a few cells of each other. The
+    /// three sequences have the same length. Nothing is printed: points whose query might do so get `Undecided`; they
+    /// are few in good blocks.
+    void locateSilently(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes,
+                        double grid_epsilon) const;
+
     /// The query through the projective map of the cells: 1 and the coordinates of the first cell whose unit cube,
     /// widened by `grid_epsilon`, has the point; 0 when none has it. Where there is no list, outside of the box above
     /// all, the answer is 1 too, with `uvw` untouched: callers ask `inUniCell` first.
@@ -117,7 +130,15 @@ public:
 
 private:
     struct Search;
-    class Walk;
+    class Query;
+    enum class Answer { Missing, Found, NearMiss, Undecided };
+
+    static unsigned char codeOf(Answer answer) noexcept;
+    void locateNeighbours(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes,
+                          double grid_epsilon) const;
+    unsigned char locateSilently(const point& p, point& uvw, double grid_epsilon) const;
+    template<bool LeavesLast>
+    unsigned int query(const point& p, point& uvw, double grid_epsilon) const;
 
     void measure(double resolution, double precision);
     void addReach();

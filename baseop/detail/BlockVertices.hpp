@@ -4,7 +4,12 @@
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/MultiArray.hpp>
 
+#include <algorithm>
 #include <cstddef>
+
+#if defined(__SSE2__)
+#    include <emmintrin.h>
+#endif
 
 namespace Vantle::detail {
 
@@ -40,6 +45,44 @@ public:
     [[nodiscard]] const double* corner(const double* lowest, int corner) const noexcept {
         return lowest + (corner & 1 ? myStep[0] : 0) + (corner & 2 ? myStep[1] : 0) + (corner & 4 ? myStep[2] : 0);
     }
+    /// Whether the box of the corners of the cell whose lowest vertex is at `lowest` has a point. Corners are numbers.
+    [[nodiscard]] bool isInBox(const double* lowest, const Orvix::PhysicalSpace::point& P) const noexcept {
+#if defined(__SSE2__)
+        // The first two axes of each corner; the third of two corners at once.
+        __m128d low = _mm_loadu_pd(lowest), high = low;
+        const auto third = [&](int q) {
+            return _mm_loadh_pd(_mm_load_sd(corner(lowest, q) + 2), corner(lowest, q + 1) + 2);
+        };
+        __m128d lowThird = third(0), highThird = lowThird;
+        for (int q = 1; q < 8; ++q) {
+            const __m128d c = _mm_loadu_pd(corner(lowest, q));
+            low = _mm_min_pd(low, c);
+            high = _mm_max_pd(high, c);
+        }
+        for (int q = 2; q < 8; q += 2) {
+            const __m128d c = third(q);
+            lowThird = _mm_min_pd(lowThird, c);
+            highThird = _mm_max_pd(highThird, c);
+        }
+        const __m128d p = _mm_set_pd(P[1], P[0]), z = _mm_set1_pd(P[2]);
+        const int isInside = _mm_movemask_pd(_mm_and_pd(_mm_cmpge_pd(p, low), _mm_cmple_pd(p, high)));
+        const int isAbove = _mm_movemask_pd(_mm_cmpge_pd(z, lowThird));
+        const int isBelow = _mm_movemask_pd(_mm_cmple_pd(z, highThird));
+        return isInside == 3 && isAbove != 0 && isBelow != 0;
+#else
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d) {
+            double low = lowest[d], high = low;
+            for (int q = 1; q < 8; ++q) {
+                const double c = corner(lowest, q)[d];
+                low = std::min(low, c);
+                high = std::max(high, c);
+            }
+            isInside &= P[d] >= low && P[d] <= high;
+        }
+        return isInside;
+#endif
+    }
     /// Sends for the corners of a cell.
     void prefetchCell([[maybe_unused]] const double* lowest) const noexcept {
 #if defined(__GNUC__)
@@ -47,6 +90,15 @@ public:
             __builtin_prefetch(corner(lowest, row));
             __builtin_prefetch(corner(lowest, row + 1) + 2);
         }
+#endif
+    }
+    /// Sends for most of the corners of 2 x 2 x 2 cells, or of those of them that there are.
+    void prefetchGroup([[maybe_unused]] index_t i, [[maybe_unused]] index_t j,
+                       [[maybe_unused]] index_t k) const noexcept {
+#if defined(__GNUC__)
+        const std::size_t middle = i + 1 < mySize[0] ? myStep[0] : 0;
+        for (index_t z = k; z < std::min(k + 3, mySize[2]); ++z)
+            for (index_t y = j; y < std::min(j + 3, mySize[1]); ++y) __builtin_prefetch(address(i, y, z) + middle);
 #endif
     }
     [[nodiscard]] static Orvix::PhysicalSpace::point point(const double* at) noexcept { return {at[0], at[1], at[2]}; }

@@ -1,4 +1,5 @@
 #include <baseop/detail/CellBoxTree.hpp>
+#include <model/hestra/Chunk.hpp>
 
 #include <cmath>
 #include <limits>
@@ -11,9 +12,27 @@ namespace {
 
 constexpr float infinite = std::numeric_limits<float>::infinity();
 
+// Several times the rounding of a number of the tree to float, and that of sums of three products.
+constexpr float PositionRounding = 3e-7F;
+constexpr float ProductRounding = 2e-6F;
+
 } // namespace
 
-CellBoxTree::Boxes::~Boxes() = default;
+CellBoxTree::Shapes::~Shapes() = default;
+
+/// The boxes of all groups of a level, by bound: low and high ones on each axis.
+struct CellBoxTree::LevelBoxes {
+    std::vector<float> low[3], high[3];
+
+    explicit LevelBoxes(std::size_t count = 0) {
+        for (int d = 0; d < 3; ++d) {
+            for (std::vector<float>* const bound : {&low[d], &high[d]}) {
+                Hestra::reserveLargeArray(*bound, count);
+                bound->resize(count);
+            }
+        }
+    }
+};
 
 CellBoxTree::CellBoxTree(const MultiIndex<3>& cells, const point& lowest, const point& highest) {
     for (int d = 0; d < 3; ++d) {
@@ -37,18 +56,16 @@ CellBoxTree::CellBoxTree(const MultiIndex<3>& cells, const point& lowest, const 
     } while (below[0] > 1 || below[1] > 1 || below[2] > 1);
 }
 
-template<int Side>
-CellBoxTree::Box CellBoxTree::Group<Side>::assign(const Box* members) noexcept {
-    Box whole;
+void CellBoxTree::Upper::assign(const Boxes<Members>& members, std::size_t count) noexcept {
     for (int d = 0; d < 3; ++d) {
+        const float* const lows = members.low[d];
+        const float* const highs = members.high[d];
         float low = infinite, high = -infinite;
-        for (int m = 0; m < Members; ++m) {
-            const bool isThere = members[m].low[d] <= members[m].high[d];
-            low = isThere ? std::min(low, members[m].low[d]) : low;
-            high = isThere ? std::max(high, members[m].high[d]) : high;
+        for (std::size_t m = 0; m < count; ++m) {
+            const bool isThere = lows[m] <= highs[m];
+            low = std::min(low, isThere ? lows[m] : infinite);
+            high = std::max(high, isThere ? highs[m] : -infinite);
         }
-        whole.low[d] = low;
-        whole.high[d] = high;
         // The largest power of two that keeps the whole within 256 steps; whatever does not fit is clamped.
         const float extent = std::max(high - low, std::numeric_limits<float>::min());
         const std::uint32_t bits = std::bit_cast<std::uint32_t>(256.0F / extent) >> 23;
@@ -56,42 +73,198 @@ CellBoxTree::Box CellBoxTree::Group<Side>::assign(const Box* members) noexcept {
         const float from = low <= high ? low : 0.0F;
         origin[d] = from;
         const float s = scale(exponent[d]);
-        for (int m = 0; m < Members; ++m) {
-            const bool isThere = members[m].low[d] <= members[m].high[d];
-            bounds[d][0][m] = quantize(isThere ? members[m].low[d] : infinite, from, s);
-            bounds[d][1][m] = quantize(isThere ? members[m].high[d] : -infinite, from, s);
+        const auto quantize = [&](float x) {
+            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max((x - from) * s, 0.0F), 255.0F)));
+        };
+        for (std::size_t m = 0; m < count; ++m) {
+            const bool isThere = lows[m] <= highs[m];
+            bounds[d][0][m] = quantize(isThere ? lows[m] : infinite);
+            bounds[d][1][m] = quantize(isThere ? highs[m] : -infinite);
+        }
+        for (std::size_t m = count; m < Members; ++m) {
+            bounds[d][0][m] = 255;
+            bounds[d][1][m] = 0;
         }
     }
     exponent[3] = 63; // makes a number of these four bytes that is no denormal, for the processor's sake
-    return whole;
 }
 
-void CellBoxTree::build(const Boxes& source) {
-    if (myTop < 0) return;
-    const Level& bottom = myLevels[0];
-    myBottom.resize(bottom.total());
-    if (myTop > 0) myUpper.resize(myLevels[myTop].first + 1);
-    std::vector<Box> boxes(bottom.total());
+void CellBoxTree::Upper::boxOf(int member, float (&low)[3], float (&high)[3]) const noexcept {
+    for (int d = 0; d < 3; ++d) {
+        const float step = 1.0F / scale(exponent[d]);
+        const float from = origin[d] + (static_cast<float>(bounds[d][0][member]) - 0.1F) * step;
+        const float to = origin[d] + (static_cast<float>(bounds[d][1][member]) + 1.1F) * step;
+        low[d] = from - PositionRounding * std::fabs(from);
+        high[d] = to + PositionRounding * std::fabs(to);
+    }
+}
 
+/// The cells of one group, as they lie in rows.
+struct CellBoxTree::Members {
+    const Row* rows; // those of the group: along j, then along k
+    std::size_t first;
+    const float* least;
+
+    [[nodiscard]] std::size_t at(int m) const noexcept { return first + static_cast<std::size_t>(m & 1); }
+    [[nodiscard]] bool exists(int m) const noexcept {
+        const float c = rows[m >> 1].centre[0][at(m)];
+        return c == c;
+    }
+
+    /// Sets the group from these cells, whose boxes along the axes have the bounds given.
+    template<int Edges>
+    void assignTo(Bottom& group, const float (&low)[3], const float (&high)[3]) const noexcept;
+};
+
+template<int Edges>
+void CellBoxTree::Members::assignTo(Bottom& group, const float (&low)[3], const float (&high)[3]) const noexcept {
+    // The frame: the sums of the cells' edges, unless they are nearly in a plane.
+    double side[3][3] = {};
+    float reference[4] = {};
+    bool isAny = false;
+    for (int m = 0; m < Bottom::Members; ++m) {
+        if (!exists(m)) continue;
+        const Row& row = rows[m >> 1];
+        for (int v = 0; v < 3; ++v)
+            for (int d = 0; d < 3; ++d) side[v][d] += row.edge[v][d][at(m)];
+        for (int d = 0; d < 3 && !isAny; ++d) reference[d] = row.centre[d][at(m)];
+        isAny = true;
+    }
+    const auto cross = [](const double(&a)[3], const double(&b)[3], double(&c)[3]) {
+        for (int d = 0; d < 3; ++d) c[d] = a[(d + 1) % 3] * b[(d + 2) % 3] - a[(d + 2) % 3] * b[(d + 1) % 3];
+    };
+    const auto squared = [](const double(&a)[3]) { return a[0] * a[0] + a[1] * a[1] + a[2] * a[2]; };
+    double toFrame[3][3];
+    for (int v = 0; v < 3; ++v) cross(side[(v + 1) % 3], side[(v + 2) % 3], toFrame[v]);
+    const double det = side[0][0] * toFrame[0][0] + side[0][1] * toFrame[0][1] + side[0][2] * toFrame[0][2];
+    constexpr double smallestPart = 1e-5;
+    const bool hasFrame =
+        det * det > smallestPart * smallestPart * (squared(side[0]) * squared(side[1]) * squared(side[2]));
+    for (int v = 0; v < 3; ++v) {
+        for (int d = 0; d < 3; ++d) {
+            if (hasFrame) {
+                toFrame[v][d] /= det;
+            } else {
+                side[v][d] = v == d ? static_cast<double>(high[d]) - low[d] : 0.0;
+                toFrame[v][d] = v == d ? 1.0 / side[v][d] : 0.0;
+            }
+        }
+    }
+
+    // All boxes in the frame, relative to the reference. Four lanes, of which the last is idle.
+    float map[3][4] = {}, absolute[3][4] = {}, least3[4] = {}, margin[4] = {};
+    for (int d = 0; d < 3; ++d)
+        for (int v = 0; v < 3; ++v) {
+            map[d][v] = static_cast<float>(toFrame[v][d]);
+            absolute[d][v] = std::fabs(map[d][v]);
+            least3[v] += absolute[d][v] * least[d];
+            margin[v] += absolute[d][v] * (ProductRounding * (high[d] - low[d]) +
+                                           PositionRounding * std::max(std::fabs(low[d]), std::fabs(high[d])));
+        }
+    float from[Bottom::Members][4], to[Bottom::Members][4];
+    float lowest[4] = {infinite, infinite, infinite, infinite};
+    float highest[4] = {-infinite, -infinite, -infinite, -infinite};
+    for (int m = 0; m < Bottom::Members; ++m) {
+        if (!exists(m)) continue;
+        const Row& row = rows[m >> 1];
+        const std::size_t i = at(m);
+        const float c[3] = {row.centre[0][i] - reference[0], row.centre[1][i] - reference[1],
+                            row.centre[2][i] - reference[2]};
+        const float s[3] = {row.slack[0][i], row.slack[1][i], row.slack[2][i]};
+        float centre[4], half[4] = {}, slack[4];
+        for (int v = 0; v < 4; ++v) {
+            centre[v] = map[0][v] * c[0] + map[1][v] * c[1] + map[2][v] * c[2];
+            slack[v] = margin[v] + (absolute[0][v] * s[0] + absolute[1][v] * s[1] + absolute[2][v] * s[2]);
+        }
+        for (int g = 0; g < Edges; ++g) {
+            const float e[3] = {row.edge[g][0][i], row.edge[g][1][i], row.edge[g][2][i]};
+            for (int v = 0; v < 4; ++v) half[v] += std::fabs(map[0][v] * e[0] + map[1][v] * e[1] + map[2][v] * e[2]);
+        }
+        for (int v = 0; v < 4; ++v) {
+            half[v] = std::max(half[v], least3[v]) + slack[v];
+            from[m][v] = centre[v] - half[v];
+            to[m][v] = centre[v] + half[v];
+            lowest[v] = std::min(lowest[v], from[m][v]);
+            highest[v] = std::max(highest[v], to[m][v]);
+        }
+    }
+
+    // Steps along the frame, from an origin that is rounded first.
+    double perUnit[3], corner[3] = {};
+    bool isFinite = isAny;
+    for (int v = 0; v < 3; ++v) {
+        perUnit[v] = static_cast<double>(Bottom::StepCount) / (static_cast<double>(highest[v]) - lowest[v]);
+        isFinite = isFinite && perUnit[v] > 0.0 && perUnit[v] < 1e30;
+        for (int d = 0; d < 3; ++d)
+            corner[d] += side[v][d] * (static_cast<double>(lowest[v]) - Bottom::FirstStep / perUnit[v]);
+    }
+    for (int d = 0; d < 3; ++d) {
+        group.origin[d] = static_cast<float>(reference[d] + corner[d]);
+        isFinite = isFinite && std::fabs(group.origin[d]) < 1e30F;
+    }
+    for (int v = 0; v < 3; ++v) {
+        double shift = 0.0;
+        for (int d = 0; d < 3; ++d) {
+            group.column[d][v] = static_cast<float>(toFrame[v][d] * perUnit[v]);
+            isFinite = isFinite && std::fabs(group.column[d][v]) < 1e30F;
+            shift += toFrame[v][d] * (static_cast<double>(group.origin[d]) - reference[d]);
+        }
+        const auto scale = static_cast<float>(perUnit[v]), offset = static_cast<float>(shift);
+        const auto quantize = [&](float x, float widening) {
+            const float steps = (x - offset) * scale + widening;
+            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max(steps, 0.0F), 255.0F)));
+        };
+        constexpr float Widening = 0.05F;
+        for (int m = 0; m < Bottom::Members; ++m) {
+            group.bounds[v][0][m] = exists(m) ? quantize(from[m][v], -Widening) : 255;
+            group.bounds[v][1][m] = exists(m) ? quantize(to[m][v], Widening) : 0;
+        }
+    }
+    if (isFinite) return;
+    // Out of the range of numbers: the cells may be anywhere.
+    for (int d = 0; d < 3; ++d) {
+        group.origin[d] = 0.0F;
+        for (int v = 0; v < 3; ++v) group.column[d][v] = 0.0F;
+        for (int m = 0; m < Bottom::Members; ++m) {
+            group.bounds[d][0][m] = exists(m) ? 0 : 255;
+            group.bounds[d][1][m] = exists(m) ? 255 : 0;
+        }
+    }
+}
+
+template<int Edges>
+void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& boxes) {
     // One filler, and four rows of cells filled up to whole groups, for each thread.
+    constexpr std::size_t Arrays = 6 + 3 * Edges;
     struct Worker {
-        std::unique_ptr<Boxes> source;
-        std::vector<float> memory;
+        std::unique_ptr<Shapes> shapes;
+        std::vector<float> memory, bounds;
         Row rows[4];
     };
+    const Level& bottom = myLevels[0];
     const std::size_t width = 2 * bottom.size[0];
     std::vector<Worker> workers(static_cast<std::size_t>(std::max(omp_get_max_threads(), 1)));
     for (Worker& worker : workers) {
-        worker.source = source.clone();
-        worker.memory.resize(width * 24);
+        worker.shapes = shapes.clone();
+        worker.memory.resize(4 * width * Arrays);
+        worker.bounds.resize(6 * width);
         float* next = worker.memory.data();
-        for (Row& row : worker.rows)
-            for (int d = 0; d < 3; ++d) {
-                row.low[d] = next;
-                row.high[d] = next + width;
-                next += 2 * width;
+        const auto take = [&](float*(&vector)[3]) {
+            for (float*& component : vector) {
+                component = next;
+                next += width;
             }
+        };
+        for (Row& row : worker.rows) {
+            take(row.centre);
+            take(row.slack);
+            for (int g = 0; g < Edges; ++g) take(row.edge[g]);
+        }
     }
+    float least[3];
+    for (int d = 0; d < 3; ++d)
+        least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
+
     const auto planes = static_cast<std::ptrdiff_t>(bottom.size[2]);
 #pragma omp parallel for schedule(dynamic) num_threads(static_cast <int>(workers.size()))
     for (std::ptrdiff_t plane = 0; plane < planes; ++plane) {
@@ -102,48 +275,179 @@ void CellBoxTree::build(const Boxes& source) {
                 const Row& row = worker.rows[r];
                 const std::size_t j = 2 * y + (r & 1), k = 2 * z + (r >> 1);
                 const bool exists = j < myCells[1] && k < myCells[2];
-                if (exists) worker.source->fill(j, k, row);
-                for (std::size_t i = exists ? myCells[0] : 0; i < width; ++i)
-                    for (int d = 0; d < 3; ++d) {
-                        row.low[d][i] = infinite;
-                        row.high[d][i] = -infinite;
-                    }
+                if (exists) worker.shapes->fill(j, k, row);
+                constexpr float nan = std::numeric_limits<float>::quiet_NaN();
+                for (int d = 0; d < 3; ++d)
+                    std::fill(row.centre[d] + (exists ? myCells[0] : 0), row.centre[d] + width, nan);
             }
             const std::size_t first = bottom.size[0] * (y + bottom.size[1] * z);
-            for (std::size_t i = 0; i < bottom.size[0]; ++i) {
-                Box members[8];
-                for (std::size_t m = 0; m < 8; ++m)
-                    for (int d = 0; d < 3; ++d) {
-                        members[m].low[d] = worker.rows[m >> 1].low[d][2 * i + (m & 1)];
-                        members[m].high[d] = worker.rows[m >> 1].high[d][2 * i + (m & 1)];
+            for (int d = 0; d < 3; ++d) {
+                float* const lows = worker.bounds.data();
+                float* const highs = lows + width;
+                std::fill(lows, highs, infinite);
+                std::fill(highs, highs + width, -infinite);
+                for (const Row& row : worker.rows) {
+                    for (std::size_t i = 0; i < width; ++i) {
+                        float half = 0.0F;
+                        for (int g = 0; g < Edges; ++g) half += std::fabs(row.edge[g][d][i]);
+                        const float centre = row.centre[d][i];
+                        half = std::max(half, least[d]) * (1.0F + ProductRounding) + row.slack[d][i];
+                        half += PositionRounding * (std::fabs(centre) + half);
+                        constexpr auto farthest = static_cast<float>(Farthest);
+                        // A NaN is on the right, where it has no effect.
+                        lows[i] = std::min(lows[i], std::max(centre - half, -farthest));
+                        highs[i] = std::max(highs[i], std::min(centre + half, farthest));
                     }
-                boxes[first + i] = myBottom[first + i].assign(members);
+                }
+                for (std::size_t g = 0; g < bottom.size[0]; ++g) {
+                    boxes.low[d][first + g] = std::min(lows[2 * g], lows[2 * g + 1]);
+                    boxes.high[d][first + g] = std::max(highs[2 * g], highs[2 * g + 1]);
+                }
+            }
+            if (detail == Detail::Groups) continue;
+            for (std::size_t g = 0; g < bottom.size[0]; ++g) {
+                const float low[3] = {boxes.low[0][first + g], boxes.low[1][first + g], boxes.low[2][first + g]};
+                const float high[3] = {boxes.high[0][first + g], boxes.high[1][first + g], boxes.high[2][first + g]};
+                Members{worker.rows, 2 * g, least}.assignTo<Edges>(myBottom[first + g], low, high);
             }
         }
     }
+}
 
+void CellBoxTree::buildUpper(LevelBoxes& boxes) {
     for (int l = 1; l <= myTop; ++l) {
         const Level& below = myLevels[l - 1];
         const Level& level = myLevels[l];
-        std::vector<Box> unions(level.total());
+        LevelBoxes unions(level.total());
         const auto total = static_cast<std::ptrdiff_t>(level.total());
 #pragma omp parallel for if (total > 256)
         for (std::ptrdiff_t g = 0; g < total; ++g) {
             const auto group = static_cast<std::size_t>(g);
             const std::size_t x = group % level.size[0], y = group / level.size[0] % level.size[1],
                               z = group / (level.size[0] * level.size[1]);
-            Box members[Upper::Members];
-            for (std::size_t m = 0; m < Upper::Members; ++m) {
-                const std::size_t i = 4 * x + m % 4, j = 4 * y + m / 4 % 4, k = 4 * z + m / 16;
-                if (i < below.size[0] && j < below.size[1] && k < below.size[2])
-                    members[m] = boxes[i + below.size[0] * (j + below.size[1] * k)];
-                else
-                    members[m] = {{infinite, infinite, infinite}, {-infinite, -infinite, -infinite}};
+            Boxes<Upper::Members> members;
+            for (int d = 0; d < 3; ++d) {
+                float low = infinite, high = -infinite;
+                for (std::size_t m = 0; m < Upper::Members; ++m) {
+                    const std::size_t i = 4 * x + m % 4, j = 4 * y + m / 4 % 4, k = 4 * z + m / 16;
+                    const bool exists = i < below.size[0] && j < below.size[1] && k < below.size[2];
+                    const std::size_t number = exists ? i + below.size[0] * (j + below.size[1] * k) : 0;
+                    members.low[d][m] = exists ? boxes.low[d][number] : infinite;
+                    members.high[d][m] = exists ? boxes.high[d][number] : -infinite;
+                    low = std::min(low, members.low[d][m]);
+                    high = std::max(high, members.high[d][m]);
+                }
+                unions.low[d][group] = low;
+                unions.high[d][group] = high;
             }
-            unions[group] = myUpper[level.first + group].assign(members);
+            myUpper[level.first + group].assign(members);
         }
-        boxes.swap(unions);
+        boxes = std::move(unions);
     }
+}
+
+void CellBoxTree::build(const Shapes& shapes, Detail detail) {
+    if (myTop < 0) return;
+    if (detail == Detail::Cells) {
+        // Not cleared: each group is set by the thread that makes it.
+        myBottom = std::make_unique_for_overwrite<Bottom[]>(myLevels[0].total());
+        Hestra::adviseLargeArray(myBottom.get(), myLevels[0].total() * sizeof(Bottom));
+    }
+    if (myTop > 0) myUpper.resize(myLevels[myTop].first + 1);
+    LevelBoxes boxes(myLevels[0].total());
+    if (shapes.edges() == 3)
+        buildGroups<3>(shapes, detail, boxes);
+    else
+        buildGroups<7>(shapes, detail, boxes);
+    buildUpper(boxes);
+}
+
+bool CellBoxTree::gather(Surroundings& surroundings, const point& lowest, const point& highest) const {
+    float low[4] = {}, high[4] = {};
+    for (int d = 0; d < 3; ++d) {
+        low[d] = toFloat(lowest[d], d);
+        high[d] = toFloat(highest[d], d);
+    }
+    Boxes<Upper::Members> boxes;
+    int count = 0;
+    const bool isAll = forEachGroupIn(low, high, [&](const Place& place) {
+        if (count == Surroundings::Capacity) return false;
+        float from[3] = {-static_cast<float>(Farthest), -static_cast<float>(Farthest), -static_cast<float>(Farthest)};
+        float to[3] = {static_cast<float>(Farthest), static_cast<float>(Farthest), static_cast<float>(Farthest)};
+        if (myTop > 0) {
+            const auto member = static_cast<int>(place.at[0] % 4 + 4 * (place.at[1] % 4) + 16 * (place.at[2] % 4));
+            const Place parent{{place.at[0] / 4, place.at[1] / 4, place.at[2] / 4}};
+            myUpper[number(1, parent)].boxOf(member, from, to);
+        }
+        for (int d = 0; d < 3; ++d) {
+            // Bounds outside of the box are all the same; steps are finer without them.
+            boxes.low[d][count] = std::max(from[d], low[d]);
+            boxes.high[d][count] = std::min(to[d], high[d]);
+        }
+        surroundings.myGroups[count++] = {myBottom ? &myBottom[number(0, place)] : nullptr, place.member<2>(0)};
+        return true;
+    });
+    surroundings.myCount = count;
+    if (isAll) surroundings.myBoxes.assign(boxes, static_cast<std::size_t>(count));
+    return isAll;
+}
+
+bool CellBoxTree::match(const Surroundings& surroundings, std::span<const point> points, Matches& matches) const {
+    float x[Matches::MaximalPoints][4];
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        for (int d = 0; d < 3; ++d) x[n][d] = toFloat(points[n][d], d);
+        x[n][3] = 0.0F;
+    }
+    struct Pair {
+        std::uint16_t point, group;
+    };
+    constexpr std::size_t MaximalPairs = 512;
+    Pair pairs[MaximalPairs];
+    std::size_t pairCount = 0;
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        if (pairCount + Surroundings::Capacity + 2 > MaximalPairs) return false;
+        auto mask = surroundings.myBoxes.membersIn(x[n], x[n], surroundings.myCount);
+        // Mostly there are one or two: both are written anyhow, and counted if they are there.
+        do {
+            for (int g = 0; g < 2; ++g) {
+                pairs[pairCount] = {static_cast<std::uint16_t>(n), static_cast<std::uint16_t>(std::countr_zero(mask))};
+                pairCount += mask != 0 ? 1 : 0;
+                mask &= mask - 1;
+            }
+        } while (mask);
+    }
+
+    unsigned char cells[MaximalPairs];
+    for (std::size_t p = 0; p < pairCount; ++p)
+        cells[p] =
+            static_cast<unsigned char>(surroundings.myGroups[pairs[p].group].group->membersAt(x[pairs[p].point]));
+
+    std::size_t count = 0, pair = 0;
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        const std::size_t first = count;
+        matches.myFirst[n] = static_cast<std::uint16_t>(count);
+        for (; pair < pairCount && pairs[pair].point == n; ++pair) {
+            if (count + Bottom::Members > Matches::Capacity) return false;
+            const Place& lowest = surroundings.myGroups[pairs[pair].group].lowestCell;
+            // Mostly there is one or none: written anyhow, and counted if it is there.
+            unsigned mask = cells[pair];
+            do {
+                const auto m = static_cast<std::uint32_t>(std::countr_zero(mask | 0x100U));
+                const std::uint32_t i = lowest.at[0] + (m & 1), j = lowest.at[1] + (m >> 1 & 1),
+                                    k = lowest.at[2] + (m >> 2 & 1);
+                matches.myCells[count] = {i + myCells[0] * (j + myCells[1] * k), i, j, k,
+                                          static_cast<std::uint32_t>(n)};
+                count += mask != 0 ? 1 : 0;
+                mask &= mask - 1;
+            } while (mask);
+        }
+        for (std::size_t c = first + 1; c < count; ++c)
+            for (std::size_t at = c; at > first && matches.myCells[at - 1].number > matches.myCells[at].number; --at)
+                std::swap(matches.myCells[at - 1], matches.myCells[at]);
+    }
+    matches.myFirst[points.size()] = static_cast<std::uint16_t>(count);
+    matches.myCount = count;
+    return true;
 }
 
 } // namespace Vantle::detail

@@ -1,5 +1,5 @@
 #pragma once
-/// Which cells of a block have a point in their boxes: a hierarchy over the cells' indices.
+/// Which cells of a block may have a point: a hierarchy over the cells' indices.
 
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/Index.hpp>
@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <type_traits>
+#include <span>
 #include <vector>
 
 #if defined(__SSE2__)
@@ -18,46 +18,57 @@
 
 namespace Vantle::detail {
 
-/// Boxes of the cells of a block, one a cell, found by point.
+/// Sets of points that belong to the cells of a block, one a cell, found by point.
 ///
 /// Cells are gathered in groups of 2 x 2 x 2 neighbours, groups in groups of 4 x 4 x 4, and so on: what are neighbours
-/// in the block mostly are so in space, and nothing is sorted. A group has the boxes of its members in bytes, so that a
-/// few vector operations test all of them.
+/// in the block mostly are so in space, and nothing is sorted. A group of cells has their boxes in a frame of its own,
+/// along its edges, where the boxes of skewed and thin cells hardly overlap; groups of groups have boxes along the
+/// axes. All of them are in bytes, so that a few vector operations test them all.
 ///
-/// A search reports every cell whose box has the point, and some whose box nearly has it: all roundings on the way are
-/// monotonic functions that are applied to bounds and point alike, and thus never separate a point from its box.
+/// A search reports every cell whose set has the point, and some whose set nearly has it.
 ///
 /// Concurrency  searches may come from any number of threads once the tree is built.
-/// Cost         a little less than 9 bytes a cell. A search looks at one to three groups a level, all groups of a level
-///              at the same time, and there are few levels: four for a hundred cells an axis.
+/// Cost         about 13 bytes a cell, or one without the groups of cells. A search looks at one to three groups a
+///              level, all groups of a level at the same time, and there are few levels: four for a hundred cells an
+///              axis.
 class CellBoxTree {
 public:
     using point = Orvix::PhysicalSpace::point;
 
-    /// Lower and upper bounds of the cells of a row, by axis, as `toFloat` makes them.
+    /// The sets of the cells of one row: centre + sum over g of t_g edge_g, |t_g| <= 1, widened by `slack` along each
+    /// axis; all relative to the tree's scale. A centre of NaN makes an empty set.
     struct Row {
-        float *low[3], *high[3];
+        static constexpr int MaximalEdges = 7;
+        float* centre[3];
+        float* edge[MaximalEdges][3]; // of which the first three span the cell
+        float* slack[3];
     };
 
-    /// Says what the boxes are, one row of cells after the other.
-    class Boxes {
+    /// Says what the sets are, one row of cells after the other.
+    class Shapes {
     public:
-        Boxes() = default;
-        virtual ~Boxes();
-        /// Writes the boxes of the cells (0, j, k), (1, j, k) ...; one that has a NaN, or bounds the wrong way round,
-        /// holds no point.
+        Shapes() = default;
+        virtual ~Shapes();
+        /// How many edges there are, 3 or 7.
+        [[nodiscard]] virtual int edges() const noexcept = 0;
+        /// Every set has the points that are so near to its centre along all axes.
+        [[nodiscard]] virtual Orvix::PhysicalSpace::vector leastHalfWidth() const noexcept { return {}; }
+        /// Writes the sets of the cells (0, j, k), (1, j, k) ...
         virtual void fill(std::size_t j, std::size_t k, const Row& row) = 0;
         /// A copy for another thread.
-        [[nodiscard]] virtual std::unique_ptr<Boxes> clone() const = 0;
+        [[nodiscard]] virtual std::unique_ptr<Shapes> clone() const = 0;
 
     protected:
-        Boxes(const Boxes&) = default;
-        Boxes& operator=(const Boxes&) = default;
+        Shapes(const Shapes&) = default;
+        Shapes& operator=(const Shapes&) = default;
     };
+
+    /// Whether searches tell cells, or groups of cells only.
+    enum class Detail { Cells, Groups };
 
     CellBoxTree() = default;
 
-    /// For coordinates between the corners of a box. `cells` is how many on each axis, less than 2^32 - 1.
+    /// For points between the corners of a box. `cells` is how many on each axis, less than 2^32 - 1.
     CellBoxTree(const MultiIndex<3>& cells, const point& lowest, const point& highest);
 
     /// A world coordinate as the tree sees it; monotonic.
@@ -65,47 +76,69 @@ public:
         const double scaled = (x - myOrigin[axis]) * myScale[axis];
         return static_cast<float>(std::min(std::max(scaled, -Farthest), Farthest));
     }
+    /// Factor from world lengths to those of the tree.
+    [[nodiscard]] double scale(int axis) const noexcept { return myScale[axis]; }
 
     /// Builds the tree, once, in parallel.
-    void build(const Boxes& boxes);
+    void build(const Shapes& shapes, Detail detail = Detail::Cells);
 
-    /// Calls `f(i, j, k)` for the cells that may have `P`, which has no NaN, in their box; in no particular order.
+    /// Calls `f(i, j, k)` for the cells that may have `P`, which has no NaN; in no particular order. Before that, and
+    /// as soon as may be, `prepare(i, j, k)` for the lowest cell of each group of 2 x 2 x 2 that is looked into.
+    template<class F, class Prepare>
+    void forEachAt(const point& P, F&& f, Prepare&& prepare) const;
+    /// Calls `f(i, j, k)` for the lowest cell of groups of up to 2 x 2 x 2 cells that may have `P`.
     template<class F>
-    void forEachAt(const point& P, F&& f) const;
+    void forEachGroupAt(const point& P, F&& f) const;
 
 private:
     /// Whatever is farther away counts as so far: all bounds are numbers.
     static constexpr double Farthest = 1e30;
 
-    struct Box {
-        float low[3], high[3];
+    /// Boxes by axis, of which those with bounds the wrong way round are empty.
+    template<std::size_t N>
+    struct Boxes {
+        float low[3][N], high[3][N];
     };
 
-    /// The boxes of `Side` x `Side` x `Side` members, the first axis fastest, quantized in steps of a power of two.
-    template<int Side>
-    struct alignas(64) Group {
-        static constexpr int Members = Side * Side * Side;
-        using Mask = std::conditional_t<Members <= 32, std::uint32_t, std::uint64_t>;
+    /// A point in steps of a group, on three axes.
+    struct Steps;
+
+    /// The boxes of up to 4 x 4 x 4 members, the first axis fastest, along the axes.
+    struct alignas(64) Upper {
+        static constexpr int Members = 64;
 
         float origin[3];
-        std::uint8_t exponent[4]; // of the scale, biased as in a float
+        std::uint8_t exponent[4]; // of the scale, a power of two, biased as in a float
         /// By axis: lower bounds of all members, then upper bounds.
         std::uint8_t bounds[3][2][Members];
 
         [[nodiscard]] static float scale(std::uint8_t biased) noexcept {
             return std::bit_cast<float>(std::uint32_t{biased} << 23);
         }
-        [[nodiscard]] static std::uint8_t quantize(float x, float from, float scale) noexcept {
-            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max((x - from) * scale, 0.0F), 255.0F)));
-        }
-        /// Sets the group from boxes of the members, and returns the box of all.
-        Box assign(const Box* members) noexcept;
-        /// Bit m is set when member m may have the point.
-        [[nodiscard]] Mask membersAt(const float (&x)[4]) const noexcept;
+        /// Sets the group from boxes of the first `count` members; others are empty.
+        void assign(const Boxes<Members>& members, std::size_t count = Members) noexcept;
+        /// Bit m is set when member m, one of the first `count`, may meet the box between two points.
+        [[nodiscard]] std::uint64_t membersIn(const float (&low)[4], const float (&high)[4],
+                                              int count = Members) const noexcept;
+        /// A box around that of a member.
+        void boxOf(int member, float (&low)[3], float (&high)[3]) const noexcept;
     };
-    using Bottom = Group<2>;
-    using Upper = Group<4>;
-    static_assert(sizeof(Bottom) == 64);
+
+    /// The sets of up to 2 x 2 x 2 cells, in boxes along the edges of the group.
+    struct alignas(32) Bottom {
+        static constexpr int Members = 8;
+        /// Steps of points in a box are from 1 to 254; a cell without a box has all.
+        static constexpr float StepCount = 252.0F, FirstStep = 1.5F;
+
+        float origin[3];
+        float column[3][3]; // of the map from points relative to the origin to steps
+        std::uint8_t bounds[3][2][Members];
+
+        /// Bit m is set when cell m may have the point.
+        [[nodiscard]] unsigned membersAt(const float (&x)[4]) const noexcept;
+    };
+    static_assert(sizeof(Bottom) == 96);
+    struct Members;
 
     /// Groups of one level: 0 is that of the groups of cells.
     struct Level {
@@ -126,97 +159,224 @@ private:
                      at[2] * Side + (number >> (2 * bits))}};
         }
     };
+
+public:
+    /// The groups of cells near a box, gathered once for many points in it.
+    class Surroundings {
+    public:
+        /// Whether there are none.
+        [[nodiscard]] bool empty() const noexcept { return myCount == 0; }
+        /// Calls `f(i, j, k)` for the lowest cell of each.
+        template<class F>
+        void forEachGroup(F&& f) const {
+            for (int g = 0; g < myCount; ++g) {
+                const Place& cell = myGroups[g].lowestCell;
+                f(cell.at[0], cell.at[1], cell.at[2]);
+            }
+        }
+
+    private:
+        friend class CellBoxTree;
+        static constexpr int Capacity = Upper::Members;
+        Upper myBoxes;
+        struct Entry {
+            const Bottom* group; // null where searches tell groups only
+            Place lowestCell;
+        } myGroups[Capacity];
+        int myCount = 0;
+    };
+    /// The cells that may have each of a few points.
+    class Matches {
+    public:
+        static constexpr std::size_t MaximalPoints = 64;
+        struct Cell {
+            index_t number; // i fastest
+            std::uint32_t i, j, k;
+            std::uint32_t point; // number of the point
+            [[nodiscard]] MultiIndex<3> index() const noexcept { return {i, j, k}; }
+        };
+        /// Those of point number n, in order.
+        [[nodiscard]] std::span<const Cell> of(std::size_t n) const noexcept {
+            return {myCells + myFirst[n], static_cast<std::size_t>(myFirst[n + 1] - myFirst[n])};
+        }
+        /// Those of all points, one after the other.
+        [[nodiscard]] std::span<const Cell> all() const noexcept { return {myCells, myCount}; }
+        static constexpr std::size_t Capacity = 256;
+
+    private:
+        friend class CellBoxTree;
+        std::size_t myCount = 0;
+        std::uint16_t myFirst[MaximalPoints + 1];
+        Cell myCells[Capacity];
+    };
+    /// False when there are too many of them: points are then looked for one by one.
+    [[nodiscard]] bool gather(Surroundings& surroundings, const point& lowest, const point& highest) const;
+    /// Finds the cells for up to `MaximalPoints` points in the box that the surroundings were gathered for; false when
+    /// there are too many. Each stage is done for all points before the next, since searches one by one spend their
+    /// time waiting for their own results.
+    [[nodiscard]] bool match(const Surroundings& surroundings, std::span<const point> points, Matches& matches) const;
+    /// As `forEachGroupAt`, for points in that box.
+    template<class F>
+    void forEachGroupAt(const Surroundings& surroundings, const point& P, F&& f) const;
+
+private:
     [[nodiscard]] std::size_t number(int level, const Place& place) const noexcept {
         const Level& l = myLevels[level];
         return l.first + place.at[0] + l.size[0] * (place.at[1] + l.size[1] * place.at[2]);
     }
     void prefetch([[maybe_unused]] int level, [[maybe_unused]] const Place& place) const noexcept {
 #if defined(__GNUC__)
-        if (level == 0) {
-            __builtin_prefetch(&myBottom[number(0, place)]);
-        } else {
-            const auto* const bytes = reinterpret_cast<const char*>(&myUpper[number(level, place)]);
-            for (std::size_t line = 0; line < sizeof(Upper); line += 64) __builtin_prefetch(bytes + line);
-        }
+        const auto send = [](const void* object, std::size_t size) {
+            for (std::size_t byte = 0; byte < size; byte += 64)
+                __builtin_prefetch(static_cast<const char*>(object) + byte);
+        };
+        if (level != 0)
+            send(&myUpper[number(level, place)], sizeof(Upper));
+        else if (myBottom)
+            send(&myBottom[number(0, place)], sizeof(Bottom));
 #endif
     }
     /// Calls `f` for cells of a group of cells.
     template<class F>
-    void visit(const Place& place, const float (&x)[4], F& f) const {
-        for (auto mask = myBottom[number(0, place)].membersAt(x); mask; mask &= mask - 1) {
-            const Place cell = place.member<2>(std::countr_zero(mask));
-            f(cell.at[0], cell.at[1], cell.at[2]);
+    static void visit(const Bottom& group, const Place& lowestCell, const float (&x)[4], F& f) {
+        for (unsigned mask = group.membersAt(x); mask; mask &= mask - 1) {
+            const auto m = static_cast<std::uint32_t>(std::countr_zero(mask));
+            f(lowestCell.at[0] + (m & 1), lowestCell.at[1] + (m >> 1 & 1), lowestCell.at[2] + (m >> 2));
         }
     }
+    template<class F>
+    void visit(const Place& place, const float (&x)[4], F& f) const {
+        visit(myBottom[number(0, place)], place.member<2>(0), x, f);
+    }
+    /// Calls `f(place)` for the groups of cells that may meet a box, as long as it returns true; false if it does not.
+    template<class F>
+    bool forEachGroupIn(const float (&low)[4], const float (&high)[4], F&& f) const;
     /// Goes through a group and all below, one after the other.
     template<class F>
-    void descend(int top, const Place& start, const float (&x)[4], F& f) const;
+    bool descend(int top, const Place& start, const float (&low)[4], const float (&high)[4], F& f) const;
+    struct LevelBoxes;
+    template<int Edges>
+    void buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& boxes);
+    void buildUpper(LevelBoxes& boxes);
 
     double myOrigin[3] = {}, myScale[3] = {1.0, 1.0, 1.0};
     std::size_t myCells[3] = {};
     int myTop = -1; // number of the last level
     Level myLevels[MaximalLevels];
-    std::vector<Bottom> myBottom;
+    std::unique_ptr<Bottom[]> myBottom; // null where searches tell groups only
     std::vector<Upper> myUpper;
 };
 
-template<int Side>
-inline typename CellBoxTree::Group<Side>::Mask CellBoxTree::Group<Side>::membersAt(const float (&x)[4]) const noexcept {
 #if defined(__SSE2__)
+
+/// Each step in all bytes of a vector.
+struct CellBoxTree::Steps {
+    __m128i at[3];
+
+    /// From steps in the three lower lanes, of any size.
+    explicit Steps(__m128 steps) noexcept {
+        const __m128 clamped = _mm_min_ps(_mm_max_ps(steps, _mm_setzero_ps()), _mm_set1_ps(255.0F));
+        const __m128i words = _mm_packs_epi32(_mm_cvttps_epi32(clamped), _mm_setzero_si128());
+        const __m128i bytes = _mm_packus_epi16(words, words);
+        const __m128i pairs = _mm_unpacklo_epi8(bytes, bytes);
+        const __m128i fours = _mm_unpacklo_epi16(pairs, pairs);
+        at[0] = _mm_shuffle_epi32(fours, 0x00);
+        at[1] = _mm_shuffle_epi32(fours, 0x55);
+        at[2] = _mm_shuffle_epi32(fours, 0xAA);
+    }
+};
+
+inline std::uint64_t CellBoxTree::Upper::membersIn(const float (&low)[4], const float (&high)[4],
+                                                   int count) const noexcept {
     const auto load = [](const void* from) { return _mm_load_si128(static_cast<const __m128i*>(from)); };
     const __m128i header = load(this);
     const __m128i zero = _mm_setzero_si128();
     const __m128i exponents = _mm_unpacklo_epi16(_mm_unpacklo_epi8(_mm_srli_si128(header, 12), zero), zero);
     const __m128 scales = _mm_castsi128_ps(_mm_slli_epi32(exponents, 23));
-    __m128 steps = _mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(x), _mm_castsi128_ps(header)), scales);
-    steps = _mm_min_ps(_mm_max_ps(steps, _mm_setzero_ps()), _mm_set1_ps(255.0F));
-    const __m128i words = _mm_packs_epi32(_mm_cvttps_epi32(steps), zero);
-    const __m128i bytes = _mm_packus_epi16(words, zero);
-    const __m128i pairs = _mm_unpacklo_epi8(bytes, bytes);
-    const __m128i fours = _mm_unpacklo_epi16(pairs, pairs);
-    const __m128i at[3] = {_mm_shuffle_epi32(fours, 0x00), _mm_shuffle_epi32(fours, 0x55),
-                           _mm_shuffle_epi32(fours, 0xAA)};
-    if constexpr (Members == 8) {
-        // Lower bounds in the lower half, upper bounds in the upper one, both kinds compared as complements there.
-        const __m128i upper = _mm_set_epi64x(-1, 0);
-        __m128i inside = _mm_set1_epi8(-1);
+    const auto stepsOf = [&](const float(&x)[4]) {
+        return Steps(_mm_mul_ps(_mm_sub_ps(_mm_loadu_ps(x), _mm_castsi128_ps(header)), scales));
+    };
+    const Steps from = stepsOf(low);
+    const Steps to = &low == &high ? from : stepsOf(high);
+    std::uint64_t mask = 0;
+    for (int m = 0; m < count; m += 16) {
+        __m128i meets = _mm_set1_epi8(-1);
         for (int d = 0; d < 3; ++d) {
-            const __m128i bound = _mm_xor_si128(load(bounds[d]), upper);
-            const __m128i point = _mm_xor_si128(at[d], upper);
-            inside = _mm_and_si128(inside, _mm_cmpeq_epi8(_mm_min_epu8(bound, point), bound));
+            const __m128i lower = load(&bounds[d][0][m]), upper = load(&bounds[d][1][m]);
+            meets = _mm_and_si128(meets, _mm_cmpeq_epi8(_mm_min_epu8(lower, to.at[d]), lower));
+            meets = _mm_and_si128(meets, _mm_cmpeq_epi8(_mm_max_epu8(upper, from.at[d]), upper));
         }
-        const auto mask = static_cast<unsigned>(_mm_movemask_epi8(inside));
-        return mask & (mask >> 8);
-    } else {
-        Mask mask = 0;
-        for (int m = 0; m < Members; m += 16) {
-            __m128i inside = _mm_set1_epi8(-1);
-            for (int d = 0; d < 3; ++d) {
-                const __m128i low = load(&bounds[d][0][m]), high = load(&bounds[d][1][m]);
-                inside = _mm_and_si128(inside, _mm_cmpeq_epi8(_mm_min_epu8(low, at[d]), low));
-                inside = _mm_and_si128(inside, _mm_cmpeq_epi8(_mm_max_epu8(high, at[d]), high));
-            }
-            mask |= static_cast<Mask>(_mm_movemask_epi8(inside)) << m;
-        }
-        return mask;
-    }
-#else
-    Mask mask = 0;
-    std::uint8_t q[3];
-    for (int d = 0; d < 3; ++d) q[d] = quantize(x[d], origin[d], scale(exponent[d]));
-    for (int m = 0; m < Members; ++m) {
-        bool isInside = true;
-        for (int d = 0; d < 3; ++d) isInside = isInside && bounds[d][0][m] <= q[d] && q[d] <= bounds[d][1][m];
-        mask |= static_cast<Mask>(isInside) << m;
+        mask |= static_cast<std::uint64_t>(_mm_movemask_epi8(meets)) << m;
     }
     return mask;
-#endif
 }
 
+inline unsigned CellBoxTree::Bottom::membersAt(const float (&x)[4]) const noexcept {
+    const auto load = [](const void* from) { return _mm_load_si128(static_cast<const __m128i*>(from)); };
+    const auto lane = []<int Lane>(__m128 v) { return _mm_shuffle_ps(v, v, Lane * 0x55); };
+    const __m128 relative = _mm_sub_ps(_mm_loadu_ps(x), _mm_load_ps(origin));
+    // The fourth lane of each load is the next number; the last load starts one earlier, as none follows it.
+    const __m128 last = _mm_loadu_ps(&column[1][2]);
+    const __m128 steps =
+        _mm_add_ps(_mm_add_ps(_mm_mul_ps(_mm_loadu_ps(column[0]), lane.template operator()<0>(relative)),
+                              _mm_mul_ps(_mm_loadu_ps(column[1]), lane.template operator()<1>(relative))),
+                   _mm_mul_ps(_mm_shuffle_ps(last, last, 0x39), lane.template operator()<2>(relative)));
+    const Steps point(steps);
+    // Lower bounds in the lower half, upper bounds in the upper one, both kinds compared as complements there.
+    const __m128i complement = _mm_set_epi64x(-1, 0);
+    __m128i inside = _mm_set1_epi8(-1);
+    for (int d = 0; d < 3; ++d) {
+        const __m128i bound = _mm_xor_si128(load(bounds[d]), complement);
+        const __m128i at = _mm_xor_si128(point.at[d], complement);
+        inside = _mm_and_si128(inside, _mm_cmpeq_epi8(_mm_min_epu8(bound, at), bound));
+    }
+    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(inside));
+    return mask & (mask >> 8);
+}
+
+#else
+
+struct CellBoxTree::Steps {
+    [[nodiscard]] static std::uint8_t of(float steps) noexcept {
+        return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max(steps, 0.0F), 255.0F)));
+    }
+};
+
+inline std::uint64_t CellBoxTree::Upper::membersIn(const float (&low)[4], const float (&high)[4],
+                                                   int count) const noexcept {
+    std::uint8_t from[3], to[3];
+    for (int d = 0; d < 3; ++d) {
+        from[d] = Steps::of((low[d] - origin[d]) * scale(exponent[d]));
+        to[d] = Steps::of((high[d] - origin[d]) * scale(exponent[d]));
+    }
+    std::uint64_t mask = 0;
+    for (int m = 0; m < count; ++m) {
+        bool meets = true;
+        for (int d = 0; d < 3; ++d) meets = meets && bounds[d][0][m] <= to[d] && from[d] <= bounds[d][1][m];
+        mask |= static_cast<std::uint64_t>(meets) << m;
+    }
+    return mask;
+}
+
+inline unsigned CellBoxTree::Bottom::membersAt(const float (&x)[4]) const noexcept {
+    std::uint8_t at[3];
+    for (int d = 0; d < 3; ++d)
+        at[d] = CellBoxTree::Steps::of((column[0][d] * (x[0] - origin[0]) + column[1][d] * (x[1] - origin[1])) +
+                                       column[2][d] * (x[2] - origin[2]));
+    unsigned mask = 0;
+    for (int m = 0; m < Members; ++m) {
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d) isInside = isInside && bounds[d][0][m] <= at[d] && at[d] <= bounds[d][1][m];
+        mask |= static_cast<unsigned>(isInside) << m;
+    }
+    return mask;
+}
+
+#endif
+
 template<class F>
-void CellBoxTree::forEachAt(const point& P, F&& f) const {
-    if (myTop < 0) return;
-    const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
+bool CellBoxTree::forEachGroupIn(const float (&low)[4], const float (&high)[4], F&& f) const {
+    if (myTop < 0) return true;
     // Level by level rather than depth first: all groups of a level are on their way from memory at the same time.
     constexpr std::size_t Capacity = 128;
     Place places[2][Capacity];
@@ -228,12 +388,14 @@ void CellBoxTree::forEachAt(const point& P, F&& f) const {
         std::size_t members = 0;
         for (std::size_t g = 0; g < count; ++g) {
             if (members + Upper::Members > Capacity) [[unlikely]] {
-                // So many boxes at one point are seldom; what remains is gone through group by group.
-                for (std::size_t m = 0; m < members; ++m) descend(level - 1, below[m], x, f);
-                for (; g < count; ++g) descend(level, now[g], x, f);
-                return;
+                // So many boxes at one place are seldom; what remains is gone through group by group.
+                for (std::size_t m = 0; m < members; ++m)
+                    if (!descend(level - 1, below[m], low, high, f)) return false;
+                for (; g < count; ++g)
+                    if (!descend(level, now[g], low, high, f)) return false;
+                return true;
             }
-            for (auto mask = myUpper[number(level, now[g])].membersAt(x); mask; mask &= mask - 1) {
+            for (auto mask = myUpper[number(level, now[g])].membersIn(low, high); mask; mask &= mask - 1) {
                 below[members] = now[g].template member<4>(std::countr_zero(mask));
                 prefetch(level - 1, below[members++]);
             }
@@ -241,37 +403,72 @@ void CellBoxTree::forEachAt(const point& P, F&& f) const {
         std::swap(now, below);
         count = members;
     }
-    for (std::size_t g = 0; g < count; ++g) visit(now[g], x, f);
+    for (std::size_t g = 0; g < count; ++g)
+        if (!f(now[g])) return false;
+    return true;
 }
 
 template<class F>
-void CellBoxTree::descend(int top, const Place& start, const float (&x)[4], F& f) const {
-    if (top == 0) {
-        visit(start, x, f);
-        return;
-    }
+bool CellBoxTree::descend(int top, const Place& start, const float (&low)[4], const float (&high)[4], F& f) const {
+    if (top == 0) return f(start);
     struct Step {
         Place place;
-        Upper::Mask members; // still to be visited
+        std::uint64_t members; // still to be visited
     };
     Step steps[MaximalLevels];
     int level = top;
-    steps[level] = {start, myUpper[number(level, start)].membersAt(x)};
+    steps[level] = {start, myUpper[number(level, start)].membersIn(low, high)};
     for (;;) {
         Step& step = steps[level];
         if (step.members == 0) {
-            if (level == top) return;
+            if (level == top) return true;
             ++level;
             continue;
         }
         const Place member = step.place.template member<4>(std::countr_zero(step.members));
         step.members &= step.members - 1;
         if (level == 1) {
-            visit(member, x, f);
+            if (!f(member)) return false;
         } else {
             --level;
-            steps[level] = {member, myUpper[number(level, member)].membersAt(x)};
+            steps[level] = {member, myUpper[number(level, member)].membersIn(low, high)};
         }
+    }
+}
+
+template<class F, class Prepare>
+void CellBoxTree::forEachAt(const point& P, F&& f, Prepare&& prepare) const {
+    const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
+    // Groups are collected first, so that what they and their cells need is on its way all at once.
+    constexpr int Capacity = 16;
+    Place groups[Capacity];
+    int count = 0;
+    forEachGroupIn(x, x, [&](const Place& place) {
+        prepare(2 * place.at[0], 2 * place.at[1], 2 * place.at[2]);
+        if (count == Capacity)
+            visit(place, x, f);
+        else
+            groups[count++] = place;
+        return true;
+    });
+    for (int g = 0; g < count; ++g) visit(groups[g], x, f);
+}
+
+template<class F>
+void CellBoxTree::forEachGroupAt(const point& P, F&& f) const {
+    const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
+    forEachGroupIn(x, x, [&](const Place& place) {
+        f(2 * place.at[0], 2 * place.at[1], 2 * place.at[2]);
+        return true;
+    });
+}
+
+template<class F>
+void CellBoxTree::forEachGroupAt(const Surroundings& surroundings, const point& P, F&& f) const {
+    const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
+    for (auto mask = surroundings.myBoxes.membersIn(x, x, surroundings.myCount); mask; mask &= mask - 1) {
+        const Place& cell = surroundings.myGroups[std::countr_zero(mask)].lowestCell;
+        f(cell.at[0], cell.at[1], cell.at[2]);
     }
 }
 

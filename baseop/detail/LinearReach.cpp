@@ -50,8 +50,11 @@ void LinearReach::fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row
         }
     }
 
-    const double precision = std::fabs(myParameters.precision);
     const bool isNearMiss = myEffect == Effect::NearMiss;
+    constexpr double RimMargin = 1e-3;
+    const double inside = isNearMiss ? 1.5 : 0.5, atEnd = isNearMiss ? 0.5 + Rim + RimMargin : 0.5;
+    const double endJ = j + 1 < static_cast<std::size_t>(myVertices.cells()[1]) ? inside : atEnd;
+    const double endK = k + 1 < static_cast<std::size_t>(myVertices.cells()[2]) ? inside : atEnd;
     unsigned char areTrusted = 1;
     for (std::size_t i = 0; i + 1 < n; ++i) {
         double x[3], a[3], b[3], c[3];
@@ -76,14 +79,22 @@ void LinearReach::fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row
         myIsTrusted[i] = isTrusted;
         areTrusted &= myIsTrusted[i];
 
-        double side[3];
-        for (std::size_t d = 0; d < 3; ++d) side[d] = std::fabs(a[d]) + std::fabs(b[d]) + std::fabs(c[d]);
-        const double slack = RelativeSlack * 4.0 * std::max(std::max(side[0], side[1]), side[2]) + myRounding;
-        for (std::size_t d = 0; d < 3; ++d) {
-            const double centre = isNearMiss ? x[d] + 0.5 * (a[d] + b[d] + c[d]) : x[d];
-            const double half = (isNearMiss ? side[d] : std::max(0.5 * side[d], precision)) + slack;
-            row.low[d][i] = myTree->toFloat(centre - half, static_cast<int>(d));
-            row.high[d][i] = myTree->toFloat(centre + half, static_cast<int>(d));
+        double largest = 0.0;
+        for (std::size_t d = 0; d < 3; ++d)
+            largest = std::max(largest, std::fabs(a[d]) + std::fabs(b[d]) + std::fabs(c[d]));
+        const double slack = RelativeSlack * 4.0 * largest + myRounding;
+        // From -1/2 to where near misses end, or the cell does.
+        const double end[3] = {i + 2 < n ? inside : atEnd, endJ, endK};
+        double half[3];
+        for (std::size_t axis = 0; axis < 3; ++axis) half[axis] = 0.5 * end[axis] + 0.25;
+        for (int d = 0; d < 3; ++d) {
+            const double scale = myTree->scale(d);
+            row.centre[d][i] =
+                myTree->toFloat(x[d] + ((half[0] - 0.5) * a[d] + (half[1] - 0.5) * b[d] + (half[2] - 0.5) * c[d]), d);
+            row.edge[0][d][i] = static_cast<float>(half[0] * scale * a[d]);
+            row.edge[1][d][i] = static_cast<float>(half[1] * scale * b[d]);
+            row.edge[2][d][i] = static_cast<float>(half[2] * scale * c[d]);
+            row.slack[d][i] = static_cast<float>(scale * slack);
         }
     }
     if (isNearMiss && j == 0 && k == 0) {
@@ -97,9 +108,9 @@ void LinearReach::fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row
 
 void LinearReach::fillFromUnicells(std::size_t i, std::size_t j, std::size_t k, const CellBoxTree::Row& row) const {
     const double* const lowest = myVertices.address(i, j, k);
+    bool isFinite = true;
     for (int d = 0; d < 3; ++d) {
         double low = lowest[d], high = lowest[d];
-        bool isFinite = true;
         for (int q = 0; q < 8; ++q) {
             const double c = myVertices.corner(lowest, q)[d];
             isFinite &= std::isfinite(c);
@@ -107,10 +118,12 @@ void LinearReach::fillFromUnicells(std::size_t i, std::size_t j, std::size_t k, 
             high = std::max(high, c);
         }
         const double slack = myParameters.unicellSize[d] * (1.0 + RelativeSlack) + myRounding;
-        constexpr float infinite = std::numeric_limits<float>::infinity();
-        row.low[d][i] = isFinite ? myTree->toFloat(low - slack, d) : infinite;
-        row.high[d][i] = isFinite ? myTree->toFloat(high + slack, d) : -infinite;
+        row.centre[d][i] = myTree->toFloat(0.5 * low + 0.5 * high, d);
+        for (int edge = 0; edge < 3; ++edge) row.edge[edge][d][i] = 0.0F;
+        row.slack[d][i] = static_cast<float>(myTree->scale(d) * (0.5 * high - 0.5 * low + slack));
     }
+    if (isFinite) return;
+    for (int d = 0; d < 3; ++d) row.centre[d][i] = std::numeric_limits<float>::quiet_NaN();
 }
 
 } // namespace Vantle::detail

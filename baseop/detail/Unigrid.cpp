@@ -1,7 +1,10 @@
 #include <baseop/detail/Unigrid.hpp>
+#include <model/hestra/Chunk.hpp>
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
+#include <omp.h>
 #include <stdexcept>
 
 namespace Vantle::detail {
@@ -96,68 +99,158 @@ Orvix::BoundingBox boxOfCell(const BlockVertices& vertices, const MultiIndex<3>&
     return box;
 }
 
-void UnicellLists::build(const BlockVertices& vertices, const Unigrid& unigrid, index_t limit,
-                         const std::function<void(const MultiIndex<3>&)>& reject) {
+bool isListed(const BlockVertices& vertices, const Unigrid& unigrid, const MultiIndex<3>& cell,
+              const int (&unicell)[3]) noexcept {
+    const Orvix::BoundingBox box = boxOfCell(vertices, cell);
+    int first[3], last[3];
+    if (!unigrid.inside(box.minCoord()) || !unigrid.map(box.minCoord(), first) || !unigrid.inside(box.maxCoord()) ||
+        !unigrid.map(box.maxCoord(), last))
+        return false;
+    for (int d = 0; d < 3; ++d)
+        if (unicell[d] < first[d] || unicell[d] > last[d]) return false;
+    return true;
+}
+
+void forEachListedBackwards(const BlockVertices& vertices, const Unigrid& unigrid, const int (&unicell)[3],
+                            const std::function<bool(const MultiIndex<3>&)>& f) {
+    const MultiIndex<3>& count = vertices.cells();
+    if (count.product() == 0) return;
+    RowRanges ranges(vertices, unigrid);
+    for (index_t k = count[2]; k-- > 0;)
+        for (index_t j = count[1]; j-- > 0;) {
+            ranges.find(j, k);
+            for (std::size_t i = count[0]; i-- > 0;) {
+                bool isHere = ranges.isListed(i);
+                for (std::size_t d = 0; d < 3; ++d)
+                    isHere &= unicell[d] >= ranges.first(i, d) && unicell[d] <= ranges.last(i, d);
+                if (isHere && !f(MultiIndex<3>(i, j, k))) return;
+            }
+        }
+}
+
+UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigrid, index_t limit,
+                             const std::function<void(const MultiIndex<3>&)>& reject) {
+    const MultiIndex<3>& count = vertices.cells();
+    if (count.product() == 0) return;
+
+    // The number of cells a unicell lists is the sum of differences up to it: each cell adds to eight of them.
+    const auto width = static_cast<std::size_t>(unigrid.size[0]), height = static_cast<std::size_t>(unigrid.size[1]),
+               depth = static_cast<std::size_t>(unigrid.size[2]);
+    const std::size_t line = width + 1, plane = line * (height + 1), total = plane * (depth + 1);
+    // Cells that are rejected print, in order. More threads than a few would spend their time in adding up.
+    struct Part {
+        RowRanges ranges;
+        std::unique_ptr<std::uint32_t[]> differences; // modulo 2^32, as partial sums may overflow
+        index_t entries = 0;
+    };
+    constexpr std::size_t MostThreads = 8, MostDifferences = std::size_t{1} << 26;
+    const auto cores = static_cast<std::size_t>(std::max(omp_get_max_threads(), 1));
+    const bool isParallel = unigrid.isFinite && count.product() > 4096;
+    const std::size_t threads = isParallel ? std::min({cores, MostThreads, MostDifferences / total + 1}) : 1;
+    std::vector<Part> parts;
+    for (std::size_t t = 0; t < threads; ++t) {
+        parts.push_back({RowRanges(vertices, unigrid), std::make_unique_for_overwrite<std::uint32_t[]>(total)});
+        Hestra::adviseLargeArray(parts.back().differences.get(), total * sizeof(std::uint32_t));
+    }
+    const auto layers = static_cast<std::ptrdiff_t>(count[2]), elements = static_cast<std::ptrdiff_t>(total);
+#pragma omp parallel num_threads(static_cast <int>(threads))
+    {
+        // Given fewer threads than asked for, each has several parts to clear.
+#pragma omp for schedule(static)
+        for (std::ptrdiff_t t = 0; t < static_cast<std::ptrdiff_t>(threads); ++t)
+            std::fill_n(parts[static_cast<std::size_t>(t)].differences.get(), elements, 0U);
+        Part& part = parts[static_cast<std::size_t>(omp_get_thread_num())];
+        RowRanges& ranges = part.ranges;
+        std::uint32_t* const differences = part.differences.get();
+#pragma omp for schedule(static)
+        for (std::ptrdiff_t layer = 0; layer < layers; ++layer) {
+            const auto k = static_cast<index_t>(layer);
+            for (index_t j = 0; j < count[1]; ++j) {
+                ranges.find(j, k);
+                for (std::size_t i = 0; i < count[0]; ++i) {
+                    if (!ranges.isListed(i)) {
+                        reject(MultiIndex<3>(i, j, k));
+                        continue;
+                    }
+                    std::size_t from[3], to[3];
+                    index_t unicells = 1;
+                    for (std::size_t d = 0; d < 3; ++d) {
+                        from[d] = static_cast<std::size_t>(ranges.first(i, d));
+                        to[d] = static_cast<std::size_t>(ranges.last(i, d)) + 1;
+                        unicells *= static_cast<index_t>(to[d] - from[d]);
+                    }
+                    part.entries += unicells;
+                    for (int corner = 0; corner < 4; ++corner) {
+                        std::uint32_t* const row = differences + line * (corner & 1 ? to[1] : from[1]) +
+                                                   plane * (corner & 2 ? to[2] : from[2]);
+                        const std::uint32_t sign = corner == 0 || corner == 3 ? 1U : ~0U;
+                        row[from[0]] += sign;
+                        row[to[0]] -= sign;
+                    }
+                }
+            }
+        }
+    }
+    for (const Part& part : parts) entries += part.entries;
+    if (entries > limit) throw std::length_error("UniGridMapper: too many entries in the lists of cells");
+
+    // Sums along all axes, one plane after the other.
+    std::vector<std::uint32_t> sums(plane), row(line);
+    for (std::size_t z = 0; z < depth; ++z) {
+        std::fill(row.begin(), row.end(), 0U);
+        for (std::size_t y = 0; y < height; ++y) {
+            const std::size_t first = line * y + plane * z;
+            for (const Part& part : parts)
+                for (std::size_t x = 0; x < width; ++x) row[x] += part.differences[first + x];
+            std::uint32_t* const sum = sums.data() + line * y;
+            std::uint32_t along = 0;
+            for (std::size_t x = 0; x < width; ++x) {
+                along += row[x];
+                sum[x] += along;
+                longest = std::max(longest, sum[x]);
+            }
+        }
+    }
+}
+
+UnicellLists::UnicellLists(const BlockVertices& vertices, const Unigrid& unigrid) {
     const MultiIndex<3>& count = vertices.cells();
     RowRanges ranges(vertices, unigrid);
-    // Calls f(number, i) for every listed cell, whose unicells are in `ranges` then.
-    const auto forEachCell = [&](auto&& f, auto&& unlisted) {
+    const auto width = static_cast<std::size_t>(unigrid.size[0]), height = static_cast<std::size_t>(unigrid.size[1]);
+    // Calls f(number, u) for every unicell u of every listed cell.
+    const auto forEachEntry = [&](auto&& f) {
         if (count.product() == 0) return;
         for (index_t k = 0; k < count[2]; ++k)
             for (index_t j = 0; j < count[1]; ++j) {
                 ranges.find(j, k);
                 const index_t row = count[0] * (j + count[1] * k);
                 for (std::size_t i = 0; i < count[0]; ++i) {
-                    if (ranges.isListed(i))
-                        f(row + i, i);
-                    else
-                        unlisted(MultiIndex<3>(i, j, k));
+                    if (!ranges.isListed(i)) continue;
+                    std::size_t from[3], to[3];
+                    for (std::size_t d = 0; d < 3; ++d) {
+                        from[d] = static_cast<std::size_t>(ranges.first(i, d));
+                        to[d] = static_cast<std::size_t>(ranges.last(i, d));
+                    }
+                    for (std::size_t z = from[2]; z <= to[2]; ++z)
+                        for (std::size_t y = from[1]; y <= to[1]; ++y) {
+                            const std::size_t line = width * (y + height * z);
+                            for (std::size_t u = line + from[0]; u <= line + to[0]; ++u) f(row + i, u);
+                        }
                 }
             }
     };
-    // Calls f(unicell) for every unicell of cell i of the row at hand.
-    const auto width = static_cast<std::size_t>(unigrid.size[0]), height = static_cast<std::size_t>(unigrid.size[1]);
-    const auto forEachUnicell = [&](std::size_t i, auto&& f) {
-        const auto x0 = static_cast<std::size_t>(ranges.first(i, 0)), x1 = static_cast<std::size_t>(ranges.last(i, 0));
-        for (auto z = static_cast<std::size_t>(ranges.first(i, 2)); z <= static_cast<std::size_t>(ranges.last(i, 2));
-             ++z)
-            for (auto y = static_cast<std::size_t>(ranges.first(i, 1));
-                 y <= static_cast<std::size_t>(ranges.last(i, 1)); ++y) {
-                const std::size_t row = width * (y + height * z);
-                for (std::size_t u = row + x0; u <= row + x1; ++u) f(u);
-            }
-    };
-    const auto ignore = [](const MultiIndex<3>&) {};
-
-    index_t entries = 0;
-    forEachCell(
-        [&](index_t, std::size_t i) {
-            index_t unicells = 1;
-            for (std::size_t d = 0; d < 3; ++d)
-                unicells *= static_cast<index_t>(ranges.last(i, d) - ranges.first(i, d) + 1);
-            entries += unicells;
-        },
-        reject);
-    if (entries > limit) throw std::length_error("UniGridMapper: too many entries in the lists of cells");
 
     // The count of unicell u goes two places further; sums then make it the beginning of u + 1's list one place
     // further, which filling the list of u turns into its own.
     const auto unicells = static_cast<std::size_t>(unigrid.size.product());
     offsets.assign(unicells + 2, 0);
     std::uint32_t* const counts = offsets.data() + 2;
-    forEachCell([&](index_t, std::size_t i) { forEachUnicell(i, [&](std::size_t u) { ++counts[u]; }); }, ignore);
-    for (std::size_t u = 0; u < unicells; ++u) {
-        longest = std::max(longest, counts[u]);
-        counts[u] += offsets[u + 1];
-    }
-    cells.resize(static_cast<std::size_t>(entries));
+    forEachEntry([&](index_t, std::size_t u) { ++counts[u]; });
+    for (std::size_t u = 0; u < unicells; ++u) counts[u] += offsets[u + 1];
+    cells.resize(offsets.back());
     std::uint32_t* const next = offsets.data() + 1;
     std::uint32_t* const entry = cells.data();
-    forEachCell(
-        [&](index_t number, std::size_t i) {
-            forEachUnicell(i, [&](std::size_t u) { entry[next[u]++] = static_cast<std::uint32_t>(number); });
-        },
-        ignore);
+    forEachEntry([&](index_t number, std::size_t u) { entry[next[u]++] = static_cast<std::uint32_t>(number); });
     offsets.pop_back();
 }
 

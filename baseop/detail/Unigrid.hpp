@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <vector>
 
 namespace Vantle::detail {
@@ -60,15 +61,36 @@ struct Unigrid {
 struct UnicellLists {
     /// The cells of unicell u are numbers offsets[u] to offsets[u + 1] of `cells`, in ascending order.
     std::vector<std::uint32_t> offsets, cells;
-    std::uint32_t longest = 0;
 
-    /// Counts, then fills. Cells whose box is not within the unigrid's are in no list: `reject` is called for each,
-    /// once, in order. Throws std::length_error when there are more than `limit` entries, before it allocates anything.
-    void build(const BlockVertices& vertices, const Unigrid& unigrid, index_t limit,
-               const std::function<void(const MultiIndex<3>&)>& reject);
+    /// Counts, then fills. Cells whose box is not within the unigrid's are in no list.
+    UnicellLists(const BlockVertices& vertices, const Unigrid& unigrid);
+
+    [[nodiscard]] std::span<const std::uint32_t> at(std::size_t unicell) const noexcept {
+        return {cells.data() + offsets[unicell], offsets[unicell + 1] - offsets[unicell]};
+    }
 };
+
+/// What is known of the lists without making them.
+struct UnicellCensus {
+    index_t entries = 0;       ///< in all lists
+    std::uint32_t longest = 0; ///< entries of the longest list
+
+    /// Calls `reject`, once and in order, for each cell that is in no list. Throws std::length_error when there are
+    /// more than `limit` entries.
+    UnicellCensus(const BlockVertices& vertices, const Unigrid& unigrid, index_t limit,
+                  const std::function<void(const MultiIndex<3>&)>& reject);
+};
+
+/// Whether the list of a unicell has a cell.
+[[nodiscard]] bool isListed(const BlockVertices& vertices, const Unigrid& unigrid, const MultiIndex<3>& cell,
+                            const int (&unicell)[3]) noexcept;
 
 /// The least and the greatest corner of a cell's box, as `BoundingBox` takes in the cell's corners, NaN included.
 [[nodiscard]] Orvix::BoundingBox boxOfCell(const BlockVertices& vertices, const MultiIndex<3>& cell);
+
+/// Calls `f(cell)` for the cells that the list of a unicell has, in reverse order, as long as it returns true. Goes
+/// through the cells of the block one after the other.
+void forEachListedBackwards(const BlockVertices& vertices, const Unigrid& unigrid, const int (&unicell)[3],
+                            const std::function<bool(const MultiIndex<3>&)>& f);
 
 } // namespace Vantle::detail

@@ -124,10 +124,17 @@ TEST(ExactCellLocatorTest, WhatIsOutsideIsNotFound) {
 TEST(ExactCellLocatorTest, SurvivesRoughBlocks) {
     for (const auto& [name, block] : roughBlocks()) {
         const ExactCellLocator locator(block);
-        for (const Point& P : probes(*block, 120, 77)) {
+        const std::vector<Point> points = probes(*block, 120, 77);
+        std::vector<Point> together(points.size(), Point(-1, -1, -1));
+        std::vector<unsigned char> codes(points.size());
+        locator.locate(points, together, codes);
+        for (std::size_t k = 0; k < points.size(); ++k) {
+            const Point& P = points[k];
             Point uvw(-1, -1, -1), plain = uvw;
             MultiIndex<3> cell;
             const unsigned int code = locator.locate(P, uvw, &cell);
+            EXPECT_EQ(codes[k], code) << name << P;
+            EXPECT_TRUE(same(together[k], uvw)) << name << P;
             if (code == 1 && name != "huge") expectAnswer(*block, P, uvw, cell, name);
             unsigned int plainCode = 0;
             if (block->Size()[1] > 1) {
@@ -138,6 +145,32 @@ TEST(ExactCellLocatorTest, SurvivesRoughBlocks) {
             EXPECT_EQ(code, plainCode) << name << P;
             EXPECT_TRUE(same(uvw, plain)) << name << P << uvw << plain;
         }
+    }
+}
+
+TEST(ExactCellLocatorTest, NeighboursAnswerAsEachByItself) {
+    for (const Shape& shape : shapes()) {
+        const BlockPtr block = makeBlock(shape, {31, 22, 27});
+        const ExactCellLocator locator(block);
+        int found = 0;
+        for (const Point& index : randomIndices(*block, 40, 41)) {
+            std::vector<Point> points;
+            for (int k = 0; k < 100; ++k) {
+                Point near = index;
+                for (int d = 0; d < 3; ++d) near[d] += 0.03 * (k * (d + 3) % 101); // some of them beyond the block
+                points.push_back(positionIn(*block, index) + (positionIn(*block, near) - positionIn(*block, index)));
+            }
+            std::vector<Point> uvw(points.size());
+            std::vector<unsigned char> codes(points.size());
+            locator.locate(points, uvw, codes);
+            for (std::size_t k = 0; k < points.size(); ++k) {
+                Point expected;
+                EXPECT_EQ(codes[k], locator.locate(points[k], expected)) << shape.name << points[k];
+                EXPECT_TRUE(codes[k] == 0 || same(uvw[k], expected)) << shape.name << points[k];
+                found += codes[k];
+            }
+        }
+        EXPECT_GT(found, 2000) << shape.name;
     }
 }
 
@@ -153,6 +186,13 @@ TEST(ExactCellLocatorTest, ManyCellsAtOnePlace) {
     Point uvw;
     ASSERT_EQ(locator.locate(Point(0.25, 0.5, 0.125), uvw), 1U);
     EXPECT_LT(support::distance(uvw, Point(0.25, 0.5, 398.125)), 1e-12);
+    // Nor is there room for the cells of a few such points.
+    const std::vector<Point> points(5, Point(0.25, 0.5, 0.125));
+    std::vector<Point> all(5);
+    std::vector<unsigned char> codes(5);
+    locator.locate(points, all, codes);
+    EXPECT_EQ(codes, std::vector<unsigned char>(5, 1));
+    EXPECT_TRUE(same(all[4], uvw));
 }
 
 TEST(ExactCellLocatorTest, AnswersManyThreadsAsOne) {

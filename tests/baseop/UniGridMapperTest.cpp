@@ -119,19 +119,36 @@ std::unique_ptr<UniGridMapper> makeMapper(const BlockPtr& block, double resoluti
     return mapper;
 }
 
-void expectPlainAnswers(const UniGridMapper& mapper, const std::vector<Point>& points, double epsilon,
-                        const std::string& name) {
-    const Answers plain = ask(points, [&](const Point& p, Point& uvw) { return plainQuery(mapper, p, uvw, epsilon); });
+/// Asks a mapper in all ways; of the plain one last, which looks into lists. Returns how many answers were left open.
+int expectPlainAnswers(const UniGridMapper& mapper, const std::vector<Point>& points, double epsilon,
+                       const std::string& name) {
     const Answers fast = ask(
         points, [&](const Point& p, Point& uvw) { return mapper.localCellCoordinatesFromCurviGrid(p, uvw, epsilon); });
+    const Answers brief = ask(points, [&](const Point& p, Point& uvw) { return mapper.locate(p, uvw, epsilon); });
+    std::vector<Point> silentUvw(points.size(), Point(-1, -1, -1));
+    std::vector<unsigned char> silentCodes(points.size());
+    EXPECT_EQ(captured([&] { mapper.locateSilently(points, silentUvw, silentCodes, epsilon); }), "") << name;
+    const Answers plain = ask(points, [&](const Point& p, Point& uvw) { return plainQuery(mapper, p, uvw, epsilon); });
+    int undecided = 0;
     for (std::size_t k = 0; k < points.size(); ++k) {
         EXPECT_EQ(fast.codes[k], plain.codes[k]) << name << " at " << points[k];
         EXPECT_TRUE(same(fast.uvw[k], plain.uvw[k]))
             << name << " at " << points[k] << ": " << fast.uvw[k] << " instead of " << plain.uvw[k];
-        if (testing::Test::HasFailure()) return;
+        const Point found = plain.codes[k] ? plain.uvw[k] : Point(-1, -1, -1);
+        EXPECT_EQ(brief.codes[k], plain.codes[k]) << name << " at " << points[k];
+        EXPECT_TRUE(same(brief.uvw[k], found)) << name << " at " << points[k];
+        if (silentCodes[k] == UniGridMapper::Undecided) {
+            ++undecided;
+        } else {
+            EXPECT_EQ(silentCodes[k], plain.codes[k]) << name << " at " << points[k];
+            EXPECT_TRUE(silentCodes[k] == 0 || same(silentUvw[k], found)) << name << " at " << points[k];
+        }
+        if (testing::Test::HasFailure()) return undecided;
     }
     EXPECT_EQ(fast.output.size(), plain.output.size()) << name;
     EXPECT_TRUE(fast.output == plain.output) << name;
+    EXPECT_TRUE(brief.output == plain.output) << name;
+    return undecided;
 }
 
 // The search that skips most cells of a list, and the walk through all of them.
@@ -184,7 +201,46 @@ TEST(UniGridMapperTest, AnswersAsThePlainWalkOnTheBluntFin) {
     const auto mapper = makeMapper(block);
     std::vector<Point> points = probes(*block, 400, 5);
     for (const Point& index : randomIndices(*block, 1500, 6)) points.push_back(positionIn(*block, index));
-    expectPlainAnswers(*mapper, points, Epsilon, "blunt fin");
+    EXPECT_LT(expectPlainAnswers(*mapper, points, Epsilon, "blunt fin"), 40);
+}
+
+// Points in small boxes, which share their searches, in blocks with hundreds of groups of cells.
+TEST(UniGridMapperTest, NeighboursAnswerAsEachByItself) {
+    std::mt19937_64 random(23);
+    for (const Shape& shape : shapes()) {
+        const BlockPtr block = makeBlock(shape, {34, 29, 25});
+        const auto mapper = makeMapper(block), other = makeMapper(block);
+        int undecided = 0, codes[4] = {};
+        for (const Point& index : randomIndices(*block, 60, 29)) {
+            const double width = std::pow(10.0, std::uniform_real_distribution<double>(-2, 1)(random));
+            std::uniform_real_distribution<double> off(-0.5 * width, 0.5 * width);
+            const Point centre = positionIn(*block, index);
+            const Point next = positionIn(*block, Point(std::max(index[0] - 1, 0.0), index[1], index[2]));
+            const double edge = support::distance(centre, next);
+            std::vector<Point> points;
+            for (int k = 0; k < 150; ++k)
+                points.push_back(Point{centre[0] + edge * off(random), centre[1] + edge * off(random),
+                                       centre[2] + edge * off(random)});
+            std::vector<Point> uvw(points.size());
+            std::vector<unsigned char> silent(points.size());
+            mapper->locateSilently(points, uvw, silent, Epsilon);
+            (void)captured([&] {
+                for (std::size_t k = 0; k < points.size(); ++k) {
+                    Point expected;
+                    const unsigned int code = other->locate(points[k], expected, Epsilon);
+                    ++codes[silent[k]];
+                    if (silent[k] == UniGridMapper::Undecided) {
+                        undecided += other->boundingBox().inside(points[k]);
+                        continue;
+                    }
+                    EXPECT_EQ(silent[k], code) << shape.name << points[k];
+                    EXPECT_TRUE(code == 0 || same(uvw[k], expected)) << shape.name << points[k];
+                }
+            });
+        }
+        EXPECT_EQ(undecided, 0) << shape.name;
+        EXPECT_GT(codes[1], 5000) << shape.name;
+    }
 }
 
 // Each point is made from a known cell, so the right answer is known.
