@@ -10,6 +10,7 @@
 #include <exception>
 #include <mutex>
 #include <omp.h>
+#include <utility>
 
 #define VANTLE_SCOPE(name) const Hestra::Profiler scope("baseop/GridEvaluator", __LINE__, name, __PRETTY_FUNCTION__)
 
@@ -31,6 +32,20 @@ constexpr std::string_view notFoundText = "GridEvaluator: NO curvilinear 3D loca
 constexpr std::string_view unstructuredText =
     "GridEvaluator: Evaluating set of Vertices not yet fully implemented!!!\n\n"
     "KDTreeCloudSearch: wrong weight type requested!!\n\n";
+
+/// Appends `foundText` so many times.
+void appendFoundTexts(std::string& messages, std::size_t count) {
+    static const std::string many = [] {
+        std::string text;
+        for (int k = 0; k < 256; ++k) text += foundText;
+        return text;
+    }();
+    for (std::size_t left = count * foundText.size(); left != 0;) {
+        const std::size_t length = std::min(left, many.size());
+        messages.append(many, 0, length);
+        left -= length;
+    }
+}
 
 enum class Kind { Other, Uniform, Rectilinear, Curvilinear, Unstructured };
 
@@ -115,10 +130,22 @@ public:
             myFragments.push_back(std::make_unique<SourceFragment>(id, creator));
     }
 
+    /// Whether every search begins with the point location.
+    [[nodiscard]] bool beginsWithLocation() const {
+        return !myFragments.empty() && myFragments.front()->kind() == Kind::Curvilinear;
+    }
+    [[nodiscard]] const LocalFromWorldPoint& locator() const { return myBase.locator(); }
+    /// The hit of a location, which has its message.
+    [[nodiscard]] Hit hitOf(const LocalFromWorldPoint::Location& found) const noexcept {
+        return {static_cast<unsigned char>(found.code), static_cast<std::uint32_t>(myFragments.size() + found.fragment),
+                found.localCoordinates};
+    }
+
     /// Finds one position. Messages are appended to `messages`, which is also where this thread's messages go.
-    [[nodiscard]] Hit find(const point& p, std::string& messages) const {
+    /// `isMissed` tells that the point location does not have it, and says nothing about it.
+    [[nodiscard]] Hit find(const point& p, std::string& messages, bool isMissed = false) const {
         Hit hit;
-        bool isAsked = false, isSilent = true;
+        bool isAsked = isMissed, isSilent = true;
         for (std::size_t n = 0; n < myFragments.size(); ++n) {
             SourceFragment& fragment = *myFragments[n];
             switch (fragment.kind()) {
@@ -142,10 +169,7 @@ public:
                     isSilent = messages.size() == told;
                     if (found) {
                         messages += foundText;
-                        hit.code = static_cast<unsigned char>(found.code);
-                        hit.fragment = static_cast<std::uint32_t>(myFragments.size() + found.fragment);
-                        hit.index = found.localCoordinates;
-                        return hit;
+                        return hitOf(found);
                     }
                 }
                 messages += notFoundText;
@@ -196,23 +220,28 @@ void inParallel(std::size_t count, std::size_t piece, const F& function) {
     if (problem) std::rethrow_exception(problem);
 }
 
-// Positions by number, of each kind that can be searched for.
+// Positions by number, of each kind that can be searched for, and how many there are on each axis.
 
 struct PointPositions {
     const Iterator<point>& points;
+    MultiIndex<3> extents;
     [[nodiscard]] std::size_t size() const { return points.size(); }
     [[nodiscard]] point operator()(std::size_t k) const { return points[k]; }
+    [[nodiscard]] point operator()(std::size_t k, const MultiIndex<3>&) const { return (*this)(k); }
 };
 
 struct UniformPositions {
     const detail::UniformCoordinates& points;
+    MultiIndex<3> extents;
     [[nodiscard]] std::size_t size() const { return points.nElements(); }
     [[nodiscard]] point operator()(std::size_t k) const { return points.create(k); }
+    [[nodiscard]] point operator()(std::size_t, const MultiIndex<3>& index) const { return points[index]; }
 };
 
 template<int N>
 struct VectorPositions {
     const Iterator<Orvix::Vector<double, N>>& vectors;
+    MultiIndex<3> extents;
     [[nodiscard]] std::size_t size() const { return vectors.size(); }
     [[nodiscard]] point operator()(std::size_t k) const {
         const auto& v = vectors[k];
@@ -221,6 +250,231 @@ struct VectorPositions {
         else
             return {v[0], v[1], v[2]};
     }
+    [[nodiscard]] point operator()(std::size_t k, const MultiIndex<3>&) const { return (*this)(k); }
+};
+
+/// An array of so many elements: the one that is held, if nobody else has it or its memory, or a new one.
+template<class Array>
+StrongPtr<Array> takeOrCreate(StrongPtr<Array>& held, std::size_t count) {
+    const StrongPtr<Array> taken = std::exchange(held, nullptr);
+    if (taken && taken->strongCount() == 1 && taken->nElements() == count) {
+        const auto chunk = taken->getChunk();
+        if (chunk && chunk->strongCount() == 2) return taken; // owned by the array, and here
+    }
+    return Array::create(MultiIndex<1>(count));
+}
+
+/// How positions are taken together: in tiles of neighbours, which share their searches, and slabs of whole layers of
+/// tiles, whose positions have consecutive numbers.
+class Tiling {
+public:
+    static constexpr std::size_t MaximalTile = 64;
+
+    explicit Tiling(const MultiIndex<3>& extents) : myExtents(extents) {
+        int axes = 0;
+        for (int d = 0; d < 3; ++d) {
+            if (extents[d] < 2) continue;
+            ++axes;
+            mySlowest = d;
+        }
+        // Along a line the box of many positions is large.
+        const index_t side = axes == 3 ? 4 : axes == 2 ? 8 : 32;
+        for (int d = 0; d < 3; ++d) myTile[d] = extents[d] < 2 ? 1 : side;
+        constexpr index_t FewPositions = 2048;
+        for (int d = 0; d < mySlowest; ++d) myLayer *= extents[d];
+        const index_t wanted = (FewPositions + myLayer - 1) / myLayer;
+        myThickness = (wanted + myTile[mySlowest] - 1) / myTile[mySlowest] * myTile[mySlowest];
+    }
+
+    [[nodiscard]] index_t slabs() const noexcept { return (myExtents[mySlowest] + myThickness - 1) / myThickness; }
+    /// Number of the first position of a slab; also for the slab after the last.
+    [[nodiscard]] index_t first(index_t slab) const noexcept {
+        return myLayer * std::min(slab * myThickness, myExtents[mySlowest]);
+    }
+    [[nodiscard]] index_t tiles(index_t slab) const noexcept { return tilesOf(slab).product(); }
+    /// The tile of a slab that has a position.
+    [[nodiscard]] index_t tileOf(index_t slab, index_t position) const noexcept {
+        MultiIndex<3> place = MultiIndex<3>::fromLinear(position, myExtents);
+        place[mySlowest] -= slab * myThickness;
+        for (int d = 0; d < 3; ++d) place[d] /= myTile[d];
+        return place.linear(tilesOf(slab));
+    }
+    /// Calls `f(number, index)` for the positions of a tile of a slab.
+    template<class F>
+    void forEachIn(index_t slab, index_t tile, F&& f) const {
+        const MultiIndex<3> place = MultiIndex<3>::fromLinear(tile, tilesOf(slab));
+        MultiIndex<3> begin, end;
+        for (int d = 0; d < 3; ++d) {
+            begin[d] = place[d] * myTile[d] + (d == mySlowest ? slab * myThickness : 0);
+            end[d] = std::min(begin[d] + myTile[d], myExtents[d]);
+        }
+        for (index_t k = begin[2]; k < end[2]; ++k)
+            for (index_t j = begin[1]; j < end[1]; ++j)
+                for (index_t i = begin[0]; i < end[0]; ++i)
+                    f(i + myExtents[0] * (j + myExtents[1] * k), MultiIndex<3>(i, j, k));
+    }
+
+private:
+    [[nodiscard]] MultiIndex<3> tilesOf(index_t slab) const noexcept {
+        MultiIndex<3> count;
+        for (int d = 0; d < 3; ++d) {
+            const index_t length =
+                d == mySlowest ? std::min(myThickness, myExtents[d] - slab * myThickness) : myExtents[d];
+            count[d] = (length + myTile[d] - 1) / myTile[d];
+        }
+        return count;
+    }
+
+    MultiIndex<3> myExtents, myTile;
+    int mySlowest = 0;
+    index_t myLayer = 1, myThickness = 1;
+};
+
+/// The search of all positions, on all cores.
+template<class Positions>
+class PositionSearch {
+public:
+    /// Where the results go, by position.
+    struct Results {
+        int* status;
+        FractionalIndex* index;
+        unsigned char* code;
+        std::uint32_t* fragment;
+    };
+
+    PositionSearch(const Positions& positions, const SourceSearch& search, const Results& results)
+        : myPositions(positions), mySearch(search), myResults(results), myTiling(positions.extents),
+          myOutput(firstPiece(myTiling.slabs())) {
+        std::fill_n(myResults.code, positions.size(), undecided);
+    }
+
+    void run() {
+        // The first position alone: it makes the point location, which reports before everything else.
+        findPiece(0, 0, 1);
+        if (mySearch.beginsWithLocation())
+            runInTiles();
+        else
+            inParallel(static_cast<std::size_t>(myTiling.slabs()), 1,
+                       [&](std::size_t slab, std::size_t) { finish(slab, false); });
+    }
+
+    /// Whether some position was found by the point location.
+    [[nodiscard]] bool hasLocations() const noexcept { return myHasLocations.load(std::memory_order_relaxed); }
+
+private:
+    static constexpr auto undecided = static_cast<unsigned char>(LocalFromWorldPoint::Undecided);
+    /// Positions whose messages are written together.
+    static constexpr std::size_t Piece = 2048;
+    /// Tiles that a core takes at a time.
+    static constexpr index_t Tiles = 16;
+
+    /// First silently, in tiles. The core that does the last tile of a slab finishes it, position by position, while
+    /// the others go on with the next slabs.
+    void runInTiles() {
+        // All slabs have as many jobs but the last, which may have fewer.
+        const index_t slabs = myTiling.slabs();
+        const auto jobsOf = [&](index_t slab) { return (myTiling.tiles(slab) + Tiles - 1) / Tiles; };
+        const index_t jobs = jobsOf(0);
+        std::vector<std::atomic<index_t>> left(slabs);
+        for (index_t slab = 0; slab < slabs; ++slab) left[slab] = jobsOf(slab);
+        inParallel(jobs * (slabs - 1) + jobsOf(slabs - 1), 1, [&](std::size_t job, std::size_t) {
+            const index_t slab = job / jobs, begin = job % jobs * Tiles;
+            const index_t end = std::min(begin + Tiles, myTiling.tiles(slab));
+            for (index_t tile = begin; tile < end; ++tile) locateTile(slab, tile);
+            if (left[slab].fetch_sub(1, std::memory_order_acq_rel) == 1) finish(slab, true);
+        });
+    }
+
+    /// Locates what can be located silently among the positions of a tile that are undecided.
+    void locateTile(index_t slab, index_t tile) {
+        std::size_t members[Tiling::MaximalTile];
+        point points[Tiling::MaximalTile];
+        LocalFromWorldPoint::Location found[Tiling::MaximalTile];
+        std::size_t count = 0;
+        myTiling.forEachIn(slab, tile, [&](std::size_t k, const MultiIndex<3>& at) {
+            if (myResults.code[k] != undecided) return;
+            members[count] = k;
+            points[count++] = myPositions(k, at);
+        });
+        mySearch.locator().locateSilently(std::span(points, count), std::span(found, count));
+        bool isLocation = false;
+        for (std::size_t m = 0; m < count; ++m) {
+            if (found[m].code == undecided) continue;
+            if (found[m])
+                isLocation |= set(members[m], mySearch.hitOf(found[m]));
+            else
+                myResults.code[members[m]] = 0; // missed by the point location; others may come
+        }
+        if (isLocation) myHasLocations.store(true, std::memory_order_relaxed);
+    }
+
+    /// One position of a slab after the other, with its messages.
+    void finish(index_t slab, bool isInTiles) {
+        const std::size_t first = myTiling.first(slab), end = myTiling.first(slab + 1);
+        std::vector<bool> isRepeated;
+        if (isInTiles) isRepeated.resize(static_cast<std::size_t>(myTiling.tiles(slab)));
+        const auto repeat = [&](std::size_t k) {
+            if (!isInTiles) return;
+            // What was undecided may have made a structure that its neighbours wait for.
+            const index_t tile = myTiling.tileOf(slab, k);
+            if (isRepeated[tile]) return;
+            isRepeated[tile] = true;
+            locateTile(slab, tile);
+        };
+        std::size_t number = firstPiece(slab);
+        for (std::size_t begin = first; begin < end; begin += Piece)
+            findPiece(number++, std::max<std::size_t>(begin, 1), std::min(begin + Piece, end), repeat);
+    }
+    void findPiece(std::size_t number, std::size_t begin, std::size_t end) {
+        findPiece(number, begin, end, [](std::size_t) {});
+    }
+    template<class Repeat>
+    void findPiece(std::size_t number, std::size_t begin, std::size_t end, const Repeat& repeat) {
+        std::string messages;
+        bool isLocation = false;
+        {
+            const Hestra::MessageCapture capture(messages);
+            for (std::size_t k = begin; k < end;) {
+                std::size_t found = 0;
+                while (k < end && myResults.code[k] != 0 && myResults.code[k] != undecided) {
+                    ++found;
+                    ++k;
+                }
+                appendFoundTexts(messages, found);
+                if (k == end) break;
+                const bool isMissed = myResults.code[k] == 0;
+                isLocation |= set(k, mySearch.find(myPositions(k), messages, isMissed));
+                if (!isMissed) repeat(k);
+                ++k;
+            }
+        }
+        if (isLocation) myHasLocations.store(true, std::memory_order_relaxed);
+        myOutput.deliver(number, std::move(messages));
+    }
+    /// Number of the first piece of messages of a slab, or of pieces in all; piece 0 is that of the first position. All
+    /// slabs have as many positions but the last.
+    [[nodiscard]] std::size_t firstPiece(index_t slab) const noexcept {
+        const auto piecesOf = [&](index_t s) {
+            return (myTiling.first(s + 1) - myTiling.first(s) + Piece - 1) / Piece;
+        };
+        return 1 + (slab < myTiling.slabs() ? slab * piecesOf(0) : (slab - 1) * piecesOf(0) + piecesOf(slab - 1));
+    }
+
+    /// True when the point location has found it.
+    bool set(std::size_t k, const Hit& hit) noexcept {
+        myResults.status[k] = hit.code ? GridEvaluator::Located : GridEvaluator::NotLocated;
+        myResults.index[k] = hit.index;
+        myResults.code[k] = hit.code;
+        myResults.fragment[k] = hit.fragment;
+        return hit.code && hit.fragment >= mySearch.nFragments();
+    }
+
+    const Positions& myPositions;
+    const SourceSearch& mySearch;
+    Results myResults;
+    Tiling myTiling;
+    detail::OrderedMessages myOutput;
+    std::atomic<bool> myHasLocations{false};
 };
 
 /// Whether the source says that its elements are no `T`.
@@ -316,15 +570,15 @@ bool GridEvaluator::find(const StrongPtr<MemBase>& destinationPositions, const F
     };
     if (!positions) return false;
     if (const auto* const line = dynamic_cast<const MemArray<1, point>*>(positions))
-        return search(PointPositions{line->getIterator()});
+        return search(PointPositions{line->getIterator(), {line->nElements(), 1, 1}});
     if (const auto* const surface = dynamic_cast<const MemArray<2, point>*>(positions))
-        return search(PointPositions{surface->getIterator()});
+        return search(PointPositions{surface->getIterator(), {surface->Size()[0], surface->Size()[1], 1}});
     if (const auto* const uniform = dynamic_cast<const detail::UniformCoordinates*>(positions))
-        return search(UniformPositions{*uniform});
+        return search(UniformPositions{*uniform, uniform->Size()});
     if (const auto* const spatial = dynamic_cast<const MemArray<1, Orvix::Vector<double, 3>>*>(positions))
-        return search(VectorPositions<3>{spatial->getIterator()});
+        return search(VectorPositions<3>{spatial->getIterator(), {spatial->nElements(), 1, 1}});
     if (const auto* const planar = dynamic_cast<const MemArray<1, Orvix::Vector<double, 2>>*>(positions))
-        return search(VectorPositions<2>{planar->getIterator()});
+        return search(VectorPositions<2>{planar->getIterator(), {planar->nElements(), 1, 1}});
     return false;
 }
 
@@ -335,43 +589,17 @@ void GridEvaluator::findForSpecificDestinationPositions(const Positions& positio
     if (n == 0) return;
     if (!mySearch || !mySearch->serves(context)) mySearch = std::make_unique<FragmentSearch<point>>(context);
 
-    const auto statuses = Statuses::create(MultiIndex<1>(n));
-    const auto indices = Indices::create(MultiIndex<1>(n));
-    std::vector<unsigned char> codes(n);
-    std::vector<std::uint32_t> numbers(n);
-    int* const status = statuses->data();
-    FractionalIndex* const index = indices->data();
-
-    // Large enough that a piece of messages is worth a write, small enough that the cores end together.
-    constexpr std::size_t piece = 2048;
+    // From here on the former results are gone.
+    const StrongPtr<Statuses> statuses = takeOrCreate(myStatuses, n);
+    const StrongPtr<Indices> indices = takeOrCreate(myIndices, n);
+    std::vector<unsigned char> codes = std::move(myCodes);
+    std::vector<std::uint32_t> numbers = std::move(myFragmentNumbers);
+    codes.resize(n);
+    numbers.resize(n);
     const SourceSearch search(sourcePositions, *mySearch);
-    const std::size_t sourceFragments = search.nFragments();
-    std::atomic<bool> hasLocations{false};
-    {
-        detail::OrderedMessages output(1 + (n - 1 + piece - 1) / piece);
-        const auto findPiece = [&](std::size_t number, std::size_t begin, std::size_t end) {
-            std::string messages;
-            bool isLocation = false;
-            {
-                const Hestra::MessageCapture capture(messages);
-                for (std::size_t k = begin; k < end; ++k) {
-                    const Hit hit = search.find(positions(k), messages);
-                    status[k] = hit.code ? Located : NotLocated;
-                    index[k] = hit.index;
-                    codes[k] = hit.code;
-                    numbers[k] = hit.fragment;
-                    isLocation = isLocation || (hit.code && hit.fragment >= sourceFragments);
-                }
-            }
-            if (isLocation) hasLocations.store(true, std::memory_order_relaxed);
-            output.deliver(number, std::move(messages));
-        };
-        // The first position alone: it makes the point location, which reports before everything else.
-        findPiece(0, 0, 1);
-        inParallel(n - 1, piece,
-                   [&](std::size_t begin, std::size_t end) { findPiece(1 + begin / piece, 1 + begin, 1 + end); });
-    }
-    myFragmentTable = search.fragmentTable(hasLocations);
+    PositionSearch<Positions> all(positions, search, {statuses->data(), indices->data(), codes.data(), numbers.data()});
+    all.run();
+    myFragmentTable = search.fragmentTable(all.hasLocations());
     myStatuses = statuses;
     myIndices = indices;
     myCodes = std::move(codes);
@@ -399,8 +627,12 @@ bool GridEvaluator::evalFloatIndices(std::vector<T>& out, const CreativeIterator
     if (!myStatuses || myStatuses->nElements() != n || indices.size() != n) return false;
 
     std::vector<bool> isUsed(myFragmentTable.size());
-    for (const std::uint32_t number : myFragmentNumbers)
-        if (number != noFragment) isUsed[number] = true;
+    std::uint32_t last = noFragment; // neighbours mostly lie in one fragment
+    for (const std::uint32_t number : myFragmentNumbers) {
+        if (number == last || number == noFragment) continue;
+        isUsed[number] = true;
+        last = number;
+    }
     std::vector<StrongPtr<MemBase>> keptAlive;
     std::vector<MultiArrayBase<N, T>> blocks(myFragmentTable.size());
     for (std::size_t number = 0; number < blocks.size(); ++number) {

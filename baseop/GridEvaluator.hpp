@@ -72,8 +72,11 @@ public:
     ///
     /// Positions are points in arrays of rank 1 or 2, the vertices of a uniform grid, or arrays of rank 1 of
     /// `Orvix::Vector` with three components, or with two, for z = 0.
+    /// Neighbours in the order of the positions, or of the lattice, should be neighbours in space: they share searches.
+    ///
     /// Degenerate   no positions: everything stays as it was.
-    /// @return false, and everything as it was, for other kinds of positions.
+    /// @return false, and everything as it was, for other kinds of positions. An exception of a creator of coordinates
+    ///         passes on, and leaves no results.
     bool find(const Hestra::StrongPtr<MemBase>& destinationPositions, const Field& sourcePositions,
               const Context& context);
 
@@ -103,6 +106,8 @@ public:
     [[nodiscard]] bool evalFloatIndices(std::vector<T>& out,
                                         const CreativeIterator<Orvix::FixedArray<double, N>>& indices,
                                         const Field& source) const;
+
+    // Arrays of results are used again by the next `find`, unless somebody else holds them then.
 
     /// Whether each position of the last `find` was found: `Located` or `NotLocated`. Null before the first.
     [[nodiscard]] const Hestra::StrongPtr<Statuses>& statuses() const noexcept { return myStatuses; }

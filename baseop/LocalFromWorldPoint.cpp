@@ -33,6 +33,11 @@ namespace {
 
 constexpr const char* source = "baseop/LocalFromWorldPoint";
 
+/// More than rounding moves a number between two.
+double roundingOf(double low, double high) noexcept {
+    return 4.0 * std::numeric_limits<double>::epsilon() * std::max(std::fabs(low), std::fabs(high));
+}
+
 /// A search structure as one locator knows it: found or built inside the critical section, then read without it.
 template<class Mapper>
 struct Slot {
@@ -63,6 +68,10 @@ struct LocalFromWorldPoint::Fragment {
             return exactLocator;
     }
 
+    /// The coordinates if a query has asked for them before; null otherwise.
+    [[nodiscard]] const FragmentCoordinates* knownCoordinates() const noexcept {
+        return myIsKnown.load(std::memory_order_acquire) ? &myCoordinates : nullptr;
+    }
     /// The coordinates, created if need be; null while there are none of a known kind.
     [[nodiscard]] const FragmentCoordinates* coordinates() {
         if (myIsKnown.load(std::memory_order_acquire)) return &myCoordinates;
@@ -93,7 +102,7 @@ ExactCell::~ExactCell() = default;
 
 int HexaHedralCellNewton::pointInCell(const PhysicalSpace::point& p) {
     if (!myMapper) return -1;
-    return myResult = static_cast<int>(myMapper->localCellCoordinatesFromCurviGrid(p, myLocal, myEpsilon));
+    return myResult = static_cast<int>(myMapper->locate(p, myLocal, myEpsilon));
 }
 
 int ProjectiveCell::pointInCell(const PhysicalSpace::point& p) {
@@ -127,11 +136,11 @@ bool RectilinearInterpolation::find_rectilinear_cell(const PhysicalSpace::point&
 
 BBSelectorMemoryTree::BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree,
                                            const Orvix::FixedArray<double, 3>& halfWidths,
-                                           const std::vector<Box>& boxes, const PhysicalSpace::point& p) {
+                                           const std::vector<Box>& boxes, const Box& region) {
     const auto take = [&](unsigned int number) {
         const Box& box = boxes[number];
         for (int d = 0; d < 3; ++d)
-            if (!(p[d] >= box.min[d] && p[d] <= box.max[d])) return;
+            if (!(region.max[d] >= box.min[d] && region.min[d] <= box.max[d])) return;
         if (myCount < Few && myMany.empty()) {
             myFew[myCount++] = number;
             return;
@@ -145,7 +154,15 @@ BBSelectorMemoryTree::BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree,
             for (unsigned int number = 0; number < boxes.size(); ++number) take(number);
         return;
     }
-    tree.forEachInBox(p, halfWidths, [&](int value, double) {
+    PhysicalSpace::point centre = region.min;
+    Orvix::FixedArray<double, 3> reach = halfWidths;
+    if (!(region.min == region.max)) {
+        for (int d = 0; d < 3; ++d) {
+            centre[d] = 0.5 * region.min[d] + 0.5 * region.max[d];
+            reach[d] += (0.5 * region.max[d] - 0.5 * region.min[d]) + roundingOf(region.min[d], region.max[d]);
+        }
+    }
+    tree.forEachInBox(centre, reach, [&](int value, double) {
         const auto number = static_cast<unsigned int>(value);
         if (number < boxes.size()) take(number);
     });
@@ -259,9 +276,7 @@ void LocalFromWorldPoint::fillTree() {
         if (!isBox) continue;
         for (int d = 0; d < 3; ++d) {
             // The centre is rounded, so a point of the box may be farther from it than half the extent.
-            constexpr double rounding = 4.0 * std::numeric_limits<double>::epsilon();
-            const double slack = rounding * std::max(std::fabs(low[d]), std::fabs(high[d]));
-            myHalfWidths[d] = std::max(myHalfWidths[d], 0.5 * high[d] - 0.5 * low[d] + slack);
+            myHalfWidths[d] = std::max(myHalfWidths[d], 0.5 * high[d] - 0.5 * low[d] + roundingOf(low[d], high[d]));
         }
         centres.emplace_back(centre, static_cast<int>(n));
     }
@@ -391,6 +406,22 @@ const ExactCellLocator* LocalFromWorldPoint::exactLocator(unsigned int number, F
 // ---------------------------------------------------------------------------------------------------------------------
 // Queries
 
+namespace {
+
+/// Whether coordinates that are computed, which those of uniform and rectilinear fragments are, have a position in
+/// their box.
+bool isInComputed(const FragmentCoordinates& coordinates, const PhysicalSpace::point& p, PhysicalSpace::point& local) {
+    if (!coordinates.uniform) return RectilinearInterpolation(*coordinates.rectilinear).find_rectilinear_cell(p, local);
+    const auto& uniform = *coordinates.uniform;
+    if (uniform.nElements() == 0) return false;
+    // In the box, but a rounding error may lead past the last vertex.
+    const Orvix::FixedArray<double, 3> index = uniform.getIndex(p);
+    for (int d = 0; d < 3; ++d) local[d] = std::clamp(index[d], 0.0, static_cast<double>(uniform.Size()[d] - 1));
+    return true;
+}
+
+} // namespace
+
 template<class InCurvilinear>
 LocalFromWorldPoint::Location LocalFromWorldPoint::search(const point& p, const InCurvilinear& inCurvilinear) const {
     if (!myTree) return {};
@@ -401,17 +432,8 @@ LocalFromWorldPoint::Location LocalFromWorldPoint::search(const point& p, const 
         if (!coordinates) continue;
         Location found;
         found.fragment = n;
-        if (coordinates->uniform) {
-            const auto& uniform = *coordinates->uniform;
-            if (uniform.nElements() == 0) continue;
-            // In the box, but a rounding error may lead past the last vertex.
-            const Orvix::FixedArray<double, 3> index = uniform.getIndex(p);
-            for (int d = 0; d < 3; ++d)
-                found.localCoordinates[d] = std::clamp(index[d], 0.0, static_cast<double>(uniform.Size()[d] - 1));
-            found.code = 1;
-        } else if (coordinates->rectilinear) {
-            const RectilinearInterpolation cells(*coordinates->rectilinear);
-            found.code = cells.find_rectilinear_cell(p, found.localCoordinates) ? 1 : 0;
+        if (!coordinates->curvilinear) {
+            found.code = isInComputed(*coordinates, p, found.localCoordinates) ? 1 : 0;
         } else {
             const int code = inCurvilinear(n, fragment, found.localCoordinates);
             found.code = code > 0 ? static_cast<unsigned int>(code) : 0;
@@ -419,6 +441,97 @@ LocalFromWorldPoint::Location LocalFromWorldPoint::search(const point& p, const 
         if (found.code != 0) return found;
     }
     return {};
+}
+
+namespace {
+
+/// As many positions as are searched for together.
+constexpr std::size_t Neighbours = 64;
+
+} // namespace
+
+void LocalFromWorldPoint::locateSilently(std::span<const point> positions, std::span<Location> found) const {
+    VANTLE_SCOPE("LocalFromWorldPoint::locateSilently(positions, found)");
+    for (std::size_t begin = 0; begin < positions.size(); begin += Neighbours) {
+        const std::size_t count = std::min(Neighbours, positions.size() - begin);
+        locateNeighbours(positions.subspan(begin, count), found.subspan(begin, count));
+    }
+}
+
+void LocalFromWorldPoint::locateNeighbours(std::span<const point> positions, std::span<Location> found) const {
+    std::fill(found.begin(), found.end(), Location());
+    if (!myTree) return;
+    unsigned char pending[Neighbours];
+    std::size_t count = 0;
+    constexpr double infinity = std::numeric_limits<double>::infinity();
+    BBSelectorMemoryTree::Box region{point(infinity, infinity, infinity), point(-infinity, -infinity, -infinity)};
+    for (std::size_t n = 0; n < positions.size(); ++n) {
+        const point& p = positions[n];
+        if (!(p[0] * 0.0 + p[1] * 0.0 + p[2] * 0.0 == 0.0)) {
+            found[n].code = Undecided; // no number
+            continue;
+        }
+        for (int d = 0; d < 3; ++d) {
+            region.min[d] = std::min(region.min[d], p[d]);
+            region.max[d] = std::max(region.max[d], p[d]);
+        }
+        pending[count++] = static_cast<unsigned char>(n);
+    }
+    if (count == 0) return;
+
+    BBSelectorMemoryTree selector(*myTree, myHalfWidths, myBoxes, region);
+    for (unsigned int n = selector.getNext(); n != BBSelectorMemoryTree::End && count != 0; n = selector.getNext()) {
+        const BBSelectorMemoryTree::Box& box = myBoxes[n];
+        unsigned char inBox[Neighbours];
+        point points[Neighbours], local[Neighbours];
+        std::size_t inside = 0;
+        for (std::size_t c = 0; c < count; ++c) {
+            const point& p = positions[pending[c]];
+            bool isInside = true;
+            for (int d = 0; d < 3; ++d) isInside &= p[d] >= box.min[d] && p[d] <= box.max[d];
+            inBox[inside] = pending[c];
+            points[inside] = p;
+            inside += isInside ? 1 : 0;
+        }
+        if (inside == 0) continue;
+
+        Fragment& fragment = myFragments[n];
+        const FragmentCoordinates* const coordinates = fragment.knownCoordinates();
+        const std::span<const point> asked(points, inside);
+        unsigned char codes[Neighbours];
+        const auto whenReady = [&](const auto& slot, const auto& ask) {
+            const auto* const structure = slot.ready.load(std::memory_order_acquire);
+            if (structure)
+                ask(*structure);
+            else
+                std::fill_n(codes, inside, static_cast<unsigned char>(Undecided));
+        };
+        if (!coordinates || (coordinates->curvilinear && myOptions.cellLocator == CellLocator::Projective))
+            std::fill_n(codes, inside, static_cast<unsigned char>(Undecided));
+        else if (!coordinates->curvilinear)
+            for (std::size_t c = 0; c < inside; ++c) codes[c] = isInComputed(*coordinates, points[c], local[c]) ? 1 : 0;
+        else if (myOptions.cellLocator == CellLocator::Exact)
+            whenReady(fragment.exactLocator, [&](const ExactCellLocator& locator) {
+                locator.locate(asked, std::span(local, inside), std::span(codes, inside));
+            });
+        else
+            whenReady(fragment.uniMapper, [&](const UniGridMapper& mapper) {
+                static_assert(UniGridMapper::Undecided == Undecided);
+                mapper.locateSilently(asked, std::span(local, inside), std::span(codes, inside), myOptions.gridEpsilon);
+            });
+
+        for (std::size_t c = 0; c < inside; ++c) {
+            if (codes[c] == 0) continue;
+            found[inBox[c]] = {codes[c] == Undecided ? point() : local[c], codes[c], codes[c] == Undecided ? 0 : n};
+        }
+        // What has an answer, or none without a message, is done with.
+        std::size_t left = 0;
+        for (std::size_t c = 0; c < count; ++c) {
+            pending[left] = pending[c];
+            left += found[pending[c]].code == 0 ? 1 : 0;
+        }
+        count = left;
+    }
 }
 
 LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p) const {

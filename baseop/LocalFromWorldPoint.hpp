@@ -14,6 +14,7 @@
 #include <model/vantle/DirectProduct.hpp>
 
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -148,7 +149,11 @@ public:
     /// `tree` has the fragments' numbers at the centres of their boxes; `halfWidths` are at least those of the
     /// largest box on each axis.
     BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree, const Orvix::FixedArray<double, 3>& halfWidths,
-                         const std::vector<Box>& boxes, const Orvix::PhysicalSpace::point& p);
+                         const std::vector<Box>& boxes, const Orvix::PhysicalSpace::point& p)
+        : BBSelectorMemoryTree(tree, halfWidths, boxes, Box{p, p}) {}
+    /// The fragments whose boxes meet another one.
+    BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree, const Orvix::FixedArray<double, 3>& halfWidths,
+                         const std::vector<Box>& boxes, const Box& box);
     unsigned int getNext() noexcept { return myNext < myCount ? numbers()[myNext++] : End; }
 
 private:
@@ -166,8 +171,8 @@ private:
 /// Degenerate   NaN, infinite and far positions are in no box, and not found. A fragment without coordinates, of
 ///              another kind, or without cells is passed over.
 /// Failure      without grid or coordinate field a message, and no query finds anything. A search structure that cannot
-///              be built is reported, its fragment is skipped, and the next query tries again. No exception leaves a
-///              query. Without a slice there is no place for structures: curvilinear fragments are skipped.
+///              be built is reported, its fragment is skipped, and the next query tries again. No exception but
+///              std::bad_alloc leaves a query. Without a slice there is no place for structures: curvilinear fragments are skipped.
 /// Age          coordinates that change are not noticed: make the grid anew (`Slice::newGrid`), or remove the
 ///              fragment tree, the fragment coordinates and the structures before making another locator.
 /// Concurrency  construct from one thread at a time. Queries may come from any number of threads, also of different
@@ -212,6 +217,16 @@ public:
     /// As `get`, without counting references.
     [[nodiscard]] Location locate(const point& p) const;
 
+    /// The code of `locateSilently` for what it leaves to `locate`.
+    static constexpr unsigned int Undecided = 3;
+    /// As `locate` for many positions at once, whose searches share much if they lie within a few cells of each other.
+    /// Both sequences have the same length.
+    ///
+    /// Nothing is printed or built: positions whose query might do so get the code `Undecided`. They are those in
+    /// fragments that no query has reached yet, those that take a solve of several steps, and, with the projective
+    /// locator, all.
+    void locateSilently(std::span<const point> positions, std::span<Location> found) const;
+
     /// Whether there are a grid and a coordinate field.
     [[nodiscard]] bool isValid() const noexcept { return bool(myField); }
     [[nodiscard]] std::size_t nFragments() const noexcept { return myBoxes.size(); }
@@ -246,6 +261,7 @@ private:
     [[nodiscard]] const UniGridMapper* uniMapper(unsigned int number, Fragment& fragment) const;
     [[nodiscard]] const TreeCellMapper* treeMapper(unsigned int number, Fragment& fragment) const;
     [[nodiscard]] const ExactCellLocator* exactLocator(unsigned int number, Fragment& fragment) const;
+    void locateNeighbours(std::span<const point> positions, std::span<Location> found) const;
     template<class InCurvilinear>
     [[nodiscard]] Location search(const point& p, const InCurvilinear& inCurvilinear) const;
     [[nodiscard]] const MemArray<3, point>* curvilinear(const Hestra::StrongPtr<FragmentID>& fragment,

@@ -4,6 +4,7 @@
 // Messages of the searches go to a temporary file; `Locate` is the same search without them.
 
 #include <baseop/EvalGrid.hpp>
+#include <baseop/ExactCellLocator.hpp>
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Interpolate.hpp>
 #include <baseop/UniGridMapper.hpp>
@@ -103,6 +104,12 @@ GridEvaluator::Context contextOf(bool exact) {
     return context;
 }
 
+LocatorOptions optionsOf(bool exact) {
+    LocatorOptions options;
+    if (exact) options.cellLocator = CellLocator::Exact;
+    return options;
+}
+
 /// Location through the evaluator, its messages included.
 void Find(benchmark::State& state) {
     const Fixture& data = fixture();
@@ -111,7 +118,9 @@ void Find(benchmark::State& state) {
     GridEvaluator evaluator;
     evaluator.find(data.positions, *data.source->CartesianPositions(), context);
     for (auto _ : state) {
+        state.PauseTiming();
         file.rewind();
+        state.ResumeTiming();
         evaluator.find(data.positions, *data.source->CartesianPositions(), context);
     }
     std::size_t found = 0;
@@ -128,7 +137,9 @@ void FindAndEvaluate(benchmark::State& state) {
     GridEvaluator evaluator;
     evaluator.find(data.positions, *data.source->CartesianPositions(), context);
     for (auto _ : state) {
+        state.PauseTiming();
         file.rewind();
+        state.ResumeTiming();
         evaluator.find(data.positions, *data.source->CartesianPositions(), context);
         benchmark::DoNotOptimize(evaluator.evalKnownDataTypes(data.positions, *data.values));
     }
@@ -138,11 +149,9 @@ void FindAndEvaluate(benchmark::State& state) {
 /// The same location without messages, each position by itself.
 void Locate(benchmark::State& state) {
     const Fixture& data = fixture();
-    LocatorOptions options;
-    if (state.range(0)) options.cellLocator = CellLocator::Exact;
     ToFile file;
     const LocalFromWorldPoint locator(data.slice, data.source, "Positions", 1.0, 0.01, LocationDefaults::TreeScale,
-                                      options);
+                                      optionsOf(state.range(0) != 0));
     const auto n = static_cast<long long>(data.positions->nElements());
     for (auto _ : state) {
         long long found = 0;
@@ -154,12 +163,41 @@ void Locate(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * n);
 }
 
+/// The same, of 4 x 4 x 4 neighbours at a time.
+void LocateNeighbours(benchmark::State& state) {
+    const Fixture& data = fixture();
+    ToFile file;
+    const LocalFromWorldPoint locator(data.slice, data.source, "Positions", 1.0, 0.01, LocationDefaults::TreeScale,
+                                      optionsOf(state.range(0) != 0));
+    for (index_t k = 0; k < data.positions->nElements(); k += 97) (void)locator.locate(data.positions->create(k));
+    constexpr long long side = lattice / 4;
+    for (auto _ : state) {
+        long long found = 0;
+#pragma omp parallel for schedule(dynamic, 16) reduction(+ : found)
+        for (long long tile = 0; tile < side * side * side; ++tile) {
+            Point positions[64];
+            LocalFromWorldPoint::Location locations[64];
+            const MultiIndex<3> place = MultiIndex<3>::fromLinear(static_cast<index_t>(tile), {side, side, side});
+            const MultiIndex<3> first(4 * place[0], 4 * place[1], 4 * place[2]);
+            MultiIndex<3> offset;
+            std::size_t n = 0;
+            do positions[n++] = (*data.positions)[first + offset];
+            while (offset.advance({4, 4, 4}));
+            locator.locateSilently(positions, locations);
+            for (const auto& location : locations) found += location.code == 1 || location.code == 2;
+        }
+        benchmark::DoNotOptimize(found);
+    }
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * data.positions->nElements()));
+}
+
 /// What remains when the cell of each position is known: a solve, and an interpolation.
 void KnownCells(benchmark::State& state) {
     const Fixture& data = fixture();
     const auto n = static_cast<long long>(data.positions->nElements());
     struct Known {
         const Block* block;
+        const ExactCellLocator* exact;
         const MemArray<3, double>* values;
         MultiIndex<3> cell;
         Point position;
@@ -167,16 +205,19 @@ void KnownCells(benchmark::State& state) {
     std::vector<Known> known;
     ToFile file;
     const LocalFromWorldPoint locator(data.slice, data.source);
+    const bool isExact = state.range(0) != 0;
     const double precision =
         UniGridMapper(Hestra::dynamicCast<Block>(data.source->CartesianPositions()->getFirstData()), 1.0, 0.01)
             .precision();
     std::vector<StrongPtr<MemBase>> keptAlive;
     std::vector<std::pair<const Block*, const MemArray<3, double>*>> blocks;
+    std::vector<StrongPtr<ExactCellLocator>> exactLocators;
     for (unsigned int b = 0; b < locator.nFragments(); ++b) {
         keptAlive.push_back(locator.coordinateField()->getData(locator.fragmentID(b)));
         keptAlive.push_back(data.values->getData(locator.fragmentID(b)));
         blocks.emplace_back(dynamic_cast<const Block*>(keptAlive[2 * b].rawptr()),
                             dynamic_cast<const MemArray<3, double>*>(keptAlive[2 * b + 1].rawptr()));
+        exactLocators.push_back(Hestra::makeRef<ExactCellLocator>(Hestra::dynamicCast<Block>(keptAlive[2 * b])));
     }
     for (long long k = 0; k < n; ++k) {
         const Point p = data.positions->create(static_cast<index_t>(k));
@@ -185,7 +226,8 @@ void KnownCells(benchmark::State& state) {
         MultiIndex<3> cell;
         for (int d = 0; d < 3; ++d)
             cell[d] = std::min(static_cast<index_t>(std::max(0.0, found.localCoordinates[d])), blockVertices - 2);
-        known.push_back({blocks[found.fragment].first, blocks[found.fragment].second, cell, p});
+        known.push_back({blocks[found.fragment].first, exactLocators[found.fragment].rawptr(),
+                         blocks[found.fragment].second, cell, p});
     }
     const auto count = static_cast<long long>(known.size());
     std::vector<double> out(known.size());
@@ -195,7 +237,10 @@ void KnownCells(benchmark::State& state) {
         for (long long k = 0; k < count; ++k) {
             const Known& at = known[static_cast<std::size_t>(k)];
             Point uvw;
-            UniGridMapper::localCellCoordinatesFromCell(uvw, at.position, at.cell, *at.block, last, precision);
+            if (isExact)
+                at.exact->localInCell(at.position, at.cell, uvw);
+            else
+                UniGridMapper::localCellCoordinatesFromCell(uvw, at.position, at.cell, *at.block, last, precision);
             out[static_cast<std::size_t>(k)] = Interpolate<3, double>(*at.values, uvw).evaluate();
         }
         benchmark::DoNotOptimize(out.data());
@@ -212,15 +257,18 @@ void EvaluateGrid(benchmark::State& state) {
     UniformGrid3D::create(*destination, box, MultiIndex<3>::filled(lattice));
     ToFile file;
     for (auto _ : state) {
+        state.PauseTiming();
         file.rewind();
+        state.ResumeTiming();
         destination->getCartesianRepresentation()->setField("scalar", {});
         if (!EvalGrid(*destination, *data.source, "scalar", *data.slice, {}, state.range(0) != 0)) std::abort();
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * lattice * lattice * lattice));
 }
 
-BENCHMARK(KnownCells)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(KnownCells)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(Locate)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(LocateNeighbours)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(Find)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(FindAndEvaluate)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(EvaluateGrid)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -19,7 +19,7 @@ public:
     /// Passes on what is there, also of a loop that was given up.
     ~OrderedMessages() {
         for (; myNext < mySlots.size(); ++myNext) myPending += mySlots[myNext].text;
-        write();
+        write(myPending);
     }
 
     /// Each chunk is delivered once.
@@ -28,10 +28,15 @@ public:
         mySlots[chunk].text = std::move(text);
         mySlots[chunk].isDone = true;
         for (; myNext < mySlots.size() && mySlots[myNext].isDone; ++myNext) {
-            myPending += mySlots[myNext].text;
-            mySlots[myNext].text = std::string();
+            const std::string next = std::move(mySlots[myNext].text);
+            if (myPending.size() + next.size() < PieceSize) {
+                myPending += next;
+                continue;
+            }
+            write(myPending);
+            myPending.clear();
+            write(next);
         }
-        if (myPending.size() >= PieceSize) write();
     }
 
 private:
@@ -41,13 +46,12 @@ private:
         bool isDone = false;
     };
 
-    void write() {
-        if (myPending.empty()) return;
+    void write(const std::string& text) {
+        if (text.empty()) return;
         if (myCapture)
-            *myCapture += myPending;
+            *myCapture += text;
         else
-            Hestra::Console::write(myPending);
-        myPending.clear();
+            Hestra::Console::write(text);
     }
 
     std::mutex myMutex;

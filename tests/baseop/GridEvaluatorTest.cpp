@@ -222,6 +222,80 @@ TEST(GridEvaluatorTest, TellsOfEachPositionAndFragmentInOrder) {
     EXPECT_EQ(occurrences(lost, notFound), 10);
 }
 
+// Positions of a lattice are located in tiles; results and messages are those of one position after the other.
+TEST(GridEvaluatorTest, LatticesAreLocatedAsPositionsOneByOne) {
+    for (const MultiIndex<3>& extents :
+         {MultiIndex<3>(37, 22, 19), MultiIndex<3>(1, 70, 45), MultiIndex<3>(90, 1, 3), MultiIndex<3>(1, 1, 300)}) {
+        Source source;
+        source.blocks = support::makeBlocks(*source.grid, support::shapes()[1], 4, {8, 8, 8});
+        const auto block = support::blockOf(source.blocks, source.positions().getFragmentID("C"));
+        for (index_t i = 3; i < 5; ++i)
+            for (index_t j = 4; j < 6; ++j) (*block)(i, j, 4) = (*block)(i, j, 3);
+        // Positions that no block has come to this one, the last, which claims them all.
+        source.blocks.addBlock("uniform", Hestra::makeRef<UniformCartesianArray>(
+                                              BoundingBox({0.6, 0.6, 0}, {0.7, 0.7, 1}), MultiIndex<3>(3, 3, 3)));
+        Point low(-1.1, -1.2, -0.1), high(0.9, 1.3, 1.1);
+        for (int d = 0; d < 3; ++d)
+            if (extents[d] == 1) low[d] = high[d] = Point(0.7, 0.9, 0.45)[d];
+        const auto lattice = Hestra::makeRef<UniformCartesianArray>(BoundingBox(low, high), extents);
+        GridEvaluator evaluator;
+        std::string texts[2];
+        for (std::string& text : texts)
+            text = outputOf([&] { evaluator.find(lattice, source.positions(), source.context); });
+        const GridEvaluator::Indices& indices = *evaluator.fractionalIndices();
+        const auto fragments = evaluator.fragments();
+        const std::vector<int> statuses = statusesOf(evaluator);
+
+        std::unique_ptr<LocalFromWorldPoint> locator;
+        (void)outputOf([&] { locator = std::make_unique<LocalFromWorldPoint>(source.slice, source.grid); });
+        std::string expected;
+        int located = 0;
+        for (index_t k = 0; k < lattice->nElements(); ++k) {
+            LocalFromWorldPoint::Location location;
+            std::string said = "not yet";
+            for (int fragment = 0; fragment < 4 && !location; ++fragment) {
+                if (!said.empty()) {
+                    said.clear();
+                    const Hestra::MessageCapture capture(said);
+                    location = locator->locate(lattice->create(k));
+                }
+                expected += said + (location ? found : notFound);
+            }
+            ASSERT_EQ(evaluator.resultCode(k), location ? location.code : 1U) << k;
+            EXPECT_EQ(statuses[k], GridEvaluator::Located);
+            if (!location) continue;
+            ++located;
+            EXPECT_EQ(indices.element(k), location.localCoordinates) << k;
+            EXPECT_EQ(fragments->element(k).getFirst(), locator->fragmentID(location.fragment)) << k;
+        }
+        EXPECT_GT(located, 30);
+        EXPECT_TRUE(texts[1] == expected) << extents[0];
+        // The first time search structures are made, and tell so.
+        EXPECT_GT(texts[0].size(), expected.size());
+        EXPECT_EQ(occurrences(texts[0], found), occurrences(expected, found));
+        EXPECT_EQ(occurrences(texts[0], notFound), occurrences(expected, notFound));
+    }
+}
+
+// A new search takes the former one's arrays, but those that somebody has kept.
+TEST(GridEvaluatorTest, KeptResultsStayAsTheyAre) {
+    Source source;
+    source.blocks = support::makeBlocks(*source.grid, support::shapes()[0], 2, {4, 4, 4});
+    const auto first = points({{9, 9, 9}, {0.5, 0.5, 0.5}}), second = points({{0.5, 0.5, 0.5}, {9, 9, 9}});
+    testing::internal::CaptureStdout();
+    GridEvaluator evaluator;
+    evaluator.find(first, source.positions(), source.context);
+    const auto kept = evaluator.statuses();
+    const auto chunk = evaluator.fractionalIndices()->getChunk();
+    const auto index = chunk->base_vector()[1];
+    evaluator.find(second, source.positions(), source.context);
+    (void)testing::internal::GetCapturedStdout();
+    EXPECT_EQ(valuesOf<int>(kept), (std::vector<int>{0, 3}));
+    EXPECT_EQ(chunk->base_vector()[1], index);
+    EXPECT_EQ(statusesOf(evaluator), (std::vector<int>{3, 0}));
+    EXPECT_EQ(evaluator.fractionalIndices()->element(0), index);
+}
+
 // Results and messages are those of the serial loop, whatever the number of threads.
 TEST(GridEvaluatorTest, ThreadsChangeNothing) {
     Source source;

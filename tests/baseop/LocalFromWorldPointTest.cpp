@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <omp.h>
+#include <random>
 #include <support/LocationGrids.hpp>
 #include <thread>
 
@@ -127,6 +128,56 @@ TEST(LocalFromWorldPointTest, UniformAndRectilinearBlocksAreComputed) {
     EXPECT_FALSE(locator->get({0.5, 0.5, 1e-9}, found)) << "the uniform block is flat";
     EXPECT_FALSE(found.fragment);
     (void)testing::internal::GetCapturedStdout();
+}
+
+// Blocks of all kinds, which overlap: what is located silently is what each query by itself finds.
+TEST(LocalFromWorldPointTest, NeighboursAreLocatedAsEachByItself) {
+    const Scene scene(support::shapes()[1], 20, {5, 9, 8}); // so many boxes that they are looked up in a tree
+    RegularGrid3D blocks(scene.grid);
+    blocks.addBlock("uniform", Hestra::makeRef<UniformCartesianArray>(Orvix::BoundingBox({0.8, -1, 0.2}, {1.4, 1, 0.8}),
+                                                                      MultiIndex<3>(5, 6, 7)));
+    using Grating = ExplicitCoordinateAxisArray<double>;
+    blocks.addBlock("rectilinear", Hestra::makeRef<RectilinearInterpolation::Coordinates>(std::array{
+                                       Grating({-1, -0.5, 0.5}), Grating({-3.0, 0.0, 4.0}), Grating({0.5, 2.0, 2.5})}));
+    std::vector<Point> positions;
+    std::mt19937_64 random(12);
+    std::uniform_real_distribution<double> x(-2.2, 2.2), z(-0.2, 1.2), off(-0.05, 0.05);
+    for (int cluster = 0; cluster < 60; ++cluster) {
+        const Point centre{x(random), x(random), z(random)}; // braces: in this order, whatever the compiler
+        for (int k = 0; k < 70; ++k)
+            positions.push_back(Point{centre[0] + off(random), centre[1] + off(random), centre[2] + off(random)});
+    }
+    positions[5] = Point(nan, 0, 0);
+    positions[7] = Point(0, infinity, 0);
+    for (const CellLocator kind : {CellLocator::Newton, CellLocator::Exact, CellLocator::Projective}) {
+        std::unique_ptr<LocalFromWorldPoint> locator;
+        (void)outputOf([&] { locator = scene.locator(options(kind)); });
+        std::vector<LocalFromWorldPoint::Location> found(positions.size());
+        // Nothing is built: fragments that no query has reached yet are left alone.
+        EXPECT_EQ(outputOf([&] { locator->locateSilently(positions, found); }), "");
+        for (const auto& location : found)
+            EXPECT_TRUE(location.code == 0 || location.code == LocalFromWorldPoint::Undecided);
+        std::vector<LocalFromWorldPoint::Location> each;
+        (void)outputOf([&] {
+            for (const Point& p : positions) each.push_back(locator->locate(p));
+        });
+        EXPECT_EQ(outputOf([&] { locator->locateSilently(positions, found); }), "");
+        std::size_t undecided = 0, inside = 0;
+        for (std::size_t k = 0; k < positions.size(); ++k) {
+            inside += each[k].code != 0;
+            if (found[k].code == LocalFromWorldPoint::Undecided) {
+                ++undecided;
+                continue;
+            }
+            EXPECT_EQ(found[k].code, each[k].code) << positions[k];
+            EXPECT_EQ(found[k].fragment, each[k].fragment) << positions[k];
+            EXPECT_EQ(found[k].localCoordinates, each[k].localCoordinates) << positions[k];
+        }
+        EXPECT_GT(inside, positions.size() / 5);
+        if (kind != CellLocator::Projective) {
+            EXPECT_LE(undecided, 10U) << "those that are no numbers, and what leaves the unigrid's box by rounding";
+        }
+    }
 }
 
 TEST(LocalFromWorldPointTest, TellsWhatItMakesOnce) {
