@@ -6,6 +6,7 @@
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/MultiArray.hpp>
 
+#include <algorithm>
 #include <array>
 #include <cassert>
 #include <cstddef>
@@ -62,12 +63,15 @@ struct InterpolationStep {
         return {static_cast<index_t>(detail::truncated(x)), -1.0, 1.0};
     }
 
-    /// Becomes what `interpolating` gives, and returns true, if `x` lies between two nodes and on none. Elsewhere, and
-    /// where x + 1 is rounded up to a node, it returns false and promises nothing.
+    /// Becomes what `interpolating` gives if this returns true and both weights are above `SafeWeight` then, as they
+    /// are nearly everywhere; otherwise nothing is promised.
     [[nodiscard]] bool trySet(double x, index_t n) noexcept {
-        *this = above(static_cast<long long>(static_cast<index_t>(detail::truncated(x + 1.0)) - 1), x);
-        return node < n - 1 && fraction > 0.0;
+        *this = above(detail::truncated(x), x);
+        return node + 1 < n;
     }
+    [[nodiscard]] double leastWeight() const noexcept { return std::min(fraction, lowerWeight); }
+    /// Keeps away from nodes, from what lies outside, and from where x + 1 would be rounded up to the last node.
+    static constexpr double SafeWeight = 1.0 / 1024;
 
 private:
     [[nodiscard]] static InterpolationStep above(long long node, double x) noexcept {
@@ -134,7 +138,8 @@ struct RGBOperator {
 /// Degenerate   interpolation takes the border's value outside, and never reads the neighbour of a node that the
 ///              position lies on exactly, so its NaN or infinity does not matter. Derivatives are zero below the
 ///              first node, on the last node of axis `D` and beyond. NaN reads as 0, and has derivative zero.
-/// Failure      none; no extent of the view is 0.
+///              An empty view has value 0; its derivative is not asked for.
+/// Failure      none.
 /// Concurrency  free. View and position are referred to, not copied, and outlive the object.
 /// Cost         eight elements and seven weighted sums in three dimensions; no allocation.
 template<int N, class T, class Ipol = LinearIpol<T, isAffinePoint<T>>, class Coord = double,
@@ -175,12 +180,13 @@ private:
         std::array<index_t, M> strides;
         const auto* corner = view.storage();
         index_t stride = view.stride();
+        double leastWeight = 1.0;
         for (std::size_t axis = 0; axis < M; ++axis) {
             const index_t n = view.Size()[axis];
-            assert(n > 0);
             if (!isDerived(axis)) {
                 if (!steps[axis].trySet(position[axis], n)) [[unlikely]]
                     return valueAnywhere<M>(view, position);
+                leastWeight = std::min(steps[axis].leastWeight(), leastWeight);
             } else {
                 steps[axis] = InterpolationStep::differencing(position[axis], n);
                 if (steps[axis].fraction == 0.0) return level<M>{};
@@ -189,11 +195,14 @@ private:
             corner += steps[axis].node * stride;
             stride *= n;
         }
+        if (!(leastWeight > InterpolationStep::SafeWeight)) [[unlikely]]
+            return valueAnywhere<M>(view, position);
         return cell<M>(corner, strides, steps);
     }
+    /// The view is a copy: what its address is given away for, a loop would have to read again for each position.
     template<int M>
-    [[nodiscard]] [[gnu::noinline]] static level<M> valueAnywhere(const MultiArrayBase<M, T>& view,
-                                                                  const Coord* position) {
+    [[nodiscard]] [[gnu::noinline]] static level<M> valueAnywhere(MultiArrayBase<M, T> view, const Coord* position) {
+        if (detail::isEmpty(view.Size())) return level<M>{};
         Steps<M> steps;
         for (std::size_t axis = 0; axis < M; ++axis) {
             const index_t n = view.Size()[axis];
@@ -262,7 +271,6 @@ private:
 template<int N, class T>
 requires(N >= 2) [[nodiscard]] T
     interpolateAt(const MultiArrayBase<N, T>& view, const Orvix::FixedArray<double, N>& position) {
-    if (detail::isEmpty(view.Size())) return T{};
     return Interpolate<N, T>(view, position).evaluate();
 }
 
