@@ -207,7 +207,7 @@ void inParallel(std::size_t count, std::size_t piece, const F& function) {
     std::exception_ptr problem;
     std::atomic<bool> isGivenUp{false};
     const auto pieces = static_cast<long long>((count + piece - 1) / piece);
-#pragma omp parallel for schedule(dynamic, 1) if (pieces > 1)
+#pragma omp parallel for schedule(monotonic : dynamic, 1) if (pieces > 1)
     for (long long n = 0; n < pieces; ++n) {
         if (isGivenUp.load(std::memory_order_relaxed)) continue;
         try {

@@ -172,7 +172,8 @@ private:
 ///              another kind, or without cells is passed over.
 /// Failure      without grid or coordinate field a message, and no query finds anything. A search structure that cannot
 ///              be built is reported, its fragment is skipped, and the next query tries again. No exception but
-///              std::bad_alloc leaves a query. Without a slice there is no place for structures: curvilinear fragments are skipped.
+///              std::bad_alloc leaves a query. Without a slice there is no place for structures: curvilinear fragments
+///              are skipped.
 /// Age          coordinates that change are not noticed: make the grid anew (`Slice::newGrid`), or remove the
 ///              fragment tree, the fragment coordinates and the structures before making another locator.
 /// Concurrency  construct from one thread at a time. Queries may come from any number of threads, also of different

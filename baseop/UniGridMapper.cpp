@@ -12,6 +12,7 @@
 #include <cmath>
 #include <limits>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 
@@ -710,7 +711,7 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<po
             firstStep(steps[c].at, points[cells[c].point], cells[c].index(), search.vertices, myPrecision, Everywhere);
 
     CellBoxTree::Surroundings nearMisses;
-    bool areFewNear = false, isNearKnown = false; // for most of the time nobody asks
+    std::optional<bool> areFewNear; // known once somebody asks, which hardly anybody does
     for (std::size_t n = 0; n < points.size(); ++n) {
         const point& p = points[n];
         codes[n] = codeOf(Query(*this, p, grid_epsilon)
@@ -722,11 +723,8 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<po
                                       return step.outcome;
                                   },
                                   [&](auto&& f) {
-                                      if (!isNearKnown) {
-                                          areFewNear = search.nearMisses.gather(nearMisses, low, high);
-                                          isNearKnown = true;
-                                      }
-                                      if (!areFewNear)
+                                      if (!areFewNear) areFewNear = search.nearMisses.gather(nearMisses, low, high);
+                                      if (!*areFewNear)
                                           search.nearMisses.forEachGroupAt(p, f);
                                       else if (!nearMisses.empty())
                                           search.nearMisses.forEachGroupAt(nearMisses, p, f);

@@ -22,6 +22,8 @@ public:
         myStep[1] = myStep[0] * static_cast<std::size_t>(mySize[0]);
         myStep[2] = myStep[1] * static_cast<std::size_t>(mySize[1]);
         for (int axis = 0; axis < 3; ++axis) myCells[axis] = mySize[axis] < 2 ? 0 : mySize[axis] - 1;
+        constexpr std::size_t NearCaches = std::size_t{1} << 20;
+        myIsLarge = myStep[2] * static_cast<std::size_t>(mySize[2]) * sizeof(double) > NearCaches;
     }
 
     /// Number of vertices on each axis.
@@ -83,19 +85,11 @@ public:
         return isInside;
 #endif
     }
-    /// Sends for the corners of a cell.
-    void prefetchCell([[maybe_unused]] const double* lowest) const noexcept {
-#if defined(__GNUC__)
-        for (int row = 0; row < 8; row += 2) {
-            __builtin_prefetch(corner(lowest, row));
-            __builtin_prefetch(corner(lowest, row + 1) + 2);
-        }
-#endif
-    }
     /// Sends for most of the corners of 2 x 2 x 2 cells, or of those of them that there are.
     void prefetchGroup([[maybe_unused]] index_t i, [[maybe_unused]] index_t j,
                        [[maybe_unused]] index_t k) const noexcept {
 #if defined(__GNUC__)
+        if (!myIsLarge) return;
         const std::size_t middle = i + 1 < mySize[0] ? myStep[0] : 0;
         for (index_t z = k; z < std::min(k + 3, mySize[2]); ++z)
             for (index_t y = j; y < std::min(j + 3, mySize[1]); ++y) __builtin_prefetch(address(i, y, z) + middle);
@@ -107,6 +101,7 @@ private:
     const double* myFirst;
     std::size_t myStep[3];
     MultiIndex<3> mySize, myCells;
+    bool myIsLarge; // more than caches near the core hold
 };
 
 /// The image of a cell's centre and the derivatives there along the three index axes: bit for bit what the

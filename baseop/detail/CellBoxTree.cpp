@@ -354,6 +354,8 @@ void CellBoxTree::build(const Shapes& shapes, Detail detail) {
         Hestra::adviseLargeArray(myBottom.get(), myLevels[0].total() * sizeof(Bottom));
     }
     if (myTop > 0) myUpper.resize(myLevels[myTop].first + 1);
+    constexpr std::size_t NearCaches = std::size_t{1} << 20;
+    myIsLarge = myLevels[0].total() * sizeof(Bottom) + myUpper.size() * sizeof(Upper) > NearCaches;
     LevelBoxes boxes(myLevels[0].total());
     if (shapes.edges() == 3)
         buildGroups<3>(shapes, detail, boxes);

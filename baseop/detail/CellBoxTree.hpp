@@ -226,6 +226,7 @@ private:
     }
     void prefetch([[maybe_unused]] int level, [[maybe_unused]] const Place& place) const noexcept {
 #if defined(__GNUC__)
+        if (!myIsLarge) return;
         const auto send = [](const void* object, std::size_t size) {
             for (std::size_t byte = 0; byte < size; byte += 64)
                 __builtin_prefetch(static_cast<const char*>(object) + byte);
@@ -261,7 +262,8 @@ private:
 
     double myOrigin[3] = {}, myScale[3] = {1.0, 1.0, 1.0};
     std::size_t myCells[3] = {};
-    int myTop = -1; // number of the last level
+    int myTop = -1;         // number of the last level
+    bool myIsLarge = false; // more than caches near the core hold
     Level myLevels[MaximalLevels];
     std::unique_ptr<Bottom[]> myBottom; // null where searches tell groups only
     std::vector<Upper> myUpper;
