@@ -51,6 +51,7 @@ CellBoxTree::CellBoxTree(const MultiIndex<3>& cells, const point& lowest, const 
         const std::size_t side = myTop == 0 ? 2 : 4;
         for (int d = 0; d < 3; ++d) level.size[d] = (below[d] + side - 1) / side;
         level.first = first;
+        if (myTop > 0) level.members = 16 * static_cast<int>(std::min<std::size_t>(below[2], 4));
         if (myTop > 0) first += level.total(); // the groups of cells have numbers of their own
         below = level.size;
     } while (below[0] > 1 || below[1] > 1 || below[2] > 1);

@@ -118,8 +118,7 @@ private:
         /// Sets the group from boxes of the first `count` members; others are empty.
         void assign(const Boxes<Members>& members, std::size_t count = Members) noexcept;
         /// Bit m is set when member m, one of the first `count`, may meet the box between two points.
-        [[nodiscard]] std::uint64_t membersIn(const float (&low)[4], const float (&high)[4],
-                                              int count = Members) const noexcept;
+        [[nodiscard]] std::uint64_t membersIn(const float (&low)[4], const float (&high)[4], int count) const noexcept;
         /// A box around that of a member.
         void boxOf(int member, float (&low)[3], float (&high)[3]) const noexcept;
     };
@@ -144,6 +143,7 @@ private:
     struct Level {
         std::size_t first = 0; // number of its first group
         std::size_t size[3] = {};
+        int members = 0; // of a group above the groups of cells: none is beyond
         [[nodiscard]] std::size_t total() const noexcept { return size[0] * size[1] * size[2]; }
     };
     static constexpr int MaximalLevels = 17;
@@ -223,6 +223,10 @@ private:
     [[nodiscard]] std::size_t number(int level, const Place& place) const noexcept {
         const Level& l = myLevels[level];
         return l.first + place.at[0] + l.size[0] * (place.at[1] + l.size[1] * place.at[2]);
+    }
+    [[nodiscard]] std::uint64_t membersIn(int level, const Place& place, const float (&low)[4],
+                                          const float (&high)[4]) const noexcept {
+        return myUpper[number(level, place)].membersIn(low, high, myLevels[level].members);
     }
     void prefetch([[maybe_unused]] int level, [[maybe_unused]] const Place& place) const noexcept {
 #if defined(__GNUC__)
@@ -397,7 +401,7 @@ bool CellBoxTree::forEachGroupIn(const float (&low)[4], const float (&high)[4], 
                     if (!descend(level, now[g], low, high, f)) return false;
                 return true;
             }
-            for (auto mask = myUpper[number(level, now[g])].membersIn(low, high); mask; mask &= mask - 1) {
+            for (auto mask = membersIn(level, now[g], low, high); mask; mask &= mask - 1) {
                 below[members] = now[g].template member<4>(std::countr_zero(mask));
                 prefetch(level - 1, below[members++]);
             }
@@ -419,7 +423,7 @@ bool CellBoxTree::descend(int top, const Place& start, const float (&low)[4], co
     };
     Step steps[MaximalLevels];
     int level = top;
-    steps[level] = {start, myUpper[number(level, start)].membersIn(low, high)};
+    steps[level] = {start, membersIn(level, start, low, high)};
     for (;;) {
         Step& step = steps[level];
         if (step.members == 0) {
@@ -433,7 +437,7 @@ bool CellBoxTree::descend(int top, const Place& start, const float (&low)[4], co
             if (!f(member)) return false;
         } else {
             --level;
-            steps[level] = {member, myUpper[number(level, member)].membersIn(low, high)};
+            steps[level] = {member, membersIn(level, member, low, high)};
         }
     }
 }
