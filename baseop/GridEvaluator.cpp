@@ -354,8 +354,8 @@ public:
         if (mySearch.beginsWithLocation())
             runInTiles();
         else
-            inParallel(static_cast<std::size_t>(myTiling.slabs()), 1,
-                       [&](std::size_t slab, std::size_t) { finish(slab, false); });
+            inParallel(myPositions.size() - 1, Piece,
+                       [&](std::size_t begin, std::size_t end) { findPiece(1 + begin / Piece, 1 + begin, 1 + end); });
     }
 
     /// Whether some position was found by the point location.
@@ -381,7 +381,7 @@ private:
             const index_t slab = job / jobs, begin = job % jobs * Tiles;
             const index_t end = std::min(begin + Tiles, myTiling.tiles(slab));
             for (index_t tile = begin; tile < end; ++tile) locateTile(slab, tile);
-            if (left[slab].fetch_sub(1, std::memory_order_acq_rel) == 1) finish(slab, true);
+            if (left[slab].fetch_sub(1, std::memory_order_acq_rel) == 1) finish(slab);
         });
     }
 
@@ -409,12 +409,10 @@ private:
     }
 
     /// One position of a slab after the other, with its messages.
-    void finish(index_t slab, bool isInTiles) {
+    void finish(index_t slab) {
         const std::size_t first = myTiling.first(slab), end = myTiling.first(slab + 1);
-        std::vector<bool> isRepeated;
-        if (isInTiles) isRepeated.resize(static_cast<std::size_t>(myTiling.tiles(slab)));
+        std::vector<bool> isRepeated(static_cast<std::size_t>(myTiling.tiles(slab)));
         const auto repeat = [&](std::size_t k) {
-            if (!isInTiles) return;
             // What was undecided may have made a structure that its neighbours wait for.
             const index_t tile = myTiling.tileOf(slab, k);
             if (isRepeated[tile]) return;
