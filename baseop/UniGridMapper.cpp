@@ -242,8 +242,6 @@ private:
 /// One query.
 class UniGridMapper::Query {
 public:
-    using Answer = UniGridMapper::Answer;
-
     Query(const UniGridMapper& mapper, const point& P, double epsilon) noexcept
         : myMapper(mapper), mySearch(*mapper.mySearch), myP(P), myEpsilon(epsilon),
           myLast(mySearch.vertices.size() - 1) {}

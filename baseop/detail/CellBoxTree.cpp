@@ -248,7 +248,7 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
     for (Worker& worker : workers) {
         worker.shapes = shapes.clone();
         worker.memory.resize(4 * width * Arrays);
-        worker.bounds.resize(6 * width);
+        worker.bounds.resize(2 * width); // low and high ones of one axis
         float* next = worker.memory.data();
         const auto take = [&](float*(&vector)[3]) {
             for (float*& component : vector) {

@@ -141,7 +141,6 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
     struct Part {
         RowRanges ranges;
         std::unique_ptr<std::uint32_t[]> differences; // modulo 2^32, as partial sums may overflow
-        index_t entries = 0;
     };
     constexpr std::size_t MostThreads = 8, MostDifferences = std::size_t{1} << 26;
     const auto cores = static_cast<std::size_t>(std::max(omp_get_max_threads(), 1));
@@ -153,6 +152,7 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
         Hestra::adviseLargeArray(parts.back().differences.get(), total * sizeof(std::uint32_t));
     }
     const auto layers = static_cast<std::ptrdiff_t>(count[2]), elements = static_cast<std::ptrdiff_t>(total);
+    index_t sum = 0;
 #pragma omp parallel num_threads(static_cast <int>(threads))
     {
         // Given fewer threads than asked for, each has several parts to clear.
@@ -162,7 +162,7 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
         Part& part = parts[static_cast<std::size_t>(omp_get_thread_num())];
         RowRanges& ranges = part.ranges;
         std::uint32_t* const differences = part.differences.get();
-#pragma omp for schedule(static)
+#pragma omp for schedule(static) reduction(+ : sum)
         for (std::ptrdiff_t layer = 0; layer < layers; ++layer) {
             const auto k = static_cast<index_t>(layer);
             for (index_t j = 0; j < count[1]; ++j) {
@@ -179,7 +179,7 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
                         to[d] = static_cast<std::size_t>(ranges.last(i, d)) + 1;
                         unicells *= static_cast<index_t>(to[d] - from[d]);
                     }
-                    part.entries += unicells;
+                    sum += unicells;
                     for (int corner = 0; corner < 4; ++corner) {
                         std::uint32_t* const row = differences + line * (corner & 1 ? to[1] : from[1]) +
                                                    plane * (corner & 2 ? to[2] : from[2]);
@@ -191,7 +191,7 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
             }
         }
     }
-    for (const Part& part : parts) entries += part.entries;
+    entries = sum;
     if (entries > limit) throw std::length_error("UniGridMapper: too many entries in the lists of cells");
 
     // Sums along all axes, one plane after the other.
@@ -202,12 +202,12 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
             const std::size_t first = line * y + plane * z;
             for (const Part& part : parts)
                 for (std::size_t x = 0; x < width; ++x) row[x] += part.differences[first + x];
-            std::uint32_t* const sum = sums.data() + line * y;
+            std::uint32_t* const upTo = sums.data() + line * y;
             std::uint32_t along = 0;
             for (std::size_t x = 0; x < width; ++x) {
                 along += row[x];
-                sum[x] += along;
-                longest = std::max(longest, sum[x]);
+                upTo[x] += along;
+                longest = std::max(longest, upTo[x]);
             }
         }
     }
