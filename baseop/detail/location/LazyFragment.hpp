@@ -1,0 +1,124 @@
+#pragma once
+/// A fragment whose coordinates are made for the first query that reaches it, and a search structure of it.
+
+#include <baseop/detail/FragmentCoordinates.hpp>
+#include <baseop/detail/location/GridLock.hpp>
+#include <baseop/detail/location/Narrator.hpp>
+#include <model/vantle/Field.hpp>
+
+#include <atomic>
+#include <optional>
+#include <stdexcept>
+
+namespace Vantle::detail {
+
+/// Any number of threads may ask.
+class LazyFragment {
+public:
+    Hestra::StrongPtr<FragmentID> id;
+    Hestra::StrongPtr<CreativeArrayBase> creator;
+    /// What is said while coordinates and structures are made, until it is told.
+    mutable Untold untold;
+
+    /// The coordinates if a query has had them before; else null.
+    [[nodiscard]] const FragmentCoordinates* known() const noexcept {
+        return myIsKnown.load(std::memory_order_acquire) ? &myCoordinates : nullptr;
+    }
+    /// The coordinates, created if need be; null while there are none of a known kind.
+    [[nodiscard]] const FragmentCoordinates* coordinates(bool isHeard) const {
+        if (const FragmentCoordinates* const there = known()) return there;
+        if (!creator) return nullptr;
+        // Created outside the lock: what makes the array may itself ask a locator.
+        FragmentCoordinates found(untold.during(isHeard, [this] { return creator->create(false); }));
+        if (!found.isKnown()) return nullptr;
+        const std::lock_guard lock(myMutex);
+        if (!myIsKnown.load(std::memory_order_relaxed)) {
+            myCoordinates = std::move(found);
+            myIsKnown.store(true, std::memory_order_release);
+        }
+        return &myCoordinates;
+    }
+
+private:
+    mutable std::atomic<bool> myIsKnown{false};
+    mutable std::mutex myMutex;
+    mutable FragmentCoordinates myCoordinates;
+};
+
+/// The array that the storage has for one fragment: a single handle.
+template<class Structure>
+using StoredStructure = MemArray<1, Hestra::StrongPtr<Structure>>;
+
+/// A search structure as one locator knows it: found in the storage, or built and stored, inside the unnamed critical
+/// section; read without it from then on.
+template<class Structure>
+class StructureSlot {
+public:
+    /// Null until it is there.
+    [[nodiscard]] const Structure* ready() const noexcept { return myReady.load(std::memory_order_acquire); }
+
+    /// Gets it ready. `announce()` says that it is built, by `make()`; `refuse(reason)` that it cannot be.
+    ///
+    /// A structure that its block makes too large is so for ever: of that, later calls say nothing. Other failures are
+    /// tried again.
+    template<class Announce, class Make, class Refuse>
+    const Structure* obtain(Field* storage, const LazyFragment& fragment, bool isHeard, const Announce& announce,
+                            const Make& make, const Refuse& refuse) {
+        if (const Structure* const there = ready()) return there;
+        if (!storage) return nullptr;
+        fragment.untold.during(isHeard, [&] {
+            inCriticalSection([&] {
+                if (myOwner || myIsHopeless) return;
+                try {
+                    const auto stored = Hestra::dynamicCast<StoredStructure<Structure>>(storage->getData(fragment.id));
+                    if (stored && stored->nElements() > 0) myOwner = stored->element(0);
+                    if (!myOwner) {
+                        announce();
+                        const Hestra::StrongPtr<Structure> made = make();
+                        const auto entry = StoredStructure<Structure>::create(MultiIndex<1>(1));
+                        entry->element(0) = made;
+                        storage->setPersistentData(entry, fragment.id);
+                        myOwner = made;
+                    }
+                } catch (const std::length_error& problem) {
+                    myIsHopeless = true;
+                    fail(problem.what(), refuse);
+                } catch (const std::exception& problem) {
+                    fail(problem.what(), refuse);
+                } catch (...) {
+                    fail(nullptr, refuse);
+                }
+                if (myOwner) myReady.store(myOwner.rawptr(), std::memory_order_release);
+            });
+        });
+        return ready();
+    }
+    /// Says once more why it is not there.
+    template<class Announce, class Refuse>
+    void tellWhyNot(const Announce& announce, const Refuse& refuse) {
+        std::optional<std::string> reason;
+        bool hasFailed = false;
+        inCriticalSection([&] {
+            hasFailed = myHasFailed && !myOwner;
+            reason = myReason;
+        });
+        if (!hasFailed) return;
+        announce();
+        refuse(reason ? reason->c_str() : nullptr);
+    }
+
+private:
+    template<class Refuse>
+    void fail(const char* reason, const Refuse& refuse) {
+        myHasFailed = true;
+        myReason = reason ? std::optional<std::string>(reason) : std::nullopt;
+        refuse(reason);
+    }
+
+    std::atomic<const Structure*> myReady{nullptr};
+    Hestra::StrongPtr<Structure> myOwner;
+    bool myHasFailed = false, myIsHopeless = false;
+    std::optional<std::string> myReason;
+};
+
+} // namespace Vantle::detail

@@ -1,0 +1,125 @@
+#pragma once
+/// Every text about locations, in one place.
+///
+/// Searches say nothing. They tell of each position whether the query that reports would have anything to say about
+/// it; the entry points that report then have it told here, position after position, when somebody listens.
+
+#include <model/hestra/Console.hpp>
+#include <model/orvix/BoundingBox.hpp>
+#include <model/vantle/Index.hpp>
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace Vantle::detail {
+
+/// What is said while something is made by whoever needs it first, until the position is told that is the first in
+/// order to have needed it.
+class Untold {
+public:
+    /// Calls `make()`, and keeps what it says if anybody is to hear it.
+    template<class F>
+    auto during(bool isHeard, F&& make) {
+        struct Keeper {
+            Untold& owner;
+            std::string text;
+            ~Keeper() { owner.add(std::move(text)); }
+        } keeper{*this, {}};
+        const Hestra::ScopedListener listener(isHeard ? [&keeper](std::string_view piece) { keeper.text += piece; }
+                                                      : Hestra::Console::Listener());
+        return make();
+    }
+    [[nodiscard]] bool isPending() const noexcept { return myIsPending.load(std::memory_order_acquire); }
+    /// Says it, once.
+    void tell();
+
+private:
+    void add(std::string&& text);
+
+    std::atomic<bool> myIsPending{false};
+    std::mutex myMutex;
+    std::string myText;
+};
+
+/// Messages in large pieces, for whoever hears the thread that made this.
+class Recital {
+public:
+    Recital() = default;
+    Recital(const Recital&) = delete;
+    Recital& operator=(const Recital&) = delete;
+    ~Recital() { flush(); }
+
+    void say(std::string_view text) {
+        myText += text;
+        if (myText.size() >= PieceSize) flush();
+    }
+    /// Says what `speak()` says.
+    template<class F>
+    void let(F&& speak) {
+        {
+            const Hestra::ScopedListener listener([this](std::string_view text) { myText += text; });
+            speak();
+        }
+        if (myText.size() >= PieceSize) flush();
+    }
+
+private:
+    static constexpr std::size_t PieceSize = std::size_t{1} << 16;
+    void flush();
+
+    std::string myText;
+};
+
+/// The texts about unigrids and the solves in their cells.
+namespace tell {
+
+void coarseResolution();
+void longestList(int length);
+void outOfBounds();
+void unmapped(const int (&index)[3], const Orvix::BoundingBox& box, const Orvix::PhysicalSpace::vector& unicellSize);
+
+/// Hears of a solve whatever is to be said.
+struct Speaking {
+    static constexpr bool isHeard = true;
+    void singularStep() const { Hestra::Console::puts("WHAT?"); }
+    void gaveUp() const { Hestra::Console::print("getLocalCoordinates3D(): Prevented endless loop BREAK!\n"); }
+};
+/// Only notes that something would be said.
+struct Silently {
+    static constexpr bool isHeard = false;
+    bool hasSpoken = false;
+    void singularStep() { hasSpoken = true; }
+    void gaveUp() { hasSpoken = true; }
+};
+
+// The texts of point locations.
+
+void invalidGrid();
+void invalidField();
+void treeFound(bool isFound);
+void fragmentsBuilt(bool isNew);
+void noCoordinates();
+void incomplete();
+void creatingUnimapper(unsigned int fragment, double resolution, double precision);
+void creatingTreemapper(unsigned int fragment, double resolution, double precision,
+                        const Orvix::PhysicalSpace::vector& scale);
+void creatingExactLocator(unsigned int fragment);
+/// `reason` is null where it is unknown.
+void cannotCreate(const char* what, unsigned int fragment, const char* reason);
+void noBlockForBorders();
+void noBorderCell();
+void intersection();
+
+// Those of evaluations.
+
+inline constexpr std::string_view curvilinearFound = "yayy, curvigrid found!\n";
+inline constexpr std::string_view curvilinearMissed = "GridEvaluator: NO curvilinear 3D location found!\n\n";
+inline constexpr std::string_view unstructured =
+    "GridEvaluator: Evaluating set of Vertices not yet fully implemented!!!\n\n"
+    "KDTreeCloudSearch: wrong weight type requested!!\n\n";
+
+} // namespace tell
+
+} // namespace Vantle::detail
