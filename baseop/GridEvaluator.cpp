@@ -15,6 +15,7 @@
 namespace Vantle {
 
 using detail::FragmentCoordinates;
+using detail::Hearing;
 using detail::LazyFragment;
 using detail::Overloaded;
 using detail::Tiling;
@@ -24,53 +25,6 @@ using point = PhysicalSpace::point;
 using FractionalIndex = GridEvaluator::FractionalIndex;
 
 namespace tell = detail::tell;
-
-struct FragmentSearchBase::Shared {
-    std::mutex mutex;
-    std::unique_ptr<LocalFromWorldPoint> owner;
-    Field::age_t age{}; // of the coordinates
-    std::atomic<const LocalFromWorldPoint*> ready{nullptr};
-    detail::Untold untold;
-};
-
-namespace detail {
-
-/// The point location of a source, as evaluations use it: searched without a word, and told afterwards.
-class PositionTeller {
-public:
-    using Location = LocalFromWorldPoint::Location;
-
-    /// The point location; what is said while it is made is kept.
-    static const LocalFromWorldPoint& locator(FragmentSearchBase& base, bool isHeard) {
-        FragmentSearchBase::Shared& shared = *base.myShared;
-        if (const LocalFromWorldPoint* const ready = shared.ready.load(std::memory_order_acquire)) return *ready;
-        const std::lock_guard lock(shared.mutex);
-        if (!shared.owner) {
-            const GridEvaluator::Context& context = base.myContext;
-            shared.untold.during(isHeard, [&] {
-                shared.owner = std::make_unique<LocalFromWorldPoint>(context.slice, context.grid,
-                                                                     context.coordinateField, context.locatorOptions());
-            });
-            if (shared.owner->isValid()) shared.age = shared.owner->coordinateField()->age();
-            shared.ready.store(shared.owner.get(), std::memory_order_release);
-        }
-        return *shared.owner;
-    }
-    static Untold& untold(FragmentSearchBase& base) noexcept { return base.myShared->untold; }
-    static void search(FragmentSearchBase& base, std::span<const point> points, std::span<Location> found,
-                       bool isHeard) {
-        locator(base, isHeard).search(points, found, isHeard);
-        if (!untold(base).isPending()) return;
-        for (Location& location : found) location.isSilent = false;
-    }
-    static void tell(FragmentSearchBase& base, const point& p) {
-        untold(base).tell();
-        const LocalFromWorldPoint& made = locator(base, true);
-        made.tell(p, made.wayOfOptions());
-    }
-};
-
-} // namespace detail
 
 namespace {
 
@@ -122,8 +76,8 @@ public:
         });
     }
 
-    /// Finds up to a tile of positions.
-    void find(std::span<const point> points, std::span<Hit> hits) const {
+    /// Finds up to a tile of positions, which have numbers if anybody listens.
+    void find(std::span<const point> points, std::span<Hit> hits, std::span<const std::size_t> numbers) const {
         std::fill(hits.begin(), hits.end(), Hit());
         unsigned char pending[Tiling::MaximalTile];
         std::size_t count = points.size();
@@ -149,10 +103,14 @@ public:
         bool isAsked = false;
         const auto locate = [&] {
             point asked[Tiling::MaximalTile];
+            std::size_t theirs[Tiling::MaximalTile];
             LocalFromWorldPoint::Location found[Tiling::MaximalTile];
-            for (std::size_t c = 0; c < count; ++c) asked[c] = points[pending[c]];
-            detail::PositionTeller::search(myBase, std::span<const point>(asked, count), std::span(found, count),
-                                           myIsHeard);
+            for (std::size_t c = 0; c < count; ++c) {
+                asked[c] = points[pending[c]];
+                if (myIsHeard) theirs[c] = numbers[pending[c]];
+            }
+            myBase.locate(std::span<const point>(asked, count), std::span(found, count),
+                          std::span<const std::size_t>(theirs, myIsHeard ? count : 0));
             const LocalFromWorldPoint::Location* next = found;
             offer([&](const point&, Hit& hit) {
                 const LocalFromWorldPoint::Location& location = *next++;
@@ -166,8 +124,10 @@ public:
             isAsked = true;
         };
         const auto reach = [&](std::size_t n) {
-            const FragmentCoordinates* const coordinates = myFragments[n].coordinates(myIsHeard);
-            if (myFragments[n].untold.isPending()) offer([](const point&, Hit& hit) { return hit.isSilent = false; });
+            const FragmentCoordinates* const coordinates =
+                myFragments[n].coordinates(myIsHeard ? Hearing::Kept : Hearing::Nobody);
+            if (myIsHeard && myFragments[n].untold.isPending())
+                for (std::size_t c = 0; c < count; ++c) myFragments[n].untold.reachedBy(numbers[pending[c]]);
             if (!coordinates) return;
             std::visit(Overloaded{[&](const detail::UniformCoordinates* uniform) { offerTo(n, uniform); },
                                   [&](const detail::RectilinearCoordinates* axes) { offerTo(n, axes); },
@@ -194,7 +154,7 @@ public:
             myFragments[n].untold.tell();
             const FragmentCoordinates* const coordinates = myFragments[n].known();
             if (!coordinates) continue;
-            if (coordinates->curvilinear()) detail::PositionTeller::tell(myBase, p);
+            if (coordinates->curvilinear()) myBase.tell(p);
             Hestra::Console::write(textOfMiss(*coordinates, isLocation(hit)));
             if (coordinates->curvilinear() && isLocation(hit)) return;
         }
@@ -206,10 +166,15 @@ public:
         std::vector<StrongPtr<FragmentID>> table;
         for (std::size_t n = 0; n < mySize; ++n) table.push_back(myFragments[n].id);
         if (withLocations) {
-            const LocalFromWorldPoint& locator = detail::PositionTeller::locator(myBase, false);
+            const LocalFromWorldPoint& locator = myBase.locator();
             for (unsigned int n = 0; n < locator.nFragments(); ++n) table.push_back(locator.fragmentID(n));
         }
         return table;
+    }
+    /// Calls `f(number)` for positions that something has to be told with.
+    void forEachDue(const std::function<void(std::size_t)>& f) const {
+        for (std::size_t n = 0; n < mySize; ++n) myFragments[n].untold.whenDue(f);
+        myBase.forEachDue(f);
     }
     [[nodiscard]] bool isLocation(const Hit& hit) const noexcept { return hit && hit.fragment >= mySize; }
 
@@ -250,7 +215,8 @@ private:
     const std::vector<std::size_t>& others() const {
         std::call_once(myOthersOnce, [this] {
             for (std::size_t n = 0; n < mySize; ++n) {
-                const FragmentCoordinates* const coordinates = myFragments[n].coordinates(myIsHeard);
+                const FragmentCoordinates* const coordinates =
+                    myFragments[n].coordinates(myIsHeard ? Hearing::Kept : Hearing::Nobody);
                 if (myFragments[n].untold.isPending() || (coordinates && !coordinates->curvilinear()))
                     myOthers.push_back(n);
             }
@@ -264,39 +230,6 @@ private:
     bool myIsHeard;
     mutable std::once_flag myOthersOnce;
     mutable std::vector<std::size_t> myOthers;
-};
-
-// Positions by number, of each kind that can be searched for, and how many there are on each axis.
-
-struct PointPositions {
-    const Iterator<point>& points;
-    MultiIndex<3> extents;
-    [[nodiscard]] std::size_t size() const { return points.size(); }
-    [[nodiscard]] point operator()(std::size_t k) const { return points[k]; }
-    [[nodiscard]] point operator()(std::size_t k, const MultiIndex<3>&) const { return (*this)(k); }
-};
-
-struct UniformPositions {
-    const detail::UniformCoordinates& points;
-    MultiIndex<3> extents;
-    [[nodiscard]] std::size_t size() const { return points.nElements(); }
-    [[nodiscard]] point operator()(std::size_t k) const { return points.create(k); }
-    [[nodiscard]] point operator()(std::size_t, const MultiIndex<3>& index) const { return points[index]; }
-};
-
-template<int N>
-struct VectorPositions {
-    const Iterator<Orvix::Vector<double, N>>& vectors;
-    MultiIndex<3> extents;
-    [[nodiscard]] std::size_t size() const { return vectors.size(); }
-    [[nodiscard]] point operator()(std::size_t k) const {
-        const auto& v = vectors[k];
-        if constexpr (N == 2)
-            return {v[0], v[1], 0.0};
-        else
-            return {v[0], v[1], v[2]};
-    }
-    [[nodiscard]] point operator()(std::size_t k, const MultiIndex<3>&) const { return (*this)(k); }
 };
 
 /// An array of so many elements: the one that is held, if nobody else has it or its memory, or a new one.
@@ -329,6 +262,14 @@ bool declines(const Field& source) {
 // ---------------------------------------------------------------------------------------------------------------------
 // Search
 
+struct FragmentSearchBase::Shared {
+    std::mutex mutex;
+    std::unique_ptr<LocalFromWorldPoint> owner;
+    Field::age_t age{}; // of the coordinates
+    std::atomic<const LocalFromWorldPoint*> ready{nullptr};
+    detail::Untold untold;
+};
+
 FragmentSearchBase::FragmentSearchBase(const GridEvaluator::Context& context)
     : myContext(context), myShared(std::make_unique<Shared>()) {}
 FragmentSearchBase::~FragmentSearchBase() = default;
@@ -345,10 +286,43 @@ bool FragmentSearchBase::serves(const GridEvaluator::Context& context) const {
            myContext.locatorOptions() == context.locatorOptions() && sameCoordinates();
 }
 
+const LocalFromWorldPoint& FragmentSearchBase::make(bool isHeard) {
+    Shared& shared = *myShared;
+    if (const LocalFromWorldPoint* const ready = shared.ready.load(std::memory_order_acquire)) return *ready;
+    const std::lock_guard lock(shared.mutex);
+    if (!shared.owner) {
+        shared.untold.during(isHeard, [&] {
+            shared.owner = std::make_unique<LocalFromWorldPoint>(myContext.slice, myContext.grid,
+                                                                 myContext.coordinateField, myContext.locatorOptions());
+        });
+        if (shared.owner->isValid()) shared.age = shared.owner->coordinateField()->age();
+        shared.ready.store(shared.owner.get(), std::memory_order_release);
+    }
+    return *shared.owner;
+}
+
 const LocalFromWorldPoint& FragmentSearchBase::locator() {
-    const LocalFromWorldPoint& made = detail::PositionTeller::locator(*this, Hestra::Console::isHeard());
+    const LocalFromWorldPoint& made = make(Hestra::Console::isHeard());
     myShared->untold.tell();
     return made;
+}
+
+void FragmentSearchBase::locate(std::span<const point> positions, std::span<LocalFromWorldPoint::Location> found,
+                                std::span<const std::size_t> numbers) {
+    make(!numbers.empty()).locate(positions, found, numbers);
+    if (myShared->untold.isPending())
+        for (const std::size_t number : numbers) myShared->untold.reachedBy(number);
+}
+
+void FragmentSearchBase::forEachDue(const std::function<void(std::size_t)>& f) {
+    if (!myShared->owner) return;
+    myShared->untold.whenDue(f);
+    myShared->owner->forEachDue(f);
+}
+
+void FragmentSearchBase::tell(const point& p) {
+    const LocalFromWorldPoint& made = locator();
+    made.tell(p, made.wayOfOptions());
 }
 
 int FragmentSearch<point>::Contains(const point& p, const StrongPtr<CreativeArrayBase>& fragmentCreator,
@@ -382,32 +356,40 @@ bool GridEvaluator::find(const StrongPtr<MemBase>& destinationPositions, const F
     VANTLE_SCOPE("GridEvaluator::find(positions, source, context)");
     using V3 = Orvix::Vector<double, 3>;
     using V2 = Orvix::Vector<double, 2>;
-    const auto search = [&](const auto& found) {
-        findForSpecificDestinationPositions(found, sourcePositions, context);
+    const auto search = [&](const MultiIndex<3>& extents, const auto& at) {
+        findForSpecificDestinationPositions(extents, at, sourcePositions, context);
     };
-    const auto searchLine = [&]<class T>(const MemArray<1, T>& line) {
-        const MultiIndex<3> extents(line.nElements(), 1, 1);
-        if constexpr (std::is_same_v<T, point>)
-            search(PointPositions{line.getIterator(), extents});
-        else
-            search(VectorPositions<T::Size>{line.getIterator(), extents});
+    const auto searchPoints = [&](const Iterator<point>& points, const MultiIndex<3>& extents) {
+        search(extents, [&](std::size_t k, const MultiIndex<3>&) { return points[k]; });
     };
-    if (withMemArray<1>(TypeList<point>(), destinationPositions, searchLine)) return true;
-    if (withMemArray<2>(TypeList<point>(), destinationPositions, [&](const MemArray<2, point>& surface) {
-            search(PointPositions{surface.getIterator(), {surface.Size()[0], surface.Size()[1], 1}});
-        }))
-        return true;
+    const auto searchVectors = [&]<class Vector>(const MemArray<1, Vector>& line) {
+        search({line.nElements(), 1, 1}, [&vectors = line.getIterator()](std::size_t k, const MultiIndex<3>&) {
+            const Vector& v = vectors[k];
+            if constexpr (std::is_same_v<Vector, V2>)
+                return point(v[0], v[1], 0.0);
+            else
+                return point(v[0], v[1], v[2]);
+        });
+    };
     if (const auto* const uniform = dynamic_cast<const detail::UniformCoordinates*>(destinationPositions.rawptr())) {
-        search(UniformPositions{*uniform, uniform->Size()});
+        search(uniform->Size(), [&](std::size_t, const MultiIndex<3>& index) { return (*uniform)[index]; });
         return true;
     }
-    return withMemArray<1>(TypeList<V3, V2>(), destinationPositions, searchLine);
+    return withMemArray<1>(TypeList<point>(), destinationPositions,
+                           [&](const auto& line) {
+                               searchPoints(line.getIterator(), {line.nElements(), 1, 1});
+                           }) ||
+           withMemArray<2>(TypeList<point>(), destinationPositions,
+                           [&](const auto& surface) {
+                               searchPoints(surface.getIterator(), {surface.Size()[0], surface.Size()[1], 1});
+                           }) ||
+           withMemArray<1>(TypeList<V3, V2>(), destinationPositions, searchVectors);
 }
 
 template<class Positions>
-void GridEvaluator::findForSpecificDestinationPositions(const Positions& positions, const Field& sourcePositions,
-                                                        const Context& context) {
-    const std::size_t n = positions.size();
+void GridEvaluator::findForSpecificDestinationPositions(const MultiIndex<3>& extents, const Positions& positions,
+                                                        const Field& sourcePositions, const Context& context) {
+    const std::size_t n = extents.product();
     if (n == 0) return;
     if (!mySearch || !mySearch->serves(context)) mySearch = std::make_unique<FragmentSearch<point>>(context);
 
@@ -425,7 +407,7 @@ void GridEvaluator::findForSpecificDestinationPositions(const Positions& positio
     std::vector<unsigned char> isSilent(isHeard ? n : 0);
     std::atomic<bool> hasLocations{false};
     const SourceSearch search(sourcePositions, *mySearch, isHeard);
-    const Tiling tiling(positions.extents);
+    const Tiling tiling(extents);
     const auto findTile = [&](index_t tile) {
         std::size_t members[Tiling::MaximalTile];
         point points[Tiling::MaximalTile];
@@ -435,7 +417,7 @@ void GridEvaluator::findForSpecificDestinationPositions(const Positions& positio
             members[count] = k;
             points[count++] = positions(k, at);
         });
-        search.find(std::span<const point>(points, count), std::span(hits, count));
+        search.find(std::span<const point>(points, count), std::span(hits, count), std::span(members, count));
         bool isLocation = false;
         for (std::size_t m = 0; m < count; ++m) {
             const Hit& hit = hits[m];
@@ -460,12 +442,13 @@ void GridEvaluator::findForSpecificDestinationPositions(const Positions& positio
     if (isHeard) {
         detail::Recital recital;
         const SourceSearch::Texts texts(search);
+        search.forEachDue([&](std::size_t k) { isSilent[k] = 0; });
         for (std::size_t k = 0; k < n; ++k) {
             const Hit hit{codes[k], true, numbers[k], {}};
             if (isSilent[k])
                 texts.say(recital, hit);
             else
-                recital.let([&] { search.tell(positions(k), hit); });
+                recital.let([&] { search.tell(positions(k, MultiIndex<3>::fromLinear(k, extents)), hit); });
         }
     }
     myFragmentTable = search.fragmentTable(hasLocations);

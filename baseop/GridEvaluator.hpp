@@ -10,6 +10,7 @@
 #include <model/vantle/MemArray.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -134,8 +135,8 @@ private:
     struct Blocks;
 
     template<class Positions>
-    void findForSpecificDestinationPositions(const Positions& positions, const Field& sourcePositions,
-                                             const Context& context);
+    void findForSpecificDestinationPositions(const MultiIndex<3>& extents, const Positions& positions,
+                                             const Field& sourcePositions, const Context& context);
 
     template<int N, class T>
     [[nodiscard]] bool collect(Blocks<N, T>& blocks, const Field& source) const;
@@ -167,13 +168,19 @@ public:
     [[nodiscard]] bool serves(const GridEvaluator::Context& context) const;
     /// The point location; making it is reported.
     [[nodiscard]] const LocalFromWorldPoint& locator();
+    /// As `LocalFromWorldPoint::locate`, without a word. If the positions have numbers in an order, what is to be said
+    /// is said by `tell` afterwards, for those in their order that are not silent or that `forEachDue` calls `f` with.
+    void locate(std::span<const Orvix::PhysicalSpace::point> positions, std::span<LocalFromWorldPoint::Location> found,
+                std::span<const std::size_t> numbers);
+    void forEachDue(const std::function<void(std::size_t)>& f);
+    void tell(const Orvix::PhysicalSpace::point& p);
 
 protected:
     GridEvaluator::Context myContext;
 
 private:
-    friend class detail::PositionTeller;
     struct Shared;
+    const LocalFromWorldPoint& make(bool isHeard);
     std::unique_ptr<Shared> myShared;
 };
 

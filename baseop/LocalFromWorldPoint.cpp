@@ -19,6 +19,7 @@ namespace Vantle {
 
 using detail::CurvilinearCoordinates;
 using detail::FragmentCoordinates;
+using detail::Hearing;
 using detail::StructureSlot;
 using Hestra::Console;
 using Hestra::StrongPtr;
@@ -178,8 +179,7 @@ LocalFromWorldPoint::LocalFromWorldPoint(const detail::Given<Slice>& slice, cons
 
     const StrongPtr<FragmentIDCollection> collection = myField->getFragmentIDCollection();
     if (!collection || collection->empty()) {
-        const FragmentCoordinates* const found =
-            myBoxes.empty() ? nullptr : myFragments[0].coordinates(Console::isHeard());
+        const FragmentCoordinates* const found = myBoxes.empty() ? nullptr : myFragments[0].coordinates(Hearing::Kept);
         if (!myBoxes.empty()) myFragments[0].untold.tell();
         if (!found || std::holds_alternative<const detail::PointSet*>(found->kind)) tell::noCoordinates();
     }
@@ -312,25 +312,14 @@ struct Maker<ExactCellLocator> {
 } // namespace
 
 template<class Structure>
-const Structure* LocalFromWorldPoint::structure(unsigned int number, bool isHeard) const {
+const Structure* LocalFromWorldPoint::structure(unsigned int number, Hearing hearing) const {
     using Made = Maker<Structure>;
     Fragment& fragment = myFragments[number];
     StructureSlot<Structure>& slot = fragment.slot<Structure>();
     if (const Structure* const ready = slot.ready()) return ready;
     return slot.obtain(
-        mySearch.mapperField<Structure>().rawptr(), fragment, isHeard, [&] { Made::announce(number, myOptions); },
-        [&] {
-            return Made::make(StrongPtr<CurvilinearCoordinates>(fragment.coordinates(isHeard)->curvilinear()),
-                              myOptions);
-        },
-        [&](const char* reason) { tell::cannotCreate(Made::name, number, reason); });
-}
-
-template<class Structure>
-void LocalFromWorldPoint::tellWhyNot(unsigned int number) const {
-    using Made = Maker<Structure>;
-    myFragments[number].slot<Structure>().tellWhyNot(
-        [&] { Made::announce(number, myOptions); },
+        mySearch.mapperField<Structure>().rawptr(), fragment, hearing, [&] { Made::announce(number, myOptions); },
+        [&] { return Made::make(StrongPtr<CurvilinearCoordinates>(fragment.known()->curvilinear()), myOptions); },
         [&](const char* reason) { tell::cannotCreate(Made::name, number, reason); });
 }
 
@@ -358,9 +347,6 @@ bool isInComputed(const FragmentCoordinates& coordinates, const PhysicalSpace::p
         coordinates.kind);
 }
 
-/// As many positions as are searched for together.
-constexpr std::size_t Neighbours = 64;
-
 /// Where a tree mapper finds a position, in fractional indices.
 CellLocation locateInTree(const TreeCellMapper& tree, const PhysicalSpace::point& p) {
     CellLocation found;
@@ -378,135 +364,81 @@ CellLocation locateInTree(const TreeCellMapper& tree, const PhysicalSpace::point
 } // namespace
 
 LocalFromWorldPoint::Way LocalFromWorldPoint::wayOfOptions() const noexcept {
-    switch (myOptions.cellLocator) {
-    case CellLocator::Projective:
-        return Way::Projective;
-    case CellLocator::Exact:
-        return Way::Exact;
-    case CellLocator::Newton:
-        break;
-    }
-    return Way::Newton;
+    constexpr Way ways[] = {Way::Newton, Way::Projective, Way::Exact};
+    return ways[static_cast<int>(myOptions.cellLocator)];
 }
 
 // Asks the structure of a curvilinear fragment, without a word.
 void LocalFromWorldPoint::ask(Way way, unsigned int number, std::span<const point> points,
-                              std::span<CellLocation> found, bool isHeard) const {
+                              std::span<CellLocation> found, Hearing hearing) const {
+    const double epsilon = myOptions.gridEpsilon;
     const auto with = [&](const auto* structure, const auto& locate) {
         for (std::size_t n = 0; n < points.size(); ++n)
             found[n] = structure ? locate(*structure, points[n]) : CellLocation{{}, LocationResult::NotFound, false};
     };
     switch (way) {
     case Way::Newton:
-        if (const auto* const mapper = structure<UniGridMapper>(number, isHeard); mapper && points.size() > 1)
-            mapper->locate(points, found, myOptions.gridEpsilon);
+        if (const auto* const mapper = structure<UniGridMapper>(number, hearing); mapper && points.size() > 1)
+            return mapper->locate(points, found, epsilon);
         else
-            with(mapper, [&](const UniGridMapper& m, const point& p) { return m.locate(p, myOptions.gridEpsilon); });
-        return;
+            return with(mapper, [&](const UniGridMapper& m, const point& p) { return m.locate(p, epsilon); });
     case Way::Exact:
-        if (const auto* const locator = structure<ExactCellLocator>(number, isHeard); locator && points.size() > 1)
-            locator->locate(points, found);
+        if (const auto* const locator = structure<ExactCellLocator>(number, hearing); locator && points.size() > 1)
+            return locator->locate(points, found);
         else
-            with(locator, [](const ExactCellLocator& l, const point& p) { return l.locate(p); });
-        return;
+            return with(locator, [](const ExactCellLocator& l, const point& p) { return l.locate(p); });
     case Way::Projective:
-        return with(structure<UniGridMapper>(number, isHeard), [&](const UniGridMapper& mapper, const point& p) {
-            return mapper.locateProjectively(p, myOptions.gridEpsilon);
-        });
+        return with(structure<UniGridMapper>(number, hearing),
+                    [&](const UniGridMapper& m, const point& p) { return m.locateProjectively(p, epsilon); });
     case Way::Tree:
-        return with(structure<TreeCellMapper>(number, isHeard), locateInTree);
+        return with(structure<TreeCellMapper>(number, hearing), locateInTree);
     }
 }
 
-// Asks it again by the queries that report; true when it has the position.
+// Asks it so that it is heard; true when it has the position.
 bool LocalFromWorldPoint::askAloud(Way way, unsigned int number, const point& p) const {
     Fragment& fragment = myFragments[number];
-    const bool isTold = fragment.untold.isPending();
+    const Hearing hearing = fragment.untold.isPending() ? Hearing::Kept : Hearing::Again;
     fragment.untold.tell();
-    const auto with = [&]<class Structure>(const Structure* structure, const auto& locate) {
-        if (!structure && !isTold) tellWhyNot<Structure>(number);
-        return structure && locate(*structure);
-    };
-    switch (way) {
-    case Way::Newton:
-        return with(fragment.slot<UniGridMapper>().ready(), [&](const UniGridMapper& mapper) {
-            return HexaHedralCellNewton(&mapper, myOptions.gridEpsilon).pointInCell(p) > 0;
-        });
-    case Way::Projective:
-        return with(fragment.slot<UniGridMapper>().ready(), [&](const UniGridMapper& mapper) {
-            return ProjectiveCell(&mapper, myOptions.gridEpsilon).pointInCell(p) > 0;
-        });
-    case Way::Exact:
-        return with(fragment.slot<ExactCellLocator>().ready(),
-                    [&](const ExactCellLocator& locator) { return bool(locator.locate(p)); });
-    case Way::Tree:
-        break;
+    CellLocation found;
+    ask(way, number, std::span(&p, 1), std::span(&found, 1), hearing);
+    fragment.untold.tell();
+    if (const auto* const mapper = fragment.slot<UniGridMapper>().ready(); mapper && !found.isSilent) {
+        if (way == Way::Newton) HexaHedralCellNewton(mapper, myOptions.gridEpsilon).pointInCell(p);
+        if (way == Way::Projective) ProjectiveCell(mapper, myOptions.gridEpsilon).pointInCell(p);
     }
-    return with(fragment.slot<TreeCellMapper>().ready(),
-                [&](const TreeCellMapper& tree) { return bool(locateInTree(tree, p)); });
+    return bool(found);
 }
 
-LocalFromWorldPoint::Location LocalFromWorldPoint::search(const point& p, Way way, bool isHeard) const {
-    Location found;
-    if (!myTree) return found;
-    BBSelectorMemoryTree selector(*myTree, myHalfWidths, myBoxes, p);
-    for (unsigned int n = selector.getNext(); n != BBSelectorMemoryTree::End; n = selector.getNext()) {
-        const FragmentCoordinates* const coordinates = myFragments[n].coordinates(isHeard);
-        if (coordinates && coordinates->curvilinear()) {
-            CellLocation inCell;
-            ask(way, n, std::span(&p, 1), std::span(&inCell, 1), isHeard);
-            found.localCoordinates = inCell.local;
-            found.code = inCell.result;
-            found.isSilent = found.isSilent && inCell.isSilent;
-        } else if (coordinates && isInComputed(*coordinates, p, found.localCoordinates)) {
-            found.code = LocationResult::Found;
-        }
-        found.isSilent = found.isSilent && !myFragments[n].untold.isPending();
-        found.fragment = n;
-        if (found) return found;
-    }
-    return found;
-}
-
-void LocalFromWorldPoint::search(std::span<const point> positions, std::span<Location> found, bool isHeard) const {
-    // A position takes about as long as reading some kilobytes.
-    constexpr std::size_t BytesEach = 2048, Piece = 16 * Neighbours;
-    detail::inParallel(positions.size(), Piece, BytesEach * positions.size(), [&](std::size_t begin, std::size_t end) {
-        for (std::size_t first = begin; first < end; first += Neighbours) {
-            const std::size_t count = std::min(Neighbours, end - first);
-            searchNeighbours(positions.subspan(first, count), found.subspan(first, count), isHeard);
-        }
-    });
-}
-
-void LocalFromWorldPoint::searchNeighbours(std::span<const point> positions, std::span<Location> found,
-                                           bool isHeard) const {
+// Finds up to `Capacity` positions together. If they have numbers, what is said while structures are made is kept and
+// noted to be due with them; true when there is such.
+template<std::size_t Capacity>
+bool LocalFromWorldPoint::search(std::span<const point> positions, std::span<Location> found, Way way,
+                                 std::span<const std::size_t> numbers) const {
     std::fill(found.begin(), found.end(), Location());
-    if (!myTree) return;
-    const Way way = wayOfOptions();
-    unsigned char pending[Neighbours];
+    if (!myTree) return false;
+    const Hearing hearing = numbers.empty() ? Hearing::Nobody : Hearing::Kept;
+    bool hasUntold = false;
+    unsigned char pending[Capacity] = {};
     std::size_t count = 0;
-    constexpr double infinity = std::numeric_limits<double>::infinity();
-    BBSelectorMemoryTree::Box region{point(infinity, infinity, infinity), point(-infinity, -infinity, -infinity)};
+    BBSelectorMemoryTree::Box region{positions[0], positions[0]};
     for (std::size_t n = 0; n < positions.size(); ++n) {
         const point& p = positions[n];
-        if (!(p[0] * 0.0 + p[1] * 0.0 + p[2] * 0.0 == 0.0)) { // no number, and no part of a region
-            found[n] = search(p, way, isHeard);
+        if (Capacity > 1 && !(p[0] * 0.0 + p[1] * 0.0 + p[2] * 0.0 == 0.0)) { // no number, and no part of a region
+            search<1>(positions.subspan(n, 1), found.subspan(n, 1), way, numbers.subspan(numbers.empty() ? 0 : n));
             continue;
         }
         for (int d = 0; d < 3; ++d) {
-            region.min[d] = std::min(region.min[d], p[d]);
-            region.max[d] = std::max(region.max[d], p[d]);
+            region.min[d] = count == 0 ? p[d] : std::min(region.min[d], p[d]);
+            region.max[d] = count == 0 ? p[d] : std::max(region.max[d], p[d]);
         }
         pending[count++] = static_cast<unsigned char>(n);
     }
-    if (count == 0) return;
-
     BBSelectorMemoryTree selector(*myTree, myHalfWidths, myBoxes, region);
     for (unsigned int n = selector.getNext(); n != BBSelectorMemoryTree::End && count != 0; n = selector.getNext()) {
         const BBSelectorMemoryTree::Box& box = myBoxes[n];
-        unsigned char inBox[Neighbours];
-        point points[Neighbours];
+        unsigned char inBox[Capacity];
+        point points[Capacity];
         std::size_t inside = 0;
         for (std::size_t c = 0; c < count; ++c) {
             const point& p = positions[pending[c]];
@@ -518,17 +450,20 @@ void LocalFromWorldPoint::searchNeighbours(std::span<const point> positions, std
         }
         if (inside == 0) continue;
 
-        CellLocation inCell[Neighbours];
-        const FragmentCoordinates* const coordinates = myFragments[n].coordinates(isHeard);
+        CellLocation inCell[Capacity];
+        const FragmentCoordinates* const coordinates = myFragments[n].coordinates(hearing);
         if (coordinates && coordinates->curvilinear())
-            ask(way, n, std::span<const point>(points, inside), std::span(inCell, inside), isHeard);
+            ask(way, n, std::span<const point>(points, inside), std::span(inCell, inside), hearing);
         else if (coordinates)
             for (std::size_t c = 0; c < inside; ++c)
                 if (isInComputed(*coordinates, points[c], inCell[c].local)) inCell[c].result = LocationResult::Found;
-        const bool isTold = !myFragments[n].untold.isPending();
+        if (!numbers.empty() && myFragments[n].untold.isPending()) {
+            hasUntold = true;
+            for (std::size_t c = 0; c < inside; ++c) myFragments[n].untold.reachedBy(numbers[inBox[c]]);
+        }
         for (std::size_t c = 0; c < inside; ++c) {
             Location& location = found[inBox[c]];
-            location.isSilent = location.isSilent && isTold && inCell[c].isSilent;
+            location.isSilent = location.isSilent && inCell[c].isSilent;
             if (!inCell[c]) continue;
             location.localCoordinates = inCell[c].local;
             location.code = inCell[c].result;
@@ -541,8 +476,10 @@ void LocalFromWorldPoint::searchNeighbours(std::span<const point> positions, std
         }
         count = left;
     }
+    return hasUntold;
 }
 
+// Has everything said that there is to be said about a position.
 void LocalFromWorldPoint::tell(const point& p, Way way) const {
     if (!myTree) return;
     BBSelectorMemoryTree selector(*myTree, myHalfWidths, myBoxes, p);
@@ -556,44 +493,57 @@ void LocalFromWorldPoint::tell(const point& p, Way way) const {
     }
 }
 
-bool LocalFromWorldPoint::give(const Location& found, LocalPoint& result) const {
-    if (!found) {
-        result.fragment = nullptr;
-        return false;
-    }
+// Calls `f(number)` for positions that something kept has to be told with.
+void LocalFromWorldPoint::forEachDue(const std::function<void(std::size_t)>& f) const {
+    for (std::size_t n = 0; n < myBoxes.size(); ++n) myFragments[n].untold.whenDue(f);
+}
+
+LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p) const {
+    Location found;
+    search<1>(std::span(&p, 1), std::span(&found, 1), wayOfOptions(), {});
+    return found;
+}
+
+void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found) const {
+    locate(positions, found, {});
+}
+
+void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found,
+                                 std::span<const std::size_t> numbers) const {
+    VANTLE_SCOPE("LocalFromWorldPoint::locate(positions, found)");
+    // A position takes about as long as reading some kilobytes.
+    constexpr std::size_t BytesEach = 2048, Neighbours = 64, Piece = 16 * Neighbours;
+    detail::inParallel(positions.size(), Piece, BytesEach * positions.size(), [&](std::size_t begin, std::size_t end) {
+        for (std::size_t first = begin; first < end; first += Neighbours) {
+            const std::size_t count = std::min(Neighbours, end - first);
+            search<Neighbours>(positions.subspan(first, count), found.subspan(first, count), wayOfOptions(),
+                               numbers.empty() ? numbers : numbers.subspan(first, count));
+        }
+    });
+}
+
+bool LocalFromWorldPoint::get(const point& p, LocalPoint& result, Way way) const {
+    VANTLE_SCOPE("LocalFromWorldPoint::get(point, data) Interpolate");
+    const bool isHeard = Console::isHeard();
+    const std::size_t first = 0;
+    Location found;
+    const bool hasUntold = search<1>(std::span(&p, 1), std::span(&found, 1), way, std::span(&first, isHeard ? 1 : 0));
+    if (isHeard && (hasUntold || !found.isSilent)) tell(p, way);
+    result.fragment = nullptr;
+    if (!found) return false;
     result.localCoordinates = found.localCoordinates;
     result.fragment = myFragments[found.fragment].id;
     return true;
 }
 
-LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p) const {
-    return search(p, wayOfOptions(), false);
-}
-
-void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found) const {
-    VANTLE_SCOPE("LocalFromWorldPoint::locate(positions, found)");
-    search(positions, found, false);
-}
-
 bool LocalFromWorldPoint::get(const point& p, LocalPoint& result) const {
     VANTLE_SCOPE("LocalFromWorldPoint::get(point, data)");
-    const bool isHeard = Console::isHeard();
-    Location found;
-    {
-        const Hestra::Profiler inner("baseop/LocalFromWorldPoint", __LINE__,
-                                     "LocalFromWorldPoint::get(point, data) Interpolate", __PRETTY_FUNCTION__);
-        found = search(p, wayOfOptions(), isHeard);
-    }
-    if (isHeard && !found.isSilent) tell(p, wayOfOptions());
-    return give(found, result);
+    return get(p, result, wayOfOptions());
 }
 
 bool LocalFromWorldPoint::getViaTree(const point& p, LocalPoint& result) const {
     VANTLE_SCOPE("LocalFromWorldPoint::getViaTree(point, data)");
-    const bool isHeard = Console::isHeard();
-    const Location found = search(p, Way::Tree, isHeard);
-    if (isHeard && !found.isSilent) tell(p, Way::Tree);
-    return give(found, result);
+    return get(p, result, Way::Tree);
 }
 
 bool LocalFromWorldPoint::getViaTree(LocalPoint& result) const {
@@ -605,7 +555,7 @@ const CurvilinearCoordinates* LocalFromWorldPoint::curvilinear(const StrongPtr<F
                                                                const MultiIndex<3>& cell) const {
     for (std::size_t n = 0; n < myBoxes.size(); ++n) {
         if (!(myFragments[n].id == fragment)) continue;
-        const FragmentCoordinates* const coordinates = myFragments[n].coordinates(false);
+        const FragmentCoordinates* const coordinates = myFragments[n].coordinates(Hearing::Nobody);
         const CurvilinearCoordinates* const block = coordinates ? coordinates->curvilinear() : nullptr;
         return block && (cell + 1).inside(block->Size()) ? block : nullptr;
     }

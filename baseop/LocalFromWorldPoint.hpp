@@ -14,6 +14,7 @@
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/DirectProduct.hpp>
 
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -22,8 +23,9 @@
 namespace Vantle {
 
 class CartesianFragments;
+class FragmentSearchBase;
 namespace detail {
-class PositionTeller;
+enum class Hearing;
 }
 
 /// What searches use unless told otherwise.
@@ -228,7 +230,7 @@ public:
         point localCoordinates;
         /// Without a hit coordinates and fragment mean nothing.
         LocationResult code = LocationResult::NotFound;
-        /// Whether `get` would say nothing about this position.
+        /// Whether `get` would say nothing about this position, once all structures are there.
         bool isSilent = true;
         /// Position of the fragment in the coordinate field's iteration order.
         unsigned int fragment = 0;
@@ -282,7 +284,7 @@ public:
                                      const point& origin, const vector& direction, vector& normal) const;
 
 private:
-    friend class detail::PositionTeller;
+    friend class FragmentSearchBase;
     struct Fragment;
     enum class Way : unsigned char;
 
@@ -293,20 +295,19 @@ private:
     void fillTree();
 
     template<class Structure>
-    const Structure* structure(unsigned int number, bool isHeard) const;
-    template<class Structure>
-    void tellWhyNot(unsigned int number) const;
+    const Structure* structure(unsigned int number, detail::Hearing hearing) const;
     [[nodiscard]] Way wayOfOptions() const noexcept;
     void ask(Way way, unsigned int number, std::span<const point> points, std::span<CellLocation> found,
-             bool isHeard) const;
+             detail::Hearing hearing) const;
     [[nodiscard]] bool askAloud(Way way, unsigned int number, const point& p) const;
-
-    [[nodiscard]] Location search(const point& p, Way way, bool isHeard) const;
-    void search(std::span<const point> positions, std::span<Location> found, bool isHeard) const;
-    void searchNeighbours(std::span<const point> positions, std::span<Location> found, bool isHeard) const;
-    /// Says what there is to be said about a position, by the thread that made it be searched for.
+    template<std::size_t Capacity>
+    bool search(std::span<const point> positions, std::span<Location> found, Way way,
+                std::span<const std::size_t> numbers) const;
+    bool get(const point& p, LocalPoint& result, Way way) const;
+    void locate(std::span<const point> positions, std::span<Location> found,
+                std::span<const std::size_t> numbers) const;
     void tell(const point& p, Way way) const;
-    bool give(const Location& found, LocalPoint& result) const;
+    void forEachDue(const std::function<void(std::size_t)>& f) const;
     [[nodiscard]] const MemArray<3, point>* curvilinear(const Hestra::StrongPtr<FragmentID>& fragment,
                                                         const MultiIndex<3>& cell) const;
 

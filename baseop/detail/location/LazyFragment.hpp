@@ -12,6 +12,13 @@
 
 namespace Vantle::detail {
 
+/// What becomes of what is said while something is made.
+enum class Hearing {
+    Nobody, ///< nobody hears it
+    Kept,   ///< it is kept until it is told
+    Again,  ///< the same, also what has been told before: for the query that reports
+};
+
 /// Any number of threads may ask.
 class LazyFragment {
 public:
@@ -25,11 +32,11 @@ public:
         return myIsKnown.load(std::memory_order_acquire) ? &myCoordinates : nullptr;
     }
     /// The coordinates, created if need be; null while there are none of a known kind.
-    [[nodiscard]] const FragmentCoordinates* coordinates(bool isHeard) const {
+    [[nodiscard]] const FragmentCoordinates* coordinates(Hearing hearing) const {
         if (const FragmentCoordinates* const there = known()) return there;
         if (!creator) return nullptr;
         // Created outside the lock: what makes the array may itself ask a locator.
-        FragmentCoordinates found(untold.during(isHeard, [this] { return creator->create(false); }));
+        FragmentCoordinates found(untold.during(hearing != Hearing::Nobody, [this] { return creator->create(false); }));
         if (!found.isKnown()) return nullptr;
         const std::lock_guard lock(myMutex);
         if (!myIsKnown.load(std::memory_order_relaxed)) {
@@ -59,16 +66,21 @@ public:
 
     /// Gets it ready. `announce()` says that it is built, by `make()`; `refuse(reason)` that it cannot be.
     ///
-    /// A structure that its block makes too large is so for ever: of that, later calls say nothing. Other failures are
+    /// A structure that its block makes too large is so for ever, and said to be so only `Again`. Other failures are
     /// tried again.
     template<class Announce, class Make, class Refuse>
-    const Structure* obtain(Field* storage, const LazyFragment& fragment, bool isHeard, const Announce& announce,
+    const Structure* obtain(Field* storage, const LazyFragment& fragment, Hearing hearing, const Announce& announce,
                             const Make& make, const Refuse& refuse) {
         if (const Structure* const there = ready()) return there;
         if (!storage) return nullptr;
-        fragment.untold.during(isHeard, [&] {
+        fragment.untold.during(hearing != Hearing::Nobody, [&] {
             inCriticalSection([&] {
-                if (myOwner || myIsHopeless) return;
+                if (myOwner) return;
+                if (myHopeless) {
+                    if (hearing != Hearing::Again) return;
+                    announce();
+                    return refuse(myHopeless->c_str());
+                }
                 try {
                     const auto stored = Hestra::dynamicCast<StoredStructure<Structure>>(storage->getData(fragment.id));
                     if (stored && stored->nElements() > 0) myOwner = stored->element(0);
@@ -81,44 +93,23 @@ public:
                         myOwner = made;
                     }
                 } catch (const std::length_error& problem) {
-                    myIsHopeless = true;
-                    fail(problem.what(), refuse);
+                    myHopeless = problem.what();
+                    refuse(problem.what());
                 } catch (const std::exception& problem) {
-                    fail(problem.what(), refuse);
+                    refuse(problem.what());
                 } catch (...) {
-                    fail(nullptr, refuse);
+                    refuse(nullptr);
                 }
                 if (myOwner) myReady.store(myOwner.rawptr(), std::memory_order_release);
             });
         });
         return ready();
     }
-    /// Says once more why it is not there.
-    template<class Announce, class Refuse>
-    void tellWhyNot(const Announce& announce, const Refuse& refuse) {
-        std::optional<std::string> reason;
-        bool hasFailed = false;
-        inCriticalSection([&] {
-            hasFailed = myHasFailed && !myOwner;
-            reason = myReason;
-        });
-        if (!hasFailed) return;
-        announce();
-        refuse(reason ? reason->c_str() : nullptr);
-    }
 
 private:
-    template<class Refuse>
-    void fail(const char* reason, const Refuse& refuse) {
-        myHasFailed = true;
-        myReason = reason ? std::optional<std::string>(reason) : std::nullopt;
-        refuse(reason);
-    }
-
     std::atomic<const Structure*> myReady{nullptr};
     Hestra::StrongPtr<Structure> myOwner;
-    bool myHasFailed = false, myIsHopeless = false;
-    std::optional<std::string> myReason;
+    std::optional<std::string> myHopeless; // why
 };
 
 } // namespace Vantle::detail

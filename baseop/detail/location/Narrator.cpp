@@ -15,6 +15,11 @@ void Untold::add(std::string&& text) {
     myIsPending.store(true, std::memory_order_release);
 }
 
+void Untold::reachedBy(std::uint64_t number) noexcept {
+    for (std::uint64_t before = myFirst.load(std::memory_order_relaxed); number < before;)
+        if (myFirst.compare_exchange_weak(before, number, std::memory_order_relaxed)) return;
+}
+
 void Untold::tell() {
     if (!isPending()) return;
     std::string text;
@@ -22,6 +27,7 @@ void Untold::tell() {
         const std::lock_guard lock(myMutex);
         text.swap(myText);
         myIsPending.store(false, std::memory_order_release);
+        myFirst.store(None, std::memory_order_relaxed);
     }
     Console::write(text);
 }

@@ -9,6 +9,7 @@
 #include <model/vantle/Index.hpp>
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -32,6 +33,14 @@ public:
         return make();
     }
     [[nodiscard]] bool isPending() const noexcept { return myIsPending.load(std::memory_order_acquire); }
+    /// Notes that it is due with the first of these positions, given by their numbers in order, if not before.
+    void reachedBy(std::uint64_t number) noexcept;
+    /// Calls `f` with the number of the first of them, if there is anything to say and any of them.
+    template<class F>
+    void whenDue(F&& f) const {
+        const std::uint64_t first = myFirst.load(std::memory_order_relaxed);
+        if (isPending() && first != None) f(first);
+    }
     /// Says it, once.
     void tell();
 
@@ -39,6 +48,8 @@ private:
     void add(std::string&& text);
 
     std::atomic<bool> myIsPending{false};
+    static constexpr auto None = ~std::uint64_t{0};
+    std::atomic<std::uint64_t> myFirst{None};
     std::mutex myMutex;
     std::string myText;
 };
