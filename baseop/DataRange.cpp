@@ -130,21 +130,18 @@ DataRange<T>::~DataRange() = default;
 template<class T>
 WeakPtr<DataRange<T>> DataRange<T>::compute(CreativeArrayBase& creator, bool requestInBackground, bool doNotCreate) {
     const Hestra::Profiler scope("baseop/DataRange", __LINE__, "DataRange::compute(creator)", __PRETTY_FUNCTION__);
-    const StrongPtr<VantleTypeBase> type = creator.getVantleType();
-    if (!type || !type->isType(typeid(T))) return {};
+    const auto suits = [](const StrongPtr<VantleTypeBase>& type) { return type && type->isType(typeid(T)); };
+    // A creator that announces nothing is asked for its data: there is no other way to know them.
+    if (creator.elementType() && !suits(creator.getVantleType())) return {};
 
-    StrongPtr<MemBase> data = creator.cachedData();
-    if (!data) {
-        if (doNotCreate) return {};
-        if (requestInBackground) {
-            StrongPtr<MemBase> later;
-            creator.request(later);
-            return {};
-        }
-        data = creator.create(false);
+    const bool isOnlyAsked = requestInBackground || doNotCreate;
+    const StrongPtr<MemBase> data = isOnlyAsked ? creator.cachedData() : creator.getData();
+    if (!data && requestInBackground && !doNotCreate) {
+        StrongPtr<MemBase> later;
+        creator.request(later);
     }
     const auto* const array = dynamic_cast<const TypedArray<T>*>(data.rawptr());
-    if (!array || array->getIterator().empty()) return {};
+    if (!array || !suits(array->getVantleType()) || array->getIterator().empty()) return {};
 
     const MinMax<T> found = rangeOf<T>(array->getIterator());
     const StrongPtr<DataRange> range(new DataRange(found.min, found.max));

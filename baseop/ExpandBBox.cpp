@@ -48,6 +48,7 @@ public:
 };
 
 StrongPtr<BoundingBox> attachedBox(const Hestra::Intercube& owner) {
+    if (StrongPtr<BoundingBox> box = owner.findInterface<BoundingBox>()) return box;
     return Hestra::dynamicCast<BoundingBox>(owner.findInterface(typeid(BoundingBall)));
 }
 
@@ -231,7 +232,7 @@ bool ExpandBBox(StrongPtr<BoundingBox>& box, CreativeArrayBase& creator, DataCre
             return true;
         }
 
-    const StrongPtr<MemBase> data = mode == CreateData ? creator.create(false) : creator.cachedData();
+    const StrongPtr<MemBase> data = mode == CreateData ? creator.getData() : creator.cachedData();
     if (!data) return false;
     const Hestra::Ref<BoundingBox> computed = Hestra::makeRef<BoundingBox>();
     switch (boxOfData(*data, *computed)) {
@@ -342,19 +343,5 @@ StrongPtr<BoundingBox> getFragmentBBox(const StrongPtr<FragmentID>& fragment,
     box->updateBall();
     return box;
 }
-
-template<int N>
-bool makeSizeInterface(MultiIndex<N>& size, CreativeArrayBase& creator) {
-    if (const auto known = creator.findInterface<SizeInterface>(); known && known->size().get(size)) return true;
-    const StrongPtr<MemBase> array = creator.create(false);
-    if (!array || !array->getDynamicSize().get(size)) return false;
-    creator.addInterface(Hestra::makeRef<SizeInterface>(array->getDynamicSize()));
-    return true;
-}
-
-template bool makeSizeInterface<1>(MultiIndex<1>&, CreativeArrayBase&);
-template bool makeSizeInterface<2>(MultiIndex<2>&, CreativeArrayBase&);
-template bool makeSizeInterface<3>(MultiIndex<3>&, CreativeArrayBase&);
-template bool makeSizeInterface<4>(MultiIndex<4>&, CreativeArrayBase&);
 
 } // namespace Vantle

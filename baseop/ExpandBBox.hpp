@@ -106,14 +106,4 @@ getBoundingBox(const Grid& grid, const Hestra::StrongPtr<Chart>& chart);
 getFragmentBBox(const Hestra::StrongPtr<FragmentID>& fragment, const Hestra::StrongPtr<CreativeArrayBase>& creator,
                 const Field& field);
 
-/// Sets `size` to the extents of the creator's array of rank `N` and attaches them to the creator as `SizeInterface`,
-/// so that the array is made and looked at once at most. False, and `size` unchanged, when it has no such array.
-template<int N>
-[[nodiscard]] VANTLE_BASEOP_API bool makeSizeInterface(MultiIndex<N>& size, CreativeArrayBase& creator);
-
-extern template bool makeSizeInterface<1>(MultiIndex<1>&, CreativeArrayBase&);
-extern template bool makeSizeInterface<2>(MultiIndex<2>&, CreativeArrayBase&);
-extern template bool makeSizeInterface<3>(MultiIndex<3>&, CreativeArrayBase&);
-extern template bool makeSizeInterface<4>(MultiIndex<4>&, CreativeArrayBase&);
-
 } // namespace Vantle

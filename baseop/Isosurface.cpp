@@ -354,7 +354,7 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         Console::puts("SKIP Iso");
         return true;
     }
-    const StrongPtr<MemBase> data = creator->create(false);
+    const StrongPtr<MemBase> data = creator->getData();
     if (!data) return true;
     const auto* const regular = dynamic_cast<const MemArrayBase<3>*>(data.rawptr());
     if (!regular) throw static_cast<const char*>("Isodata are not 3D");

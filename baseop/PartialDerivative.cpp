@@ -228,13 +228,13 @@ StrongPtr<CreativeArrayBase> PartialDerivative(const StrongPtr<CreativeArrayBase
     };
     if (!creator) return failure("No creator for fragment ");
     if (!isPartialDerivable(creator)) return failure("No creator element type unsupported for fragment ");
-    const StrongPtr<MemBase> data = creator->create(false);
+    const StrongPtr<MemBase> data = creator->getData();
     if (!data) return failure("No data available for fragment ");
     const StrongPtr<MemBase> derivative = PartialDerivative(data);
     if (!derivative) return failure("No derivation computed for fragment ");
 
     auto computeAgain = [creator](const WeakPtr<CreativeArrayBase>& self) {
-        StrongPtr<MemBase> again = PartialDerivative(creator->create(false));
+        StrongPtr<MemBase> again = PartialDerivative(creator->getData());
         if (again) again->MemBase::setCreator(self);
         return again;
     };

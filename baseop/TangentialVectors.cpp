@@ -164,7 +164,7 @@ Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& vertexFi
 
     const StrongPtr<CreativeArrayBase> creator = field->getCreator(nullptr);
     if (!creator) throw NoVertexFieldCreator();
-    const StrongPtr<MemBase> data = creator->create(false);
+    const StrongPtr<MemBase> data = creator->getData();
     const auto points = Hestra::dynamicCast<Points>(data);
     if (!points) throw NoVertexFieldData();
     if (!edges) throw NoEdges();
