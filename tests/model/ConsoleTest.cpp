@@ -86,6 +86,4 @@ TEST(ProfilerTest, ScopesNestAndAreCountedOnlyWhenSwitchedOn) {
     EXPECT_GE(table[1].seconds, table[0].seconds);
 }
 
-TEST(TypenameTest, IsReadable) { EXPECT_EQ(Hestra::Typename(typeid(unsigned long long)), "unsigned long long"); }
-
 } // namespace
