@@ -1,0 +1,66 @@
+#include <baseop/BaseOp.hpp>
+#include <model/Model.hpp>
+
+#include <gtest/gtest.h>
+
+using namespace Vantle;
+using Hestra::StrongPtr;
+using Orvix::PhysicalSpace;
+
+namespace {
+
+using point = PhysicalSpace::point;
+using Computer = TangentialVectorsAndCurveParameter;
+
+class CurvesClientTest : public testing::Test {
+protected:
+    void SetUp() override {
+        const StrongPtr<LineSet::Points> points = makeMemArray1D(std::vector<point>{{0, 0, 0}, {3, 4, 0}});
+        const StrongPtr<Computer::Curves> curves = makeMemArray1D(std::vector<std::vector<index_t>>{{0, 1}});
+        (void)LineSet(grid, points, curves);
+        vertices = grid->getCartesianRepresentation();
+        vertices->setField("shifted", field({{0, 0, 0}, {0, 0, 7}}));
+        const auto other = grid->makeCartesianRepresentation(1, "other");
+        other->setPositions(field({{0, 0, 0}, {11, 0, 0}}));
+        testing::internal::CaptureStdout();
+    }
+    void TearDown() override { testing::internal::GetCapturedStdout(); }
+
+    static StrongPtr<Field> field(std::vector<point> points) {
+        return Hestra::makeRef<Field>(makeMemArray1D(std::move(points)));
+    }
+    double lengthOf(const std::string& name, const std::string& chart = {}) {
+        return Computer(*grid, name, chart).maximalLength();
+    }
+
+    StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    StrongPtr<Representation> vertices;
+};
+
+TEST_F(CurvesClientTest, EveryVertexFieldAndChartHasResultsOfItsOwn) {
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(lengthOf("Positions"), 5.0);
+        EXPECT_EQ(lengthOf("shifted"), 7.0);
+        EXPECT_EQ(lengthOf("Positions", "other"), 11.0);
+    }
+    const auto plain = Hestra::dynamicCast<Computer::Parameters>(vertices->findField("length")->getData());
+    EXPECT_EQ((*plain)(1), 5.0);
+    EXPECT_TRUE(getTangentialVectors(*grid) == vertices->findField("Tangents")->getData());
+    EXPECT_EQ((*getTangentialVectors(*grid, "shifted"))(1), PhysicalSpace::vector(0, 0, 1));
+    // Moving one field leaves the results of the other.
+    const auto kept = getTangentialVectors(*grid);
+    vertices->findField("shifted")->setPersistentData(makeMemArray1D(std::vector<point>{{0, 0, 0}, {0, 8, 0}}));
+    EXPECT_EQ(lengthOf("shifted"), 8.0);
+    EXPECT_TRUE(getTangentialVectors(*grid) == kept);
+}
+
+TEST_F(CurvesClientTest, NamesHaveDefaults) {
+    EXPECT_EQ(lengthOf(""), 5.0);
+    EXPECT_EQ(lengthOf("", "no such chart"), 5.0);
+    EXPECT_EQ(lengthOf("shifted", "no such chart"), 7.0);
+    EXPECT_EQ(lengthOf("", "other"), 11.0);
+    EXPECT_TRUE(getTangentialVectors(*grid, "") == getTangentialVectors(*grid));
+    EXPECT_THROW(lengthOf("none"), Computer::NoVertexField);
+}
+
+} // namespace
