@@ -4,9 +4,8 @@
 /// A vertex of a surface is an edge of the grid and a weight along it. Vertices on the same edge are one vertex;
 /// positions, and any other quantity, are evaluated on the edges afterwards.
 
-#include "detail/MarchingCubesTables.hpp"
-
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/detail/surface/MarchingCubesTables.hpp>
 #include <model/hestra/Chunk.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/DirectProduct.hpp>
@@ -22,6 +21,10 @@
 #include <vector>
 
 namespace Vantle {
+
+namespace detail {
+class VertexMerger;
+}
 
 // ---- The polygonizer ------------------------------------------------------------------------------------------------
 
@@ -243,7 +246,6 @@ public:
 
 private:
     struct Fragment;
-    class Merger;
     template<class Range>
     bool excludesLevel(const Hestra::StrongPtr<Range>& range);
     template<class T>
@@ -263,7 +265,7 @@ private:
     Chunk<TriangleCell> myTriangles;
     index_t myRunningOffset;
     bool myReachesAbove = false;
-    std::unique_ptr<Merger> myMerger;
+    std::unique_ptr<detail::VertexMerger> myMerger;
 };
 
 /// The surface of a field at a level, as the grid `outputName` of `slice`.
@@ -284,4 +286,4 @@ VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeIsosurface(double level, const 
 
 } // namespace Vantle
 
-#include "detail/EvalVertexFieldOnEdges.hpp"
+#include <baseop/detail/surface/EvalVertexFieldOnEdges.hpp>

@@ -3,6 +3,7 @@
 #include <model/vantle/Representation.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <typeinfo>
@@ -271,6 +272,66 @@ bool isPartialDerivable(const StrongPtr<CreativeArrayBase>& creator) {
     return bool(findDerivator(suits));
 }
 
+namespace {
+
+/// The derivative of a fragment: made again after it was dropped, and when the fragment has become newer.
+class DerivativeArray : public CreativeArray {
+public:
+    /// `derivative` is that of what `source` has made last.
+    DerivativeArray(const StrongPtr<CreativeArrayBase>& source, const StrongPtr<MemBase>& derivative,
+                    const StrongPtr<Hestra::Cache>& cache)
+        : CreativeArray(
+              derivative,
+              [source](const WeakPtr<CreativeArrayBase>& self) {
+                  StrongPtr<MemBase> again = PartialDerivative(source->create(false));
+                  if (again) again->MemBase::setCreator(self);
+                  return again;
+              },
+              cache),
+          mySource(source), myCache(cache), myDerivedAge(ageOf(*source)) {}
+
+    /// The age of a creator's data, which those of a derivative share with what they are derived from.
+    static age_t ageOf(const CreativeArrayBase& creator) {
+        const auto* const derived = dynamic_cast<const DerivativeArray*>(&creator);
+        return derived ? std::max(derived->age(), ageOf(*derived->mySource)) : creator.age();
+    }
+
+    [[nodiscard]] StrongPtr<MemBase> create(bool background) override {
+        if (!isCurrent()) {
+            if (background) {
+                StrongPtr<MemBase> later;
+                request(later);
+                return later;
+            }
+            const std::lock_guard lock(myMutex);
+            if (!isCurrent()) return deriveAgain();
+        }
+        return CreativeArray::create(background);
+    }
+
+private:
+    /// Whether what is kept is still the derivative of the source.
+    [[nodiscard]] bool isCurrent() const { return myDerivedAge.load(std::memory_order_acquire) >= ageOf(*mySource); }
+
+    StrongPtr<MemBase> deriveAgain() {
+        (void)mySource->create(false); // may make it newer
+        const age_t age = ageOf(*mySource);
+        const StrongPtr<MemBase> again = produce();
+        if (!again) return nullptr;
+        setData(again, !myCache, myCache);
+        touch();
+        myDerivedAge.store(age, std::memory_order_release);
+        return again;
+    }
+
+    const StrongPtr<CreativeArrayBase> mySource;
+    const WeakPtr<Hestra::Cache> myCache;
+    std::atomic<age_t> myDerivedAge;
+    std::mutex myMutex;
+};
+
+} // namespace
+
 StrongPtr<CreativeArray> PartialDerivative(const StrongPtr<CreativeArrayBase>& creator, std::string& errors,
                                            const StrongPtr<Hestra::Cache>& cache) {
     const Hestra::Profiler scope("baseop/PartialDerivative", __LINE__, "PartialDerivative(creator)",
@@ -286,12 +347,7 @@ StrongPtr<CreativeArray> PartialDerivative(const StrongPtr<CreativeArrayBase>& c
     const StrongPtr<MemBase> derivative = PartialDerivative(data);
     if (!derivative) return failure("No derivation computed for fragment ");
 
-    auto computeAgain = [creator](const WeakPtr<CreativeArrayBase>& self) {
-        StrongPtr<MemBase> again = PartialDerivative(creator->create(false));
-        if (again) again->MemBase::setCreator(self);
-        return again;
-    };
-    const Ref<CreativeArray> result = Hestra::makeRef<CreativeArray>(derivative, std::move(computeAgain), cache);
+    const Ref<CreativeArray> result = Hestra::makeRef<DerivativeArray>(creator, derivative, cache);
     derivative->MemBase::setCreator(result);
     result->addInterface(Hestra::makeRef<SizeInterface>(derivative->getDynamicSize()));
     result->addInterface(Hestra::makeRef<MemArrayProperties>(derivative->rank(), derivative->elementIndex()));

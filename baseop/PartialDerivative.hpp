@@ -107,7 +107,8 @@ public:
 [[nodiscard]] VANTLE_BASEOP_API bool isPartialDerivable(const Hestra::StrongPtr<CreativeArrayBase>& creator);
 
 /// A new creator that holds the derivative of a fragment. The cache may drop it; it is computed again from the
-/// fragment then, whose creator stays alive with the new one. With a null cache it is kept.
+/// fragment then, whose creator stays alive with the new one. With a null cache it is kept. When the fragment's creator
+/// has become newer, the next `create` gives the derivative of what it holds then, and makes the new creator newer.
 ///
 /// Failure  null, and one of these added to `errors`: "No creator for fragment ", "No creator element type unsupported
 ///          for fragment ", "No data available for fragment ", "No derivation computed for fragment ".

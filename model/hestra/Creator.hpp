@@ -29,7 +29,9 @@ public:
     ///
     /// Failure  null when there is no way to make them, when the creation function returned null or threw, when it
     ///          asked for its own result, and for a background request that cannot be met at once.
-    [[nodiscard]] StrongPtr<T> create(bool background = false) {
+    ///
+    /// A class that overrides it makes and keeps its data as it likes; every reading goes through it.
+    [[nodiscard]] virtual StrongPtr<T> create(bool background = false) {
         if (StrongPtr<T> present = cachedData()) return present;
         if (background) {
             StrongPtr<T> result;

@@ -1,6 +1,4 @@
-#include "IsoSweep.hpp"
-
-#include "MarchingCubesTables.hpp"
+#include <baseop/detail/surface/IsoSweep.hpp>
 
 #include <algorithm>
 #include <bit>
