@@ -265,32 +265,4 @@ TEST_F(PartialDerivativeFieldTest, GlobalDataAndFailure) {
     EXPECT_TRUE(again->getData()->elementIndex() == typeid(Tensor));
 }
 
-// A derivator for one more pair of types: in force while somebody owns it.
-struct SumOfFloats : PartialDerivatorBase {
-    bool isPartialDerivable(const MemArrayProperties& properties) const override {
-        return properties.rank() == 2 && properties.elementType() == VantleTypeIndex(typeid(float));
-    }
-    StrongPtr<MemBase> doPartialDerivative(const StrongPtr<MemBase>& data) const override {
-        const auto result = MemArray<1, double>::create({1});
-        for (index_t n = 0; n < data->nElements(); ++n)
-            result->element(0) += double(dynamic_cast<MemArray<2, float>&>(*data.rawptr()).element(n));
-        return result.strong();
-    }
-};
-
-TEST(PartialDerivativeTest, MoreDerivatorsCanBeAdded) {
-    const auto floats = MemArray<2, float>::create({2, 2});
-    floats->element(3) = 2.5F;
-    const StrongPtr<CreativeArrayBase> creator(new CreativeArray(StrongPtr<MemBase>(floats)));
-    EXPECT_FALSE(isPartialDerivable(creator));
-    {
-        const StrongPtr<PartialDerivatorBase> mine(new SumOfFloats);
-        EXPECT_TRUE(isPartialDerivable(creator));
-        EXPECT_EQ(PartialDerivative(StrongPtr<MemBase>(floats))->getElementAsString(0), std::to_string(2.5));
-        EXPECT_TRUE(derived<PhysicalSpace::vector>(randomScalars({2, 2, 2}, 1)));
-    }
-    EXPECT_FALSE(isPartialDerivable(creator));
-    EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>(floats)));
-}
-
 } // namespace

@@ -77,4 +77,37 @@ TEST(BoundsClientTest, AnExpanderWidensTheBoxThatItIsGiven) {
     EXPECT_EQ(given->maxCoord(), point(2, 7, 1));
 }
 
+TEST(BoundsClientTest, ExpandersTakeWhateverABoxComesAs) {
+    const BBoxExpander fresh(Hestra::makeRef<BoundingBox>(point(0, 1, 2), point(3, 4, 5)));
+    EXPECT_EQ(fresh.box()->minCoord(), point(0, 1, 2));
+    EXPECT_FALSE(BBoxExpander(nullptr).box());
+    EXPECT_FALSE(BBoxExpander(StrongPtr<BoundingBall>()).box());
+    const StrongPtr<BoundingBox> owned = Hestra::makeRef<BoundingBox>(point(0, 1, 2), point(3, 4, 5));
+    EXPECT_TRUE(BBoxExpander(Hestra::WeakPtr<BoundingBox>(owned)).box() == owned);
+    const BBoxExpander around(Hestra::makeRef<BoundingBall>(point(1, 2, 3), 2.0));
+    EXPECT_EQ(around.box()->minCoord(), point(-1, 0, 1));
+}
+
+TEST(BoundsClientTest, ARangeOfNothingTakesOverTheFirst) {
+    DataRange<double> doubles;
+    DataRange<unsigned char> bytes;
+    EXPECT_GT(doubles.getMin(), doubles.getMax());
+    EXPECT_GT(bytes.getMinf(), bytes.getMaxf());
+    doubles.expandRange(StrongPtr<DataRangeBase>(new DataRange<double>(-7, -3)));
+    bytes.expandRange(StrongPtr<DataRangeBase>(new DataRange<unsigned char>(0, 255)));
+    EXPECT_EQ(doubles.getFloatDataRange(), std::pair(-7.0, -3.0));
+    EXPECT_EQ(bytes.getFloatDataRange(), std::pair(0.0, 255.0));
+}
+
+TEST(BoundsClientTest, FragmentsOfAGridOrOfItsHandle) {
+    const BundlePtr bundle = BundlePtr::create();
+    Grid& grid = *(*bundle[0.0])["blocks"];
+    UniformGrid3D::create(grid, BoundingBox({0, 0, 0}, {1, 2, 3}), {2, 2, 2});
+    CartesianFragments fragments(grid);
+    EXPECT_TRUE(fragments.buildFragmentCoordinates());
+    EXPECT_EQ(fragments.getBBox(0)->maxCoord(), point(1, 2, 3));
+    EXPECT_EQ(FragmentSkeleton(grid).getFragmentName(0), "");
+    EXPECT_FALSE(CartesianFragments(StrongPtr<Grid>(&grid)).buildFragmentCoordinates());
+}
+
 } // namespace

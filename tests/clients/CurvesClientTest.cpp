@@ -63,4 +63,55 @@ TEST_F(CurvesClientTest, NamesHaveDefaults) {
     EXPECT_THROW(lengthOf("none"), Computer::NoVertexField);
 }
 
+TEST_F(CurvesClientTest, TakesHandlesAndObjects) {
+    const auto points = makeMemArray1D(std::vector<point>{{0, 0, 0}, {0, 2, 0}});
+    const auto curves = makeMemArray1D(std::vector<std::vector<index_t>>{{0, 1}});
+    const auto shorts = makeMemArray1D(std::vector<std::vector<unsigned int>>{{1, 0}});
+    const StrongPtr<CreativeArrayBase> creator = grid->CartesianPositions()->getCreator(nullptr);
+    Computer byHandles(grid);
+    EXPECT_EQ(byHandles.maximalLength(), 5.0);
+    byHandles.compute(points, curves, creator);
+    EXPECT_EQ(byHandles.maximalLength(), 2.0);
+    EXPECT_TRUE(byHandles.tangents()->getCreator() == creator);
+    byHandles.compute(points, shorts);
+    EXPECT_EQ((*byHandles.curveParameters())(0), 2.0);
+    EXPECT_EQ((*ComputeTangentialVectors(points, curves))(1), PhysicalSpace::vector(0, 1, 0));
+    EXPECT_EQ((*ComputeTangentialVectors(points, shorts, creator))(1), PhysicalSpace::vector(0, -1, 0));
+    EXPECT_EQ((*ComputeTangentialVectors(*points, *curves))(1), PhysicalSpace::vector(0, 1, 0));
+    EXPECT_TRUE(getTangentialVectors(grid) == getTangentialVectors(*grid));
+
+    EXPECT_THROW(byHandles.compute(StrongPtr<Computer::Points>(), curves), Computer::NoVertexFieldData);
+    EXPECT_THROW(byHandles.compute(points, StrongPtr<Computer::Curves>()), Computer::NoEdgePositions);
+    EXPECT_EQ(byHandles.maximalLength(), 2.0);
+    static_assert(std::is_copy_constructible_v<Computer::Exception>, "some catch it by value");
+    try {
+        (void)getTangentialVectors(StrongPtr<Grid>());
+        FAIL();
+    } catch (const Computer::Exception& any) {
+        EXPECT_STRNE(any.what(), "");
+    }
+}
+
+// What is kept answers like what would be computed anew.
+TEST_F(CurvesClientTest, KeptResultsAreNeverStale) {
+    EXPECT_EQ(lengthOf("Positions"), 5.0);
+    const auto positions = vertices->Positions();
+    auto& stored = dynamic_cast<TypedArray<point>&>(*positions->getData());
+    stored.element(1) = point(0, 0, 6); // written in place: both are told
+    positions->getCreator(nullptr)->touch();
+    positions->touch();
+    EXPECT_EQ(lengthOf("Positions"), 6.0);
+    positions->setPersistentData(makeMemArray1D(std::vector<point>{{0, 0, 0}, {0, 7, 0}, {0, 7, 9}}));
+    EXPECT_EQ(lengthOf("Positions"), 7.0);
+    const StrongPtr<MemBase> lists = makeMemArray1D(std::vector<std::vector<index_t>>{{0, 1, 2}});
+    LineSet(grid).curves()->setPersistentData(lists);
+    EXPECT_EQ(lengthOf("Positions"), 16.0);
+    Hestra::Cache::MemCache()->clear();
+    EXPECT_EQ(lengthOf("Positions"), 16.0);
+    positions->setDiscardableData(makeMemArray1D(std::vector<point>{{0, 0, 0}, {1, 0, 0}, {3, 0, 0}}));
+    EXPECT_EQ(lengthOf("Positions"), 3.0);
+    Hestra::Cache::MemCache()->clear();
+    EXPECT_EQ(lengthOf("Positions"), 3.0) << "results are kept for good";
+}
+
 } // namespace

@@ -87,4 +87,49 @@ TEST(DerivativeClientTest, ProceduralPositionsAreWhatTheyAnnounce) {
     }
 }
 
+// Of a fragment and of its derivative: the same answer as if nothing had ever been kept, and as new as it is.
+TEST(DerivativeClientTest, KeptDerivativesAreNeverStale) {
+    const auto cache = Hestra::makeRef<Hestra::Cache>();
+    const auto values = MemArray<3, double>::create({3, 1, 1});
+    const auto write = [&](double a, double b, double c) {
+        for (index_t n = 0; n < 3; ++n) values->element(n) = n == 0 ? a : n == 1 ? b : c;
+    };
+    write(0, 1, 4);
+    const StrongPtr<CreativeArrayBase> source = Hestra::makeRef<CreativeArray>(StrongPtr<MemBase>(values));
+    std::string errors;
+    const StrongPtr<CreativeArray> first = PartialDerivative(source, errors, cache);
+    const StrongPtr<CreativeArray> second = PartialDerivative(first, errors, cache);
+    const StrongPtr<CreativeArray> kept = PartialDerivative(source, errors, nullptr);
+    ASSERT_TRUE(first && second && kept) << errors;
+    const auto slopes = [](const StrongPtr<CreativeArray>& derivative) {
+        const auto made = Hestra::dynamicCast<MemArray<3, PhysicalSpace::vector>>(derivative->create());
+        return std::vector{(*made)(0, 0, 0)[0], (*made)(1, 0, 0)[0], (*made)(2, 0, 0)[0]};
+    };
+    const auto bend = [&] {
+        const auto made = Hestra::dynamicCast<MemArray<3, Orvix::Quadratic<3, double>>>(second->create());
+        return (*made)(1, 0, 0)[0];
+    };
+    EXPECT_EQ(slopes(first), (std::vector<double>{1, 2, 3}));
+    EXPECT_EQ(bend(), 1.0);
+    const auto before = first->age();
+    write(0, 10, 40);
+    source->touch();
+    EXPECT_EQ(bend(), 10.0) << "though nobody has asked the first derivative since";
+    for (int round = 0; round < 2; ++round) {
+        const auto age = first->age();
+        EXPECT_GT(age, before);
+        EXPECT_EQ(slopes(first), (std::vector<double>{10, 20, 30}));
+        EXPECT_EQ(slopes(kept), (std::vector<double>{10, 20, 30}));
+        EXPECT_EQ(bend(), 10.0);
+        EXPECT_EQ(first->age(), age);
+        const StrongPtr<MemBase> same = first->create();
+        EXPECT_TRUE(first->create() == same) << "made once";
+        EXPECT_TRUE(same->getCreator() == first);
+        cache->clear();
+    }
+    source->touch();
+    EXPECT_FALSE(first->create(true)) << "in the background nothing is made";
+    EXPECT_TRUE(first->wasRequested());
+}
+
 } // namespace

@@ -114,4 +114,34 @@ TEST_F(IsosurfaceClientTest, BothHalvesOfASurfaceAreAsOldAsWhatWasAsked) {
     EXPECT_EQ(triangles()->age(), requested.age());
 }
 
+// The same surface from explorers of all forms, cell by cell and as a whole.
+TEST(IsosurfaceFormsTest, AnExplorerReadsByIndexAndByPlace) {
+    const StrongPtr<MemArray<3, double>> data = MemArray<3, double>::create({2, 2, 2});
+    (*data)(1, 0, 1) = 3.0;
+    const UniformCartesianArray places(BoundingBox({0, 0, 0}, {1, 1, 1}), {2, 2, 2});
+    const auto expectSurface = [&](const auto& explorer) {
+        EXPECT_EQ(explorer(1, 0, 1), 3.0);
+        EXPECT_EQ(explorer[MultiIndex<3>(1, 0, 1)], 3.0);
+        EXPECT_EQ(explorer.getElement({1, 0, 1}), 3.0);
+        EXPECT_EQ(explorer({0, 0, 1}), 0.0);
+        std::vector<index_t> identifiers;
+        std::vector<double> weights;
+        std::vector<TriangleCell> triangles;
+        std::map<index_t, index_t> edges;
+        EXPECT_EQ(Polygonize(identifiers, weights, triangles, edges, explorer, {0, 0, 0}, 1.5, 0), 1);
+        EXPECT_EQ(weights, std::vector<double>(3, 0.5));
+        return ComputeIsosurfaceT(explorer, places, 0.0).second->nElements();
+    };
+    EXPECT_EQ(expectSurface(FieldExplorer(*data, 1.5)), 1u);
+    EXPECT_EQ(expectSurface(FieldExplorer<MemArray<3, double>>(*data, 1.5)), 1u);
+    EXPECT_EQ(expectSurface(FieldExplorer<MultiArray<3, double>>(*data, 1.5)), 1u);
+    EXPECT_EQ(expectSurface(FieldExplorer(*data)), 0u) << "level 0, which no value is below";
+    // The one corner that is not below has the case of its complement.
+    const int cubeCase = 255 & ~(1 << 5);
+    int cut = 0;
+    for (int n = 0; n < 3; ++n) cut |= 1 << Vantle::triTable[cubeCase][n];
+    EXPECT_EQ(Vantle::triTable[cubeCase][3], -1);
+    EXPECT_EQ(Vantle::edgeTable[cubeCase], cut);
+}
+
 } // namespace

@@ -18,6 +18,9 @@ TEST(UniformClientTest, AnAxisWithOneNodeIsDividedLikeAnyOther) {
     StrongPtr<Hestra::ChunkBase> output;
     ASSERT_TRUE(InterpolateUniformData(output, {{1, 0, 0}, {0.5, 0, 0}, {0, 1, 1}}, grid, data));
     EXPECT_EQ(dynamic_cast<Hestra::TypedChunk<double>&>(*output).base_vector(), (std::vector<double>{11, 10.5, 16}));
+    StrongPtr<Hestra::ChunkBase> other;
+    ASSERT_TRUE(InterpolateUniformData(other, {{1, 0, 0}}, grid, *data));
+    EXPECT_EQ(dynamic_cast<Hestra::TypedChunk<double>&>(*other).base_vector()[0], 11);
 }
 
 } // namespace

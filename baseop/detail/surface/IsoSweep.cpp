@@ -1,4 +1,5 @@
 #include <baseop/detail/surface/IsoSweep.hpp>
+#include <baseop/detail/surface/MarchingCubesTables.hpp>
 
 #include <algorithm>
 #include <bit>
