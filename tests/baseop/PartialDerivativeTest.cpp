@@ -110,20 +110,6 @@ TEST(PartialDerivativeTest, IsTheDefinitionToTheLastBitForAnyNumberOfThreads) {
     omp_set_num_threads(threads);
 }
 
-TEST(PartialDerivativeTest, BordersAreOneSided) {
-    for (int axis = 0; axis < 3; ++axis) {
-        MultiIndex<3> size(2, 3, 2);
-        size[axis] = 4;
-        const auto gradient = derived<PhysicalSpace::vector>(arrayOf<double>(size, [&](double i, double j, double k) {
-            const double m[] = {i, j, k};
-            return m[axis] * m[axis];
-        }));
-        const double expected[] = {1, 2, 4, 5};
-        for (index_t n = 0; n < gradient->nElements(); ++n)
-            EXPECT_EQ(gradient->element(n)[axis], expected[MultiIndex<3>::fromLinear(n, size)[axis]]);
-    }
-}
-
 // A component of a tensor field and a slice of a time series lie in memory with gaps.
 TEST(PartialDerivativeTest, TakesArraysThatShareMemory) {
     const MultiIndex<3> size(6, 5, 4);
@@ -191,28 +177,6 @@ TEST(PartialDerivativeTest, FragmentErrorsAreCollected) {
     attempt(lazyCreator(typeid(double), {}, made, MemArray<2, double>::create({2, 2})));
     EXPECT_EQ(errors, "before. No creator for fragment No creator element type unsupported for fragment "
                       "No data available for fragment No derivation computed for fragment ");
-}
-
-TEST(PartialDerivativeTest, DroppedDerivativesAreComputedAgain) {
-    int made = 0;
-    std::string errors;
-    const auto cache = Hestra::makeRef<Hestra::Cache>();
-    const auto source = lazyCreator(typeid(double), MultiIndex<3>(9, 8, 7), made, randomScalars({9, 8, 7}, 11));
-    const auto derivative = PartialDerivative(source, errors, cache);
-    ASSERT_TRUE(derivative) << errors;
-    EXPECT_EQ(made, 1);
-    EXPECT_EQ(cache->size(), 1u);
-    const auto before = derivative->create()->getElementAsString(200);
-    cache->clear();
-    EXPECT_FALSE(derivative->hasData());
-    EXPECT_EQ(getSize(*derivative), DynamicSize(MultiIndex<3>(9, 8, 7)));
-    EXPECT_EQ(derivative->create()->getElementAsString(200), before);
-    EXPECT_EQ(cache->size(), 1u);
-    EXPECT_TRUE(derivative->create()->getCreator() == derivative);
-
-    const auto kept = PartialDerivative(source, errors, nullptr);
-    cache->clear();
-    EXPECT_TRUE(kept->hasData());
 }
 
 class PartialDerivativeFieldTest : public testing::Test {

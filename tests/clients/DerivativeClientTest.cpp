@@ -124,10 +124,13 @@ TEST(DerivativeClientTest, KeptDerivativesAreNeverStale) {
         EXPECT_EQ(slopes(kept), (std::vector<double>{10, 20, 30}));
         EXPECT_EQ(bend(), 10.0);
         EXPECT_EQ(first->age(), age);
-        const StrongPtr<MemBase> same = first->create();
-        EXPECT_TRUE(first->create() == same) << "made once";
-        EXPECT_TRUE(same->getCreator() == first);
+        EXPECT_TRUE(first->create() == first->cachedData()) << "made once";
+        EXPECT_TRUE(first->create()->getCreator() == first);
+        EXPECT_EQ(cache->size(), 2u);
         cache->clear();
+        EXPECT_FALSE(first->hasData() || second->hasData());
+        EXPECT_TRUE(kept->hasData());
+        EXPECT_EQ(getSize(*first), DynamicSize(MultiIndex<3>(3, 1, 1)));
     }
     source->touch();
     EXPECT_FALSE(first->create(true)) << "in the background nothing is made";
