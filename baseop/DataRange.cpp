@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <omp.h>
 #include <type_traits>
 #include <vector>
@@ -122,6 +123,20 @@ MinMax<T> rangeOf(const Iterator<T>& elements) {
 
 } // namespace
 
+namespace {
+
+/// Greater than all other values of the type, or less.
+template<class T>
+constexpr T kBeyond = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
+                                                           : std::numeric_limits<T>::max();
+template<class T>
+constexpr T kBelow = std::numeric_limits<T>::has_infinity ? static_cast<T>(-kBeyond<T>)
+                                                          : std::numeric_limits<T>::lowest();
+
+} // namespace
+
+template<class T>
+DataRange<T>::DataRange() : DataRange(kBeyond<T>, kBelow<T>) {}
 template<class T>
 DataRange<T>::DataRange(T min, T max) : myMin(min), myMax(max) {}
 template<class T>

@@ -18,6 +18,8 @@ namespace Vantle {
 template<class T>
 class VANTLE_BASEOP_API DataRange : public DataRangeBase {
 public:
+    /// The range of no values, which takes over whatever it is expanded by.
+    DataRange();
     DataRange(T min, T max);
     ~DataRange() override;
 

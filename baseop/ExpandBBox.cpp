@@ -201,6 +201,16 @@ StrongPtr<BoundingBox> boxOf(Field& field) {
     return box;
 }
 
+/// The unfragmented positions if they are a uniform direct product. They are made only if they may be.
+StrongPtr<UniformPositions> uniformPositions(const Field& field) {
+    const StrongPtr<CreativeArrayBase> creator = field.getCreator(nullptr);
+    if (!creator) return nullptr;
+    const VantleTypeIndex type = creator->elementType();
+    const int rank = getSize(*creator).rank();
+    if ((type != typeid(void) && type != typeid(PhysicalSpace::point)) || (rank != 0 && rank != 3)) return nullptr;
+    return Hestra::dynamicCast<UniformPositions>(creator->getData());
+}
+
 } // namespace
 
 StrongPtr<BoundingBox> ComputeBBox(const StrongPtr<MemBase>& array) {
@@ -256,15 +266,14 @@ bool ExpandBBox(StrongPtr<BoundingBox>& box, CreativeArrayBase& creator, DataCre
     return true;
 }
 
-BBoxExpander::BBoxExpander(const StrongPtr<BoundingBox>& start) {
-    if (start && !start->isEmpty()) myBox = Hestra::makeRef<BoundingBox>(start->minCoord(), start->maxCoord());
-}
-
-BBoxExpander::BBoxExpander(const StrongPtr<BoundingBall>& start)
-    : BBoxExpander(Hestra::dynamicCast<BoundingBox>(start)) {
-    if (!start || Hestra::dynamicCast<BoundingBox>(start)) return;
-    const PhysicalSpace::vector radius(start->radius(), start->radius(), start->radius());
-    myBox = Hestra::makeRef<BoundingBox>(start->center() - radius, start->center() + radius);
+BBoxExpander::BBoxExpander(const StrongPtr<BoundingBall>& start) {
+    if (!start) return;
+    if (const auto box = Hestra::dynamicCast<BoundingBox>(start)) {
+        myBox = Hestra::makeRef<BoundingBox>(*box);
+    } else {
+        const PhysicalSpace::vector radius(start->radius(), start->radius(), start->radius());
+        myBox = Hestra::makeRef<BoundingBox>(start->center() - radius, start->center() + radius);
+    }
 }
 
 BBoxExpander::BBoxExpander(Field& field) {
@@ -321,9 +330,9 @@ StrongPtr<BoundingBox> getBoundingBox(const Grid& grid, const StrongPtr<Chart>& 
 
 StrongPtr<BoundingBox> getFragmentBBox(const StrongPtr<FragmentID>& fragment,
                                        const StrongPtr<CreativeArrayBase>& creator, const Field& field) {
-    const auto positions = Hestra::dynamicCast<UniformPositions>(field.getData(nullptr));
-    const auto place = positions && fragment ? fragment->findInterface<FragmentLocation<3, IndexOffset>>() : nullptr;
-    if (!place) {
+    const auto place = fragment ? fragment->findInterface<FragmentLocation<3, IndexOffset>>() : nullptr;
+    const auto positions = place ? uniformPositions(field) : nullptr;
+    if (!positions) {
         StrongPtr<BoundingBox> box;
         if (creator) ExpandBBox(box, *creator, CreateData);
         return box;
