@@ -18,6 +18,8 @@ namespace Vantle {
 template<class T>
 class VANTLE_BASEOP_API DataRange : public DataRangeBase {
 public:
+    /// The range of no values, which takes over whatever it is expanded by.
+    DataRange();
     DataRange(T min, T max);
     ~DataRange() override;
 
@@ -31,8 +33,9 @@ public:
     ///             elements are cut into as many blocks as the team has threads, and each block is folded in order; so
     ///             with NaN (and with zeros of both signs) the result depends on the number of threads.
     ///             It is otherwise the same for any number.
-    /// Failure     empty when the creator announces another element type or none, when there are no elements, and when
-    ///             the data do not exist and are not made. No messages.
+    /// Failure     empty when the creator announces another element type (the data are not made then), or has data of
+    ///             another one, when there are no elements, and when the data do not exist and are not made. No
+    ///             messages.
     /// Cost        one pass over the data by all threads of the OpenMP team, at the speed of memory. With strides (one
     ///             component of several) one element after the other.
     ///

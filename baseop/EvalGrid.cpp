@@ -128,7 +128,7 @@ EvalFragment::~EvalFragment() = default;
 
 bool EvalFragment::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& positionsCreator) {
     if (!mySourcePositions || !mySourceField || !myTarget || !positionsCreator) return true;
-    const StrongPtr<MemBase> positions = positionsCreator->create(false);
+    const StrongPtr<MemBase> positions = positionsCreator->getData();
     if (!positions || positions->nElements() == 0) return true;
     if (!myEvaluator || Console::isHeard()) myEvaluator = std::make_unique<GridEvaluator>();
     if (!myEvaluator->find(positions, *mySourcePositions, myContext)) return true;
@@ -137,18 +137,6 @@ bool EvalFragment::apply(const StrongPtr<FragmentID>& id, const StrongPtr<Creati
     myTarget->setPersistentData(values, id);
     ++myEvaluated;
     return true;
-}
-
-std::vector<std::string> getSkeletonFields(const StrongPtr<Skeleton>& skeleton, const StrongPtr<Chart>& chart,
-                                           const FieldSelector& selector, const std::set<std::string>& excluded) {
-    std::vector<std::string> names;
-    const auto representation = skeleton && chart ? skeleton->findRepresentation(*chart) : nullptr;
-    if (!representation) return names;
-    representation->iterate([&](const FieldID& id, const Field&) {
-        if (selector.accepts(id.name()) && !excluded.contains(id.name())) names.push_back(id.name());
-        return true;
-    });
-    return names;
 }
 
 } // namespace Vantle

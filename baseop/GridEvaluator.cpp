@@ -327,7 +327,7 @@ void FragmentSearchBase::tell(const point& p) {
 
 int FragmentSearch<point>::Contains(const point& p, const StrongPtr<CreativeArrayBase>& fragmentCreator,
                                     FractionalIndex& index) {
-    const FragmentCoordinates coordinates(fragmentCreator ? fragmentCreator->create(false) : nullptr);
+    const FragmentCoordinates coordinates(fragmentCreator ? fragmentCreator->getData() : nullptr);
     const bool isLocated =
         std::visit(Overloaded{[&](const detail::UniformCoordinates* uniform) { return claims(*uniform, p, index); },
                               [&](const detail::RectilinearCoordinates* axes) { return claims(*axes, p, index); },

@@ -160,20 +160,20 @@ LocalFromWorldPoint::LocalFromWorldPoint(const detail::Given<Slice>& slice, cons
     : mySearch(makeSearch(slice.handle(), givenGrid.handle(), coordinateField)), myOptions(options) {
     const StrongPtr<Grid>& grid = givenGrid.handle();
     if (!grid) {
-        tell::invalidGrid();
+        Console::puts(tell::invalidGrid);
         return;
     }
     const detail::GridLock lock(grid);
     myField = (*grid)(coordinateField);
     if (!myField) {
-        tell::invalidField();
+        Console::puts(tell::invalidField);
         return;
     }
     findTree();
     CartesianFragments properties(grid);
     {
         VANTLE_SCOPE("LocalFromWorldPoint::LocalFromWorldPoint(): Build Fragment Coordinates");
-        tell::fragmentsBuilt(properties.buildFragmentCoordinates());
+        Console::puts(properties.buildFragmentCoordinates() ? tell::fragmentsBuilt : tell::fragmentsThere);
     }
     collectFragments(properties);
 
@@ -181,7 +181,7 @@ LocalFromWorldPoint::LocalFromWorldPoint(const detail::Given<Slice>& slice, cons
     if (!collection || collection->empty()) {
         const FragmentCoordinates* const found = myBoxes.empty() ? nullptr : myFragments[0].coordinates(Hearing::Kept);
         if (!myBoxes.empty()) myFragments[0].untold.tell();
-        if (!found || std::holds_alternative<const detail::PointSet*>(found->kind)) tell::noCoordinates();
+        if (!found || std::holds_alternative<const detail::PointSet*>(found->kind)) Console::puts(tell::noCoordinates);
     }
     fillTree();
 }
@@ -192,7 +192,7 @@ void LocalFromWorldPoint::findTree() {
     using TreeInterface = Orvix::KDInterface<3, int>;
     const StrongPtr<TreeInterface> attached = myField->findInterface<TreeInterface>();
     const bool isThere = attached && attached->tree();
-    tell::treeFound(isThere);
+    Console::puts(isThere ? tell::treeFound : tell::noTree);
     if (isThere) {
         myTree = attached->tree();
         return;
@@ -253,7 +253,7 @@ void LocalFromWorldPoint::fillTree() {
     }
     if (!myTree->empty()) return;
     if (!myIsComplete) {
-        tell::incomplete();
+        Console::puts(tell::incomplete);
         return;
     }
     myTree->reserve(centres.size());

@@ -88,7 +88,7 @@ int LocalFromWorldPoint::numberOfBordersOfCell(const StrongPtr<FragmentID>& frag
     VANTLE_SCOPE("LocalFromWorldPoint::numberOfBordersOfCell()");
     const CurvilinearCoordinates* const block = curvilinear(fragment, cell);
     if (!block) {
-        detail::tell::noBlockForBorders();
+        Hestra::Console::puts(detail::tell::noBlockForBorders);
         return 0;
     }
     Face faces[6];
@@ -102,7 +102,7 @@ bool LocalFromWorldPoint::getNormal(const StrongPtr<FragmentID>& fragment, const
     const CurvilinearCoordinates* const block = curvilinear(fragment, cell);
     Face faces[6];
     if (!block || borderFaces(faces, cell, block->Size() - 1) == 0) {
-        detail::tell::noBorderCell();
+        Hestra::Console::puts(detail::tell::noBorderCell);
         return false;
     }
     return outwardNormal(*block, cell, faces[0], normal);
@@ -128,7 +128,7 @@ bool LocalFromWorldPoint::getBorderIntersectionNormal(const StrongPtr<FragmentID
         normal = vector();
         return false;
     }
-    detail::tell::intersection();
+    Hestra::Console::puts(detail::tell::intersection);
     return true;
 }
 

@@ -2,7 +2,6 @@
 /// Point location in one curvilinear block, through a k-d tree of cells.
 
 #include <baseop/BaseOpExport.hpp>
-#include <baseop/detail/MapperArrays.hpp>
 #include <model/hestra/Reference.hpp>
 #include <model/orvix/KDTree.hpp>
 #include <model/vantle/MemArray.hpp>
@@ -76,3 +75,7 @@ private:
     double myMaximalLength = 0.0;
     MultiIndex3 myLastCell;
 };
+
+namespace Vantle {
+using ::TreeCellMapper;
+}

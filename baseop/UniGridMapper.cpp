@@ -349,7 +349,7 @@ void UniGridMapper::measure(double resolution, double precision) {
     for (int axis = 0; axis < 3; ++axis) {
         const double unicells = extent[axis] * scale;
         if (!(unicells >= 2.0)) {
-            tell::coarseResolution();
+            Console::puts(tell::coarseResolution);
             myUnigridSize[axis] = 2;
         } else {
             // Whatever is too much is all the same; casts of it are undefined.
@@ -391,7 +391,7 @@ void UniGridMapper::addReach() {
 bool UniGridMapper::inUniCell(const point& p, MultiIndex3& index) const {
     VANTLE_SCOPE("UniGridMapper::inUniCell(p, index)");
     if (!myBox.inside(p)) {
-        tell::outOfBounds();
+        Console::puts(tell::outOfBounds);
         return false;
     }
     int found[3];

@@ -3,7 +3,6 @@
 
 #include <baseop/BaseOpExport.hpp>
 #include <baseop/CellLocation.hpp>
-#include <baseop/detail/MapperArrays.hpp>
 #include <model/hestra/Reference.hpp>
 #include <model/orvix/BoundingBox.hpp>
 #include <model/vantle/MemArray.hpp>

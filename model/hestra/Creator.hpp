@@ -29,7 +29,9 @@ public:
     ///
     /// Failure  null when there is no way to make them, when the creation function returned null or threw, when it
     ///          asked for its own result, and for a background request that cannot be met at once.
-    [[nodiscard]] StrongPtr<T> create(bool background = false) {
+    ///
+    /// A class that overrides it makes and keeps its data as it likes; every reading goes through it.
+    [[nodiscard]] virtual StrongPtr<T> create(bool background = false) {
         if (StrongPtr<T> present = cachedData()) return present;
         if (background) {
             StrongPtr<T> result;
@@ -47,10 +49,11 @@ public:
         return made;
     }
 
-    /// The living data, or null; never makes them.
+    /// The living data, or null; never makes them. Of an overriding class: what it gave last, if that lives.
     [[nodiscard]] StrongPtr<T> cachedData() const {
         const std::lock_guard lock(myDataMutex);
         StrongPtr<T> data(myData);
+        if (!data) data = StrongPtr<T>(myForeignData);
         if (data) data->markAsUsed();
         return data;
     }
@@ -65,17 +68,28 @@ public:
     /// Whether the data exist at this moment: false before a first creation and after eviction.
     [[nodiscard]] bool hasData() const {
         const std::lock_guard lock(myDataMutex);
-        return bool(myData);
+        return myData || myForeignData;
     }
 
-    /// Whether asking can succeed: the data exist now, or there is a function that makes them.
+    /// Whether asking can succeed: the data exist now, or there is a way to make them.
     [[nodiscard]] virtual bool isValid() const { return hasData() || canProduce(); }
 
 protected:
-    /// Whether `produce` can be called at all.
-    [[nodiscard]] virtual bool canProduce() const { return false; }
+    /// Whether data can be made at all: yes, as far as is known of a class that overrides `create` or `produce`.
+    [[nodiscard]] virtual bool canProduce() const { return true; }
     /// Makes the data; may return null and may throw.
     [[nodiscard]] virtual StrongPtr<T> produce() { return nullptr; }
+
+    /// Remembers what an overriding `create` gave, as long as that lives; false for data that are held here anyway.
+    bool noteForeignData(const StrongPtr<T>& data) {
+        {
+            const std::lock_guard lock(myDataMutex);
+            if (myData) return false;
+            myForeignData = data;
+        }
+        data->markAsUsed();
+        return true;
+    }
 
     /// Holds `data` for ever (persistent) or leaves that to `cache`.
     void setData(const StrongPtr<T>& data, bool persistent, const WeakPtr<Cache>& cache) {
@@ -113,6 +127,7 @@ private:
         {
             const std::lock_guard lock(myDataMutex);
             myData = data;
+            myForeignData = nullptr;
             replaced = std::move(myOwnedData);
             if (isCachingEnabled()) {
                 if (myPersistentFlag)
@@ -141,6 +156,7 @@ private:
 
     mutable std::mutex myDataMutex;
     WeakPtr<T> myData;
+    WeakPtr<T> myForeignData; // given by an overriding `create`, while there are none of our own
     StrongPtr<T> myOwnedData;
     WeakPtr<Cache> myCache;
     WeakPtr<Cache> myHolder; // the cache that was given the present data

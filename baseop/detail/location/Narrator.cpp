@@ -41,18 +41,13 @@ namespace tell {
 
 namespace {
 
-constexpr const char* unigridSource = "baseop/UniGridMapper";
 constexpr const char* locationSource = "baseop/LocalFromWorldPoint";
 
 } // namespace
 
-void coarseResolution() { Console::print("%sUNIGRIDMAPPER WARNING: Resolution too coarse\n", unigridSource); }
-
 void longestList(int length) {
     Console::print("Added the curvi cells into the unigrid, Maximal %d curvicells per unicell\n", length);
 }
-
-void outOfBounds() { Console::print("UniGridMapper::inUniCell() point of of bounds!\n"); }
 
 void unmapped(const int (&index)[3], const Orvix::BoundingBox& box, const Orvix::PhysicalSpace::vector& unicellSize) {
     const auto line = [](const char* title, const auto&... values) {
@@ -67,28 +62,6 @@ void unmapped(const int (&index)[3], const Orvix::BoundingBox& box, const Orvix:
     line("BoundingBox Max:", box.maxCoord());
     line("cell_len: ", "(", unicellSize[0], " ,", unicellSize[1], " ,", unicellSize[2], ")");
 }
-
-void invalidGrid() { Console::puts(" LocalFromWorldPoint::LocalFromWorldPoint() ERROR: invalid grid!"); }
-
-void invalidField() { Console::puts(" LocalFromWorldPoint::LocalFromWorldPoint() ERROR: invalid coord field!"); }
-
-void treeFound(bool isFound) {
-    Console::puts(
-        isFound ? "LocalFromWorldPoint::LocalFromWorldPoint() Tree found, in Coord-Fields Intercube, using it"
-                : "LocalFromWorldPoint::LocalFromWorldPoint() No tree found, in coord-Fields Intercube, creating one.");
-}
-
-void fragmentsBuilt(bool isNew) {
-    Console::puts(isNew ? "FragmentProperties.buildFragmentCoordinates();  WAS HARD WORK"
-                        : "FragmentProperties.buildFragmentCoordinates();  Could benefit from savings");
-}
-
-void noCoordinates() {
-    Console::puts("LocalFromWorldPoint::LocalFromWorldPoint() ERROR: Unfragmented, but no proc, curvi or rectilinear "
-                  "data could be accessed??");
-}
-
-void incomplete() { Console::puts("LocalFromWorldPoint::LocalFromWorldPoint() iteration failure, abording update"); }
 
 void creatingUnimapper(unsigned int fragment, double resolution, double precision) {
     Console::print("%s Create unimapper for %d, res=%lg, prec=%lg\n", locationSource, static_cast<int>(fragment),
@@ -113,18 +86,6 @@ void cannotCreate(const char* what, unsigned int fragment, const char* reason) {
                        static_cast<int>(fragment), reason);
     else
         Console::print("%s Exception - CANNOT create %s for %d\n", locationSource, what, static_cast<int>(fragment));
-}
-
-void noBlockForBorders() {
-    Console::puts("LocalFromWorldPoint::numberOfBordersOfCell() ERROR: curvilienar multiblock not found?");
-}
-
-void noBorderCell() {
-    Console::puts("LocalFromWorldPoint::getNormal() WARNING: Computing normal from a non border cell?");
-}
-
-void intersection() {
-    Console::puts("LocalFromWorldPoint::getBorderIntersectionNormal() INFO: Yep! Got intersection!");
 }
 
 } // namespace tell

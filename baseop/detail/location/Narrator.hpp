@@ -83,19 +83,19 @@ private:
     std::string myText;
 };
 
-/// The texts about unigrids and the solves in their cells.
+/// The texts. Constants go to `Console::puts`, those of evaluations to `Console::write`.
 namespace tell {
 
-void coarseResolution();
+inline constexpr const char* outOfBounds = "UniGridMapper::inUniCell() point of of bounds!";
+inline constexpr const char* coarseResolution = "baseop/UniGridMapperUNIGRIDMAPPER WARNING: Resolution too coarse";
 void longestList(int length);
-void outOfBounds();
 void unmapped(const int (&index)[3], const Orvix::BoundingBox& box, const Orvix::PhysicalSpace::vector& unicellSize);
 
 /// Hears of a solve whatever is to be said.
 struct Speaking {
     static constexpr bool isHeard = true;
     void singularStep() const { Hestra::Console::puts("WHAT?"); }
-    void gaveUp() const { Hestra::Console::print("getLocalCoordinates3D(): Prevented endless loop BREAK!\n"); }
+    void gaveUp() const { Hestra::Console::puts("getLocalCoordinates3D(): Prevented endless loop BREAK!"); }
 };
 /// Only notes that something would be said.
 struct Silently {
@@ -105,25 +105,31 @@ struct Silently {
     void gaveUp() { hasSpoken = true; }
 };
 
-// The texts of point locations.
-
-void invalidGrid();
-void invalidField();
-void treeFound(bool isFound);
-void fragmentsBuilt(bool isNew);
-void noCoordinates();
-void incomplete();
+inline constexpr const char* invalidGrid = " LocalFromWorldPoint::LocalFromWorldPoint() ERROR: invalid grid!";
+inline constexpr const char* invalidField = " LocalFromWorldPoint::LocalFromWorldPoint() ERROR: invalid coord field!";
+inline constexpr const char* treeFound =
+    "LocalFromWorldPoint::LocalFromWorldPoint() Tree found, in Coord-Fields Intercube, using it";
+inline constexpr const char* noTree =
+    "LocalFromWorldPoint::LocalFromWorldPoint() No tree found, in coord-Fields Intercube, creating one.";
+inline constexpr const char* fragmentsBuilt = "FragmentProperties.buildFragmentCoordinates();  WAS HARD WORK";
+inline constexpr const char* fragmentsThere =
+    "FragmentProperties.buildFragmentCoordinates();  Could benefit from savings";
+inline constexpr const char* noCoordinates = "LocalFromWorldPoint::LocalFromWorldPoint() ERROR: Unfragmented, but no "
+                                             "proc, curvi or rectilinear data could be accessed??";
+inline constexpr const char* incomplete =
+    "LocalFromWorldPoint::LocalFromWorldPoint() iteration failure, abording update";
+inline constexpr const char* noBlockForBorders =
+    "LocalFromWorldPoint::numberOfBordersOfCell() ERROR: curvilienar multiblock not found?";
+inline constexpr const char* noBorderCell =
+    "LocalFromWorldPoint::getNormal() WARNING: Computing normal from a non border cell?";
+inline constexpr const char* intersection =
+    "LocalFromWorldPoint::getBorderIntersectionNormal() INFO: Yep! Got intersection!";
 void creatingUnimapper(unsigned int fragment, double resolution, double precision);
 void creatingTreemapper(unsigned int fragment, double resolution, double precision,
                         const Orvix::PhysicalSpace::vector& scale);
 void creatingExactLocator(unsigned int fragment);
 /// `reason` is null where it is unknown.
 void cannotCreate(const char* what, unsigned int fragment, const char* reason);
-void noBlockForBorders();
-void noBorderCell();
-void intersection();
-
-// Those of evaluations.
 
 inline constexpr std::string_view curvilinearFound = "yayy, curvigrid found!\n";
 inline constexpr std::string_view curvilinearMissed = "GridEvaluator: NO curvilinear 3D location found!\n\n";

@@ -7,8 +7,7 @@
 /// the second, when the storage is there, visits only the words of 64 cells that the level crosses. Both passes deal
 /// out layers to the threads of the team; a thread that begins in the middle numbers the layer before once more.
 
-#include "LevelMask.hpp"
-
+#include <baseop/detail/surface/LevelMask.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/MultiArray.hpp>
 #include <model/vantle/Simplex.hpp>
@@ -88,6 +87,8 @@ public:
     /// Classifies and counts. The data outlive the sweep.
     IsoSweep(const MultiArray<3, T>& data, double level);
 
+    /// Whether the block has cells at all.
+    [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
     [[nodiscard]] index_t vertices() const noexcept { return myLayers.empty() ? 0 : myLayers.back().firstVertex; }
     [[nodiscard]] index_t triangles() const noexcept { return myLayers.empty() ? 0 : myLayers.back().firstTriangle; }
 
@@ -105,7 +106,6 @@ private:
     template<class Positions>
     class VertexQueue;
 
-    [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
     [[nodiscard]] std::size_t layerCount() const noexcept { return mySize[2] - 1; }
     [[nodiscard]] const T* row(std::size_t j, std::size_t k) const noexcept {
         return myValues + (k * mySize[1] + j) * mySize[0] * myStride;

@@ -1,6 +1,5 @@
-#include "IsoSweep.hpp"
-
-#include "MarchingCubesTables.hpp"
+#include <baseop/detail/surface/IsoSweep.hpp>
+#include <baseop/detail/surface/MarchingCubesTables.hpp>
 
 #include <algorithm>
 #include <bit>
