@@ -15,6 +15,7 @@ namespace Vantle {
 /// One named piece of a field. Fields that share a collection share its fragment ids.
 ///
 /// The null handle and the empty name both stand for unfragmented data; every operation accepts the null handle.
+/// Concurrency  name and number never change; attachments are guarded, see `Intercube`.
 class VANTLE_MODEL_API FragmentID : public Hestra::ReferenceBase<FragmentID>, public Hestra::Intercube {
 public:
     explicit FragmentID(std::string name);
@@ -38,6 +39,7 @@ private:
 /// The ordered set of fragment ids of a field; may be shared by several fields.
 ///
 /// Order is that of creation (numerical id ascending), never that of the names.
+/// Concurrency  reading from any number of threads; changing from one thread while nobody reads.
 class VANTLE_MODEL_API FragmentIDCollection : public Hestra::ReferenceBase<FragmentIDCollection> {
 public:
     FragmentIDCollection();
