@@ -9,11 +9,13 @@
 
 #include "LevelMask.hpp"
 
+#include <baseop/BaseOpExport.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/MultiArray.hpp>
 #include <model/vantle/Simplex.hpp>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -21,6 +23,12 @@
 namespace Vantle::detail {
 
 using Point = Orvix::PhysicalSpace::point;
+
+/// The most vertices of a surface: 2^32, since triangles number them by 32 bits. Tests make do with fewer.
+VANTLE_BASEOP_API extern std::atomic<index_t> mostVertices;
+
+/// Throws std::length_error if a surface cannot have so many vertices.
+void checkVertexCount(index_t vertices);
 
 /// How the edges of a block are named: the edge along `axis` from vertex (i, j, k) is
 /// first[axis] + i + j * strideY[axis] + k * strideZ[axis].
