@@ -1,6 +1,7 @@
 #include <baseop/ExpandBBox.hpp>
 #include <baseop/detail/Extremes.hpp>
 #include <model/hestra/Console.hpp>
+#include <model/hestra/Environment.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/DirectProduct.hpp>
 #include <model/vantle/Grid.hpp>

@@ -431,7 +431,9 @@ private:
         std::string messages;
         bool isLocation = false;
         {
-            const Hestra::MessageCapture capture(messages);
+            const Hestra::ScopedListener listener(myOutput.areHeard()
+                                                      ? [&messages](std::string_view text) { messages += text; }
+                                                      : Hestra::Console::Listener());
             for (std::size_t k = begin; k < end;) {
                 std::size_t found = 0;
                 while (k < end && myResults.code[k] != 0 && myResults.code[k] != undecided) {

@@ -1,7 +1,7 @@
-#include "detail/IsoSweep.hpp"
-
 #include <baseop/DataRange.hpp>
 #include <baseop/Isosurface.hpp>
+#include <baseop/detail/surface/IsoSweep.hpp>
+#include <baseop/detail/surface/VertexMerger.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Profiler.hpp>
 
@@ -23,9 +23,9 @@ using Orvix::PhysicalSpace;
 
 namespace {
 
-// Edges of fragments with a place in the whole grid are those of a lattice of so many vertices along each axis: its
-// identifiers are less than 3 * 2^60, and those of other fragments begin there.
-constexpr index_t kLatticeVertices = index_t{1} << 20;
+// Edges of fragments with a place in the whole grid are those of the merger's lattice: their identifiers are less than
+// 3 * 2^60, and those of other fragments begin there.
+constexpr index_t kLatticeVertices = detail::VertexMerger::kVertices;
 constexpr index_t kFirstPrivateIdentifier = index_t{3} << 60;
 
 using AnyPositions = std::variant<std::monostate, StoredPositions, ProductPositions>;
@@ -177,142 +177,13 @@ struct FragmentIsoSurfacer::Fragment {
     std::optional<MultiIndex<3>> place;
 };
 
-/// Finds vertices that fragments on the lattice have in common.
-///
-/// Remembers vertices that a further fragment may have too: those on the faces of fragments, and all of a fragment
-/// once another one overlaps its inside.
-class FragmentIsoSurfacer::Merger {
-public:
-    explicit Merger(FragmentIsoSurfacer& surfacer) : mySurfacer(surfacer) {}
-
-    /// Joins the vertices from `firstVertex` on and corrects the triangles from `firstTriangle` on, those of a new
-    /// fragment, with what is there.
-    void merge(const MultiIndex<3>& place, const MultiIndex<3>& size, std::size_t firstVertex,
-               std::size_t firstTriangle) {
-        std::vector<index_t>& identifiers = mySurfacer.myIdentifiers->base_vector();
-        Box box{place, place + size - 1, firstVertex, firstVertex, false};
-        bool touches = false;
-        for (Box& other : myBoxes) {
-            touches |= other.touches(box);
-            if (!other.overlaps(box)) continue;
-            box.complete = true;
-            if (other.complete) continue;
-            other.complete = true;
-            for (std::size_t v = other.firstVertex; v < other.endVertex; ++v) myIndices.insert(identifiers[v], v);
-        }
-        if (touches) joinVertices(box, firstTriangle);
-        box.endVertex = identifiers.size();
-        for (std::size_t v = firstVertex; v < box.endVertex; ++v)
-            if (box.complete || box.onFace(identifiers[v])) myIndices.insert(identifiers[v], v);
-        myBoxes.push_back(box);
-    }
-
-private:
-    /// Where a fragment lies, ends included, and which vertices it brought.
-    struct Box {
-        MultiIndex<3> low, high;
-        std::size_t firstVertex, endVertex;
-        bool complete; // whether all these vertices are remembered
-
-        [[nodiscard]] bool touches(const Box& other) const noexcept {
-            for (int d = 0; d < 3; ++d)
-                if (low[d] > other.high[d] || other.low[d] > high[d]) return false;
-            return true;
-        }
-        /// Whether the boxes have more in common than faces.
-        [[nodiscard]] bool overlaps(const Box& other) const noexcept {
-            for (int d = 0; d < 3; ++d)
-                if (low[d] >= other.high[d] || other.low[d] >= high[d]) return false;
-            return true;
-        }
-        [[nodiscard]] bool onFace(index_t identifier) const {
-            const detail::GridEdge edge = detail::findEdge(identifier, MultiIndex<3>::filled(kLatticeVertices));
-            for (int d = 0; d < 3; ++d)
-                if (d != edge.axis && (edge.lower[d] == low[d] || edge.lower[d] == high[d])) return true;
-            return false;
-        }
-    };
-
-    /// Vertices by identifier: a table with open addressing.
-    class IndexTable {
-    public:
-        static constexpr index_t npos = ~index_t{0};
-
-        [[nodiscard]] index_t find(index_t identifier) const noexcept {
-            return mySlots.empty() ? npos : mySlots[slot(identifier)].vertex;
-        }
-        /// Adds a vertex unless its edge has one.
-        void insert(index_t identifier, index_t vertex) {
-            if (2 * (mySize + 1) > mySlots.size()) grow();
-            Slot& place = mySlots[slot(identifier)];
-            if (place.vertex != npos) return;
-            place = {identifier, vertex};
-            ++mySize;
-        }
-
-    private:
-        struct Slot {
-            index_t identifier = 0;
-            index_t vertex = npos;
-        };
-        /// That of the identifier, or the free one that it would get.
-        [[nodiscard]] std::size_t slot(index_t identifier) const noexcept {
-            const std::size_t last = mySlots.size() - 1;
-            auto at = static_cast<std::size_t>((identifier * 0x9e3779b97f4a7c15ULL) >> 20) & last;
-            while (mySlots[at].vertex != npos && mySlots[at].identifier != identifier) at = (at + 1) & last;
-            return at;
-        }
-        void grow() {
-            std::vector<Slot> old(std::max<std::size_t>(1024, 2 * mySlots.size()));
-            old.swap(mySlots);
-            for (const Slot& filled : old)
-                if (filled.vertex != npos) mySlots[slot(filled.identifier)] = filled;
-        }
-
-        std::vector<Slot> mySlots; // a power of two
-        std::size_t mySize = 0;
-    };
-
-    void joinVertices(const Box& box, std::size_t firstTriangle) {
-        std::vector<index_t>& identifiers = mySurfacer.myIdentifiers->base_vector();
-        std::vector<double>& weights = mySurfacer.myWeights->base_vector();
-        std::vector<PhysicalSpace::point>& points = mySurfacer.myPoints->base_vector();
-        std::vector<TriangleCell>& triangles = mySurfacer.myTriangles->base_vector();
-
-        std::vector<unsigned int> joined(identifiers.size() - box.firstVertex);
-        std::size_t kept = box.firstVertex;
-        for (std::size_t v = box.firstVertex; v < identifiers.size(); ++v) {
-            index_t known = IndexTable::npos;
-            if (box.complete || box.onFace(identifiers[v])) known = myIndices.find(identifiers[v]);
-            if (known == IndexTable::npos) {
-                known = kept;
-                identifiers[kept] = identifiers[v];
-                weights[kept] = weights[v];
-                points[kept++] = points[v];
-            }
-            joined[v - box.firstVertex] = static_cast<unsigned int>(known);
-        }
-        if (kept == identifiers.size()) return;
-        identifiers.resize(kept);
-        weights.resize(kept);
-        points.resize(kept);
-        for (std::size_t t = firstTriangle; t < triangles.size(); ++t)
-            for (int c = 0; c < 3; ++c)
-                triangles[t][c] = joined[triangles[t][c] - static_cast<unsigned int>(box.firstVertex)];
-    }
-
-    FragmentIsoSurfacer& mySurfacer;
-    std::vector<Box> myBoxes;
-    IndexTable myIndices;
-};
-
 FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const StrongPtr<Field>& positions,
                                          const Chunk<index_t>& edgeIdentifiers, const Chunk<double>& weights,
                                          const Chunk<PhysicalSpace::point>& points,
                                          const Chunk<TriangleCell>& triangles)
     : myLevel(level), myParameter(parameter), myPositions(positions), myIdentifiers(edgeIdentifiers),
       myWeights(weights), myPoints(points), myTriangles(triangles), myRunningOffset(kFirstPrivateIdentifier),
-      myMerger(std::make_unique<Merger>(*this)) {}
+      myMerger(std::make_unique<detail::VertexMerger>()) {}
 
 FragmentIsoSurfacer::~FragmentIsoSurfacer() = default;
 
@@ -428,7 +299,8 @@ void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fr
         fragment.positions);
     if (sweep.vertices() == 0) return;
     if (fragment.place)
-        myMerger->merge(*fragment.place, fragment.size, firstVertex, firstTriangle);
+        myMerger->merge({identifiers, weights, points, triangles}, *fragment.place, fragment.size, firstVertex,
+                        firstTriangle);
     else
         myRunningOffset += edgeCount(fragment.size);
 }

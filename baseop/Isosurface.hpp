@@ -19,6 +19,10 @@
 
 namespace Vantle {
 
+namespace detail {
+class VertexMerger;
+}
+
 // ---- The polygonizer ------------------------------------------------------------------------------------------------
 
 /// The edges of a regular array of vertices, in one sequence: all along axis 0, then axis 1, and so on, each block in
@@ -202,7 +206,6 @@ public:
 
 private:
     struct Fragment;
-    class Merger;
     template<class T>
     bool isSkipped(CreativeArrayBase& creator) const;
     template<class T>
@@ -219,7 +222,7 @@ private:
     Chunk<Orvix::PhysicalSpace::point> myPoints;
     Chunk<TriangleCell> myTriangles;
     index_t myRunningOffset;
-    std::unique_ptr<Merger> myMerger;
+    std::unique_ptr<detail::VertexMerger> myMerger;
 };
 
 /// The surface of a field at a level, as the grid `outputName` of `slice`.
@@ -239,4 +242,4 @@ VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeIsosurface(double level, const 
 
 } // namespace Vantle
 
-#include "detail/EvalVertexFieldOnEdges.hpp"
+#include <baseop/detail/surface/EvalVertexFieldOnEdges.hpp>

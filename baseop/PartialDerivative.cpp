@@ -1,6 +1,5 @@
-#include "detail/ParallelLoop.hpp"
-
 #include <baseop/PartialDerivative.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Representation.hpp>
 

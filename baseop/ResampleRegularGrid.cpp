@@ -1,7 +1,6 @@
-#include "detail/ParallelLoop.hpp"
-
 #include <baseop/Interpolate.hpp>
 #include <baseop/ResampleRegularGrid.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/DirectProduct.hpp>

@@ -7,6 +7,8 @@
 #include <model/hestra/Chunk.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Creator.hpp>
+#include <model/hestra/Diagnostics.hpp>
+#include <model/hestra/Environment.hpp>
 #include <model/hestra/Interface.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/hestra/Reference.hpp>

@@ -5,37 +5,42 @@
 
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Vantle::detail {
 
 /// Takes the messages of the chunks of a loop as they are finished, by any thread, and passes them on in the order of
-/// the chunks, in large pieces: to standard output, or to what captures the messages of the thread that made this.
+/// the chunks, in large pieces. Only the thread that made this does so: who hears that one hears them.
 class OrderedMessages {
 public:
-    explicit OrderedMessages(std::size_t chunks) : mySlots(chunks), myCapture(Hestra::MessageCapture::current()) {}
+    explicit OrderedMessages(std::size_t chunks) : mySlots(chunks) {}
     OrderedMessages(const OrderedMessages&) = delete;
     OrderedMessages& operator=(const OrderedMessages&) = delete;
     /// Passes on what is there, also of a loop that was given up.
     ~OrderedMessages() {
         for (; myNext < mySlots.size(); ++myNext) myPending += mySlots[myNext].text;
-        write(myPending);
+        say(myPending);
     }
+
+    /// Whether anybody hears them.
+    [[nodiscard]] bool areHeard() const noexcept { return myAreHeard; }
 
     /// Each chunk is delivered once.
     void deliver(std::size_t chunk, std::string&& text) {
         const std::lock_guard lock(myMutex);
         mySlots[chunk].text = std::move(text);
         mySlots[chunk].isDone = true;
+        if (std::this_thread::get_id() != myThread) return;
         for (; myNext < mySlots.size() && mySlots[myNext].isDone; ++myNext) {
             const std::string next = std::move(mySlots[myNext].text);
             if (myPending.size() + next.size() < PieceSize) {
                 myPending += next;
                 continue;
             }
-            write(myPending);
+            say(myPending);
             myPending.clear();
-            write(next);
+            say(next);
         }
     }
 
@@ -46,19 +51,16 @@ private:
         bool isDone = false;
     };
 
-    void write(const std::string& text) {
-        if (text.empty()) return;
-        if (myCapture)
-            *myCapture += text;
-        else
-            Hestra::Console::write(text);
+    static void say(const std::string& text) {
+        if (!text.empty()) Hestra::Console::write(text);
     }
 
     std::mutex myMutex;
     std::vector<Slot> mySlots;
     std::string myPending;
     std::size_t myNext = 0;
-    std::string* myCapture;
+    std::thread::id myThread = std::this_thread::get_id();
+    bool myAreHeard = Hestra::Console::isHeard();
 };
 
 } // namespace Vantle::detail

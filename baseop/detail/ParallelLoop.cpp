@@ -1,4 +1,4 @@
-#include "ParallelLoop.hpp"
+#include <baseop/detail/ParallelLoop.hpp>
 
 #include <algorithm>
 #include <atomic>

@@ -1,14 +1,12 @@
 #include <model/hestra/Console.hpp>
-#include <model/hestra/Creator.hpp>
+#include <model/hestra/Environment.hpp>
 
-#include <cerrno>
-#include <climits>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
-#include <cxxabi.h>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -16,37 +14,79 @@ namespace Hestra {
 
 namespace {
 
-thread_local constinit std::string* capturedText = nullptr;
+thread_local constinit const ScopedListener* innermost = nullptr;
+thread_local constinit bool isListening = false; // a listener of this thread is at work: what it says is dropped
 
-void writeOut(const char* text, std::size_t length) {
-    if (capturedText) {
-        capturedText->append(text, length);
-        return;
-    }
-    std::fwrite(text, 1, length, stdout);
-    std::fflush(stdout);
-}
+/// Who hears the threads that have no listener of their own.
+struct ProcessListener {
+    enum class Kind { StandardOutput, Nobody, Function };
 
-struct EnvironmentRegistry {
-    std::mutex mutex;
-    std::map<std::string, std::string> descriptions;
+    std::atomic<Kind> kind{getEnvInteger("VANTLE_MESSAGES",
+                                         "Whether messages are written to standard output.\n"
+                                         "On the command line (sh/bash/ksh), do\n export VANTLE_MESSAGES=0\n"
+                                         "to have none.\n",
+                                         1) != 0
+                               ? Kind::StandardOutput
+                               : Kind::Nobody};
+    std::recursive_mutex mutex; // held while the function is called or replaced
+    std::shared_ptr<const Console::Listener> function;
 };
 
-EnvironmentRegistry& environmentRegistry() {
-    static EnvironmentRegistry registry;
-    return registry;
+// Never destroyed: what ends with the process may still say something.
+ProcessListener& process() {
+    static ProcessListener& listener = *new ProcessListener;
+    return listener;
 }
 
-bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
+void call(const Console::Listener& listener, std::string_view text) noexcept {
+    isListening = true;
+    try {
+        listener(text);
+    } catch (...) { // a message is no reason to fail
+    }
+    isListening = false;
+}
+
+void replace(ProcessListener::Kind kind, Console::Listener function) {
+    ProcessListener& listener = process();
+    auto made = std::make_shared<const Console::Listener>(std::move(function)); // released after the lock
+    const std::lock_guard lock(listener.mutex);
+    listener.kind.store(kind, std::memory_order_release);
+    listener.function.swap(made);
+}
 
 } // namespace
 
+bool Console::isHeard() noexcept {
+    if (isListening) return false;
+    if (innermost) return bool(innermost->myListener);
+    return process().kind.load(std::memory_order_acquire) != ProcessListener::Kind::Nobody;
+}
+
+void Console::write(std::string_view text) {
+    if (!isHeard()) return;
+    if (innermost) {
+        call(innermost->myListener, text);
+        return;
+    }
+    ProcessListener& listener = process();
+    if (listener.kind.load(std::memory_order_acquire) == ProcessListener::Kind::StandardOutput) {
+        std::fwrite(text.data(), 1, text.size(), stdout);
+        std::fflush(stdout);
+        return;
+    }
+    const std::lock_guard lock(listener.mutex);
+    const auto function = listener.function; // it may replace itself
+    if (function && *function) call(*function, text);
+}
+
 const Console& Console::operator<<(const char* text) const {
-    writeOut(text, std::char_traits<char>::length(text));
+    write(text);
     return *this;
 }
 
 void Console::print(const char* format, ...) {
+    if (!isHeard()) return;
     char brief[512];
     va_list arguments;
     va_start(arguments, format);
@@ -55,80 +95,36 @@ void Console::print(const char* format, ...) {
     const int length = std::vsnprintf(brief, sizeof brief, format, arguments);
     va_end(arguments);
     if (length >= 0 && static_cast<std::size_t>(length) < sizeof brief) {
-        writeOut(brief, static_cast<std::size_t>(length));
+        write({brief, static_cast<std::size_t>(length)});
     } else if (length >= 0) {
         std::vector<char> text(static_cast<std::size_t>(length) + 1);
         std::vsnprintf(text.data(), text.size(), format, again);
-        writeOut(text.data(), static_cast<std::size_t>(length));
+        write({text.data(), static_cast<std::size_t>(length)});
     }
     va_end(again);
 }
 
 void Console::puts(std::string_view text) {
+    if (!isHeard()) return;
     char brief[512];
     if (text.size() < sizeof brief) {
         text.copy(brief, text.size());
         brief[text.size()] = '\n';
-        writeOut(brief, text.size() + 1);
+        write({brief, text.size() + 1});
     } else {
-        std::string line(text);
-        line += '\n';
-        writeOut(line.data(), line.size());
+        write(std::string(text) + '\n');
     }
 }
 
-void Console::write(std::string_view text) { writeOut(text.data(), text.size()); }
-
-MessageCapture::MessageCapture(std::string& target) noexcept : myOuter(std::exchange(capturedText, &target)) {}
-MessageCapture::~MessageCapture() { capturedText = myOuter; }
-std::string* MessageCapture::current() noexcept { return capturedText; }
-
-int getEnvInteger(const char* name, const char* description, int fallback) {
-    {
-        auto& registry = environmentRegistry();
-        const std::lock_guard lock(registry.mutex);
-        registry.descriptions[name] = description;
-    }
-    const char* const text = std::getenv(name);
-    if (!text) return fallback;
-    char* end = nullptr;
-    errno = 0;
-    const long value = std::strtol(text, &end, 10);
-    if (end == text || errno == ERANGE || value < INT_MIN || value > INT_MAX) return fallback;
-    while (isBlank(*end)) ++end;
-    return *end ? fallback : static_cast<int>(value);
+void Console::setListener(Listener listener) {
+    const auto kind = listener ? ProcessListener::Kind::Function : ProcessListener::Kind::Nobody;
+    replace(kind, std::move(listener));
 }
 
-std::map<std::string, std::string> environmentHelp() {
-    auto& registry = environmentRegistry();
-    const std::lock_guard lock(registry.mutex);
-    return registry.descriptions;
-}
+void Console::useStandardOutput() { replace(ProcessListener::Kind::StandardOutput, {}); }
 
-std::string Typename(const std::type_info& type) {
-    int status = 0;
-    const std::unique_ptr<char, void (*)(void*)> readable(abi::__cxa_demangle(type.name(), nullptr, nullptr, &status),
-                                                          std::free);
-    return status == 0 && readable ? std::string(readable.get()) : std::string(type.name());
-}
-
-std::string to_address_string(const void* address) {
-    char text[2 + 2 * sizeof(void*) + 1];
-    std::snprintf(text, sizeof text, "0x%llx",
-                  static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address)));
-    return text;
-}
-
-void breakpoint() noexcept {}
-
-MemoryException::MemoryException(std::size_t bytes)
-    : myText("cannot have " + std::to_string(bytes) + " bytes of memory") {}
-MemoryException::~MemoryException() = default;
-
-SaveRegistryBase::~SaveRegistryBase() = default;
-
-void reportCreationFailure(const char* reason) noexcept {
-    std::fprintf(stderr, "creation of data failed: %s\n", reason);
-}
+ScopedListener::ScopedListener(Console::Listener listener) noexcept
+    : myListener(std::move(listener)), myOuter(std::exchange(innermost, this)) {}
+ScopedListener::~ScopedListener() { innermost = myOuter; }
 
 } // namespace Hestra

@@ -1,80 +1,58 @@
 #pragma once
-/// Small services: messages, environment settings, type names, failures of memory.
+/// Messages: what operations say while they work, and who hears it.
 
 #include <model/ModelExport.hpp>
 
-#include <map>
-#include <new>
-#include <string>
+#include <functional>
 #include <string_view>
-#include <typeinfo>
 
 namespace Hestra {
 
-/// The one channel for messages: standard output, each message in one call, flushed.
+/// The one channel for messages. Each is one text, with the line ends that it has, handed over in one piece.
+///
+/// Who hears the messages of a thread: the innermost `ScopedListener` that the thread has made and that still lives;
+/// else the listener of the process. That is standard output, flushed after each message, unless `setListener` said
+/// otherwise or the environment variable `VANTLE_MESSAGES` is 0 when the first message is due: then it is nobody.
+/// Nothing is formed, and nothing is done for a message, that nobody hears.
+///
+/// Concurrency  any number of threads may say something. The listener of the process is called for one message at a
+///              time, by the thread that says it; a scope's only by the thread that made the scope.
 class VANTLE_MODEL_API Console {
 public:
-    /// Writes `text` as it is.
+    /// Takes a message, which it must copy to keep. What it throws is dropped, and so is what it says itself.
+    using Listener = std::function<void(std::string_view)>;
+
+    /// Says `text` as it is.
     const Console& operator<<(const char* text) const;
 
-    /// Writes a printf-style message as it is, in one call, and flushes.
+    /// Says a printf-style message as it is.
     [[gnu::format(printf, 1, 2)]] static void print(const char* format, ...);
-    /// Writes `text` and a line end in one call, and flushes.
+    /// Says `text` and a line end.
     static void puts(std::string_view text);
-    /// Writes `text` as it is in one call, and flushes.
+    /// Says `text` as it is.
     static void write(std::string_view text);
+
+    /// Whether anybody hears this thread: asked before work that only a message needs.
+    [[nodiscard]] static bool isHeard() noexcept;
+
+    /// From now on `listener` hears the process; an empty function is nobody. Waits for a call of the former one.
+    static void setListener(Listener listener);
+    /// From now on standard output hears the process, whatever the environment says.
+    static void useStandardOutput();
 };
 
-/// Collects the messages of the thread that makes it, as long as it lives: they are appended to a text instead of
-/// being written. The innermost one counts.
-///
-/// For loops that run in parallel and yet report in the order of a serial one, and for messages so many that writing
-/// each by itself would cost more than the work they tell about.
-class VANTLE_MODEL_API MessageCapture {
+/// Gives the messages of the thread that makes it to `listener`, as long as it lives; an empty function is nobody.
+class VANTLE_MODEL_API ScopedListener {
 public:
-    /// Appends to `target`, which outlives this object.
-    explicit MessageCapture(std::string& target) noexcept;
-    MessageCapture(const MessageCapture&) = delete;
-    MessageCapture& operator=(const MessageCapture&) = delete;
-    ~MessageCapture();
-
-    /// What the calling thread's messages are appended to; null when they are written at once.
-    [[nodiscard]] static std::string* current() noexcept;
+    explicit ScopedListener(Console::Listener listener) noexcept;
+    ~ScopedListener();
+    ScopedListener(const ScopedListener&) = delete;
+    ScopedListener& operator=(const ScopedListener&) = delete;
 
 private:
-    std::string* myOuter;
-};
-
-/// The environment variable `name` as a decimal integer.
-///
-/// Blanks around the number are allowed. Unset, empty or anything else gives `fallback`. The description is kept
-/// for `environmentHelp`.
-VANTLE_MODEL_API int getEnvInteger(const char* name, const char* description, int fallback);
-/// Name and description of every setting that was asked for so far.
-[[nodiscard]] VANTLE_MODEL_API std::map<std::string, std::string> environmentHelp();
-
-/// The readable name of a type.
-[[nodiscard]] VANTLE_MODEL_API std::string Typename(const std::type_info& type);
-/// The address as hexadecimal text.
-[[nodiscard]] VANTLE_MODEL_API std::string to_address_string(const void* address);
-/// A place to stop at in a debugger; does nothing.
-VANTLE_MODEL_API void breakpoint() noexcept;
-
-/// Thrown when memory for data cannot be had; says how much was asked for.
-class VANTLE_MODEL_API MemoryException : public std::bad_alloc {
-public:
-    explicit MemoryException(std::size_t bytes);
-    ~MemoryException() override;
-    [[nodiscard]] const char* what() const noexcept override { return myText.c_str(); }
-
-private:
-    std::string myText;
-};
-
-/// Base of objects that live in a registry for the time of the process.
-class VANTLE_MODEL_API SaveRegistryBase {
-public:
-    virtual ~SaveRegistryBase();
+    friend class Console;
+    Console::Listener myListener;
+    const ScopedListener* myOuter;
 };
 
 } // namespace Hestra

@@ -1,7 +1,7 @@
 #pragma once
 /// Arrays of known element type and rank: views that keep their memory alive, and owners of a chunk.
 
-#include <model/hestra/Console.hpp>
+#include <model/hestra/Diagnostics.hpp>
 #include <model/vantle/ElementTypes.hpp>
 #include <model/vantle/MultiArray.hpp>
 #include <model/vantle/TypedArray.hpp>

@@ -1,7 +1,7 @@
 // The setting is read when the library is loaded, so each of its values needs a process of its own.
 
 #include <baseop/ExpandBBox.hpp>
-#include <model/hestra/Console.hpp>
+#include <model/hestra/Environment.hpp>
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,5 +1,4 @@
 #include <baseop/ExpandBBox.hpp>
-#include <model/hestra/Console.hpp>
 #include <model/vantle/GridKinds.hpp>
 
 #include <cstring>

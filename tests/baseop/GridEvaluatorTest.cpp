@@ -1,4 +1,5 @@
 #include <baseop/GridEvaluator.hpp>
+#include <model/hestra/Console.hpp>
 
 #include <gtest/gtest.h>
 #include <limits>
@@ -256,7 +257,7 @@ TEST(GridEvaluatorTest, LatticesAreLocatedAsPositionsOneByOne) {
             for (int fragment = 0; fragment < 4 && !location; ++fragment) {
                 if (!said.empty()) {
                     said.clear();
-                    const Hestra::MessageCapture capture(said);
+                    const Hestra::ScopedListener listener([&](std::string_view text) { said += text; });
                     location = locator->locate(lattice->create(k));
                 }
                 expected += said + (location ? found : notFound);
@@ -332,10 +333,10 @@ TEST(GridEvaluatorTest, ThreadsChangeNothing) {
         EXPECT_EQ(values[n], values[0]);
         EXPECT_EQ(statuses[n], statuses[0]);
     }
-    // And what captures the messages of the caller gets them.
+    // And a listener of the caller's thread hears them.
     std::string captured;
     const std::string leaked = outputOf([&] {
-        const Hestra::MessageCapture capture(captured);
+        const Hestra::ScopedListener listener([&](std::string_view text) { captured += text; });
         GridEvaluator().find(points(asked), source.positions(), source.context);
     });
     EXPECT_EQ(leaked, "");

@@ -1,6 +1,6 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/Isosurface.hpp>
-#include <baseop/detail/MarchingCubesTables.hpp>
+#include <baseop/detail/surface/MarchingCubesTables.hpp>
 #include <model/vantle/GridKinds.hpp>
 
 #include <cmath>

@@ -1,9 +1,13 @@
 #include <model/hestra/Console.hpp>
+#include <model/hestra/Environment.hpp>
 #include <model/hestra/Profiler.hpp>
 
+#include <algorithm>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <stdexcept>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -18,30 +22,71 @@ TEST(ConsoleTest, WritesTextsAsTheyAreOfAnyLength) {
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "a7b\n100% as is\n<" + longText + ">" + longText + "\n");
 }
 
-// Each thread collects its own messages, and the innermost collector gets them.
-TEST(ConsoleTest, MessagesOfAThreadCanBeCaptured) {
+// The innermost scope of a thread hears its messages, threads without one are heard by the process.
+TEST(ConsoleTest, AScopeHearsItsOwnThread) {
+    const auto into = [](std::string& text) { return [&text](std::string_view said) { text += said; }; };
     testing::internal::CaptureStdout();
     std::string outer, inner, other;
     {
-        const Hestra::MessageCapture capture(outer);
+        const Hestra::ScopedListener listener(into(outer));
         Hestra::Console::puts("one");
         {
-            const Hestra::MessageCapture nested(inner);
-            EXPECT_EQ(Hestra::MessageCapture::current(), &inner);
+            const Hestra::ScopedListener nested(into(inner));
             Hestra::Console::print("%d", 2);
         }
+        {
+            const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
+            EXPECT_FALSE(Hestra::Console::isHeard());
+            Hestra::Console::puts("to the wind");
+        }
+        EXPECT_TRUE(Hestra::Console::isHeard());
         Hestra::Console::write("three\n");
         std::thread([&] {
-            EXPECT_EQ(Hestra::MessageCapture::current(), nullptr);
-            const Hestra::MessageCapture own(other);
-            Hestra::Console() << "four";
+            Hestra::Console::write("four");
+            const Hestra::ScopedListener own(into(other));
+            Hestra::Console() << "five";
         }).join();
     }
-    Hestra::Console::write("five");
+    Hestra::Console::write("six");
     EXPECT_EQ(outer, "one\nthree\n");
     EXPECT_EQ(inner, "2");
-    EXPECT_EQ(other, "four");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "five");
+    EXPECT_EQ(other, "five");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "foursix");
+}
+
+// One call at a time, whatever it does: it may throw, say something, or replace itself.
+TEST(ConsoleTest, TheListenerOfTheProcessHearsAllThreads) {
+    testing::internal::CaptureStdout();
+    std::vector<std::string> heard;
+    bool isBusy = false, isOverlapping = false;
+    Hestra::Console::setListener([&](std::string_view text) {
+        isOverlapping |= std::exchange(isBusy, true);
+        Hestra::Console::puts("an echo");
+        heard.emplace_back(text);
+        isBusy = false;
+        throw std::runtime_error("dropped");
+    });
+    std::vector<std::thread> threads;
+    for (int n = 0; n < 4; ++n)
+        threads.emplace_back([] {
+            for (int k = 0; k < 100; ++k) Hestra::Console::print("%d\n", k);
+        });
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(heard.size(), 400u);
+    EXPECT_EQ(std::count(heard.begin(), heard.end(), "99\n"), 4);
+    EXPECT_FALSE(isOverlapping);
+
+    int calls = 0;
+    Hestra::Console::setListener([&calls](std::string_view) {
+        Hestra::Console::setListener({});
+        ++calls;
+    });
+    for (int k = 0; k < 3; ++k) Hestra::Console::puts("once");
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(Hestra::Console::isHeard());
+    Hestra::Console::useStandardOutput();
+    Hestra::Console::write("aloud");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "aloud");
 }
 
 TEST(EnvironmentTest, OnlyWholeDecimalIntegersCount) {
@@ -85,7 +130,5 @@ TEST(ProfilerTest, ScopesNestAndAreCountedOnlyWhenSwitchedOn) {
     EXPECT_EQ(table[1].line, 10u);
     EXPECT_GE(table[1].seconds, table[0].seconds);
 }
-
-TEST(TypenameTest, IsReadable) { EXPECT_EQ(Hestra::Typename(typeid(unsigned long long)), "unsigned long long"); }
 
 } // namespace

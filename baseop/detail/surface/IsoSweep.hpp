@@ -7,9 +7,8 @@
 /// the second, when the storage is there, visits only the words of 64 cells that the level crosses. Both passes deal
 /// out layers to the threads of the team; a thread that begins in the middle numbers the layer before once more.
 
-#include "LevelMask.hpp"
-
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/detail/surface/LevelMask.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/MultiArray.hpp>
 #include <model/vantle/Simplex.hpp>

@@ -1,6 +1,5 @@
-#include "MarchingCubesTables.hpp"
-
 #include <baseop/Isosurface.hpp>
+#include <baseop/detail/surface/MarchingCubesTables.hpp>
 
 namespace Vantle {
 

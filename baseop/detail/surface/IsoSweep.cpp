@@ -1,7 +1,6 @@
-#include "IsoSweep.hpp"
-
-#include "MarchingCubesTables.hpp"
-#include "ParallelLoop.hpp"
+#include <baseop/detail/ParallelLoop.hpp>
+#include <baseop/detail/surface/IsoSweep.hpp>
+#include <baseop/detail/surface/MarchingCubesTables.hpp>
 
 #include <algorithm>
 #include <bit>

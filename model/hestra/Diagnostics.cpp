@@ -1,0 +1,38 @@
+#include <model/hestra/Creator.hpp>
+#include <model/hestra/Diagnostics.hpp>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cxxabi.h>
+#include <memory>
+
+namespace Hestra {
+
+std::string Typename(const std::type_info& type) {
+    int status = 0;
+    const std::unique_ptr<char, void (*)(void*)> readable(abi::__cxa_demangle(type.name(), nullptr, nullptr, &status),
+                                                          std::free);
+    return status == 0 && readable ? std::string(readable.get()) : std::string(type.name());
+}
+
+std::string to_address_string(const void* address) {
+    char text[2 + 2 * sizeof(void*) + 1];
+    std::snprintf(text, sizeof text, "0x%llx",
+                  static_cast<unsigned long long>(reinterpret_cast<std::uintptr_t>(address)));
+    return text;
+}
+
+void breakpoint() noexcept {}
+
+MemoryException::MemoryException(std::size_t bytes)
+    : myText("cannot have " + std::to_string(bytes) + " bytes of memory") {}
+MemoryException::~MemoryException() = default;
+
+SaveRegistryBase::~SaveRegistryBase() = default;
+
+void reportCreationFailure(const char* reason) noexcept {
+    std::fprintf(stderr, "creation of data failed: %s\n", reason);
+}
+
+} // namespace Hestra
