@@ -1,6 +1,7 @@
 #include <model/hestra/Cache.hpp>
 
 #include <atomic>
+#include <type_traits>
 #include <utility>
 
 namespace Hestra {
@@ -39,10 +40,8 @@ struct OpenOperations {
     std::mutex mutex;
     Cache::Operation* first = nullptr;
 };
-OpenOperations& openOperations() {
-    static OpenOperations* const open = new OpenOperations; // never destroyed: caches may drop later
-    return *open;
-}
+constinit OpenOperations openOperations; // made and ended without code: caches may drop at any time
+static_assert(std::is_trivially_destructible_v<OpenOperations>);
 
 std::uint64_t newOperation() noexcept { return lastOperation.fetch_add(1, std::memory_order_relaxed) + 1; }
 
@@ -51,18 +50,16 @@ std::uint64_t newOperation() noexcept { return lastOperation.fetch_add(1, std::m
 Cache::Operation::Operation() noexcept {
     if (currentOperation) return;
     myNumber = newOperation();
-    OpenOperations& open = openOperations();
-    const std::lock_guard lock(open.mutex);
-    myNext = std::exchange(open.first, this);
+    const std::lock_guard lock(openOperations.mutex);
+    myNext = std::exchange(openOperations.first, this);
     currentOperation = this;
 }
 
 Cache::Operation::~Operation() {
     if (!myNumber) return;
     currentOperation = nullptr;
-    OpenOperations& open = openOperations();
-    const std::lock_guard lock(open.mutex);
-    Operation** link = &open.first;
+    const std::lock_guard lock(openOperations.mutex);
+    Operation** link = &openOperations.first;
     while (*link != this) link = &(*link)->myNext;
     *link = myNext;
 }
@@ -159,12 +156,11 @@ void Cache::shrink(std::uint64_t operation, Entries& dropped) noexcept {
     if (myBytes <= myLimit) return;
     for (Entry& entry : myEntries) entry.use = entry.data->lastUse(); // which may change while they are sorted
     myEntries.sort([](const Entry& a, const Entry& b) { return a.use < b.use; });
-    OpenOperations& open = openOperations();
-    const std::lock_guard lock(open.mutex);
+    const std::lock_guard lock(openOperations.mutex);
     const auto isKept = [&](const Entry& entry) {
         if (!operation) return false;
         if (entry.operation == operation) return true;
-        const Operation* at = open.first;
+        const Operation* at = openOperations.first;
         while (at && at->myNumber != entry.operation) at = at->myNext;
         return at != nullptr;
     };
