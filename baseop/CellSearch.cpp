@@ -28,7 +28,7 @@ public:
     explicit BlockIterator(F function) : myFunction(std::move(function)) {}
     bool apply(unsigned int index, const StrongPtr<CreativeArrayBase>& creator) override {
         if (!creator) return true;
-        const StrongPtr<MemBase> data = creator->create(false);
+        const StrongPtr<MemBase> data = creator->getData();
         if (const auto* const block = dynamic_cast<const Block*>(data.rawptr())) myFunction(index, *block, data);
         return true;
     }

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <type_traits>
 #include <vector>
 
@@ -122,6 +123,20 @@ MinMax<T> rangeOf(const Iterator<T>& elements) {
 
 } // namespace
 
+namespace {
+
+/// Greater than all other values of the type, or less.
+template<class T>
+constexpr T kBeyond = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
+                                                           : std::numeric_limits<T>::max();
+template<class T>
+constexpr T kBelow = std::numeric_limits<T>::has_infinity ? static_cast<T>(-kBeyond<T>)
+                                                          : std::numeric_limits<T>::lowest();
+
+} // namespace
+
+template<class T>
+DataRange<T>::DataRange() : DataRange(kBeyond<T>, kBelow<T>) {}
 template<class T>
 DataRange<T>::DataRange(T min, T max) : myMin(min), myMax(max) {}
 template<class T>
@@ -130,21 +145,18 @@ DataRange<T>::~DataRange() = default;
 template<class T>
 WeakPtr<DataRange<T>> DataRange<T>::compute(CreativeArrayBase& creator, bool requestInBackground, bool doNotCreate) {
     const Hestra::Profiler scope("baseop/DataRange", __LINE__, "DataRange::compute(creator)", __PRETTY_FUNCTION__);
-    const StrongPtr<VantleTypeBase> type = creator.getVantleType();
-    if (!type || !type->isType(typeid(T))) return {};
+    const auto suits = [](const StrongPtr<VantleTypeBase>& type) { return type && type->isType(typeid(T)); };
+    // A creator that announces nothing is asked for its data: there is no other way to know them.
+    if (creator.elementType() && !suits(creator.getVantleType())) return {};
 
-    StrongPtr<MemBase> data = creator.cachedData();
-    if (!data) {
-        if (doNotCreate) return {};
-        if (requestInBackground) {
-            StrongPtr<MemBase> later;
-            creator.request(later);
-            return {};
-        }
-        data = creator.create(false);
+    const bool isOnlyAsked = requestInBackground || doNotCreate;
+    const StrongPtr<MemBase> data = isOnlyAsked ? creator.cachedData() : creator.getData();
+    if (!data && requestInBackground && !doNotCreate) {
+        StrongPtr<MemBase> later;
+        creator.request(later);
     }
     const auto* const array = dynamic_cast<const TypedArray<T>*>(data.rawptr());
-    if (!array || array->getIterator().empty()) return {};
+    if (!array || !suits(array->getVantleType()) || array->getIterator().empty()) return {};
 
     const MinMax<T> found = rangeOf<T>(array->getIterator());
     const StrongPtr<DataRange> range(new DataRange(found.min, found.max));

@@ -18,6 +18,8 @@ namespace Vantle {
 template<class T>
 class VANTLE_BASEOP_API DataRange : public DataRangeBase {
 public:
+    /// The range of no values, which takes over whatever it is expanded by.
+    DataRange();
     DataRange(T min, T max);
     ~DataRange() override;
 
@@ -32,8 +34,9 @@ public:
     ///             in order; so with NaN (and with zeros of both signs) the result depends on the number of threads,
     ///             also where the data are so few that one thread folds all blocks. It is otherwise the same for any
     ///             number.
-    /// Failure     empty when the creator announces another element type or none, when there are no elements, and when
-    ///             the data do not exist and are not made. No messages.
+    /// Failure     empty when the creator announces another element type (the data are not made then), or has data of
+    ///             another one, when there are no elements, and when the data do not exist and are not made. No
+    ///             messages.
     /// Cost        one pass over the data, at the speed of memory; from 1 MB on by several threads. With strides (one
     ///             component of several) one element after the other.
     ///

@@ -104,7 +104,7 @@ EvalFragment::~EvalFragment() = default;
 
 bool EvalFragment::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& positionsCreator) {
     if (!mySourcePositions || !mySourceField || !myTarget || !positionsCreator) return true;
-    const StrongPtr<MemBase> positions = positionsCreator->create(false);
+    const StrongPtr<MemBase> positions = positionsCreator->getData();
     if (!positions) return true;
     GridEvaluator evaluator;
     if (!evaluator.find(positions, *mySourcePositions, myContext)) return true;
@@ -113,18 +113,6 @@ bool EvalFragment::apply(const StrongPtr<FragmentID>& id, const StrongPtr<Creati
     myTarget->setPersistentData(values, id);
     ++myEvaluated;
     return true;
-}
-
-std::vector<std::string> getSkeletonFields(const StrongPtr<Skeleton>& skeleton, const StrongPtr<Chart>& chart,
-                                           const FieldSelector& selector, const std::set<std::string>& excluded) {
-    std::vector<std::string> names;
-    const auto representation = skeleton && chart ? skeleton->findRepresentation(*chart) : nullptr;
-    if (!representation) return names;
-    representation->iterate([&](const FieldID& id, const Field&) {
-        if (selector.accepts(id.name()) && !excluded.contains(id.name())) names.push_back(id.name());
-        return true;
-    });
-    return names;
 }
 
 } // namespace Vantle

@@ -8,9 +8,7 @@
 #include <baseop/GridEvaluator.hpp>
 #include <model/vantle/Bundle.hpp>
 
-#include <set>
 #include <string>
-#include <vector>
 
 namespace Vantle {
 
@@ -61,11 +59,5 @@ private:
     GridEvaluator::Context myContext;
     std::size_t myEvaluated = 0;
 };
-
-/// The names of the fields of a skeleton in a chart that the selector accepts, sorted, without those in `excluded`.
-/// Empty when there is no such representation.
-[[nodiscard]] VANTLE_BASEOP_API std::vector<std::string>
-getSkeletonFields(const Hestra::StrongPtr<Skeleton>& skeleton, const Hestra::StrongPtr<Chart>& chart,
-                  const FieldSelector& selector = FieldSelector(), const std::set<std::string>& excluded = {});
 
 } // namespace Vantle

@@ -49,6 +49,7 @@ public:
 };
 
 StrongPtr<BoundingBox> attachedBox(const Hestra::Intercube& owner) {
+    if (StrongPtr<BoundingBox> box = owner.findInterface<BoundingBox>()) return box;
     return Hestra::dynamicCast<BoundingBox>(owner.findInterface(typeid(BoundingBall)));
 }
 
@@ -200,6 +201,16 @@ StrongPtr<BoundingBox> boxOf(Field& field) {
     return box;
 }
 
+/// The unfragmented positions if they are a uniform direct product. They are made only if they may be.
+StrongPtr<UniformPositions> uniformPositions(const Field& field) {
+    const StrongPtr<CreativeArrayBase> creator = field.getCreator(nullptr);
+    if (!creator) return nullptr;
+    const VantleTypeIndex type = creator->elementType();
+    const int rank = getSize(*creator).rank();
+    if ((type != typeid(void) && type != typeid(PhysicalSpace::point)) || (rank != 0 && rank != 3)) return nullptr;
+    return Hestra::dynamicCast<UniformPositions>(creator->getData());
+}
+
 } // namespace
 
 StrongPtr<BoundingBox> ComputeBBox(const StrongPtr<MemBase>& array) {
@@ -232,7 +243,7 @@ bool ExpandBBox(StrongPtr<BoundingBox>& box, CreativeArrayBase& creator, DataCre
             return true;
         }
 
-    const StrongPtr<MemBase> data = mode == CreateData ? creator.create(false) : creator.cachedData();
+    const StrongPtr<MemBase> data = mode == CreateData ? creator.getData() : creator.cachedData();
     if (!data) return false;
     const Hestra::Ref<BoundingBox> computed = Hestra::makeRef<BoundingBox>();
     switch (boxOfData(*data, *computed)) {
@@ -255,15 +266,14 @@ bool ExpandBBox(StrongPtr<BoundingBox>& box, CreativeArrayBase& creator, DataCre
     return true;
 }
 
-BBoxExpander::BBoxExpander(const StrongPtr<BoundingBox>& start) {
-    if (start && !start->isEmpty()) myBox = Hestra::makeRef<BoundingBox>(start->minCoord(), start->maxCoord());
-}
-
-BBoxExpander::BBoxExpander(const StrongPtr<BoundingBall>& start)
-    : BBoxExpander(Hestra::dynamicCast<BoundingBox>(start)) {
-    if (!start || Hestra::dynamicCast<BoundingBox>(start)) return;
-    const PhysicalSpace::vector radius(start->radius(), start->radius(), start->radius());
-    myBox = Hestra::makeRef<BoundingBox>(start->center() - radius, start->center() + radius);
+BBoxExpander::BBoxExpander(const StrongPtr<BoundingBall>& start) {
+    if (!start) return;
+    if (const auto box = Hestra::dynamicCast<BoundingBox>(start)) {
+        myBox = Hestra::makeRef<BoundingBox>(*box);
+    } else {
+        const PhysicalSpace::vector radius(start->radius(), start->radius(), start->radius());
+        myBox = Hestra::makeRef<BoundingBox>(start->center() - radius, start->center() + radius);
+    }
 }
 
 BBoxExpander::BBoxExpander(Field& field) {
@@ -320,9 +330,9 @@ StrongPtr<BoundingBox> getBoundingBox(const Grid& grid, const StrongPtr<Chart>& 
 
 StrongPtr<BoundingBox> getFragmentBBox(const StrongPtr<FragmentID>& fragment,
                                        const StrongPtr<CreativeArrayBase>& creator, const Field& field) {
-    const auto positions = Hestra::dynamicCast<UniformPositions>(field.getData(nullptr));
-    const auto place = positions && fragment ? fragment->findInterface<FragmentLocation<3, IndexOffset>>() : nullptr;
-    if (!place) {
+    const auto place = fragment ? fragment->findInterface<FragmentLocation<3, IndexOffset>>() : nullptr;
+    const auto positions = place ? uniformPositions(field) : nullptr;
+    if (!positions) {
         StrongPtr<BoundingBox> box;
         if (creator) ExpandBBox(box, *creator, CreateData);
         return box;
@@ -343,19 +353,5 @@ StrongPtr<BoundingBox> getFragmentBBox(const StrongPtr<FragmentID>& fragment,
     box->updateBall();
     return box;
 }
-
-template<int N>
-bool makeSizeInterface(MultiIndex<N>& size, CreativeArrayBase& creator) {
-    if (const auto known = creator.findInterface<SizeInterface>(); known && known->size().get(size)) return true;
-    const StrongPtr<MemBase> array = creator.create(false);
-    if (!array || !array->getDynamicSize().get(size)) return false;
-    creator.addInterface(Hestra::makeRef<SizeInterface>(array->getDynamicSize()));
-    return true;
-}
-
-template bool makeSizeInterface<1>(MultiIndex<1>&, CreativeArrayBase&);
-template bool makeSizeInterface<2>(MultiIndex<2>&, CreativeArrayBase&);
-template bool makeSizeInterface<3>(MultiIndex<3>&, CreativeArrayBase&);
-template bool makeSizeInterface<4>(MultiIndex<4>&, CreativeArrayBase&);
 
 } // namespace Vantle

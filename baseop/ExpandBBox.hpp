@@ -5,13 +5,15 @@
 /// creator declares in its attribute "Range", and only then the points. So a field with declared ranges has a box
 /// without any of its data being made.
 ///
-/// Attached boxes are shared: everything here returns or widens copies.
+/// Attached boxes are shared: everything here returns copies, and widens copies and what the caller gave.
 /// Failure      null boxes and `false` for missing or unsupported data and for null handles; no exceptions.
 /// Concurrency  results are attached to the objects: compute the box of one field from one thread at a time.
 
 #include <baseop/BaseOpExport.hpp>
 #include <model/orvix/BoundingBox.hpp>
 #include <model/vantle/Fragment.hpp>
+
+#include <type_traits>
 
 namespace Vantle {
 
@@ -49,8 +51,12 @@ VANTLE_BASEOP_API bool ExpandBBox(Hestra::StrongPtr<Orvix::BoundingBox>& box, Cr
 class VANTLE_BASEOP_API BBoxExpander : public FragmentIterator {
 public:
     BBoxExpander() = default;
-    /// Starts from a copy of `start`; from nothing if that is null.
-    explicit BBoxExpander(const Hestra::StrongPtr<Orvix::BoundingBox>& start);
+    /// Starts from `start` itself, which is widened; from nothing if that is null.
+    explicit BBoxExpander(const Hestra::StrongPtr<Orvix::BoundingBox>& start) : myBox(start) {}
+    /// The same for everything that a handle to a box is made from: a new object, another kind of handle, null.
+    template<class Handle>
+    requires std::is_convertible_v<const Handle&, Hestra::StrongPtr<Orvix::BoundingBox>>
+    explicit BBoxExpander(const Handle& start) : BBoxExpander(Hestra::StrongPtr<Orvix::BoundingBox>(start)) {}
     /// Starts from the ball's box: a copy if it is one, else the cube around the ball.
     explicit BBoxExpander(const Hestra::StrongPtr<Orvix::BoundingBall>& start);
     /// Starts from the box of the field.
@@ -99,21 +105,12 @@ getBoundingBox(const Grid& grid, const Hestra::StrongPtr<Chart>& chart);
 /// The box of one fragment of a field of positions.
 ///
 /// Where the unfragmented positions are a uniform direct product, the box follows from the fragment's place in it
-/// (`FragmentLocation<3, IndexOffset>`) and its size, and nothing is created but, if the creator does not tell, the
-/// fragment's array once for its size. Otherwise, and for a fragment without place, as by `ExpandBBox`.
+/// (`FragmentLocation<3, IndexOffset>`) and its size, and nothing is created but these positions and, if the creator
+/// does not tell, the fragment's array once for its size. Otherwise, and for a fragment without place, as by
+/// `ExpandBBox`; unfragmented data that announce to be no points of rank 3 are not made.
 /// Failure  null; with a message when the size cannot be had.
 [[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<Orvix::BoundingBox>
 getFragmentBBox(const Hestra::StrongPtr<FragmentID>& fragment, const Hestra::StrongPtr<CreativeArrayBase>& creator,
                 const Field& field);
-
-/// Sets `size` to the extents of the creator's array of rank `N` and attaches them to the creator as `SizeInterface`,
-/// so that the array is made and looked at once at most. False, and `size` unchanged, when it has no such array.
-template<int N>
-[[nodiscard]] VANTLE_BASEOP_API bool makeSizeInterface(MultiIndex<N>& size, CreativeArrayBase& creator);
-
-extern template bool makeSizeInterface<1>(MultiIndex<1>&, CreativeArrayBase&);
-extern template bool makeSizeInterface<2>(MultiIndex<2>&, CreativeArrayBase&);
-extern template bool makeSizeInterface<3>(MultiIndex<3>&, CreativeArrayBase&);
-extern template bool makeSizeInterface<4>(MultiIndex<4>&, CreativeArrayBase&);
 
 } // namespace Vantle

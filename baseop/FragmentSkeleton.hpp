@@ -36,8 +36,9 @@ public:
         }
     };
 
-    /// Only keeps the handle.
+    /// Only keeps a handle.
     explicit FragmentSkeleton(const Hestra::StrongPtr<Grid>& grid);
+    explicit FragmentSkeleton(Grid& grid) : FragmentSkeleton(Hestra::StrongPtr<Grid>(&grid)) {}
 
     /// The skeleton of the fragments of the grid's vertices, made when missing. Throws `NoVertices`.
     static Hestra::StrongPtr<Skeleton> makeFragments(Grid& grid);

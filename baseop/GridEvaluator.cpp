@@ -87,7 +87,7 @@ public:
     /// Creates the coordinates if need be, once a search.
     [[nodiscard]] Kind kind() {
         if (!myIsKnown.load(std::memory_order_acquire)) {
-            FragmentCoordinates found(myCreator ? myCreator->create(false) : nullptr);
+            FragmentCoordinates found(myCreator ? myCreator->getData() : nullptr);
             const std::lock_guard lock(myMutex);
             if (!myIsKnown.load(std::memory_order_relaxed)) {
                 myCoordinates = std::move(found);
@@ -534,7 +534,7 @@ const LocalFromWorldPoint& FragmentSearchBase::locator() {
 
 int FragmentSearch<point>::Contains(const point& p, const StrongPtr<CreativeArrayBase>& fragmentCreator,
                                     FractionalIndex& index) {
-    const FragmentCoordinates coordinates(fragmentCreator ? fragmentCreator->create(false) : nullptr);
+    const FragmentCoordinates coordinates(fragmentCreator ? fragmentCreator->getData() : nullptr);
     switch (kindOf(coordinates)) {
     case Kind::Uniform:
         return claims(*coordinates.uniform, p, index) ? GridEvaluator::Located : GridEvaluator::NotLocated;

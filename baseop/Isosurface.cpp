@@ -84,16 +84,33 @@ bool isValid(const StrongPtr<Field>& field) {
     return creator && creator->isValid();
 }
 
-/// The positions field of a surface that can be used as it is, or null.
-StrongPtr<Field> findSurface(const Grid& grid) {
-    const auto vertices = grid.findVertices(2);
-    const auto triangles = grid.getSkeleton(SkeletonID(2, 1));
-    if (!vertices || !triangles) return {};
-    const auto inSpace = grid.getCartesianRepresentation(*vertices);
-    const auto ofVertices = triangles->findRepresentation(*vertices);
-    if (!inSpace || !ofVertices) return {};
-    const auto positions = inSpace->Positions();
-    return isValid(positions) && isValid(ofVertices->Positions()) ? positions : StrongPtr<Field>();
+/// The two halves of a surface, null where there are none.
+struct SurfaceFields {
+    explicit SurfaceFields(const Grid& grid) {
+        const auto vertices = grid.findVertices(2);
+        const auto skeleton = grid.getSkeleton(SkeletonID(2, 1));
+        if (!vertices || !skeleton) return;
+        const auto inSpace = grid.getCartesianRepresentation(*vertices);
+        const auto ofVertices = skeleton->findRepresentation(*vertices);
+        if (inSpace) points = inSpace->Positions();
+        if (ofVertices) triangles = ofVertices->Positions();
+    }
+
+    StrongPtr<Field> points, triangles;
+};
+
+/// Whether there is a value above the level. Looks at pieces that vector lanes take at once.
+template<class T>
+bool anyAbove(const MultiArray<3, T>& data, double level) {
+    constexpr std::size_t kPiece = 1024;
+    const auto stride = static_cast<std::size_t>(data.stride()), count = static_cast<std::size_t>(data.nElements());
+    for (std::size_t begin = 0; begin < count; begin += kPiece) {
+        const std::size_t end = std::min(count, begin + kPiece);
+        bool above = false;
+        for (std::size_t n = begin; n < end; ++n) above |= static_cast<double>(data.data()[n * stride]) > level;
+        if (above) return true;
+    }
+    return false;
 }
 
 } // namespace
@@ -187,34 +204,29 @@ FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const S
 
 FragmentIsoSurfacer::~FragmentIsoSurfacer() = default;
 
-namespace {
-
+/// Whether all values of a known range lie on one side of the level.
 template<class Range>
-bool excludes(const Range& range, double level) {
-    return range && (level < range->getMinf() || level > range->getMaxf());
+bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<Range>& range) {
+    if (!range) return false;
+    const double min = range->getMinf(), max = range->getMaxf();
+    myReachesAbove = myReachesAbove || min > myLevel || max > myLevel;
+    return myLevel < min || myLevel > max;
 }
-
-template<class T>
-bool isKnownToExclude(const CreativeArrayBase& creator, double level) {
-    return excludes(DataRange<T>::get(creator).lock(), level);
-}
-
-} // namespace
 
 /// Whether the range of data that exist excludes the level.
 template<class T>
-bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) const {
+bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
     if constexpr (std::is_same_v<T, double>) {
         if (DataRange<double>::get(creator)) return false; // asked before the data were made
         const auto range = DataRange<double>::compute(creator, false, false).lock();
-        if (!excludes(range, myLevel)) return false;
+        if (!excludesLevel(range)) return false;
         Console::print("SKIP Iso Retrieve: Data are [%lg, %lg], level is %lg\n", range->getMinf(), range->getMaxf(),
                        myLevel);
         return true;
     } else if constexpr (std::is_same_v<T, unsigned char>) {
-        return excludes(DataRange<unsigned char>::compute(creator, false, false).lock(), myLevel);
+        return excludesLevel(DataRange<unsigned char>::compute(creator, false, false).lock());
     } else if constexpr (std::is_same_v<T, unsigned short>) {
-        return excludes(DataRange<unsigned short>::retrieve(creator, false, false).lock(), myLevel);
+        return excludesLevel(DataRange<unsigned short>::retrieve(creator, false, false).lock());
     } else {
         return false;
     }
@@ -222,11 +234,12 @@ bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) const {
 
 bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
     if (!creator) return true;
-    if (isKnownToExclude<double>(*creator, myLevel) || isKnownToExclude<float>(*creator, myLevel)) {
+    if (excludesLevel(DataRange<double>::get(*creator).lock()) ||
+        excludesLevel(DataRange<float>::get(*creator).lock())) {
         Console::puts("SKIP Iso");
         return true;
     }
-    const StrongPtr<MemBase> data = creator->create(false);
+    const StrongPtr<MemBase> data = creator->getData();
     if (!data) return true;
     const auto* const regular = dynamic_cast<const MemArrayBase<3>*>(data.rawptr());
     if (!regular) throw static_cast<const char*>("Isodata are not 3D");
@@ -281,6 +294,9 @@ void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fr
 
     const IsoSweep<T> sweep(data, myLevel);
     detail::checkVertexCount(firstVertex + sweep.vertices());
+    // Cells without a surface are all below or all not: then the first value tells for all.
+    const bool below = sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
+    if (!myReachesAbove && !below) myReachesAbove = anyAbove(data, myLevel);
     extend(identifiers, sweep.vertices());
     extend(weights, sweep.vertices());
     extend(points, sweep.vertices());
@@ -329,9 +345,10 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     const StrongPtr<Field> field = inputGrid(fieldName);
     if (!field) throw IsoException(2);
 
+    const auto age = std::max(field->age(), requestedAge.age());
     if (const StrongPtr<Grid> known = slice(outputName)) {
-        const StrongPtr<Field> surface = findSurface(*known);
-        if (surface && surface->age() >= field->age() && surface->age() >= requestedAge.age()) return known;
+        const SurfaceFields surface(*known);
+        if (isValid(surface.points) && isValid(surface.triangles) && surface.points->age() >= age) return known;
     }
 
     const StrongPtr<Grid> output = slice.newGrid(outputName);
@@ -339,14 +356,20 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     (*output)[SkeletonID(2, 1)];
     Console::puts("*********************** RECOMPUTING ISOSURFACE ****************************");
 
+    const auto points = Hestra::makeRef<Hestra::TypedChunk<PhysicalSpace::point>>();
+    const auto triangles = Hestra::makeRef<Hestra::TypedChunk<TriangleCell>>();
     FragmentIsoSurfacer surfacer(level, parameter, positions, Hestra::makeRef<Hestra::TypedChunk<index_t>>().strong(),
-                                 Hestra::makeRef<Hestra::TypedChunk<double>>().strong(),
-                                 Hestra::makeRef<Hestra::TypedChunk<PhysicalSpace::point>>().strong(),
-                                 Hestra::makeRef<Hestra::TypedChunk<TriangleCell>>().strong());
+                                 Hestra::makeRef<Hestra::TypedChunk<double>>().strong(), points.strong(),
+                                 triangles.strong());
     field->iterate(surfacer);
+    if (!surfacer.reachesAbove()) {
+        points->base_vector() = {};
+        triangles->base_vector() = {};
+    }
     surfacer.setFields(*output);
-    if (const StrongPtr<Field> surface = output->CartesianPositions())
-        surface->raiseAge(std::max(field->age(), requestedAge.age()));
+    const SurfaceFields surface(*output);
+    surface.points->raiseAge(age);
+    surface.triangles->raiseAge(age);
     return output;
 }
 

@@ -5,15 +5,18 @@
 /// positions, and any other quantity, are evaluated on the edges afterwards.
 
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/detail/surface/MarchingCubesTables.hpp>
 #include <model/hestra/Chunk.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/DirectProduct.hpp>
 #include <model/vantle/MemArray.hpp>
 
+#include <concepts>
 #include <exception>
 #include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -40,34 +43,52 @@ template<int N>
 
 } // namespace RegularTopology
 
-/// A scalar array together with the level at which it is explored. `Array` is a view, and is copied.
+/// A scalar array together with the level at which it is explored, 0 by default. The array is viewed, and outlives the
+/// explorer.
 template<class Array>
 class FieldExplorer {
+    using Element = typename Array::value_type;
+
 public:
+    /// What is copied of the array: a view of its elements.
+    using View = std::conditional_t<std::is_base_of_v<MultiArray<3, Element>, Array>, MultiArray<3, Element>, Array>;
+
+    explicit FieldExplorer(const Array& data) : FieldExplorer(data, 0.0) {}
     FieldExplorer(const Array& data, double level) : myData(data), myLevel(level) {}
 
-    [[nodiscard]] const Array& data() const noexcept { return myData; }
+    [[nodiscard]] const View& data() const noexcept { return myData; }
     [[nodiscard]] double level() const noexcept { return myLevel; }
     [[nodiscard]] const MultiIndex<3>& Size() const noexcept { return myData.Size(); }
     /// The value at a vertex.
-    [[nodiscard]] double operator()(const MultiIndex<3>& vertex) const {
+    [[nodiscard]] double getElement(const MultiIndex<3>& vertex) const {
         return static_cast<double>(myData.getElement(vertex));
+    }
+    [[nodiscard]] double operator[](const MultiIndex<3>& vertex) const { return getElement(vertex); }
+    [[nodiscard]] double operator()(const MultiIndex<3>& vertex) const { return getElement(vertex); }
+    template<std::integral... I>
+    requires(sizeof...(I) == 3) [[nodiscard]] double operator()(I... index) const {
+        return getElement(MultiIndex<3>(index...));
     }
 
 private:
-    Array myData;
+    View myData;
     double myLevel;
 };
-template<class T>
-FieldExplorer(const MemArray<3, T>&, double) -> FieldExplorer<MultiArray<3, T>>;
-template<class T>
-FieldExplorer(const ReferencingMemArray<3, T>&, double) -> FieldExplorer<MultiArray<3, T>>;
+template<class T, class... Level>
+FieldExplorer(const MemArray<3, T>&, Level...) -> FieldExplorer<MultiArray<3, T>>;
+template<class T, class... Level>
+FieldExplorer(const ReferencingMemArray<3, T>&, Level...) -> FieldExplorer<MultiArray<3, T>>;
 
 /// The corners that each edge of a cell joins, for arrays of type `Array`. Weights are computed from the first to the
 /// second, and then turned to count from the lower end.
 template<class Array>
 inline constexpr int EdgeVertices[12][2] = {{0, 1}, {1, 2}, {2, 3}, {3, 0}, {4, 5}, {5, 6},
                                             {6, 7}, {7, 4}, {0, 4}, {1, 5}, {2, 6}, {3, 7}};
+
+/// Per case of a cell (bit c is set when corner c is inside) the edges that are cut, as bits, and the triangles, as up
+/// to five triples of edges ended by -1.
+using detail::edgeTable;
+using detail::triTable;
 
 /// Adds the triangles of one cell, and those of its vertices that are not there yet.
 ///
@@ -90,6 +111,16 @@ VANTLE_BASEOP_API int Polygonize(std::vector<index_t>& edgeIdentifiers, std::vec
                                  std::vector<TriangleCell>& triangles, std::map<index_t, index_t>& edgeMap,
                                  const FieldExplorer<Array>& explorer, const MultiIndex<3>& cell, double level,
                                  index_t identifierOffset);
+
+/// The same for an explorer of an array in memory, by that of its view.
+template<class T>
+int Polygonize(std::vector<index_t>& edgeIdentifiers, std::vector<double>& weights,
+               std::vector<TriangleCell>& triangles, std::map<index_t, index_t>& edgeMap,
+               const FieldExplorer<MemArray<3, T>>& explorer, const MultiIndex<3>& cell, double level,
+               index_t identifierOffset) {
+    return Polygonize(edgeIdentifiers, weights, triangles, edgeMap, FieldExplorer(explorer.data(), explorer.level()),
+                      cell, level, identifierOffset);
+}
 
 /// Evaluates a quantity of the vertices of a grid on edges: f(lower) + weight * (f(upper) - f(lower)).
 ///
@@ -142,6 +173,13 @@ template<class Coordinates, class Data>
 [[nodiscard]] VANTLE_BASEOP_API IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<Data>& explorer,
                                                                     const Coordinates& coordinates, double parameter);
 
+/// The same for an explorer of an array in memory.
+template<class Coordinates, class T>
+[[nodiscard]] IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<MemArray<3, T>>& explorer,
+                                                  const Coordinates& coordinates, double parameter) {
+    return ComputeIsosurfaceT(FieldExplorer(explorer.data(), explorer.level()), coordinates, parameter);
+}
+
 /// The same for data and curvilinear coordinates in memory; T = double or unsigned char.
 template<class T>
 [[nodiscard]] VANTLE_BASEOP_API IsosurfaceArrays
@@ -188,6 +226,8 @@ public:
     [[nodiscard]] double level() const noexcept { return myLevel; }
     /// What the caller gave beside the level; nothing here depends on it.
     [[nodiscard]] double parameter() const noexcept { return myParameter; }
+    /// Whether a value of the fragments so far lies above the level.
+    [[nodiscard]] bool reachesAbove() const noexcept { return myReachesAbove; }
 
     /// Adds the surface of one fragment, unless the range of its values is known not to hold the level. True.
     ///
@@ -208,8 +248,10 @@ public:
 
 private:
     struct Fragment;
+    template<class Range>
+    bool excludesLevel(const Hestra::StrongPtr<Range>& range);
     template<class T>
-    bool isSkipped(CreativeArrayBase& creator) const;
+    bool isSkipped(CreativeArrayBase& creator);
     template<class T>
     bool sweepArray(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment);
     Hestra::StrongPtr<MemBase> findCoordinates(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment) const;
@@ -224,6 +266,7 @@ private:
     Chunk<Orvix::PhysicalSpace::point> myPoints;
     Chunk<TriangleCell> myTriangles;
     index_t myRunningOffset;
+    bool myReachesAbove = false;
     std::unique_ptr<detail::VertexMerger> myMerger;
 };
 
@@ -232,8 +275,9 @@ private:
 /// Reuse       a grid of this name whose surface exists, or can be made again, and is neither older than the input
 ///             field nor than `requestedAge` is returned as it is, silently, whatever its level: who asks for another
 ///             level ages the request. Otherwise the whole surface is computed, with a line that says so, into a new
-///             grid, which becomes as old as the newer of field and request.
-/// Degenerate  a field without data gives an empty surface.
+///             grid, both halves of which become as old as the newer of field and request.
+/// Degenerate  a field without data gives an empty surface, and so does one without a value above the level. Where
+///             only some fragments have none, they have the triangles that belong to the level's plane.
 /// Failure     `IsoException` 1 without Cartesian positions, 2 without such a field, and what
 ///             `FragmentIsoSurfacer::apply` throws; that leaves an incomplete grid in the slice.
 /// Concurrency fragments one after the other, each by the team of OpenMP.

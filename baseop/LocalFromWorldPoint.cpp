@@ -76,7 +76,7 @@ struct LocalFromWorldPoint::Fragment {
     [[nodiscard]] const FragmentCoordinates* coordinates() {
         if (myIsKnown.load(std::memory_order_acquire)) return &myCoordinates;
         // Created outside the lock: what makes the array may itself ask a locator.
-        FragmentCoordinates found(creator ? creator->create(false) : nullptr);
+        FragmentCoordinates found(creator ? creator->getData() : nullptr);
         if (!found.isKnown()) return nullptr;
         const std::lock_guard lock(myMutex);
         if (!myIsKnown.load(std::memory_order_relaxed)) {

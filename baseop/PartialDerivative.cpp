@@ -4,7 +4,11 @@
 #include <model/vantle/Representation.hpp>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <mutex>
+#include <typeinfo>
+#include <utility>
 #include <vector>
 
 namespace Vantle {
@@ -135,14 +139,37 @@ Derivative<Orvix::Quadratic<3, double>>::compute<3, PhysicalSpace::point>(const 
 
 namespace {
 
+/// All derivators that live, in the order of their making.
 struct Registry {
+    struct Entry {
+        PartialDerivatorBase* object;
+        WeakPtr<PartialDerivatorBase> handle;
+        int users = 0; // calls that use it without owning it
+    };
+    [[nodiscard]] auto find(const PartialDerivatorBase* object) {
+        return std::find_if(derivators.begin(), derivators.end(),
+                            [object](const Entry& entry) { return entry.object == object; });
+    }
+
     std::mutex mutex;
-    std::vector<WeakPtr<PartialDerivatorBase>> derivators;
+    std::condition_variable unused;
+    std::vector<Entry> derivators;
 };
 
 Registry& registry() {
     static Registry* const known = new Registry; // never destroyed: derivators of other libraries may go later
     return *known;
+}
+
+/// Takes a derivator out, after the calls that use it without owning it.
+void forget(const PartialDerivatorBase* object) {
+    Registry& known = registry();
+    std::unique_lock lock(known.mutex);
+    known.unused.wait(lock, [&] {
+        const auto entry = known.find(object);
+        return entry == known.derivators.end() || entry->users == 0;
+    });
+    if (const auto entry = known.find(object); entry != known.derivators.end()) known.derivators.erase(entry);
 }
 
 /// Handles that keep this library's own derivators in force.
@@ -157,22 +184,53 @@ const std::vector<StrongPtr<PartialDerivatorBase>>& ownDerivators() {
 // With the library, so that they come before any other; also when something asks still earlier.
 [[maybe_unused]] const auto& madeWithTheLibrary = ownDerivators();
 
-/// Those with an owner: one whose construction has not ended yet has none, and is not seen.
-std::vector<StrongPtr<PartialDerivatorBase>> derivators() {
+/// A derivator that can be asked as long as this lives: owned, if it has owners, else counted as used.
+class Candidate {
+public:
+    Candidate() = default;
+    /// The registry is locked.
+    explicit Candidate(Registry::Entry& entry) : myOwner(entry.handle), myObject(entry.object) {
+        if (!myOwner) ++entry.users;
+    }
+    Candidate(Candidate&& other) noexcept
+        : myOwner(std::move(other.myOwner)), myObject(std::exchange(other.myObject, nullptr)) {}
+    ~Candidate() {
+        if (!myObject || myOwner) return;
+        Registry& known = registry();
+        {
+            const std::lock_guard lock(known.mutex);
+            --known.find(myObject)->users;
+        }
+        known.unused.notify_all();
+    }
+
+    [[nodiscard]] explicit operator bool() const noexcept { return myObject != nullptr; }
+    const PartialDerivatorBase* operator->() const noexcept { return myObject; }
+    const PartialDerivatorBase& operator*() const noexcept { return *myObject; }
+
+private:
+    StrongPtr<PartialDerivatorBase> myOwner;
+    const PartialDerivatorBase* myObject = nullptr;
+};
+
+/// Those that live: not one that its last owner has left, nor one of which only the base is there, since it is being
+/// made or destroyed.
+std::vector<Candidate> derivators() {
     (void)ownDerivators();
-    std::vector<StrongPtr<PartialDerivatorBase>> alive;
+    std::vector<Candidate> alive;
     Registry& known = registry();
     const std::lock_guard lock(known.mutex);
-    for (const auto& weak : known.derivators)
-        if (auto derivator = weak.lock()) alive.push_back(std::move(derivator));
+    alive.reserve(known.derivators.size());
+    for (Registry::Entry& entry : known.derivators)
+        if (entry.handle && typeid(*entry.object) != typeid(PartialDerivatorBase)) alive.emplace_back(entry);
     return alive;
 }
 
 template<class Predicate>
-StrongPtr<PartialDerivatorBase> findDerivator(const Predicate& accepts) {
-    for (const auto& derivator : derivators())
-        if (accepts(*derivator)) return derivator;
-    return nullptr;
+Candidate findDerivator(const Predicate& accepts) {
+    for (Candidate& candidate : derivators())
+        if (accepts(*candidate)) return std::move(candidate);
+    return {};
 }
 
 } // namespace
@@ -180,15 +238,13 @@ StrongPtr<PartialDerivatorBase> findDerivator(const Predicate& accepts) {
 PartialDerivatorBase::PartialDerivatorBase() {
     Registry& known = registry();
     const std::lock_guard lock(known.mutex);
-    std::erase_if(known.derivators, [](const auto& weak) { return weak.record()->object.load() == nullptr; });
-    known.derivators.emplace_back(*this);
+    known.derivators.push_back({this, WeakPtr<PartialDerivatorBase>(*this)});
 }
 
-PartialDerivatorBase::~PartialDerivatorBase() = default;
+// The last owner's end comes here while the whole object is still there; other objects come to the destructor.
+void PartialDerivatorBase::extremeUnction() { forget(this); }
 
-bool PartialDerivatorBase::accepts(const MemBase& data) const {
-    return isPartialDerivable(MemArrayProperties(data.rank(), data.elementIndex()));
-}
+PartialDerivatorBase::~PartialDerivatorBase() { forget(this); }
 
 // --------------------------------------------------------------------------------------------------------- operations
 
@@ -214,32 +270,85 @@ bool isPartialDerivable(const StrongPtr<CreativeArrayBase>& creator) {
             if (candidate.isPartialDerivable(MemArrayProperties(possible, type))) return true;
         return false;
     };
-    return bool(findDerivator([&](const PartialDerivatorBase& candidate) {
-        return suits(candidate) && (!data || candidate.accepts(*data));
-    }));
+    return bool(findDerivator(suits));
 }
 
-StrongPtr<CreativeArrayBase> PartialDerivative(const StrongPtr<CreativeArrayBase>& creator, std::string& errors,
-                                               const StrongPtr<Hestra::Cache>& cache) {
+namespace {
+
+/// The derivative of a fragment: made again after it was dropped, and when the fragment has become newer.
+class DerivativeArray : public CreativeArray {
+public:
+    /// `derivative` is that of what `source` has made last.
+    DerivativeArray(const StrongPtr<CreativeArrayBase>& source, const StrongPtr<MemBase>& derivative,
+                    const StrongPtr<Hestra::Cache>& cache)
+        : CreativeArray(
+              derivative,
+              [source](const WeakPtr<CreativeArrayBase>& self) {
+                  StrongPtr<MemBase> again = PartialDerivative(source->getData());
+                  if (again) again->MemBase::setCreator(self);
+                  return again;
+              },
+              cache),
+          mySource(source), myCache(cache), myDerivedAge(ageOf(*source)) {}
+
+    /// The age of a creator's data, which those of a derivative share with what they are derived from.
+    static age_t ageOf(const CreativeArrayBase& creator) {
+        const auto* const derived = dynamic_cast<const DerivativeArray*>(&creator);
+        return derived ? std::max(derived->age(), ageOf(*derived->mySource)) : creator.age();
+    }
+
+    [[nodiscard]] StrongPtr<MemBase> create(bool background) override {
+        if (!isCurrent()) {
+            if (background) {
+                StrongPtr<MemBase> later;
+                request(later);
+                return later;
+            }
+            const std::lock_guard lock(myMutex);
+            if (!isCurrent()) return deriveAgain();
+        }
+        return CreativeArray::create(background);
+    }
+
+private:
+    /// Whether what is kept is still the derivative of the source.
+    [[nodiscard]] bool isCurrent() const { return myDerivedAge.load(std::memory_order_acquire) >= ageOf(*mySource); }
+
+    StrongPtr<MemBase> deriveAgain() {
+        (void)mySource->getData(); // may make it newer
+        const age_t age = ageOf(*mySource);
+        const StrongPtr<MemBase> again = produce();
+        if (!again) return nullptr;
+        setData(again, !myCache, myCache);
+        touch();
+        myDerivedAge.store(age, std::memory_order_release);
+        return again;
+    }
+
+    const StrongPtr<CreativeArrayBase> mySource;
+    const WeakPtr<Hestra::Cache> myCache;
+    std::atomic<age_t> myDerivedAge;
+    std::mutex myMutex;
+};
+
+} // namespace
+
+StrongPtr<CreativeArray> PartialDerivative(const StrongPtr<CreativeArrayBase>& creator, std::string& errors,
+                                           const StrongPtr<Hestra::Cache>& cache) {
     const Hestra::Profiler scope("baseop/PartialDerivative", __LINE__, "PartialDerivative(creator)",
                                  __PRETTY_FUNCTION__);
     const auto failure = [&](const char* text) {
         errors += text;
-        return StrongPtr<CreativeArrayBase>();
+        return StrongPtr<CreativeArray>();
     };
     if (!creator) return failure("No creator for fragment ");
     if (!isPartialDerivable(creator)) return failure("No creator element type unsupported for fragment ");
-    const StrongPtr<MemBase> data = creator->create(false);
+    const StrongPtr<MemBase> data = creator->getData();
     if (!data) return failure("No data available for fragment ");
     const StrongPtr<MemBase> derivative = PartialDerivative(data);
     if (!derivative) return failure("No derivation computed for fragment ");
 
-    auto computeAgain = [creator](const WeakPtr<CreativeArrayBase>& self) {
-        StrongPtr<MemBase> again = PartialDerivative(creator->create(false));
-        if (again) again->MemBase::setCreator(self);
-        return again;
-    };
-    const Ref<CreativeArray> result = Hestra::makeRef<CreativeArray>(derivative, std::move(computeAgain), cache);
+    const Ref<CreativeArray> result = Hestra::makeRef<DerivativeArray>(creator, derivative, cache);
     derivative->MemBase::setCreator(result);
     result->addInterface(Hestra::makeRef<SizeInterface>(derivative->getDynamicSize()));
     result->addInterface(Hestra::makeRef<MemArrayProperties>(derivative->rank(), derivative->elementIndex()));

@@ -27,10 +27,12 @@ namespace Vantle {
 
 /// Computes derivatives of one kind of array.
 ///
-/// A derivator takes part in the functions below from its first owning handle on until its last one goes: whoever adds
-/// one for further types keeps a handle to it. Derivators are asked in the order of their making, the ones of this
+/// A derivator takes part in the functions below from its constructor to its destructor, wherever it lives: behind
+/// handles, on the stack, static, made with `new`. Derivators are asked in the order of their making, the ones of this
 /// library first.
-/// Concurrency  stateless; made, used and released in any thread.
+/// Concurrency  stateless, and used in any thread. An owned one lives as long as a call uses it; one without handles
+///              must outlive the calls of all threads. Making one waits for nobody, so other threads may ask it as soon
+///              as its constructor has begun to run: a class with members of its own is made while they do not.
 class VANTLE_BASEOP_API PartialDerivatorBase : public Hestra::ReferenceBase<PartialDerivatorBase> {
 public:
     ~PartialDerivatorBase() override;
@@ -40,11 +42,14 @@ public:
     /// A new array with the derivative of `data`; null for arrays that are not accepted, and without memory for it.
     [[nodiscard]] virtual Hestra::StrongPtr<MemBase>
     doPartialDerivative(const Hestra::StrongPtr<MemBase>& data) const = 0;
-    /// Whether this very array can be derived. By default, whether its properties can.
-    [[nodiscard]] virtual bool accepts(const MemBase& data) const;
+
+    /// Takes the derivator out. Who overrides this calls it.
+    void extremeUnction() override;
 
 protected:
     PartialDerivatorBase();
+    PartialDerivatorBase(const PartialDerivatorBase&) : PartialDerivatorBase() {}
+    PartialDerivatorBase& operator=(const PartialDerivatorBase&) = default;
 };
 
 /// The kernels: what the derivative of an array consists of `Result` for. For further types, specialise this with a
@@ -87,10 +92,6 @@ public:
         }
         return nullptr;
     }
-    /// Computed elements, those of uniform positions for example, have the right type but no memory.
-    [[nodiscard]] bool accepts(const MemBase& data) const override {
-        return dynamic_cast<const MemArray<N, T>*>(&data) != nullptr;
-    }
 };
 
 /// A new array with the derivative of `data`: `MemArray<3, double>` gives `MemArray<3, PhysicalSpace::vector>`,
@@ -101,15 +102,17 @@ public:
 /// Whether the data of a fragment can be derived, by the element type and rank that its creator announces (in
 /// `MemArrayProperties`, or by its type and `SizeInterface`) or that existing data have. Makes no data.
 ///
-/// True for an unknown rank with a suitable element type. False for a null handle.
+/// True for an unknown rank with a suitable element type, and for positions that are computed, those of uniform grids
+/// for example, which have the type but no memory to derive. False for a null handle.
 [[nodiscard]] VANTLE_BASEOP_API bool isPartialDerivable(const Hestra::StrongPtr<CreativeArrayBase>& creator);
 
 /// A new creator that holds the derivative of a fragment. The cache may drop it; it is computed again from the
-/// fragment then, whose creator stays alive with the new one. With a null cache it is kept.
+/// fragment then, whose creator stays alive with the new one. With a null cache it is kept. When the fragment's creator
+/// has become newer, the next `create` gives the derivative of what it holds then, and makes the new creator newer.
 ///
 /// Failure  null, and one of these added to `errors`: "No creator for fragment ", "No creator element type unsupported
 ///          for fragment ", "No data available for fragment ", "No derivation computed for fragment ".
-[[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<CreativeArrayBase>
+[[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<CreativeArray>
 PartialDerivative(const Hestra::StrongPtr<CreativeArrayBase>& creator, std::string& errors,
                   const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
 

@@ -57,8 +57,7 @@ double PointCloud::sph_quintic(double q) noexcept {
     return 0.0;
 }
 
-PointCloud::Shape PointCloud::computeShape(const std::vector<PhysicalSpace::point>& points,
-                                           const PhysicalSpace::point& centre) {
+PointCloud::Shape PointCloud::computeShape(const Points& points, const Point& centre) {
     if (points.size() < kMinimalPoints) return {};
     Orvix::FixedArray<Orvix::Vector<double, 3>, 3> vectors;
     Orvix::FixedArray<double, 3> e;
@@ -69,21 +68,6 @@ PointCloud::Shape PointCloud::computeShape(const std::vector<PhysicalSpace::poin
     const double sum = e[0] + e[1] + e[2];
     if (std::fabs(sum) < kMinimalVariance) return {};
     return {2.0 * (e[1] - e[0]) / sum, (e[2] - e[1]) / sum, 3.0 * e[0] / sum};
-}
-
-double PointCloud::computePlanarity(const std::vector<PhysicalSpace::point>& points, const PhysicalSpace::point& centre,
-                                    double&) {
-    return computeShape(points, centre).planarity;
-}
-
-double PointCloud::computeLinearity(const std::vector<PhysicalSpace::point>& points, const PhysicalSpace::point& centre,
-                                    double&) {
-    return computeShape(points, centre).linearity;
-}
-
-double PointCloud::computeSphericity(const std::vector<PhysicalSpace::point>& points,
-                                     const PhysicalSpace::point& centre, double&) {
-    return computeShape(points, centre).sphericity;
 }
 
 } // namespace Vantle

@@ -23,6 +23,9 @@ namespace Vantle {
 /// Cost         one pass over the points, and an eigen decomposition without iteration.
 class VANTLE_BASEOP_API PointCloud {
 public:
+    using Point = Orvix::PhysicalSpace::point;
+    using Points = std::vector<Point>;
+
     /// Fewer points than this have no shape.
     static constexpr std::size_t kMinimalPoints = 6;
     /// A point that differs by less than this from the centre in every coordinate is the centre.
@@ -46,15 +49,26 @@ public:
 
     /// Measures of `points` around `centre`. The radius of the neighbourhood is taken for the sake of uniform calls:
     /// neither used nor changed.
-    [[nodiscard]] static double computePlanarity(const std::vector<Orvix::PhysicalSpace::point>& points,
-                                                 const Orvix::PhysicalSpace::point& centre, double& radius);
-    [[nodiscard]] static double computeLinearity(const std::vector<Orvix::PhysicalSpace::point>& points,
-                                                 const Orvix::PhysicalSpace::point& centre, double& radius);
-    [[nodiscard]] static double computeSphericity(const std::vector<Orvix::PhysicalSpace::point>& points,
-                                                  const Orvix::PhysicalSpace::point& centre, double& radius);
+    [[nodiscard]] static double computePlanarity(const Points& points, const Point& centre, double&) {
+        return computeShape(points, centre).planarity;
+    }
+    [[nodiscard]] static double computePlanarity(const Points& points, const Point& centre, const double&) {
+        return computeShape(points, centre).planarity;
+    }
+    [[nodiscard]] static double computeLinearity(const Points& points, const Point& centre, double&) {
+        return computeShape(points, centre).linearity;
+    }
+    [[nodiscard]] static double computeLinearity(const Points& points, const Point& centre, const double&) {
+        return computeShape(points, centre).linearity;
+    }
+    [[nodiscard]] static double computeSphericity(const Points& points, const Point& centre, double&) {
+        return computeShape(points, centre).sphericity;
+    }
+    [[nodiscard]] static double computeSphericity(const Points& points, const Point& centre, const double&) {
+        return computeShape(points, centre).sphericity;
+    }
     /// The three for the price of one.
-    [[nodiscard]] static Shape computeShape(const std::vector<Orvix::PhysicalSpace::point>& points,
-                                            const Orvix::PhysicalSpace::point& centre);
+    [[nodiscard]] static Shape computeShape(const Points& points, const Point& centre);
 };
 
 } // namespace Vantle

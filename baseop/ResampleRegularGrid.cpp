@@ -211,7 +211,7 @@ CreativeResampleUniformCartesian3DIterator::~CreativeResampleUniformCartesian3DI
 
 bool CreativeResampleUniformCartesian3DIterator::apply(const StrongPtr<FragmentID>& id,
                                                        const StrongPtr<CreativeArrayBase>& source) {
-    const auto positions = source ? Hestra::dynamicCast<UniformCartesianArray>(source->create()) : nullptr;
+    const auto positions = source ? Hestra::dynamicCast<UniformCartesianArray>(source->getData()) : nullptr;
     if (!positions) return true;
     const auto extents = rescaledExtents(positions->Size(), myFactors);
     if (!extents) return true;
@@ -235,7 +235,7 @@ bool CreativeResampleFragmentIterator<N, Source, Destination, Convert>::apply(
         if (const auto extents = rescaledExtents(*known, myFactors)) size = *extents;
 
     const auto make = [source, factors = myFactors](const WeakPtr<CreativeArrayBase>& creator) -> StrongPtr<MemBase> {
-        StrongPtr<MemBase> rescaled = ResampleArray<N, Source>::rescale(factors, source->create(), creator);
+        StrongPtr<MemBase> rescaled = ResampleArray<N, Source>::rescale(factors, source->getData(), creator);
         if constexpr (std::is_same_v<Source, Destination> && std::is_same_v<Convert, PlainCopyConvert>) {
             return rescaled;
         } else {

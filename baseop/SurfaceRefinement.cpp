@@ -163,7 +163,7 @@ std::vector<bool> EdgeLengthCriterion::DetectEdges(const StrongPtr<Grid>& grid) 
 
 std::vector<bool> SplitAllCriterion::DetectEdges(const StrongPtr<Grid>& grid) {
     GetData(grid);
-    return std::vector<bool>(myPositions && myEdges ? myEdges->nElements() : 0, true);
+    return std::vector<bool>(myEdges ? myEdges->nElements() : 0, true);
 }
 
 std::vector<bool> EdgeFlipCriterion::DetectEdges(const StrongPtr<Grid>& grid) {
@@ -325,6 +325,10 @@ PhysicalSpace::point midpoint(const PhysicalSpace::point& p, const PhysicalSpace
 StrongPtr<Grid> refineSurface(Bundle&, const StrongPtr<Grid>& grid, const StrongPtr<SurfaceRefinementCriterion>&) {
     const TriangularSurfaceWithEdges surface(grid);
     return nullptr;
+}
+
+StrongPtr<Grid> refineSurface(Bundle& bundle, const StrongPtr<Grid>& grid, const SurfaceRefinementCriterion&) {
+    return refineSurface(bundle, grid, StrongPtr<SurfaceRefinementCriterion>());
 }
 
 } // namespace Vantle

@@ -10,8 +10,9 @@ namespace Vantle {
 
 /// Decides for every edge of a surface whether it is to be changed.
 ///
-/// Degenerate   a grid without positions or without triangles that edges could be made from has no flags. An edge with
-///              a vertex index out of range is not marked.
+/// Degenerate   a grid without edges, and without triangles that they could be made from, has no flags; nor has, for
+///              criteria that look at lengths or shapes, one without positions. An edge with a vertex index out of
+///              range is not marked.
 /// Concurrency  one object serves one thread at a time.
 class VANTLE_BASEOP_API SurfaceRefinementCriterion : public Hestra::ReferenceBase<SurfaceRefinementCriterion> {
 public:
@@ -53,7 +54,7 @@ public:
     [[nodiscard]] std::vector<bool> DetectEdges(const Hestra::StrongPtr<Grid>& grid) override;
 };
 
-/// Marks every edge, and leaves the count of illegal edges alone.
+/// Marks every edge, with or without positions, and leaves the count of illegal edges alone.
 class VANTLE_BASEOP_API SplitAllCriterion : public SurfaceRefinementCriterion {
 public:
     using SurfaceRefinementCriterion::SurfaceRefinementCriterion;
@@ -103,6 +104,13 @@ inline constexpr unsigned int kNoFace = ~0U;
 /// Cost         near-linear in triangles and edges: those of a vertex are looked through for each of its edges.
 VANTLE_BASEOP_API void GenerateEdge2FacesTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, Triangle>& triangles,
                                                const MemArray<1, Edge>& edges, int faceCount, int edgeCount);
+/// The same with handles, as the others below; nothing happens when one of them is null.
+inline void GenerateEdge2FacesTable(const Hestra::StrongPtr<MemArray<1, Edge>>& edgeToFaces,
+                                    const Hestra::StrongPtr<MemArray<1, Triangle>>& triangles,
+                                    const Hestra::StrongPtr<MemArray<1, Edge>>& edges, int faceCount, int edgeCount) {
+    if (edgeToFaces && triangles && edges)
+        GenerateEdge2FacesTable(*edgeToFaces, *triangles, *edges, faceCount, edgeCount);
+}
 
 /// Enters each edge, in ascending order, into the next free position of the triangles in its two slots of
 /// `edgeToFaces`. Mind the order of the counts.
@@ -113,6 +121,13 @@ VANTLE_BASEOP_API void GenerateEdge2FacesTable(MemArray<1, Edge>& edgeToFaces, c
 VANTLE_BASEOP_API void GenerateFace2EdgesTable(MemArray<1, Triangle>& faceToEdges, const MemArray<1, Edge>& edgeToFaces,
                                                const MemArray<1, Triangle>& triangles, const MemArray<1, Edge>& edges,
                                                int edgeCount, int faceCount);
+inline void GenerateFace2EdgesTable(const Hestra::StrongPtr<MemArray<1, Triangle>>& faceToEdges,
+                                    const Hestra::StrongPtr<MemArray<1, Edge>>& edgeToFaces,
+                                    const Hestra::StrongPtr<MemArray<1, Triangle>>& triangles,
+                                    const Hestra::StrongPtr<MemArray<1, Edge>>& edges, int edgeCount, int faceCount) {
+    if (faceToEdges && edgeToFaces && triangles && edges)
+        GenerateFace2EdgesTable(*faceToEdges, *edgeToFaces, *triangles, *edges, edgeCount, faceCount);
+}
 
 /// Arranges the vertices of two triangles so that the edge they share is (t[0], t[1]) in the first one and
 /// (t[1], t[0]) in the second one. The first is rotated; so is the second one, and turned over first if both run along
@@ -121,6 +136,10 @@ VANTLE_BASEOP_API void GenerateFace2EdgesTable(MemArray<1, Triangle>& faceToEdge
 /// Degenerate   nothing happens when there is no such edge, or one of the triangles does not have it or is degenerate.
 VANTLE_BASEOP_API void OrientTriangleEdges(Triangle& first, Triangle& second, const MemArray<1, Edge>& edges,
                                            unsigned int edge);
+inline void OrientTriangleEdges(Triangle& first, Triangle& second, const Hestra::StrongPtr<MemArray<1, Edge>>& edges,
+                                unsigned int edge) {
+    if (edges) OrientTriangleEdges(first, second, *edges, edge);
+}
 
 /// The point between two points.
 [[nodiscard]] VANTLE_BASEOP_API Orvix::PhysicalSpace::point midpoint(const Orvix::PhysicalSpace::point& p,
@@ -134,5 +153,14 @@ VANTLE_BASEOP_API void OrientTriangleEdges(Triangle& first, Triangle& second, co
 /// Refines nothing yet: makes sure that the surface has edges, and returns null.
 VANTLE_BASEOP_API Hestra::StrongPtr<Grid> refineSurface(Bundle& bundle, const Hestra::StrongPtr<Grid>& grid,
                                                         const Hestra::StrongPtr<SurfaceRefinementCriterion>& criterion);
+VANTLE_BASEOP_API Hestra::StrongPtr<Grid> refineSurface(Bundle& bundle, const Hestra::StrongPtr<Grid>& grid,
+                                                        const SurfaceRefinementCriterion& criterion);
+inline Hestra::StrongPtr<Grid> refineSurface(Bundle& bundle, Grid& grid, const SurfaceRefinementCriterion& criterion) {
+    return refineSurface(bundle, Hestra::StrongPtr<Grid>(&grid), criterion);
+}
+inline Hestra::StrongPtr<Grid> refineSurface(Bundle& bundle, Grid& grid,
+                                             const Hestra::StrongPtr<SurfaceRefinementCriterion>& criterion) {
+    return refineSurface(bundle, Hestra::StrongPtr<Grid>(&grid), criterion);
+}
 
 } // namespace Vantle

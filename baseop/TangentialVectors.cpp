@@ -89,6 +89,7 @@ Self::NoEdges::~NoEdges() = default;
 Self::NoEdgesAsVertices::~NoEdgesAsVertices() = default;
 Self::NoEdgePositions::~NoEdgePositions() = default;
 
+const char* Self::Exception::what() const noexcept { return "no grid of curves"; }
 const char* Self::NoVertices::what() const noexcept { return "grid of curves: no vertices"; }
 const char* Self::NoVertexField::what() const noexcept { return "grid of curves: no vertex field"; }
 const char* Self::NoVertexFieldCreator::what() const noexcept { return "grid of curves: vertex field without creator"; }
@@ -124,14 +125,28 @@ void Self::compute(const Points& points, const ShortCurves& curves, const WeakPt
     computeAlong(points, curves, creator);
 }
 
-bool Self::useCached(const Representation& vertices, Hestra::Ageable::age_t age) {
-    const StrongPtr<Field> tangentField = vertices.findField(kTangentsName);
-    const StrongPtr<Field> parameterField = vertices.findField(kParameterName);
+namespace {
+
+/// Whether what was derived from the inputs, and is kept in this field, is still what they give.
+bool isCurrent(const Field& kept, const std::vector<StrongPtr<Field>>& inputs) {
+    return std::all_of(inputs.begin(), inputs.end(),
+                       [&](const StrongPtr<Field>& input) { return !input || kept.age() >= input->age(); });
+}
+
+/// The name of what is kept of a vertex field.
+std::string keptName(const char* plain, const std::string& vertexField) {
+    return vertexField == kPositionsName ? plain : plain + ("." + vertexField);
+}
+
+} // namespace
+
+bool Self::useCached(const StrongPtr<Field>& tangentField, const StrongPtr<Field>& parameterField,
+                     const std::vector<StrongPtr<Field>>& inputs) {
     if (!tangentField && !parameterField) {
         Hestra::Console::puts("Nooo.........valid tangential fields found.");
         return false;
     }
-    if (tangentField && parameterField && tangentField->age() >= age && parameterField->age() >= age) {
+    if (tangentField && parameterField && isCurrent(*tangentField, inputs) && isCurrent(*parameterField, inputs)) {
         const StrongPtr<CreativeArrayBase> creator = tangentField->getCreator(nullptr);
         const auto maximum = creator ? creator->getTypedAttribute<double>(kMaximalLengthName) : nullptr;
         const auto tangents = Hestra::dynamicCast<Tangents>(tangentField->getData());
@@ -149,22 +164,28 @@ bool Self::useCached(const Representation& vertices, Hestra::Ageable::age_t age)
     return false;
 }
 
-Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& vertexField, const std::string& chart) {
+Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& fieldName, const std::string& chart) {
     const Hestra::Profiler scope(kSource, __LINE__, "TangentialVectorsAndCurveParameter(grid)", __PRETTY_FUNCTION__);
     const StrongPtr<Skeleton> vertices = grid.findVertices();
     if (!vertices) throw NoVertices();
-    const StrongPtr<Representation> representation = grid.getCartesianRepresentation(*vertices, chart);
+    const std::string vertexField = fieldName.empty() ? kPositionsName : fieldName;
+    const StrongPtr<Representation> representation =
+        grid.getCartesianRepresentation(*vertices, grid.findCartesianChart(chart) ? chart : std::string());
     const StrongPtr<Field> field = representation ? representation->findField(vertexField) : Field::NullPtrField();
     if (!field) throw NoVertexField();
 
     const StrongPtr<Skeleton> edges = grid.getSkeleton(SkeletonID(1, 1));
     const auto edgesAsVertices = edges ? edges->findRepresentation(*vertices) : StrongPtr<Representation>();
     const StrongPtr<Field> edgePositions = edgesAsVertices ? edgesAsVertices->Positions() : Field::NullPtrField();
-    if (useCached(*representation, std::max(field->age(), edgePositions ? edgePositions->age() : field->age()))) return;
+    const std::string tangentsName = keptName(kTangentsName, vertexField);
+    const std::string parameterName = keptName(kParameterName, vertexField);
+    if (useCached(representation->findField(tangentsName), representation->findField(parameterName),
+                  {field, edgePositions}))
+        return;
 
     const StrongPtr<CreativeArrayBase> creator = field->getCreator(nullptr);
     if (!creator) throw NoVertexFieldCreator();
-    const StrongPtr<MemBase> data = creator->create(false);
+    const StrongPtr<MemBase> data = creator->getData();
     const auto points = Hestra::dynamicCast<Points>(data);
     if (!points) throw NoVertexFieldData();
     if (!edges) throw NoEdges();
@@ -182,26 +203,19 @@ Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& vertexFi
         compute(*points, *shortCurves, creator);
     Hestra::Console::puts(message + " DONE");
 
-    const auto store = [&](const char* name, const StrongPtr<MemBase>& result) {
+    const auto store = [&](const std::string& name, const StrongPtr<MemBase>& result) {
         const auto made = Hestra::makeRef<Field>();
         const StrongPtr<CreativeArrayBase> holder = made->setPersistentData(result, nullptr, nullptr, kSource);
         representation->setField(name, made);
         return holder;
     };
-    const auto holder = store(kTangentsName, myTangents);
+    const auto holder = store(tangentsName, myTangents);
     holder->setAttribute(kMaximalLengthName, StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<double>{myMaximalLength}));
-    store(kParameterName, myParameters);
+    store(parameterName, myParameters);
 }
 
 StrongPtr<Self::Tangents> getTangentialVectors(Grid& grid, const std::string& vertexField) {
     return Self(grid, vertexField).tangents();
-}
-
-StrongPtr<Self::Tangents> ComputeTangentialVectors(const Self::Points& points, const Self::Curves& curves,
-                                                   const WeakPtr<CreativeArrayBase>& creator) {
-    Self result;
-    result.compute(points, curves, creator);
-    return result.tangents();
 }
 
 } // namespace Vantle

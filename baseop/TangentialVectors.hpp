@@ -35,6 +35,7 @@ public:
     using ShortCurves = MemArray<1, std::vector<unsigned int>>;
 
     /// Names under which results are cached beside the vertices: the fields, and an attribute of the tangents' creator.
+    /// Those of another vertex field than "Positions" have its name after a dot, as in "length.name".
     static constexpr const char* kTangentsName = "Tangents";
     static constexpr const char* kParameterName = "length";
     static constexpr const char* kMaximalLengthName = "maxlen";
@@ -43,7 +44,7 @@ public:
     class VANTLE_BASEOP_API Exception : public std::exception {
     public:
         ~Exception() override;
-        [[nodiscard]] const char* what() const noexcept override = 0;
+        [[nodiscard]] const char* what() const noexcept override;
     };
     /// The vertex skeleton.
     class VANTLE_BASEOP_API NoVertices : public Exception {
@@ -92,18 +93,33 @@ public:
     TangentialVectorsAndCurveParameter() = default;
     /// Takes the results that are cached on the grid, or computes them and caches them there, saying which.
     ///
-    /// They are cached as fields "Tangents" and "length" of the vertices in the chart, and used as long as neither the
-    /// field of the vertices nor the curves are newer.
-    /// @param vertexField  the field of the vertices' coordinates.
-    /// @param chart        the Cartesian chart that they are in.
+    /// They are cached, for each vertex field and chart, as fields of the vertices in that chart, and used as long as
+    /// neither the field of the vertices nor the curves are newer.
+    /// @param vertexField  the field of the vertices' coordinates; "Positions" when empty.
+    /// @param chart        the Cartesian chart that they are in; the default one where there is no chart of this name.
     /// Failure  the exceptions above; cached results need no data of vertices and curves.
     explicit TangentialVectorsAndCurveParameter(Grid& grid, const std::string& vertexField = kPositionsName,
                                                 const std::string& chart = {});
+    /// The same; a null handle is a grid without vertices.
+    explicit TangentialVectorsAndCurveParameter(const Hestra::StrongPtr<Grid>& grid,
+                                                const std::string& vertexField = kPositionsName,
+                                                const std::string& chart = {})
+        : TangentialVectorsAndCurveParameter(present<NoVertices>(grid), vertexField, chart) {}
 
     /// Makes and fills the two arrays, one element a point, that refer to `creator` as what made them.
     void compute(const Points& points, const Curves& curves, const Hestra::WeakPtr<CreativeArrayBase>& creator = {});
     void compute(const Points& points, const ShortCurves& curves,
                  const Hestra::WeakPtr<CreativeArrayBase>& creator = {});
+    /// The same; throws `NoVertexFieldData` and `NoEdgePositions` for null handles, and leaves what was computed
+    /// before.
+    void compute(const Hestra::StrongPtr<Points>& points, const Hestra::StrongPtr<Curves>& curves,
+                 const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) {
+        compute(present<NoVertexFieldData>(points), present<NoEdgePositions>(curves), creator);
+    }
+    void compute(const Hestra::StrongPtr<Points>& points, const Hestra::StrongPtr<ShortCurves>& curves,
+                 const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) {
+        compute(present<NoVertexFieldData>(points), present<NoEdgePositions>(curves), creator);
+    }
 
     /// Null before anything was computed.
     [[nodiscard]] const Hestra::StrongPtr<Tangents>& tangents() const noexcept { return myTangents; }
@@ -112,7 +128,15 @@ public:
     [[nodiscard]] double maximalLength() const noexcept { return myMaximalLength; }
 
 private:
-    [[nodiscard]] bool useCached(const Representation& vertices, Hestra::Ageable::age_t age);
+    /// What the handle refers to; throws `Missing` when it is null.
+    template<class Missing, class T>
+    static T& present(const Hestra::StrongPtr<T>& handle) {
+        if (!handle) throw Missing();
+        return *handle;
+    }
+    [[nodiscard]] bool useCached(const Hestra::StrongPtr<Field>& tangentField,
+                                 const Hestra::StrongPtr<Field>& parameterField,
+                                 const std::vector<Hestra::StrongPtr<Field>>& inputs);
     template<class Index>
     void computeAlong(const Points& points, const MemArray<1, std::vector<Index>>& curves,
                       const Hestra::WeakPtr<CreativeArrayBase>& creator);
@@ -125,11 +149,22 @@ private:
 /// The tangents of a grid of curves, cached as by the class, with its exceptions and messages.
 [[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<TangentialVectorsAndCurveParameter::Tangents>
 getTangentialVectors(Grid& grid, const std::string& vertexField = kPositionsName);
+[[nodiscard]] inline Hestra::StrongPtr<TangentialVectorsAndCurveParameter::Tangents>
+getTangentialVectors(const Hestra::StrongPtr<Grid>& grid, const std::string& vertexField = kPositionsName) {
+    return TangentialVectorsAndCurveParameter(grid, vertexField).tangents();
+}
 
-/// The tangents of curves through points; nothing is cached.
-[[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<TangentialVectorsAndCurveParameter::Tangents>
-ComputeTangentialVectors(const TangentialVectorsAndCurveParameter::Points& points,
-                         const TangentialVectorsAndCurveParameter::Curves& curves,
-                         const Hestra::WeakPtr<CreativeArrayBase>& creator = {});
+/// The tangents of curves through points, all four as `compute` of the class takes them; nothing is cached.
+template<class Points, class Curves>
+requires requires(TangentialVectorsAndCurveParameter along, const Points& points, const Curves& curves) {
+    along.compute(points, curves);
+}
+[[nodiscard]] Hestra::StrongPtr<TangentialVectorsAndCurveParameter::Tangents>
+ComputeTangentialVectors(const Points& points, const Curves& curves,
+                         const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) {
+    TangentialVectorsAndCurveParameter result;
+    result.compute(points, curves, creator);
+    return result.tangents();
+}
 
 } // namespace Vantle

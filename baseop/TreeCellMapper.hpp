@@ -2,7 +2,6 @@
 /// Point location in one curvilinear block, through a k-d tree of cells.
 
 #include <baseop/BaseOpExport.hpp>
-#include <baseop/detail/MapperArrays.hpp>
 #include <model/hestra/Reference.hpp>
 #include <model/orvix/KDTree.hpp>
 #include <model/vantle/MemArray.hpp>

@@ -2,7 +2,6 @@
 /// Point location in one curvilinear block, through a uniform grid of lists of cells.
 
 #include <baseop/BaseOpExport.hpp>
-#include <baseop/detail/MapperArrays.hpp>
 #include <model/hestra/Reference.hpp>
 #include <model/orvix/BoundingBox.hpp>
 #include <model/vantle/MemArray.hpp>

@@ -17,7 +17,7 @@ public:
             const auto& axis = grid.axis(d);
             myOrigin[d] = axis.origin() + offset[d];
             // A divisor that makes every finite distance 0 stands for an axis that has no index.
-            mySpacing[d] = axis.size() > 1 && axis.spacing() != 0.0 ? axis.spacing() : kInfinity;
+            mySpacing[d] = axis.spacing() != 0.0 ? axis.spacing() : kInfinity;
         }
     }
 
@@ -76,7 +76,7 @@ void TInterpolateUniformDataRGB(Hestra::TypedChunk<Orvix::ByteRGB>& output,
 
 template<class T>
 int CheckType::exec<T>::Break(CheckType& request) {
-    const auto data = Hestra::dynamicCast<MemArray<3, T>>(request.data);
+    const auto* const data = dynamic_cast<const MemArray<3, T>*>(request.data);
     if (!data) return 1;
     auto output = Hestra::dynamicCast<Hestra::TypedChunk<T>>(request.output);
     if (!output) {
@@ -91,7 +91,14 @@ bool InterpolateUniformData(Hestra::StrongPtr<Hestra::ChunkBase>& output,
                             const std::vector<PhysicalSpace::point>& coordinates, const UniformCartesianArray& grid,
                             const Hestra::StrongPtr<MemBase>& data, const Orvix::FixedArray<double, 3>& offset,
                             const CoordinateFilter& filter) {
-    CheckType request{output, coordinates, grid, data, offset, filter};
+    return data && InterpolateUniformData(output, coordinates, grid, *data, offset, filter);
+}
+
+bool InterpolateUniformData(Hestra::StrongPtr<Hestra::ChunkBase>& output,
+                            const std::vector<PhysicalSpace::point>& coordinates, const UniformCartesianArray& grid,
+                            const MemBase& data, const Orvix::FixedArray<double, 3>& offset,
+                            const CoordinateFilter& filter) {
+    CheckType request(output, coordinates, grid, &data, offset, filter);
 #define VANTLE_TRY(...) || CheckType::exec<__VA_ARGS__>::Break(request) == 0
     return false VANTLE_UNIFORM_INTERPOLATION_TYPES(VANTLE_TRY);
 #undef VANTLE_TRY

@@ -20,7 +20,7 @@ using CoordinateFilter = std::function<bool(std::size_t, const Orvix::PhysicalSp
 /// nodes are those of `Interpolate`, on a node exactly the node's. `output` is given one element a coordinate; those
 /// of coordinates that the filter leaves out keep their value, or are value-initialised when new.
 /// Degenerate   a coordinate outside takes the value of the nearest border node. The index is 0 on an axis of `grid`
-///              with one node or without spacing, and for NaN. Data without elements write nothing.
+///              without spacing, and for NaN. Data without elements write nothing.
 /// Concurrency  one thread a call and output.
 /// Cost         three divisions and one kernel a coordinate; nothing is allocated but `output`.
 template<class T>
@@ -38,10 +38,21 @@ VANTLE_BASEOP_API void TInterpolateUniformDataRGB(Hestra::TypedChunk<Orvix::Byte
 
 /// One request, tried with one element type after the other.
 struct VANTLE_BASEOP_API CheckType {
+    using Coordinates = std::vector<Orvix::PhysicalSpace::point>;
+
+    /// Refers to its arguments, which outlive it.
+    CheckType(Hestra::StrongPtr<Hestra::ChunkBase>& out, const Coordinates& at, const UniformCartesianArray& of,
+              const MemBase* values, const Orvix::FixedArray<double, 3>& by, const CoordinateFilter& wanted)
+        : output(out), coordinates(at), grid(of), data(values), offset(by), filter(wanted) {}
+    CheckType(Hestra::StrongPtr<Hestra::ChunkBase>& out, const Coordinates& at, const UniformCartesianArray& of,
+              const Hestra::StrongPtr<MemBase>& values, const Orvix::FixedArray<double, 3>& by,
+              const CoordinateFilter& wanted)
+        : CheckType(out, at, of, values.rawptr(), by, wanted) {}
+
     Hestra::StrongPtr<Hestra::ChunkBase>& output;
-    const std::vector<Orvix::PhysicalSpace::point>& coordinates;
+    const Coordinates& coordinates;
     const UniformCartesianArray& grid;
-    const Hestra::StrongPtr<MemBase>& data;
+    const MemBase* data; ///< may be null
     Orvix::FixedArray<double, 3> offset;
     const CoordinateFilter& filter;
 
@@ -62,6 +73,11 @@ struct VANTLE_BASEOP_API CheckType {
 VANTLE_BASEOP_API bool InterpolateUniformData(Hestra::StrongPtr<Hestra::ChunkBase>& output,
                                               const std::vector<Orvix::PhysicalSpace::point>& coordinates,
                                               const UniformCartesianArray& grid, const Hestra::StrongPtr<MemBase>& data,
+                                              const Orvix::FixedArray<double, 3>& offset = {},
+                                              const CoordinateFilter& filter = {});
+VANTLE_BASEOP_API bool InterpolateUniformData(Hestra::StrongPtr<Hestra::ChunkBase>& output,
+                                              const std::vector<Orvix::PhysicalSpace::point>& coordinates,
+                                              const UniformCartesianArray& grid, const MemBase& data,
                                               const Orvix::FixedArray<double, 3>& offset = {},
                                               const CoordinateFilter& filter = {});
 

@@ -23,7 +23,7 @@ Hestra::StrongPtr<Grid> surfaceInput(const DataSet& data) {
     RegularGrid3D copy(data.slice->newGrid("flow without blanked vertices"));
     const auto field = data.grid.field(data.field);
     data.grid.positions()->iterate([&](const Hestra::StrongPtr<FragmentID>& fragment, const auto& creator) {
-        auto positions = creator->create(false);
+        auto positions = creator->getData();
         if (const auto blanked = data.blanked.find(FragmentID::Name(fragment, "")); blanked != data.blanked.end()) {
             constexpr double kNone = std::numeric_limits<double>::quiet_NaN();
             const auto masked = dynamic_cast<const MemArray<3, Space::point>&>(*positions).copy();

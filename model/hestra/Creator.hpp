@@ -33,7 +33,9 @@ public:
     ///          own creation function asks for them, be it from its own parallel loop, through other creators, or
     ///          through creators that other threads are at and that need what this one is making. Whoever closes the
     ///          circle gets null.
-    [[nodiscard]] StrongPtr<T> create(bool background = false) {
+    ///
+    /// A class that overrides it makes and keeps its data as it likes; every reading goes through it.
+    [[nodiscard]] virtual StrongPtr<T> create(bool background = false) {
         if (StrongPtr<T> present = cachedData()) return present;
         if (background) {
             StrongPtr<T> result;
@@ -49,10 +51,11 @@ public:
         return made;
     }
 
-    /// The living data, or null; never makes them.
+    /// The living data, or null; never makes them. Of an overriding class: what it gave last, if that lives.
     [[nodiscard]] StrongPtr<T> cachedData() const {
         const std::lock_guard lock(myDataMutex);
         StrongPtr<T> data(myData);
+        if (!data) data = StrongPtr<T>(myForeignData);
         if (data) data->markAsUsed();
         return data;
     }
@@ -67,17 +70,28 @@ public:
     /// Whether the data exist at this moment: false before a first creation and after eviction.
     [[nodiscard]] bool hasData() const {
         const std::lock_guard lock(myDataMutex);
-        return bool(myData);
+        return myData || myForeignData;
     }
 
-    /// Whether asking can succeed: the data exist now, or there is a function that makes them.
+    /// Whether asking can succeed: the data exist now, or there is a way to make them.
     [[nodiscard]] virtual bool isValid() const { return hasData() || canProduce(); }
 
 protected:
-    /// Whether `produce` can be called at all.
-    [[nodiscard]] virtual bool canProduce() const { return false; }
+    /// Whether data can be made at all: yes, as far as is known of a class that overrides `create` or `produce`.
+    [[nodiscard]] virtual bool canProduce() const { return true; }
     /// Makes the data; may return null and may throw.
     [[nodiscard]] virtual StrongPtr<T> produce() { return nullptr; }
+
+    /// Remembers what an overriding `create` gave, as long as that lives; false for data that are held here anyway.
+    bool noteForeignData(const StrongPtr<T>& data) {
+        {
+            const std::lock_guard lock(myDataMutex);
+            if (myData) return false;
+            myForeignData = data;
+        }
+        data->markAsUsed();
+        return true;
+    }
 
     /// Holds `data` for ever (persistent) or leaves that to `cache`.
     void setData(const StrongPtr<T>& data, bool persistent, const WeakPtr<Cache>& cache) {
@@ -120,6 +134,7 @@ private:
         if (cache) cache->insert(data);
         const std::lock_guard lock(myDataMutex);
         myData = data;
+        myForeignData = nullptr;
         replaced = std::move(myOwnedData);
         if (isCachingEnabled() && myPersistentFlag) myOwnedData = data;
         myHolder = cache;
@@ -140,6 +155,7 @@ private:
 
     mutable std::mutex myDataMutex;
     WeakPtr<T> myData;
+    WeakPtr<T> myForeignData; // given by an overriding `create`, while there are none of our own
     StrongPtr<T> myOwnedData;
     WeakPtr<Cache> myCache;
     WeakPtr<Cache> myHolder; // the cache that was given the present data

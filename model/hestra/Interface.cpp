@@ -1,48 +1,58 @@
 #include <model/hestra/Interface.hpp>
 
+#include <algorithm>
+#include <utility>
+
 namespace Hestra {
 
 InterfaceBase::~InterfaceBase() = default;
 
+namespace {
+
+const std::type_info& typeOf(const InterfaceBase& object) { return typeid(object); }
+
+} // namespace
+
+Intercube::Entries::iterator Intercube::find(const std::type_info& type) const {
+    auto found = myEntries.end();
+    for (auto entry = myEntries.begin(); entry != myEntries.end(); ++entry) {
+        if (typeOf(**entry) == type) return entry;
+        if ((*entry)->getInterfaceDomain() == type) found = entry;
+    }
+    return found;
+}
+
 StrongPtr<InterfaceBase> Intercube::findInterface(const std::type_info& type) const {
     const std::lock_guard lock(myMutex);
-    for (const auto& entry : myEntries) {
-        const InterfaceBase& object = *entry;
-        if (typeid(object) == type) return entry;
-    }
-    for (const auto& entry : myEntries)
-        if (entry->getInterfaceDomain() == type) return entry;
-    return nullptr;
+    const auto found = find(type);
+    return found == myEntries.end() ? StrongPtr<InterfaceBase>() : *found;
 }
 
 void Intercube::addInterface(const StrongPtr<InterfaceBase>& what) const {
     if (!what) return;
-    const std::type_info& domain = what->getInterfaceDomain();
-    StrongPtr<InterfaceBase> replaced = what; // released after the lock: its destructor may come back here
-    {
-        const std::lock_guard lock(myMutex);
-        for (auto& entry : myEntries)
-            if (entry->getInterfaceDomain() == domain) {
-                entry.swap(replaced);
-                return;
-            }
+    StrongPtr<InterfaceBase> replaced; // released after the lock: its destructor may come back here
+    const std::lock_guard lock(myMutex);
+    const auto same = std::find_if(myEntries.begin(), myEntries.end(),
+                                   [&](const auto& entry) { return typeOf(*entry) == typeOf(*what); });
+    if (same == myEntries.end()) {
         myEntries.push_back(what);
+    } else {
+        replaced = std::exchange(*same, what);
+        std::rotate(same, same + 1, myEntries.end());
     }
 }
 
-bool Intercube::removeInterface(const std::type_info& domain) const {
+bool Intercube::removeInterface(const std::type_info& type) const {
     StrongPtr<InterfaceBase> removed;
     const std::lock_guard lock(myMutex);
-    for (auto entry = myEntries.begin(); entry != myEntries.end(); ++entry)
-        if ((*entry)->getInterfaceDomain() == domain) {
-            removed = *entry;
-            myEntries.erase(entry);
-            return true;
-        }
-    return false;
+    const auto found = find(type);
+    if (found == myEntries.end()) return false;
+    removed = *found;
+    myEntries.erase(found);
+    return true;
 }
 
-std::vector<StrongPtr<InterfaceBase>> Intercube::snapshot() const {
+Intercube::Entries Intercube::snapshot() const {
     const std::lock_guard lock(myMutex);
     return myEntries;
 }
@@ -65,7 +75,7 @@ void Intercube::iterateInterfaces(InterfaceIterationParameter& parameter) const 
 
 void Intercube::takeOver(const Intercube& other) const {
     if (this == &other) return;
-    std::vector<StrongPtr<InterfaceBase>> entries;
+    Entries entries;
     {
         const std::lock_guard lock(other.myMutex);
         entries.swap(other.myEntries);

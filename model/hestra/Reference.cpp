@@ -8,7 +8,7 @@
 
 namespace Hestra {
 
-std::atomic<std::uint32_t> PointerID{0};
+SerialNumber PointerID;
 
 namespace {
 

@@ -8,15 +8,24 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <new>
 #include <type_traits>
 #include <utility>
 
 namespace Hestra {
 
+/// A number that threads read and write without locking; a copy has the value of that moment.
+struct SerialNumber : std::atomic<std::uint32_t> {
+    constexpr SerialNumber() noexcept : std::atomic<std::uint32_t>(0) {}
+    SerialNumber(const SerialNumber& other) noexcept
+        : std::atomic<std::uint32_t>(other.load(std::memory_order_relaxed)) {}
+    SerialNumber& operator=(const SerialNumber&) = delete;
+};
+
 /// Number taken by every constructed handle, in whatever thread: a diagnostic serial, 32 bits, wrapping.
 /// Updates from several threads may get lost; a number is not an identity.
-VANTLE_MODEL_API extern std::atomic<std::uint32_t> PointerID;
+VANTLE_MODEL_API extern SerialNumber PointerID;
 
 /// Takes the next number of `PointerID`. A relaxed load and a relaxed store on purpose: an atomic
 /// increment would make every handle copy contend for one cache line.
@@ -142,6 +151,12 @@ public:
                (rawptr() && other.rawptr() && myRecord == other.record());
     }
     [[nodiscard]] bool operator==(std::nullptr_t) const noexcept { return rawptr() == nullptr; }
+    /// An order of the objects referred to, without meaning, for sets and maps; null comes first. It stays when an
+    /// object dies: what was entered is found.
+    template<class U, class B>
+    [[nodiscard]] bool operator<(const DynPtr<U, B>& other) const noexcept {
+        return std::less<const ReferenceRecord*>()(myRecord, other.record());
+    }
 
     /// The control record, or null; for the handles' own use.
     [[nodiscard]] ReferenceRecord* record() const noexcept { return myRecord; }

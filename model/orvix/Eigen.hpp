@@ -122,4 +122,17 @@ bool UnsortedEigenVectors(const LowerTriangular<N, T>& matrix, FixedArray<Vector
     return done;
 }
 
+/// The same into vectors of another class, such as `PhysicalSpace::vector`.
+template<int N, class T, class V>
+requires(!std::is_same_v<V, Vector<T, N>>) bool UnsortedEigenVectors(const LowerTriangular<N, T>& matrix,
+                                                                     FixedArray<V, N>& eigenvectors,
+                                                                     FixedArray<T, N>& eigenvalues,
+                                                                     std::type_identity_t<T> precision) noexcept {
+    FixedArray<Vector<T, N>, N> found;
+    const bool done = UnsortedEigenVectors(matrix, found, eigenvalues, precision);
+    for (int i = 0; i < N; ++i)
+        for (int c = 0; c < N; ++c) eigenvectors[i][c] = found[i][c];
+    return done;
+}
+
 } // namespace Orvix

@@ -4,7 +4,6 @@
 #include <model/vantle/Grid.hpp>
 
 #include <map>
-#include <set>
 #include <string>
 
 namespace Vantle {
@@ -122,31 +121,6 @@ public:
 
 private:
     std::string myName;
-};
-
-/// A user's choice of one field by name. The empty name selects every field.
-class VANTLE_MODEL_API FieldSelector {
-public:
-    explicit FieldSelector(std::string fieldName = {}) : myName(std::move(fieldName)) {}
-    [[nodiscard]] const std::string& getFieldName() const noexcept { return myName; }
-    [[nodiscard]] bool accepts(const std::string& fieldName) const { return myName.empty() || myName == fieldName; }
-
-private:
-    std::string myName;
-};
-
-/// A user's choice of several fields by name.
-class VANTLE_MODEL_API FieldSelection {
-public:
-    FieldSelection() = default;
-    explicit FieldSelection(std::set<std::string> fieldNames) : myNames(std::move(fieldNames)) {}
-    [[nodiscard]] std::size_t getNumberOfFields() const noexcept { return myNames.size(); }
-    [[nodiscard]] const std::set<std::string>& fieldNames() const noexcept { return myNames; }
-    void add(const std::string& fieldName) { myNames.insert(fieldName); }
-    [[nodiscard]] bool contains(const std::string& fieldName) const { return myNames.count(fieldName) > 0; }
-
-private:
-    std::set<std::string> myNames;
 };
 
 } // namespace Vantle

@@ -8,6 +8,12 @@ CreativeArrayBase::CreativeArrayBase() : myElementType(typeid(void)) {}
 CreativeArrayBase::CreativeArrayBase(const VantleTypeIndex& elementType) : myElementType(elementType) {}
 CreativeArrayBase::~CreativeArrayBase() = default;
 
+StrongPtr<MemBase> CreativeArrayBase::getData() {
+    StrongPtr<MemBase> data = create(false);
+    if (data && noteForeignData(data)) announceElementType(data->elementIndex());
+    return data;
+}
+
 VantleTypeIndex CreativeArrayBase::elementType() const {
     {
         const std::lock_guard lock(myTypeMutex);
@@ -55,6 +61,15 @@ DynamicSize getSize(const CreativeArrayBase& creator) {
     if (const auto known = creator.findInterface<SizeInterface>()) return known->size();
     if (const StrongPtr<MemBase> data = creator.cachedData()) return data->getDynamicSize();
     return {};
+}
+
+DynamicSize makeSizeInterface(CreativeArrayBase& creator, int rank) {
+    if (const auto known = creator.findInterface<SizeInterface>(); known && known->size().rank() == rank)
+        return known->size();
+    const StrongPtr<MemBase> array = creator.getData();
+    if (!array || array->rank() != rank) return {};
+    creator.addInterface(Hestra::makeRef<SizeInterface>(array->getDynamicSize()));
+    return array->getDynamicSize();
 }
 
 } // namespace Vantle

@@ -36,6 +36,9 @@ private:
 
 /// Holder of one fragment's data. Carries interfaces, attributes and an age.
 ///
+/// A class of a caller's own overrides `create` (and then sees every reading, from any thread) or, to have its data
+/// made once and kept like those of others, `produce`; it may announce its element type to the constructor.
+///
 /// Attaching results, setting attributes, creating, dropping and creating again do not age it; whoever writes into
 /// its array in place calls `touch()` on it and on its field.
 /// Concurrency  data, age, element type, interfaces and attributes may be read and changed at once; the name is set by
@@ -48,6 +51,10 @@ public:
     CreativeArrayBase();
     explicit CreativeArrayBase(const VantleTypeIndex& elementType);
     ~CreativeArrayBase() override;
+
+    /// The data, made if need be: what `create(false)` gives. All that read data call this, so that of a class that
+    /// overrides `create`, too, `hasData`, size and element type are known once the data were read.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> getData();
 
     /// The registered element type of the data, without making them: as announced, or that of the array once there
     /// was one. Null when unknown and for element types that are not registered.
@@ -95,5 +102,20 @@ private:
 /// The extent of a creator's data without making them: from an attached `SizeInterface`, else from the living array,
 /// else of rank 0.
 [[nodiscard]] VANTLE_MODEL_API DynamicSize getSize(const CreativeArrayBase& creator);
+
+/// The extent of a creator's data, if they are of this rank, else of rank 0: from an attached `SizeInterface`, else
+/// from the array, which is made for that once; a `SizeInterface` is attached then, and the array not touched again.
+///
+/// Concurrency  attaches to the creator: one creator, one thread at a time.
+[[nodiscard]] VANTLE_MODEL_API DynamicSize makeSizeInterface(CreativeArrayBase& creator, int rank);
+/// The same as a `MultiIndex`; false, and `size` as it was, when there is no array of rank `N`, or no creator.
+template<int N>
+[[nodiscard]] bool makeSizeInterface(MultiIndex<N>& size, CreativeArrayBase& creator) {
+    return makeSizeInterface(creator, N).get(size);
+}
+template<int N>
+[[nodiscard]] bool makeSizeInterface(MultiIndex<N>& size, const Hestra::StrongPtr<CreativeArrayBase>& creator) {
+    return creator && makeSizeInterface(size, *creator);
+}
 
 } // namespace Vantle

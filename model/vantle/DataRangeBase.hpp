@@ -10,7 +10,7 @@ namespace Vantle {
 
 /// Least and greatest value of one array, of whatever element type, with the age of the data they were taken from.
 ///
-/// Ranges of all element types are attached under this one domain: a creator carries at most one.
+/// A creator may carry one of each element type; look-ups of this class find the one that was attached last.
 class VANTLE_MODEL_API DataRangeBase : public Hestra::Interface<DataRangeBase>, public Hestra::Ageable {
 public:
     DataRangeBase();

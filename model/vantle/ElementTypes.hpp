@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-/// Registered element types; arrays of ranks 1 to 4 of each are part of the library. `X` takes the type.
+/// Registered element types; arrays of ranks 1 to 4 of each are part of the library. `X` takes the type. Of mappers,
+/// which belong to the operations, no more than the name is known here: handles need no more.
 #define VANTLE_NUMBER_ELEMENT_TYPES(X)                                                                                 \
     X(double)                                                                                                          \
     X(float)                                                                                                           \
@@ -34,11 +35,15 @@
     X(std::string)                                                                                                     \
     X(std::vector<unsigned int>)                                                                                       \
     X(std::list<MultiIndex<3>>)
+#define VANTLE_MAPPER_ELEMENT_TYPES(X)                                                                                 \
+    X(Hestra::StrongPtr<UniGridMapper, UniGridMapper>)                                                                 \
+    X(Hestra::StrongPtr<TreeCellMapper, TreeCellMapper>)
 #define VANTLE_REGISTERED_ELEMENT_TYPES(X)                                                                             \
     VANTLE_NUMBER_ELEMENT_TYPES(X)                                                                                     \
     VANTLE_SPACE_ELEMENT_TYPES(X)                                                                                      \
     VANTLE_TUPLE_ELEMENT_TYPES(X)                                                                                      \
-    VANTLE_OTHER_ELEMENT_TYPES(X)
+    VANTLE_OTHER_ELEMENT_TYPES(X)                                                                                      \
+    VANTLE_MAPPER_ELEMENT_TYPES(X)
 
 /// Element types that arrays exist of, of the same ranks, but that stay out of the registry: what goes by registered
 /// types (data ranges, new arrays for any field) does not take part in them.

@@ -18,6 +18,8 @@ struct Field::Contents : Hestra::ReferenceBase<Field::Contents> {
         const auto found = creators.find(id);
         return found == creators.end() ? nullptr : &found->second;
     }
+    /// Fragments hide the unfragmented data as soon as one of them has a creator.
+    [[nodiscard]] bool showsUnfragmented() const { return unfragmented && creators.empty(); }
 };
 
 Field::Field() : myContents(new Contents) {}
@@ -91,7 +93,7 @@ StrongPtr<CreativeArrayBase> Field::getCreator(const StrongPtr<FragmentID>& id) 
 
 StrongPtr<MemBase> Field::getData(const StrongPtr<FragmentID>& id) const {
     const StrongPtr<CreativeArrayBase> creator = getCreator(id);
-    return creator ? creator->create(false) : nullptr;
+    return creator ? creator->getData() : nullptr;
 }
 
 StrongPtr<MemBase> Field::getDataByNumericalID(unsigned int numericalId) const {
@@ -102,9 +104,10 @@ StrongPtr<MemBase> Field::getDataByNumericalID(unsigned int numericalId) const {
 
 StrongPtr<MemBase> Field::getFirstData() const {
     const auto here = contents();
-    if (!here->collection || here->collection->empty()) return getData(nullptr);
-    for (const auto& id : here->collection->ids())
-        if (const auto* creator = here->find(id.rawptr())) return (*creator)->create(false);
+    if (here->showsUnfragmented()) return here->unfragmented->getData();
+    if (here->collection)
+        for (const auto& id : here->collection->ids())
+            if (const auto* creator = here->find(id.rawptr())) return (*creator)->getData();
     return nullptr;
 }
 
@@ -115,8 +118,7 @@ bool Field::hasData(const StrongPtr<FragmentID>& id) const {
 
 std::size_t Field::nFragments() const {
     const auto here = contents();
-    if (here->collection && !here->collection->empty()) return here->collection->size();
-    return here->unfragmented ? 1 : 0;
+    return (here->collection ? here->collection->size() : 0) + (here->showsUnfragmented() ? 1 : 0);
 }
 
 StrongPtr<MemBase> Field::newFragmentationArray() const {
@@ -209,18 +211,16 @@ void Field::processOwnership(Hestra::Intercube& destination, const Hestra::Inter
 
 bool Field::iterate(const FragmentFunction& function, bool withNullCreators) const {
     const auto here = contents();
-    if (!here->collection || here->collection->empty()) {
-        const StrongPtr<CreativeArrayBase> creator = here->unfragmented;
-        return !creator || function(nullptr, creator);
-    }
-    const std::vector<StrongPtr<FragmentID>> ids = here->collection->ids();
+    const StrongPtr<CreativeArrayBase> unfragmented =
+        here->showsUnfragmented() ? here->unfragmented : StrongPtr<CreativeArrayBase>();
+    const auto ids = here->collection ? here->collection->ids() : std::vector<StrongPtr<FragmentID>>();
     for (const auto& id : ids) {
         const auto* const found = here->find(id.rawptr());
         const StrongPtr<CreativeArrayBase> creator = found ? *found : StrongPtr<CreativeArrayBase>();
         if (!creator && !withNullCreators) continue;
         if (!function(id, creator)) return false;
     }
-    return true;
+    return !unfragmented || function(nullptr, unfragmented);
 }
 
 bool Field::iterate(FragmentIterator& iterator, const WeakPtr<FragmentSelector>& selector) const {

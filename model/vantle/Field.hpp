@@ -41,7 +41,8 @@ public:
     Field();
     /// The fragments of `collection`, none with data yet.
     explicit Field(const Hestra::StrongPtr<FragmentIDCollection>& collection);
-    /// `data` as the unfragmented (global) data; the collection lists the sub-blocks, if any.
+    /// `data` as the unfragmented (global) data; the collection lists the sub-blocks, if any. The field shows the data
+    /// as long as none of these has a creator.
     Field(const Hestra::StrongPtr<MemBase>& data, const Hestra::StrongPtr<FragmentIDCollection>& collection);
     /// Forwards to another field as long as that lives: shares its fragments and creators, with attachments of its
     /// own. What changes either makes both newer; `touch()` of this one leaves the other as it is.
@@ -69,7 +70,7 @@ public:
     /// The array of a fragment, made if need be; null when there is none to be had.
     [[nodiscard]] Hestra::StrongPtr<MemBase> getData(const Hestra::StrongPtr<FragmentID>& id = {}) const;
     [[nodiscard]] Hestra::StrongPtr<MemBase> getDataByNumericalID(unsigned int numericalId) const;
-    /// The array of the first fragment that has a creator; the unfragmented data when there are no fragments.
+    /// The array of the first fragment that has a creator; the unfragmented data when none has.
     [[nodiscard]] Hestra::StrongPtr<MemBase> getFirstData() const;
     /// Whether the data exist now: false after they were dropped and before a lazy creator ran.
     [[nodiscard]] bool hasData(const Hestra::StrongPtr<FragmentID>& id = {}) const;
@@ -107,9 +108,9 @@ public:
     /// Moves to `destination` what `source` carries.
     void processOwnership(Hestra::Intercube& destination, const Hestra::Intercube& source) const;
 
-    /// Calls `function` for every fragment of the collection in its order (the creator may be null), or once with
-    /// the null id when there are no fragments but unfragmented data. Walks over a snapshot: the function may change
-    /// the field.
+    /// Calls `function` for every fragment of the collection in its order (the creator may be null). When none of them
+    /// has a creator, unfragmented data come last, with the null id. Walks over a snapshot: the function may change the
+    /// field.
     ///
     /// @param withNullCreators  whether fragments without creator are visited.
     /// @return false if the function ended the iteration.

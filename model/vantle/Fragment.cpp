@@ -7,7 +7,7 @@ using Hestra::StrongPtr;
 FragmentID::FragmentID(std::string name) : myName(std::move(name)) {}
 FragmentID::FragmentID(std::string name, unsigned int numericalId,
                        const Hestra::WeakPtr<FragmentIDCollection>& collection)
-    : myName(std::move(name)), myNumericalId(numericalId), myCollection(collection) {}
+    : myName(std::move(name)), myNumericalId(numericalId), myNumberFlag(true), myCollection(collection) {}
 FragmentID::~FragmentID() = default;
 
 StrongPtr<FragmentIDCollection> FragmentID::collection() const { return myCollection.lock(); }
@@ -20,7 +20,8 @@ FragmentIDCollection::FragmentIDCollection() = default;
 FragmentIDCollection::~FragmentIDCollection() = default;
 
 StrongPtr<FragmentID> FragmentIDCollection::findFragmentID(unsigned int numericalId) const {
-    return numericalId < myIDs.size() ? myIDs[numericalId] : nullptr;
+    const auto found = myIndexByNumber.find(numericalId);
+    return found == myIndexByNumber.end() ? StrongPtr<FragmentID>() : myIDs[found->second];
 }
 
 StrongPtr<FragmentID> FragmentIDCollection::findFragmentID(std::string_view name) const {
@@ -31,10 +32,7 @@ StrongPtr<FragmentID> FragmentIDCollection::findFragmentID(std::string_view name
 StrongPtr<FragmentID> FragmentIDCollection::makeFragmentID(const std::string& name) {
     if (name.empty()) return nullptr;
     if (auto present = findFragmentID(name)) return present;
-    const auto number = static_cast<unsigned int>(myIDs.size());
-    myIDs.push_back(Hestra::makeRef<FragmentID>(name, number, Hestra::WeakPtr<FragmentIDCollection>(*this)));
-    myIndexByName.emplace(name, number);
-    return myIDs.back();
+    return add(Hestra::makeRef<FragmentID>(name));
 }
 
 bool FragmentIDCollection::contains(const FragmentID& id) const {
@@ -43,13 +41,25 @@ bool FragmentIDCollection::contains(const FragmentID& id) const {
 }
 
 StrongPtr<FragmentID> FragmentIDCollection::add(const StrongPtr<FragmentID>& id) {
-    if (!id) return nullptr;
+    if (!id || id->name().empty()) return nullptr;
     if (auto present = findFragmentID(id->name())) return present;
-    // An id of another collection keeps its number there: here its place in the order counts.
-    if (id->name().empty()) return nullptr;
-    myIndexByName.emplace(id->name(), static_cast<unsigned int>(myIDs.size()));
+    if (!id->myNumberFlag) {
+        id->myNumericalId = freeNumber();
+        id->myNumberFlag = true;
+        id->myCollection = *this;
+    }
+    const std::size_t place = myIDs.size();
     myIDs.push_back(id);
+    myIndexByName.emplace(id->name(), place);
+    if (!myIndexByNumber.emplace(id->numericalId(), place).second) myIndexByNumber.emplace(freeNumber(), place);
     return id;
+}
+
+unsigned int FragmentIDCollection::freeNumber() const {
+    if (myIndexByNumber.empty()) return 0;
+    unsigned int number = myIndexByNumber.rbegin()->first + 1;
+    while (myIndexByNumber.count(number)) ++number; // after the largest number comes 0
+    return number;
 }
 
 void FragmentIDCollection::setFragmentNames(const std::vector<std::string>& names) {

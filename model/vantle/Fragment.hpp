@@ -18,12 +18,14 @@ namespace Vantle {
 /// Concurrency  name and number never change; attachments are guarded, see `Intercube`.
 class VANTLE_MODEL_API FragmentID : public Hestra::ReferenceBase<FragmentID>, public Hestra::Intercube {
 public:
+    /// Gets a number, and its collection, with the first collection that it is added to.
     explicit FragmentID(std::string name);
+    /// Keeps this number; the collection does not know of it until it is added.
     FragmentID(std::string name, unsigned int numericalId, const Hestra::WeakPtr<FragmentIDCollection>& collection);
     ~FragmentID() override;
 
     [[nodiscard]] const std::string& name() const noexcept { return myName; }
-    /// Position in the order of creation within the collection.
+    /// The number that `FragmentIDCollection::findFragmentID` finds the fragment by; 0 before it has one.
     [[nodiscard]] unsigned int numericalId() const noexcept { return myNumericalId; }
     [[nodiscard]] Hestra::StrongPtr<FragmentIDCollection> collection() const;
 
@@ -31,14 +33,18 @@ public:
     [[nodiscard]] static std::string Name(const Hestra::StrongPtr<FragmentID>& id, const std::string& fallback);
 
 private:
+    friend class FragmentIDCollection;
     std::string myName;
     unsigned int myNumericalId = 0;
+    bool myNumberFlag = false;
     Hestra::WeakPtr<FragmentIDCollection> myCollection;
 };
 
 /// The ordered set of fragment ids of a field; may be shared by several fields.
 ///
-/// Order is that of creation (numerical id ascending), never that of the names.
+/// Order is that in which the ids were entered, never that of their names or numbers. An id is found by the number it
+/// was made with or, when another one of this collection has that, by the next free one: one above all others. Ids that
+/// are made here are numbered 0, 1, 2, ...
 /// Concurrency  reading from any number of threads; changing from one thread while nobody reads.
 class VANTLE_MODEL_API FragmentIDCollection : public Hestra::ReferenceBase<FragmentIDCollection> {
 public:
@@ -47,7 +53,7 @@ public:
 
     [[nodiscard]] std::size_t size() const noexcept { return myIDs.size(); }
     [[nodiscard]] bool empty() const noexcept { return myIDs.empty(); }
-    /// The fragment of this numerical id, or null.
+    /// The fragment of this number, or null.
     [[nodiscard]] Hestra::StrongPtr<FragmentID> findFragmentID(unsigned int numericalId) const;
     /// The fragment of this name, or null; null for the empty name.
     [[nodiscard]] Hestra::StrongPtr<FragmentID> findFragmentID(std::string_view name) const;
@@ -63,8 +69,12 @@ public:
     [[nodiscard]] const std::vector<Hestra::StrongPtr<FragmentID>>& ids() const noexcept { return myIDs; }
 
 private:
+    /// The smallest number above all that are taken; the smallest free one when there is none above.
+    [[nodiscard]] unsigned int freeNumber() const;
+
     std::vector<Hestra::StrongPtr<FragmentID>> myIDs;
-    std::map<std::string, unsigned int, std::less<>> myIndexByName;
+    std::map<std::string, std::size_t, std::less<>> myIndexByName;
+    std::map<unsigned int, std::size_t> myIndexByNumber;
 };
 
 /// Something that can say which fragments it has.

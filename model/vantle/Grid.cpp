@@ -21,8 +21,8 @@ StrongPtr<Chart> Grid::findChart(const std::type_info& type, const std::string& 
     return myAtlas.find(type, name);
 }
 
-StrongPtr<Chart> Grid::findCartesianChart(const std::string& name) const {
-    return findChart(typeid(CartesianChart), name);
+StrongPtr<CartesianChart> Grid::findCartesianChart(const std::string& name) const {
+    return Hestra::dynamicCast<CartesianChart>(findChart(typeid(CartesianChart), name));
 }
 
 StrongPtr<Representation> Grid::makeCartesianRepresentation(int dims, const std::string& chart, unsigned short level) {
@@ -35,7 +35,7 @@ StrongPtr<Representation> Grid::getCartesianRepresentation(const std::string& ch
 }
 
 StrongPtr<Representation> Grid::getCartesianRepresentation(const Skeleton& skeleton, const std::string& chart) const {
-    const StrongPtr<Chart> cartesian = findCartesianChart(chart);
+    const auto cartesian = findCartesianChart(chart);
     return cartesian ? skeleton.findRepresentation(*cartesian) : nullptr;
 }
 

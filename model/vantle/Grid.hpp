@@ -30,7 +30,7 @@ public:
                                        unsigned short level = 0);
     /// The chart of this type and name in this grid's atlas, or null.
     [[nodiscard]] Hestra::StrongPtr<Chart> findChart(const std::type_info& type, const std::string& name = {}) const;
-    [[nodiscard]] Hestra::StrongPtr<Chart> findCartesianChart(const std::string& name = {}) const;
+    [[nodiscard]] Hestra::StrongPtr<CartesianChart> findCartesianChart(const std::string& name = {}) const;
     [[nodiscard]] const Atlas& atlas() const noexcept { return myAtlas; }
     [[nodiscard]] const Hestra::StrongPtr<GlobalCharts>& globalCharts() const noexcept { return myGlobalCharts; }
 

@@ -12,6 +12,7 @@
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <type_traits>
 
 namespace Vantle {
 
@@ -150,6 +151,10 @@ public:
     template<int N>
     requires(N <= MaxRank) DynamicSize(const MultiIndex<N>& extents)
     noexcept : myRank(N) { std::copy(extents.begin(), extents.end(), myExtents.begin()); }
+    /// A plain count: one axis.
+    template<std::integral I>
+    requires(!std::is_same_v<I, bool>) DynamicSize(I count)
+    noexcept : DynamicSize(MultiIndex<1>(count)) {}
     /// Throws std::length_error beyond `MaxRank` axes.
     DynamicSize(std::initializer_list<index_t> extents);
 

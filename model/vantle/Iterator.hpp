@@ -31,6 +31,12 @@ struct VANTLE_MODEL_API Iterator {
     index_t leading = 0;
     index_t trailing = 0;
 
+    constexpr Iterator() noexcept = default;
+    /// `elementCount` elements, the first at `elements`, each `elementStride` after the one before.
+    constexpr Iterator(T* elements, index_t elementStride, index_t elementCount) noexcept
+        : data(elements), total(elementStride <= 1 ? elementCount : elementCount * elementStride),
+          stride(elementStride) {}
+
     /// Number of elements of the block, skipped ones included.
     [[nodiscard]] constexpr index_t count() const noexcept { return stride <= 1 ? total : total / stride; }
     /// Number of elements.
@@ -53,7 +59,7 @@ struct VANTLE_MODEL_API CreativeIterator : Iterator<T> {
         : Iterator<T>(elements), creator(source) {}
     /// `count` elements of `source`.
     constexpr CreativeIterator(const DataCreator<T>& source, index_t count) noexcept
-        : Iterator<T>{nullptr, count, 1, 0, 0}, creator(&source) {}
+        : Iterator<T>(nullptr, 1, count), creator(&source) {}
 
     [[nodiscard]] constexpr bool empty() const noexcept { return !(creator || this->data) || this->size() == 0; }
     /// A copy of the element.

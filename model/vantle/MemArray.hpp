@@ -118,6 +118,13 @@ public:
                                const Creator& creator = {}) const {
         return MemArray<N, U>::makeMemArray(chunk, this->Size(), creator);
     }
+    /// The same over what `getChunk` gives: elements of a slice, which has no chunk, are value-initialised.
+    template<class U>
+    [[nodiscard]] Hestra::Ref<ReferencingMemArray<N, U>>
+    createEquallySizedMemArray(const Hestra::StrongPtr<Hestra::TypedChunkBase<U>>& chunk,
+                               const Creator& creator = {}) const {
+        return createEquallySizedMemArray(Hestra::dynamicCast<Hestra::TypedChunk<U>>(chunk), creator);
+    }
     /// A new array of copies of all elements.
     [[nodiscard]] Hestra::Ref<Owning> copy(const Creator& creator = {}) const {
         return createSubMemArray(MultiIndex<N>(), this->Size(), creator);
@@ -229,7 +236,9 @@ class VANTLE_MODEL_API MemArrayAllocator : public MemBase::Allocator {
 public:
     [[nodiscard]] VantleTypeIndex elementIndex() const override { return typeid(T); }
     [[nodiscard]] bool isDomain(const std::type_info& domain) const override {
-        return domain == typeid(T) || domain == typeid(typename TypedArray<T>::reference_domain_t);
+        return domain == typeid(T) || domain == typeid(typename TypedArray<T>::reference_domain_t) ||
+               domain == typeid(TypedArray<T>) || isArray<1>(domain) || isArray<2>(domain) || isArray<3>(domain) ||
+               isArray<4>(domain);
     }
     [[nodiscard]] Hestra::StrongPtr<MemBase> create(const DynamicSize& size,
                                                     const Hestra::WeakPtr<CreativeArrayBase>& creator) const override {
@@ -255,6 +264,10 @@ public:
     }
 
 private:
+    template<int N>
+    [[nodiscard]] static bool isArray(const std::type_info& type) {
+        return type == typeid(MemArray<N, T>) || type == typeid(ReferencingMemArray<N, T>);
+    }
     [[nodiscard]] static Hestra::StrongPtr<MemBase> make(const DynamicSize& size,
                                                          const Hestra::StrongPtr<Hestra::TypedChunk<T>>& chunk,
                                                          const Hestra::WeakPtr<CreativeArrayBase>& creator) {
@@ -413,7 +426,7 @@ void ReferencingMemArray<N, T>::lookAt(const MultiIndex<N>& size) {
         }
     }
     myElements->settle();
-    this->attach(Iterator<T>{elements.data(), *total, 1, 0, 0}, size);
+    this->attach(Iterator<T>(elements.data(), 1, *total), size);
 }
 
 template<int N, class T>
@@ -447,6 +460,7 @@ VANTLE_NUMBER_ELEMENT_TYPES(VANTLE_DECLARE_NUMBERS)
 VANTLE_SPACE_ELEMENT_TYPES(VANTLE_DECLARE_CLASSES)
 VANTLE_TUPLE_ELEMENT_TYPES(VANTLE_DECLARE_CLASSES)
 VANTLE_OTHER_ELEMENT_TYPES(VANTLE_DECLARE_CLASSES)
+VANTLE_MAPPER_ELEMENT_TYPES(VANTLE_DECLARE_CLASSES)
 VANTLE_UNREGISTERED_NUMBER_TYPES(VANTLE_DECLARE_NUMBERS)
 VANTLE_UNREGISTERED_CLASS_TYPES(VANTLE_DECLARE_CLASSES)
 #undef VANTLE_DECLARE_CLASSES

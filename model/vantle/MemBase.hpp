@@ -27,7 +27,8 @@ public:
         [[nodiscard]] virtual Hestra::StrongPtr<MemBase>
         create(const DynamicSize& size, const Hestra::StrongPtr<Hestra::ChunkBase>& chunk,
                const Hestra::WeakPtr<CreativeArrayBase>& creator) const = 0;
-        /// Whether `domain` names arrays of this element type: the type, or the tag of arrays that share its memory.
+        /// Whether `domain` names arrays of this element type: the type, the tag of arrays that share its memory, or a
+        /// class of arrays, whatever its rank.
         [[nodiscard]] virtual bool isDomain(const std::type_info& domain) const = 0;
     };
 
@@ -58,9 +59,10 @@ public:
     [[nodiscard]] virtual Hestra::StrongPtr<MemBase> gather(const TypedArray<index_t>& indices, const DynamicSize& size,
                                                             index_t blockLength) const = 0;
 
-    /// A new array of another size, with value-initialised elements. `type` is an element type or the tag of
-    /// a memory domain; `typeid(void)`, whatever names this array, and `MemArrayBase<N>` for the rank of `size` mean
-    /// the type of this one. Null when no such type, or no such rank, is available.
+    /// A new array of another size, with value-initialised elements. `type` is an element type, the tag of a memory
+    /// domain or a class of arrays, such as `MemArray<1, double>`, which names its elements; `typeid(void)`, the class
+    /// of this array, and `MemArrayBase<N>` for the rank of `size` mean the type of this one. Null when no such type,
+    /// or no such rank, is available.
     [[nodiscard]] Hestra::StrongPtr<MemBase> create(const DynamicSize& size, const std::type_info& type) const;
 
     /// What made this array; expired or empty when nothing (any more) did.

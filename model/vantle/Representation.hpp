@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,31 @@ public:
 
 private:
     std::string myName;
+};
+
+/// A user's choice of one field by name. The empty name selects every field.
+class VANTLE_MODEL_API FieldSelector {
+public:
+    explicit FieldSelector(std::string fieldName = {}) : myName(std::move(fieldName)) {}
+    [[nodiscard]] const std::string& getFieldName() const noexcept { return myName; }
+    [[nodiscard]] bool accepts(const std::string& fieldName) const { return myName.empty() || myName == fieldName; }
+
+private:
+    std::string myName;
+};
+
+/// A user's choice of several fields by name.
+class VANTLE_MODEL_API FieldSelection {
+public:
+    FieldSelection() = default;
+    explicit FieldSelection(std::set<std::string> fieldNames) : myNames(std::move(fieldNames)) {}
+    [[nodiscard]] std::size_t getNumberOfFields() const noexcept { return myNames.size(); }
+    [[nodiscard]] const std::set<std::string>& fieldNames() const noexcept { return myNames; }
+    void add(const std::string& fieldName) { myNames.insert(fieldName); }
+    [[nodiscard]] bool contains(const std::string& fieldName) const { return myNames.count(fieldName) > 0; }
+
+private:
+    std::set<std::string> myNames;
 };
 
 /// The slot of one name in a representation. Reading an empty slot gives null and creates nothing.
@@ -77,6 +103,10 @@ public:
     Hestra::StrongPtr<FieldID> makeFieldID(const std::string& name);
     static Hestra::StrongPtr<FieldID> makeFieldID(Representation& representation, const std::string& name) {
         return representation.makeFieldID(name);
+    }
+    static Hestra::StrongPtr<FieldID> makeFieldID(const Hestra::StrongPtr<Representation>& representation,
+                                                  const std::string& name) {
+        return representation ? representation->makeFieldID(name) : nullptr;
     }
     /// The key of this name shared with `other`: what one of them has, or a new one in both. Two different keys that
     /// exist already stay; the own one is returned.

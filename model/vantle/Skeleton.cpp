@@ -48,6 +48,18 @@ const Hestra::Referable* Skeleton::ownerObject() const { return myOwner ? myOwne
 
 WeakPtr<Representation::Owner> Skeleton::representationOwner() { return WeakPtr<Representation::Owner>(*this); }
 
+std::vector<std::string> getSkeletonFields(const StrongPtr<Skeleton>& skeleton, const StrongPtr<Chart>& chart,
+                                           const FieldSelector& selector, const std::set<std::string>& excluded) {
+    std::vector<std::string> names;
+    const auto representation = skeleton && chart ? skeleton->findRepresentation(*chart) : nullptr;
+    if (!representation) return names;
+    representation->iterate([&](const FieldID& id, const Field&) {
+        if (selector.accepts(id.name()) && !excluded.contains(id.name())) names.push_back(id.name());
+        return true;
+    });
+    return names;
+}
+
 StrongPtr<Skeleton> SkeletonMap::findVertices(int dims) const {
     if (dims != ~0) return getSkeleton(SkeletonID(dims, 0));
     for (auto entry = mySkeletons.rbegin(); entry != mySkeletons.rend(); ++entry)

@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace Vantle {
 
@@ -62,6 +63,12 @@ private:
     SkeletonID myID;
     Hestra::WeakPtr<Owner> myOwner;
 };
+
+/// The names of the fields of a skeleton in a chart that the selector accepts, sorted, without those in `excluded`.
+/// Empty when there is no such representation.
+[[nodiscard]] VANTLE_MODEL_API std::vector<std::string>
+getSkeletonFields(const Hestra::StrongPtr<Skeleton>& skeleton, const Hestra::StrongPtr<Chart>& chart,
+                  const FieldSelector& selector = FieldSelector(), const std::set<std::string>& excluded = {});
 
 /// Called once a skeleton; false ends the iteration.
 class VANTLE_MODEL_API ConstSkeletonIterator {

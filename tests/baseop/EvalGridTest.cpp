@@ -151,18 +151,4 @@ TEST(EvalGridTest, IndirectionPicksSourceVertices) {
     for (index_t k = 0; k < 4; ++k) EXPECT_EQ(picked->element(k)[0], (std::vector<double>{3, 1, 3, 2})[k]);
 }
 
-TEST(EvalGridTest, ListsTheFieldsOfASkeleton) {
-    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
-    GridWithCartesianVertices vertices(grid, 3);
-    for (const char* name : {"zeta", "alpha", "mid"}) vertices.setField(name, makeMemArray1D(std::vector<double>(1)));
-    using Names = std::vector<std::string>;
-    const auto chart = grid->findCartesianChart();
-    EXPECT_EQ(getSkeletonFields(vertices.vertices(), chart), (Names{"Positions", "alpha", "mid", "zeta"}));
-    EXPECT_EQ(getSkeletonFields(vertices.vertices(), chart, FieldSelector(), {"Positions", "mid"}),
-              (Names{"alpha", "zeta"}));
-    EXPECT_EQ(getSkeletonFields(vertices.vertices(), chart, FieldSelector("mid")), Names{"mid"});
-    EXPECT_EQ(getSkeletonFields(nullptr, chart), Names{});
-    EXPECT_EQ(getSkeletonFields(vertices.vertices(), grid->makeChart(typeid(RGBAChart))), Names{});
-}
-
 } // namespace

@@ -439,7 +439,7 @@ TEST(GridEvaluatorTest, ElementTypesOfTheSource) {
     std::vector<Orvix::FixedArray<double, 2>> indices{{0.5, 0.5}, {nan, 0.0}, {1.0, 1.0}};
     std::vector<double> out(3, -7.0);
     const CreativeIterator<Orvix::FixedArray<double, 2>> view(
-        Iterator<Orvix::FixedArray<double, 2>>{indices.data(), 3});
+        Iterator<Orvix::FixedArray<double, 2>>(indices.data(), 1, 3));
     EXPECT_TRUE((evaluator.evalFloatIndices<2, double>(out, view, source.values("plane"))));
     EXPECT_EQ(out, (std::vector<double>{5.5, -7.0, -7.0}));
     EXPECT_FALSE((evaluator.evalFloatIndices<2, double>(out, view, source.values("vectors"))));

@@ -555,6 +555,9 @@ TEST_F(IsosurfaceGridTest, SkipsFragmentsByTheirRanges) {
     EXPECT_EQ(compute(4.5), std::string(kRecomputing) + "SKIP Iso\nSKIP Iso\n"); // both ranges are known now
     requested.touch();
     EXPECT_EQ(compute(4.0), kRecomputing); // the greatest value is no reason to skip
+    EXPECT_TRUE(points().empty());         // but no value exceeds it
+    requested.touch();
+    EXPECT_EQ(compute(std::nextafter(4.0, 0.0)), kRecomputing);
     EXPECT_EQ(points().size(), 3 * 9U);
     requested.touch();
     EXPECT_EQ(compute(kNaN), kRecomputing);

@@ -110,20 +110,6 @@ TEST(PartialDerivativeTest, IsTheDefinitionToTheLastBitForAnyNumberOfThreads) {
     omp_set_num_threads(threads);
 }
 
-TEST(PartialDerivativeTest, BordersAreOneSided) {
-    for (int axis = 0; axis < 3; ++axis) {
-        MultiIndex<3> size(2, 3, 2);
-        size[axis] = 4;
-        const auto gradient = derived<PhysicalSpace::vector>(arrayOf<double>(size, [&](double i, double j, double k) {
-            const double m[] = {i, j, k};
-            return m[axis] * m[axis];
-        }));
-        const double expected[] = {1, 2, 4, 5};
-        for (index_t n = 0; n < gradient->nElements(); ++n)
-            EXPECT_EQ(gradient->element(n)[axis], expected[MultiIndex<3>::fromLinear(n, size)[axis]]);
-    }
-}
-
 // A component of a tensor field and a slice of a time series lie in memory with gaps.
 TEST(PartialDerivativeTest, TakesArraysThatShareMemory) {
     const MultiIndex<3> size(6, 5, 4);
@@ -193,28 +179,6 @@ TEST(PartialDerivativeTest, FragmentErrorsAreCollected) {
                       "No data available for fragment No derivation computed for fragment ");
 }
 
-TEST(PartialDerivativeTest, DroppedDerivativesAreComputedAgain) {
-    int made = 0;
-    std::string errors;
-    const auto cache = Hestra::makeRef<Hestra::Cache>();
-    const auto source = lazyCreator(typeid(double), MultiIndex<3>(9, 8, 7), made, randomScalars({9, 8, 7}, 11));
-    const auto derivative = PartialDerivative(source, errors, cache);
-    ASSERT_TRUE(derivative) << errors;
-    EXPECT_EQ(made, 1);
-    EXPECT_EQ(cache->size(), 1u);
-    const auto before = derivative->create()->getElementAsString(200);
-    cache->clear();
-    EXPECT_FALSE(derivative->hasData());
-    EXPECT_EQ(getSize(*derivative), DynamicSize(MultiIndex<3>(9, 8, 7)));
-    EXPECT_EQ(derivative->create()->getElementAsString(200), before);
-    EXPECT_EQ(cache->size(), 1u);
-    EXPECT_TRUE(derivative->create()->getCreator() == derivative);
-
-    const auto kept = PartialDerivative(source, errors, nullptr);
-    cache->clear();
-    EXPECT_TRUE(kept->hasData());
-}
-
 class PartialDerivativeFieldTest : public testing::Test {
 protected:
     BundlePtr bundle = BundlePtr::create();
@@ -263,34 +227,6 @@ TEST_F(PartialDerivativeFieldTest, GlobalDataAndFailure) {
     // A field may be replaced by its own derivative.
     const auto again = PartialDerivative(*gradient, "gradient", *vertices, *vertices, errors);
     EXPECT_TRUE(again->getData()->elementIndex() == typeid(Tensor));
-}
-
-// A derivator for one more pair of types: in force while somebody owns it.
-struct SumOfFloats : PartialDerivatorBase {
-    bool isPartialDerivable(const MemArrayProperties& properties) const override {
-        return properties.rank() == 2 && properties.elementType() == VantleTypeIndex(typeid(float));
-    }
-    StrongPtr<MemBase> doPartialDerivative(const StrongPtr<MemBase>& data) const override {
-        const auto result = MemArray<1, double>::create({1});
-        for (index_t n = 0; n < data->nElements(); ++n)
-            result->element(0) += double(dynamic_cast<MemArray<2, float>&>(*data.rawptr()).element(n));
-        return result.strong();
-    }
-};
-
-TEST(PartialDerivativeTest, MoreDerivatorsCanBeAdded) {
-    const auto floats = MemArray<2, float>::create({2, 2});
-    floats->element(3) = 2.5F;
-    const StrongPtr<CreativeArrayBase> creator(new CreativeArray(StrongPtr<MemBase>(floats)));
-    EXPECT_FALSE(isPartialDerivable(creator));
-    {
-        const StrongPtr<PartialDerivatorBase> mine(new SumOfFloats);
-        EXPECT_TRUE(isPartialDerivable(creator));
-        EXPECT_EQ(PartialDerivative(StrongPtr<MemBase>(floats))->getElementAsString(0), std::to_string(2.5));
-        EXPECT_TRUE(derived<PhysicalSpace::vector>(randomScalars({2, 2, 2}, 1)));
-    }
-    EXPECT_FALSE(isPartialDerivable(creator));
-    EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>(floats)));
 }
 
 } // namespace

@@ -1,5 +1,4 @@
 #include <baseop/SurfaceRefinement.hpp>
-#include <model/vantle/Bundle.hpp>
 
 #include <cmath>
 #include <gtest/gtest.h>
@@ -157,8 +156,6 @@ TEST(SurfaceRefinementTest, IncompleteSurfacesHaveNoFlags) {
     EXPECT_EQ(EdgeLengthCriterion(1.0).DetectEdges(outOfRange), (std::vector<bool>{true, false, false, false, false}));
     EXPECT_EQ(EdgeFlipCriterion(0.0).DetectEdges(outOfRange), std::vector<bool>(5, false));
     GetCapturedStdout();
-    const BundlePtr bundle = BundlePtr::create();
-    EXPECT_FALSE(refineSurface(*bundle, outOfRange, nullptr));
 }
 
 // A rhombus with a long diagonal from a to b: both opposite angles are obtuse. Every test of the criterion in turn.

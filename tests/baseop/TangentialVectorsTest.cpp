@@ -201,8 +201,6 @@ TEST(TangentialVectorsTest, MissingPartsHaveExceptions) {
     EXPECT_THROW(attempt(), Computer::NoEdgePositions);
     lists->Positions()->setPersistentData(MemArray<1, double>::create({2}));
     EXPECT_THROW(attempt(), Computer::NoEdgePositions);
-    EXPECT_THROW(Computer(*grid, "elsewhere", ""), Computer::NoVertexField);
-    EXPECT_THROW(Computer(*grid, "Positions", "polar"), Computer::Exception);
     lists->Positions()->setPersistentData(makeMemArray1D(Lists{{0, 1}}));
     EXPECT_NO_THROW(attempt());
     GetCapturedStdout();

@@ -97,18 +97,6 @@ TEST(ArrayTypeTest, AnotherLibraryRegistersItsOwnTypes) {
     EXPECT_EQ(made->getElementAsString(0), "");
 }
 
-TEST(ArrayTypeTest, CreateUnderstandsItsOwnNames) {
-    const StrongPtr<MemBase> array = MemArray<2, float>::create({2, 2});
-    const MemBase& object = *array;
-    for (const std::type_info* name :
-         {&typeid(void), &typeid(float), &typeid(TypedArray<float>::reference_domain_t), &typeid(object)})
-        EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, float>>(array->create(MultiIndex<1>(3), *name)))) << name->name();
-    EXPECT_TRUE(
-        (Hestra::dynamicCast<MemArray<3, float>>(array->create(MultiIndex<3>(3, 1, 1), typeid(MemArrayBase<3>)))));
-    EXPECT_FALSE(array->create(MultiIndex<1>(3), typeid(MemArrayBase<2>))) << "not the rank of the size";
-    EXPECT_FALSE(array->create(MultiIndex<1>(3), typeid(ArrayTypeTest_CreateUnderstandsItsOwnNames_Test)));
-}
-
 TEST(ArrayTypeTest, ElementsAsText) {
     EXPECT_EQ(textOf(1.5), "1.500000");
     EXPECT_EQ(textOf(-0.25f), "-0.250000");

@@ -50,14 +50,6 @@ TEST(FieldTest, UnfragmentedDataAreTheNullFragment) {
     EXPECT_TRUE(field.hasData(field.getFragmentID("")));
     EXPECT_EQ(firstOf(field.getData()), 4.0);
     EXPECT_EQ(firstOf(field.getFirstData()), 4.0);
-
-    // Blocks of a global array: the iteration shows the blocks, the global data stay reachable.
-    const StrongPtr<FragmentIDCollection> blocks(new FragmentIDCollection);
-    blocks->setFragmentNames({"west", "east"});
-    const Field both(numbers({5}), blocks);
-    EXPECT_EQ(visit(both), (Names{"west?", "east?"}));
-    EXPECT_EQ(firstOf(both.getData()), 5.0);
-    EXPECT_FALSE(both.getFirstData());
 }
 
 TEST(FieldTest, IterationStopsOnFalseAndSurvivesChanges) {

@@ -112,10 +112,6 @@ TEST(GridTest, ChartsAreFoundByTypeAndNameAndSharedInABundle) {
     EXPECT_FALSE(b->findCartesianChart()) << "known to the bundle, but not used by this grid";
     EXPECT_EQ(b->makeChart(typeid(CartesianChart)), chart);
     EXPECT_FALSE(a->makeChart(typeid(int)));
-    EXPECT_EQ(a->MinLevel(3), 0);
-    (void)a->makeCartesianRepresentation(3);
-    EXPECT_EQ(a->MaxLevel(3), 2);
-    EXPECT_EQ(a->findIsotropicRefinementFactor(1, 3), 4.0);
 }
 
 TEST(GridTest, RepresentationsAreMadeByCreatingFormsOnly) {
@@ -170,6 +166,20 @@ TEST(RepresentationTest, SlotsReadNullAndLookUpsCreateNothing) {
     EXPECT_EQ(grid("a"), second);
     EXPECT_EQ(grid.findVertices()->getField(nullptr, "a", grid.atlas()), second);
     EXPECT_FALSE(grid.findVertices()->getField(nullptr, "a", grid.atlas(), {""}));
+}
+
+TEST(RepresentationTest, ListsTheFieldsOfASkeleton) {
+    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    GridWithCartesianVertices vertices(grid, 3);
+    for (const char* name : {"zeta", "alpha", "mid"}) vertices.setField(name, makeMemArray1D(std::vector<double>(1)));
+    using Names = std::vector<std::string>;
+    const auto chart = grid->findCartesianChart();
+    EXPECT_EQ(getSkeletonFields(vertices.vertices(), chart), (Names{"Positions", "alpha", "mid", "zeta"}));
+    EXPECT_EQ(getSkeletonFields(vertices.vertices(), chart, FieldSelector(), {"Positions", "mid"}),
+              (Names{"alpha", "zeta"}));
+    EXPECT_EQ(getSkeletonFields(vertices.vertices(), chart, FieldSelector("mid")), Names{"mid"});
+    EXPECT_EQ(getSkeletonFields(nullptr, chart), Names{});
+    EXPECT_EQ(getSkeletonFields(vertices.vertices(), grid->makeChart(typeid(RGBAChart))), Names{});
 }
 
 TEST(RepresentationTest, ThePrimaryBundleIsFoundThroughTheOwners) {

@@ -28,7 +28,7 @@ StrongPtr<Hestra::InterfaceBase> handle(Hestra::InterfaceBase* object) {
     return StrongPtr<Hestra::InterfaceBase>(object);
 }
 
-TEST(InterfaceTest, OneObjectADomainFoundUnderItsTypeAndItsDomain) {
+TEST(InterfaceTest, OneObjectATypeFoundUnderItAndItsDomain) {
     const Intercube cube;
     cube.addInterface(handle(new Size(1)));
     EXPECT_TRUE(cube.findInterface(typeid(Size)));
@@ -37,12 +37,16 @@ TEST(InterfaceTest, OneObjectADomainFoundUnderItsTypeAndItsDomain) {
 
     const WeakPtr<Hestra::InterfaceBase> old = cube.findInterface(typeid(Size));
     cube.addInterface(handle(new SpecialSize(2)));
-    EXPECT_FALSE(old) << "the replaced object is released";
+    EXPECT_EQ(cube.findInterface(typeid(Size)), old) << "exactly of this type";
+    EXPECT_TRUE(cube.removeInterface(typeid(Size)));
+    EXPECT_FALSE(old);
     EXPECT_EQ(cube.findInterface(typeid(Size)), cube.findInterface(typeid(SpecialSize)));
+    const WeakPtr<Hestra::InterfaceBase> special = cube.findInterface(typeid(SpecialSize));
+    cube.addInterface(handle(new SpecialSize(3)));
+    EXPECT_FALSE(special) << "the replaced object is released";
     EXPECT_FALSE(cube.findInterface(typeid(Hestra::InterfaceBase))) << "base classes are not searched";
 
     cube.addInterface(handle(new Other));
-    EXPECT_TRUE(cube.findInterface(typeid(Size)));
     EXPECT_TRUE(cube.removeInterface(typeid(Size)));
     EXPECT_FALSE(cube.removeInterface(typeid(Size)));
     EXPECT_TRUE(cube.findInterface(typeid(Other)));

@@ -95,6 +95,8 @@ public:
     /// Classifies and counts. The data outlive the sweep.
     IsoSweep(const MultiArray<3, T>& data, double level);
 
+    /// Whether the block has cells at all.
+    [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
     [[nodiscard]] index_t vertices() const noexcept { return myLayers.empty() ? 0 : myLayers.back().firstVertex; }
     [[nodiscard]] index_t triangles() const noexcept { return myLayers.empty() ? 0 : myLayers.back().firstTriangle; }
 
@@ -112,7 +114,6 @@ private:
     template<class Positions>
     class VertexQueue;
 
-    [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
     [[nodiscard]] std::size_t layerCount() const noexcept { return mySize[2] - 1; }
     [[nodiscard]] const T* row(std::size_t j, std::size_t k) const noexcept {
         return myValues + (k * mySize[1] + j) * mySize[0] * myStride;
