@@ -1,6 +1,7 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/detail/Extremes.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
+#include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/CreativeArray.hpp>
 #include <model/vantle/TypedArray.hpp>
@@ -169,7 +170,7 @@ WeakPtr<DataRange<T>> DataRange<T>::compute(CreativeArrayBase& creator, bool req
 template<class T>
 WeakPtr<DataRange<T>> DataRange<T>::get(const CreativeArrayBase& creator) {
     const StrongPtr<DataRange> range = creator.findInterface<DataRange>();
-    if (!range || range->age() < creator.age()) return {};
+    if (!range || !Hestra::Freshness::isFresh(range->age(), creator.age())) return {};
     return range;
 }
 

@@ -507,15 +507,10 @@ FragmentSearchBase::FragmentSearchBase(const GridEvaluator::Context& context)
 FragmentSearchBase::~FragmentSearchBase() = default;
 
 bool FragmentSearchBase::serves(const GridEvaluator::Context& context) const {
-    const auto sameCoordinates = [&] {
-        if (!myShared->owner) return true;
-        const StrongPtr<Field> field = context.grid ? (*context.grid)(context.coordinateField) : nullptr;
-        return field == myShared->owner->coordinateField();
-    };
     return myContext.slice == context.slice && myContext.grid == context.grid &&
            myContext.coordinateField == context.coordinateField && myContext.resolution == context.resolution &&
            myContext.precision == context.precision && myContext.scale == context.scale &&
-           myContext.flag == context.flag && sameCoordinates();
+           myContext.flag == context.flag && (!myShared->owner || myShared->owner->isCurrent());
 }
 
 const LocalFromWorldPoint& FragmentSearchBase::locator() {

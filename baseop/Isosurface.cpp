@@ -3,6 +3,7 @@
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/VertexMerger.hpp>
 #include <model/hestra/Console.hpp>
+#include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
@@ -98,6 +99,9 @@ struct SurfaceFields {
 
     StrongPtr<Field> points, triangles;
 };
+
+/// Beside the points of a surface: the positions that it lies in. Its ages are those of values and request.
+using SurfaceRecord = Hestra::FreshnessRecord<Field>;
 
 /// Whether there is a value above the level. Looks at pieces that vector lanes take at once.
 template<class T>
@@ -346,9 +350,13 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     if (!field) throw IsoException(2);
 
     const auto age = std::max(field->age(), requestedAge.age());
+    const Hestra::Freshness inSpace(positions.rawptr());
     if (const StrongPtr<Grid> known = slice(outputName)) {
         const SurfaceFields surface(*known);
-        if (isValid(surface.points) && isValid(surface.triangles) && surface.points->age() >= age) return known;
+        if (isValid(surface.points) && isValid(surface.triangles) &&
+            Hestra::Freshness::isFresh(surface.points->age(), age) &&
+            SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr()))
+            return known;
     }
 
     const StrongPtr<Grid> output = slice.newGrid(outputName);
@@ -370,6 +378,7 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     const SurfaceFields surface(*output);
     surface.points->raiseAge(age);
     surface.triangles->raiseAge(age);
+    SurfaceRecord::attach(*surface.points, surface.points, inSpace);
     return output;
 }
 

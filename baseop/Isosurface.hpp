@@ -237,8 +237,8 @@ public:
     /// Messages    "SKIP Iso" for a skip without data, "SKIP Iso Retrieve: ..." for a skip of double values.
     /// Degenerate  no creator, or one without data, adds nothing.
     /// Failure     throws `const char*` for data that are not three-dimensional; then `IsoException` 3, after a
-    ///             message, without coordinates of the same extents; then `IsoException` 4 for other element types; then
-    ///             std::length_error when this fragment's vertices and those that are there are more than 2^32.
+    ///             message, without coordinates of the same extents; then `IsoException` 4 for other element types;
+    ///             then std::length_error when this fragment's vertices and those that are there are more than 2^32.
     bool apply(const Hestra::StrongPtr<FragmentID>& id, const Hestra::StrongPtr<CreativeArrayBase>& creator) override;
 
     /// Stores the surface in `output`, as discardable data: the points as positions of the vertices (dimension 2) in
@@ -272,9 +272,10 @@ private:
 
 /// The surface of a field at a level, as the grid `outputName` of `slice`.
 ///
-/// Reuse       a grid of this name whose surface exists, or can be made again, and is neither older than the input
-///             field nor than `requestedAge` is returned as it is, silently, whatever its level: who asks for another
-///             level ages the request. Otherwise the whole surface is computed, with a line that says so, into a new
+/// Reuse       a grid of this name whose surface exists, or can be made again, is neither older than the input field
+///             nor than `requestedAge`, and lies in the same positions field of the same age (if that is known: the
+///             grid may be a caller's) is returned as it is, silently, whatever its level: who asks for another level
+///             ages the request. Otherwise the whole surface is computed, with a line that says so, into a new
 ///             grid, both halves of which become as old as the newer of field and request.
 /// Degenerate  a field without data gives an empty surface, and so does one without a value above the level. Where
 ///             only some fragments have none, they have the triangles that belong to the level's plane.

@@ -200,9 +200,12 @@ LocalFromWorldPoint::LocalFromWorldPoint(const StrongPtr<Slice>& slice, const St
         return;
     }
     myField = field;
+    myOrigin = Hestra::Freshness(field.rawptr());
+    CartesianFragments properties(grid);
+    if (grid->findVertices()) properties.discardOutdated();
+    mySearch.discardOutdated();
 
-    using TreeInterface = Orvix::KDInterface<3, int>;
-    if (const StrongPtr<TreeInterface> attached = field->findInterface<TreeInterface>(); attached && attached->tree()) {
+    if (const auto attached = field->findInterface<FragmentTreeInterface>(); attached && attached->tree()) {
         Console::puts("LocalFromWorldPoint::LocalFromWorldPoint() Tree found, in Coord-Fields Intercube, using it");
         myTree = attached->tree();
     } else {
@@ -210,10 +213,10 @@ LocalFromWorldPoint::LocalFromWorldPoint(const StrongPtr<Slice>& slice, const St
         Console::puts(
             "LocalFromWorldPoint::LocalFromWorldPoint() No tree found, in coord-Fields Intercube, creating one.");
         myTree = Hestra::makeRef<FragmentTree>();
-        field->addInterface(Hestra::makeRef<TreeInterface>(myTree));
+        const auto made = Hestra::makeRef<FragmentTreeInterface>(myTree);
+        field->addInterface(made);
+        PointSearch::noteTree(*field, made, myOrigin);
     }
-
-    CartesianFragments properties(grid);
     {
         VANTLE_SCOPE("LocalFromWorldPoint::LocalFromWorldPoint(): Build Fragment Coordinates");
         Console::puts(properties.buildFragmentCoordinates()
@@ -230,6 +233,12 @@ LocalFromWorldPoint::LocalFromWorldPoint(const StrongPtr<Slice>& slice, const St
 }
 
 LocalFromWorldPoint::~LocalFromWorldPoint() = default;
+
+bool LocalFromWorldPoint::isCurrent() const {
+    const StrongPtr<Grid>& grid = mySearch.grid();
+    const StrongPtr<Field> field = grid ? (*grid)(mySearch.coordinateFieldName()) : nullptr;
+    return field == myField && (!field || myOrigin.isFor(field.rawptr()));
+}
 
 void LocalFromWorldPoint::collectFragments(CartesianFragments& properties) {
     const std::size_t count = myField->nFragments();
@@ -307,7 +316,8 @@ const Mapper* LocalFromWorldPoint::mapper(unsigned int number, Fragment& fragmen
     if (!storage) return nullptr;
 
     const auto look = [&]() -> StrongPtr<Mapper> {
-        const auto stored = Hestra::dynamicCast<StoredMapper<Mapper>>(storage->getData(fragment.id));
+        const auto stored =
+            Hestra::dynamicCast<StoredMapper<Mapper>>(PointSearch::find(*storage, fragment.id, myOrigin));
         if (stored && stored->nElements() > 0 && stored->element(0)) return stored->element(0);
         return nullptr;
     };
@@ -328,7 +338,7 @@ const Mapper* LocalFromWorldPoint::mapper(unsigned int number, Fragment& fragmen
         }
         const auto entry = StoredMapper<Mapper>::create(MultiIndex<1>(1));
         entry->element(0) = made;
-        storage->setPersistentData(entry, fragment.id);
+        PointSearch::store(*storage, fragment.id, entry, myOrigin);
         return made;
     };
 

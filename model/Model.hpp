@@ -9,6 +9,7 @@
 #include <model/hestra/Creator.hpp>
 #include <model/hestra/Diagnostics.hpp>
 #include <model/hestra/Environment.hpp>
+#include <model/hestra/Freshness.hpp>
 #include <model/hestra/Interface.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/hestra/Reference.hpp>
