@@ -3,6 +3,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Bundle.hpp>
+#include <model/vantle/Derived.hpp>
 #include <model/vantle/DirectProduct.hpp>
 
 #include <algorithm>
@@ -202,24 +203,48 @@ StrongPtr<Field> CreativeFieldResampler<N>::createEmptyField(const Field& source
                                                              const StrongPtr<FragmentIDCollection>& fragments) const {
     if (const auto sources = sourceField.getFragmentIDCollection(); sources && fragments)
         fragments->setFragmentNames(sources->fragmentNames());
-    StrongPtr<Field> field = Hestra::makeRef<Field>(fragments);
+    StrongPtr<Field> field = Hestra::makeRef<DerivedField>(Hestra::WeakPtr<const Field>(sourceField), fragments);
     field->addInterface(Hestra::makeRef<FieldOrigin>("VantleLib", "RegularFragment", myPersistentName));
     return field;
 }
+
+namespace {
+
+/// The fragment that one of a resampled field is derived from.
+DerivedArray::Source sourceFor(const Field& resampled, const StrongPtr<FragmentID>& id,
+                               const StrongPtr<CreativeArrayBase>& creator) {
+    const auto* const derived = dynamic_cast<const DerivedField*>(&resampled);
+    return DerivedArray::Source(creator, derived ? derived->source() : WeakPtr<const Field>(), id);
+}
+
+void keep(Field& resampled, const StrongPtr<CreativeArrayBase>& creator, const StrongPtr<FragmentID>& id) {
+    resampled.setCreator(creator, id ? resampled.makeFragmentID(id->name()) : nullptr);
+}
+
+} // namespace
 
 CreativeResampleUniformCartesian3DIterator::~CreativeResampleUniformCartesian3DIterator() = default;
 
 bool CreativeResampleUniformCartesian3DIterator::apply(const StrongPtr<FragmentID>& id,
                                                        const StrongPtr<CreativeArrayBase>& source) {
-    const auto positions = source ? Hestra::dynamicCast<UniformCartesianArray>(source->getData()) : nullptr;
-    if (!positions) return true;
-    const auto extents = rescaledExtents(positions->Size(), myFactors);
-    if (!extents) return true;
-    const StrongPtr<MemBase> rescaled = Hestra::makeRef<UniformCartesianArray>(positions->getBoundingBox(), *extents);
+    if (!source) return true;
+    const DerivedArray::Source origin = sourceFor(myDestination, id, source);
+    const auto freshness = origin.freshness();
+    const auto rescale = [factors = myFactors](const StrongPtr<MemBase>& data,
+                                               const WeakPtr<CreativeArrayBase>& creator) -> StrongPtr<MemBase> {
+        const auto positions = Hestra::dynamicCast<UniformCartesianArray>(data);
+        const auto extents = positions ? rescaledExtents(positions->Size(), factors) : std::nullopt;
+        if (!extents) return nullptr;
+        const auto rescaled = Hestra::makeRef<UniformCartesianArray>(positions->getBoundingBox(), *extents);
+        rescaled->setCreator(creator);
+        return rescaled;
+    };
+    const StrongPtr<MemBase> rescaled = rescale(source->getData(), nullptr);
+    if (!rescaled) return true;
     const StrongPtr<CreativeArrayBase> creator =
-        myDestination.createCreator(rescaled, id ? myDestination.makeFragmentID(id->name()) : nullptr);
-    creator->addInterface(Hestra::makeRef<SizeInterface>(DynamicSize(*extents)));
+        Hestra::makeRef<DerivedArray>(origin, rescale, rescaled, freshness, nullptr);
     rescaled->setCreator(creator);
+    keep(myDestination, creator, id);
     return true;
 }
 
@@ -234,8 +259,9 @@ bool CreativeResampleFragmentIterator<N, Source, Destination, Convert>::apply(
     if (const auto known = getSize(*source).template as<N>())
         if (const auto extents = rescaledExtents(*known, myFactors)) size = *extents;
 
-    const auto make = [source, factors = myFactors](const WeakPtr<CreativeArrayBase>& creator) -> StrongPtr<MemBase> {
-        StrongPtr<MemBase> rescaled = ResampleArray<N, Source>::rescale(factors, source->getData(), creator);
+    const auto make = [factors = myFactors](const StrongPtr<MemBase>& data,
+                                            const WeakPtr<CreativeArrayBase>& creator) -> StrongPtr<MemBase> {
+        StrongPtr<MemBase> rescaled = ResampleArray<N, Source>::rescale(factors, data, creator);
         if constexpr (std::is_same_v<Source, Destination> && std::is_same_v<Convert, PlainCopyConvert>) {
             return rescaled;
         } else {
@@ -247,9 +273,10 @@ bool CreativeResampleFragmentIterator<N, Source, Destination, Convert>::apply(
             return converted;
         }
     };
-    (void)myDestination.createCreator(make, VantleTypeIndex(typeid(Destination)), size,
-                                      id ? myDestination.makeFragmentID(id->name()) : nullptr, Field::ReplaceExisting,
-                                      Hestra::Cache::MemCache());
+    keep(myDestination,
+         Hestra::makeRef<DerivedArray>(sourceFor(myDestination, id, source), make, VantleTypeIndex(typeid(Destination)),
+                                       size, Hestra::Cache::MemCache()),
+         id);
     return true;
 }
 

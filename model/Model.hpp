@@ -19,5 +19,6 @@
 #include <model/orvix/KDTree.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/DataRangeBase.hpp>
+#include <model/vantle/Derived.hpp>
 #include <model/vantle/GridKinds.hpp>
 #include <model/vantle/PullData.hpp>

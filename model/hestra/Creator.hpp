@@ -53,10 +53,9 @@ public:
 
     /// The living data, or null; never makes them. Of an overriding class: what it gave last, if that lives.
     [[nodiscard]] StrongPtr<T> cachedData() const {
-        const std::lock_guard lock(myDataMutex);
-        StrongPtr<T> data(myData);
-        if (!data) data = StrongPtr<T>(myForeignData);
-        if (data) data->markAsUsed();
+        StrongPtr<T> data = present();
+        if (!data || !isCurrent(data.rawptr())) return nullptr;
+        data->markAsUsed();
         return data;
     }
 
@@ -69,9 +68,13 @@ public:
 
     /// Whether the data exist at this moment: false before a first creation and after eviction.
     [[nodiscard]] bool hasData() const {
-        const std::lock_guard lock(myDataMutex);
-        return myData || myForeignData;
+        const StrongPtr<T> data = present();
+        return data && isCurrent(data.rawptr());
     }
+
+    /// Whether data that were made are still what making them would give; if not, they are as good as dropped. Null
+    /// stands for data that were announced.
+    [[nodiscard]] virtual bool isCurrent(const T*) const { return true; }
 
     /// Whether asking can succeed: the data exist now, or there is a way to make them.
     [[nodiscard]] virtual bool isValid() const { return hasData() || canProduce(); }
@@ -110,6 +113,12 @@ protected:
     }
 
 private:
+    [[nodiscard]] StrongPtr<T> present() const {
+        const std::lock_guard lock(myDataMutex);
+        StrongPtr<T> data(myData);
+        return data ? data : StrongPtr<T>(myForeignData);
+    }
+
     StrongPtr<T> produceSafely() noexcept {
         try {
             return produce();

@@ -100,7 +100,7 @@ private:
 };
 
 /// The extent of a creator's data without making them: from an attached `SizeInterface`, else from the living array,
-/// else of rank 0.
+/// else (and of derived data that are to be made again) of rank 0.
 [[nodiscard]] VANTLE_MODEL_API DynamicSize getSize(const CreativeArrayBase& creator);
 
 /// The extent of a creator's data, if they are of this rank, else of rank 0: from an attached `SizeInterface`, else
