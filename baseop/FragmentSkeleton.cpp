@@ -103,6 +103,7 @@ bool CartesianFragments::buildFragmentCoordinates() {
     const auto store = [](const StrongPtr<Field>& field, const StrongPtr<MemBase>& array) {
         array->setCreator(field->setDiscardableData(array, Hestra::Cache::MemCache()));
     };
+    const Hestra::Cache::Operation allThree;
     store(nameField, makeMemArray1D(std::move(names)));
     store(minField, makeMemArray1D(std::move(minima)));
     store(maxField, makeMemArray1D(std::move(maxima)));

@@ -123,6 +123,7 @@ IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<Data>& explorer, const C
         if (coordinates.Size() != explorer.Size()) throw IsoException(3);
         const auto positions = positionsOf(coordinates);
         const IsoSweep<typename Data::value_type> sweep(explorer.data(), explorer.level());
+        detail::checkVertexCount(sweep.vertices());
         std::vector<PhysicalSpace::point> points;
         std::vector<TriangleCell> triangles;
         extend(points, sweep.vertices());
@@ -292,6 +293,7 @@ void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fr
     const std::size_t firstVertex = identifiers.size(), firstTriangle = triangles.size();
 
     const IsoSweep<T> sweep(data, myLevel);
+    detail::checkVertexCount(firstVertex + sweep.vertices());
     // Cells without a surface are all below or all not: then the first value tells for all.
     const bool below = sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
     if (!myReachesAbove && !below) myReachesAbove = anyAbove(data, myLevel);
@@ -328,6 +330,7 @@ void FragmentIsoSurfacer::setFields(Grid& output) const {
     const auto inSpace = output.makeCartesianRepresentation(2);
     const auto vertices = output.makeVertices(2);
     const auto triangles = output[SkeletonID(2, 1)];
+    const Hestra::Cache::Operation bothHalves;
     store(*inSpace, makeMemArray1D(myPoints));
     store(*(*triangles)[*vertices], makeMemArray1D(myTriangles));
 }

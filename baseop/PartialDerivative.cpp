@@ -1,4 +1,5 @@
 #include <baseop/PartialDerivative.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Representation.hpp>
 
@@ -23,8 +24,6 @@ namespace {
 
 /// Bytes of the result that are made at a time: they are filled while they are still in a core's own cache.
 constexpr index_t kBlockBytes = index_t{128} << 10;
-/// Fewer nodes are not worth waking other threads up.
-constexpr index_t kParallelNodes = 1 << 15;
 
 /// The two nodes whose difference is the derivative at node `m` of an axis, and the factor: 1.0 changes no bit.
 struct Stencil {
@@ -111,7 +110,9 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
     const index_t rows = size[1] * size[2];
     const index_t blockRows = std::max<index_t>(1, kBlockBytes / (size[0] * sizeof(Result)));
     index_t madeRows = 0;
-#pragma omp parallel default(shared) if (nodes >= kParallelNodes)
+    const auto threads =
+        static_cast<int>(detail::teamFor(static_cast<std::size_t>(nodes) * (sizeof(S) + sizeof(Result))));
+#pragma omp parallel default(shared) num_threads(threads) if (threads > 1)
     for (;;) {
         index_t begin, end;
 #pragma omp critical(VantlePartialDerivativeBlock)

@@ -2,10 +2,10 @@
 /// Lazy creation: data are made when they are first asked for, once, whatever the number of threads.
 
 #include <model/hestra/Cache.hpp>
+#include <model/hestra/Creation.hpp>
 
 #include <exception>
 #include <string>
-#include <thread>
 
 namespace Hestra {
 
@@ -16,8 +16,9 @@ VANTLE_MODEL_API void reportCreationFailure(const char* reason) noexcept;
 ///
 /// Persistent data are held strongly; discardable data are held by a cache, the creator only remembers them, and
 /// takes them back from the cache when it dies or gets others.
-/// Concurrency  all operations may be called from several threads. `create` is serialised a creator: the function
-///              that makes the data runs once as long as the data live.
+/// Concurrency  all operations may be called from several threads, readers and changers at once. `create` is serialised
+///              a creator: the function that makes the data runs once as long as the data live, and whoever asks
+///              meanwhile waits for it, but never in a circle (see `Creation`).
 /// Cost         one short lock and one atomic promotion when the data exist; nothing is allocated.
 template<class T>
 class VANTLE_MODEL_API CreatorBase : public Creature {
@@ -27,8 +28,11 @@ public:
 
     /// The data: as they are, or made now. With `background` they are only requested when missing.
     ///
-    /// Failure  null when there is no way to make them, when the creation function returned null or threw, when it
-    ///          asked for its own result, and for a background request that cannot be met at once.
+    /// Failure  null when there is no way to make them, when the creation function returned null or threw, for a
+    ///          background request that cannot be met at once, and when waiting for them would never end: when their
+    ///          own creation function asks for them, be it from its own parallel loop, through other creators, or
+    ///          through creators that other threads are at and that need what this one is making. Whoever closes the
+    ///          circle gets null.
     ///
     /// A class that overrides it makes and keeps its data as it likes; every reading goes through it.
     [[nodiscard]] virtual StrongPtr<T> create(bool background = false) {
@@ -39,12 +43,10 @@ public:
             return result;
         }
         if (!canProduce()) return nullptr;
-        if (myMaker.load(std::memory_order_acquire) == std::this_thread::get_id()) return nullptr;
-        const std::lock_guard lock(myCreationMutex);
+        const Creation making(myGate);
         if (StrongPtr<T> present = cachedData()) return present;
-        myMaker.store(std::this_thread::get_id(), std::memory_order_release);
+        if (!making) return nullptr;
         StrongPtr<T> made = produceSafely();
-        myMaker.store(std::thread::id(), std::memory_order_release);
         if (made) remember(made);
         return made;
     }
@@ -126,19 +128,16 @@ private:
         StrongPtr<Cache> cache;
         {
             const std::lock_guard lock(myDataMutex);
-            myData = data;
-            myForeignData = nullptr;
-            replaced = std::move(myOwnedData);
-            if (isCachingEnabled()) {
-                if (myPersistentFlag)
-                    myOwnedData = data;
-                else
-                    cache = myCache.lock();
-            }
-            myHolder = cache;
+            if (isCachingEnabled() && !myPersistentFlag) cache = myCache.lock();
         }
         data->markAsUsed();
         if (cache) cache->insert(data);
+        const std::lock_guard lock(myDataMutex);
+        myData = data;
+        myForeignData = nullptr;
+        replaced = std::move(myOwnedData);
+        if (isCachingEnabled() && myPersistentFlag) myOwnedData = data;
+        myHolder = cache;
     }
 
     void releaseFromCache() {
@@ -161,8 +160,7 @@ private:
     WeakPtr<Cache> myCache;
     WeakPtr<Cache> myHolder; // the cache that was given the present data
     bool myPersistentFlag = true;
-    std::mutex myCreationMutex;
-    std::atomic<std::thread::id> myMaker{};
+    Creation::Gate myGate;
     std::atomic<bool> myRequestFlag{false};
     std::atomic<bool> myFailureReported{false};
 };

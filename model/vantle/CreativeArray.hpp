@@ -41,6 +41,8 @@ private:
 ///
 /// Attaching results, setting attributes, creating, dropping and creating again do not age it; whoever writes into
 /// its array in place calls `touch()` on it and on its field.
+/// Concurrency  data, age, element type, interfaces and attributes may be read and changed at once; the name is set by
+///              one thread while nobody reads it.
 class VANTLE_MODEL_API CreativeArrayBase : public Hestra::CreatorBase<MemBase>,
                                            public Hestra::Ageable,
                                            public Hestra::Intercube,
