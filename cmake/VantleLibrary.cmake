@@ -26,12 +26,14 @@ function(vantle_library name)
     PUBLIC
       FILE_SET HEADERS BASE_DIRS "${PROJECT_SOURCE_DIR}" FILES ${headers}
       FILE_SET generated TYPE HEADERS BASE_DIRS "${generated}" FILES "${exportHeader}")
+  set(version "\n#include <model/Version.hpp>\n") # says what is wrong where the language is older than C++20
   generate_export_header(${target}
     BASE_NAME vantle_${lower}
     EXPORT_FILE_NAME "${exportHeader}"
     EXPORT_MACRO_NAME VANTLE_${upper}_API
     NO_EXPORT_MACRO_NAME VANTLE_${upper}_LOCAL
-    DEPRECATED_MACRO_NAME VANTLE_${upper}_DEPRECATED)
+    DEPRECATED_MACRO_NAME VANTLE_${upper}_DEPRECATED
+    CUSTOM_CONTENT_FROM_VARIABLE version)
 
   set_target_properties(${target} PROPERTIES
     EXPORT_NAME ${name}

@@ -3,6 +3,8 @@
 ///
 /// Operation headers include this file and value types; definitions are included where they are used.
 
+#include <model/Version.hpp>
+
 namespace Hestra {
 
 /// Root class under which `StrongPtr<T>` and `WeakPtr<T>` reach the control record of a `T` when no

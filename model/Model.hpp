@@ -2,6 +2,7 @@
 /// Everything of the data model, its memory and its geometry.
 
 #include <model/Forward.hpp>
+#include <model/Version.hpp>
 #include <model/hestra/Ageable.hpp>
 #include <model/hestra/Cache.hpp>
 #include <model/hestra/Chunk.hpp>

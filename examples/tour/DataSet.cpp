@@ -4,12 +4,39 @@
 #include "Plot3DFlow.hpp"
 
 #include <algorithm>
+#include <limits>
+#include <utility>
 
 namespace tour {
 
 namespace {
 
 constexpr RingCells kQuickRing = {6, 8, 12, 8};
+
+// The library keeps the ranges it finds: this leaves them to be found and timed later. Values that count are finite.
+ValueRange rangeOf(const DataSet& data, const std::string& scalar) {
+    ValueRange range = {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
+    const auto field = data.grid.field(scalar);
+    field->iterate([&](const auto& fragment, const auto&) {
+        const auto values = Hestra::dynamicCast<Vantle::MemArray<3, double>>(field->getData(fragment));
+        for (Vantle::index_t n = 0; n < values->nElements(); ++n)
+            range = {std::min(range.first, values->element(n)), std::max(range.second, values->element(n))};
+        return true;
+    });
+    return range;
+}
+
+bool varies(const DataSet& data, const std::string& scalar) {
+    const ValueRange range = rangeOf(data, scalar);
+    return range.first < range.second;
+}
+
+// The first scalar that is not constant and not the one left out; else `otherwise`.
+std::string varyingField(const DataSet& data, const std::string& leftOut, const std::string& otherwise) {
+    const auto found = std::find_if(data.scalars.begin(), data.scalars.end(),
+                                    [&](const auto& name) { return name != leftOut && varies(data, name); });
+    return found == data.scalars.end() ? otherwise : *found;
+}
 
 } // namespace
 
@@ -24,8 +51,18 @@ DataSet makeDataSet(const Options& options) {
         }
         data.field = options.field;
         data.level.reset();
+    } else if (!varies(data, data.field)) {
+        const std::string constant = std::exchange(data.field, varyingField(data, data.field, data.field));
+        if (data.field != constant)
+            data.remarks.push_back(constant + " is the same everywhere: looking at " + data.field + " instead");
+        data.level.reset();
     }
+    data.range = rangeOf(data, data.field);
     if (options.level) data.level = options.level;
+    if (data.colourField == data.field || !varies(data, data.colourField)) {
+        const std::string& other = data.scalars[data.scalars[0] == data.field ? 1 : 0];
+        data.colourField = varyingField(data, data.field, other);
+    }
     return data;
 }
 

@@ -42,7 +42,8 @@ struct DataSet {
 
     std::vector<std::string> scalars; ///< Names of the scalar fields.
     std::string field;                ///< The one to look at.
-    std::optional<double> level;      ///< The value of its isosurface; by default one within its range.
+    ValueRange range;                 ///< Of its values.
+    std::optional<double> level;      ///< The value of its isosurface; by default in the middle of its range.
     std::string colourField;          ///< The scalar that colours the isosurface.
     bool hasVelocity = false;         ///< Whether there is the vector field "velocity".
 
@@ -62,7 +63,8 @@ inline constexpr const char* kVelocity = "velocity";
 
 /// Reads the files that the options name, or makes the flow past a cylinder.
 ///
-/// Failure      FileError; UsageError for a field that there is not.
+/// Unless the options name a field, it is one that is not constant, if there is one; the surface is coloured by
+/// another. Failure      FileError; UsageError for a field that there is not.
 DataSet makeDataSet(const Options& options);
 
 } // namespace tour

@@ -30,23 +30,24 @@ struct Way {
     CellLocator locator;
     // A slice of its own keeps what is built for the search: each way starts with nothing.
     Hestra::StrongPtr<Vantle::Slice> slice = Hestra::makeRef<Vantle::Slice>().strong();
-    double building = 0.0, locating = 0.0, evaluating = 0.0;
+    double firstTime = 0.0, again = 0.0, evaluating = 0.0; // seconds
     std::vector<Outcome> outcomes = {};
     double largestMiss = 0.0;        // distance between a position and the place found for it
     std::vector<double> values = {}; // NaN where there is none
 };
 
-// A little wider than the blocks, and not symmetric: no line of the lattice runs along the border of a block.
+// A little wider than the blocks, and not symmetric: no line of the lattice runs along the border of a block. Where the
+// blocks are too thin for a layer between the outermost two, there is one in their middle.
 Lattice makeLattice(const DataSet& data, int resolution) {
-    constexpr double kMarginBelow = 0.0123, kMarginAbove = 0.0171;
+    constexpr double kMarginBelow = 0.0123, kMarginAbove = 0.0171, kMiddle = 0.4877;
     const auto box = getBoundingBox(data.grid.positions());
     const Space::vector extent = box->maxCoord() - box->minCoord();
     const double longest = std::max({extent[0], extent[1], extent[2]});
     Lattice lattice;
     for (int axis = 0; axis < 3; ++axis) {
         const double cells = longest > 0.0 ? std::round((resolution - 1) * extent[axis] / longest) : 0.0;
-        lattice.size[axis] = extent[axis] > 0.0 ? static_cast<index_t>(std::max(cells, 1.0)) + 1 : 1;
-        lattice.origin[axis] = box->minCoord()[axis] - kMarginBelow * extent[axis];
+        lattice.size[axis] = cells >= 2.0 ? static_cast<index_t>(cells) + 1 : 1;
+        lattice.origin[axis] = box->minCoord()[axis] + (cells >= 2.0 ? -kMarginBelow : kMiddle) * extent[axis];
         const double width = (1.0 + kMarginBelow + kMarginAbove) * extent[axis];
         lattice.spacing[axis] = lattice.size[axis] > 1 ? width / double(lattice.size[axis] - 1) : 0.0;
     }
@@ -116,7 +117,7 @@ struct Blocks {
     std::vector<const std::vector<bool>*> blanked;
 };
 
-// Looks for all positions once more than needed: the first search builds what the second then uses.
+// Looks for all positions twice: the first search builds what the second then uses.
 void locate(Way& way, const DataSet& data, const Positions& positions) {
     LocalFromWorldPoint::Options options;
     options.cellLocator = way.locator;
@@ -130,12 +131,11 @@ void locate(Way& way, const DataSet& data, const Positions& positions) {
     };
     std::vector<LocalFromWorldPoint::Location> found(positions.nElements());
     Stopwatch watch;
-    for (double* const seconds : {&way.building, &way.locating}) {
+    for (double* const seconds : {&way.firstTime, &way.again}) {
 #pragma omp parallel for schedule(dynamic, 256)
         for (long long n = 0; n < total; ++n) found[static_cast<std::size_t>(n)] = locator.locate(positionOf(n));
         *seconds = watch.lap();
     }
-    way.building = std::max(way.building - way.locating, 0.0);
 
     const Blocks blocks(data);
     way.outcomes.resize(found.size());
@@ -177,20 +177,38 @@ Errors errorsOf(const Way& way, const DataSet& data, const Lattice& lattice) {
     return errors;
 }
 
+// Normal to z; where the blocks are too thin along x or y to show anything across that, normal to it.
 void drawMiddleSlice(const Tour& tour, const Lattice& lattice, const std::vector<double>& values) {
-    const index_t layer = lattice.size[2] / 2, size = lattice.size[0] * lattice.size[1];
+    constexpr const char* kAxes[] = {"x", "y", "z"};
+    const int normal = lattice.size[2] == 1 ? 2 : lattice.size[0] == 1 ? 0 : lattice.size[1] == 1 ? 1 : 2;
+    const int across = normal == 0 ? 1 : 0, up = normal == 2 ? 1 : 2;
+    std::vector<double> layer;
+    MultiIndex<3> at;
+    at[normal] = lattice.size[normal] / 2;
+    for (at[up] = 0; at[up] < lattice.size[up]; ++at[up])
+        for (at[across] = 0; at[across] < lattice.size[across]; ++at[across])
+            layer.push_back(values[at.linear(lattice.size)]);
+    // A single row or column is as wide as can be seen beside the other way.
+    const auto width = [&](int axis, int other) {
+        const double own = lattice.spacing[axis], its = lattice.spacing[other];
+        return own > 0.0 ? own : its > 0.0 ? 0.125 * its * double(lattice.size[other]) : 1.0;
+    };
+    const auto label = [&](int axis) {
+        return std::string(kAxes[axis]) + (lattice.size[axis] > 1 ? "" : " (not to scale)");
+    };
     Slice slice;
-    slice.columns = lattice.size[0];
-    slice.rows = lattice.size[1];
-    slice.origin = {lattice.origin[0], lattice.origin[1]};
-    // Of a single row or column, the width is a matter of taste.
-    const auto width = [](double spacing) { return spacing > 0.0 ? spacing : 1.0; };
-    slice.spacing = {width(lattice.spacing[0]), width(lattice.spacing[1])};
-    slice.values = std::span(values).subspan(layer * size, size);
+    slice.columns = lattice.size[across];
+    slice.rows = lattice.size[up];
+    slice.origin = {lattice.origin[across], lattice.origin[up]};
+    slice.spacing = {width(across, up), width(up, across)};
+    slice.values = layer;
     SliceStyle style;
-    style.text.title = tour.data.field + " at z = " + number(lattice.origin[2] + double(layer) * lattice.spacing[2], 3);
+    style.text.title = tour.data.field + " at " + kAxes[normal] + " = " +
+                       number(lattice.origin[normal] + double(at[normal]) * lattice.spacing[normal], 3);
     style.text.valueLabel = tour.data.field;
-    style.outlines = tour.data.sliceOutlines;
+    style.xLabel = label(across);
+    style.yLabel = label(up);
+    if (normal == 2) style.outlines = tour.data.sliceOutlines;
     drawSlice(tour.file("slice.png"), slice, style);
 }
 
@@ -250,12 +268,14 @@ void evaluateUniformly(const Tour& tour) {
         report.columns({"  largest error", number(errors[0].largest, 3), number(errors[1].largest, 3)});
         report.columns({"  mean error", number(errors[0].mean, 3), number(errors[1].mean, 3)});
     }
-    compare("  preparing", [](const Way& way) { return duration(way.building); });
-    compare("  finding", [](const Way& way) { return duration(way.locating); });
+    compare("  finding, first", [](const Way& way) { return duration(way.firstTime); });
+    compare("  finding, again", [](const Way& way) { return duration(way.again); });
     compare("  finding, values", [](const Way& way) { return duration(way.evaluating); });
 
-    watch.lap();
     const Way& best = ways[1];
+    if (std::count(best.outcomes.begin(), best.outcomes.end(), NotFound) == std::ssize(best.outcomes))
+        report.line("  no position was found in a block: there are no values");
+    watch.lap();
     const std::vector<double> outcomes(best.outcomes.begin(), best.outcomes.end());
     const Point3 origin = {lattice.origin[0], lattice.origin[1], lattice.origin[2]};
     const Point3 spacing = {lattice.spacing[0], lattice.spacing[1], lattice.spacing[2]};

@@ -1,32 +1,31 @@
 #pragma once
 
-/// What other code prints while the tour has the standard output.
+/// What the library says while the tour works.
 
+#include <functional>
 #include <string>
-#include <thread>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
 namespace tour {
 
-/// Takes over standard output, from construction to finish(): whatever anybody writes there is counted, line by line.
-/// The library prints its own messages there, some for every position that it looks for: millions of lines, few of
-/// them different.
-///
-/// Failure      FileError when standard output cannot be taken over.
+/// Listens to the library, from construction to finish(), and counts its lines. Some it says for every position that it
+/// looks for: millions of lines, few of them different. After the first `most` nobody listens, and the library saves
+/// its breath. Where nobody listens before (VANTLE_MESSAGES=0), nobody does.
 class Messages {
 public:
-    Messages();
-    ~Messages();
+    explicit Messages(unsigned long long most = 10'000'000);
+    ~Messages() { finish(); }
     Messages(const Messages&) = delete;
     Messages& operator=(const Messages&) = delete;
 
-    /// Gives standard output back. Later calls do nothing.
+    /// Stops listening: what is said later goes to standard output. Later calls do nothing.
     void finish();
-    /// Where standard output went before; a file descriptor, valid for this object's lifetime.
-    [[nodiscard]] int original() const noexcept { return original_; }
-    /// Lines so far; call finish() first.
+    /// Lines heard; call finish() first.
     [[nodiscard]] unsigned long long lines() const noexcept { return lines_; }
+    /// Whether there may have been more.
+    [[nodiscard]] bool isCut() const noexcept { return lines_ == most_; }
     /// Each different line once, in the order of first appearance, with its number of appearances in front.
     [[nodiscard]] std::string summary() const;
 
@@ -38,18 +37,20 @@ private:
         std::string text;
         unsigned long long times = 0;
     };
+    struct Hash : std::hash<std::string_view> {
+        using is_transparent = void;
+    };
 
-    void read();
+    void hear(std::string_view text);
     void take(std::string_view line);
 
-    int original_ = -1;
-    int source_ = -1;
-    bool taken_ = false;
+    unsigned long long most_;
+    bool isListening_;
     unsigned long long lines_ = 0;
     unsigned long long others_ = 0;
+    std::string rest_; // of a line that has not ended
     std::vector<Line> different_;
-    std::unordered_map<std::string, std::size_t> numbers_;
-    std::thread reader_; // last: everything it uses is there before it starts
+    std::unordered_map<std::string, std::size_t, Hash, std::equal_to<>> numbers_;
 };
 
 } // namespace tour

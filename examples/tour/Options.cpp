@@ -49,6 +49,11 @@ const std::map<std::string, Store>& optionsWithValue() {
     static const std::map<std::string, Store> table = {
         {"--field", [](Options& o, const std::string&, const std::string& v) { o.field = v; }},
         {"--level", [](Options& o, const std::string& n, const std::string& v) { o.level = level(n, v); }},
+        {"--heat-ratio",
+         [](Options& o, const std::string& n, const std::string& v) {
+             o.heatRatio = level(n, v);
+             if (!(o.heatRatio > 1.0)) throw UsageError(n + ": '" + v + "' is not above 1");
+         }},
         {"--resolution", [](Options& o, const std::string& n,
                             const std::string& v) { o.resolution = number(n, v, kMinResolution, kMaxResolution); }},
         {"--threads",
@@ -81,7 +86,7 @@ const std::map<std::string, Store>& optionsWithValue() {
 Options parseOptions(std::span<const char* const> arguments) {
     Options options;
     std::vector<std::string> files;
-    bool optionsEnded = false, resolutionGiven = false, formGiven = false;
+    bool optionsEnded = false, resolutionGiven = false, formGiven = false, ratioGiven = false;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string argument = arguments[i];
         if (optionsEnded || argument.size() < 2 || argument[0] != '-') {
@@ -102,6 +107,7 @@ Options parseOptions(std::span<const char* const> arguments) {
             known->second(options, name,
                           equals == std::string::npos ? std::string(arguments[++i]) : argument.substr(equals + 1));
             resolutionGiven = resolutionGiven || name == "--resolution";
+            ratioGiven = ratioGiven || name == "--heat-ratio";
             formGiven = formGiven || name == "--endian" || name == "--precision" || name == "--records" ||
                         name == "--multiblock" || name == "--blanking";
         }
@@ -113,6 +119,7 @@ Options parseOptions(std::span<const char* const> arguments) {
     if (!files.empty()) options.gridFile = files[0];
     if (files.size() == 2) options.solutionFile = files[1];
     if (formGiven && files.empty()) throw UsageError("the form of PLOT3D files is stated, but no file is given");
+    if (ratioGiven && files.size() < 2) throw UsageError("--heat-ratio: no solution is given");
     if (options.quick && !resolutionGiven) options.resolution = kQuickResolution;
     return options;
 }
@@ -126,6 +133,7 @@ Without files, the potential flow past a cylinder, whose exact values are known;
 
   --field NAME       the scalar field to look at
   --level VALUE      the value on the isosurface
+  --heat-ratio R     ratio of the heat capacities of the gas, for its pressure (default 1.4, that of air)
   --resolution N     positions of the uniform grid along its longest axis (default 80)
   --quick            coarse blocks and a coarse uniform grid
   --threads N        threads (default: as many as OpenMP takes)

@@ -24,6 +24,7 @@ struct Options {
     Plot3DOptions form;
     std::string field;           ///< Empty: what suits the data.
     std::optional<double> level; ///< None: what suits the field.
+    double heatRatio = 1.4;      ///< Of the heat capacities of the gas, at constant pressure and constant volume.
     int resolution = 80;         ///< Positions of the uniform grid along its longest axis.
     bool quick = false;          ///< A coarse ring of blocks.
     int threads = 0;             ///< 0: as many as OpenMP takes.
@@ -31,7 +32,7 @@ struct Options {
     bool help = false;
 };
 
-inline constexpr int kMinResolution = 2;
+inline constexpr int kMinResolution = 3;
 inline constexpr int kMaxResolution = 512;
 inline constexpr int kQuickResolution = 24;
 inline constexpr int kMaxThreads = 256;

@@ -1,5 +1,6 @@
 #include "Plot3DFlow.hpp"
 
+#include "Report.hpp"
 #include "io/FileError.hpp"
 
 #include <algorithm>
@@ -12,8 +13,6 @@ using namespace Vantle;
 
 namespace {
 
-constexpr double kHeatRatio = 1.4; // of air, as PLOT3D's own formulas for the pressure have it
-
 using Values = std::vector<double>;
 
 struct BlockFields {
@@ -21,7 +20,7 @@ struct BlockFields {
     std::vector<Space::vector> velocity;
 };
 
-BlockFields fieldsOf(const Plot3DSolutionBlock& solution) {
+BlockFields fieldsOf(const Plot3DSolutionBlock& solution, double heatRatio) {
     const Values& density = solution.fields[0].values;
     const Values& energy = solution.fields[4].values;
     const std::size_t count = density.size();
@@ -33,7 +32,7 @@ BlockFields fieldsOf(const Plot3DSolutionBlock& solution) {
                                      solution.fields[3].values[n]);
         if (density[n] > 0.0) fields.velocity[n] = momentum / density[n];
         speed[n] = std::sqrt(normSquared(fields.velocity[n]));
-        pressure[n] = (kHeatRatio - 1.0) * (energy[n] - 0.5 * density[n] * normSquared(fields.velocity[n]));
+        pressure[n] = (heatRatio - 1.0) * (energy[n] - 0.5 * density[n] * normSquared(fields.velocity[n]));
     }
     fields.scalars = {{"density", density}, {"pressure", pressure}, {"speed", speed}, {"energy", energy}};
     return fields;
@@ -41,11 +40,40 @@ BlockFields fieldsOf(const Plot3DSolutionBlock& solution) {
 
 BlockFields fieldsOf(const Plot3DBlock& block) { return {{{"x", block.x}, {"y", block.y}, {"z", block.z}}, {}}; }
 
-std::vector<bool> blankedVertices(const Plot3DBlock& block) {
-    std::vector<bool> blanked;
-    if (block.blanking && std::count(block.blanking->begin(), block.blanking->end(), 0) > 0)
-        for (const int mark : *block.blanking) blanked.push_back(mark == 0);
-    return blanked;
+void checkPlaces(const std::filesystem::path& file, const std::string& name, const Plot3DBlock& block) {
+    const std::pair<const char*, const Values&> axes[] = {{"x", block.x}, {"y", block.y}, {"z", block.z}};
+    const auto [ni, nj, nk] = block.extents;
+    for (const auto& [axis, values] : axes)
+        for (std::size_t n = 0; n < values.size(); ++n) {
+            if (std::abs(values[n]) <= kFarthest) continue;
+            const auto index = [&](std::size_t stride, int extent) {
+                return std::to_string(n / stride % static_cast<std::size_t>(extent) + 1);
+            };
+            const auto row = static_cast<std::size_t>(ni), layer = row * static_cast<std::size_t>(nj);
+            throw FileError(file,
+                            name + ", vertex (" + index(1, ni) + ", " + index(row, nj) + ", " + index(layer, nk) + ")",
+                            std::string(axis) + " is " + number(values[n]) + ", which is no place in space");
+        }
+}
+
+bool hasCells(const Plot3DBlock& block) {
+    return std::all_of(block.extents.begin(), block.extents.end(), [](int extent) { return extent > 1; });
+}
+
+// Empty when all count. `odd` becomes the number of those that only a value excludes.
+std::vector<bool> verticesThatDoNotCount(const Plot3DBlock& block, const BlockFields& fields, std::size_t& odd) {
+    std::vector<bool> marks(block.x.size());
+    odd = 0;
+    bool any = false;
+    for (std::size_t n = 0; n < marks.size(); ++n) {
+        const bool blanked = block.blanking && (*block.blanking)[n] == 0;
+        bool finite = fields.velocity.empty() || std::isfinite(normSquared(fields.velocity[n]));
+        for (const auto& [name, values] : fields.scalars) finite = finite && std::isfinite(values[n]);
+        odd += !blanked && !finite;
+        marks[n] = blanked || !finite;
+        any = any || marks[n];
+    }
+    return any ? marks : std::vector<bool>();
 }
 
 void coverBlanked(Values& values, const std::vector<bool>& blanked) {
@@ -105,7 +133,13 @@ DataSet readPlot3DFlow(const Options& options) {
     data.title = "PLOT3D grid " + oneLine(file.filename().string());
     if (solution) data.title += ", solution " + oneLine(options.solutionFile->filename().string());
     data.remarks.push_back("grid: " + describe(grid.form));
-    if (solution) data.remarks.push_back("solution: " + describe(solution->form));
+    if (solution) {
+        data.remarks.push_back("solution: " + describe(solution->form));
+        data.remarks.push_back("pressure: for a gas whose heat capacities have a ratio of " +
+                               number(options.heatRatio));
+    }
+    if (std::none_of(grid.blocks.begin(), grid.blocks.end(), hasCells))
+        throw FileError(file, "extents", "no block has cells, which take two vertices along each axis");
     data.bundle = BundlePtr::create();
     data.slice = data.bundle[solution && std::isfinite(solution->blocks[0].time) ? solution->blocks[0].time : 0.0];
     data.grid = RegularGrid3D((*data.slice)["flow"]);
@@ -119,12 +153,16 @@ DataSet readPlot3DFlow(const Options& options) {
                                  static_cast<index_t>(block.extents[2])};
         std::string name = "block";
         name += std::to_string(b + 1);
-        const std::vector<bool> blanked = blankedVertices(block);
+        checkPlaces(file, name, block);
+        BlockFields fields = solution ? fieldsOf(solution->blocks[b], options.heatRatio) : fieldsOf(block);
+        std::size_t odd = 0;
+        const std::vector<bool> blanked = verticesThatDoNotCount(block, fields, odd);
+        if (odd > 0)
+            data.remarks.push_back(name + ": values that are not finite; vertices left out for them: " + count(odd));
         if (!blanked.empty() && std::find(blanked.begin(), blanked.end(), false) == blanked.end()) {
-            data.remarks.push_back(name + " is blanked as a whole and left out");
+            data.remarks.push_back(name + " has no vertex that counts and is left out");
             continue;
         }
-        BlockFields fields = solution ? fieldsOf(solution->blocks[b]) : fieldsOf(block);
 
         const auto positions = MemArray<3, Space::point>::create(size);
         for (std::size_t n = 0; n < block.x.size(); ++n)
@@ -138,12 +176,15 @@ DataSet readPlot3DFlow(const Options& options) {
         }
         if (solution) {
             data.grid.setField(kVelocity, MemArray<3, Space::vector>::makeMemArray(fields.velocity, size), fragment);
-            for (const Space::vector& v : fields.velocity) fastest = std::max(fastest, normSquared(v));
+            for (std::size_t n = 0; n < fields.velocity.size(); ++n)
+                if (blanked.empty() || !blanked[n]) fastest = std::max(fastest, normSquared(fields.velocity[n]));
             wallCandidates.emplace_back(positions.strong(), std::move(fields.velocity));
         }
         if (!blanked.empty()) data.blanked.emplace(name, blanked);
     }
-    if (!data.grid.positions()->nFragments()) throw FileError(file, "blanking", "no vertex of any block counts");
+    if (!data.grid.positions()->nFragments())
+        throw FileError(solution ? *options.solutionFile : file, "",
+                        "no vertex counts: all are blanked or have values that are not finite");
 
     fastest = std::sqrt(fastest);
     for (const auto& [positions, velocity] : wallCandidates)

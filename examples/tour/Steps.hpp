@@ -18,14 +18,8 @@ struct Tour {
     [[nodiscard]] std::filesystem::path file(const std::string& name) const { return options.output / name; }
 };
 
-/// Least and greatest value over all fragments; none without values.
-std::optional<ValueRange> fieldRange(const Vantle::Field& field);
-
 /// Boxes, ranges, fragments.
 void survey(const Tour& tour);
-/// The level of the isosurface: as asked for, as suits the data, or in the middle of the range.
-double surfaceLevel(const DataSet& data);
-
 /// The isosurface of the chosen field: surface.vtp, surface.png.
 void extractSurface(const Tour& tour);
 

@@ -100,16 +100,11 @@ index_t placesOf(std::vector<Point3> points) {
 
 } // namespace
 
-double surfaceLevel(const DataSet& data) {
-    if (data.level) return *data.level;
-    const auto range = fieldRange(*data.grid.field(data.field));
-    return range ? 0.5 * (range->first + range->second) : 0.0;
-}
-
 void extractSurface(const Tour& tour) {
     const DataSet& data = tour.data;
     Report& report = tour.report;
-    const double level = surfaceLevel(data);
+    const auto [least, greatest] = data.range;
+    const double level = data.level.value_or(0.5 * least + 0.5 * greatest);
     const std::string what = data.field + " = " + number(level, 6);
     report.section("Isosurface " + what);
 
@@ -125,6 +120,10 @@ void extractSurface(const Tour& tour) {
     const Surface surface = surfaceOf(grid);
     const Mesh& mesh = surface.mesh;
     report.row("triangles", count(mesh.triangles.size()), seconds);
+    if (mesh.triangles.empty())
+        report.line("  nowhere: " + data.field +
+                    (least < greatest ? " goes from " + number(least, 6) + " to " + number(greatest, 6)
+                                      : " is " + number(least, 6) + " everywhere"));
     report.row("vertices", count(mesh.points.size()) + ", at " + count(placesOf(mesh.points)) + " places");
 
     std::vector<double> values;
@@ -147,7 +146,7 @@ void extractSurface(const Tour& tour) {
     for (const Mesh& wall : data.walls) parts.push_back({wall.points, wall.triangles, {}, 0xb8b8b8});
     parts.push_back({mesh.points, mesh.triangles, values});
     SurfaceStyle style;
-    style.text.title = what;
+    style.text.title = what + (mesh.triangles.empty() ? ", nowhere" : "");
     style.text.valueLabel = data.colourField;
     drawSurface(tour.file("surface.png"), parts, data.view, style);
     report.row("surface.png", "a picture of it", watch.lap());

@@ -41,8 +41,7 @@ std::optional<ValueRange> fragmentRange(const Field& field, const Hestra::Strong
     return ValueRange{range->getMin(), range->getMax()};
 }
 
-} // namespace
-
+// Least and greatest value over all fragments; none without values.
 std::optional<ValueRange> fieldRange(const Field& field) {
     std::optional<ValueRange> all;
     field.iterate([&](const auto& fragment, const auto&) {
@@ -52,6 +51,8 @@ std::optional<ValueRange> fieldRange(const Field& field) {
     });
     return all;
 }
+
+} // namespace
 
 void survey(const Tour& tour) {
     const DataSet& data = tour.data;

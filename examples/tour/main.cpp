@@ -7,6 +7,7 @@
 #include "io/AtomicFile.hpp"
 #include "io/FileError.hpp"
 #include "io/Gnuplot.hpp"
+#include "io/Leftover.hpp"
 #include "io/Progress.hpp"
 
 #include <algorithm>
@@ -16,6 +17,7 @@
 #include <new>
 #include <omp.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace tour {
 
@@ -34,6 +36,7 @@ void prepareFolder(const std::filesystem::path& folder) {
 
 void run(const Options& options) {
     if (options.threads > 0) omp_set_num_threads(options.threads);
+    Messages messages;
     Stopwatch watch;
     const DataSet data = [&] {
         const Progress progress("data");
@@ -42,8 +45,7 @@ void run(const Options& options) {
     const double seconds = watch.lap();
     prepareFolder(options.output);
 
-    Messages messages;
-    Report report(messages.original());
+    Report report(STDOUT_FILENO);
     report.line(data.title);
     for (const std::string& remark : data.remarks) report.line("  " + remark);
     report.row("made", "on " + std::to_string(omp_get_max_threads()) + " threads", seconds);
@@ -61,8 +63,8 @@ void run(const Options& options) {
     log.write(summary.data(), summary.size());
     log.commit();
     report.line("");
-    report.row("tour.log",
-               "the " + count(messages.lines()) + " lines that the library printed meanwhile, different ones once");
+    report.row("tour.log", "the " + std::string(messages.isCut() ? "first " : "") + count(messages.lines()) +
+                               " lines that the library said meanwhile, different ones once");
 }
 
 int complain(const std::string& reason, int status) {
@@ -77,6 +79,7 @@ int complain(const std::string& reason, int status) {
 int main(int argc, char** argv) {
     using namespace tour;
     try {
+        removeLeftoversOnSignals();
         const Options options = parseOptions({argv + std::min(argc, 1), argv + argc});
         if (options.help)
             std::cout << usage() << std::flush;

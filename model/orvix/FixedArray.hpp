@@ -1,6 +1,8 @@
 #pragma once
 /// Fixed numbers of values: the plain array and the array with linear arithmetic.
 
+#include <model/Version.hpp>
+
 #include <array>
 #include <concepts>
 #include <cstddef>

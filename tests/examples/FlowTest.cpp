@@ -96,16 +96,27 @@ TEST(InsideTest, AgreesWithTheShapeOfTheRing) {
     }
 }
 
-TEST(MessagesTest, CountsLinesAndGivesStandardOutputBack) {
+// Lines are counted however they come, up to a limit; what is said before and after goes where it went.
+TEST(MessagesTest, CountsLinesAndStopsListening) {
+    using Hestra::Console;
     testing::internal::CaptureStdout();
-    std::puts("before");
-    Messages messages;
-    for (int n = 0; n < 20000; ++n) std::printf(n % 2 == 0 ? "even\n" : "odd, and longer\n");
-    std::printf("no end of line");
-    messages.finish();
-    std::puts("after");
-    EXPECT_EQ(messages.lines(), 20001u);
-    EXPECT_EQ(messages.summary(), "     10000  even\n     10000  odd, and longer\n         1  no end of line\n");
+    Console::puts("before");
+    Messages all;
+    for (const char* text : {"even\n", "o", "dd\neven\n\n", "no end of line"}) Console::write(text);
+    all.finish();
+    EXPECT_EQ(all.lines(), 5u);
+    EXPECT_FALSE(all.isCut());
+    EXPECT_EQ(all.summary(), "         2  even\n         1  odd\n         1  \n         1  no end of line\n");
+
+    Messages some(3);
+    Console::write("even\neven\n");
+    EXPECT_TRUE(Console::isHeard());
+    Console::write("even\neven\n");
+    EXPECT_FALSE(Console::isHeard());
+    some.finish();
+    EXPECT_TRUE(some.isCut());
+    EXPECT_EQ(some.summary(), "         3  even\n");
+    Console::puts("after");
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "before\nafter\n");
 }
 

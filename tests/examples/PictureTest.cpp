@@ -146,6 +146,10 @@ TEST_F(PictureTest, SlicesShowTheirValuesAndLeaveTheRestWhite) {
     EXPECT_NEAR(static_cast<double>(light), static_cast<double>(dark), 0.05 * static_cast<double>(dark));
     EXPECT_TRUE(isWhite(seen[220 * 400 + 180])); // in the uppermost third, where there are no values
     EXPECT_FALSE(isWhite(seen[100 * 400 + 180]));
+
+    drawSlice(folder / "row.png", {40, 1, {0, 0}, {1, 30}, std::span(values).first(40)},
+              {{}, "x", "y", {}, {}, {400, 300}});
+    EXPECT_FALSE(isWhite(pixels(folder / "row.png").at(150 * 400 + 180)));
 }
 
 TEST_F(PictureTest, TextsAndPathsAreOnlyText) {

@@ -1,8 +1,10 @@
 // The tour as its users meet it: the program is run, its table is read and its files are looked into.
 
 #include "CylinderFlow.hpp"
+#include "Report.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
@@ -13,6 +15,9 @@
 #include <iterator>
 #include <map>
 #include <numbers>
+#include <optional>
+#include <set>
+#include <sstream>
 #include <support/Plot3DFile.hpp>
 #include <support/VtkFile.hpp>
 #include <sys/wait.h>
@@ -59,14 +64,28 @@ struct Result {
     }
 };
 
+// A variable of the environment, as long as this lives.
+class Environment {
+public:
+    Environment(const char* name, const std::string& value) : name_(name) {
+        if (const char* former = std::getenv(name)) former_ = former;
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~Environment() { former_ ? ::setenv(name_, former_->c_str(), 1) : ::unsetenv(name_); }
+    Environment(const Environment&) = delete;
+    Environment& operator=(const Environment&) = delete;
+
+private:
+    const char* name_;
+    std::optional<std::string> former_;
+};
+
 class TourTest : public testing::Test {
 protected:
     TourTest() { fs::create_directories(folder); }
     ~TourTest() override { fs::remove_all(folder); }
 
-    [[nodiscard]] Result run(std::vector<std::string> arguments, const char* standardOutput = nullptr,
-                             const char* searchPath = nullptr) const {
-        const fs::path out = folder / "stdout", err = folder / "stderr";
+    [[nodiscard]] pid_t start(std::vector<std::string> arguments, const std::string& standardOutput = "") const {
         arguments.insert(arguments.begin(), VANTLE_TOUR_PROGRAM);
         std::vector<char*> argv;
         for (std::string& argument : arguments) argv.push_back(argument.data());
@@ -74,15 +93,25 @@ protected:
         const pid_t child = ::fork();
         if (child == 0) {
             const int truncate = O_WRONLY | O_CREAT | O_TRUNC;
-            ::dup2(::open(standardOutput ? standardOutput : out.c_str(), truncate, 0600), STDOUT_FILENO);
-            ::dup2(::open(err.c_str(), truncate, 0600), STDERR_FILENO);
-            if (searchPath) ::setenv("PATH", searchPath, 1);
+            const std::string out = standardOutput.empty() ? (folder / "stdout").string() : standardOutput;
+            ::dup2(::open(out.c_str(), truncate, 0600), STDOUT_FILENO);
+            ::dup2(::open((folder / "stderr").c_str(), truncate, 0600), STDERR_FILENO);
+            ::signal(SIGINT, SIG_DFL); // jobs in the background ignore it
             ::execv(argv[0], argv.data());
             std::_Exit(126);
         }
+        return child;
+    }
+
+    [[nodiscard]] Result finish(pid_t child) const {
         int status = 0;
         ::waitpid(child, &status, 0);
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contents(out), contents(err)};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contents(folder / "stdout"),
+                contents(folder / "stderr")};
+    }
+
+    [[nodiscard]] Result run(std::vector<std::string> arguments, const std::string& standardOutput = "") const {
+        return finish(start(std::move(arguments), standardOutput));
     }
 
     [[nodiscard]] Result runInto(const std::string& name, std::vector<std::string> arguments) const {
@@ -121,6 +150,16 @@ TEST_F(TourTest, TheFlowPastACylinderAgreesWithWhatIsKnownOfIt) {
     std::vector<std::string> files = {"surface.vtp", "tour.log", "uniform.vti"};
     if (havePictures()) files = {"slice.png", "surface.png", "surface.vtp", "tour.log", "uniform.vti"};
     EXPECT_EQ(filesIn(folder / "out"), files);
+
+    // The log has each line once, with its count.
+    std::istringstream log(contents(folder / "out" / "tour.log"));
+    unsigned long long lines = 0, times = 0;
+    std::set<std::string> different;
+    for (std::string line; log >> times && std::getline(log, line); lines += times)
+        EXPECT_TRUE(different.insert(line).second) << line;
+    EXPECT_EQ(tour.row("tour.log")[0].substr(0, 30),
+              ("the " + count(lines) + " lines that the library said").substr(0, 30));
+    EXPECT_GT(lines, 1000u);
 
     // The flow is fastest at the top of the cylinder's sides: 2 along x, and 2 * 0.12 * 2.5 along z.
     EXPECT_EQ(tour.row("box")[0], "(-4, -4, 0) - (4, 4, 2.5)");
@@ -166,13 +205,15 @@ TEST_F(TourTest, TheFlowPastACylinderAgreesWithWhatIsKnownOfIt) {
     EXPECT_NEAR(tour.number("  at blocks' borders", 2), 2.0, 0.4);
 }
 
-TEST_F(TourTest, ResultsDoNotDependOnTheNumberOfThreads) {
+TEST_F(TourTest, ResultsDoNotDependOnTheNumberOfThreadsOrOnWhoListens) {
     for (const char* threads : {"1", "3"}) {
+        const Environment messages("VANTLE_MESSAGES", threads[0] == '1' ? "1" : "0");
         const std::vector<std::string> arguments = {"--quick",   "--resolution", "12",  "--field",
                                                     "potential", "--level",      "2.5", "--threads"};
         std::vector<std::string> all = arguments;
         all.push_back(threads);
         ASSERT_EQ(runInto(threads, all).status, 0);
+        EXPECT_EQ(contents(folder / threads / "tour.log").empty(), threads[0] == '3');
     }
     for (const char* file : {"surface.vtp", "uniform.vti"})
         EXPECT_TRUE(contents(folder / "1" / file) == contents(folder / "3" / file)) << file;
@@ -193,10 +234,34 @@ TEST_F(TourTest, ResultsDoNotDependOnTheNumberOfThreads) {
 }
 
 TEST_F(TourTest, WithoutGnuplotItGoesOnWithoutPictures) {
-    const Result tour = run({"--quick", "--resolution=4", "--output", folder / "out"}, nullptr, "/nonexistent");
+    const Environment path("PATH", "/nonexistent");
+    const Result tour = runInto("out", {"--quick", "--resolution=4"});
     EXPECT_EQ(tour.status, 0) << tour.err;
     EXPECT_NE(tour.out.find("no pictures"), std::string::npos) << tour.out;
     EXPECT_EQ(filesIn(folder / "out"), (std::vector<std::string>{"surface.vtp", "tour.log", "uniform.vti"}));
+}
+
+// The signal comes while a picture is drawn, by something that draws as long as its folder is there.
+TEST_F(TourTest, AnInterruptLeavesNothingHalfDone) {
+    const fs::path out = folder / "out", scratch = folder / "scratch", drawer = folder / "bin" / "gnuplot";
+    fs::create_directories(scratch);
+    fs::create_directories(drawer.parent_path());
+    std::ofstream(drawer) << "#!/bin/sh\nwhile [ -e script ]; do sleep 0.1; done\n";
+    fs::permissions(drawer, fs::perms::owner_all);
+    const Environment path("PATH", drawer.parent_path().string() + ":/usr/bin:/bin");
+    const Environment temporary("TMPDIR", scratch);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        const pid_t child = start({"--quick", "--output", out});
+        const auto isDrawing = [&] {
+            return !fs::is_empty(scratch) && fs::exists(out) && filesIn(out).front().starts_with(".surface.png.");
+        };
+        for (int n = 0; n < 3000 && !isDrawing(); ++n) ::usleep(10000);
+        ASSERT_TRUE(isDrawing());
+        ::kill(child, signal);
+        EXPECT_EQ(finish(child).status, 128 + signal);
+        EXPECT_EQ(filesIn(out), std::vector<std::string>{"surface.vtp"});
+        EXPECT_TRUE(fs::is_empty(scratch));
+    }
 }
 
 // Two sheared blocks side by side along x. Density and velocity are linear in space, so everything is known.
@@ -300,10 +365,78 @@ TEST_F(TourTest, AGridAloneHasItsCoordinates) {
     EXPECT_EQ(tour.number("volume of a cell"), 1.0);
 }
 
+// Blocks too thin for the uniform grid to have a layer between their faces. Coordinates are linear: known everywhere.
+TEST_F(TourTest, ThinBlocksShowTheirMiddle) {
+    for (std::size_t thin = 0; thin < 3; ++thin) {
+        Plot3DBlock block = ShearedBlocks(false).grid[0];
+        for (double& coordinate : thin == 0 ? block.x : thin == 1 ? block.y : block.z) coordinate *= 0.1;
+        const fs::path grid = store("thin.xyz", support::gridBytes({}, {block}));
+        const std::size_t shown = (thin + 1) % 3;
+        const std::string field(1, "xyz"[shown]);
+        const Result tour = runInto("out", {grid, "--resolution=12", "--field", field});
+        ASSERT_EQ(tour.status, 0) << tour.err;
+        EXPECT_GT(tour.number("  exactly", 1), 50.0) << tour.out;
+        EXPECT_EQ(tour.number("  exactly", 1), tour.number("inside the blocks"));
+
+        const support::VtkFile uniform(folder / "out" / "uniform.vti");
+        std::istringstream extents(support::attribute(uniform.xml, "WholeExtent")),
+            origins(support::attribute(uniform.xml, "Origin")), spacings(support::attribute(uniform.xml, "Spacing"));
+        const auto values = uniform.values<double>(field);
+        double origin = 0.0, spacing = 0.0;
+        std::size_t stride = 1, first = 0, last = 0;
+        for (std::size_t axis = 0; axis <= shown; ++axis) {
+            if (axis > 0) stride *= last + 1;
+            extents >> first >> last, origins >> origin, spacings >> spacing;
+        }
+        for (std::size_t n = 0; n < values.size(); ++n)
+            EXPECT_TRUE(std::isnan(values[n]) ||
+                        std::abs(values[n] - origin - double(n / stride % (last + 1)) * spacing) < 1e-5);
+    }
+}
+
+// Results of a flow without sense somewhere, or all alike.
+TEST_F(TourTest, FieldsThatShowLittle) {
+    ShearedBlocks blocks(false);
+    blocks.grid.pop_back();
+    blocks.solution.pop_back();
+    const Plot3DForm form{false, false, std::endian::big, false, Plot3DScalar::float64};
+    const fs::path grid = store("grid.xyz", support::gridBytes(form, blocks.grid));
+    auto& fields = blocks.solution[0].fields;
+    const auto tourOf = [&](std::vector<std::string> more) {
+        const fs::path solution = store("flow.q", support::solutionBytes(form, blocks.solution));
+        more.insert(more.begin(), {grid, solution, "--resolution=9", "--precision=double"});
+        return runInto("out", more);
+    };
+
+    // A value that is no number is left out, with the cells around it.
+    fields[4].values[0] = std::nan("");
+    Result tour = tourOf({"--level=3.1"});
+    ASSERT_EQ(tour.status, 0) << tour.err;
+    EXPECT_NE(tour.out.find("block1: values that are not finite; vertices left out for them: 1\n"), std::string::npos);
+    EXPECT_EQ(tour.row("energy")[0], "50 to 50");
+    EXPECT_GT(tour.number("  in blanked cells", 1), 0.0);
+    EXPECT_EQ(tour.row("coloured by")[0], "speed");
+
+    // Constant density and no velocity: the pressure depends on the energy alone, and on the gas.
+    fields[0].values.assign(fields[0].values.size(), 1.0);
+    for (std::size_t c : {1u, 2u, 3u}) fields[c].values.assign(fields[c].values.size(), 0.0);
+    for (std::size_t n = 0; n < fields[4].values.size(); ++n) fields[4].values[n] = 2.0 + double(n);
+    tour = tourOf({});
+    ASSERT_EQ(tour.status, 0) << tour.err;
+    EXPECT_NE(tour.out.find("density is the same everywhere: looking at pressure instead"), std::string::npos);
+    EXPECT_EQ(tour.row("pressure")[0], "0.8 to 137.6");
+    EXPECT_NE(tour.out.find("heat capacities have a ratio of 1.4\n"), std::string::npos) << tour.out;
+    EXPECT_EQ(tour.row("coloured by")[0], "energy");
+    EXPECT_GT(tour.number("triangles"), 0.0);
+    EXPECT_EQ(tourOf({"--heat-ratio=1.5"}).row("pressure")[0], "1 to 172");
+    tour = tourOf({"--field=density"});
+    EXPECT_EQ(tour.status, 0);
+    EXPECT_NE(tour.out.find("\n  nowhere: density is 1 everywhere\n"), std::string::npos) << tour.out;
+}
+
 TEST_F(TourTest, TheBluntFin) {
     const fs::path data = VANTLE_TEST_DATA;
-    if (data.empty() || !fs::exists(data / "bluntfinxyz.bin"))
-        GTEST_SKIP() << "THE BLUNT FIN DATA ARE NOT HERE: the tour was not run on real data";
+    if (data.empty()) GTEST_SKIP() << "no real data";
     const Result tour = runInto("out", {data / "bluntfinxyz.bin", data / "bluntfinq.bin", "--resolution=40"});
     ASSERT_EQ(tour.status, 0) << tour.err;
     EXPECT_EQ(tour.row("density")[0], "0.1926 to 4.977");
@@ -334,9 +467,11 @@ TEST_F(TourTest, ACommandLineThatMakesNoSense) {
         {{"-x=1"}, "unknown option '-x'"},
         {{"--quick=yes"}, "unknown option '--quick'"},
         {{"--level"}, "--level: its value is missing"},
+        {{"--heat-ratio=1"}, "--heat-ratio: '1' is not above 1"},
+        {{"--heat-ratio=1.3"}, "--heat-ratio: no solution is given"},
         {{"--level", "high"}, "--level: 'high' is not a number"},
         {{"--level=nan"}, "--level: 'nan' is not a number"},
-        {{"--resolution=1"}, "--resolution: '1' is not a number from 2 to"},
+        {{"--resolution=1"}, "--resolution: '1' is not a number from 3 to"},
         {{"--resolution", "99999999999999999999"}, "--resolution: '99999999999999999999' is not a number"},
         {{"--threads", "0"}, "--threads: '0' is not a number from 1"},
         {{"--threads", "2x"}, "--threads: '2x' is not a number"},
@@ -372,22 +507,36 @@ TEST_F(TourTest, DataThatCannotBeRead) {
     const fs::path cutSolution = store("cut.q", solutionBytes.substr(0, solutionBytes.size() - 3));
     const fs::path empty = store("empty", ""), text = store("text\nof two lines", "2 2 2\n0 1\n");
     const fs::path absent = folder / "absent";
-    const std::vector<std::pair<std::vector<std::string>, fs::path>> cases = {
+    // Places and values that are none; layers between which there are no cells.
+    const Plot3DForm form{false, false, std::endian::big, false, Plot3DScalar::float32};
+    Plot3DBlock endless = blocks.grid[0], flat = blocks.grid[0];
+    endless.y[ShearedBlocks::kExtent + 2] = std::numeric_limits<double>::infinity();
+    flat.extents = {ShearedBlocks::kExtent, ShearedBlocks::kExtent * ShearedBlocks::kExtent, 1};
+    Plot3DSolutionBlock senseless = blocks.solution[0];
+    senseless.fields[0].values.assign(senseless.fields[0].values.size(), std::nan(""));
+    const fs::path infinite = store("infinite", support::gridBytes(form, {endless}));
+    const fs::path layer = store("layer", support::gridBytes(form, {flat}));
+    const fs::path nothing = store("nothing.q", support::solutionBytes(form, {senseless}));
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{absent}, absent},
         {{grid, absent}, absent},
         {{cut}, cut},
         {{grid, cutSolution}, cutSolution},
         {{empty}, empty},
-        {{text}, folder / "text of two lines"},
+        {{text}, (folder / "text of two lines").string()},
         {{folder}, folder},
         {{grid, "--endian=little"}, grid},
         {{grid, grid}, grid},
         {{solution, grid}, solution},
         {{grid, "--precision=double"}, grid},
+        {{infinite}, infinite.string() + ": block1, vertex (3, 2, 1): y is inf"},
+        {{layer}, layer.string() + ": extents: no block has cells"},
+        {{grid, nothing, "--precision=single", "--endian=big", "--records=no", "--multiblock=no", "--blanking=no"},
+         nothing.string() + ": no vertex counts"},
     };
     for (const auto& [arguments, culprit] : cases) {
         const Result tour = runInto("out", arguments);
-        expectOneLine(tour, 1, "tour: " + culprit.string() + ": ");
+        expectOneLine(tour, 1, "tour: " + culprit);
         EXPECT_EQ(tour.out, "");
         EXPECT_FALSE(fs::exists(folder / "out"));
     }

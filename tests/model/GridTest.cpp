@@ -20,11 +20,12 @@ TEST(BundleTest, SlicesAreFoundByTime) {
     const auto first = bundle[0.0];
     const auto second = bundle[2.0];
     EXPECT_EQ(bundle[0.0], first);
-    double time = 1.5;
-    EXPECT_EQ((*bundle)(time), first);
-    EXPECT_EQ(time, 0.0);
-    time = 1e9;
-    EXPECT_EQ((*bundle)(time), second);
+    double time = -1;
+    for (const auto& [asked, found] : {std::pair{0.0, 0.0}, {1.5, 0.0}, {2.0, 2.0}, {1e9, 2.0}}) {
+        time = asked;
+        EXPECT_EQ((*bundle)(time), found == 0.0 ? first : second) << asked;
+        EXPECT_EQ(time, found);
+    }
     time = -1;
     EXPECT_FALSE((*bundle)(time));
     EXPECT_EQ(time, -1.0);

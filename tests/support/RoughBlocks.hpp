@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <fstream>
 #include <limits>
+#include <stdexcept>
 
 namespace support {
 
@@ -75,8 +76,9 @@ inline std::vector<RoughBlock> roughBlocks() {
     return all;
 }
 
-/// The blunt fin from the folder of real data; null, when there is none.
+/// The blunt fin from the folder of real data; null when the name of the folder is empty.
 inline BlockPtr bluntFin(const std::string& folder) {
+    if (folder.empty()) return nullptr;
     std::ifstream file(folder + "/bluntfinxyz.bin", std::ios::binary);
     const auto word = [&] {
         unsigned char bytes[4] = {};
@@ -85,12 +87,13 @@ inline BlockPtr bluntFin(const std::string& folder) {
     };
     Vantle::MultiIndex<3> n;
     for (int d = 0; d < 3; ++d) n[d] = word();
-    if (!file || n.product() > 1000000) return nullptr;
+    if (!file || n.product() > 1000000) throw std::runtime_error(folder + " has no bluntfinxyz.bin, or another one");
     const auto block = Block::create(n);
     for (int d = 0; d < 3; ++d)
         for (Vantle::index_t i = 0; i < n.product(); ++i)
             block->element(i)[d] = static_cast<double>(std::bit_cast<float>(word()));
-    return file ? BlockPtr(block) : nullptr;
+    if (!file) throw std::runtime_error(folder + "/bluntfinxyz.bin is cut");
+    return block;
 }
 
 /// Random points in and around the box of a block's numbers, and some of its vertices, centres of faces and centres.

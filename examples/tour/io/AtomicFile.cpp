@@ -26,15 +26,8 @@ std::filesystem::path neighbourOf(const std::filesystem::path& target) {
 
 AtomicFile::AtomicFile(std::filesystem::path target) : target_(std::move(target)), temporary_(neighbourOf(target_)) {
     errno = 0;
-    stream_.open(temporary_, std::ios::binary | std::ios::trunc);
+    stream_.open(temporary_.path(), std::ios::binary | std::ios::trunc);
     if (!stream_) throw FileError(target_, "", systemReason("cannot create it"));
-}
-
-AtomicFile::~AtomicFile() {
-    if (temporary_.empty()) return;
-    stream_.close();
-    std::error_code ignored;
-    std::filesystem::remove(temporary_, ignored);
 }
 
 void AtomicFile::write(const void* data, std::size_t bytes) {
@@ -48,9 +41,9 @@ void AtomicFile::commit() {
     stream_.close();
     if (!stream_) throw FileError(target_, "", systemReason("cannot write"));
     std::error_code error;
-    std::filesystem::rename(temporary_, target_, error);
+    std::filesystem::rename(temporary_.path(), target_, error);
     if (error) throw FileError(target_, "", "cannot put it in place: " + error.message());
-    temporary_.clear();
+    temporary_.keep();
 }
 
 } // namespace tour

@@ -4,6 +4,7 @@
 #include "io/FileError.hpp"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
@@ -60,8 +61,16 @@ int spawn(const fs::path& program, std::vector<std::string> arguments, const fs:
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, messages.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     posix_spawn_file_actions_addchdir_np(&actions, folder.c_str());
+    // What ends this program ends that one, whichever signals a thread of this one waits for.
+    posix_spawnattr_t attributes;
+    sigset_t none;
+    ::sigemptyset(&none);
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
     pid_t child = 0;
-    const int error = ::posix_spawn(&child, program.c_str(), &actions, nullptr, argv.data(), environ);
+    const int error = ::posix_spawn(&child, program.c_str(), &actions, &attributes, argv.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     if (error != 0) throw std::system_error(error, std::generic_category());
     int status = 0;
@@ -80,19 +89,15 @@ Gnuplot::Gnuplot(fs::path png) : png_(std::move(png)) {
     std::string pattern = (fs::temp_directory_path(error) / "tour-picture-XXXXXX").string();
     if (error || ::mkdtemp(pattern.data()) == nullptr)
         throw FileError(png_, "", "no picture: cannot create the temporary folder " + pattern);
-    folder_ = pattern;
-}
-
-Gnuplot::~Gnuplot() {
-    std::error_code ignored;
-    fs::remove_all(folder_, ignored);
+    folder_.emplace(pattern);
 }
 
 void Gnuplot::store(const std::string& name, std::string_view bytes) const {
-    std::ofstream file(folder_ / name, std::ios::binary);
+    std::ofstream file(folder_->path() / name, std::ios::binary);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.close();
-    if (!file) throw FileError(png_, "", "no picture: cannot write to the temporary folder " + folder_.string());
+    if (!file)
+        throw FileError(png_, "", "no picture: cannot write to the temporary folder " + folder_->path().string());
 }
 
 void Gnuplot::run(std::string_view script) const {
@@ -101,15 +106,15 @@ void Gnuplot::run(std::string_view script) const {
     int status = 0;
     try {
         // Without the settings of the user, which could change anything.
-        status = spawn(search("gnuplot"), {"gnuplot", "--default-settings", "script"}, folder_);
+        status = spawn(search("gnuplot"), {"gnuplot", "--default-settings", "script"}, folder_->path());
     } catch (const std::system_error& error) {
         throw FileError(png_, "", std::string("no picture: gnuplot cannot be started: ") + error.what());
     }
-    const std::string picture = contents(folder_ / "picture.png");
+    const std::string picture = contents(folder_->path() / "picture.png");
     if (status != 0 || !picture.starts_with("\x89PNG"))
         throw FileError(png_, "",
                         "no picture: gnuplot failed (status " + std::to_string(status) +
-                            "): " + complaint(folder_ / "messages"));
+                            "): " + complaint(folder_->path() / "messages"));
     target.write(picture.data(), picture.size());
     target.commit();
 }

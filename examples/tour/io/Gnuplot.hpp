@@ -2,7 +2,10 @@
 
 /// Runs gnuplot on one script and puts the picture where it belongs.
 
+#include "io/Leftover.hpp"
+
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,9 +20,6 @@ class Gnuplot {
 public:
     /// Failure      FileError when there is no gnuplot or no temporary folder.
     explicit Gnuplot(std::filesystem::path png);
-    ~Gnuplot();
-    Gnuplot(const Gnuplot&) = delete;
-    Gnuplot& operator=(const Gnuplot&) = delete;
 
     /// A data file that the script may name.
     void store(const std::string& name, std::string_view bytes) const;
@@ -34,7 +34,7 @@ public:
 
 private:
     std::filesystem::path png_;
-    std::filesystem::path folder_;
+    std::optional<Leftover> folder_; // there once it is constructed
 };
 
 } // namespace tour

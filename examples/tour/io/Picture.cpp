@@ -6,7 +6,6 @@
 #include <bit>
 #include <charconv>
 #include <cmath>
-#include <cstring>
 #include <limits>
 #include <stdexcept>
 #include <string_view>
@@ -85,6 +84,8 @@ ValueRange colourRange(const std::optional<ValueRange>& stated, std::span<const 
             if (std::isfinite(value)) range = {std::min(range.first, value), std::max(range.second, value)};
     return range;
 }
+
+constexpr const char* kNothing = "set label 'nothing to show' at screen 0.5,0.5 center textcolor rgb '#808080'\n";
 
 constexpr ValueRange kNoRange = {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
 
@@ -382,7 +383,7 @@ void drawSurface(const std::filesystem::path& png, std::span<const SurfacePart> 
     if (hasValues)
         script += colourBar(range, style.text.valueLabel) +
                   "set colorbox user origin screen 0.875,0.2 size screen 0.02,0.6\n";
-    if (facets.empty()) script += "set label 'nothing to show' at screen 0.5,0.5 center textcolor rgb '#808080'\n";
+    if (facets.empty()) script += kNothing;
     script += facets.empty() ? "plot NaN" : "plot 'facets' using 1:2:3 with filledcurves closed linecolor rgb variable";
     if (hasValues) script += ", NaN with points palette";
     const Gnuplot gnuplot(png);
@@ -398,27 +399,36 @@ void drawSlice(const std::filesystem::path& png, const Slice& slice, const Slice
         !std::isfinite(slice.origin[1]))
         throw std::invalid_argument("a slice needs a finite origin and a positive spacing");
     const ValueRange range = widened(colourRange(style.range, slice.values, kNoRange));
+    const bool isEmpty =
+        std::none_of(slice.values.begin(), slice.values.end(), [](double v) { return std::isfinite(v); });
     const auto extent = [&](std::size_t axis, std::size_t cells) {
         const double low = slice.origin[axis] - 0.5 * slice.spacing[axis];
         return interval(low, low + static_cast<double>(cells) * slice.spacing[axis]);
+    };
+    // gnuplot wants two points along each axis of an image: a single one is drawn twice, half as wide.
+    const std::array<std::size_t, 2> times = {slice.columns == 1 ? 2u : 1u, slice.rows == 1 ? 2u : 1u};
+    const auto width = [&](std::size_t axis) { return number(slice.spacing[axis] / static_cast<double>(times[axis])); };
+    const auto first = [&](std::size_t axis) {
+        return number(slice.origin[axis] - (times[axis] == 2 ? 0.25 * slice.spacing[axis] : 0.0));
     };
     std::string script = beginScript(style.size, style.text) + colourBar(range, style.text.valueLabel) + "set xlabel " +
                          Gnuplot::quoted(style.xLabel) + "\nset ylabel " + Gnuplot::quoted(style.yLabel) +
                          "\nset size ratio -1\nset tics out nomirror scale 0.5\n"
                          "set border lw 0.8 lc rgb '#404040'\n"
                          "set xrange " +
-                         extent(0, slice.columns) + "\nset yrange " + extent(1, slice.rows) +
-                         "\nplot 'values' binary array=(" + std::to_string(slice.columns) + "," +
-                         std::to_string(slice.rows) + ") format='%double' origin=(" + number(slice.origin[0]) + "," +
-                         number(slice.origin[1]) + ") dx=" + number(slice.spacing[0]) +
-                         " dy=" + number(slice.spacing[1]) + " with image";
+                         extent(0, slice.columns) + "\nset yrange " + extent(1, slice.rows) + "\n" +
+                         (isEmpty ? kNothing : "") + "plot 'values' binary array=(" +
+                         std::to_string(times[0] * slice.columns) + "," + std::to_string(times[1] * slice.rows) +
+                         ") format='%double' origin=(" + first(0) + "," + first(1) + ") dx=" + width(0) +
+                         " dy=" + width(1) + " with image";
 
-    std::string bytes(slice.values.size() * sizeof(double), '\0');
-    for (std::size_t i = 0; i < slice.values.size(); ++i) {
-        const double value =
-            std::isfinite(slice.values[i]) ? slice.values[i] : std::numeric_limits<double>::quiet_NaN();
-        std::memcpy(&bytes[i * sizeof value], &value, sizeof value);
-    }
+    std::string bytes;
+    for (std::size_t i = 0; i < times[1] * slice.rows; ++i)
+        for (std::size_t j = 0; j < times[0] * slice.columns; ++j) {
+            double value = slice.values[i / times[1] * slice.columns + j / times[0]];
+            if (!std::isfinite(value)) value = std::numeric_limits<double>::quiet_NaN();
+            bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+        }
     std::string lines;
     for (const auto& outline : style.outlines) {
         for (const Point2& point : outline) lines += number(point[0]) + " " + number(point[1]) + "\n";

@@ -65,8 +65,7 @@ void drawSurface(const std::filesystem::path& png, std::span<const SurfacePart> 
                  const SurfaceStyle& style = {});
 
 /// Values on a uniform lattice of `columns` × `rows`, row by row from the lowest, each the colour of one cell around
-/// its point. Where it is not finite, the cell
-/// stays white.
+/// its point. Where it is not finite, the cell stays white; where none is, the picture says that there is nothing.
 struct Slice {
     std::size_t columns = 0;
     std::size_t rows = 0;

@@ -1,0 +1,68 @@
+#include "io/Leftover.hpp"
+
+#include <csignal>
+#include <mutex>
+#include <set>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace tour {
+
+namespace {
+
+struct Registry {
+    std::mutex mutex;
+    std::set<std::filesystem::path> paths;
+};
+
+// Never destroyed: a signal may come at any time.
+Registry& registry() {
+    static Registry& all = *new Registry;
+    return all;
+}
+
+void removeAll(const std::filesystem::path& path) {
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+}
+
+} // namespace
+
+Leftover::Leftover(std::filesystem::path path) : path_(std::move(path)) {
+    const std::lock_guard lock(registry().mutex);
+    registry().paths.insert(path_);
+}
+
+Leftover::~Leftover() {
+    if (path_.empty()) return;
+    removeAll(path_);
+    keep();
+}
+
+void Leftover::keep() {
+    const std::lock_guard lock(registry().mutex);
+    registry().paths.erase(path_);
+    path_.clear();
+}
+
+void removeLeftoversOnSignals() {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action = {};
+        if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_IGN) ::sigaddset(&signals, signal);
+    }
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr); // threads inherit it: only the one below takes these signals
+    std::thread([signals] {
+        int signal = 0;
+        while (::sigwait(&signals, &signal) != 0) {
+        }
+        registry().mutex.lock(); // for good: nobody makes or keeps anything any more
+        for (const std::filesystem::path& path : registry().paths) removeAll(path);
+        ::raise(signal);
+        ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    }).detach();
+}
+
+} // namespace tour
