@@ -1,5 +1,7 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/detail/Extremes.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
+#include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/CreativeArray.hpp>
 #include <model/vantle/TypedArray.hpp>
@@ -7,7 +9,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <omp.h>
 #include <type_traits>
 #include <vector>
 
@@ -83,38 +84,38 @@ void foldContiguous(MinMax<T>& result, const T* elements, std::size_t count) noe
     }
 }
 
-/// One thread's part of the result. On a cache line of its own: neighbours are written by other threads.
+/// One block's part of the result. On a cache line of its own: neighbours are written by other threads.
 template<class T>
 struct alignas(64) Slot {
     MinMax<T> partial;
-    bool done = false;
 };
 
 template<class T>
 MinMax<T> rangeOf(const Iterator<T>& elements) {
     const index_t count = elements.size();
     const T first = elements[0];
-    std::vector<Slot<T>> slots(static_cast<std::size_t>(std::max(1, omp_get_max_threads())));
+    // As many blocks as a team has threads, also where it is not worth one: with NaN the result depends on them.
+    const std::size_t blocks = detail::teamSize();
+    std::vector<Slot<T>> slots(blocks);
 
-#pragma omp parallel default(none) shared(elements, slots, count, first)
-    {
-        const auto threads = static_cast<index_t>(omp_get_num_threads());
-        const auto thread = static_cast<index_t>(omp_get_thread_num());
-        const index_t each = (count - 1) / threads, more = (count - 1) % threads;
-        const index_t begin = 1 + thread * each + std::min(thread, more);
-        const index_t end = begin + each + (thread < more ? 1 : 0);
+    const auto foldBlocks = [&](std::size_t from, std::size_t to) {
+        for (index_t block = from; block < to; ++block) {
+            const index_t each = (count - 1) / blocks, more = (count - 1) % blocks;
+            const index_t begin = 1 + block * each + std::min(block, more);
+            const index_t end = begin + each + (block < more ? 1 : 0);
 
-        MinMax<T> partial{first, first};
-        if (elements.contiguous())
-            foldContiguous(partial, elements.first() + begin, static_cast<std::size_t>(end - begin));
-        else
-            for (index_t i = begin; i < end; ++i) partial.fold(elements[i]);
-        if (thread < slots.size()) slots[static_cast<std::size_t>(thread)] = {partial, true};
-    }
+            MinMax<T> partial{first, first};
+            if (elements.contiguous())
+                foldContiguous(partial, elements.first() + begin, static_cast<std::size_t>(end - begin));
+            else
+                for (index_t i = begin; i < end; ++i) partial.fold(elements[i]);
+            slots[block].partial = partial;
+        }
+    };
+    detail::inParallel(blocks, 1, static_cast<std::size_t>(count) * sizeof(T), foldBlocks);
 
     MinMax<T> result{first, first};
     for (const Slot<T>& slot : slots) {
-        if (!slot.done) continue;
         if (!(slot.partial.min >= result.min)) result.min = slot.partial.min;
         if (slot.partial.max > result.max) result.max = slot.partial.max;
     }
@@ -169,7 +170,7 @@ WeakPtr<DataRange<T>> DataRange<T>::compute(CreativeArrayBase& creator, bool req
 template<class T>
 WeakPtr<DataRange<T>> DataRange<T>::get(const CreativeArrayBase& creator) {
     const StrongPtr<DataRange> range = creator.findInterface<DataRange>();
-    if (!range || range->age() < creator.age()) return {};
+    if (!range || !Hestra::Freshness::isFresh(range->age(), creator.age())) return {};
     return range;
 }
 

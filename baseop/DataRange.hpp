@@ -30,13 +30,14 @@ public:
     /// sets the creator's attribute "Range" to a chunk of the least and the greatest value.
     ///
     /// NaN         is not filtered: it replaces the extremes found so far, and the number after it replaces it. The
-    ///             elements are cut into as many blocks as the team has threads, and each block is folded in order; so
-    ///             with NaN (and with zeros of both signs) the result depends on the number of threads.
-    ///             It is otherwise the same for any number.
+    ///             elements are cut into as many blocks as an OpenMP team has threads here, and each block is folded
+    ///             in order; so with NaN (and with zeros of both signs) the result depends on the number of threads,
+    ///             also where the data are so few that one thread folds all blocks. It is otherwise the same for any
+    ///             number.
     /// Failure     empty when the creator announces another element type (the data are not made then), or has data of
     ///             another one, when there are no elements, and when the data do not exist and are not made. No
     ///             messages.
-    /// Cost        one pass over the data by all threads of the OpenMP team, at the speed of memory. With strides (one
+    /// Cost        one pass over the data, at the speed of memory; from 1 MB on by several threads. With strides (one
     ///             component of several) one element after the other.
     ///
     /// @param requestInBackground  if the data do not exist, only request them and return.

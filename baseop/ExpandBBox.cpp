@@ -2,6 +2,7 @@
 #include <baseop/detail/Extremes.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Environment.hpp>
+#include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/DirectProduct.hpp>
 #include <model/vantle/Grid.hpp>
@@ -32,21 +33,8 @@ const bool declaredRangesIgnored =
                           "down issues due to wrongly specified ranges.\n",
                           0) != 0;
 
-/// Age of a field at the time its attached box was computed.
-class BoundingBoxAge : public Hestra::Interface<BoundingBoxAge> {
-public:
-    explicit BoundingBoxAge(Hestra::Ageable::age_t now) : age(now) {}
-    const Hestra::Ageable::age_t age;
-};
-
-/// Which box we attached to a creator, and the creator's age then. A caller may have replaced the box since, and that
-/// one has no age.
-class FragmentBoxAge : public Hestra::Interface<FragmentBoxAge> {
-public:
-    FragmentBoxAge(const WeakPtr<BoundingBox>& attached, Hestra::Ageable::age_t now) : box(attached), age(now) {}
-    const WeakPtr<BoundingBox> box;
-    const Hestra::Ageable::age_t age;
-};
+/// Beside a box: what it was computed from.
+using BoxRecord = Hestra::FreshnessRecord<BoundingBox>;
 
 StrongPtr<BoundingBox> attachedBox(const Hestra::Intercube& owner) {
     if (StrongPtr<BoundingBox> box = owner.findInterface<BoundingBox>()) return box;
@@ -172,22 +160,20 @@ DataBox boxOfData(const MemBase& data, BoundingBox& box) {
 
 void attach(CreativeArrayBase& creator, const StrongPtr<BoundingBox>& box) {
     creator.addInterface(box);
-    creator.addInterface(Hestra::makeRef<FragmentBoxAge>(box, creator.age()));
+    BoxRecord::attach(creator, box, Hestra::Freshness(&creator));
 }
 
 /// The box attached to the creator, unless it is empty, or of ours and older than the data.
 StrongPtr<BoundingBox> currentBox(const CreativeArrayBase& creator) {
     StrongPtr<BoundingBox> box = attachedBox(creator);
     if (!box || box->isEmpty()) return nullptr;
-    const auto record = creator.findInterface<FragmentBoxAge>();
-    if (record && record->box == box && record->age < creator.age()) return nullptr;
-    return box;
+    return BoxRecord::isFresh(creator, box, &creator) ? box : nullptr;
 }
 
 /// The field's box: the attached one while it is fresh, else from the fragments, attached to the field.
 StrongPtr<BoundingBox> boxOf(Field& field) {
     StrongPtr<BoundingBox> box = attachedBox(field);
-    if (const auto record = field.findInterface<BoundingBoxAge>(); box && record && record->age >= field.age())
+    if (const auto record = field.findInterface<BoxRecord>(); box && record && record->freshness.isFor(&field))
         return box;
 
     const Hestra::Profiler scope("baseop/ExpandBBox", __LINE__, "BBoxExpander::expand(field, result)",
@@ -197,7 +183,7 @@ StrongPtr<BoundingBox> boxOf(Field& field) {
     box = fragments.box();
     if (!box) return nullptr;
     field.addInterface(box);
-    field.addInterface(Hestra::makeRef<BoundingBoxAge>(field.age()));
+    BoxRecord::attach(field, box, Hestra::Freshness(&field));
     return box;
 }
 

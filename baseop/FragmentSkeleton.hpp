@@ -5,8 +5,9 @@
 /// iteration over the vertices' "Positions" visits. Names are that skeleton's "Positions" relative to the vertices,
 /// the corners of the boxes are its fields "min" and "max" in the Cartesian chart.
 ///
-/// All three are discardable: memory pressure may drop them, and `buildFragmentCoordinates` makes them again. Their age
-/// is not checked: whoever changes the vertices discards them, by removing their data.
+/// All three are discardable: memory pressure may drop them, and they are made again when they are asked for. As long
+/// as they are there nobody asks how old they are: whoever changes the vertices calls `discardOutdated`, as locators
+/// do.
 
 #include <baseop/BaseOpExport.hpp>
 #include <model/orvix/BoundingBox.hpp>
@@ -47,8 +48,11 @@ public:
 
     /// The name of fragment `i`; empty for unfragmented data.
     ///
-    /// Not checked: `i` is less than the number of fragments, and the names exist (`buildFragmentCoordinates`).
-    /// Throws `NoVertices`.
+    /// Names that do not exist, or not any more, are made, as by `buildFragmentCoordinates`. Not checked: `i` is less
+    /// than the number of fragments.
+    ///
+    /// Failure     throws `NoVertices`.
+    /// Concurrency any number of threads; the first query ever changes the grid, and goes alone.
     [[nodiscard]] std::string getFragmentName(index_t i) const;
 
     /// Names of the fields that hold the corners of the boxes.
@@ -83,6 +87,13 @@ public:
     /// Cost        per fragment that of `ExpandBBox`; nothing is iterated if all of them exist.
     /// @return true if they were made now.
     bool buildFragmentCoordinates();
+
+    /// Lets go of those of the arrays that are older than the vertices' positions, or were made from another field than
+    /// that; false if there are none. Arrays that a caller has put there are nobody's but his, and stay.
+    ///
+    /// Failure     throws `NoVertices`.
+    /// Concurrency changes the grid: one thread, while nobody asks.
+    bool discardOutdated();
 
     /// A new box, from the least to the greatest corner of fragment `i`. Not checked, as `getFragmentName`.
     [[nodiscard]] Hestra::StrongPtr<Orvix::BoundingBox> getBBox(index_t i) const;

@@ -265,7 +265,6 @@ bool declines(const Field& source) {
 struct FragmentSearchBase::Shared {
     std::mutex mutex;
     std::unique_ptr<LocalFromWorldPoint> owner;
-    Field::age_t age{}; // of the coordinates
     std::atomic<const LocalFromWorldPoint*> ready{nullptr};
     detail::Untold untold;
 };
@@ -275,15 +274,9 @@ FragmentSearchBase::FragmentSearchBase(const GridEvaluator::Context& context)
 FragmentSearchBase::~FragmentSearchBase() = default;
 
 bool FragmentSearchBase::serves(const GridEvaluator::Context& context) const {
-    const auto sameCoordinates = [&] {
-        if (!myShared->owner) return true;
-        const detail::GridLock lock(context.grid);
-        const StrongPtr<Field> field = context.grid ? (*context.grid)(context.coordinateField) : nullptr;
-        return field == myShared->owner->coordinateField() && (!field || field->age() <= myShared->age);
-    };
     return myContext.slice == context.slice && myContext.grid == context.grid &&
            myContext.coordinateField == context.coordinateField &&
-           myContext.locatorOptions() == context.locatorOptions() && sameCoordinates();
+           myContext.locatorOptions() == context.locatorOptions() && (!myShared->owner || myShared->owner->isCurrent());
 }
 
 const LocalFromWorldPoint& FragmentSearchBase::make(bool isHeard) {
@@ -295,7 +288,6 @@ const LocalFromWorldPoint& FragmentSearchBase::make(bool isHeard) {
             shared.owner = std::make_unique<LocalFromWorldPoint>(myContext.slice, myContext.grid,
                                                                  myContext.coordinateField, myContext.locatorOptions());
         });
-        if (shared.owner->isValid()) shared.age = shared.owner->coordinateField()->age();
         shared.ready.store(shared.owner.get(), std::memory_order_release);
     }
     return *shared.owner;

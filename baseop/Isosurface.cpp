@@ -3,6 +3,7 @@
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/VertexMerger.hpp>
 #include <model/hestra/Console.hpp>
+#include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
@@ -99,6 +100,9 @@ struct SurfaceFields {
     StrongPtr<Field> points, triangles;
 };
 
+/// Beside the points of a surface: the positions that it lies in. Its ages are those of values and request.
+using SurfaceRecord = Hestra::FreshnessRecord<Field>;
+
 /// Whether there is a value above the level. Looks at pieces that vector lanes take at once.
 template<class T>
 bool anyAbove(const MultiArray<3, T>& data, double level) {
@@ -123,6 +127,7 @@ IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<Data>& explorer, const C
         if (coordinates.Size() != explorer.Size()) throw IsoException(3);
         const auto positions = positionsOf(coordinates);
         const IsoSweep<typename Data::value_type> sweep(explorer.data(), explorer.level());
+        detail::checkVertexCount(sweep.vertices());
         std::vector<PhysicalSpace::point> points;
         std::vector<TriangleCell> triangles;
         extend(points, sweep.vertices());
@@ -292,6 +297,7 @@ void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fr
     const std::size_t firstVertex = identifiers.size(), firstTriangle = triangles.size();
 
     const IsoSweep<T> sweep(data, myLevel);
+    detail::checkVertexCount(firstVertex + sweep.vertices());
     // Cells without a surface are all below or all not: then the first value tells for all.
     const bool below = sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
     if (!myReachesAbove && !below) myReachesAbove = anyAbove(data, myLevel);
@@ -328,6 +334,7 @@ void FragmentIsoSurfacer::setFields(Grid& output) const {
     const auto inSpace = output.makeCartesianRepresentation(2);
     const auto vertices = output.makeVertices(2);
     const auto triangles = output[SkeletonID(2, 1)];
+    const Hestra::Cache::Operation bothHalves;
     store(*inSpace, makeMemArray1D(myPoints));
     store(*(*triangles)[*vertices], makeMemArray1D(myTriangles));
 }
@@ -343,9 +350,13 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     if (!field) throw IsoException(2);
 
     const auto age = std::max(field->age(), requestedAge.age());
+    const Hestra::Freshness inSpace(positions.rawptr());
     if (const StrongPtr<Grid> known = slice(outputName)) {
         const SurfaceFields surface(*known);
-        if (isValid(surface.points) && isValid(surface.triangles) && surface.points->age() >= age) return known;
+        if (isValid(surface.points) && isValid(surface.triangles) &&
+            Hestra::Freshness::isFresh(surface.points->age(), age) &&
+            SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr()))
+            return known;
     }
 
     const StrongPtr<Grid> output = slice.newGrid(outputName);
@@ -367,6 +378,7 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     const SurfaceFields surface(*output);
     surface.points->raiseAge(age);
     surface.triangles->raiseAge(age);
+    SurfaceRecord::attach(*surface.points, surface.points, inSpace);
     return output;
 }
 

@@ -164,7 +164,8 @@ using IsosurfaceArrays = std::pair<Hestra::StrongPtr<MemArray<1, Orvix::Physical
 /// Degenerate  an extent below 2 gives an empty surface. A level equal to the greatest value gives triangles collapsed
 ///             onto the vertices of that value; one equal to the least value gives none.
 /// Failure     when something throws, prints "ComputeIsosurfaceT(): INTERNAL ERROR" and rethrows it: `IsoException` 3
-///             when the extents differ, and lack of memory.
+///             when the extents differ, std::length_error for more than 2^32 vertices before anything is written, and
+///             lack of memory.
 /// Cost        two passes over the data at the speed of a comparison each, the second over rows of 64 cells near the
 ///             surface only; some tens of nanoseconds a cut cell. Beside the result, four planes of 32-bit indices a
 ///             thread.
@@ -236,12 +237,13 @@ public:
     /// Messages    "SKIP Iso" for a skip without data, "SKIP Iso Retrieve: ..." for a skip of double values.
     /// Degenerate  no creator, or one without data, adds nothing.
     /// Failure     throws `const char*` for data that are not three-dimensional; then `IsoException` 3, after a
-    /// message,
-    ///             without coordinates of the same extents; then `IsoException` 4 for other element types.
+    ///             message, without coordinates of the same extents; then `IsoException` 4 for other element types;
+    ///             then std::length_error when this fragment's vertices and those that are there are more than 2^32.
     bool apply(const Hestra::StrongPtr<FragmentID>& id, const Hestra::StrongPtr<CreativeArrayBase>& creator) override;
 
     /// Stores the surface in `output`, as discardable data: the points as positions of the vertices (dimension 2) in
-    /// the Cartesian chart, the triangles as positions of the skeleton (2, 1) relative to the vertices.
+    /// the Cartesian chart, the triangles as positions of the skeleton (2, 1) relative to the vertices. Both are there
+    /// until a later operation needs their room in the cache, however small that is.
     void setFields(Grid& output) const;
 
 private:
@@ -270,9 +272,10 @@ private:
 
 /// The surface of a field at a level, as the grid `outputName` of `slice`.
 ///
-/// Reuse       a grid of this name whose surface exists, or can be made again, and is neither older than the input
-///             field nor than `requestedAge` is returned as it is, silently, whatever its level: who asks for another
-///             level ages the request. Otherwise the whole surface is computed, with a line that says so, into a new
+/// Reuse       a grid of this name whose surface exists, or can be made again, is neither older than the input field
+///             nor than `requestedAge`, and lies in the same positions field of the same age (if that is known: the
+///             grid may be a caller's) is returned as it is, silently, whatever its level: who asks for another level
+///             ages the request. Otherwise the whole surface is computed, with a line that says so, into a new
 ///             grid, both halves of which become as old as the newer of field and request.
 /// Degenerate  a field without data gives an empty surface, and so does one without a value above the level. Where
 ///             only some fragments have none, they have the triangles that belong to the level's plane.

@@ -169,8 +169,11 @@ LocalFromWorldPoint::LocalFromWorldPoint(const detail::Given<Slice>& slice, cons
         Console::puts(tell::invalidField);
         return;
     }
-    findTree();
+    myOrigin = Hestra::Freshness(myField.rawptr());
     CartesianFragments properties(grid);
+    if (grid->findVertices()) properties.discardOutdated();
+    mySearch.discardOutdated();
+    findTree();
     {
         VANTLE_SCOPE("LocalFromWorldPoint::LocalFromWorldPoint(): Build Fragment Coordinates");
         Console::puts(properties.buildFragmentCoordinates() ? tell::fragmentsBuilt : tell::fragmentsThere);
@@ -189,8 +192,7 @@ LocalFromWorldPoint::LocalFromWorldPoint(const detail::Given<Slice>& slice, cons
 LocalFromWorldPoint::~LocalFromWorldPoint() = default;
 
 void LocalFromWorldPoint::findTree() {
-    using TreeInterface = Orvix::KDInterface<3, int>;
-    const StrongPtr<TreeInterface> attached = myField->findInterface<TreeInterface>();
+    const StrongPtr<FragmentTreeInterface> attached = myField->findInterface<FragmentTreeInterface>();
     const bool isThere = attached && attached->tree();
     Console::puts(isThere ? tell::treeFound : tell::noTree);
     if (isThere) {
@@ -199,7 +201,16 @@ void LocalFromWorldPoint::findTree() {
     }
     VANTLE_SCOPE("LocalFromWorldPoint::LocalFromWorldPoint(): Create KDTree");
     myTree = Hestra::makeRef<FragmentTree>();
-    myField->addInterface(Hestra::makeRef<TreeInterface>(myTree));
+    const auto made = Hestra::makeRef<FragmentTreeInterface>(myTree);
+    myField->addInterface(made);
+    PointSearch::noteTree(*myField, made, myOrigin);
+}
+
+bool LocalFromWorldPoint::isCurrent() const {
+    const StrongPtr<Grid>& grid = mySearch.grid();
+    const detail::GridLock lock(grid);
+    const StrongPtr<Field> field = grid ? (*grid)(mySearch.coordinateFieldName()) : nullptr;
+    return field == myField && (!field || myOrigin.isFor(field.rawptr()));
 }
 
 void LocalFromWorldPoint::collectFragments(CartesianFragments& properties) {
@@ -317,9 +328,23 @@ const Structure* LocalFromWorldPoint::structure(unsigned int number, Hearing hea
     Fragment& fragment = myFragments[number];
     StructureSlot<Structure>& slot = fragment.slot<Structure>();
     if (const Structure* const ready = slot.ready()) return ready;
+    Field* const storage = mySearch.mapperField<Structure>().rawptr();
+    if (!storage) return nullptr;
+    using Stored = StoredMapper<Structure>;
     return slot.obtain(
-        mySearch.mapperField<Structure>().rawptr(), fragment, hearing, [&] { Made::announce(number, myOptions); },
-        [&] { return Made::make(StrongPtr<CurvilinearCoordinates>(fragment.known()->curvilinear()), myOptions); },
+        fragment.untold, hearing,
+        [&]() -> StrongPtr<Structure> {
+            const auto stored = Hestra::dynamicCast<Stored>(PointSearch::find(*storage, fragment.id, myOrigin));
+            return stored && stored->nElements() > 0 ? stored->element(0) : nullptr;
+        },
+        [&] { Made::announce(number, myOptions); },
+        [&] {
+            const StrongPtr<CurvilinearCoordinates> block(fragment.known()->curvilinear());
+            const auto entry = Stored::create(MultiIndex<1>(1));
+            entry->element(0) = Made::make(block, myOptions);
+            PointSearch::store(*storage, fragment.id, entry, myOrigin);
+            return entry->element(0);
+        },
         [&](const char* reason) { tell::cannotCreate(Made::name, number, reason); });
 }
 

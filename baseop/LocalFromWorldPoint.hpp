@@ -209,8 +209,9 @@ private:
 ///              be built is reported, its fragment is skipped, and the next query tries again. No exception but
 ///              std::bad_alloc leaves a query. Without a slice there is no place for structures: curvilinear fragments
 ///              are skipped.
-/// Age          coordinates that change are not noticed: make the grid anew (`Slice::newGrid`), or remove the
-///              fragment tree, the fragment coordinates and the structures before making another locator.
+/// Age          a locator keeps to the coordinates that it was made with (`isCurrent`); made anew, it lets go of all
+///              that is kept of older ones and begins anew, too. Whoever writes into an array in place calls `touch()`
+///              on the field and the fragment's creator.
 /// Concurrency  any number of threads may make locators of one grid, and query any of them, as long as nobody changes
 ///              the grid, its fields or the slice otherwise: a missing structure is looked up, built and stored inside
 ///              the unnamed OpenMP critical section, once. Queries do not enter it after that.
@@ -262,6 +263,9 @@ public:
     /// few cells of each other. Both sequences have the same length.
     void locate(std::span<const point> positions, std::span<Location> found) const;
 
+    /// Whether the coordinates are still those that this locator was made with: if not, its answers are those of
+    /// before, in part, and another one is to be made.
+    [[nodiscard]] bool isCurrent() const;
     /// Whether there are a grid and a coordinate field.
     [[nodiscard]] bool isValid() const noexcept { return bool(myField); }
     [[nodiscard]] std::size_t nFragments() const noexcept { return myBoxes.size(); }
@@ -313,6 +317,7 @@ private:
 
     PointSearch mySearch;
     Hestra::StrongPtr<Field> myField;
+    Hestra::Freshness myOrigin; // the coordinates, when the locator was made
     Hestra::StrongPtr<FragmentTree> myTree;
     Orvix::FixedArray<double, 3> myHalfWidths;
     std::vector<BBSelectorMemoryTree::Box> myBoxes;

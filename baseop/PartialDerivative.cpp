@@ -1,5 +1,7 @@
 #include <baseop/PartialDerivative.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/vantle/Derived.hpp>
 #include <model/vantle/Representation.hpp>
 
 #include <algorithm>
@@ -23,8 +25,6 @@ namespace {
 
 /// Bytes of the result that are made at a time: they are filled while they are still in a core's own cache.
 constexpr index_t kBlockBytes = index_t{128} << 10;
-/// Fewer nodes are not worth waking other threads up.
-constexpr index_t kParallelNodes = 1 << 15;
 
 /// The two nodes whose difference is the derivative at node `m` of an axis, and the factor: 1.0 changes no bit.
 struct Stencil {
@@ -111,7 +111,9 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
     const index_t rows = size[1] * size[2];
     const index_t blockRows = std::max<index_t>(1, kBlockBytes / (size[0] * sizeof(Result)));
     index_t madeRows = 0;
-#pragma omp parallel default(shared) if (nodes >= kParallelNodes)
+    const auto threads =
+        static_cast<int>(detail::teamFor(static_cast<std::size_t>(nodes) * (sizeof(S) + sizeof(Result))));
+#pragma omp parallel default(shared) num_threads(threads) if (threads > 1)
     for (;;) {
         index_t begin, end;
 #pragma omp critical(VantlePartialDerivativeBlock)
@@ -274,61 +276,41 @@ bool isPartialDerivable(const StrongPtr<CreativeArrayBase>& creator) {
 
 namespace {
 
-/// The derivative of a fragment: made again after it was dropped, and when the fragment has become newer.
-class DerivativeArray : public CreativeArray {
-public:
-    /// `derivative` is that of what `source` has made last.
-    DerivativeArray(const StrongPtr<CreativeArrayBase>& source, const StrongPtr<MemBase>& derivative,
-                    const StrongPtr<Hestra::Cache>& cache)
-        : CreativeArray(
-              derivative,
-              [source](const WeakPtr<CreativeArrayBase>& self) {
-                  StrongPtr<MemBase> again = PartialDerivative(source->getData());
-                  if (again) again->MemBase::setCreator(self);
-                  return again;
-              },
-              cache),
-          mySource(source), myCache(cache), myDerivedAge(ageOf(*source)) {}
+/// Derives and says what an array is to be known to be.
+StrongPtr<MemBase> derive(const StrongPtr<MemBase>& data, const WeakPtr<CreativeArrayBase>& owner) {
+    StrongPtr<MemBase> derivative = PartialDerivative(data);
+    if (!derivative) return nullptr;
+    derivative->MemBase::setCreator(owner);
+    if (const StrongPtr<CreativeArrayBase> creator = owner.lock())
+        creator->addInterface(Hestra::makeRef<MemArrayProperties>(derivative->rank(), derivative->elementIndex()));
+    return derivative;
+}
 
-    /// The age of a creator's data, which those of a derivative share with what they are derived from.
-    static age_t ageOf(const CreativeArrayBase& creator) {
-        const auto* const derived = dynamic_cast<const DerivativeArray*>(&creator);
-        return derived ? std::max(derived->age(), ageOf(*derived->mySource)) : creator.age();
-    }
+/// The derivative of a fragment; the field that the fragment is of, if known, and its id there.
+StrongPtr<CreativeArray> derivativeOf(const StrongPtr<CreativeArrayBase>& creator, const WeakPtr<const Field>& field,
+                                      const StrongPtr<FragmentID>& id, std::string& errors,
+                                      const StrongPtr<Hestra::Cache>& cache) {
+    const auto failure = [&](const char* text) {
+        errors += text;
+        return StrongPtr<CreativeArray>();
+    };
+    if (!creator) return failure("No creator for fragment ");
+    if (!isPartialDerivable(creator)) return failure("No creator element type unsupported for fragment ");
+    const StrongPtr<MemBase> held = creator->getData(); // which may make it newer
+    const DerivedArray::Source source(creator, field, id);
+    const Hestra::Freshness origin = source.freshness();
+    const auto age = source.age();
+    const StrongPtr<MemBase> data = creator->getData();
+    if (!data) return failure("No data available for fragment ");
+    const StrongPtr<MemBase> derivative = derive(data, nullptr);
+    if (!derivative) return failure("No derivation computed for fragment ");
 
-    [[nodiscard]] StrongPtr<MemBase> create(bool background) override {
-        if (!isCurrent()) {
-            if (background) {
-                StrongPtr<MemBase> later;
-                request(later);
-                return later;
-            }
-            const std::lock_guard lock(myMutex);
-            if (!isCurrent()) return deriveAgain();
-        }
-        return CreativeArray::create(background);
-    }
-
-private:
-    /// Whether what is kept is still the derivative of the source.
-    [[nodiscard]] bool isCurrent() const { return myDerivedAge.load(std::memory_order_acquire) >= ageOf(*mySource); }
-
-    StrongPtr<MemBase> deriveAgain() {
-        (void)mySource->getData(); // may make it newer
-        const age_t age = ageOf(*mySource);
-        const StrongPtr<MemBase> again = produce();
-        if (!again) return nullptr;
-        setData(again, !myCache, myCache);
-        touch();
-        myDerivedAge.store(age, std::memory_order_release);
-        return again;
-    }
-
-    const StrongPtr<CreativeArrayBase> mySource;
-    const WeakPtr<Hestra::Cache> myCache;
-    std::atomic<age_t> myDerivedAge;
-    std::mutex myMutex;
-};
+    const Ref<CreativeArray> result(Hestra::makeRef<DerivedArray>(source, derive, derivative, origin, cache));
+    derivative->MemBase::setCreator(result);
+    result->addInterface(Hestra::makeRef<MemArrayProperties>(derivative->rank(), derivative->elementIndex()));
+    result->raiseAge(age);
+    return result;
+}
 
 } // namespace
 
@@ -336,32 +318,17 @@ StrongPtr<CreativeArray> PartialDerivative(const StrongPtr<CreativeArrayBase>& c
                                            const StrongPtr<Hestra::Cache>& cache) {
     const Hestra::Profiler scope("baseop/PartialDerivative", __LINE__, "PartialDerivative(creator)",
                                  __PRETTY_FUNCTION__);
-    const auto failure = [&](const char* text) {
-        errors += text;
-        return StrongPtr<CreativeArray>();
-    };
-    if (!creator) return failure("No creator for fragment ");
-    if (!isPartialDerivable(creator)) return failure("No creator element type unsupported for fragment ");
-    const StrongPtr<MemBase> data = creator->getData();
-    if (!data) return failure("No data available for fragment ");
-    const StrongPtr<MemBase> derivative = PartialDerivative(data);
-    if (!derivative) return failure("No derivation computed for fragment ");
-
-    const Ref<CreativeArray> result = Hestra::makeRef<DerivativeArray>(creator, derivative, cache);
-    derivative->MemBase::setCreator(result);
-    result->addInterface(Hestra::makeRef<SizeInterface>(derivative->getDynamicSize()));
-    result->addInterface(Hestra::makeRef<MemArrayProperties>(derivative->rank(), derivative->elementIndex()));
-    result->touch();
-    return result;
+    return derivativeOf(creator, nullptr, nullptr, errors, cache);
 }
 
 StrongPtr<Field> PartialDerivative(Field& source, const std::string& name, Representation& sourceRepresentation,
                                    Representation& destinationRepresentation, std::string& errors,
                                    const StrongPtr<Hestra::Cache>& cache) {
-    const Ref<Field> result = Hestra::makeRef<Field>(source.getFragmentIDCollection());
+    const WeakPtr<const Field> field(source);
+    const Ref<Field> result(Hestra::makeRef<DerivedField>(field, source.getFragmentIDCollection()));
     bool any = false;
-    const auto derive = [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        if (const StrongPtr<CreativeArrayBase> derivative = PartialDerivative(creator, errors, cache)) {
+    const auto take = [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (const StrongPtr<CreativeArrayBase> derivative = derivativeOf(creator, field, id, errors, cache)) {
             result->setCreator(derivative, id);
             any = true;
         } else {
@@ -374,10 +341,10 @@ StrongPtr<Field> PartialDerivative(Field& source, const std::string& name, Repre
     source.iterate(
         [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
             globalVisited = globalVisited || !id;
-            return derive(id, creator);
+            return take(id, creator);
         },
         !global);
-    if (global && !globalVisited) derive(nullptr, global);
+    if (global && !globalVisited) take(nullptr, global);
     if (!any) return nullptr;
     destinationRepresentation.createSharedFieldID(sourceRepresentation, name);
     destinationRepresentation.setField(name, result);

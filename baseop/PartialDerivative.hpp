@@ -107,8 +107,8 @@ public:
 [[nodiscard]] VANTLE_BASEOP_API bool isPartialDerivable(const Hestra::StrongPtr<CreativeArrayBase>& creator);
 
 /// A new creator that holds the derivative of a fragment. The cache may drop it; it is computed again from the
-/// fragment then, whose creator stays alive with the new one. With a null cache it is kept. When the fragment's creator
-/// has become newer, the next `create` gives the derivative of what it holds then, and makes the new creator newer.
+/// fragment then, whose creator stays alive with the new one. With a null cache it is kept. It is as old as the
+/// fragment's creator, or younger: when that has become newer, the next `create` derives what it holds then.
 ///
 /// Failure  null, and one of these added to `errors`: "No creator for fragment ", "No creator element type unsupported
 ///          for fragment ", "No data available for fragment ", "No derivation computed for fragment ".
@@ -122,7 +122,9 @@ PartialDerivative(const Hestra::StrongPtr<CreativeArrayBase>& creator, std::stri
 /// Fragments that cannot be derived stay without data; for each, a line is added to `errors`: the message as above and
 /// the fragment's name. Where the field has global data besides fragments, both are derived, and fragments without
 /// data of their own are no error.
-/// Failure  null, and nothing stored, when no fragment could be derived.
+/// The derivative follows the source as long as that lives, and is not older (`DerivedField`): fragments whose data
+/// were replaced, touched or removed are derived again when they are asked for. Fragments that the source gets later
+/// are not in it. Failure  null, and nothing stored, when no fragment could be derived.
 VANTLE_BASEOP_API Hestra::StrongPtr<Field>
 PartialDerivative(Field& source, const std::string& name, Representation& sourceRepresentation,
                   Representation& destinationRepresentation, std::string& errors,

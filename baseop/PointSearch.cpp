@@ -2,6 +2,7 @@
 #include <baseop/PointSearch.hpp>
 #include <baseop/detail/location/GridLock.hpp>
 #include <model/hestra/Console.hpp>
+#include <model/orvix/KDTree.hpp>
 
 namespace Vantle {
 
@@ -45,6 +46,60 @@ PointSearch::PointSearch(const detail::Given<Slice>& slice, const detail::Given<
     myTreeMappers = findOrMake(TreeMappersSuffix);
     myExactLocators = findOrMake(ExactLocatorsSuffix);
     fragmentsAsUniCell->setPositions(myUniMappers);
+}
+
+namespace {
+
+using TreeRecord = Hestra::FreshnessRecord<FragmentTreeInterface>;
+/// Beside the creator of an entry.
+using EntryRecord = Hestra::FreshnessRecord<CreativeArrayBase>;
+
+} // namespace
+
+bool PointSearch::discardOutdated() const {
+    const StrongPtr<Field> coordinates = myGrid ? (*myGrid)(myName) : nullptr;
+    if (!coordinates) return false;
+    bool any = false;
+    if (const auto tree = coordinates->findInterface<FragmentTreeInterface>();
+        tree && !TreeRecord::isFresh(*coordinates, tree, coordinates.rawptr()))
+        any = coordinates->removeInterface(typeid(*tree));
+    const auto discard = [&](const StrongPtr<Field>& storage) {
+        if (!storage) return;
+        storage->iterate(
+            [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+                if (!EntryRecord::isFresh(*creator, creator, coordinates.rawptr()))
+                    any = storage->removeData(id) || any;
+                return true;
+            },
+            false);
+    };
+#pragma omp critical
+    {
+        discard(myUniMappers);
+        discard(myTreeMappers);
+        discard(myExactLocators);
+    }
+    return any;
+}
+
+StrongPtr<MemBase> PointSearch::find(const Field& storage, const StrongPtr<FragmentID>& fragment,
+                                     const Hestra::Freshness& origin) {
+    const StrongPtr<CreativeArrayBase> creator = storage.getCreator(fragment);
+    if (!creator) return nullptr;
+    const auto record = EntryRecord::find(*creator, creator);
+    return !record || record->freshness == origin ? creator->getData() : nullptr;
+}
+
+void PointSearch::store(Field& storage, const StrongPtr<FragmentID>& fragment, const StrongPtr<MemBase>& what,
+                        const Hestra::Freshness& origin) {
+    if (!origin.isCurrent()) return;
+    const auto creator = storage.setPersistentData(what, fragment);
+    EntryRecord::attach(*creator, creator, origin);
+}
+
+void PointSearch::noteTree(const Field& coordinates, const StrongPtr<FragmentTreeInterface>& tree,
+                           const Hestra::Freshness& origin) {
+    TreeRecord::attach(coordinates, tree, origin);
 }
 
 StrongPtr<Field> PointSearch::getHelperField(const detail::Given<Slice>& givenSlice,

@@ -9,6 +9,8 @@
 
 #include <baseop/BaseOpExport.hpp>
 #include <baseop/detail/Given.hpp>
+#include <model/hestra/Freshness.hpp>
+#include <model/orvix/KDTree.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/MemArray.hpp>
 
@@ -18,10 +20,13 @@
 namespace Vantle {
 
 class ExactCellLocator;
+/// The form in which the tree of the fragments' boxes is attached to a coordinate field.
+using FragmentTreeInterface = Orvix::KDInterface<3, int>;
 
 /// Finds or creates the storage for one coordinate field of one grid.
 ///
-/// Age          is not checked. Whoever changes coordinates removes the fragment's data from these fields.
+/// Age          what is stored knows the coordinates that it was made from, and how old they were. Locators let go of
+///              what is older than they are (`discardOutdated`) before they look for something.
 /// Slice and grid may be objects or handles.
 ///
 /// Concurrency  any number of threads may make storages for the grids of a slice, as long as nobody changes them
@@ -62,6 +67,23 @@ public:
     template<class Mapper>
     [[nodiscard]] const Hestra::StrongPtr<Field>& mapperField() const noexcept;
     [[nodiscard]] const Hestra::StrongPtr<Field>& helperField() const noexcept { return myUniMappers; }
+
+    /// Lets go of what was made from older coordinates, or from another field in their place: structures of all kinds,
+    /// and the fragment tree at the coordinate field. What a caller has put there stays. False if there is nothing.
+    ///
+    /// Concurrency  inside the unnamed critical section, where queries store structures.
+    bool discardOutdated() const;
+    /// What is stored for a fragment in one of the fields, if it was made from coordinates as `origin` knows them, or
+    /// by a caller; else null. Called in the critical section, as `store`.
+    [[nodiscard]] static Hestra::StrongPtr<MemBase>
+    find(const Field& storage, const Hestra::StrongPtr<FragmentID>& fragment, const Hestra::Freshness& origin);
+    /// Stores for a fragment what was made from coordinates as `origin` knows them, unless these are not the present
+    /// ones: then it is of use for nobody else.
+    static void store(Field& storage, const Hestra::StrongPtr<FragmentID>& fragment,
+                      const Hestra::StrongPtr<MemBase>& what, const Hestra::Freshness& origin);
+    /// Notes which coordinates a fragment tree that was attached to their field was made from.
+    static void noteTree(const Field& coordinates, const Hestra::StrongPtr<FragmentTreeInterface>& tree,
+                         const Hestra::Freshness& origin);
 
     /// The field of the unigrid mappers of coordinate field `name`, or null. Looks only, and says on standard output
     /// that it was entered and which link is missing.

@@ -108,9 +108,10 @@ struct PlainCopyConvert {
     }
 };
 
-/// Gives the destination a lazy creator for each fragment of the source that has one. It holds the source's creator,
-/// not its array, and announces element type and, where the source's is known, size. Its array is discardable; it comes
-/// out null where the source's array is not a `MemArray<N, Source>`.
+/// Gives the destination a lazy creator for each fragment of the source that has one. It follows the source field
+/// of a `DerivedField`, holds the source's creator and not its array, and announces element type and, where the
+/// source's is known, size. Its array is discardable; it comes out null where the source's array is not a `MemArray<N,
+/// Source>`.
 template<int N, class Source, class Destination, class Convert>
 class VANTLE_BASEOP_API CreativeResampleFragmentIterator : public FragmentIterator {
 public:
@@ -132,7 +133,9 @@ extern template class VANTLE_BASEOP_API CreativeResampleFragmentIterator<3, doub
 ///
 /// Nothing is computed here but positions: a fragment's array is made when it is first asked for, may be dropped by
 /// `Hestra::Cache::MemCache()`, and is made again. Box, size and element type are known beforehand. Sources live as
-/// long as the destination's fields need them; replacing a source's data afterwards does not change the destination.
+/// long as the destination's fields need them. Fields follow their sources, and are as old as these: when a fragment
+/// has new data, or was touched, its array is made again, positions included. Fragments that a source gets later are
+/// not there.
 ///
 /// Positions keep the box, so their nodes move as the factor says; values are taken at index / factor (see
 /// `ResampleArray::rescale`). The two differ by a fraction of a cell at the upper ends, on purpose.

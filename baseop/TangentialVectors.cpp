@@ -1,5 +1,6 @@
 #include <baseop/TangentialVectors.hpp>
 #include <model/hestra/Console.hpp>
+#include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
@@ -127,10 +128,13 @@ void Self::compute(const Points& points, const ShortCurves& curves, const WeakPt
 
 namespace {
 
-/// Whether what was derived from the inputs, and is kept in this field, is still what they give.
-bool isCurrent(const Field& kept, const std::vector<StrongPtr<Field>>& inputs) {
-    return std::all_of(inputs.begin(), inputs.end(),
-                       [&](const StrongPtr<Field>& input) { return !input || kept.age() >= input->age(); });
+/// Beside what is kept: the vertex field and the curves that it was computed from.
+using CurveRecord = Hestra::FreshnessRecord<Field>;
+
+/// Whether what this field keeps is still what vertices and curves give.
+bool isCurrent(const StrongPtr<Field>& kept, const Field* vertices, const Field* curves) {
+    if (!kept || !CurveRecord::isFresh(*kept, kept, vertices, curves)) return false;
+    return Hestra::Freshness::isFresh(kept->age(), std::max(vertices->age(), curves ? curves->age() : 0));
 }
 
 /// The name of what is kept of a vertex field.
@@ -141,12 +145,12 @@ std::string keptName(const char* plain, const std::string& vertexField) {
 } // namespace
 
 bool Self::useCached(const StrongPtr<Field>& tangentField, const StrongPtr<Field>& parameterField,
-                     const std::vector<StrongPtr<Field>>& inputs) {
+                     const Field& vertices, const StrongPtr<Field>& curves) {
     if (!tangentField && !parameterField) {
         Hestra::Console::puts("Nooo.........valid tangential fields found.");
         return false;
     }
-    if (tangentField && parameterField && isCurrent(*tangentField, inputs) && isCurrent(*parameterField, inputs)) {
+    if (isCurrent(tangentField, &vertices, curves.rawptr()) && isCurrent(parameterField, &vertices, curves.rawptr())) {
         const StrongPtr<CreativeArrayBase> creator = tangentField->getCreator(nullptr);
         const auto maximum = creator ? creator->getTypedAttribute<double>(kMaximalLengthName) : nullptr;
         const auto tangents = Hestra::dynamicCast<Tangents>(tangentField->getData());
@@ -179,8 +183,9 @@ Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& fieldNam
     const StrongPtr<Field> edgePositions = edgesAsVertices ? edgesAsVertices->Positions() : Field::NullPtrField();
     const std::string tangentsName = keptName(kTangentsName, vertexField);
     const std::string parameterName = keptName(kParameterName, vertexField);
-    if (useCached(representation->findField(tangentsName), representation->findField(parameterName),
-                  {field, edgePositions}))
+    const Hestra::Freshness origin(field.rawptr(), edgePositions.rawptr());
+    if (useCached(representation->findField(tangentsName), representation->findField(parameterName), *field,
+                  edgePositions))
         return;
 
     const StrongPtr<CreativeArrayBase> creator = field->getCreator(nullptr);
@@ -206,6 +211,7 @@ Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& fieldNam
     const auto store = [&](const std::string& name, const StrongPtr<MemBase>& result) {
         const auto made = Hestra::makeRef<Field>();
         const StrongPtr<CreativeArrayBase> holder = made->setPersistentData(result, nullptr, nullptr, kSource);
+        CurveRecord::attach(*made, made, origin);
         representation->setField(name, made);
         return holder;
     };

@@ -94,7 +94,7 @@ public:
     /// Takes the results that are cached on the grid, or computes them and caches them there, saying which.
     ///
     /// They are cached, for each vertex field and chart, as fields of the vertices in that chart, and used as long as
-    /// neither the field of the vertices nor the curves are newer.
+    /// the field of the vertices and the curves are those that they were computed from, and not newer.
     /// @param vertexField  the field of the vertices' coordinates; "Positions" when empty.
     /// @param chart        the Cartesian chart that they are in; the default one where there is no chart of this name.
     /// Failure  the exceptions above; cached results need no data of vertices and curves.
@@ -135,8 +135,8 @@ private:
         return *handle;
     }
     [[nodiscard]] bool useCached(const Hestra::StrongPtr<Field>& tangentField,
-                                 const Hestra::StrongPtr<Field>& parameterField,
-                                 const std::vector<Hestra::StrongPtr<Field>>& inputs);
+                                 const Hestra::StrongPtr<Field>& parameterField, const Field& vertices,
+                                 const Hestra::StrongPtr<Field>& curves);
     template<class Index>
     void computeAlong(const Points& points, const MemArray<1, std::vector<Index>>& curves,
                       const Hestra::WeakPtr<CreativeArrayBase>& creator);

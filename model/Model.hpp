@@ -10,6 +10,7 @@
 #include <model/hestra/Creator.hpp>
 #include <model/hestra/Diagnostics.hpp>
 #include <model/hestra/Environment.hpp>
+#include <model/hestra/Freshness.hpp>
 #include <model/hestra/Interface.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/hestra/Reference.hpp>
@@ -19,5 +20,6 @@
 #include <model/orvix/KDTree.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/DataRangeBase.hpp>
+#include <model/vantle/Derived.hpp>
 #include <model/vantle/GridKinds.hpp>
 #include <model/vantle/PullData.hpp>

@@ -11,11 +11,10 @@ namespace Vantle::detail {
 namespace {
 
 // A child process has none of the threads that its parent's teams were made of, and the runtime would wait for them. So
-// it keeps to one thread; those that it starts by itself may have teams. The other runtime, which names itself so,
-// starts afresh in a child.
-#ifndef KMP_VERSION_MAJOR
-[[maybe_unused]] const int registered = pthread_atfork(nullptr, nullptr, [] { omp_set_num_threads(1); });
-#endif
+// it keeps to one thread; those that it starts by itself may have teams. A runtime that has a handler of its own for
+// children, to start afresh in them, must register that first, which it does when it is asked for anything.
+[[maybe_unused]] const int registered =
+    (static_cast<void>(omp_get_max_threads()), pthread_atfork(nullptr, nullptr, [] { omp_set_num_threads(1); }));
 
 } // namespace
 

@@ -9,7 +9,7 @@ namespace Hestra {
 
 /// An object with an age stamp. A newly made one has age 0 and is older than everything.
 ///
-/// Concurrency  every operation is atomic on its own.
+/// Concurrency  every operation is atomic on its own; readers and changers at once.
 class VANTLE_MODEL_API Ageable {
 public:
     using age_t = long long;
@@ -24,8 +24,10 @@ public:
         setAge(other.age());
         return *this;
     }
+    virtual ~Ageable();
 
-    [[nodiscard]] age_t age() const noexcept { return myAge.load(std::memory_order_acquire); }
+    /// The age; of what stands for something else, not less than the age of that.
+    [[nodiscard]] virtual age_t age() const noexcept { return myAge.load(std::memory_order_acquire); }
     /// Makes this the newest object: advances the clock and takes its value.
     void touch() noexcept { setAge(GlobalTime.fetch_add(1, std::memory_order_acq_rel) + 1); }
     /// Sets the age; the clock stays.

@@ -5,14 +5,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <mutex>
 #include <typeinfo>
 #include <unordered_map>
-#include <vector>
 
 namespace Hestra {
 
 /// Base of data that a `Cache` can hold and drop.
+///
+/// Concurrency  uses may be noted and read at any time; the creator is set by one thread while nobody reads it.
 class VANTLE_MODEL_API Cacheable : public ReferenceBase<Cacheable> {
 public:
     Cacheable() = default;
@@ -72,8 +74,14 @@ public:
 ///
 /// When an insertion (or a smaller limit) exceeds the budget, the data used least recently are let go first; what
 /// nobody else holds is freed then, and made again when it is next asked for. Nothing is dropped while nothing asks.
-/// Concurrency  guarded by a mutex; data are released outside it.
-/// Cost         an insertion within the budget is O(1); one that exceeds it sorts what is held by last use.
+///
+/// An insertion never drops what belongs to the same operation, nor what belongs to one that has not ended: results
+/// that are only useful together are there together, even beyond the budget, until a later operation needs the room. An
+/// insertion is an operation of its own, unless an `Operation` makes several one.
+/// Concurrency  guarded by a mutex, readers and changers at once; data are released outside it.
+/// Failure      no memory: std::bad_alloc from `insert` alone, which then has changed nothing.
+/// Cost         an insertion within the budget is O(1); one that exceeds it sorts what is held by last use. Letting go
+///              takes no memory.
 class VANTLE_MODEL_API Cache : public CacheBase {
 public:
     Cache() = default;
@@ -87,11 +95,26 @@ public:
     /// Takes back one insertion; the data go when there are no others. Nothing happens when they are not held.
     void release(const Cacheable& data);
 
-    /// Sets the budget in bytes and drops what exceeds it at once.
+    /// All that a thread inserts into caches while one of these lives: the results of one operation, not what it reads
+    /// for them. Within another one it is part of that.
+    class VANTLE_MODEL_API Operation {
+    public:
+        Operation() noexcept;
+        Operation(const Operation&) = delete;
+        Operation& operator=(const Operation&) = delete;
+        ~Operation();
+
+    private:
+        friend class Cache;
+        std::uint64_t myNumber = 0; // 0 within another one
+        Operation* myNext = nullptr;
+    };
+
+    /// Sets the budget in bytes and drops what exceeds it at once, whatever it belongs to.
     void setLimit(std::size_t bytes);
     void setUnlimited();
     [[nodiscard]] std::size_t limit() const;
-    /// Lets go of everything held; the limit stays.
+    /// Lets go of everything held, whatever it belongs to; the limit stays.
     void clear();
     /// Number of data objects held.
     [[nodiscard]] std::size_t size() const;
@@ -103,15 +126,18 @@ private:
         StrongPtr<Cacheable> data;
         std::size_t bytes = 0;
         std::size_t insertions = 0;
+        std::uint64_t operation = 0;
+        std::uint64_t use = 0;
     };
-    using Entries = std::unordered_map<const Cacheable*, Entry>;
-    using Dropped = std::vector<StrongPtr<Cacheable>>;
-    void drop(Entries::iterator entry, Dropped& dropped);
-    void shrink(Dropped& dropped);
-    static void letGo(const Dropped& dropped);
+    // A list, since what is dropped moves to another one without an allocation.
+    using Entries = std::list<Entry>;
+    void drop(Entries::iterator entry, Entries& dropped) noexcept;
+    void shrink(std::uint64_t operation, Entries& dropped) noexcept;
+    static void letGo(const Entries& dropped);
 
     mutable std::mutex myMutex;
     Entries myEntries;
+    std::unordered_map<const Cacheable*, Entries::iterator> myPlaces;
     std::size_t myBytes = 0;
     std::size_t myLimit = SIZE_MAX;
 };

@@ -10,6 +10,7 @@
 namespace Hestra {
 
 std::atomic<Ageable::age_t> Ageable::GlobalTime{0};
+Ageable::~Ageable() = default;
 std::atomic<long long> ChunkBase::TotalMemsize{0};
 
 ChunkBase::~ChunkBase() { TotalMemsize.fetch_sub(myShare.load(std::memory_order_relaxed), std::memory_order_relaxed); }

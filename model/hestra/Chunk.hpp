@@ -15,6 +15,9 @@
 namespace Hestra {
 
 /// Untyped base of a block of elements.
+///
+/// Concurrency  elements are read by any number of threads, and changed (in number, or in place) by one thread while
+///              nobody reads; different elements may be written by several threads. Accounting is atomic.
 class VANTLE_MODEL_API ChunkBase : public ReferenceBase<ChunkBase> {
 public:
     /// Bytes of all chunks that are accounted for; see `settle`.
@@ -103,7 +106,7 @@ public:
 
 /// Named chunks carried by a creator. Setting one replaces an earlier one of that name and ages nothing.
 ///
-/// Concurrency  guarded by a mutex. Copies of the carrying object carry none.
+/// Concurrency  guarded by a mutex: reading and setting at once. Copies of the carrying object carry none.
 class VANTLE_MODEL_API Attributes {
 public:
     Attributes() = default;

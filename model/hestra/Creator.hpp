@@ -2,10 +2,10 @@
 /// Lazy creation: data are made when they are first asked for, once, whatever the number of threads.
 
 #include <model/hestra/Cache.hpp>
+#include <model/hestra/Creation.hpp>
 
 #include <exception>
 #include <string>
-#include <thread>
 
 namespace Hestra {
 
@@ -16,8 +16,9 @@ VANTLE_MODEL_API void reportCreationFailure(const char* reason) noexcept;
 ///
 /// Persistent data are held strongly; discardable data are held by a cache, the creator only remembers them, and
 /// takes them back from the cache when it dies or gets others.
-/// Concurrency  all operations may be called from several threads. `create` is serialised a creator: the function
-///              that makes the data runs once as long as the data live.
+/// Concurrency  all operations may be called from several threads, readers and changers at once. `create` is serialised
+///              a creator: the function that makes the data runs once as long as the data live, and whoever asks
+///              meanwhile waits for it, but never in a circle (see `Creation`).
 /// Cost         one short lock and one atomic promotion when the data exist; nothing is allocated.
 template<class T>
 class VANTLE_MODEL_API CreatorBase : public Creature {
@@ -27,8 +28,11 @@ public:
 
     /// The data: as they are, or made now. With `background` they are only requested when missing.
     ///
-    /// Failure  null when there is no way to make them, when the creation function returned null or threw, when it
-    ///          asked for its own result, and for a background request that cannot be met at once.
+    /// Failure  null when there is no way to make them, when the creation function returned null or threw, for a
+    ///          background request that cannot be met at once, and when waiting for them would never end: when their
+    ///          own creation function asks for them, be it from its own parallel loop, through other creators, or
+    ///          through creators that other threads are at and that need what this one is making. Whoever closes the
+    ///          circle gets null.
     ///
     /// A class that overrides it makes and keeps its data as it likes; every reading goes through it.
     [[nodiscard]] virtual StrongPtr<T> create(bool background = false) {
@@ -39,22 +43,19 @@ public:
             return result;
         }
         if (!canProduce()) return nullptr;
-        if (myMaker.load(std::memory_order_acquire) == std::this_thread::get_id()) return nullptr;
-        const std::lock_guard lock(myCreationMutex);
+        const Creation making(myGate);
         if (StrongPtr<T> present = cachedData()) return present;
-        myMaker.store(std::this_thread::get_id(), std::memory_order_release);
+        if (!making) return nullptr;
         StrongPtr<T> made = produceSafely();
-        myMaker.store(std::thread::id(), std::memory_order_release);
         if (made) remember(made);
         return made;
     }
 
     /// The living data, or null; never makes them. Of an overriding class: what it gave last, if that lives.
     [[nodiscard]] StrongPtr<T> cachedData() const {
-        const std::lock_guard lock(myDataMutex);
-        StrongPtr<T> data(myData);
-        if (!data) data = StrongPtr<T>(myForeignData);
-        if (data) data->markAsUsed();
+        StrongPtr<T> data = present();
+        if (!data || !isCurrent(data.rawptr())) return nullptr;
+        data->markAsUsed();
         return data;
     }
 
@@ -67,9 +68,13 @@ public:
 
     /// Whether the data exist at this moment: false before a first creation and after eviction.
     [[nodiscard]] bool hasData() const {
-        const std::lock_guard lock(myDataMutex);
-        return myData || myForeignData;
+        const StrongPtr<T> data = present();
+        return data && isCurrent(data.rawptr());
     }
+
+    /// Whether data that were made are still what making them would give; if not, they are as good as dropped. Null
+    /// stands for data that were announced.
+    [[nodiscard]] virtual bool isCurrent(const T*) const { return true; }
 
     /// Whether asking can succeed: the data exist now, or there is a way to make them.
     [[nodiscard]] virtual bool isValid() const { return hasData() || canProduce(); }
@@ -108,6 +113,12 @@ protected:
     }
 
 private:
+    [[nodiscard]] StrongPtr<T> present() const {
+        const std::lock_guard lock(myDataMutex);
+        StrongPtr<T> data(myData);
+        return data ? data : StrongPtr<T>(myForeignData);
+    }
+
     StrongPtr<T> produceSafely() noexcept {
         try {
             return produce();
@@ -126,19 +137,16 @@ private:
         StrongPtr<Cache> cache;
         {
             const std::lock_guard lock(myDataMutex);
-            myData = data;
-            myForeignData = nullptr;
-            replaced = std::move(myOwnedData);
-            if (isCachingEnabled()) {
-                if (myPersistentFlag)
-                    myOwnedData = data;
-                else
-                    cache = myCache.lock();
-            }
-            myHolder = cache;
+            if (isCachingEnabled() && !myPersistentFlag) cache = myCache.lock();
         }
         data->markAsUsed();
         if (cache) cache->insert(data);
+        const std::lock_guard lock(myDataMutex);
+        myData = data;
+        myForeignData = nullptr;
+        replaced = std::move(myOwnedData);
+        if (isCachingEnabled() && myPersistentFlag) myOwnedData = data;
+        myHolder = cache;
     }
 
     void releaseFromCache() {
@@ -161,8 +169,7 @@ private:
     WeakPtr<Cache> myCache;
     WeakPtr<Cache> myHolder; // the cache that was given the present data
     bool myPersistentFlag = true;
-    std::mutex myCreationMutex;
-    std::atomic<std::thread::id> myMaker{};
+    Creation::Gate myGate;
     std::atomic<bool> myRequestFlag{false};
     std::atomic<bool> myFailureReported{false};
 };

@@ -4,6 +4,7 @@
 #include <functional>
 #include <limits>
 #include <new>
+#include <utility>
 
 namespace Hestra {
 
@@ -18,22 +19,44 @@ struct PendingBlock {
     const char* begin;
     const char* end;
 };
-constexpr int kPendingDepth = 64;
-thread_local PendingBlock pending[kPendingDepth];
+constexpr int kPendingInPlace = 64;
+thread_local PendingBlock pending[kPendingInPlace];
 thread_local int pendingCount = 0;
+
+/// The ones for which there is no place.
+struct DeepBlock {
+    PendingBlock block;
+    DeepBlock* next;
+};
+thread_local DeepBlock* deepBlocks = nullptr;
 
 constexpr int kDestroyed = std::numeric_limits<int>::min() / 2;
 
 bool takePending(const void* where) noexcept {
-    const std::less<const char*> before;
-    const char* const place = static_cast<const char*>(where);
+    const auto holds = [place = static_cast<const char*>(where)](const PendingBlock& block) {
+        const std::less<const char*> before;
+        return !before(place, block.begin) && before(place, block.end);
+    };
+    for (DeepBlock** link = &deepBlocks; *link; link = &(*link)->next)
+        if (holds((*link)->block)) {
+            delete std::exchange(*link, (*link)->next);
+            return true;
+        }
     for (int n = pendingCount; n-- > 0;)
-        if (!before(place, pending[n].begin) && before(place, pending[n].end)) {
+        if (holds(pending[n])) {
             for (; n + 1 < pendingCount; ++n) pending[n] = pending[n + 1];
             --pendingCount;
             return true;
         }
     return false;
+}
+
+void addPending(void* memory, std::size_t size) {
+    const PendingBlock block{static_cast<char*>(memory), static_cast<char*>(memory) + size};
+    if (pendingCount < kPendingInPlace)
+        pending[pendingCount++] = block;
+    else
+        deepBlocks = new DeepBlock{block, deepBlocks};
 }
 
 } // namespace
@@ -86,24 +109,51 @@ ReferenceRecord& Referable::referenceRecord() const {
     return *record;
 }
 
+ReferenceRecord& Referable::recordForOwner() const {
+    try {
+        return referenceRecord();
+    } catch (const std::bad_alloc&) {
+        if (ReferenceRecord* const others = myRecord.load(std::memory_order_acquire)) return *others;
+        if (myHeapFlag) delete this;
+        throw;
+    }
+}
+
 int Referable::strongCount() const noexcept {
     const ReferenceRecord* const record = myRecord.load(std::memory_order_acquire);
     return record ? record->strong.load(std::memory_order_acquire) : 0;
 }
 
 void* Referable::operator new(std::size_t size) {
-    char* const memory = static_cast<char*>(::operator new(size));
-    if (pendingCount == kPendingDepth) { // the oldest one belongs to a construction that is hopelessly deep
-        for (int n = 0; n + 1 < kPendingDepth; ++n) pending[n] = pending[n + 1];
-        --pendingCount;
+    void* const memory = ::operator new(size);
+    try {
+        addPending(memory, size);
+    } catch (...) {
+        ::operator delete(memory);
+        throw;
     }
-    pending[pendingCount++] = {memory, memory + size};
+    return memory;
+}
+
+void* Referable::operator new(std::size_t size, std::align_val_t alignment) {
+    void* const memory = ::operator new(size, alignment);
+    try {
+        addPending(memory, size);
+    } catch (...) {
+        ::operator delete(memory, alignment);
+        throw;
+    }
     return memory;
 }
 
 void Referable::operator delete(void* memory) noexcept {
     takePending(memory); // a constructor that threw before its root was made
     ::operator delete(memory);
+}
+
+void Referable::operator delete(void* memory, std::align_val_t alignment) noexcept {
+    takePending(memory);
+    ::operator delete(memory, alignment);
 }
 
 void SpeakPtr::DestructionAssertion(const Referable* object, int owners) {

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -71,6 +72,9 @@ private:
 ///
 /// Objects made with `new` are deleted with their last `StrongPtr`. An object on the stack, or a member of
 /// another one, may be referred to as well: it is not deleted, and a handle that outlives it expires.
+///
+/// Concurrency  handles to one object may be made, copied and released in any number of threads at once; one handle is
+///              changed by one thread while nobody reads it. The object itself has its own promise.
 class VANTLE_MODEL_API Referable {
 public:
     Referable() noexcept;
@@ -82,15 +86,20 @@ public:
     /// Called when the last owner has left, before the destructor.
     virtual void extremeUnction() {}
 
-    /// The record of this object; made on first use. Any number of threads may ask.
+    /// The record of this object; made on first use. Any number of threads may ask. Throws std::bad_alloc.
     [[nodiscard]] ReferenceRecord& referenceRecord() const;
+    /// The same for who becomes an owner. Without memory for the record of an object made with `new`, which then has
+    /// no owner yet, the object is deleted before that is thrown: `StrongPtr<T>(new T)` leaves nothing behind.
+    [[nodiscard]] ReferenceRecord& recordForOwner() const;
 
     /// Number of owning handles at this moment.
     [[nodiscard]] int strongCount() const noexcept;
 
     static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, std::align_val_t alignment);
     static void* operator new(std::size_t, void* where) noexcept { return where; }
     static void operator delete(void* memory) noexcept;
+    static void operator delete(void* memory, std::align_val_t alignment) noexcept;
     static void operator delete(void*, void*) noexcept {}
 
 private:
@@ -286,7 +295,7 @@ public:
     }
 
 private:
-    static ReferenceRecord& recordOf(T* object) { return object->referenceRecord(); }
+    static ReferenceRecord& recordOf(T* object) { return object->recordForOwner(); }
     void reset(T* object, ReferenceRecord* record) noexcept {
         ReferenceRecord* const old = this->myRecord;
         this->myObject = object;

@@ -35,7 +35,7 @@ protected:
 ///              without NaN the order of embraces does not matter.
 /// Degenerate   a point has a box, which is not empty. Corners given in the wrong order stay so, and nothing is
 ///              inside then.
-/// Concurrency  const members may be called from any number of threads.
+/// Concurrency  const members may be called from any number of threads while nobody widens the box.
 class VANTLE_MODEL_API BoundingBox : public BoundingBall {
 public:
     /// Empty: the first embrace sets both corners.

@@ -24,7 +24,9 @@ namespace Orvix {
 /// parent's, and a new entry goes to the first child exactly when the node's key is greater on the node's axis.
 ///
 /// Degenerate   equal keys are all kept; keys with NaN are not.
-/// Failure      more than 2^32 - 1 entries: std::length_error.
+/// Failure      more than 2^32 - 1 entries: std::length_error; no memory: std::bad_alloc. Either changes nothing that
+/// can
+///              be observed.
 /// Concurrency  const members may be called from any number of threads while nobody inserts or packs.
 /// Cost         32 bytes and the value an entry (N = 3). A search walks down to the box, so it costs the depth and
 ///              the entries near the box; keys in sorted order make the tree a list, whose searches are linear.
@@ -44,10 +46,18 @@ public:
         if (myPacked) unpack();
         if (myNodes.size() >= None) throw std::length_error("KDTree: more entries than node numbers");
         const auto number = static_cast<std::uint32_t>(myNodes.size());
-        myNodes.push_back(Node{key, {None, None}});
-        myValues.push_back(value);
-        if (number != 0) *descend(key) = number;
-        myPath.push_back(number);
+        try {
+            myNodes.push_back(Node{key, {None, None}});
+            myValues.push_back(value);
+            std::uint32_t* const slot = number != 0 ? descend(key) : nullptr;
+            myPath.push_back(number);
+            if (slot) *slot = number;
+        } catch (...) {
+            if (myNodes.size() > number) myNodes.pop_back();
+            if (myValues.size() > number) myValues.pop_back();
+            startAtRoot();
+            throw;
+        }
         return true;
     }
 
@@ -71,8 +81,10 @@ public:
             int childrenDone;
         };
         std::vector<Node> nodes;
+        std::vector<std::uint32_t> order;
         std::vector<T> values;
         nodes.reserve(myNodes.size());
+        order.reserve(myNodes.size());
         values.reserve(myValues.size());
         const auto end = [&] { return static_cast<std::uint32_t>(nodes.size()); };
         std::vector<Step> steps{{0, 0, 0}};
@@ -82,7 +94,7 @@ public:
             if (step.childrenDone == 0) {
                 step.position = end();
                 nodes.push_back(Node{source.key, {0, 0}});
-                values.push_back(std::move(myValues[step.node]));
+                order.push_back(step.node);
             } else {
                 nodes[step.position].link[step.childrenDone - 1] = end();
             }
@@ -93,6 +105,7 @@ public:
             const std::uint32_t child = source.link[step.childrenDone++];
             if (child != None) steps.push_back({child, 0, 0});
         }
+        for (const std::uint32_t node : order) values.push_back(std::move_if_noexcept(myValues[node]));
         myNodes.swap(nodes);
         myValues.swap(values);
         myPacked = true;
@@ -250,15 +263,20 @@ private:
         }
     }
 
-    void unpack() {
+    /// Forgets the path, if there is one, beyond the root.
+    void startAtRoot() noexcept {
+        if (!myPath.empty()) myPath.resize(1);
+        for (auto& axis : myTurns)
+            for (auto& turns : axis) turns.clear();
+    }
+
+    void unpack() noexcept {
         for (std::uint32_t i = 0; i < myNodes.size(); ++i) {
             const std::uint32_t first = child0<true>(i), second = child1<true>(i);
             myNodes[i].link[0] = first;
             myNodes[i].link[1] = second;
         }
-        myPath.assign(1, 0);
-        for (auto& axis : myTurns)
-            for (auto& turns : axis) turns.clear();
+        startAtRoot();
         myPacked = false;
     }
 

@@ -24,6 +24,8 @@ public:
 };
 
 /// All grids at one time.
+///
+/// Concurrency  look-ups from any number of threads; adding and removing grids from one thread while nobody looks.
 class VANTLE_MODEL_API Slice : public Hestra::ReferenceBase<Slice>, public GridContainer {
 public:
     using Owner = Ownable<Slice>::Container;
@@ -61,7 +63,7 @@ private:
 
 /// Root of one data set: slices by time. Held through a `BundlePtr`.
 ///
-/// Concurrency  reading from any number of threads, changing from one.
+/// Concurrency  reading from any number of threads; making slices and binding from one thread while nobody reads.
 class VANTLE_MODEL_API Bundle : public Hestra::ReferenceBase<Bundle>, public Ownable<Slice>::Container {
 public:
     Bundle();

@@ -11,7 +11,7 @@
 
 namespace Vantle {
 
-/// Something that a representation can be relative to: a chart, a skeleton, a grid.
+/// Something that a representation can be relative to: a chart, a skeleton, a grid. Charts never change.
 class VANTLE_MODEL_API BaseSpace : public Hestra::ReferenceBase<BaseSpace>, public Hestra::Intercube {
 public:
     ~BaseSpace() override;
@@ -45,6 +45,8 @@ public:
 };
 
 /// The charts in use on one grid, in order of their making.
+///
+/// Concurrency  reading from any number of threads; adding from one thread while nobody reads.
 class VANTLE_MODEL_API Atlas {
 public:
     /// The chart of exactly this type and this name, or null.
@@ -58,7 +60,7 @@ private:
 
 /// The charts that the grids of a bundle share: the same type and name are the same chart in every grid.
 ///
-/// Concurrency  guarded by a mutex.
+/// Concurrency  guarded by a mutex: any number of threads at once.
 class VANTLE_MODEL_API GlobalCharts : public Hestra::ReferenceBase<GlobalCharts> {
 public:
     ~GlobalCharts() override;

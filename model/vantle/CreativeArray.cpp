@@ -58,7 +58,8 @@ StrongPtr<MemBase> CreativeArray::produce() {
 }
 
 DynamicSize getSize(const CreativeArrayBase& creator) {
-    if (const auto known = creator.findInterface<SizeInterface>()) return known->size();
+    if (const auto known = creator.findInterface<SizeInterface>(); known && creator.isCurrent(nullptr))
+        return known->size();
     if (const StrongPtr<MemBase> data = creator.cachedData()) return data->getDynamicSize();
     return {};
 }

@@ -41,6 +41,8 @@ private:
 ///
 /// Attaching results, setting attributes, creating, dropping and creating again do not age it; whoever writes into
 /// its array in place calls `touch()` on it and on its field.
+/// Concurrency  data, age, element type, interfaces and attributes may be read and changed at once; the name is set by
+///              one thread while nobody reads it.
 class VANTLE_MODEL_API CreativeArrayBase : public Hestra::CreatorBase<MemBase>,
                                            public Hestra::Ageable,
                                            public Hestra::Intercube,
@@ -98,7 +100,7 @@ private:
 };
 
 /// The extent of a creator's data without making them: from an attached `SizeInterface`, else from the living array,
-/// else of rank 0.
+/// else (and of derived data that are to be made again) of rank 0.
 [[nodiscard]] VANTLE_MODEL_API DynamicSize getSize(const CreativeArrayBase& creator);
 
 /// The extent of a creator's data, if they are of this rank, else of rank 0: from an attached `SizeInterface`, else

@@ -1,6 +1,8 @@
 #include <model/vantle/Field.hpp>
 #include <model/vantle/MemArray.hpp>
 
+#include <algorithm>
+
 namespace Vantle {
 
 using Hestra::StrongPtr;
@@ -28,9 +30,20 @@ Field::Field(const StrongPtr<MemBase>& data, const StrongPtr<FragmentIDCollectio
 Field::Field(const WeakPtr<Field>& other) : Field() {
     myForward = other;
     myForwardFlag = true;
-    if (other) setAge(other->age());
 }
 Field::~Field() = default;
+
+Field::age_t Field::age() const noexcept {
+    const age_t own = Ageable::age();
+    if (!myForwardFlag) return own;
+    if (const StrongPtr<Field> other = myForward.lock()) {
+        const age_t others = other->age();
+        if (others > own) const_cast<Field*>(this)->raiseAge(others); // to be no older without it
+        return std::max(own, others);
+    }
+    if (myForward.record() && !myForwardLostFlag.exchange(true)) const_cast<Field*>(this)->touch(); // its data are gone
+    return Ageable::age();
+}
 
 const StrongPtr<Field>& Field::NullPtrField() {
     static const StrongPtr<Field> null;

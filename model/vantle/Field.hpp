@@ -16,8 +16,10 @@ namespace Vantle {
 /// A fragment id of another collection finds the fragment of the same name.
 ///
 /// Age  the field's own: setting or removing data and creators and `touch()` make it newer. Creating, dropping and
-///      re-creating arrays, attaching results and attributes, and copying handles do not.
-/// Concurrency  reading, creation of arrays included, from any number of threads; changing from one.
+///      re-creating arrays, attaching results and attributes, and copying handles do not. A forwarding field is as old
+///      as the newer of itself and its target, and becomes newer when it is found to have lost that.
+/// Concurrency  reading, creation of arrays and attaching included, from any number of threads; changing from one
+///              thread while nobody reads. Age, attachments, and the data of creators may be read and changed at once.
 class VANTLE_MODEL_API Field : public Hestra::ReferenceBase<Field>,
                                public Hestra::Ageable,
                                public Hestra::Intercube,
@@ -42,8 +44,8 @@ public:
     /// `data` as the unfragmented (global) data; the collection lists the sub-blocks, if any. The field shows the data
     /// as long as none of these has a creator.
     Field(const Hestra::StrongPtr<MemBase>& data, const Hestra::StrongPtr<FragmentIDCollection>& collection);
-    /// Forwards to another field as long as that lives: shares its fragments and creators, with an age and
-    /// attachments of its own. Changes made here make both newer, changes made there only the other one.
+    /// Forwards to another field as long as that lives: shares its fragments and creators, with attachments of its
+    /// own. What changes either makes both newer; `touch()` of this one leaves the other as it is.
     explicit Field(const Hestra::WeakPtr<Field>& other);
     template<class Array>
     requires std::is_convertible_v<Array*, MemBase*>
@@ -56,6 +58,7 @@ public:
     /// The shared null result of look-ups.
     [[nodiscard]] static const Hestra::StrongPtr<Field>& NullPtrField();
 
+    [[nodiscard]] age_t age() const noexcept override;
     [[nodiscard]] Hestra::StrongPtr<FragmentIDCollection> getFragmentIDCollection() const override;
     /// The fragment of this name, or null; null for the empty name.
     [[nodiscard]] Hestra::StrongPtr<FragmentID> getFragmentID(const std::string& name) const;
@@ -129,6 +132,7 @@ private:
     Hestra::StrongPtr<Contents> myContents;
     Hestra::WeakPtr<Field> myForward;
     bool myForwardFlag = false;
+    mutable std::atomic<bool> myForwardLostFlag{false};
 };
 
 } // namespace Vantle

@@ -15,6 +15,7 @@ namespace Vantle {
 /// One named piece of a field. Fields that share a collection share its fragment ids.
 ///
 /// The null handle and the empty name both stand for unfragmented data; every operation accepts the null handle.
+/// Concurrency  name and number never change; attachments are guarded, see `Intercube`.
 class VANTLE_MODEL_API FragmentID : public Hestra::ReferenceBase<FragmentID>, public Hestra::Intercube {
 public:
     /// Gets a number, and its collection, with the first collection that it is added to.
@@ -44,6 +45,7 @@ private:
 /// Order is that in which the ids were entered, never that of their names or numbers. An id is found by the number it
 /// was made with or, when another one of this collection has that, by the next free one: one above all others. Ids that
 /// are made here are numbered 0, 1, 2, ...
+/// Concurrency  reading from any number of threads; changing from one thread while nobody reads.
 class VANTLE_MODEL_API FragmentIDCollection : public Hestra::ReferenceBase<FragmentIDCollection> {
 public:
     FragmentIDCollection();

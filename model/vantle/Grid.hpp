@@ -9,6 +9,9 @@ namespace Vantle {
 using GridContainer = Ownable<Grid>::Container;
 
 /// One grid: its skeletons and its charts. A new grid belongs to nothing until a slice takes it.
+///
+/// Concurrency  look-ups from any number of threads; making charts and skeletons from one thread while nobody looks.
+///              Fields may be set and looked up at once, see `Representation`.
 class VANTLE_MODEL_API Grid : public BaseSpace, public SkeletonMap, public Ownable<BaseSpace>::Container {
 public:
     /// A grid of its own, with charts of its own.

@@ -1,6 +1,7 @@
 #include <model/vantle/GridKinds.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <unordered_map>
 
 namespace Vantle {
@@ -73,22 +74,42 @@ UniformGrid3D UniformGrid3D::create(Grid& grid, const Orvix::BoundingBox& box, c
     return made;
 }
 
+namespace {
+
+/// Coordinate of the lower face of a lattice cell along one axis; the one after the last has the box's upper face.
+double lowerFace(double low, double high, index_t cell, index_t cells) {
+    if (cell == cells) return high;
+    return low + (high - low) * (static_cast<double>(cell) / static_cast<double>(cells));
+}
+
+/// The lattice cell along one axis that holds a coordinate between `low` and `high`.
+index_t latticeCell(double x, double low, double high, index_t cells) {
+    if (!(high > low)) return 0;
+    const double place = (x - low) / (high - low) * static_cast<double>(cells);
+    index_t cell = std::min(static_cast<index_t>(place), cells - 1);
+    // The quotient is rounded, and cells are what their boxes say.
+    while (cell > 0 && x < lowerFace(low, high, cell, cells)) --cell;
+    while (cell + 1 < cells && x >= lowerFace(low, high, cell + 1, cells)) ++cell;
+    return cell;
+}
+
+} // namespace
+
 RegularlyFragmentedClusteredPointCloudGrid
 RegularlyFragmentedClusteredPointCloudGrid::create(StrongPtr<Grid>& grid, const MultiIndex<3>& cells,
                                                    const StrongPtr<Orvix::BoundingBox>& box) {
     RegularlyFragmentedClusteredPointCloudGrid made;
     if (!grid || !box || box->isEmpty() || cells[0] == 0 || cells[1] == 0 || cells[2] == 0) return made;
+    const auto low = box->minCoord();
+    const auto high = box->maxCoord();
+    for (int d = 0; d < 3; ++d)
+        if (!std::isfinite(high[d] - low[d])) return made;
     static_cast<GridWithCartesianVertices&>(made) = GridWithCartesianVertices(grid, 3);
     made.myCells = cells;
     made.myBox = box;
-    const auto low = box->minCoord();
-    const auto high = box->maxCoord();
     const auto corner = [&](const MultiIndex<3>& cell) {
         PhysicalSpace::point at;
-        for (int d = 0; d < 3; ++d)
-            at[d] = cell[d] == cells[d]
-                        ? high[d]
-                        : low[d] + (high[d] - low[d]) * (static_cast<double>(cell[d]) / static_cast<double>(cells[d]));
+        for (int d = 0; d < 3; ++d) at[d] = lowerFace(low[d], high[d], cell[d], cells[d]);
         return at;
     };
     const auto positions_ = made.positions();
@@ -110,18 +131,14 @@ std::size_t RegularlyFragmentedClusteredPointCloudGrid::setPoints(const std::vec
     for (const auto& point : points) {
         if (!myBox->inside(point)) continue;
         MultiIndex<3> cell;
-        for (int d = 0; d < 3; ++d) {
-            const double extent = high[d] - low[d];
-            const double place = extent > 0 ? (point[d] - low[d]) / extent * static_cast<double>(myCells[d]) : 0.0;
-            cell[d] = std::min(static_cast<index_t>(place), myCells[d] - 1);
-        }
-        clusters[cell[0] + myCells[0] * (cell[1] + myCells[1] * cell[2])].push_back(point);
+        for (int d = 0; d < 3; ++d) cell[d] = latticeCell(point[d], low[d], high[d], myCells[d]);
+        clusters[cell.linear(myCells)].push_back(point);
         ++taken;
     }
     const auto field_ = positions();
-    for (std::size_t n = 0; n < clusters.size(); ++n)
+    for (index_t n = 0; n < clusters.size(); ++n)
         field_->setPersistentData(makeMemArray1D(std::move(clusters[n])),
-                                  field_->getFragmentIDCollection()->findFragmentID(static_cast<unsigned int>(n)));
+                                  field_->makeFragmentID(std::to_string(MultiIndex<3>::fromLinear(n, myCells))));
     return taken;
 }
 

@@ -2,6 +2,7 @@
 /// Kinds of grids: short ways to build the usual ones, and views of what they hold.
 ///
 /// All of them are light: a handle to the grid, nothing of their own. Copies refer to the same grid.
+/// Concurrency  as of the grid: reading from any number of threads, changing from one while nobody reads.
 
 #include <model/orvix/BoundingBox.hpp>
 #include <model/vantle/DirectProduct.hpp>
@@ -93,11 +94,12 @@ public:
 class VANTLE_MODEL_API RegularlyFragmentedClusteredPointCloudGrid : public GridWithCartesianVertices {
 public:
     RegularlyFragmentedClusteredPointCloudGrid() = default;
-    /// The fragments of a lattice of `cells` in `box`, without points yet. Empty when there is no grid, no box, or a
-    /// count of 0.
+    /// The fragments of a lattice of `cells` in `box`, without points yet. Empty when there is no grid, no box, one
+    /// without finite extents, or a count of 0.
     static RegularlyFragmentedClusteredPointCloudGrid create(Hestra::StrongPtr<Grid>& grid, const MultiIndex<3>& cells,
                                                              const Hestra::StrongPtr<Orvix::BoundingBox>& box);
     /// Distributes points to the fragments, replacing what they held; points outside the box (and NaN) are left out.
+    /// Fragments are found by name: whatever else the grid has stays as it is.
     ///
     /// @return number of points taken.
     std::size_t setPoints(const std::vector<Orvix::PhysicalSpace::point>& points);

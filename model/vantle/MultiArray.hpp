@@ -14,7 +14,7 @@ namespace Vantle {
 ///
 /// Axis 0 varies fastest. The view owns nothing: the array (or creator) outlives it.
 /// Failure      indices are not checked.
-/// Concurrency  free.
+/// Concurrency  views never change what they view by themselves; elements as of the array that they belong to.
 /// Cost         a view is a handful of words; an element is one multiplication an axis and a load.
 template<int N, class T>
 class VANTLE_MODEL_API MultiArrayBase {

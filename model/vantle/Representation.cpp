@@ -22,23 +22,40 @@ Representation::Representation(const WeakPtr<BaseSpace>& base, const WeakPtr<Own
     : myBase(base), myOwner(owner) {}
 Representation::~Representation() = default;
 
+Representation::Slots Representation::slots() const {
+    const std::lock_guard lock(myMutex);
+    return mySlots;
+}
+
+/// The slot of this name with its key; under the lock.
+Representation::Slot& Representation::makeSlot(const std::string& name) {
+    Slot& slot = mySlots[name];
+    if (!slot.id) slot.id = Hestra::makeRef<FieldID>(name);
+    return slot;
+}
+
 StrongPtr<FieldID> Representation::findFieldID(const std::string& name) const {
+    const std::lock_guard lock(myMutex);
     const auto slot = mySlots.find(name);
     return slot == mySlots.end() ? StrongPtr<FieldID>() : slot->second.id;
 }
 
 StrongPtr<FieldID> Representation::makeFieldID(const std::string& name) {
-    Slot& slot = mySlots[name];
-    if (!slot.id) slot.id = Hestra::makeRef<FieldID>(name);
-    return slot.id;
+    const std::lock_guard lock(myMutex);
+    return makeSlot(name).id;
 }
 
 StrongPtr<FieldID> Representation::createSharedFieldID(Representation& other, const std::string& name) {
-    Slot& slot = mySlots[name];
-    if (!slot.id) slot.id = other.makeFieldID(name);
-    Slot& otherSlot = other.mySlots[name];
-    if (!otherSlot.id) otherSlot.id = slot.id;
-    return slot.id;
+    StrongPtr<FieldID> key = findFieldID(name);
+    if (!key) key = other.makeFieldID(name);
+    // One after the other: two that share with each other must not wait for each other.
+    for (Representation* const one : {&other, this}) {
+        const std::lock_guard lock(one->myMutex);
+        Slot& slot = one->mySlots[name];
+        if (!slot.id) slot.id = key;
+        if (one == this) key = slot.id;
+    }
+    return key;
 }
 
 StrongPtr<Field> Representation::findField(const StrongPtr<FieldID>& id) const {
@@ -46,24 +63,26 @@ StrongPtr<Field> Representation::findField(const StrongPtr<FieldID>& id) const {
 }
 
 StrongPtr<Field> Representation::findField(const std::string& name) const {
+    const std::lock_guard lock(myMutex);
     const auto slot = mySlots.find(name);
     return slot == mySlots.end() ? Field::NullPtrField() : slot->second.field;
 }
 
 StrongPtr<Field> Representation::findField(const char* name) const {
+    const std::lock_guard lock(myMutex);
     const auto slot = mySlots.find(std::string_view(name));
     return slot == mySlots.end() ? Field::NullPtrField() : slot->second.field;
 }
 
 void Representation::setField(const std::string& name, const StrongPtr<Field>& field) {
-    if (!field && !findFieldID(name)) return;
-    makeFieldID(name);
-    mySlots[name].field = field;
+    StrongPtr<Field> replaced = field; // released after the lock: its end may come back here
+    const std::lock_guard lock(myMutex);
+    if (field || mySlots.find(name) != mySlots.end()) makeSlot(name).field.swap(replaced);
 }
 
 StrongPtr<Field> Representation::makeField(const FieldID& id) {
-    makeFieldID(id.name());
-    Slot& slot = mySlots[id.name()];
+    const std::lock_guard lock(myMutex);
+    Slot& slot = makeSlot(id.name());
     if (!slot.field) slot.field = Hestra::makeRef<Field>();
     return slot.field;
 }
@@ -79,23 +98,21 @@ StrongPtr<Field> Representation::makeField(const WeakPtr<FieldID>& id,
 }
 
 bool Representation::iterate(const std::function<bool(const FieldID&, const Field&)>& function) const {
-    const auto slots = mySlots; // the function may change the representation
-    for (const auto& [name, slot] : slots)
+    for (const auto& [name, slot] : slots()) // the function may change the representation
         if (slot.field && !function(*slot.id, *slot.field)) return false;
     return true;
 }
 
 std::string Representation::xml() const {
     std::string text = "<representation>\n";
-    for (const auto& [name, slot] : mySlots)
+    for (const auto& [name, slot] : slots())
         if (slot.field)
             text += "  <field name=\"" + name + "\" fragments=\"" + std::to_string(slot.field->nFragments()) + "\"/>\n";
     return text + "</representation>\n";
 }
 
 bool Representation::iterateOwned(const std::function<bool(Field&)>& function) const {
-    const auto slots = mySlots;
-    for (const auto& [name, slot] : slots)
+    for (const auto& [name, slot] : slots())
         if (slot.field && !function(*slot.field)) return false;
     return true;
 }

@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
@@ -16,7 +17,7 @@ namespace Vantle {
 /// Name of the field that holds the coordinates of a representation.
 inline constexpr const char* kPositionsName = "Positions";
 
-/// Key of a field in a representation; one object may be shared by several representations.
+/// Key of a field in a representation; one object may be shared by several representations. Does not change.
 class VANTLE_MODEL_API FieldID : public Hestra::ReferenceBase<FieldID> {
 public:
     explicit FieldID(std::string name);
@@ -81,6 +82,9 @@ public:
 };
 
 /// A skeleton expressed relative to a base space or chart; holds named fields.
+///
+/// Concurrency  guarded by a mutex: fields and keys may be looked up, set and removed at once. The fields themselves
+///              have their own promise.
 class VANTLE_MODEL_API Representation : public BaseSpaceDependency,
                                         public Hestra::Intercube,
                                         public Ownable<Field>::Container {
@@ -141,12 +145,19 @@ private:
         Hestra::StrongPtr<FieldID> id;
         Hestra::StrongPtr<Field> field;
     };
+    using Slots = std::map<std::string, Slot, std::less<>>;
+    [[nodiscard]] Slots slots() const;
+    Slot& makeSlot(const std::string& name);
+
     Hestra::WeakPtr<BaseSpace> myBase;
     Hestra::WeakPtr<Owner> myOwner;
-    std::map<std::string, Slot, std::less<>> mySlots;
+    mutable std::mutex myMutex;
+    Slots mySlots;
 };
 
 /// The representations of one skeleton, by what they are relative to.
+///
+/// Concurrency  look-ups from any number of threads; making one from one thread while nobody looks.
 class VANTLE_MODEL_API RepresentationMap {
 public:
     virtual ~RepresentationMap();

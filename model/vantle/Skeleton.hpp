@@ -27,6 +27,8 @@ private:
 
 /// One topological skeleton. Its representations are made when they are asked for by `operator[]`; the call operators
 /// of `RepresentationMap` serve for look-ups.
+///
+/// Concurrency  look-ups from any number of threads; making a representation from one thread while nobody looks.
 class VANTLE_MODEL_API Skeleton : public BaseSpace,
                                   public RepresentationMap,
                                   public Ownable<BaseSpaceDependency>::Container {
@@ -76,6 +78,8 @@ public:
 };
 
 /// The skeletons of one grid.
+///
+/// Concurrency  look-ups from any number of threads; making a skeleton from one thread while nobody looks.
 class VANTLE_MODEL_API SkeletonMap {
 public:
     virtual ~SkeletonMap();

@@ -105,6 +105,14 @@ TEST_F(FragmentSkeletonTest, BuildsAgainOnlyWhatWasDropped) {
     EXPECT_EQ(openings, 3u);
 }
 
+TEST_F(FragmentSkeletonTest, KeepsAllThatItBuiltLastWhateverTheBudget) {
+    Hestra::Cache::MemCache()->setLimit(1);
+    EXPECT_TRUE(fragments.buildFragmentCoordinates());
+    EXPECT_FALSE(fragments.buildFragmentCoordinates());
+    EXPECT_EQ(fragments.getFragmentName(3), "3");
+    EXPECT_EQ(fragments.getBBox(3)->maxCoord(), point(4, 1, 1));
+}
+
 TEST_F(FragmentSkeletonTest, KeepsThePlaceOfFragmentsWithoutBox) {
     const auto positions = grid->CartesianPositions();
     positions->removeData(positions->getFragmentID("4"));

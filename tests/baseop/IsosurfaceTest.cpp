@@ -1,5 +1,6 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/Isosurface.hpp>
+#include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/MarchingCubesTables.hpp>
 #include <model/vantle/GridKinds.hpp>
 
@@ -617,6 +618,50 @@ TEST_F(IsosurfaceGridTest, ReusesASurfaceUntilSomethingIsNewer) {
     Hestra::Cache::MemCache()->clear();
     EXPECT_EQ(compute(2.5), kRecomputing);
     EXPECT_EQ(triangles().size(), 8U);
+}
+
+TEST_F(IsosurfaceGridTest, KeepsTheSurfaceThatIsLargerThanTheBudget) {
+    const MultiIndex<3> size(6, 5, 4);
+    addBlock("a", ramp(size), bentPositions(size));
+    compute(2.5);
+    const auto expectedPoints = points();
+    const auto expectedTriangles = triangles();
+    ASSERT_EQ(expectedTriangles.size(), 24U);
+    Hestra::Cache::MemCache()->setLimit(expectedPoints.size() * sizeof(point)); // of one half
+    requested.touch();
+    compute(2.5);
+    const auto keptPoints = points();
+    const auto keptTriangles = triangles();
+    Hestra::Cache::MemCache()->setUnlimited();
+    EXPECT_EQ(keptPoints, expectedPoints);
+    EXPECT_EQ(keptTriangles, expectedTriangles);
+}
+
+// As if triangles numbered fewer vertices than 32 bits do.
+TEST_F(IsosurfaceGridTest, RefusesMoreVerticesThanTrianglesCanNumber) {
+    const MultiIndex<3> size(6, 3, 3); // a surface of nine vertices
+    struct Limit {
+        explicit Limit(index_t vertices) { detail::mostVertices = vertices; }
+        ~Limit() { detail::mostVertices = before; }
+        index_t before = detail::mostVertices;
+    };
+    {
+        const Limit limit(8);
+        testing::internal::CaptureStdout();
+        EXPECT_THROW((void)ComputeIsosurface<double>(1.5, *ramp(size), *bentPositions(size), 0.0), std::length_error);
+        testing::internal::GetCapturedStdout();
+    }
+    addBlock("a", ramp(size), bentPositions(size));
+    addBlock("b", ramp(size), bentPositions(size));
+    {
+        const Limit limit(17);
+        EXPECT_THROW(compute(1.5), std::length_error);
+        EXPECT_FALSE((*slice)("surface")->CartesianPositions() && (*slice)("surface")->CartesianPositions()->hasData());
+    }
+    const Limit limit(18);
+    compute(1.5);
+    EXPECT_EQ(points().size(), 18U);
+    EXPECT_EQ(limit.before, index_t{1} << 32);
 }
 
 TEST_F(IsosurfaceGridTest, SaysWhatIsMissing) {

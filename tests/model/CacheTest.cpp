@@ -2,7 +2,10 @@
 #include <model/hestra/Creator.hpp>
 
 #include <chrono>
+#include <functional>
 #include <gtest/gtest.h>
+#include <omp.h>
+#include <random>
 #include <stdexcept>
 #include <thread>
 
@@ -26,11 +29,12 @@ struct Maker : Hestra::CreatorBase<Data> {
         if (delay) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         if (action == Throw) throw std::runtime_error("no data today");
         if (action == Nothing) return nullptr;
-        if (action == AskSelf && create(false)) std::abort();
+        if (inside) inside();
         return StrongPtr<Data>(new Data(bytes));
     }
     void adopt(const StrongPtr<Data>& data, const WeakPtr<Cache>& cache) { setData(data, false, cache); }
-    enum Action { Make, Throw, Nothing, AskSelf } action = Make;
+    enum Action { Make, Throw, Nothing } action = Make;
+    std::function<void()> inside; // what the creation function does besides
     std::size_t bytes;
     bool disabled = false;
     int delay = 0;
@@ -69,16 +73,31 @@ TEST(CacheTest, WhatSomebodyHoldsOutlivesItsDropping) {
     EXPECT_EQ(maker.runs, 1);
 }
 
-TEST(CacheTest, ADatumLargerThanTheBudgetStillReachesWhoAsked) {
+TEST(CacheTest, WhatOneOperationInsertsStaysUntilALaterOneNeedsTheRoom) {
     const StrongPtr<Cache> cache(new Cache);
-    cache->setLimit(10);
-    Maker maker(100, cache);
+    cache->setLimit(150);
+    Maker alone(1000, cache), low(100, cache), high(100, cache), later(100, cache), others(100, cache);
+    (void)alone.create();
+    EXPECT_TRUE(alone.hasData()) << "larger than the budget, and the last";
     {
-        const StrongPtr<Data> got = maker.create();
-        EXPECT_TRUE(got);
+        const Cache::Operation halves;
+        (void)low.create();
+        {
+            const Cache::Operation within;
+            (void)high.create();
+        }
+        EXPECT_FALSE(alone.hasData());
+        std::thread([&] { (void)others.create(); }).join();
+        EXPECT_TRUE(low.hasData() && high.hasData()) << "not at an end, whatever others need";
+        EXPECT_TRUE(others.hasData());
     }
-    EXPECT_FALSE(maker.hasData());
-    EXPECT_EQ(cache->bytes(), 0u);
+    (void)low.create(); // used again, and inserted before: of no help
+    (void)later.create();
+    EXPECT_TRUE(later.hasData());
+    EXPECT_FALSE(low.hasData() || high.hasData() || others.hasData());
+    EXPECT_EQ(cache->bytes(), 100u);
+    cache->setLimit(10);
+    EXPECT_EQ(cache->size(), 0u) << "a smaller limit is no operation";
 }
 
 TEST(CacheTest, DataLeaveTheCacheWithTheirLastCreator) {
@@ -144,8 +163,9 @@ TEST(CreatorTest, FailuresGiveNullAndAreReportedOnce) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "creation of data failed: no data today\n");
     maker.action = Maker::Nothing;
     EXPECT_FALSE(maker.create());
-    maker.action = Maker::AskSelf;
-    EXPECT_TRUE(maker.create()) << "asking for oneself while being made gives null, not a hang";
+    maker.action = Maker::Make;
+    maker.inside = [&] { EXPECT_FALSE(maker.create()) << "asked for while being made"; };
+    EXPECT_TRUE(maker.create());
     Maker disabled(1);
     disabled.disabled = true;
     EXPECT_FALSE(disabled.create());
@@ -173,6 +193,100 @@ TEST(CreatorTest, CreatesOnceWhateverTheNumberOfThreads) {
         EXPECT_EQ(maker.runs, 1);
         for (const auto& one : got) EXPECT_EQ(one, got.front());
     }
+}
+
+// Who closes the circle gets null, nobody waits for ever, and who stands outside of it waits and gets the data.
+TEST(CreatorTest, CirclesOverThreadsEndInNull) {
+    constexpr int kLength = 3;
+    for (int round = 0; round < 50; ++round) {
+        std::vector<std::unique_ptr<Maker>> ring;
+        for (int n = 0; n < kLength; ++n) ring.push_back(std::make_unique<Maker>(1));
+        std::atomic<int> begun{0}, nulls{0};
+        for (std::size_t n = 0; n < kLength; ++n)
+            ring[n]->inside = [&, n] {
+                for (++begun; begun < kLength;) std::this_thread::yield(); // all are being made
+                if (!ring[(n + 1) % kLength]->create()) ++nulls;
+            };
+        std::vector<StrongPtr<Data>> got(2 * kLength);
+        std::vector<std::thread> threads;
+        for (std::size_t n = 0; n < got.size(); ++n)
+            threads.emplace_back([&, n] { got[n] = ring[n % kLength]->create(); });
+        for (auto& thread : threads) thread.join();
+        EXPECT_EQ(nulls, 1);
+        for (std::size_t n = 0; n < got.size(); ++n) EXPECT_TRUE(got[n] && got[n] == got[n % kLength]);
+    }
+}
+
+// Creators that ask others in any order, from several threads: without a circle each is made once and nobody gets null;
+// with circles everybody gets an answer.
+TEST(CreatorTest, CreatorsThatNeedEachOtherAnswerWithoutFail) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 60; ++round) {
+        const bool hasCircles = round % 3 == 0;
+        std::vector<std::unique_ptr<Maker>> makers;
+        for (int n = 0; n < 8; ++n) makers.push_back(std::make_unique<Maker>(1));
+        std::atomic<int> nulls{0};
+        for (std::size_t n = 0; n < makers.size(); ++n) {
+            std::vector<Maker*> needed;
+            for (std::size_t m = hasCircles ? 0 : n + 1; m < makers.size(); ++m)
+                if (random() % 3 == 0) needed.push_back(makers[m].get());
+            makers[n]->inside = [&nulls, needed] {
+                for (Maker* one : needed)
+                    if (!one->create()) ++nulls;
+            };
+        }
+        std::vector<std::thread> threads;
+        for (unsigned t = 0; t < 4; ++t)
+            threads.emplace_back([&, t] {
+                for (unsigned n = 0; n < makers.size(); ++n)
+                    if (!makers[(n * (2 * t + 1) + t) % makers.size()]->create()) ++nulls;
+            });
+        for (auto& thread : threads) thread.join();
+        if (hasCircles) continue;
+        EXPECT_EQ(nulls, 0);
+        for (const auto& maker : makers) EXPECT_EQ(maker->runs, 1);
+    }
+}
+
+TEST(CreatorTest, TheMakersOwnTeamGetsNullAndOtherTeamsWait) {
+    const int levels = omp_get_max_active_levels();
+    omp_set_max_active_levels(2); // the maker is a member of a team itself
+    for (int round = 0; round < 20; ++round) {
+        Maker maker(1), other(1);
+        std::atomic<int> own{0}, around{0}, strangers{0}, others{0};
+        other.inside = [&] { // through another creator, made by a member of the team
+            if (maker.create()) std::abort();
+        };
+        std::atomic<bool> isBegun{false};
+        maker.inside = [&] {
+            isBegun = true;
+#pragma omp parallel num_threads(3)
+            {
+                if (!maker.create()) ++own;
+                if (other.create()) ++others;
+                std::this_thread::sleep_for(std::chrono::milliseconds(1)); // for strangers to ask
+            }
+            std::thread([&, whole = Hestra::Creation::current()] {
+                const Hestra::Creation::Helper part(whole);
+                if (!maker.create()) ++own;
+            }).join();
+        };
+        std::thread stranger([&] {
+            while (!isBegun) std::this_thread::yield();
+#pragma omp parallel num_threads(3)
+            if (maker.create()) ++strangers;
+        });
+#pragma omp parallel num_threads(3) // one of them makes, the others wait for it
+        if (maker.create()) ++around;
+        stranger.join();
+        EXPECT_EQ(maker.runs, 1);
+        EXPECT_EQ(own, 4);
+        EXPECT_EQ(others, 3);
+        EXPECT_EQ(around, 3);
+        EXPECT_EQ(strangers, 3);
+        EXPECT_EQ(Hestra::Creation::current(), nullptr);
+    }
+    omp_set_max_active_levels(levels);
 }
 
 TEST(CreatorTest, CreationAndEvictionRaceSafely) {

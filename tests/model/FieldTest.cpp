@@ -189,7 +189,8 @@ TEST(FieldTest, IdsOfOtherCollectionsFindTheFragmentOfTheSameName) {
 
 TEST(FieldTest, AForwardingFieldFollowsTheOtherWhileItLives) {
     StrongPtr<Field> source(new Field(numbers({1}), nullptr));
-    Field view{WeakPtr<Field>(source)};
+    const StrongPtr<Field> owner(new Field(WeakPtr<Field>(source)));
+    Field& view = *owner;
     EXPECT_EQ(firstOf(view.getData()), 1.0);
     source->setPersistentData(numbers({2}));
     EXPECT_EQ(firstOf(view.getData()), 2.0);
@@ -198,7 +199,27 @@ TEST(FieldTest, AForwardingFieldFollowsTheOtherWhileItLives) {
     EXPECT_EQ(firstOf(source->getData()), 3.0);
     EXPECT_GT(source->age(), age);
     EXPECT_GT(view.age(), age);
+    // As old as the newer of both, through any number of views, and never younger again.
+    Hestra::Ageable kept(view.age());
+    const Field far{WeakPtr<Field>(owner)};
+    const auto isNewer = [&] {
+        const Hestra::Ageable& viewed = far;
+        const bool newer = kept.isOlderThan(viewed);
+        kept.setAge(viewed.age());
+        return newer;
+    };
+    (void)isNewer();
+    source->touch();
+    EXPECT_TRUE(isNewer());
+    view.touch();
+    EXPECT_TRUE(isNewer());
+    EXPECT_LT(source->age(), view.age());
+    source->setPersistentData(numbers({4}));
+    EXPECT_TRUE(isNewer());
+    EXPECT_FALSE(isNewer());
     source = nullptr;
+    EXPECT_TRUE(isNewer()) << "its data are gone";
+    EXPECT_FALSE(isNewer());
     EXPECT_FALSE(view.getData());
     EXPECT_EQ(visit(view), Names{});
 }

@@ -1,8 +1,11 @@
 #include <model/Model.hpp>
 
+#include <atomic>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
+#include <random>
+#include <thread>
 
 namespace {
 
@@ -258,6 +261,85 @@ TEST(GridKindsTest, PointCloudsFallIntoTheirLatticeCells) {
     EXPECT_EQ(positions->getData(positions->getFragmentID("[0x1x0]"))->nElements(), 0u);
     StrongPtr<Grid> none;
     EXPECT_FALSE(RegularlyFragmentedClusteredPointCloudGrid::create(none, {1, 1, 1}, box));
+    constexpr double kHuge = std::numeric_limits<double>::max();
+    for (const double far : {kHuge, std::numeric_limits<double>::infinity(), kNaN}) {
+        const StrongPtr<Orvix::BoundingBox> endless(new Orvix::BoundingBox({-far, 0, 0}, {far, 1, 1}));
+        EXPECT_FALSE(RegularlyFragmentedClusteredPointCloudGrid::create(grid, {2, 1, 1}, endless));
+    }
+}
+
+// Every point is in the box of its fragment, which owns its lower faces, whatever fragments the grid had before.
+TEST(GridKindsTest, ClusteredPointsLieInTheBoxesOfTheirFragments) {
+    StrongPtr<Grid> grid(new Grid);
+    RegularGrid3D before(grid);
+    for (const char* name : {"wing", "tail"})
+        before.addBlock(name, MemArray<3, PhysicalSpace::point>::create({2, 2, 2}));
+    const PhysicalSpace::point low(0.1, -1, 3), high(0.8, 2, 3);
+    const StrongPtr<Orvix::BoundingBox> box(new Orvix::BoundingBox(low, high));
+    auto cloud = RegularlyFragmentedClusteredPointCloudGrid::create(grid, {7, 10, 2}, box);
+    const auto positions = cloud.positions();
+    std::vector<PhysicalSpace::point> points;
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> x(low[0], high[0]), y(low[1], high[1]);
+    for (int n = 0; n < 500; ++n) points.emplace_back(x(random), y(random), low[2]);
+    for (const auto& id : positions->getFragmentIDCollection()->ids())
+        if (const auto cell = id->findInterface<Orvix::BoundingBox>()) points.push_back(cell->minCoord());
+    ASSERT_EQ(cloud.setPoints(points), points.size());
+    std::size_t found = 0;
+    for (const auto& id : positions->getFragmentIDCollection()->ids()) {
+        const auto cell = id->findInterface<Orvix::BoundingBox>();
+        const auto data = Hestra::dynamicCast<MemArray<1, PhysicalSpace::point>>(positions->getData(id));
+        if (!cell) {
+            EXPECT_EQ(positions->getData(id)->nElements(), 8u) << id->name();
+            continue;
+        }
+        found += data->nElements();
+        for (index_t n = 0; n < data->nElements(); ++n) {
+            const PhysicalSpace::point point = (*data)[n];
+            EXPECT_TRUE(cell->inside(point)) << id->name();
+            for (int d = 0; d < 2; ++d)
+                EXPECT_TRUE(point[d] < cell->maxCoord()[d] || cell->maxCoord()[d] == high[d]) << id->name();
+        }
+    }
+    EXPECT_EQ(found, points.size());
+}
+
+// What is promised to be safe at once; for the thread sanitizer, and for crashes.
+TEST(GridTest, LookUpsAttachmentsAndCreationMeetInManyThreads) {
+    const StrongPtr<Grid> grid(new Grid);
+    const auto source = grid->makeCartesianRepresentation(3);
+    const StrongPtr<Field> field(new Field);
+    const auto id = field->makeFragmentID("block");
+    std::atomic<int> runs{0};
+    (void)field->createCreator(
+        [&](const auto&) -> StrongPtr<MemBase> {
+            ++runs;
+            return MemArray<1, double>::create({2});
+        },
+        VantleTypeIndex(typeid(double)), {}, id);
+    source->setField("density", field);
+    const StrongPtr<Field> other(new Field(WeakPtr<Field>(*field)));
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            const StrongPtr<Grid> own(new Grid);
+            const auto destination = own->makeCartesianRepresentation(3);
+            for (int n = 0; n < 200; ++n) {
+                const std::string name = "gradient " + std::to_string(t) + " " + std::to_string(n);
+                (void)destination->createSharedFieldID(*source, name);
+                destination->setField(name, other);
+                const auto found = (*grid)("density");
+                if (!found || !found->getData(found->getFragmentID("block"))) std::abort();
+                const auto creator = found->getCreator(id);
+                creator->addInterface(Hestra::makeRef<SizeInterface>(DynamicSize{2}));
+                creator->setAttribute(name, Hestra::makeRef<Hestra::Chunk<double>>(1).strong());
+                creator->touch();
+                if (getSize(*creator).rank() != 1 || other->age() < 0) std::abort();
+                if (source->findFieldID(name) != destination->findFieldID(name)) std::abort();
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(runs, 1);
 }
 
 } // namespace

@@ -1,6 +1,8 @@
 #include <model/hestra/Reference.hpp>
 
 #include <atomic>
+#include <cstdint>
+#include <functional>
 #include <gtest/gtest.h>
 #include <thread>
 #include <type_traits>
@@ -175,6 +177,23 @@ TEST_F(ReferenceTest, AThrowingConstructorLeavesNothingBehind) {
     testing::internal::CaptureStderr();
     { const StrongPtr<Counted> owner(&onStack); }
     EXPECT_FALSE(testing::internal::GetCapturedStderr().empty()) << "the stack object passes for one made with new";
+}
+
+TEST_F(ReferenceTest, ObjectsMadeWithNewAreAlignedAndKnownHoweverDeepTheyNest) {
+    struct alignas(128) Wide : Counted {
+        explicit Wide(Counted* i = nullptr) : inner(i) {}
+        StrongPtr<Counted> inner;
+    };
+    testing::internal::CaptureStderr();
+    {
+        // Memory is taken before the argument of the constructor is evaluated.
+        const std::function<Wide*(int)> nest = [&](int depth) { return new Wide(depth ? nest(depth - 1) : nullptr); };
+        const StrongPtr<Wide> outermost(nest(200));
+        EXPECT_EQ(Counted::living, 201);
+        for (const Wide* at = outermost.rawptr(); at; at = dynamic_cast<const Wide*>(at->inner.rawptr()))
+            EXPECT_EQ(reinterpret_cast<std::uintptr_t>(at) % alignof(Wide), 0u);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "taken for an object that was not made with new";
 }
 
 TEST_F(ReferenceTest, OwnersThatAreNoHandlesCountLikeHandles) {

@@ -52,10 +52,6 @@ private:
     mutable FragmentCoordinates myCoordinates;
 };
 
-/// The array that the storage has for one fragment: a single handle.
-template<class Structure>
-using StoredStructure = MemArray<1, Hestra::StrongPtr<Structure>>;
-
 /// A search structure as one locator knows it: found in the storage, or built and stored, inside the unnamed critical
 /// section; read without it from then on.
 template<class Structure>
@@ -64,16 +60,15 @@ public:
     /// Null until it is there.
     [[nodiscard]] const Structure* ready() const noexcept { return myReady.load(std::memory_order_acquire); }
 
-    /// Gets it ready. `announce()` says that it is built, by `make()`; `refuse(reason)` that it cannot be.
+    /// Gets it ready: by `look()`, which may find none, else by `make()`. `announce()` says that it is made,
+    /// `refuse(reason)` that it cannot be; all that is said is left untold.
     ///
     /// A structure that its block makes too large is so for ever, and said to be so only `Again`. Other failures are
     /// tried again.
-    template<class Announce, class Make, class Refuse>
-    const Structure* obtain(Field* storage, const LazyFragment& fragment, Hearing hearing, const Announce& announce,
+    template<class Look, class Announce, class Make, class Refuse>
+    const Structure* obtain(Untold& untold, Hearing hearing, const Look& look, const Announce& announce,
                             const Make& make, const Refuse& refuse) {
-        if (const Structure* const there = ready()) return there;
-        if (!storage) return nullptr;
-        fragment.untold.during(hearing != Hearing::Nobody, [&] {
+        untold.during(hearing != Hearing::Nobody, [&] {
             inCriticalSection([&] {
                 if (myOwner) return;
                 if (myHopeless) {
@@ -82,15 +77,10 @@ public:
                     return refuse(myHopeless->c_str());
                 }
                 try {
-                    const auto stored = Hestra::dynamicCast<StoredStructure<Structure>>(storage->getData(fragment.id));
-                    if (stored && stored->nElements() > 0) myOwner = stored->element(0);
+                    myOwner = look();
                     if (!myOwner) {
                         announce();
-                        const Hestra::StrongPtr<Structure> made = make();
-                        const auto entry = StoredStructure<Structure>::create(MultiIndex<1>(1));
-                        entry->element(0) = made;
-                        storage->setPersistentData(entry, fragment.id);
-                        myOwner = made;
+                        myOwner = make();
                     }
                 } catch (const std::length_error& problem) {
                     myHopeless = problem.what();

@@ -1,10 +1,11 @@
+#include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/MarchingCubesTables.hpp>
 
 #include <algorithm>
 #include <bit>
 #include <memory>
-#include <omp.h>
+#include <stdexcept>
 
 namespace Vantle::detail {
 
@@ -12,8 +13,8 @@ namespace {
 
 using Extents = std::array<std::size_t, 3>;
 
-// A slab of fewer vertices is not worth a thread.
-constexpr std::size_t kVerticesPerThread = std::size_t{1} << 15;
+// What a vertex costs, both passes together, in bytes that are read in that time: 1.2 to 3.8 ns were measured.
+constexpr std::size_t kBytesPerVertex = 32;
 
 // How far ahead the values of a word of cells are asked for.
 constexpr std::size_t kWordsAhead = 16;
@@ -83,14 +84,19 @@ struct RowWords {
     }
 };
 
+std::size_t workOf(const Extents& size) { return size[0] * size[1] * size[2] * kBytesPerVertex; }
+
 /// How many slabs of layers to work on at a time.
-std::size_t slabCount(const Extents& size) {
-    const auto team = static_cast<std::size_t>(std::max(1, omp_get_max_threads()));
-    const std::size_t worthwhile = size[0] * size[1] * size[2] / kVerticesPerThread;
-    return std::max<std::size_t>(1, std::min({team, worthwhile, size[2] - 1}));
-}
+std::size_t slabCount(const Extents& size) { return std::min(teamFor(workOf(size)), size[2] - 1); }
 
 } // namespace
+
+std::atomic<index_t> mostVertices{index_t{1} << 32};
+
+void checkVertexCount(index_t vertices) {
+    if (vertices > mostVertices.load(std::memory_order_relaxed))
+        throw std::length_error("isosurface: more vertices than triangles can number");
+}
 
 EdgeNumbering::EdgeNumbering(const MultiIndex<3>& extents, const MultiIndex<3>& start, index_t offset) noexcept {
     index_t before = offset;
@@ -182,12 +188,9 @@ IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level)
 
     const std::size_t slabs = slabCount(mySize), plane = 2 * (myVertexWords + 1) * mySize[1];
     const auto masks = std::make_unique<std::uint64_t[]>(slabs * plane);
-    const auto count = static_cast<std::ptrdiff_t>(slabs);
-#pragma omp parallel for schedule(static, 1) num_threads(static_cast <int>(slabs)) if (slabs > 1)
-    for (std::ptrdiff_t n = 0; n < count; ++n) {
-        const auto slab = static_cast<std::size_t>(n);
-        countLayers(layerCount() * slab / slabs, layerCount() * (slab + 1) / slabs, masks.get() + slab * plane);
-    }
+    inParallel(slabs, 1, workOf(mySize), [&](std::size_t slab, std::size_t next) {
+        countLayers(layerCount() * slab / slabs, layerCount() * next / slabs, masks.get() + slab * plane);
+    });
 
     for (std::size_t k = 1; k < myLayers.size(); ++k) {
         myLayers[k].firstVertex += myLayers[k - 1].firstVertex;
@@ -416,12 +419,9 @@ void IsoSweep<T>::fill(const SweepTarget& target, const EdgeNumbering& numbering
                            : static_cast<std::size_t>(
                                  std::partition_point(myLayers.begin(), myLayers.end() - 1, before) - myLayers.begin());
     }
-    const auto count = static_cast<std::ptrdiff_t>(slabs);
-#pragma omp parallel for schedule(static, 1) num_threads(static_cast <int>(slabs)) if (slabs > 1)
-    for (std::ptrdiff_t n = 0; n < count; ++n) {
-        const auto slab = static_cast<std::size_t>(n);
-        fillLayers(bounds[slab], bounds[slab + 1], planes[slab], target, numbering, positions);
-    }
+    inParallel(slabs, 1, workOf(mySize), [&](std::size_t slab, std::size_t next) {
+        fillLayers(bounds[slab], bounds[next], planes[slab], target, numbering, positions);
+    });
 }
 
 #define VANTLE_INSTANTIATE_SWEEP(T)                                                                                    \

@@ -7,12 +7,14 @@
 /// the second, when the storage is there, visits only the words of 64 cells that the level crosses. Both passes deal
 /// out layers to the threads of the team; a thread that begins in the middle numbers the layer before once more.
 
+#include <baseop/BaseOpExport.hpp>
 #include <baseop/detail/surface/LevelMask.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/MultiArray.hpp>
 #include <model/vantle/Simplex.hpp>
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -20,6 +22,12 @@
 namespace Vantle::detail {
 
 using Point = Orvix::PhysicalSpace::point;
+
+/// The most vertices of a surface: 2^32, since triangles number them by 32 bits. Tests make do with fewer.
+VANTLE_BASEOP_API extern std::atomic<index_t> mostVertices;
+
+/// Throws std::length_error if a surface cannot have so many vertices.
+void checkVertexCount(index_t vertices);
 
 /// How the edges of a block are named: the edge along `axis` from vertex (i, j, k) is
 /// first[axis] + i + j * strideY[axis] + k * strideZ[axis].
