@@ -97,7 +97,12 @@ TEST(ExactCellLocatorTest, FarVerticesDoNoHarmToOtherCells) {
         (*block)(0, 0, 0)[2] = far;
         (*block)(1, 1, 2)[0] = -far;
         for (Vantle::index_t k = 0; k < 9; ++k) (*large)(k, 3 * k, k) = Point(far, -far, far);
-        for (const BlockPtr& each : {block, large}) {
+        // And so many that they are not the few: a third of the vertices.
+        const BlockPtr many = distortedBlock({3, 6, 6}, 1.0, 0.1, 3);
+        for (Vantle::index_t k = 0; k < 6; ++k)
+            for (Vantle::index_t j = 0; j < 6; ++j)
+                (*many)(0, j, k)[static_cast<int>((j + k) % 3)] = j % 2 ? far : -0.7 * far;
+        for (const BlockPtr& each : {block, large, many}) {
             const ExactCellLocator locator(each);
             for (const Point& index : randomIndices(*each, 600, 5, 0.01)) {
                 const MultiIndex<3> cell(static_cast<Vantle::index_t>(index[0]), static_cast<Vantle::index_t>(index[1]),

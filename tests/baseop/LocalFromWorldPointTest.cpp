@@ -413,10 +413,17 @@ TEST(BBSelectorMemoryTreeTest, FindsTheBoxesThatContainAPoint) {
         tree.pack();
         for (int query = 0; query < 200; ++query) {
             const Point p(corner(random), corner(random), 0.5 * corner(random));
+            // Also the boxes that meet another one, of which a point is the smallest.
+            BBSelectorMemoryTree::Box region{p, p};
+            for (int d = 0; d < 3; ++d) region.max[d] += query % 2 ? 0.5 * corner(random) : 0.0;
             std::vector<unsigned int> expected, found;
-            for (unsigned int n = 0; n < boxes.size(); ++n)
-                if (Orvix::BoundingBox(boxes[n].min, boxes[n].max).inside(p)) expected.push_back(n);
-            BBSelectorMemoryTree selector(tree, halfWidths, boxes, p);
+            for (unsigned int n = 0; n < boxes.size(); ++n) {
+                bool isMet = true;
+                for (int d = 0; d < 3; ++d)
+                    isMet = isMet && region.max[d] >= boxes[n].min[d] && region.min[d] <= boxes[n].max[d];
+                if (isMet) expected.push_back(n);
+            }
+            BBSelectorMemoryTree selector(tree, halfWidths, boxes, region);
             for (unsigned int n; (n = selector.getNext()) != BBSelectorMemoryTree::End;) found.push_back(n);
             EXPECT_EQ(found, expected);
         }
