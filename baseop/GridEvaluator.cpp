@@ -191,17 +191,26 @@ public:
             }
             myEnds.push_back(myText.size());
         }
-        void say(detail::Recital& recital, const Hit& hit) const {
+        void say(detail::Recital& recital, const Hit& hit, std::size_t times) {
             const bool isLocation = mySearch.isLocation(hit);
             const std::size_t fragment = isLocation ? myFirst : std::min<std::size_t>(hit.fragment, mySearch.mySize);
-            recital.say(std::string_view(myText).substr(0, myEnds[fragment]));
-            if (isLocation) recital.say(tell::curvilinearFound);
+            if (!isLocation) return recital.say(std::string_view(myText).substr(0, myEnds[fragment]));
+            for (; times != 0 && myFounds.size() < 256 * (myEnds[fragment] + tell::curvilinearFound.size());) {
+                myFounds.append(myText, 0, myEnds[fragment]);
+                myFounds += tell::curvilinearFound;
+            }
+            const std::size_t each = myEnds[fragment] + tell::curvilinearFound.size();
+            for (std::size_t left = times; left != 0;) {
+                const std::size_t now = std::min(left, myFounds.size() / each);
+                recital.say(std::string_view(myFounds).substr(0, now * each));
+                left -= now;
+            }
         }
 
     private:
         const SourceSearch& mySearch;
-        std::size_t myFirst; // number of the first curvilinear fragment
-        std::string myText;
+        std::size_t myFirst;          // number of the first curvilinear fragment
+        std::string myText, myFounds; // the latter for many positions that the point location has
         std::vector<std::size_t> myEnds;
     };
 
@@ -433,14 +442,21 @@ void GridEvaluator::findForSpecificDestinationPositions(const MultiIndex<3>& ext
 
     if (isHeard) {
         detail::Recital recital;
-        const SourceSearch::Texts texts(search);
+        SourceSearch::Texts texts(search);
         search.forEachDue([&](std::size_t k) { isSilent[k] = 0; });
         for (std::size_t k = 0; k < n; ++k) {
             const Hit hit{codes[k], true, numbers[k], {}};
-            if (isSilent[k])
-                texts.say(recital, hit);
-            else
+            if (!isSilent[k]) {
                 recital.let([&] { search.tell(positions(k, MultiIndex<3>::fromLinear(k, extents)), hit); });
+                continue;
+            }
+            // Mostly the next ones have the same to be said of them.
+            std::size_t same = 1;
+            while (search.isLocation(hit) && k + same < n && isSilent[k + same] &&
+                   search.isLocation({codes[k + same], true, numbers[k + same], {}}))
+                ++same;
+            texts.say(recital, hit, same);
+            k += same - 1;
         }
     }
     myFragmentTable = search.fragmentTable(hasLocations);
