@@ -55,7 +55,7 @@ bool PointSearch::discardOutdated() const {
     bool any = false;
     if (const auto tree = coordinates->findInterface<FragmentTreeInterface>();
         tree && !TreeRecord::isFresh(*coordinates, tree, coordinates.rawptr()))
-        any = coordinates->removeInterface(typeid(*tree));
+        any = coordinates->removeInterface(typeid(FragmentTreeInterface));
     const auto discard = [&](const StrongPtr<Field>& storage) {
         if (!storage) return;
         storage->iterate(
