@@ -43,9 +43,11 @@ int asInt(index_t n) { return static_cast<int>(n); }
 
 } // namespace
 
-CellSearch::CellSearch(const Field& coordinates, const BoundingBox& box, const MultiIndex<3>& resolution,
-                       index_t maximum, const Hestra::WeakPtr<FragmentSelector>& selector)
-    : myBox(box) {
+CellSearch::CellSearch(const detail::GivenView<Field>& coordinates, const detail::GivenView<BoundingBox>& givenBox,
+                       const MultiIndex<3>& resolution, index_t maximum,
+                       const Hestra::WeakPtr<FragmentSelector>& selector)
+    : myBox(givenBox.object() ? *givenBox.object() : BoundingBox()) {
+    const BoundingBox& box = myBox;
     LookupCoordinates::Axes axes;
     for (int d = 0; d < 3; ++d)
         axes[static_cast<std::size_t>(d)] =
@@ -58,7 +60,7 @@ CellSearch::CellSearch(const Field& coordinates, const BoundingBox& box, const M
 
     BlockIterator recorder(
         [this](unsigned int number, const Block& block, const StrongPtr<MemBase>&) { record(block, number); });
-    coordinates.iterate(recorder, selector);
+    if (coordinates.object()) coordinates.object()->iterate(recorder, selector);
 }
 
 CellSearch::~CellSearch() = default;
@@ -107,20 +109,20 @@ void CellSearch::record(const Block& block, unsigned int fragmentNumber) {
 
 bool CellSearch::addToUniCell(Counts& counts, Indices& indices, const MultiIndex<3>& unicell, index_t fragmentNumber,
                               const MultiIndex<3>& cell) {
-    const index_t room = std::min(indices.Size()[3], counts.Size()[3] ? counts.Size()[3] - 1 : 0);
+    const index_t room = std::min(indices.Size()[3], greatestShort);
     const bool tooLarge =
         fragmentNumber > greatestShort || cell[0] > greatestShort || cell[1] > greatestShort || cell[2] > greatestShort;
-    if (room == 0 || tooLarge) return false;
+    if (room == 0 || counts.Size()[3] == 0 || tooLarge) return false;
     unsigned short& count = counts[component(unicell, 0)];
-    if (count >= room || count == greatestShort) return false;
+    if (count >= room) return false;
     indices[component(unicell, count)] = {static_cast<unsigned short>(cell[0]), static_cast<unsigned short>(cell[1]),
                                           static_cast<unsigned short>(cell[2])};
     ++count;
-    counts[component(unicell, count)] = static_cast<unsigned short>(fragmentNumber);
+    if (count < counts.Size()[3]) counts[component(unicell, count)] = static_cast<unsigned short>(fragmentNumber);
     return true;
 }
 
-CellSearch::Location CellSearch::findLocation(const point& p, const Field& field) const {
+CellSearch::Location CellSearch::findLocation(const point& p, const detail::GivenView<Field>& field) const {
     MultiIndex<3> at;
     if (!unicell(p, at)) return {};
     const Counts& counts = *myCounts;
@@ -138,7 +140,7 @@ CellSearch::Location CellSearch::findLocation(const point& p, const Field& field
         blocks[number] = &block;
         keptAlive.push_back(data);
     });
-    field.iterate(collector);
+    if (field.object()) field.object()->iterate(collector);
 
     for (index_t k = 0; k < n; ++k) {
         const unsigned int fragment = counts[component(at, 1 + k)];

@@ -3,6 +3,7 @@
 /// test by a projective map. It tells on standard output what it looks at.
 
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/detail/Given.hpp>
 #include <model/orvix/BoundingBox.hpp>
 #include <model/vantle/DirectProduct.hpp>
 #include <model/vantle/Field.hpp>
@@ -19,12 +20,13 @@ namespace Vantle {
 ///              NaN corner. A flat axis has all its cells in the last unicell. A full list drops what comes later; so
 ///              do indices and fragment numbers above 65535.
 /// Failure      `Hestra::MemoryException` when the lists do not fit into memory.
-/// Concurrency  immutable once built: any number of threads may search.
+/// Concurrency  immutable once built: any number of threads may search, while nobody changes the coordinates.
 /// Cost         2 bytes (1 + maximum) + 6 bytes maximum a unicell, whether used or not; a search tries one list.
 class VANTLE_BASEOP_API CellSearch {
 public:
     using LookupCoordinates = DirectProductMemArray<Orvix::FixedArray<double, 3>, LinearCoordinateAxisArray, 3>;
-    /// Component 0 of a unicell is the number of its cells, component 1 + n the number of the fragment of cell n.
+    /// Component 0 of a unicell is the number of its cells, component 1 + n, where there is that component, the number
+    /// of the fragment of cell n.
     using Counts = MultiArray<4, unsigned short>;
     /// Component n of a unicell is the index of its cell n.
     using Indices = MultiArray<4, Orvix::FixedArray<unsigned short, 3>>;
@@ -41,11 +43,14 @@ public:
     };
 
     /// Records the cells of the selected fragments of `coordinates`, at most `maximum` in each unicell.
-    CellSearch(const Field& coordinates, const Orvix::BoundingBox& box, const MultiIndex<3>& resolution,
-               index_t maximum, const Hestra::WeakPtr<FragmentSelector>& selector = {});
+    /// Field and box may be objects or handles; without one nothing is recorded.
+    CellSearch(const detail::GivenView<Field>& coordinates, const detail::GivenView<Orvix::BoundingBox>& box,
+               const MultiIndex<3>& resolution, index_t maximum,
+               const Hestra::WeakPtr<FragmentSelector>& selector = {});
     ~CellSearch();
 
-    /// Appends a cell to a unicell. False, and nothing recorded, when the unicell is full or a number too large.
+    /// Appends a cell to a unicell, for which there is the room that the indices have. False, and nothing recorded,
+    /// when that is full or a number too large.
     static bool addToUniCell(Counts& counts, Indices& indices, const MultiIndex<3>& unicell, index_t fragmentNumber,
                              const MultiIndex<3>& cell);
 
@@ -54,7 +59,8 @@ public:
     /// recorded of. Reports each cell tried.
     ///
     /// Degenerate  not found, and nothing reported, outside the box and for NaN. Degenerate cells report NaN.
-    [[nodiscard]] Location findLocation(const Orvix::PhysicalSpace::point& point, const Field& field) const;
+    [[nodiscard]] Location findLocation(const Orvix::PhysicalSpace::point& point,
+                                        const detail::GivenView<Field>& field) const;
 
     /// The unicell that holds a point; false outside the box and for NaN.
     [[nodiscard]] bool unicell(const Orvix::PhysicalSpace::point& point, MultiIndex<3>& index) const noexcept;

@@ -1,4 +1,5 @@
 #include <baseop/EvalGrid.hpp>
+#include <baseop/detail/location/GridLock.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/PullData.hpp>
@@ -25,6 +26,13 @@ StrongPtr<Field> noCoordinates() { return fail("EvalGrid: No coordinates found i
 /// The vertices of a grid in its default chart, or null; nothing is made.
 StrongPtr<Representation> verticesInChart(const Grid& grid) { return grid.getCartesianRepresentation(""); }
 
+EvaluationOptions optionsOf(const std::string& context, bool flag) {
+    EvaluationOptions options;
+    options.label = context;
+    if (flag) options.cellLocator = CellLocator::Exact;
+    return options;
+}
+
 /// Picks the values of unfragmented source data by the numbers of source vertices.
 StrongPtr<Field> evaluateByIndirection(Representation& destination, const Representation& relative,
                                        const Field& sourceField, const std::string& name) {
@@ -49,6 +57,11 @@ StrongPtr<Field> evaluateByIndirection(Representation& destination, const Repres
 
 StrongPtr<Field> EvalGrid(Grid& destination, Grid& source, const std::string& fieldName, Slice& slice,
                           const std::string& context, bool flag) {
+    return EvalGrid(destination, source, fieldName, slice, optionsOf(context, flag));
+}
+
+StrongPtr<Field> EvalGrid(Grid& destination, Grid& source, const std::string& fieldName, Slice& slice,
+                          const EvaluationOptions& options) {
     const StrongPtr<Skeleton> vertices = destination.findVertices();
     if (!vertices) {
         const StrongPtr<Representation> sourceVertices = verticesInChart(source);
@@ -57,15 +70,27 @@ StrongPtr<Field> EvalGrid(Grid& destination, Grid& source, const std::string& fi
     }
     const StrongPtr<Chart> chart = destination.makeChart(typeid(CartesianChart), "");
     const StrongPtr<Representation> representation = (*vertices)[*chart];
-    return EvalFieldOnRepresentation(*representation, vertices, source, fieldName, slice, context, flag);
+    return EvalFieldOnRepresentation(*representation, vertices, source, fieldName, slice, options);
 }
 
 StrongPtr<Field> EvalFieldOnRepresentation(Representation& destination, const StrongPtr<Skeleton>& destinationSkeleton,
                                            Grid& source, const std::string& fieldName, Slice& slice,
                                            const std::string& context, bool flag) {
+    return EvalFieldOnRepresentation(destination, destinationSkeleton, source, fieldName, slice,
+                                     optionsOf(context, flag));
+}
+
+StrongPtr<Field> EvalFieldOnRepresentation(Representation& destination, const StrongPtr<Skeleton>& destinationSkeleton,
+                                           Grid& source, const std::string& fieldName, Slice& slice,
+                                           const EvaluationOptions& options) {
     const Hestra::Profiler scope("baseop/EvalGrid", __LINE__, "EvalFieldOnRepresentation()", __PRETTY_FUNCTION__);
-    const StrongPtr<Skeleton> sourceSkeleton = source.findVertices();
-    const StrongPtr<Representation> sourceVertices = verticesInChart(source);
+    StrongPtr<Skeleton> sourceSkeleton;
+    StrongPtr<Representation> sourceVertices;
+    {
+        const detail::GridLock lock{StrongPtr<Grid>(&source)};
+        sourceSkeleton = source.findVertices();
+        sourceVertices = verticesInChart(source);
+    }
     if (!sourceSkeleton || !sourceVertices) return noSourceField(fieldName);
     if (sourceVertices.rawptr() == &destination) return destination.findField(fieldName);
 
@@ -85,8 +110,7 @@ StrongPtr<Field> EvalFieldOnRepresentation(Representation& destination, const St
     GridEvaluator::Context search;
     search.slice = StrongPtr<Slice>(&slice);
     search.grid = StrongPtr<Grid>(&source);
-    search.label = context;
-    search.flag = flag;
+    static_cast<EvaluationOptions&>(search) = options;
     // Over the same fragment ids as the positions, so that each value lies under the id of its position.
     const StrongPtr<Field> made(new Field(positions->getFragmentIDCollection()));
     EvalFragment evaluate(sourceVertices->Positions(), sourceField, made, search);
@@ -105,10 +129,10 @@ EvalFragment::~EvalFragment() = default;
 bool EvalFragment::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& positionsCreator) {
     if (!mySourcePositions || !mySourceField || !myTarget || !positionsCreator) return true;
     const StrongPtr<MemBase> positions = positionsCreator->getData();
-    if (!positions) return true;
-    GridEvaluator evaluator;
-    if (!evaluator.find(positions, *mySourcePositions, myContext)) return true;
-    const StrongPtr<MemBase> values = evaluator.evalKnownDataTypes(positions, *mySourceField);
+    if (!positions || positions->nElements() == 0) return true;
+    if (!myEvaluator || Console::isHeard()) myEvaluator = std::make_unique<GridEvaluator>();
+    if (!myEvaluator->find(positions, *mySourcePositions, myContext)) return true;
+    const StrongPtr<MemBase> values = myEvaluator->evalKnownDataTypes(positions, *mySourceField);
     if (!values) return true;
     myTarget->setPersistentData(values, id);
     ++myEvaluated;

@@ -16,6 +16,10 @@ namespace Vantle {
 ///
 /// See `EvalFieldOnRepresentation`. A destination without vertices has no coordinates.
 VANTLE_BASEOP_API Hestra::StrongPtr<Field> EvalGrid(Grid& destination, Grid& source, const std::string& fieldName,
+                                                    Slice& slice, const EvaluationOptions& options);
+/// The same with default options: `context` is their label, and `flag` has curvilinear fragments searched by exact cell
+/// locators instead of linear solves.
+VANTLE_BASEOP_API Hestra::StrongPtr<Field> EvalGrid(Grid& destination, Grid& source, const std::string& fieldName,
                                                     Slice& slice, const std::string& context = {}, bool flag = false);
 
 /// The field `fieldName` of `source`, on `destination`, a representation of `destinationSkeleton`.
@@ -24,20 +28,27 @@ VANTLE_BASEOP_API Hestra::StrongPtr<Field> EvalGrid(Grid& destination, Grid& sou
 /// - An existing field of that name is returned, never overwritten.
 /// - If the skeleton has a representation relative to the source's vertices, its positions are the numbers of source
 ///   vertices, and the new field is gathered from the unfragmented source.
-/// - Else the source is evaluated at the destination's "Positions", fragment by fragment. Positions outside have
-///   value zero; fragments that cannot be evaluated stay without data.
+/// - Else the source is evaluated at the destination's "Positions", fragment by fragment. Positions that no fragment of
+///   the source claims have value zero; a uniform fragment claims all, see `GridEvaluator`. Fragments that cannot be
+///   evaluated, or have no positions, stay without data.
 ///
-/// `slice` holds the source, and gets its search structures. `context` names the evaluation. `flag` has curvilinear
-/// fragments searched by exact cell locators instead of linear solves.
+/// `slice` holds the source, and gets its search structures.
 /// Failure      null, the destination as it was, and a message that says what is missing; without a message when no
 ///              fragment could be evaluated.
-/// Concurrency  one evaluation into a destination, and one over a source, at a time.
+/// Concurrency  one evaluation into a destination at a time; any number over a source.
+VANTLE_BASEOP_API Hestra::StrongPtr<Field>
+EvalFieldOnRepresentation(Representation& destination, const Hestra::StrongPtr<Skeleton>& destinationSkeleton,
+                          Grid& source, const std::string& fieldName, Slice& slice, const EvaluationOptions& options);
+/// The same with default options, as `EvalGrid`.
 VANTLE_BASEOP_API Hestra::StrongPtr<Field>
 EvalFieldOnRepresentation(Representation& destination, const Hestra::StrongPtr<Skeleton>& destinationSkeleton,
                           Grid& source, const std::string& fieldName, Slice& slice, const std::string& context = {},
                           bool flag = false);
 
-/// Evaluates a field at the fragments of a positions field, with an evaluator for each.
+/// Evaluates a field at the fragments of a positions field. Each has an evaluator of its own, whose point location is
+/// reported; with nobody listening one serves them all.
+///
+/// Concurrency  one thread at a time.
 class VANTLE_BASEOP_API EvalFragment : public FragmentIterator {
 public:
     /// Any of the handles may be null: fragments stay without data then. `target` gets the values.
@@ -57,6 +68,7 @@ private:
     Hestra::StrongPtr<Field> mySourceField;
     Hestra::StrongPtr<Field> myTarget;
     GridEvaluator::Context myContext;
+    std::unique_ptr<GridEvaluator> myEvaluator;
     std::size_t myEvaluated = 0;
 };
 

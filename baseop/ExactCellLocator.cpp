@@ -1,12 +1,14 @@
 #include <baseop/ExactCellLocator.hpp>
-#include <baseop/detail/CellBoxTree.hpp>
-#include <baseop/detail/CellCandidates.hpp>
-#include <baseop/detail/TrilinearCell.hpp>
+#include <baseop/detail/location/CellBoxTree.hpp>
+#include <baseop/detail/location/CellCandidates.hpp>
+#include <baseop/detail/location/TrilinearCell.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <utility>
+#include <vector>
 
 #define VANTLE_SCOPE(signature)                                                                                        \
     const Hestra::Profiler profiler("baseop/ExactCellLocator", __LINE__, signature, __PRETTY_FUNCTION__)
@@ -123,14 +125,37 @@ struct ExactCellLocator::Search {
                     }
             }
         double sides = 0.0;
-        for (int d = 0; d < 3; ++d) sides += std::max(highest[d] - lowest[d], 0.0);
-        tree = CellBoxTree(vertices.cells(), point(lowest[0], lowest[1], lowest[2]),
-                           point(highest[0], highest[1], highest[2]));
+        point from, to;
+        for (int d = 0; d < 3; ++d) {
+            sides += std::max(highest[d] - lowest[d], 0.0);
+            const auto [low, high] = rangeOfMost(d);
+            from[d] = std::max(low, lowest[d]);
+            to[d] = std::min(high, highest[d]);
+        }
+        tree = CellBoxTree(vertices.cells(), from, to);
         tree.build(CellImages(vertices, tree));
         for (int d = 0; d < 3; ++d) {
             lowest[d] -= 4.0 * TrilinearCell::Tolerance * sides;
             highest[d] += 4.0 * TrilinearCell::Tolerance * sides;
         }
+    }
+    /// Where the vertices are along an axis, leaving out the few that are so much farther away than all others that
+    /// the tree's numbers could not tell the others apart: coordinates that stand for none.
+    [[nodiscard]] std::pair<double, double> rangeOfMost(int axis) const {
+        constexpr index_t Most = 1024;
+        const index_t count = vertices.size().product(), step = count / Most + 1;
+        std::vector<double> sample;
+        for (index_t n = 0; n < count; n += step) {
+            const double x = vertices.address(MultiIndex<3>::fromLinear(n, vertices.size()))[axis];
+            if (x * 0.0 == 0.0) sample.push_back(x);
+        }
+        if (sample.empty()) return {lowest[axis], highest[axis]};
+        std::sort(sample.begin(), sample.end());
+        const double low = sample[sample.size() / 8], high = sample[sample.size() - 1 - sample.size() / 8];
+        constexpr double MuchFarther = 1e6;
+        if (!(high > low) || highest[axis] - lowest[axis] < MuchFarther * (high - low))
+            return {lowest[axis], highest[axis]};
+        return {low - 8.0 * (high - low), high + 8.0 * (high - low)};
     }
     [[nodiscard]] bool canHave(const point& P) const noexcept {
         return P[0] >= lowest[0] && P[0] <= highest[0] && P[1] >= lowest[1] && P[1] <= highest[1] &&
@@ -145,10 +170,11 @@ ExactCellLocator::ExactCellLocator(const Hestra::StrongPtr<CoordsArray_t>& coord
 
 ExactCellLocator::~ExactCellLocator() = default;
 
-unsigned int ExactCellLocator::locate(const point& P, point& uvw, MultiIndex3* cell) const {
-    VANTLE_SCOPE("ExactCellLocator::locate(P, uvw)");
+CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell) const {
+    VANTLE_SCOPE("ExactCellLocator::locate(P)");
     const Search& search = *mySearch;
-    if (!search.canHave(P)) return 0;
+    CellLocation found;
+    if (!search.canHave(P)) return found;
     // Cells in their order: the first that has the point is the one. A second search goes on behind the last one that
     // there was room for.
     for (index_t begin = 0;;) {
@@ -157,26 +183,25 @@ unsigned int ExactCellLocator::locate(const point& P, point& uvw, MultiIndex3* c
             P, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { candidates.add(i, j, k); },
             [&](index_t i, index_t j, index_t k) { search.vertices.prefetchGroup(i, j, k); });
         for (const CellCandidates::Cell& candidate : candidates) {
-            if (!solve(search.vertices, candidate.index(), P, uvw)) continue;
+            if (!solve(search.vertices, candidate.index(), P, found.local)) continue;
             if (cell) *cell = candidate.index();
-            return 1;
+            found.result = LocationResult::Found;
+            return found;
         }
-        if (candidates.areAll()) return 0;
+        if (candidates.areAll()) return found;
         begin = candidates.end()[-1].number + 1;
     }
 }
 
-void ExactCellLocator::locate(std::span<const point> points, std::span<point> uvw,
-                              std::span<unsigned char> codes) const {
+void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocation> found) const {
     constexpr std::size_t most = CellBoxTree::Matches::MaximalPoints;
     for (std::size_t begin = 0; begin < points.size(); begin += most) {
         const std::size_t count = std::min(most, points.size() - begin);
-        locateNeighbours(points.subspan(begin, count), uvw.subspan(begin, count), codes.subspan(begin, count));
+        locateNeighbours(points.subspan(begin, count), found.subspan(begin, count));
     }
 }
 
-void ExactCellLocator::locateNeighbours(std::span<const point> points, std::span<point> uvw,
-                                        std::span<unsigned char> codes) const {
+void ExactCellLocator::locateNeighbours(std::span<const point> points, std::span<CellLocation> found) const {
     const Search& search = *mySearch;
     constexpr double infinite = std::numeric_limits<double>::infinity();
     point low(infinite, infinite, infinite), high(-infinite, -infinite, -infinite);
@@ -192,15 +217,15 @@ void ExactCellLocator::locateNeighbours(std::span<const point> points, std::span
     CellBoxTree::Matches matches;
     if (!areInBox || !search.tree.gather(surroundings, low, high) ||
         !search.tree.match(surroundings, points, matches)) {
-        for (std::size_t n = 0; n < points.size(); ++n)
-            codes[n] = static_cast<unsigned char>(locate(points[n], uvw[n]));
+        for (std::size_t n = 0; n < points.size(); ++n) found[n] = locate(points[n]);
         return;
     }
     for (std::size_t n = 0; n < points.size(); ++n) {
-        codes[n] = 0;
+        found[n].result = LocationResult::NotFound;
+        found[n].isSilent = true;
         for (const CellBoxTree::Matches::Cell& cell : matches.of(n)) {
-            if (!solve(search.vertices, cell.index(), points[n], uvw[n])) continue;
-            codes[n] = 1;
+            if (!solve(search.vertices, cell.index(), points[n], found[n].local)) continue;
+            found[n].result = LocationResult::Found;
             break;
         }
     }

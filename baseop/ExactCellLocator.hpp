@@ -2,6 +2,7 @@
 /// Exact point location in one curvilinear block.
 
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/CellLocation.hpp>
 #include <model/hestra/Reference.hpp>
 #include <model/vantle/MemArray.hpp>
 
@@ -16,7 +17,8 @@ namespace Vantle {
 /// position on a common face belongs to the cell that comes first, i fastest.
 ///
 /// Degenerate   cells with a corner that is not finite contain nothing. In cells that are flat, folded or turned
-///              inside out a position may be found at any of the places that are mapped to it, or not at all.
+///              inside out a position may be found at any of the places that are mapped to it, or not at all. Vertices
+///              that are far away from all others, as those that stand for none, do no harm to cells without them.
 /// Failure      silent.
 /// Concurrency  immutable once constructed: queries may come from any number of threads.
 /// Cost         about 13 bytes a cell, built in a few passes over the vertices. A query tests the boxes of some cells,
@@ -27,8 +29,10 @@ public:
     using MultiIndex3 = MultiIndex<3>;
     using CoordsArray_t = MemArray<3, point>;
 
-    /// Bound of |x(uvw) - P| for a result, as a part of the cell's diagonal (of the largest of the four).
+    /// Bound of |x(uvw) - P| for a result, as a part of the cell's diagonal (of the largest of the four); or, where
+    /// that is larger, so many units in the last place of the largest coordinate of the cell.
     static constexpr double RelativeResidual = 1e-10;
+    static constexpr double ResidualUnits = 4.0;
 
     /// Builds the search structure. The array is shared with the caller, and must not change while the locator lives.
     /// Null coordinates are an empty block. Failure: std::length_error beyond 2^32 - 2 cells.
@@ -37,13 +41,13 @@ public:
     ExactCellLocator(const ExactCellLocator&) = delete;
     ExactCellLocator& operator=(const ExactCellLocator&) = delete;
 
-    /// 1 when the position is in the block, with its fractional index in `uvw` and, if asked for, the cell; 0, with
-    /// both untouched, when it is outside. A component of `uvw` is within the closed range of the cell.
-    unsigned int locate(const point& P, point& uvw, MultiIndex3* cell = nullptr) const;
+    /// Finds the position, and tells the cell if asked for it: `Found`, or `NotFound` when it is outside, with `cell`
+    /// untouched. A component of the result is within the closed range of the cell.
+    [[nodiscard]] CellLocation locate(const point& P, MultiIndex3* cell = nullptr) const;
 
-    /// The same for many positions at once, whose searches share much if they lie within a few cells of each other: the
-    /// results in `codes`, and the fractional indices of those found in `uvw`. All three have the same length.
-    void locate(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes) const;
+    /// The same for many positions at once, whose searches share much if they lie within a few cells of each other.
+    /// Both sequences have the same length.
+    void locate(std::span<const point> points, std::span<CellLocation> found) const;
 
     /// Whether a cell has the position, and if so, the fractional index of it in `uvw`. On common faces each cell does.
     /// False for cells that the block does not have.
@@ -54,7 +58,7 @@ public:
 private:
     struct Search;
 
-    void locateNeighbours(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes) const;
+    void locateNeighbours(std::span<const point> points, std::span<CellLocation> found) const;
 
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;
     std::unique_ptr<const Search> mySearch;

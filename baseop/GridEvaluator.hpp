@@ -10,6 +10,7 @@
 #include <model/vantle/MemArray.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,22 +21,30 @@ class FragmentSearchBase;
 template<class Point>
 class FragmentSearch;
 
+/// How an evaluation searches.
+struct VANTLE_BASEOP_API EvaluationOptions : LocatorOptions {
+    /// Names the evaluation; for the caller's use.
+    std::string label;
+};
+
 /// Locates positions, and interpolates fields there.
 ///
 /// Which fragment has a position: the first in the order of the positions field that claims it.
 /// - A uniform fragment claims every position, also outside of it: values continue those of its border.
 /// - A rectilinear fragment claims what lies between the ends of its axes, ends included.
 /// - A curvilinear fragment asks the point location of the whole grid (`LocalFromWorldPoint`), and a position found in
-///   any fragment of the grid is found. Each position tried is reported, found or not.
+///   any fragment of the grid is found. Each position tried is reported, found or not, to whoever listens.
 /// - A fragment of unstructured points claims nothing, and says so for each position.
 ///
 /// Laws         results, recorded fragments, statuses and the order of the messages about positions do not depend on
-///              the number of threads.
+///              the number of threads, nor results on whether anybody listens.
 /// Degenerate   positions with NaN are claimed by no fragment.
 /// Concurrency  `find` from one thread at a time, and while nothing is evaluated; it searches on all cores. Evaluation
-///              may come from any number of threads.
-/// Cost         `find`: a location each position; 41 bytes each are kept. Evaluation: one interpolation each position,
-///              on all cores; a field's arrays are looked up once a fragment.
+///              may come from any number of threads. Any number of evaluators may work on one source at the same time,
+///              as long as nobody changes it.
+/// Cost         `find`: a location each position; 41 bytes each are kept. With somebody listening, 25 to 50 bytes of
+///              text each position and curvilinear fragment tried. Evaluation: one interpolation each position, on all
+///              cores; a field's arrays are looked up once a fragment.
 class VANTLE_BASEOP_API GridEvaluator {
 public:
     using point = Orvix::PhysicalSpace::point;
@@ -49,18 +58,19 @@ public:
     static constexpr int NotLocated = 0;
 
     /// What a search needs besides the positions: where the source grid is, and how it is searched.
-    struct VANTLE_BASEOP_API Context {
+    struct VANTLE_BASEOP_API Context : EvaluationOptions {
         /// Without slice or grid nothing is found in curvilinear fragments.
         Hestra::StrongPtr<Slice> slice;
         Hestra::StrongPtr<Grid> grid;
         std::string coordinateField = kPositionsName;
-        double resolution = LocationDefaults::Resolution;
-        double precision = LocationDefaults::Precision;
-        Orvix::PhysicalSpace::vector scale = LocationDefaults::TreeScale;
-        /// Names the evaluation; for the caller's use.
-        std::string label;
-        /// Curvilinear fragments are searched by exact cell locators instead of linear solves.
+        /// The same as `cellLocator = CellLocator::Exact`, which says what is meant.
         bool flag = false;
+
+        [[nodiscard]] LocatorOptions locatorOptions() const {
+            LocatorOptions options = *this;
+            if (flag) options.cellLocator = CellLocator::Exact;
+            return options;
+        }
     };
 
     GridEvaluator();
@@ -97,7 +107,8 @@ public:
                                                                      const Field& source) const;
     /// Writes the values into `out`, one each position; what was not located keeps its value.
     ///
-    /// Failure  false, with `out` unchanged, for the reasons above. An empty `out` succeeds without a `find`.
+    /// Failure  false, with `out` unchanged, for the reasons above, and before the first `find` of any position. An
+    ///          empty `out` fits after each.
     template<class T>
     [[nodiscard]] bool evalType(std::vector<T>& out, const Field& source) const;
     /// The same at other fractional indices in the fragments where the positions were found; for sources of rank `N`,
@@ -116,24 +127,35 @@ public:
     /// In which fragment: a new array, of containers of none or one. The one is null for unfragmented data. Null
     /// before the first `find`.
     [[nodiscard]] Hestra::StrongPtr<Fragments> fragments() const;
-    /// How position `k` was found: 0 not at all, 1 exactly, 2 approximately.
-    [[nodiscard]] unsigned int resultCode(std::size_t k) const { return myCodes[k]; }
+    /// How position `k` was found.
+    [[nodiscard]] LocationResult resultCode(std::size_t k) const { return myCodes[k]; }
 
 private:
+    template<int N, class T>
+    struct Blocks;
+
     template<class Positions>
-    void findForSpecificDestinationPositions(const Positions& positions, const Field& sourcePositions,
-                                             const Context& context);
+    void findForSpecificDestinationPositions(const MultiIndex<3>& extents, const Positions& positions,
+                                             const Field& sourcePositions, const Context& context);
+
+    template<int N, class T>
+    [[nodiscard]] bool collect(Blocks<N, T>& blocks, const Field& source) const;
+    template<int N, class T>
+    void interpolate(std::vector<T>& out, const CreativeIterator<Orvix::FixedArray<double, N>>& indices,
+                     const Blocks<N, T>& blocks) const;
 
     std::unique_ptr<FragmentSearch<point>> mySearch;
     Hestra::StrongPtr<Statuses> myStatuses;
     Hestra::StrongPtr<Indices> myIndices;
-    std::vector<unsigned char> myCodes;
+    std::vector<LocationResult> myCodes;
     /// Numbers in the table of fragments; the containers that they stand for are made when asked for.
     std::vector<std::uint32_t> myFragmentNumbers;
     std::vector<Hestra::StrongPtr<FragmentID>> myFragmentTable;
 };
 
 /// What searches have in common: the point location of the source grid, made when first needed.
+///
+/// Concurrency  any number of threads may ask for the point location, which is made once.
 class VANTLE_BASEOP_API FragmentSearchBase {
 public:
     explicit FragmentSearchBase(const GridEvaluator::Context& context);
@@ -141,21 +163,30 @@ public:
     FragmentSearchBase(const FragmentSearchBase&) = delete;
     FragmentSearchBase& operator=(const FragmentSearchBase&) = delete;
 
-    /// Whether a search of this context could go on with what was made for this one: same grid, same coordinates,
-    /// same parameters.
+    /// Whether a search of this context could go on with what was made for this one: same grid, same coordinates that
+    /// are no newer, same parameters.
     [[nodiscard]] bool serves(const GridEvaluator::Context& context) const;
-    /// The point location; any number of threads may ask.
+    /// The point location; making it is reported.
     [[nodiscard]] const LocalFromWorldPoint& locator();
+    /// As `LocalFromWorldPoint::locate`, without a word. If the positions have numbers in an order, what is to be said
+    /// is said by `tell` afterwards, for those in their order that are not silent or that `forEachDue` calls `f` with.
+    void locate(std::span<const Orvix::PhysicalSpace::point> positions, std::span<LocalFromWorldPoint::Location> found,
+                std::span<const std::size_t> numbers);
+    void forEachDue(const std::function<void(std::size_t)>& f);
+    void tell(const Orvix::PhysicalSpace::point& p);
 
 protected:
     GridEvaluator::Context myContext;
 
 private:
     struct Shared;
+    const LocalFromWorldPoint& make(bool isHeard);
     std::unique_ptr<Shared> myShared;
 };
 
 /// The search of one position in one fragment.
+///
+/// Concurrency  one thread at a time.
 template<>
 class VANTLE_BASEOP_API FragmentSearch<Orvix::PhysicalSpace::point> : public FragmentSearchBase {
 public:

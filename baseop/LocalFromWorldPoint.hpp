@@ -8,11 +8,13 @@
 /// Local coordinates are fractional indices of the fragment: vertex (i, j, k) has coordinates (i, j, k).
 
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/CellLocation.hpp>
 #include <baseop/PointSearch.hpp>
 #include <model/orvix/KDTree.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/DirectProduct.hpp>
 
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -21,6 +23,10 @@
 namespace Vantle {
 
 class CartesianFragments;
+class FragmentSearchBase;
+namespace detail {
+enum class Hearing;
+}
 
 /// What searches use unless told otherwise.
 namespace LocationDefaults {
@@ -51,11 +57,19 @@ enum class CellLocator {
     Exact,
 };
 
-/// How curvilinear fragments are searched.
+/// How a locator searches. The guide page says when to change what.
 struct VANTLE_BASEOP_API LocatorOptions {
-    CellLocator cellLocator = CellLocator::Newton;
-    /// Width of the rim within which `Newton` and `Projective` accept a position, in cells.
+    /// Unicells of a unigrid mapper per mean edge length, divided by 1.2; more than 0.
+    double resolution = LocationDefaults::Resolution;
+    /// Distance at which a solve of a unigrid mapper ends, in per cent of the mean edge length; 0 or more.
+    double precision = LocationDefaults::Precision;
+    /// Half widths of the search box of tree mappers, in largest edge extents; 1 or more.
+    Orvix::PhysicalSpace::vector scale = LocationDefaults::TreeScale;
+    /// Width of the rim within which `Newton` and `Projective` accept a position, in cells; 0 or more.
     double gridEpsilon = LocationDefaults::GridEpsilon;
+    CellLocator cellLocator = CellLocator::Newton;
+
+    [[nodiscard]] bool operator==(const LocatorOptions&) const = default;
 };
 
 /// The result of a location.
@@ -67,10 +81,13 @@ struct VANTLE_BASEOP_API LocalPoint {
 };
 
 /// Finds the cell of one curvilinear fragment that holds a position. Made for each query, on the stack.
+///
+/// Concurrency  one thread at a time; any number of these may ask one structure.
 class VANTLE_BASEOP_API CurvilinearCell {
 public:
     virtual ~CurvilinearCell();
-    /// 0 not found, 1 found, 2 accepted approximately, -1 when there is no search structure.
+    /// 0 not found, 1 found, 2 accepted approximately, -1 when there is no search structure. Reports what the
+    /// structure's own query reports.
     virtual int pointInCell(const Orvix::PhysicalSpace::point& p) = 0;
 
     /// Local coordinates of the last hit; (-1, -1, -1) before the first.
@@ -82,33 +99,42 @@ protected:
     CurvilinearCell() = default;
     CurvilinearCell(const CurvilinearCell&) = default;
     CurvilinearCell& operator=(const CurvilinearCell&) = default;
+    int take(const CellLocation& found) noexcept;
 
     Orvix::PhysicalSpace::point myLocal{-1.0, -1.0, -1.0};
     int myResult = 0;
 };
 
-/// By the linear solves of a unigrid mapper, which outlives this object; null is allowed.
+/// By the linear solves of a unigrid mapper. A mapper given by its address outlives this object; a handle keeps it
+/// alive. Null is allowed.
 class VANTLE_BASEOP_API HexaHedralCellNewton : public CurvilinearCell {
 public:
     explicit HexaHedralCellNewton(const UniGridMapper* mapper, double gridEpsilon = LocationDefaults::GridEpsilon)
         : myMapper(mapper), myEpsilon(gridEpsilon) {}
+    explicit HexaHedralCellNewton(const Hestra::StrongPtr<UniGridMapper, UniGridMapper>& mapper,
+                                  double gridEpsilon = LocationDefaults::GridEpsilon);
     ~HexaHedralCellNewton() override;
     int pointInCell(const Orvix::PhysicalSpace::point& p) override;
 
 private:
+    Hestra::StrongPtr<UniGridMapper, UniGridMapper> myOwner;
     const UniGridMapper* myMapper;
     double myEpsilon;
 };
 
-/// By the projective map of the cells in the unigrid mapper, which outlives this object; null is allowed.
+/// By the projective map of the cells in the unigrid mapper, which is given alike. Where the mapper has no cells the
+/// position is not found.
 class VANTLE_BASEOP_API ProjectiveCell : public CurvilinearCell {
 public:
     explicit ProjectiveCell(const UniGridMapper* mapper, double gridEpsilon = LocationDefaults::GridEpsilon)
         : myMapper(mapper), myEpsilon(gridEpsilon) {}
+    explicit ProjectiveCell(const Hestra::StrongPtr<UniGridMapper, UniGridMapper>& mapper,
+                            double gridEpsilon = LocationDefaults::GridEpsilon);
     ~ProjectiveCell() override;
     int pointInCell(const Orvix::PhysicalSpace::point& p) override;
 
 private:
+    Hestra::StrongPtr<UniGridMapper, UniGridMapper> myOwner;
     const UniGridMapper* myMapper;
     double myEpsilon;
 };
@@ -124,20 +150,26 @@ private:
     const ExactCellLocator* myLocator;
 };
 
-/// Finds the cell of a rectilinear fragment, whose coordinates outlive this object.
+/// Finds the cell of a rectilinear fragment. Coordinates given as an object outlive this one; a handle, which must not
+/// be null, keeps them alive.
 class VANTLE_BASEOP_API RectilinearInterpolation {
 public:
     using Coordinates = DirectProductMemArray<Orvix::PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
     explicit RectilinearInterpolation(const Coordinates& coordinates) : myCoordinates(coordinates) {}
+    explicit RectilinearInterpolation(const Hestra::StrongPtr<Coordinates>& coordinates)
+        : myOwner(coordinates), myCoordinates(*coordinates) {}
     /// True, with the fractional indices in `uvw`, when `p` lies between the ends of all axes, ends included. False
     /// otherwise and for NaN, with `uvw` untouched.
     bool find_rectilinear_cell(const Orvix::PhysicalSpace::point& p, Orvix::PhysicalSpace::point& uvw) const noexcept;
 
 private:
+    Hestra::StrongPtr<Coordinates> myOwner;
     const Coordinates& myCoordinates;
 };
 
 /// The fragments whose closed boxes contain a point, by ascending number.
+///
+/// Concurrency  one thread at a time; any number of these may look into one tree.
 class VANTLE_BASEOP_API BBSelectorMemoryTree {
 public:
     /// Returned after the last fragment.
@@ -168,6 +200,9 @@ private:
 
 /// The point location over one coordinate field of one grid.
 ///
+/// `get` and `getViaTree` report to whoever listens: what is built for them, and what the structures' own queries say.
+/// `locate` gives the results of `get` without a word. Nobody's listening changes a result.
+///
 /// Degenerate   NaN, infinite and far positions are in no box, and not found. A fragment without coordinates, of
 ///              another kind, or without cells is passed over.
 /// Failure      without grid or coordinate field a message, and no query finds anything. A search structure that cannot
@@ -175,14 +210,13 @@ private:
 ///              std::bad_alloc leaves a query. Without a slice there is no place for structures: curvilinear fragments
 ///              are skipped.
 /// Age          a locator keeps to the coordinates that it was made with (`isCurrent`); made anew, it lets go of all
-/// that
-///              is kept of older ones and begins anew, too. Whoever writes into an array in place calls `touch()` on
-///              the field and the fragment's creator.
-/// Concurrency  construct from one thread at a time. Queries may come from any number of threads, also of different
-///              locators: a missing structure is looked up, built and stored inside the unnamed OpenMP critical
-///              section, once. Queries do not enter it after that.
-/// Cost         one box test per nearby fragment, and one query of its structure; no allocation, no reference counting
-///              (`locate`), once the structures exist.
+///              that is kept of older ones and begins anew, too. Whoever writes into an array in place calls `touch()`
+///              on the field and the fragment's creator.
+/// Concurrency  any number of threads may make locators of one grid, and query any of them, as long as nobody changes
+///              the grid, its fields or the slice otherwise: a missing structure is looked up, built and stored inside
+///              the unnamed OpenMP critical section, once. Queries do not enter it after that.
+/// Cost         one box test per nearby fragment, and one query of its structure; no allocation and, by `locate`, no
+///              reference counting, once the structures exist.
 class VANTLE_BASEOP_API LocalFromWorldPoint {
 public:
     using point = Orvix::PhysicalSpace::point;
@@ -195,18 +229,23 @@ public:
     /// A result in plain values.
     struct Location {
         point localCoordinates;
-        /// 0 not found, 1 found, 2 accepted approximately. Without meaning otherwise: coordinates and fragment of 0.
-        unsigned int code = 0;
+        /// Without a hit coordinates and fragment mean nothing.
+        LocationResult code = LocationResult::NotFound;
+        /// Whether `get` would say nothing about this position, once all structures are there.
+        bool isSilent = true;
         /// Position of the fragment in the coordinate field's iteration order.
         unsigned int fragment = 0;
-        [[nodiscard]] explicit operator bool() const noexcept { return code != 0; }
+        [[nodiscard]] explicit operator bool() const noexcept { return code != LocationResult::NotFound; }
     };
 
-    LocalFromWorldPoint(const Hestra::StrongPtr<Slice>& slice, const Hestra::StrongPtr<Grid>& grid,
+    /// Slice and grid may be objects or handles.
+    LocalFromWorldPoint(const detail::Given<Slice>& slice, const detail::Given<Grid>& grid,
                         const std::string& coordinateField = kPositionsName,
                         double resolution = LocationDefaults::Resolution,
                         double precision = LocationDefaults::Precision,
-                        const vector& scale = LocationDefaults::TreeScale, const Options& options = {});
+                        const vector& scale = LocationDefaults::TreeScale);
+    LocalFromWorldPoint(const detail::Given<Slice>& slice, const detail::Given<Grid>& grid,
+                        const std::string& coordinateField, const LocatorOptions& options);
     ~LocalFromWorldPoint();
     LocalFromWorldPoint(const LocalFromWorldPoint&) = delete;
     LocalFromWorldPoint& operator=(const LocalFromWorldPoint&) = delete;
@@ -217,24 +256,18 @@ public:
     bool getViaTree(const point& p, LocalPoint& result) const;
     /// The same for the world position that the local coordinates hold on entry.
     bool getViaTree(LocalPoint& result) const;
-    /// As `get`, without counting references.
+
+    /// What `get` finds, without a word and without counting references.
     [[nodiscard]] Location locate(const point& p) const;
+    /// The same for many positions at once, on all cores. Searches share much if 64 positions in a row lie within a
+    /// few cells of each other. Both sequences have the same length.
+    void locate(std::span<const point> positions, std::span<Location> found) const;
 
-    /// The code of `locateSilently` for what it leaves to `locate`.
-    static constexpr unsigned int Undecided = 3;
-    /// As `locate` for many positions at once, whose searches share much if they lie within a few cells of each other.
-    /// Both sequences have the same length.
-    ///
-    /// Nothing is printed or built: positions whose query might do so get the code `Undecided`. They are those in
-    /// fragments that no query has reached yet, those that take a solve of several steps, and, with the projective
-    /// locator, all.
-    void locateSilently(std::span<const point> positions, std::span<Location> found) const;
-
-    /// Whether there are a grid and a coordinate field.
-    [[nodiscard]] bool isValid() const noexcept { return bool(myField); }
     /// Whether the coordinates are still those that this locator was made with: if not, its answers are those of
     /// before, in part, and another one is to be made.
     [[nodiscard]] bool isCurrent() const;
+    /// Whether there are a grid and a coordinate field.
+    [[nodiscard]] bool isValid() const noexcept { return bool(myField); }
     [[nodiscard]] std::size_t nFragments() const noexcept { return myBoxes.size(); }
     /// Fragment `n` in the coordinate field's iteration order; null for unfragmented data.
     [[nodiscard]] const Hestra::StrongPtr<FragmentID>& fragmentID(unsigned int n) const;
@@ -255,21 +288,30 @@ public:
                                      const point& origin, const vector& direction, vector& normal) const;
 
 private:
+    friend class FragmentSearchBase;
     struct Fragment;
+    enum class Way : unsigned char;
 
     [[nodiscard]] static PointSearch makeSearch(const Hestra::StrongPtr<Slice>& slice,
                                                 const Hestra::StrongPtr<Grid>& grid, const std::string& name);
+    void findTree();
     void collectFragments(CartesianFragments& properties);
     void fillTree();
-    template<class Mapper, class Make>
-    [[nodiscard]] const Mapper* mapper(unsigned int number, Fragment& fragment, const char* what,
-                                       const Make& make) const;
-    [[nodiscard]] const UniGridMapper* uniMapper(unsigned int number, Fragment& fragment) const;
-    [[nodiscard]] const TreeCellMapper* treeMapper(unsigned int number, Fragment& fragment) const;
-    [[nodiscard]] const ExactCellLocator* exactLocator(unsigned int number, Fragment& fragment) const;
-    void locateNeighbours(std::span<const point> positions, std::span<Location> found) const;
-    template<class InCurvilinear>
-    [[nodiscard]] Location search(const point& p, const InCurvilinear& inCurvilinear) const;
+
+    template<class Structure>
+    const Structure* structure(unsigned int number, detail::Hearing hearing) const;
+    [[nodiscard]] Way wayOfOptions() const noexcept;
+    void ask(Way way, unsigned int number, std::span<const point> points, std::span<CellLocation> found,
+             detail::Hearing hearing) const;
+    [[nodiscard]] bool askAloud(Way way, unsigned int number, const point& p) const;
+    template<std::size_t Capacity>
+    bool search(std::span<const point> positions, std::span<Location> found, Way way,
+                std::span<const std::size_t> numbers) const;
+    bool get(const point& p, LocalPoint& result, Way way) const;
+    void locate(std::span<const point> positions, std::span<Location> found,
+                std::span<const std::size_t> numbers) const;
+    void tell(const point& p, Way way) const;
+    void forEachDue(const std::function<void(std::size_t)>& f) const;
     [[nodiscard]] const MemArray<3, point>* curvilinear(const Hestra::StrongPtr<FragmentID>& fragment,
                                                         const MultiIndex<3>& cell) const;
 
@@ -281,10 +323,7 @@ private:
     std::vector<BBSelectorMemoryTree::Box> myBoxes;
     std::unique_ptr<Fragment[]> myFragments;
     bool myIsComplete = true; // whether every fragment has its place in the fragment coordinates
-    double myResolution;
-    double myPrecision;
-    vector myScale;
-    Options myOptions;
+    LocatorOptions myOptions;
 };
 
 } // namespace Vantle

@@ -1,5 +1,6 @@
 #include <baseop/FragmentSkeleton.hpp>
 #include <baseop/PointSearch.hpp>
+#include <baseop/detail/location/GridLock.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/orvix/KDTree.hpp>
 
@@ -10,23 +11,29 @@ using Hestra::StrongPtr;
 PointSearch::exception::~exception() = default;
 PointSearch::NoVertices::~NoVertices() = default;
 
-SkeletonID PointSearch::CellID(const StrongPtr<Grid>& grid) {
+SkeletonID PointSearch::CellID(const detail::Given<Grid>& given) {
+    const StrongPtr<Grid>& grid = given.handle();
     const StrongPtr<Skeleton> vertices = grid ? grid->findVertices() : nullptr;
     if (!vertices) throw NoVertices();
     return SkeletonID(vertices->Dims(), 1);
 }
 
-PointSearch::PointSearch(const StrongPtr<Slice>& slice, const StrongPtr<Grid>& grid, const std::string& coordinateField)
-    : mySlice(slice), myGrid(grid), myName(coordinateField) {
-    if (!grid) return;
-    const SkeletonID cells = CellID(grid);
-    if (!slice) return;
+PointSearch::PointSearch(const detail::Given<Slice>& slice, const detail::Given<Grid>& grid,
+                         const std::string& coordinateField)
+    : mySlice(slice.handle()), myGrid(grid.handle()), myName(coordinateField) {
+    if (!myGrid) return;
+    const detail::GridLock lock(myGrid);
+    const SkeletonID cells = CellID(myGrid);
+    if (!mySlice) return;
 
-    const StrongPtr<Skeleton> fragments = FragmentSkeleton::makeFragments(*grid);
-    const StrongPtr<Skeleton> helperCells = (*(*slice)[myName + UniMappersSuffix])[cells];
+    const StrongPtr<Skeleton> fragments = FragmentSkeleton::makeFragments(*myGrid);
+    const StrongPtr<Skeleton> helperCells = [&] {
+        const auto slices = detail::lockSlices();
+        return (*(*mySlice)[myName + UniMappersSuffix])[cells];
+    }();
     const StrongPtr<Representation> fragmentsAsUniCell = (*fragments)[*helperCells];
 
-    const StrongPtr<Field> coordinates = (*grid)(myName);
+    const StrongPtr<Field> coordinates = (*myGrid)(myName);
     const auto findOrMake = [&](const char* suffix) {
         StrongPtr<Field> field = fragmentsAsUniCell->findField(myName + suffix);
         if (!field) {
@@ -95,8 +102,10 @@ void PointSearch::noteTree(const Field& coordinates, const StrongPtr<FragmentTre
     TreeRecord::attach(coordinates, tree, origin);
 }
 
-StrongPtr<Field> PointSearch::getHelperField(const StrongPtr<Slice>& slice, const StrongPtr<Grid>& grid,
-                                             const std::string& name) {
+StrongPtr<Field> PointSearch::getHelperField(const detail::Given<Slice>& givenSlice,
+                                             const detail::Given<Grid>& givenGrid, const std::string& name) {
+    const StrongPtr<Slice>& slice = givenSlice.handle();
+    const StrongPtr<Grid>& grid = givenGrid.handle();
     const auto missing = [](const char* what) {
         Hestra::Console::puts(std::string("PointSearch::getHelperField() no ") + what);
         return nullptr;

@@ -8,6 +8,7 @@
 /// belongs to the grid and the helper is named after the field, so no two grids or fields ever share a structure.
 
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/detail/Given.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/orvix/KDTree.hpp>
 #include <model/vantle/Bundle.hpp>
@@ -26,8 +27,11 @@ using FragmentTreeInterface = Orvix::KDInterface<3, int>;
 ///
 /// Age          what is stored knows the coordinates that it was made from, and how old they were. Locators let go of
 ///              what is older than they are (`discardOutdated`) before they look for something.
-/// Concurrency  the constructor changes the slice and the grid: one thread at a time. What is stored in the fields is
-///              guarded by whoever stores it (`LocalFromWorldPoint`: the unnamed critical section).
+/// Slice and grid may be objects or handles.
+///
+/// Concurrency  any number of threads may make storages for the grids of a slice, as long as nobody changes them
+///              otherwise; a finished one may be read by any number. What is stored in the fields is guarded by whoever
+///              stores it (`LocalFromWorldPoint`: the unnamed critical section).
 class VANTLE_BASEOP_API PointSearch {
 public:
     /// Base of what is thrown here.
@@ -52,7 +56,7 @@ public:
     /// Finds the storage or makes it, silently. Without slice or grid there is none.
     ///
     /// Failure  throws `NoVertices` for a grid without vertices.
-    PointSearch(const Hestra::StrongPtr<Slice>& slice, const Hestra::StrongPtr<Grid>& grid,
+    PointSearch(const detail::Given<Slice>& slice, const detail::Given<Grid>& grid,
                 const std::string& coordinateField = kPositionsName);
 
     [[nodiscard]] const Hestra::StrongPtr<Slice>& slice() const noexcept { return mySlice; }
@@ -84,12 +88,12 @@ public:
     /// The field of the unigrid mappers of coordinate field `name`, or null. Looks only, and says on standard output
     /// that it was entered and which link is missing.
     [[nodiscard]] static Hestra::StrongPtr<Field>
-    getHelperField(const Hestra::StrongPtr<Slice>& slice, const Hestra::StrongPtr<Grid>& grid, const std::string& name);
+    getHelperField(const detail::Given<Slice>& slice, const detail::Given<Grid>& grid, const std::string& name);
     /// Whether a field has an entry for this fragment; false for the null field.
     [[nodiscard]] static bool hasLookupFragment(const Hestra::StrongPtr<Field>& field,
                                                 const Hestra::StrongPtr<FragmentID>& fragment);
     /// The key of the grid's cells. Throws `NoVertices` when there is no grid, or no vertices in it.
-    [[nodiscard]] static SkeletonID CellID(const Hestra::StrongPtr<Grid>& grid);
+    [[nodiscard]] static SkeletonID CellID(const detail::Given<Grid>& grid);
 
 private:
     Hestra::StrongPtr<Slice> mySlice;

@@ -1,5 +1,5 @@
 #include <baseop/TreeCellMapper.hpp>
-#include <baseop/detail/BlockVertices.hpp>
+#include <baseop/detail/location/BlockVertices.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/orvix/CellMap.hpp>
 

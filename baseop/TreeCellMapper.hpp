@@ -75,3 +75,7 @@ private:
     double myMaximalLength = 0.0;
     MultiIndex3 myLastCell;
 };
+
+namespace Vantle {
+using ::TreeCellMapper;
+}

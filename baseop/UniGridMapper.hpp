@@ -2,6 +2,7 @@
 /// Point location in one curvilinear block, through a uniform grid of lists of cells.
 
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/CellLocation.hpp>
 #include <model/hestra/Reference.hpp>
 #include <model/orvix/BoundingBox.hpp>
 #include <model/vantle/MemArray.hpp>
@@ -22,14 +23,14 @@
 ///
 /// Degenerate   a block without cells answers every query with "not found". Cells whose corners have a NaN are never
 ///              found. Cells that are flat, or whose edges are shorter than about 5e-4, count as degenerate: each
-///              query that tries one prints "WHAT?" 102 times.
-/// Failure      messages on standard output, and a `false` or 0 result. std::bad_alloc where there is no memory for the
-///              lists.
+///              reporting query that tries one prints "WHAT?" 102 times.
+/// Failure      messages, to whoever listens, and a `false` or 0 result. std::bad_alloc where there is no memory.
 /// Concurrency  queries may come from any number of threads: nothing they see changes, and the lists are made once.
 /// Cost         14 bytes a cell for the boxes that tell queries which cells of a list can react at all. A query tries
 ///              one or two cells, however long the list is; nothing is allocated. The lists themselves, 4 bytes an
 ///              entry and 4 bytes a unicell, are made when one is first needed: by `curviCells`, by projective
-///              queries, where a solve gives up, and, from the 17th miss on, for what is left in `uvw`.
+///              queries, and where a solve gives up. If they would have more than `MaximalListEntries` entries they
+///              are not made, and such queries go through all cells of the block each.
 class VANTLE_BASEOP_API UniGridMapper : public Hestra::ReferenceBase<UniGridMapper> {
 public:
     using point = Orvix::PhysicalSpace::point;
@@ -46,13 +47,14 @@ public:
         MultiIndex3 cell;
     };
 
-    /// Largest number of unicells, and of entries in all lists together.
+    /// Largest number of unicells.
     static constexpr Vantle::index_t MaximalUnicells = Vantle::index_t{1} << 27;
+    /// Largest number of entries in all lists together that are made.
     static constexpr Vantle::index_t MaximalListEntries = Vantle::index_t{1} << 28;
     /// Steps after which a solve gives up.
     static constexpr int MaximalIterations = 102;
 
-    /// Builds the search structure, and prints how long the longest list is.
+    /// Builds the search structure, and tells whoever listens how long the longest list is.
     ///
     /// `resolution` is the number of unicells per mean edge length of the block's cells, divided by 1.2: larger means
     /// finer. The mean is a running one, in which the edges of the last cells weigh most; this is on purpose.
@@ -61,7 +63,7 @@ public:
     ///
     /// Degenerate  an axis gets at least two unicells; a coarser one prints a warning. Null coordinates are an empty
     ///             block.
-    /// Failure     std::length_error beyond the limits above, found by counting.
+    /// Failure     std::length_error for more unicells than the limit above, in a block that has cells.
     UniGridMapper(const Hestra::StrongPtr<CoordsArray_t>& coordinates, double resolution, double precision);
     ~UniGridMapper() override;
     UniGridMapper(const UniGridMapper&) = delete;
@@ -94,26 +96,25 @@ public:
 
     /// The whole query: 1 and the coordinates of `p`, 0 when no cell has it, or 2 when none has it and one was missed
     /// narrowly: when its last iterate is at most one cell off, and within the block widened by `grid_epsilon`. Of
-    /// several such the first counts, with its iterate.
+    /// several such the first counts, with its iterate. A solve that gives up leaves the iterate of the cell before, or
+    /// the value that `uvw` has on entry, to be judged.
     ///
-    /// `uvw` is meaningful for 1 and 2; otherwise it may hold the last iterate of the last cell tried.
+    /// `uvw` is unspecified where the result is 0.
     unsigned int localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon) const;
 
-    /// As above, with `uvw` untouched where the result is 0: no list is needed for what it would hold.
-    unsigned int locate(const point& p, point& uvw, double grid_epsilon) const;
-
-    /// The code of `locateSilently` for what it leaves to `locate`.
-    static constexpr unsigned char Undecided = 3;
-    /// As `locate` for many points at once, whose searches share much if they lie within a few cells of each other. The
-    /// three sequences have the same length. Nothing is printed: points whose query might do so get `Undecided`; they
-    /// are few in good blocks.
-    void locateSilently(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes,
-                        double grid_epsilon) const;
+    /// The same without a word, also for many points at once, whose searches share much if they lie within a few cells
+    /// of each other. Both sequences have the same length.
+    [[nodiscard]] Vantle::CellLocation locate(const point& p, double grid_epsilon,
+                                              const point& start = {-1.0, -1.0, -1.0}) const;
+    void locate(std::span<const point> points, std::span<Vantle::CellLocation> found, double grid_epsilon) const;
 
     /// The query through the projective map of the cells: 1 and the coordinates of the first cell whose unit cube,
     /// widened by `grid_epsilon`, has the point; 0 when none has it. Where there is no list, outside of the box above
     /// all, the answer is 1 too, with `uvw` untouched: callers ask `inUniCell` first.
     unsigned int localCellCoordinatesFromCurviGridProjective(const point& p, point& uvw, double grid_epsilon) const;
+
+    /// That query without a word, and without a false hit: not found where there is no list.
+    [[nodiscard]] Vantle::CellLocation locateProjectively(const point& p, double grid_epsilon) const;
 
     /// The vertices; null only if the mapper was made so.
     [[nodiscard]] const Hestra::StrongPtr<CoordsArray_t>& coordinates() const noexcept { return myCoordinates; }
@@ -124,21 +125,17 @@ public:
     [[nodiscard]] const Orvix::PhysicalSpace::vector& unicellSize() const noexcept { return myUnicellSize; }
     /// The distance at which a solve ends, in world units.
     [[nodiscard]] double precision() const noexcept { return myPrecision; }
-    /// Length of the longest list.
-    [[nodiscard]] int maximalListLength() const noexcept { return myMaximalListLength; }
+    /// Length of the longest list. Counted when first asked for, or when the constructor has told it.
+    [[nodiscard]] int maximalListLength() const;
 
 private:
     struct Search;
     class Query;
-    enum class Answer { Missing, Found, NearMiss, Undecided };
 
-    static unsigned char codeOf(Answer answer) noexcept;
-    void locateNeighbours(std::span<const point> points, std::span<point> uvw, std::span<unsigned char> codes,
+    void locateNeighbours(std::span<const point> points, std::span<Vantle::CellLocation> found,
                           double grid_epsilon) const;
-    unsigned char locateSilently(const point& p, point& uvw, double grid_epsilon) const;
-    template<bool LeavesLast>
-    unsigned int query(const point& p, point& uvw, double grid_epsilon) const;
-
+    [[nodiscard]] bool isRecorded(const MultiIndex3& cell) const;
+    [[nodiscard]] int longestList(bool aloud) const;
     void measure(double resolution, double precision);
     void addReach();
 
@@ -147,6 +144,9 @@ private:
     Orvix::PhysicalSpace::vector myUnicellSize;
     MultiIndex3 myUnigridSize;
     double myPrecision = 0.0;
-    int myMaximalListLength = 0;
     std::unique_ptr<Search> mySearch;
 };
+
+namespace Vantle {
+using ::UniGridMapper;
+}

@@ -1,19 +1,21 @@
 // A scalar of eight distorted curvilinear blocks, evaluated at the vertices of a uniform grid: location, location and
 // interpolation, beside the solve and interpolation that remain when the cells are known beforehand.
 //
-// Messages of the searches go to a temporary file; `Locate` is the same search without them.
+// Messages of the searches go to a temporary file, or to nobody.
 
 #include <baseop/EvalGrid.hpp>
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Interpolate.hpp>
 #include <baseop/UniGridMapper.hpp>
+#include <model/hestra/Console.hpp>
 #include <model/vantle/GridKinds.hpp>
 
 #include <benchmark/benchmark.h>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <unistd.h>
 
 namespace {
@@ -100,7 +102,7 @@ const Fixture& fixture() {
 
 GridEvaluator::Context contextOf(bool exact) {
     GridEvaluator::Context context = fixture().context;
-    context.flag = exact;
+    if (exact) context.cellLocator = CellLocator::Exact;
     return context;
 }
 
@@ -110,11 +112,13 @@ LocatorOptions optionsOf(bool exact) {
     return options;
 }
 
-/// Location through the evaluator, its messages included.
-void Find(benchmark::State& state) {
+/// Location through the evaluator, its messages included unless nobody listens.
+void Find(benchmark::State& state, bool isHeard) {
     const Fixture& data = fixture();
     const GridEvaluator::Context context = contextOf(state.range(0) != 0);
     ToFile file;
+    std::optional<Hestra::ScopedListener> nobody;
+    if (!isHeard) nobody.emplace(Hestra::Console::Listener());
     GridEvaluator evaluator;
     evaluator.find(data.positions, *data.source->CartesianPositions(), context);
     for (auto _ : state) {
@@ -124,7 +128,8 @@ void Find(benchmark::State& state) {
         evaluator.find(data.positions, *data.source->CartesianPositions(), context);
     }
     std::size_t found = 0;
-    for (std::size_t k = 0; k < data.positions->nElements(); ++k) found += evaluator.resultCode(k) != 0;
+    for (std::size_t k = 0; k < data.positions->nElements(); ++k)
+        found += evaluator.resultCode(k) != LocationResult::NotFound;
     state.counters["found"] = static_cast<double>(found) / static_cast<double>(data.positions->nElements());
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * data.positions->nElements()));
 }
@@ -146,18 +151,17 @@ void FindAndEvaluate(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * data.positions->nElements()));
 }
 
-/// The same location without messages, each position by itself.
+/// The same location, each position by itself.
 void Locate(benchmark::State& state) {
     const Fixture& data = fixture();
     ToFile file;
-    const LocalFromWorldPoint locator(data.slice, data.source, "Positions", 1.0, 0.01, LocationDefaults::TreeScale,
-                                      optionsOf(state.range(0) != 0));
+    const LocalFromWorldPoint locator(data.slice, data.source, "Positions", optionsOf(state.range(0) != 0));
     const auto n = static_cast<long long>(data.positions->nElements());
     for (auto _ : state) {
         long long found = 0;
 #pragma omp parallel for schedule(dynamic, 2048) reduction(+ : found)
         for (long long k = 0; k < n; ++k)
-            found += locator.locate(data.positions->create(static_cast<index_t>(k))).code != 0;
+            found += bool(locator.locate(data.positions->create(static_cast<index_t>(k))));
         benchmark::DoNotOptimize(found);
     }
     state.SetItemsProcessed(state.iterations() * n);
@@ -167,8 +171,7 @@ void Locate(benchmark::State& state) {
 void LocateNeighbours(benchmark::State& state) {
     const Fixture& data = fixture();
     ToFile file;
-    const LocalFromWorldPoint locator(data.slice, data.source, "Positions", 1.0, 0.01, LocationDefaults::TreeScale,
-                                      optionsOf(state.range(0) != 0));
+    const LocalFromWorldPoint locator(data.slice, data.source, "Positions", optionsOf(state.range(0) != 0));
     for (index_t k = 0; k < data.positions->nElements(); k += 97) (void)locator.locate(data.positions->create(k));
     constexpr long long side = lattice / 4;
     for (auto _ : state) {
@@ -183,8 +186,8 @@ void LocateNeighbours(benchmark::State& state) {
             std::size_t n = 0;
             do positions[n++] = (*data.positions)[first + offset];
             while (offset.advance({4, 4, 4}));
-            locator.locateSilently(positions, locations);
-            for (const auto& location : locations) found += location.code == 1 || location.code == 2;
+            locator.locate(positions, locations);
+            for (const auto& location : locations) found += bool(location);
         }
         benchmark::DoNotOptimize(found);
     }
@@ -269,7 +272,8 @@ void EvaluateGrid(benchmark::State& state) {
 BENCHMARK(KnownCells)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(Locate)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(LocateNeighbours)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(Find)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_CAPTURE(Find, heard, true)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK_CAPTURE(Find, unheard, false)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(FindAndEvaluate)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(EvaluateGrid)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 

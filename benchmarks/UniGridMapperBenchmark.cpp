@@ -166,10 +166,7 @@ void ExactSolveInKnownCell(benchmark::State& state) {
     });
 }
 void ExactQuery(benchmark::State& state) {
-    run(state, [](const Fixture& f, std::size_t k) {
-        Point uvw;
-        return f.exact.locate(f.positions[k], uvw) == 1;
-    });
+    run(state, [](const Fixture& f, std::size_t k) { return bool(f.exact.locate(f.positions[k])); });
 }
 
 BENCHMARK(BoxOfVertices)->ArgName("cells")->Arg(128)->Unit(benchmark::kMillisecond)->UseRealTime();

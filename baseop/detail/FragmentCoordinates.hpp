@@ -1,30 +1,49 @@
 #pragma once
-/// The coordinates of one fragment, by their kind.
+/// The coordinates of one fragment, classified by their kind: the one place where that is done.
 
 #include <model/vantle/DirectProduct.hpp>
+
+#include <variant>
 
 namespace Vantle::detail {
 
 using UniformCoordinates = DirectProductMemArray<Orvix::PhysicalSpace::point, LinearCoordinateAxisArray, 3>;
 using RectilinearCoordinates = DirectProductMemArray<Orvix::PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
 using CurvilinearCoordinates = MemArray<3, Orvix::PhysicalSpace::point>;
+using PointSet = MemArray<1, Orvix::PhysicalSpace::point>;
 
-/// An array of coordinates and what it is: at most one of the pointers is set, and it lives as long as `data`.
+/// An array of coordinates and what it is. The pointer lives as long as `data`.
 struct FragmentCoordinates {
+    using Kind = std::variant<std::monostate, const UniformCoordinates*, const RectilinearCoordinates*,
+                              CurvilinearCoordinates*, const PointSet*>;
+
     FragmentCoordinates() = default;
     explicit FragmentCoordinates(const Hestra::StrongPtr<MemBase>& array) : data(array) {
-        MemBase* const raw = array.rawptr();
-        if (!raw) return;
-        if ((uniform = dynamic_cast<const UniformCoordinates*>(raw))) return;
-        if ((curvilinear = dynamic_cast<CurvilinearCoordinates*>(raw))) return;
-        rectilinear = dynamic_cast<const RectilinearCoordinates*>(raw);
+        using Points = TypeList<Orvix::PhysicalSpace::point>;
+        const auto take = [this](auto& points) { kind = &points; };
+        if (withMemArray<3>(Points(), data, take) || withMemArray<1>(Points(), data, take)) return;
+        if (const auto* const uniform = dynamic_cast<const UniformCoordinates*>(data.rawptr()))
+            kind = uniform;
+        else if (const auto* const rectilinear = dynamic_cast<const RectilinearCoordinates*>(data.rawptr()))
+            kind = rectilinear;
     }
-    [[nodiscard]] bool isKnown() const noexcept { return uniform || curvilinear || rectilinear; }
+    [[nodiscard]] bool isKnown() const noexcept { return kind.index() != 0; }
+    /// Null unless they are of this kind.
+    [[nodiscard]] CurvilinearCoordinates* curvilinear() const noexcept {
+        const auto* const found = std::get_if<CurvilinearCoordinates*>(&kind);
+        return found ? *found : nullptr;
+    }
 
     Hestra::StrongPtr<MemBase> data;
-    const UniformCoordinates* uniform = nullptr;
-    CurvilinearCoordinates* curvilinear = nullptr;
-    const RectilinearCoordinates* rectilinear = nullptr;
+    Kind kind;
 };
+
+/// A function object of several, for visits.
+template<class... F>
+struct Overloaded : F... {
+    using F::operator()...;
+};
+template<class... F>
+Overloaded(F...) -> Overloaded<F...>;
 
 } // namespace Vantle::detail

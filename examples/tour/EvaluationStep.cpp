@@ -121,8 +121,7 @@ struct Blocks {
 void locate(Way& way, const DataSet& data, const Positions& positions) {
     LocalFromWorldPoint::Options options;
     options.cellLocator = way.locator;
-    const LocalFromWorldPoint locator(way.slice, data.grid.grid(), kPositionsName, LocationDefaults::Resolution,
-                                      LocationDefaults::Precision, LocationDefaults::TreeScale, options);
+    const LocalFromWorldPoint locator(way.slice, data.grid.grid(), kPositionsName, options);
     const auto total = static_cast<long long>(positions.nElements());
     const auto positionOf = [&](long long n) {
         Space::point p;
@@ -141,7 +140,9 @@ void locate(Way& way, const DataSet& data, const Positions& positions) {
     way.outcomes.resize(found.size());
     for (std::size_t n = 0; n < found.size(); ++n) {
         if (!found[n]) continue;
-        way.outcomes[n] = blocks.isBlanked(found[n]) ? Blanked : found[n].code == 1 ? Exactly : Approximately;
+        way.outcomes[n] = blocks.isBlanked(found[n])               ? Blanked
+                          : found[n].code == LocationResult::Found ? Exactly
+                                                                   : Approximately;
         way.largestMiss =
             std::max(way.largestMiss, distance(blocks.place(found[n]), positionOf(static_cast<long long>(n))));
     }
@@ -149,8 +150,10 @@ void locate(Way& way, const DataSet& data, const Positions& positions) {
 
 void evaluate(Way& way, const DataSet& data, const UniformGrid3D& grid) {
     Stopwatch watch;
-    const auto field =
-        EvalGrid(*grid.grid(), *data.grid.grid(), data.field, *way.slice, way.name, way.locator == CellLocator::Exact);
+    EvaluationOptions options;
+    options.label = way.name;
+    options.cellLocator = way.locator;
+    const auto field = EvalGrid(*grid.grid(), *data.grid.grid(), data.field, *way.slice, options);
     way.evaluating = watch.lap();
     way.values.assign(way.outcomes.size(), std::numeric_limits<double>::quiet_NaN());
     const auto values = field ? Hestra::dynamicCast<MemArray<3, double>>(field->getFirstData()) : nullptr;

@@ -82,7 +82,7 @@ std::vector<double> valuesOn(const Surface& surface, const TriangularSurfaceWith
     GridEvaluator::Context context;
     context.slice = data.slice;
     context.grid = data.grid.grid();
-    context.flag = true; // exactly: the points lie on the edges of cells
+    context.cellLocator = CellLocator::Exact; // the points lie on the edges of cells
     if (values.empty() || !evaluator.find(grid.points(), *data.grid.positions(), context)) return values;
     const auto found =
         Hestra::dynamicCast<MemArray<1, double>>(evaluator.evalKnownDataTypes(grid.points(), *data.grid.field(name)));

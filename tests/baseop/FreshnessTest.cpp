@@ -242,7 +242,7 @@ template<CellLocator Kind>
 void locate(Answer& answer, World& world) {
     LocatorOptions options;
     options.cellLocator = Kind;
-    const LocalFromWorldPoint locator(world.slice, world.grid, "Positions", 1.0, 0.01, {1.5, 1.5, 1.5}, options);
+    const LocalFromWorldPoint locator(world.slice, world.grid, "Positions", options);
     printFound(answer, [&](const Point& p, LocalPoint& found) { return locator.get(p, found); });
 }
 

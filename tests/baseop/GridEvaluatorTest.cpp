@@ -5,6 +5,7 @@
 #include <limits>
 #include <numeric>
 #include <omp.h>
+#include <optional>
 #include <support/LocationGrids.hpp>
 
 namespace {
@@ -126,7 +127,7 @@ TEST(GridEvaluatorTest, RectilinearSourcesClaimWhatIsBetweenTheirAxes) {
     for (std::size_t k = 0; k < asked.size(); ++k) {
         const bool isInside = k < inside;
         EXPECT_EQ(evaluator.statuses()->element(k), isInside ? GridEvaluator::Located : GridEvaluator::NotLocated);
-        EXPECT_EQ(evaluator.resultCode(k), isInside);
+        EXPECT_EQ(evaluator.resultCode(k), isInside ? LocationResult::Found : LocationResult::NotFound);
         if (isInside)
             EXPECT_NEAR(out[k], linear(asked[k]), 1e-12) << asked[k];
         else
@@ -156,7 +157,7 @@ TEST_P(EvaluateInShapes, LinearFieldsComeBackFromCurvilinearBlocks) {
     });
     const std::size_t inside = asked.size();
     asked.insert(asked.end(), {{99, 0, 0}, {nan, 0, 0}});
-    source.context.flag = true;
+    source.context.cellLocator = CellLocator::Exact;
     GridEvaluator evaluator;
     const std::string text =
         outputOf([&] { EXPECT_TRUE(evaluator.find(points(asked), source.positions(), source.context)); });
@@ -166,14 +167,14 @@ TEST_P(EvaluateInShapes, LinearFieldsComeBackFromCurvilinearBlocks) {
     const auto values = valuesOf<double>(evaluator.evalKnownDataTypes(points(asked), source.values("linear")));
     const auto containers = evaluator.fragments();
     for (std::size_t k = 0; k < inside; ++k) {
-        ASSERT_EQ(evaluator.resultCode(k), 1u);
+        ASSERT_EQ(evaluator.resultCode(k), LocationResult::Found);
         EXPECT_EQ(containers->element(k).getFirst()->name(), blockNames[k]) << "where the data are";
         EXPECT_NEAR(values[k], linear(asked[k]), 1e-9) << asked[k];
     }
     EXPECT_EQ(values[inside], 0.0);
 
     // The linear step finds most of them; in affine cells all, and exactly.
-    source.context.flag = false;
+    source.context.cellLocator = CellLocator::Newton;
     (void)outputOf([&] { EXPECT_TRUE(evaluator.find(points(asked), source.positions(), source.context)); });
     std::vector<double> byNewton(asked.size(), -7.0);
     ASSERT_TRUE(evaluator.evalType(byNewton, source.values("linear")));
@@ -181,8 +182,10 @@ TEST_P(EvaluateInShapes, LinearFieldsComeBackFromCurvilinearBlocks) {
     for (std::size_t k = 0; k < inside; ++k) {
         located += evaluator.statuses()->element(k) == GridEvaluator::Located;
         // A position next to a common face may be a near miss of the block before, whose border it is given then.
-        const double tolerance = !GetParam().isAffine ? 1.0 : evaluator.resultCode(k) == 2 ? 0.01 : 1e-9;
-        if (evaluator.resultCode(k) != 0 || GetParam().isAffine) {
+        const double tolerance = !GetParam().isAffine                                     ? 1.0
+                                 : evaluator.resultCode(k) == LocationResult::Approximate ? 0.01
+                                                                                          : 1e-9;
+        if (evaluator.resultCode(k) != LocationResult::NotFound || GetParam().isAffine) {
             EXPECT_NEAR(byNewton[k], linear(asked[k]), tolerance);
         }
     }
@@ -223,59 +226,109 @@ TEST(GridEvaluatorTest, TellsOfEachPositionAndFragmentInOrder) {
     EXPECT_EQ(occurrences(lost, notFound), 10);
 }
 
-// Positions of a lattice are located in tiles; results and messages are those of one position after the other.
-TEST(GridEvaluatorTest, LatticesAreLocatedAsPositionsOneByOne) {
-    for (const MultiIndex<3>& extents :
-         {MultiIndex<3>(37, 22, 19), MultiIndex<3>(1, 70, 45), MultiIndex<3>(90, 1, 3), MultiIndex<3>(1, 1, 300)}) {
-        Source source;
-        source.blocks = support::makeBlocks(*source.grid, support::shapes()[1], 4, {8, 8, 8});
-        const auto block = support::blockOf(source.blocks, source.positions().getFragmentID("C"));
-        for (index_t i = 3; i < 5; ++i)
-            for (index_t j = 4; j < 6; ++j) (*block)(i, j, 4) = (*block)(i, j, 3);
-        // Positions that no block has come to this one, the last, which claims them all.
-        source.blocks.addBlock("uniform", Hestra::makeRef<UniformCartesianArray>(
-                                              BoundingBox({0.6, 0.6, 0}, {0.7, 0.7, 1}), MultiIndex<3>(3, 3, 3)));
+/// The search written down plainly: one position after the other, in one fragment after the other.
+struct PlainSearch {
+    std::vector<int> codes;
+    std::vector<GridEvaluator::FractionalIndex> indices;
+    std::vector<StrongPtr<FragmentID>> fragments;
+
+    PlainSearch(const support::Scene& scene, const GridEvaluator::Context& context, const std::vector<Point>& asked) {
+        FragmentSearch<Point> search(context);
+        for (const Point& p : asked) {
+            codes.push_back(0);
+            indices.emplace_back();
+            fragments.emplace_back();
+            scene.blocks.positions()->iterate(
+                [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+                    codes.back() = search.Contains(p, creator, indices.back());
+                    if (codes.back() == 0) return true;
+                    const auto data = creator->create(false);
+                    const bool isCurvilinear = dynamic_cast<const support::Block*>(data.rawptr());
+                    fragments.back() = isCurvilinear ? search.fragment() : id;
+                    return false;
+                });
+            if (codes.back() == 0) indices.back() = {};
+        }
+    }
+};
+
+// Lattices, surfaces, lines and clusters of positions, in sources of all kinds: results, fragments, messages and their
+// order are those of one position after the other, whoever makes the structures, whatever the number of threads; and
+// without a listener the results are the same.
+TEST(GridEvaluatorTest, FindsAndTellsAsOnePositionAfterTheOther) {
+    const auto latticeOf = [](const MultiIndex<3>& extents) {
         Point low(-1.1, -1.2, -0.1), high(0.9, 1.3, 1.1);
         for (int d = 0; d < 3; ++d)
             if (extents[d] == 1) low[d] = high[d] = Point(0.7, 0.9, 0.45)[d];
-        const auto lattice = Hestra::makeRef<UniformCartesianArray>(BoundingBox(low, high), extents);
-        GridEvaluator evaluator;
-        std::string texts[2];
-        for (std::string& text : texts)
-            text = outputOf([&] { evaluator.find(lattice, source.positions(), source.context); });
-        const GridEvaluator::Indices& indices = *evaluator.fractionalIndices();
-        const auto fragments = evaluator.fragments();
-        const std::vector<int> statuses = statusesOf(evaluator);
-
-        std::unique_ptr<LocalFromWorldPoint> locator;
-        (void)outputOf([&] { locator = std::make_unique<LocalFromWorldPoint>(source.slice, source.grid); });
-        std::string expected;
-        int located = 0;
-        for (index_t k = 0; k < lattice->nElements(); ++k) {
-            LocalFromWorldPoint::Location location;
-            std::string said = "not yet";
-            for (int fragment = 0; fragment < 4 && !location; ++fragment) {
-                if (!said.empty()) {
-                    said.clear();
-                    const Hestra::ScopedListener listener([&](std::string_view text) { said += text; });
-                    location = locator->locate(lattice->create(k));
+        return StrongPtr<MemBase>(Hestra::makeRef<UniformCartesianArray>(BoundingBox(low, high), extents));
+    };
+    const std::vector<std::pair<StrongPtr<MemBase>, int>> requests{{latticeOf({17, 12, 9}), 20},
+                                                                   {latticeOf({1, 40, 25}), 4},
+                                                                   {latticeOf({1, 1, 70}), 3},
+                                                                   {points(support::mixedPositions(12, 3)), 20}};
+    const int threads = omp_get_max_threads();
+    for (const bool isUniformLast : {true, false})
+        for (const auto& [positions, blocks] : requests) {
+            const auto fresh = [&, count = blocks] {
+                support::Scene scene = support::mixedScene(count);
+                if (!isUniformLast)
+                    scene.blocks.positions()->removeData(scene.blocks.positions()->getFragmentID("uniform"));
+                return scene;
+            };
+            const auto contextOf = [](const support::Scene& scene) {
+                GridEvaluator::Context context;
+                context.slice = scene.slice;
+                context.grid = scene.grid;
+                return context;
+            };
+            std::vector<Point> asked;
+            if (const auto* const lattice = dynamic_cast<const UniformCartesianArray*>(positions.rawptr()))
+                for (index_t k = 0; k < lattice->nElements(); ++k) asked.push_back(lattice->create(k));
+            else
+                asked = valuesOf<Point>(positions);
+            std::optional<PlainSearch> plain;
+            const support::Scene plainScene = fresh();
+            std::string expected[2];
+            for (std::string& text : expected) // the second time all structures are there, but not the locator
+                text = outputOf([&] { plain.emplace(plainScene, contextOf(plainScene), asked); });
+            for (const int team : {1, 4, 0}) {
+                omp_set_num_threads(team ? team : 2);
+                const support::Scene scene = fresh();
+                for (const std::string& text : expected) {
+                    GridEvaluator evaluator;
+                    const auto find = [&] {
+                        EXPECT_TRUE(evaluator.find(positions, *scene.blocks.positions(), contextOf(scene)));
+                    };
+                    if (team == 0) {
+                        const Hestra::ScopedListener nobody({});
+                        find();
+                    } else {
+                        std::string said;
+                        EXPECT_EQ(outputOf([&] {
+                                      const Hestra::ScopedListener listener(
+                                          [&](std::string_view piece) { said += piece; });
+                                      find();
+                                  }),
+                                  "");
+                        EXPECT_TRUE(said == text) << asked.size() << " by " << team << ": " << said.substr(0, 2000)
+                                                  << "\ninstead of " << text.substr(0, 2000);
+                    }
+                    const auto fragments = evaluator.fragments();
+                    for (std::size_t k = 0; k < asked.size() && !testing::Test::HasFailure(); ++k) {
+                        EXPECT_EQ(evaluator.statuses()->element(k), plain->codes[k]) << asked[k];
+                        if (plain->codes[k] == 0) continue;
+                        EXPECT_EQ(evaluator.fractionalIndices()->element(k), plain->indices[k]) << asked[k];
+                        const auto id = fragments->element(k).getFirst();
+                        EXPECT_EQ(id ? id->name() : "", plain->fragments[k] ? plain->fragments[k]->name() : "");
+                    }
                 }
-                expected += said + (location ? found : notFound);
             }
-            ASSERT_EQ(evaluator.resultCode(k), location ? location.code : 1U) << k;
-            EXPECT_EQ(statuses[k], GridEvaluator::Located);
-            if (!location) continue;
-            ++located;
-            EXPECT_EQ(indices.element(k), location.localCoordinates) << k;
-            EXPECT_EQ(fragments->element(k).getFirst(), locator->fragmentID(location.fragment)) << k;
+            if (!isUniformLast) {
+                EXPECT_GT(occurrences(expected[1], notFound), 0);
+            }
+            EXPECT_GT(occurrences(expected[1], found), 10);
         }
-        EXPECT_GT(located, 30);
-        EXPECT_TRUE(texts[1] == expected) << extents[0];
-        // The first time search structures are made, and tell so.
-        EXPECT_GT(texts[0].size(), expected.size());
-        EXPECT_EQ(occurrences(texts[0], found), occurrences(expected, found));
-        EXPECT_EQ(occurrences(texts[0], notFound), occurrences(expected, notFound));
-    }
+    omp_set_num_threads(threads);
 }
 
 // A new search takes the former one's arrays, but those that somebody has kept.
@@ -295,52 +348,6 @@ TEST(GridEvaluatorTest, KeptResultsStayAsTheyAre) {
     EXPECT_EQ(chunk->base_vector()[1], index);
     EXPECT_EQ(statusesOf(evaluator), (std::vector<int>{3, 0}));
     EXPECT_EQ(evaluator.fractionalIndices()->element(0), index);
-}
-
-// Results and messages are those of the serial loop, whatever the number of threads.
-TEST(GridEvaluatorTest, ThreadsChangeNothing) {
-    Source source;
-    source.blocks = support::makeBlocks(*source.grid, support::shapes()[1], 4, {8, 8, 8});
-    // A flat cell, which tells of every step of its solve.
-    const auto block = support::blockOf(source.blocks, source.positions().getFragmentID("C"));
-    for (index_t i = 3; i < 5; ++i)
-        for (index_t j = 4; j < 6; ++j) (*block)(i, j, 4) = (*block)(i, j, 3);
-    std::vector<Point> asked;
-    std::mt19937_64 random(9);
-    std::uniform_real_distribution<double> x(-2, 2), z(-0.1, 1.1);
-    for (int k = 0; k < 9000; ++k) asked.emplace_back(x(random), x(random), z(random));
-    asked[17] = asked[5000] = Point(nan, nan, nan);
-    GridEvaluator warm;
-    (void)outputOf([&] { warm.find(points(asked), source.positions(), source.context); });
-
-    const int threads = omp_get_max_threads();
-    std::vector<std::string> texts;
-    std::vector<std::vector<double>> values;
-    std::vector<std::vector<int>> statuses;
-    for (const int count : {1, 2, 5}) {
-        omp_set_num_threads(count);
-        GridEvaluator evaluator;
-        texts.push_back(outputOf([&] { evaluator.find(points(asked), source.positions(), source.context); }));
-        statuses.push_back(statusesOf(evaluator));
-        values.push_back(valuesOf<double>(evaluator.evalKnownDataTypes(points(asked), source.values("linear"))));
-    }
-    omp_set_num_threads(threads);
-    EXPECT_GT(occurrences(texts[0], "WHAT?"), 0);
-    EXPECT_GT(occurrences(texts[0], found), 1000);
-    EXPECT_GT(occurrences(texts[0], notFound), 4000);
-    for (std::size_t n = 1; n < texts.size(); ++n) {
-        EXPECT_TRUE(texts[n] == texts[0]);
-        EXPECT_EQ(values[n], values[0]);
-        EXPECT_EQ(statuses[n], statuses[0]);
-    }
-    // And a listener of the caller's thread hears them.
-    std::string captured;
-    const std::string leaked = outputOf([&] {
-        const Hestra::ScopedListener listener([&](std::string_view text) { captured += text; });
-        GridEvaluator().find(points(asked), source.positions(), source.context);
-    });
-    EXPECT_EQ(leaked, "");
-    EXPECT_TRUE(captured == texts[0]);
 }
 
 TEST(GridEvaluatorTest, FiveKindsOfPositionsInTheirShapes) {
@@ -430,8 +437,11 @@ TEST(GridEvaluatorTest, ElementTypesOfTheSource) {
     EXPECT_EQ(two[0], -7.0f);
     EXPECT_FALSE(fresh.evalType(two, source.values()));
     EXPECT_FALSE(fresh.statuses() || fresh.fractionalIndices() || fresh.fragments());
-    EXPECT_TRUE(fresh.evalType(none, source.values()));
-    EXPECT_EQ(valuesOf<float>(fresh.evalKnownDataTypes(points({}), source.values())).size(), 0u);
+    EXPECT_FALSE(fresh.evalType(none, source.values())) << "nothing is stored";
+    EXPECT_TRUE(fresh.find(points({}), source.positions(), source.context));
+    EXPECT_FALSE(fresh.evalKnownDataTypes(points({}), source.values()));
+    EXPECT_TRUE(evaluator.evalType(none, source.values()));
+    EXPECT_EQ(valuesOf<float>(evaluator.evalKnownDataTypes(points({}), source.values())).size(), 0u);
 
     // Planar data at given indices in the fragments found.
     EXPECT_TRUE(evaluator.find(points({p, p, {nan, 0, 0}}), source.positions(), source.context));
@@ -458,26 +468,6 @@ TEST(GridEvaluatorTest, SourcesThatClaimNothing) {
               unstructured + unstructured);
     EXPECT_EQ(statusesOf(evaluator), (std::vector<int>{0, 0}));
     EXPECT_EQ(outputOf([&] { EXPECT_TRUE(evaluator.find(asked, *Hestra::makeRef<Field>(), source.context)); }), "");
-}
-
-// A search structure that cannot be built is told of at each position, and takes no longer for it.
-TEST(GridEvaluatorTest, FragmentsThatCannotBeSearchedDoNotStopTheOthers) {
-    Source source;
-    const support::Shape spiky{"",
-                               [](double u, double v, double w) {
-                                   const auto f = [](double x) { return 1 - (1 - x) * (1 - x) * (1 - x) * (1 - x); };
-                                   return Point{f(u), f(v), f(w)};
-                               },
-                               false};
-    source.add("fine", support::makeBlock(spiky, {70, 70, 70}));
-    const support::Shape cube{"", [](double u, double v, double w) { return Point{u, v, w}; }, true};
-    source.add("good", support::makeBlock(cube, {3, 3, 3}));
-    const std::vector<Point> asked(3000, Point(0.3, 0.4, 0.5));
-    GridEvaluator evaluator;
-    const std::string text = outputOf([&] { evaluator.find(points(asked), source.positions(), source.context); });
-    EXPECT_EQ(occurrences(text, "CANNOT create unimapper for fragment 0 because "), 3000);
-    EXPECT_EQ(occurrences(text, found), 3000);
-    EXPECT_EQ(evaluator.fragments()->element(2999).getFirst()->name(), "good");
 }
 
 // The search of one position, by hand.

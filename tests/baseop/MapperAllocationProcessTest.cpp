@@ -23,23 +23,22 @@ TEST(MapperAllocationTest, QueriesAllocateNothing) {
     points.push_back(Point(0.1, 0.4, 0.5)); // in the box, and not in the block
     Point uvw;
     Orvix::PhysicalSpace::vector extent;
-    std::vector<Point> coordinates(points.size());
-    std::vector<unsigned char> codes(points.size());
+    std::vector<Vantle::CellLocation> found(points.size());
     EXPECT_EQ(allocationsOf([&] {
-                  for (const Point& P : points) (void)mapper.locate(P, uvw, 0.02);
-                  mapper.locateSilently(points, coordinates, codes, 0.02);
-                  exact.locate(points, coordinates, codes);
+                  for (const Point& P : points) {
+                      (void)mapper.locate(P, 0.02);
+                      (void)mapper.localCellCoordinatesFromCurviGrid(P, uvw, 0.02);
+                      (void)tree.localCoordinates(uvw, extent, P);
+                      (void)exact.locate(P);
+                  }
+                  mapper.locate(points, found, 0.02);
+                  exact.locate(points, found);
               }),
               0);
     // The first one that needs the lists makes them.
-    (void)mapper.localCellCoordinatesFromCurviGridProjective(points[0], uvw, 0.02);
+    (void)mapper.locateProjectively(points[0], 0.02);
     EXPECT_EQ(allocationsOf([&] {
-                  for (const Point& P : points) {
-                      (void)mapper.localCellCoordinatesFromCurviGrid(P, uvw, 0.02);
-                      (void)mapper.localCellCoordinatesFromCurviGridProjective(P, uvw, 0.02);
-                      (void)tree.localCoordinates(uvw, extent, P);
-                      (void)exact.locate(P, uvw);
-                  }
+                  for (const Point& P : points) (void)mapper.locateProjectively(P, 0.02);
               }),
               0);
 }

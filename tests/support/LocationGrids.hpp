@@ -6,6 +6,7 @@
 #include <model/vantle/GridKinds.hpp>
 #include <model/vantle/MemArray.hpp>
 
+#include <array>
 #include <cmath>
 #include <functional>
 #include <random>
@@ -103,6 +104,65 @@ inline Vantle::RegularGrid3D makeBlocks(Vantle::Grid& grid, const Shape& shape, 
         made.setField("linear", linearOn(*block), id);
     }
     return made;
+}
+
+/// A slice with one grid of blocks.
+struct Scene {
+    Hestra::StrongPtr<Vantle::Slice> slice = Hestra::makeRef<Vantle::Slice>();
+    Hestra::StrongPtr<Vantle::Grid> grid = slice->newGrid("grid");
+    Vantle::RegularGrid3D blocks{grid};
+
+    Scene() = default;
+    Scene(const Shape& shape, int count, const Vantle::MultiIndex<3>& n) {
+        blocks = makeBlocks(*grid, shape, count, n);
+    }
+    [[nodiscard]] BlockPtr block(const std::string& name) const {
+        return Hestra::dynamicCast<Block>(blocks.positions()->getData(blocks.positions()->getFragmentID(name)));
+    }
+};
+
+/// Cells that shrink so much that no unigrid over them can be made.
+inline const Shape spiky{"Spiky",
+                         [](double u, double v, double w) {
+                             const auto f = [](double x) { return 1 - std::pow(1 - x, 12); };
+                             return Point{f(u), f(v), f(w)};
+                         },
+                         false};
+inline const Shape cube{"Cube", [](double u, double v, double w) { return Point{u, v, w}; }, true};
+
+/// Blocks of all kinds that overlap, more than are looked through one by one: curvilinear ones, of which one has flat
+/// cells and one no unigrid, unstructured points, rectilinear and uniform ones.
+inline Scene mixedScene(int curvilinear = 20) {
+    Scene scene(shapes()[1], curvilinear, {5, 9, 8});
+    const BlockPtr flat = scene.block("C");
+    for (Vantle::index_t i = 1; i < 4; ++i)
+        for (Vantle::index_t j = 2; j < 6; ++j) (*flat)(i, j, 4) = (*flat)(i, j, 3);
+    scene.blocks.addBlock("no unigrid", makeBlock(spiky, {8, 8, 8}));
+    scene.blocks.addBlock("layer", makeBlock(shapes()[0], {1, 3, 3}));
+    scene.blocks.addBlock("points", Vantle::makeMemArray1D(std::vector<Point>{{-9, -9, -9}, {9, 9, 9}}));
+    using Axis = Vantle::ExplicitCoordinateAxisArray<double>;
+    scene.blocks.addBlock("rectilinear",
+                          Hestra::makeRef<Vantle::DirectProductMemArray<Point, Vantle::ExplicitCoordinateAxisArray, 3>>(
+                              std::array{Axis({-1, -0.5, 0.5}), Axis({-3.0, 0.0, 4.0}), Axis({0.5, 2.0, 2.5})}));
+    scene.blocks.addBlock(
+        "uniform", Hestra::makeRef<Vantle::UniformCartesianArray>(Orvix::BoundingBox({0.8, -1, 0.2}, {1.4, 1, 0.8}),
+                                                                  Vantle::MultiIndex<3>(5, 6, 7)));
+    return scene;
+}
+
+/// Positions in and around it, in clusters of neighbours; some are no numbers.
+inline std::vector<Point> mixedPositions(int clusters, unsigned seed) {
+    std::vector<Point> positions;
+    std::mt19937_64 random(seed);
+    std::uniform_real_distribution<double> x(-2.2, 2.2), z(-0.2, 1.2), off(-0.05, 0.05);
+    for (int cluster = 0; cluster < clusters; ++cluster) {
+        const Point centre{x(random), x(random), z(random)}; // braces: in this order, whatever the compiler
+        for (int k = 0; k < 70; ++k)
+            positions.push_back(Point{centre[0] + off(random), centre[1] + off(random), centre[2] + off(random)});
+    }
+    positions[5] = Point(std::nan(""), 0, 0);
+    positions[7] = Point(0, HUGE_VAL, 0);
+    return positions;
 }
 
 inline BlockPtr blockOf(const Vantle::RegularGrid3D& grid, const Hestra::StrongPtr<Vantle::FragmentID>& id) {

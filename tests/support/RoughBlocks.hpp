@@ -73,6 +73,12 @@ inline std::vector<RoughBlock> roughBlocks() {
     add("infinite", distortedBlock(n, 1.0, 0.2, 16), [](const Vantle::MultiIndex<3>& i, Point& p) {
         if (i[0] == 4 && i[1] == 4) p[2] = std::numeric_limits<double>::infinity();
     });
+    // Vertices that stand for none.
+    add("some far away", distortedBlock(n, 1.0, 0.1, 17), [](const Vantle::MultiIndex<3>& i, Point& p) {
+        if (i == Vantle::MultiIndex<3>()) p[2] = 1e19;
+        if (i == Vantle::MultiIndex<3>(1, 1, 2)) p[0] = -1e19;
+        if (i[0] == 7 && i[1] == 3) p = Point(1e30, 1e30, 1e30);
+    });
     return all;
 }
 

@@ -1,8 +1,8 @@
 #pragma once
 /// Where the linear solve in a cell can answer: what lets `UniGridMapper` skip all other cells of a list.
 
-#include <baseop/detail/BlockVertices.hpp>
-#include <baseop/detail/CellBoxTree.hpp>
+#include <baseop/detail/location/BlockVertices.hpp>
+#include <baseop/detail/location/CellBoxTree.hpp>
 
 namespace Vantle::detail {
 

@@ -1,4 +1,4 @@
-#include <baseop/detail/CellBoxTree.hpp>
+#include <baseop/detail/location/CellBoxTree.hpp>
 #include <model/hestra/Chunk.hpp>
 
 #include <cmath>
@@ -15,6 +15,8 @@ constexpr float infinite = std::numeric_limits<float>::infinity();
 // Several times the rounding of a number of the tree to float, and that of sums of three products.
 constexpr float PositionRounding = 3e-7F;
 constexpr float ProductRounding = 2e-6F;
+// That of a difference of two numbers, a little more than half a unit in the last place.
+constexpr float DifferenceRounding = 8e-8F;
 
 } // namespace
 
@@ -75,7 +77,7 @@ void CellBoxTree::Upper::assign(const Boxes<Members>& members, std::size_t count
         origin[d] = from;
         const float s = scale(exponent[d]);
         const auto quantize = [&](float x) {
-            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max((x - from) * s, 0.0F), 255.0F)));
+            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max(0.0F, (x - from) * s), 255.0F)));
         };
         for (std::size_t m = 0; m < count; ++m) {
             const bool isThere = lows[m] <= highs[m];
@@ -163,6 +165,7 @@ void CellBoxTree::Members::assignTo(Bottom& group, const float (&low)[3], const 
                                            PositionRounding * std::max(std::fabs(low[d]), std::fabs(high[d])));
         }
     float from[Bottom::Members][4], to[Bottom::Members][4];
+    bool areNumbers = true;
     float lowest[4] = {infinite, infinite, infinite, infinite};
     float highest[4] = {-infinite, -infinite, -infinite, -infinite};
     for (int m = 0; m < Bottom::Members; ++m) {
@@ -187,12 +190,13 @@ void CellBoxTree::Members::assignTo(Bottom& group, const float (&low)[3], const 
             to[m][v] = centre[v] + half[v];
             lowest[v] = std::min(lowest[v], from[m][v]);
             highest[v] = std::max(highest[v], to[m][v]);
+            areNumbers &= from[m][v] == from[m][v] && to[m][v] == to[m][v];
         }
     }
 
     // Steps along the frame, from an origin that is rounded first.
     double perUnit[3], corner[3] = {};
-    bool isFinite = isAny;
+    bool isFinite = isAny && areNumbers;
     for (int v = 0; v < 3; ++v) {
         perUnit[v] = static_cast<double>(Bottom::StepCount) / (static_cast<double>(highest[v]) - lowest[v]);
         isFinite = isFinite && perUnit[v] > 0.0 && perUnit[v] < 1e30;
@@ -202,33 +206,42 @@ void CellBoxTree::Members::assignTo(Bottom& group, const float (&low)[3], const 
     for (int d = 0; d < 3; ++d) {
         group.origin[d] = static_cast<float>(reference[d] + corner[d]);
         isFinite = isFinite && std::fabs(group.origin[d]) < 1e30F;
+        // Differences to a far origin would be rounded by more than the margin: of a group with some far vertices the
+        // frame may begin far away from all of its cells.
+        const float reach = std::max(std::fabs(low[d]), std::fabs(high[d]));
+        isFinite = isFinite && DifferenceRounding * (std::fabs(group.origin[d]) + reach) <=
+                                   PositionRounding * reach + 0.5F * ProductRounding * (high[d] - low[d]);
     }
-    for (int v = 0; v < 3; ++v) {
-        double shift = 0.0;
+    double shift[3] = {};
+    for (int v = 0; v < 3; ++v)
         for (int d = 0; d < 3; ++d) {
             group.column[d][v] = static_cast<float>(toFrame[v][d] * perUnit[v]);
             isFinite = isFinite && std::fabs(group.column[d][v]) < 1e30F;
-            shift += toFrame[v][d] * (static_cast<double>(group.origin[d]) - reference[d]);
+            shift[v] += toFrame[v][d] * (static_cast<double>(group.origin[d]) - reference[d]);
+            isFinite = isFinite && std::fabs(shift[v]) < 1e30;
         }
-        const auto scale = static_cast<float>(perUnit[v]), offset = static_cast<float>(shift);
+    if (!isFinite) {
+        // Out of the range of numbers: the cells may be anywhere.
+        for (int d = 0; d < 3; ++d) {
+            group.origin[d] = 0.0F;
+            for (int v = 0; v < 3; ++v) group.column[d][v] = 0.0F;
+            for (int m = 0; m < Bottom::Members; ++m) {
+                group.bounds[d][0][m] = exists(m) ? 0 : 255;
+                group.bounds[d][1][m] = exists(m) ? 255 : 0;
+            }
+        }
+        return;
+    }
+    for (int v = 0; v < 3; ++v) {
+        const auto scale = static_cast<float>(perUnit[v]), offset = static_cast<float>(shift[v]);
         const auto quantize = [&](float x, float widening) {
             const float steps = (x - offset) * scale + widening;
-            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max(steps, 0.0F), 255.0F)));
+            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max(0.0F, steps), 255.0F)));
         };
         constexpr float Widening = 0.05F;
         for (int m = 0; m < Bottom::Members; ++m) {
             group.bounds[v][0][m] = exists(m) ? quantize(from[m][v], -Widening) : 255;
             group.bounds[v][1][m] = exists(m) ? quantize(to[m][v], Widening) : 0;
-        }
-    }
-    if (isFinite) return;
-    // Out of the range of numbers: the cells may be anywhere.
-    for (int d = 0; d < 3; ++d) {
-        group.origin[d] = 0.0F;
-        for (int v = 0; v < 3; ++v) group.column[d][v] = 0.0F;
-        for (int m = 0; m < Bottom::Members; ++m) {
-            group.bounds[d][0][m] = exists(m) ? 0 : 255;
-            group.bounds[d][1][m] = exists(m) ? 255 : 0;
         }
     }
 }

@@ -1,7 +1,7 @@
 #pragma once
 /// The trilinear map of one hexahedral cell, and its inverse.
 
-#include <baseop/detail/BlockVertices.hpp>
+#include <baseop/detail/location/BlockVertices.hpp>
 #include <model/orvix/Quadratic.hpp>
 
 namespace Vantle::detail {

@@ -1,4 +1,4 @@
-#include <baseop/detail/TrilinearCell.hpp>
+#include <baseop/detail/location/TrilinearCell.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -18,7 +18,7 @@ constexpr double FrameError = 1e-8;
 constexpr double LastStep = 1e-8;
 constexpr int MaximalSteps = 24;
 /// Bisection ends after so many parts, or bisections of one part.
-constexpr int MaximalParts = 1000;
+constexpr int MaximalParts = 100;
 constexpr int MaximalDepth = 126;
 
 double largest(const vector& v) noexcept {

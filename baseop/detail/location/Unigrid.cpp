@@ -1,4 +1,4 @@
-#include <baseop/detail/Unigrid.hpp>
+#include <baseop/detail/location/Unigrid.hpp>
 #include <model/hestra/Chunk.hpp>
 
 #include <algorithm>
@@ -111,27 +111,27 @@ bool isListed(const BlockVertices& vertices, const Unigrid& unigrid, const Multi
     return true;
 }
 
-void forEachListedBackwards(const BlockVertices& vertices, const Unigrid& unigrid, const int (&unicell)[3],
-                            const std::function<bool(const MultiIndex<3>&)>& f) {
+void forEachListed(const BlockVertices& vertices, const Unigrid& unigrid, const int (&unicell)[3],
+                   const std::function<bool(index_t)>& f) {
     const MultiIndex<3>& count = vertices.cells();
     if (count.product() == 0) return;
     RowRanges ranges(vertices, unigrid);
-    for (index_t k = count[2]; k-- > 0;)
-        for (index_t j = count[1]; j-- > 0;) {
+    for (index_t k = 0; k < count[2]; ++k)
+        for (index_t j = 0; j < count[1]; ++j) {
             ranges.find(j, k);
-            for (std::size_t i = count[0]; i-- > 0;) {
+            for (std::size_t i = 0; i < count[0]; ++i) {
                 bool isHere = ranges.isListed(i);
                 for (std::size_t d = 0; d < 3; ++d)
                     isHere &= unicell[d] >= ranges.first(i, d) && unicell[d] <= ranges.last(i, d);
-                if (isHere && !f(MultiIndex<3>(i, j, k))) return;
+                if (isHere && !f(i + count[0] * (j + count[1] * k))) return;
             }
         }
 }
 
-UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigrid, index_t limit,
-                             const std::function<void(const MultiIndex<3>&)>& reject) {
+std::uint32_t longestList(const BlockVertices& vertices, const Unigrid& unigrid,
+                          const std::function<void(const MultiIndex<3>&)>& reject) {
     const MultiIndex<3>& count = vertices.cells();
-    if (count.product() == 0) return;
+    if (count.product() == 0) return 0;
 
     // The number of cells a unicell lists is the sum of differences up to it: each cell adds to eight of them.
     const auto width = static_cast<std::size_t>(unigrid.size[0]), height = static_cast<std::size_t>(unigrid.size[1]),
@@ -152,7 +152,6 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
         Hestra::adviseLargeArray(parts.back().differences.get(), total * sizeof(std::uint32_t));
     }
     const auto layers = static_cast<std::ptrdiff_t>(count[2]), elements = static_cast<std::ptrdiff_t>(total);
-    index_t sum = 0;
 #pragma omp parallel num_threads(static_cast <int>(threads))
     {
         // Given fewer threads than asked for, each has several parts to clear.
@@ -162,7 +161,7 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
         Part& part = parts[static_cast<std::size_t>(omp_get_thread_num())];
         RowRanges& ranges = part.ranges;
         std::uint32_t* const differences = part.differences.get();
-#pragma omp for schedule(static) reduction(+ : sum)
+#pragma omp for schedule(static)
         for (std::ptrdiff_t layer = 0; layer < layers; ++layer) {
             const auto k = static_cast<index_t>(layer);
             for (index_t j = 0; j < count[1]; ++j) {
@@ -173,13 +172,10 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
                         continue;
                     }
                     std::size_t from[3], to[3];
-                    index_t unicells = 1;
                     for (std::size_t d = 0; d < 3; ++d) {
                         from[d] = static_cast<std::size_t>(ranges.first(i, d));
                         to[d] = static_cast<std::size_t>(ranges.last(i, d)) + 1;
-                        unicells *= static_cast<index_t>(to[d] - from[d]);
                     }
-                    sum += unicells;
                     for (int corner = 0; corner < 4; ++corner) {
                         std::uint32_t* const row = differences + line * (corner & 1 ? to[1] : from[1]) +
                                                    plane * (corner & 2 ? to[2] : from[2]);
@@ -191,10 +187,9 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
             }
         }
     }
-    entries = sum;
-    if (entries > limit) throw std::length_error("UniGridMapper: too many entries in the lists of cells");
 
     // Sums along all axes, one plane after the other.
+    std::uint32_t longest = 0;
     std::vector<std::uint32_t> sums(plane), row(line);
     for (std::size_t z = 0; z < depth; ++z) {
         std::fill(row.begin(), row.end(), 0U);
@@ -211,47 +206,64 @@ UnicellCensus::UnicellCensus(const BlockVertices& vertices, const Unigrid& unigr
             }
         }
     }
+    return longest;
 }
 
-UnicellLists::UnicellLists(const BlockVertices& vertices, const Unigrid& unigrid) {
+std::unique_ptr<const UnicellLists> UnicellLists::make(const BlockVertices& vertices, const Unigrid& unigrid,
+                                                       index_t limit) {
     const MultiIndex<3>& count = vertices.cells();
+    if (count.product() > limit) return nullptr; // each is in one list at least
     RowRanges ranges(vertices, unigrid);
-    const auto width = static_cast<std::size_t>(unigrid.size[0]), height = static_cast<std::size_t>(unigrid.size[1]);
-    // Calls f(number, u) for every unicell u of every listed cell.
-    const auto forEachEntry = [&](auto&& f) {
-        if (count.product() == 0) return;
+    // Calls f(number, i) for every listed cell, the i-th of the row of the ranges, as long as it returns true.
+    const auto forEachCell = [&](auto&& f) {
+        if (count.product() == 0) return true;
         for (index_t k = 0; k < count[2]; ++k)
             for (index_t j = 0; j < count[1]; ++j) {
                 ranges.find(j, k);
-                const index_t row = count[0] * (j + count[1] * k);
-                for (std::size_t i = 0; i < count[0]; ++i) {
-                    if (!ranges.isListed(i)) continue;
-                    std::size_t from[3], to[3];
-                    for (std::size_t d = 0; d < 3; ++d) {
-                        from[d] = static_cast<std::size_t>(ranges.first(i, d));
-                        to[d] = static_cast<std::size_t>(ranges.last(i, d));
-                    }
-                    for (std::size_t z = from[2]; z <= to[2]; ++z)
-                        for (std::size_t y = from[1]; y <= to[1]; ++y) {
-                            const std::size_t line = width * (y + height * z);
-                            for (std::size_t u = line + from[0]; u <= line + to[0]; ++u) f(row + i, u);
-                        }
-                }
+                for (std::size_t i = 0; i < count[0]; ++i)
+                    if (ranges.isListed(i) && !f(i + count[0] * (j + count[1] * k), i)) return false;
             }
+        return true;
     };
+    const auto width = static_cast<std::size_t>(unigrid.size[0]), height = static_cast<std::size_t>(unigrid.size[1]);
+    const auto forEachEntry = [&](auto&& f) {
+        forEachCell([&](index_t number, std::size_t cell) {
+            std::size_t from[3], to[3];
+            for (std::size_t d = 0; d < 3; ++d) {
+                from[d] = static_cast<std::size_t>(ranges.first(cell, d));
+                to[d] = static_cast<std::size_t>(ranges.last(cell, d));
+            }
+            for (std::size_t z = from[2]; z <= to[2]; ++z)
+                for (std::size_t y = from[1]; y <= to[1]; ++y) {
+                    const std::size_t line = width * (y + height * z);
+                    for (std::size_t u = line + from[0]; u <= line + to[0]; ++u) f(number, u);
+                }
+            return true;
+        });
+    };
+    index_t entries = 0;
+    const bool areFew = forEachCell([&](index_t, std::size_t cell) {
+        index_t unicells = 1;
+        for (std::size_t d = 0; d < 3; ++d)
+            unicells *= static_cast<index_t>(ranges.last(cell, d) - ranges.first(cell, d)) + 1;
+        return (entries += unicells) <= limit;
+    });
+    if (!areFew) return nullptr;
 
     // The count of unicell u goes two places further; sums then make it the beginning of u + 1's list one place
     // further, which filling the list of u turns into its own.
+    auto lists = std::make_unique<UnicellLists>();
     const auto unicells = static_cast<std::size_t>(unigrid.size.product());
-    offsets.assign(unicells + 2, 0);
-    std::uint32_t* const counts = offsets.data() + 2;
+    lists->offsets.assign(unicells + 2, 0);
+    std::uint32_t* const counts = lists->offsets.data() + 2;
     forEachEntry([&](index_t, std::size_t u) { ++counts[u]; });
-    for (std::size_t u = 0; u < unicells; ++u) counts[u] += offsets[u + 1];
-    cells.resize(offsets.back());
-    std::uint32_t* const next = offsets.data() + 1;
-    std::uint32_t* const entry = cells.data();
+    for (std::size_t u = 0; u < unicells; ++u) counts[u] += lists->offsets[u + 1];
+    lists->cells.resize(lists->offsets.back());
+    std::uint32_t* const next = lists->offsets.data() + 1;
+    std::uint32_t* const entry = lists->cells.data();
     forEachEntry([&](index_t number, std::size_t u) { entry[next[u]++] = static_cast<std::uint32_t>(number); });
-    offsets.pop_back();
+    lists->offsets.pop_back();
+    return lists;
 }
 
 } // namespace Vantle::detail

@@ -1,4 +1,4 @@
-#include <baseop/detail/LinearReach.hpp>
+#include <baseop/detail/location/LinearReach.hpp>
 #include <model/orvix/CellMap.hpp>
 
 #include <cmath>

@@ -1,11 +1,15 @@
 #pragma once
 /// The uniform grid over a block, and the lists of cells that touch each of its unicells.
+///
+/// Hardly a query looks into the lists. They are made when one first has to, and only if they are not too long; else
+/// that query goes through all cells and tells by each one's box whether the list would have it.
 
-#include <baseop/detail/BlockVertices.hpp>
+#include <baseop/detail/location/BlockVertices.hpp>
 #include <model/orvix/BoundingBox.hpp>
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -62,24 +66,20 @@ struct UnicellLists {
     /// The cells of unicell u are numbers offsets[u] to offsets[u + 1] of `cells`, in ascending order.
     std::vector<std::uint32_t> offsets, cells;
 
-    /// Counts, then fills. Cells whose box is not within the unigrid's are in no list.
-    UnicellLists(const BlockVertices& vertices, const Unigrid& unigrid);
+    /// Counts, then fills. Cells whose box is not within the unigrid's are in no list. Null, and nothing filled, when
+    /// there are more than `limit` entries or cells.
+    [[nodiscard]] static std::unique_ptr<const UnicellLists> make(const BlockVertices& vertices, const Unigrid& unigrid,
+                                                                  index_t limit);
 
     [[nodiscard]] std::span<const std::uint32_t> at(std::size_t unicell) const noexcept {
         return {cells.data() + offsets[unicell], offsets[unicell + 1] - offsets[unicell]};
     }
 };
 
-/// What is known of the lists without making them.
-struct UnicellCensus {
-    index_t entries = 0;       ///< in all lists
-    std::uint32_t longest = 0; ///< entries of the longest list
-
-    /// Calls `reject`, once and in order, for each cell that is in no list. Throws std::length_error when there are
-    /// more than `limit` entries.
-    UnicellCensus(const BlockVertices& vertices, const Unigrid& unigrid, index_t limit,
-                  const std::function<void(const MultiIndex<3>&)>& reject);
-};
+/// Length of the longest list, found without making them. Calls `reject` once, in order, for each cell that is in no
+/// list.
+[[nodiscard]] std::uint32_t longestList(const BlockVertices& vertices, const Unigrid& unigrid,
+                                        const std::function<void(const MultiIndex<3>&)>& reject);
 
 /// Whether the list of a unicell has a cell.
 [[nodiscard]] bool isListed(const BlockVertices& vertices, const Unigrid& unigrid, const MultiIndex<3>& cell,
@@ -88,9 +88,9 @@ struct UnicellCensus {
 /// The least and the greatest corner of a cell's box, as `BoundingBox` takes in the cell's corners, NaN included.
 [[nodiscard]] Orvix::BoundingBox boxOfCell(const BlockVertices& vertices, const MultiIndex<3>& cell);
 
-/// Calls `f(cell)` for the cells that the list of a unicell has, in reverse order, as long as it returns true. Goes
-/// through the cells of the block one after the other.
-void forEachListedBackwards(const BlockVertices& vertices, const Unigrid& unigrid, const int (&unicell)[3],
-                            const std::function<bool(const MultiIndex<3>&)>& f);
+/// Calls `f(number)` for the cells that the list of a unicell has, in order, as long as it returns true. Goes through
+/// the cells of the block one after the other.
+void forEachListed(const BlockVertices& vertices, const Unigrid& unigrid, const int (&unicell)[3],
+                   const std::function<bool(index_t)>& f);
 
 } // namespace Vantle::detail

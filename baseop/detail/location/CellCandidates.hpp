@@ -1,7 +1,7 @@
 #pragma once
 /// The few cells of a block that may have a point, in their order.
 
-#include <baseop/detail/BlockVertices.hpp>
+#include <baseop/detail/location/BlockVertices.hpp>
 
 #include <cstddef>
 #include <cstdint>

@@ -1,0 +1,37 @@
+#include <baseop/detail/location/GridLock.hpp>
+
+namespace Vantle::detail {
+
+namespace {
+
+struct Mutex : Hestra::Interface<Mutex> {
+    std::recursive_mutex mutex;
+};
+
+std::recursive_mutex& mutexOf(const Grid& grid) {
+    static std::mutex making;
+    const std::lock_guard lock(making);
+    Hestra::StrongPtr<Mutex> found = grid.findInterface<Mutex>();
+    if (!found) {
+        found = Hestra::makeRef<Mutex>();
+        grid.addInterface(found);
+    }
+    return found->mutex; // which the grid owns
+}
+
+} // namespace
+
+GridLock::GridLock(const Hestra::StrongPtr<Grid>& grid)
+    : myGrid(grid), myLock(grid ? std::unique_lock(mutexOf(*grid)) : std::unique_lock<std::recursive_mutex>()) {}
+
+std::unique_lock<std::mutex> lockSlices() {
+    static std::mutex mutex;
+    return std::unique_lock(mutex);
+}
+
+void inCriticalSection(void (*function)(void*), void* argument) {
+#pragma omp critical
+    function(argument);
+}
+
+} // namespace Vantle::detail

@@ -1,0 +1,114 @@
+#include <baseop/BaseOp.hpp>
+#include <model/Model.hpp>
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+using namespace Vantle;
+using Hestra::StrongPtr;
+
+namespace {
+
+using point = Orvix::PhysicalSpace::point;
+using Block = MemArray<3, point>;
+
+StrongPtr<Block> box(const point& low) {
+    const auto block = Block::create({4, 4, 4});
+    MultiIndex<3> i;
+    do (*block)[i] = point(low[0] + double(i[0]), low[1] + double(i[1]), low[2] + double(i[2]));
+    while (i.advance(block->Size()));
+    return block;
+}
+
+struct LocationClientTest : testing::Test {
+    const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
+    BundlePtr bundle = BundlePtr::create();
+    StrongPtr<Slice> slice = bundle[0.0];
+    StrongPtr<Grid> grid = slice->newGrid("grid");
+    RegularGrid3D blocks{grid};
+    StrongPtr<FragmentID> first = blocks.addBlock("first", box({0, 0, 0})),
+                          second = blocks.addBlock("second", box({3, 0, 0}));
+};
+
+// Objects and handles of all kinds, wherever a slice, a grid, a field, a box or a mapper is asked for.
+TEST_F(LocationClientTest, TakesObjectsAndHandles) {
+    const point p(4.25, 1.5, 2.5);
+    LocalPoint found;
+    EXPECT_TRUE(LocalFromWorldPoint(*slice, *grid).get(p, found));
+    EXPECT_EQ(found.localCoordinates, point(1.25, 1.5, 2.5));
+    EXPECT_EQ(found.fragment, second);
+    EXPECT_TRUE(LocalFromWorldPoint(slice, *grid, "Positions", 1.0, 0.01, {1.5, 1.5, 1.5}).get(p, found));
+    EXPECT_TRUE(LocalFromWorldPoint(Hestra::WeakPtr<Slice>(slice), grid).get(p, found));
+    EXPECT_EQ(PointSearch(*slice, *grid).helperField(), PointSearch(slice, grid, "Positions").helperField());
+    EXPECT_EQ(PointSearch::CellID(*grid), PointSearch::CellID(grid));
+    EXPECT_EQ(PointSearch::getHelperField(*slice, *grid, "Positions"), PointSearch(slice, grid).helperField());
+
+    const StrongPtr<Vantle::UniGridMapper> mapper(new Vantle::UniGridMapper(box({0, 0, 0}), 1.0, 0.01));
+    const Hestra::WeakPtr<UniGridMapper> weak(mapper);
+    const point inside(1.25, 0.5, 2.5);
+    HexaHedralCellNewton byStrong(mapper), byWeak(weak), byAddress(mapper.rawptr(), 0.02);
+    ProjectiveCell projective(mapper), projectiveByWeak(weak, 0.02);
+    for (CurvilinearCell* const cell :
+         {static_cast<CurvilinearCell*>(&byStrong), static_cast<CurvilinearCell*>(&byWeak),
+          static_cast<CurvilinearCell*>(&byAddress), static_cast<CurvilinearCell*>(&projective),
+          static_cast<CurvilinearCell*>(&projectiveByWeak)}) {
+        EXPECT_EQ(cell->pointInCell(inside), 1);
+        EXPECT_EQ(cell->localCoordinates(), inside);
+        EXPECT_EQ(cell->pointInCell({-9, 0, 0}), 0);
+    }
+    EXPECT_EQ(HexaHedralCellNewton(Hestra::WeakPtr<UniGridMapper>()).pointInCell(inside), -1);
+    const StrongPtr<Vantle::TreeCellMapper> tree(new Vantle::TreeCellMapper(box({0, 0, 0}), {1.5, 1.5, 1.5}, 0.02, 0));
+    Orvix::PhysicalSpace::tvector extent;
+    point uvw;
+    EXPECT_EQ(tree->localCoordinates(uvw, extent, inside), 1U);
+
+    const auto axes = Hestra::makeRef<RectilinearInterpolation::Coordinates>(
+        std::array{ExplicitCoordinateAxisArray<double>({0, 1, 4}), ExplicitCoordinateAxisArray<double>({0.0, 2.0}),
+                   ExplicitCoordinateAxisArray<double>({0.0, 1.0})});
+    EXPECT_TRUE(RectilinearInterpolation(axes.strong()).find_rectilinear_cell({2.5, 1, 0.5}, uvw));
+    EXPECT_EQ(uvw, point(1.5, 0.5, 0.5));
+
+    const StrongPtr<Field> positions = blocks.positions();
+    const CellSearch search(positions, getBoundingBox(positions), {4, 4, 4}, 100);
+    EXPECT_TRUE(search.findLocation(p, positions));
+    EXPECT_EQ(search.findLocation(p, *positions).fragment, 1U);
+    EXPECT_FALSE(CellSearch(nullptr, nullptr, {4, 4, 4}, 100).findLocation(p, nullptr));
+}
+
+// Counts without components for fragment numbers count all the same: the room is that of the indices.
+TEST_F(LocationClientTest, UnicellsTakeWhatTheirIndicesHaveRoomFor) {
+    const auto indices = MemArray<4, Orvix::FixedArray<unsigned short, 3>>::create({2, 2, 2, 2});
+    for (const index_t components : {1, 2, 3}) {
+        const auto counts = MemArray<4, unsigned short>::create({2, 2, 2, components});
+        const auto add = [&](index_t fragment) {
+            return CellSearch::addToUniCell(*counts, *indices, {1, 0, 1}, fragment, {fragment, 2, 3});
+        };
+        EXPECT_TRUE(add(7));
+        EXPECT_TRUE(add(8));
+        EXPECT_FALSE(add(9));
+        for (index_t c = 0; c < components; ++c)
+            EXPECT_EQ((*counts)(1ULL, 0ULL, 1ULL, c), c == 0 ? 2 : 6 + c) << components;
+        EXPECT_EQ((*indices)(1ULL, 0ULL, 1ULL, 1ULL)[0], 8);
+    }
+}
+
+TEST_F(LocationClientTest, ProfilesNameTheOperations) {
+    Hestra::Profiler::enable(true);
+    LocalPoint found;
+    EXPECT_TRUE(LocalFromWorldPoint(slice, grid).get({1.5, 1.5, 1.5}, found));
+    Hestra::Profiler::enable(false);
+    const auto table = Hestra::Profiler::table();
+    const auto has = [&](const std::string& name) {
+        return std::any_of(table.begin(), table.end(), [&](const auto& entry) {
+            return entry.name.find(name) != std::string::npos && entry.count > 0;
+        });
+    };
+    for (const char* name :
+         {"LocalFromWorldPoint::get(point, data)", "LocalFromWorldPoint::get(point, data) Interpolate",
+          "localCellCoordinatesFromCurviGrid", "LocalFromWorldPoint::LocalFromWorldPoint() Set Fragment data"})
+        EXPECT_TRUE(has(name)) << name;
+    EXPECT_FALSE(has("LocalFromWorldPoint(): Set Fragment data"));
+    Hestra::Profiler::reset();
+}
+
+} // namespace
