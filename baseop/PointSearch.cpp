@@ -61,10 +61,8 @@ bool PointSearch::discardOutdated() const {
     if (!coordinates) return false;
     bool any = false;
     if (const auto tree = coordinates->findInterface<FragmentTreeInterface>();
-        tree && !TreeRecord::isFresh(*coordinates, tree, coordinates.rawptr())) {
-        const FragmentTreeInterface& outdated = *tree;
-        any = coordinates->removeInterface(typeid(outdated));
-    }
+        tree && !TreeRecord::isFresh(*coordinates, tree, coordinates.rawptr()))
+        any = coordinates->removeInterface(typeid(FragmentTreeInterface));
     const auto discard = [&](const StrongPtr<Field>& storage) {
         if (!storage) return;
         storage->iterate(

@@ -44,8 +44,7 @@ public:
 /// Copies of the carrying object carry no attachments. Adding is const, since results derived from an object
 /// are attached to it without changing it.
 /// Concurrency  the container is guarded by a mutex: reading and changing at once. Which of two concurrent results
-/// stays
-///              is not determined; one that was replaced lives as long as somebody holds it.
+///              stays is not determined; one that was replaced lives as long as somebody holds it.
 /// Cost         a look-up compares a handful of type identities and allocates nothing.
 class VANTLE_MODEL_API Intercube {
 public:

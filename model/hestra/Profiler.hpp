@@ -21,7 +21,9 @@ struct ProfileEntry {
 
 /// An open scope: opens with the constructor, closes with the destructor.
 ///
-/// Cost  two pointer stores while profiling is off: no allocation, no lock, no clock.
+/// Concurrency  each thread has scopes of its own; the table is guarded by a mutex, and may be read, reset and added to
+///              at once.
+/// Cost         two pointer stores while profiling is off: no allocation, no lock, no clock.
 class VANTLE_MODEL_API Profiler {
 public:
     /// All texts must live as long as the process; literals do. `signature` is the readable name, `fullSignature`

@@ -11,6 +11,8 @@ namespace Vantle {
 /// Least and greatest value of one array, of whatever element type, with the age of the data they were taken from.
 ///
 /// A creator may carry one of each element type; look-ups of this class find the one that was attached last.
+/// Concurrency  reading from any number of threads; `expandRange` from one while nobody reads. Attached ranges are
+///              replaced, never changed. The age may be read and set at once.
 class VANTLE_MODEL_API DataRangeBase : public Hestra::Interface<DataRangeBase>, public Hestra::Ageable {
 public:
     DataRangeBase();

@@ -1,5 +1,6 @@
 #pragma once
-/// Arrays of computed coordinates: direct products of coordinate axes, and the vertices of uniform grids.
+/// Arrays of computed coordinates: direct products of coordinate axes, and the vertices of uniform grids. They never
+/// change: any number of threads may read.
 
 #include <model/orvix/BoundingBox.hpp>
 #include <model/vantle/MemArray.hpp>

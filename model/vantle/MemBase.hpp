@@ -10,9 +10,8 @@ namespace Vantle {
 /// An array of unknown element type and rank. Carries interfaces.
 ///
 /// Its typed form is found by `dynamic_cast` to `TypedArray<T>`, `MemArray<N, T>` or `DirectProductMemArray`.
-/// Concurrency  reading from any number of threads. Whoever writes an element keeps its readers away; different
-/// elements
-///              may be written by several threads. Attachments are guarded, see `Intercube`.
+/// Concurrency  reading from any number of threads. Whoever writes an element keeps its readers away; several threads
+///              may write different elements. Attachments are guarded, see `Intercube`.
 class VANTLE_MODEL_API MemBase : public Hestra::Cacheable, public Hestra::Intercube {
 public:
     /// Factory for arrays of one element type.

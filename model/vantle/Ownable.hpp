@@ -10,6 +10,7 @@ namespace Vantle {
 /// Names what is owned; `Container` is what its owner offers.
 ///
 /// Owned objects hold a weak handle to their owner, never a strong one: the tree is held from the root.
+/// Concurrency  as of the owner: iterating is reading.
 template<class X>
 struct Ownable {
     class VANTLE_MODEL_API Container {

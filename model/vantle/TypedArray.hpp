@@ -1,5 +1,5 @@
 #pragma once
-/// Arrays whose element type is known, and their rank is not.
+/// Arrays whose element type is known, and their rank is not. Concurrency: as of every array, see `MemBase`.
 
 #include <model/vantle/Iterator.hpp>
 #include <model/vantle/MemBase.hpp>

@@ -28,6 +28,8 @@ private:
 };
 
 /// Run-time entry of an element type.
+///
+/// Concurrency  entries never change; the registry is guarded by a mutex, and may be asked and added to at once.
 class VANTLE_MODEL_API VantleTypeBase : public Hestra::ReferenceBase<VantleTypeBase> {
 public:
     ~VantleTypeBase() override;
