@@ -265,7 +265,7 @@ private:
 
     /// Forgets the path, if there is one, beyond the root.
     void startAtRoot() noexcept {
-        if (!myPath.empty()) myPath.resize(1);
+        if (!myPath.empty()) myPath.erase(myPath.begin() + 1, myPath.end());
         for (auto& axis : myTurns)
             for (auto& turns : axis) turns.clear();
     }
