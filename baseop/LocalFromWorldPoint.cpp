@@ -5,12 +5,17 @@
 #include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
+#include <baseop/detail/location/GridLock.hpp>
 #include <baseop/detail/location/LazyFragment.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
+#include <optional>
+#include <stdexcept>
+#include <tuple>
 
 #define VANTLE_SCOPE(name)                                                                                             \
     const Hestra::Profiler scope("baseop/LocalFromWorldPoint", __LINE__, name, __PRETTY_FUNCTION__)
@@ -20,7 +25,6 @@ namespace Vantle {
 using detail::CurvilinearCoordinates;
 using detail::FragmentCoordinates;
 using detail::Hearing;
-using detail::StructureSlot;
 using Hestra::Console;
 using Hestra::StrongPtr;
 using Orvix::PhysicalSpace;
@@ -38,13 +42,21 @@ double roundingOf(double low, double high) noexcept {
 
 // What queries learn about a fragment: filled when a query first reaches it.
 struct LocalFromWorldPoint::Fragment : detail::LazyFragment {
+    // A search structure: found in the storage, or built and stored, inside the unnamed critical section; read without
+    // it from then on.
     template<class Structure>
-    [[nodiscard]] StructureSlot<Structure>& slot() noexcept {
-        return std::get<StructureSlot<Structure>>(mySlots);
+    struct Slot {
+        std::atomic<const Structure*> ready{nullptr};
+        StrongPtr<Structure> owner;
+        std::optional<std::string> hopeless; // why it can never be made
+    };
+    template<class Structure>
+    [[nodiscard]] Slot<Structure>& slot() noexcept {
+        return std::get<Slot<Structure>>(mySlots);
     }
 
 private:
-    std::tuple<StructureSlot<UniGridMapper>, StructureSlot<TreeCellMapper>, StructureSlot<ExactCellLocator>> mySlots;
+    std::tuple<Slot<UniGridMapper>, Slot<TreeCellMapper>, Slot<ExactCellLocator>> mySlots;
 };
 
 /// How the cell of a curvilinear fragment is looked for.
@@ -53,20 +65,9 @@ enum class LocalFromWorldPoint::Way : unsigned char { Newton, Projective, Exact,
 // ---------------------------------------------------------------------------------------------------------------------
 // Cells
 
+CurvilinearCell::CurvilinearCell(const StrongPtr<UniGridMapper>& mapper, double gridEpsilon)
+    : myOwner(mapper), myMapper(mapper.rawptr()), myEpsilon(gridEpsilon) {}
 CurvilinearCell::~CurvilinearCell() = default;
-HexaHedralCellNewton::~HexaHedralCellNewton() = default;
-ProjectiveCell::~ProjectiveCell() = default;
-ExactCell::~ExactCell() = default;
-
-HexaHedralCellNewton::HexaHedralCellNewton(const StrongPtr<UniGridMapper>& mapper, double gridEpsilon)
-    : myOwner(mapper), myMapper(mapper.rawptr()), myEpsilon(gridEpsilon) {}
-ProjectiveCell::ProjectiveCell(const StrongPtr<UniGridMapper>& mapper, double gridEpsilon)
-    : myOwner(mapper), myMapper(mapper.rawptr()), myEpsilon(gridEpsilon) {}
-
-int CurvilinearCell::take(const CellLocation& found) noexcept {
-    if (found) myLocal = found.local;
-    return myResult = static_cast<int>(found.result);
-}
 
 int HexaHedralCellNewton::pointInCell(const PhysicalSpace::point& p) {
     if (!myMapper) return -1;
@@ -80,12 +81,10 @@ int ProjectiveCell::pointInCell(const PhysicalSpace::point& p) {
     if (!myMapper) return -1;
     // The mapper's own query answers 1 without a result where it has no cells.
     MultiIndex<3> unicell;
-    return take(myMapper->inUniCell(p, unicell) ? myMapper->locateProjectively(p, myEpsilon) : CellLocation());
-}
-
-int ExactCell::pointInCell(const PhysicalSpace::point& p) {
-    if (!myLocator) return -1;
-    return take(myLocator->locate(p));
+    CellLocation found;
+    if (myMapper->inUniCell(p, unicell)) found = myMapper->locateProjectively(p, myEpsilon);
+    if (found) myLocal = found.local;
+    return myResult = static_cast<int>(found.result);
 }
 
 bool RectilinearInterpolation::find_rectilinear_cell(const PhysicalSpace::point& p,
@@ -322,30 +321,51 @@ struct Maker<ExactCellLocator> {
 
 } // namespace
 
+// A structure that its block makes too large is so for ever, and said to be so only `Again`. Other failures are tried
+// again.
 template<class Structure>
 const Structure* LocalFromWorldPoint::structure(unsigned int number, Hearing hearing) const {
-    using Made = Maker<Structure>;
     Fragment& fragment = myFragments[number];
-    StructureSlot<Structure>& slot = fragment.slot<Structure>();
-    if (const Structure* const ready = slot.ready()) return ready;
+    Fragment::Slot<Structure>& slot = fragment.slot<Structure>();
+    if (const Structure* const ready = slot.ready.load(std::memory_order_acquire)) return ready;
     Field* const storage = mySearch.mapperField<Structure>().rawptr();
     if (!storage) return nullptr;
+
+    using Made = Maker<Structure>;
     using Stored = StoredMapper<Structure>;
-    return slot.obtain(
-        fragment.untold, hearing,
-        [&]() -> StrongPtr<Structure> {
-            const auto stored = Hestra::dynamicCast<Stored>(PointSearch::find(*storage, fragment.id, myOrigin));
-            return stored && stored->nElements() > 0 ? stored->element(0) : nullptr;
-        },
-        [&] { Made::announce(number, myOptions); },
-        [&] {
-            const StrongPtr<CurvilinearCoordinates> block(fragment.known()->curvilinear());
-            const auto entry = Stored::create(MultiIndex<1>(1));
-            entry->element(0) = Made::make(block, myOptions);
-            PointSearch::store(*storage, fragment.id, entry, myOrigin);
-            return entry->element(0);
-        },
-        [&](const char* reason) { tell::cannotCreate(Made::name, number, reason); });
+    const auto refuse = [&](const char* reason) { tell::cannotCreate(Made::name, number, reason); };
+    const auto obtain = [&] {
+        if (slot.owner) return;
+        if (slot.hopeless) {
+            if (hearing != Hearing::Again) return;
+            Made::announce(number, myOptions);
+            return refuse(slot.hopeless->c_str());
+        }
+        try {
+            auto entry = Hestra::dynamicCast<Stored>(PointSearch::find(*storage, fragment.id, myOrigin));
+            if (!entry || entry->nElements() == 0 || !entry->element(0)) {
+                Made::announce(number, myOptions);
+                const StrongPtr<CurvilinearCoordinates> block(fragment.known()->curvilinear());
+                entry = Stored::create(MultiIndex<1>(1));
+                entry->element(0) = Made::make(block, myOptions);
+                PointSearch::store(*storage, fragment.id, entry, myOrigin);
+            }
+            slot.owner = entry->element(0);
+        } catch (const std::length_error& problem) {
+            slot.hopeless = problem.what();
+            refuse(problem.what());
+        } catch (const std::exception& problem) {
+            refuse(problem.what());
+        } catch (...) {
+            refuse(nullptr);
+        }
+        if (slot.owner) slot.ready.store(slot.owner.rawptr(), std::memory_order_release);
+    };
+    fragment.untold.during(hearing != Hearing::Nobody, [&] {
+#pragma omp critical
+        obtain();
+    });
+    return slot.ready.load(std::memory_order_acquire);
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -428,7 +448,7 @@ bool LocalFromWorldPoint::askAloud(Way way, unsigned int number, const point& p)
     CellLocation found;
     ask(way, number, std::span(&p, 1), std::span(&found, 1), hearing);
     fragment.untold.tell();
-    if (const auto* const mapper = fragment.slot<UniGridMapper>().ready(); mapper && !found.isSilent) {
+    if (const auto* const mapper = fragment.slot<UniGridMapper>().ready.load(); mapper && !found.isSilent) {
         if (way == Way::Newton) HexaHedralCellNewton(mapper, myOptions.gridEpsilon).pointInCell(p);
         if (way == Way::Projective) ProjectiveCell(mapper, myOptions.gridEpsilon).pointInCell(p);
     }

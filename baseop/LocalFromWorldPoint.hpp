@@ -85,6 +85,11 @@ struct VANTLE_BASEOP_API LocalPoint {
 /// Concurrency  one thread at a time; any number of these may ask one structure.
 class VANTLE_BASEOP_API CurvilinearCell {
 public:
+    /// A mapper given by its address outlives this object; a handle keeps it alive. Null is allowed.
+    explicit CurvilinearCell(const UniGridMapper* mapper, double gridEpsilon = LocationDefaults::GridEpsilon)
+        : myMapper(mapper), myEpsilon(gridEpsilon) {}
+    explicit CurvilinearCell(const Hestra::StrongPtr<UniGridMapper, UniGridMapper>& mapper,
+                             double gridEpsilon = LocationDefaults::GridEpsilon);
     virtual ~CurvilinearCell();
     /// 0 not found, 1 found, 2 accepted approximately, -1 when there is no search structure. Reports what the
     /// structure's own query reports.
@@ -95,59 +100,31 @@ public:
     /// What the last query returned; 0 before the first.
     [[nodiscard]] int result() const noexcept { return myResult; }
 
+private:
+    Hestra::StrongPtr<UniGridMapper, UniGridMapper> myOwner;
+
 protected:
-    CurvilinearCell() = default;
     CurvilinearCell(const CurvilinearCell&) = default;
     CurvilinearCell& operator=(const CurvilinearCell&) = default;
-    int take(const CellLocation& found) noexcept;
 
+    const UniGridMapper* myMapper;
+    double myEpsilon;
     Orvix::PhysicalSpace::point myLocal{-1.0, -1.0, -1.0};
     int myResult = 0;
 };
 
-/// By the linear solves of a unigrid mapper. A mapper given by its address outlives this object; a handle keeps it
-/// alive. Null is allowed.
+/// By the linear solves of a unigrid mapper.
 class VANTLE_BASEOP_API HexaHedralCellNewton : public CurvilinearCell {
 public:
-    explicit HexaHedralCellNewton(const UniGridMapper* mapper, double gridEpsilon = LocationDefaults::GridEpsilon)
-        : myMapper(mapper), myEpsilon(gridEpsilon) {}
-    explicit HexaHedralCellNewton(const Hestra::StrongPtr<UniGridMapper, UniGridMapper>& mapper,
-                                  double gridEpsilon = LocationDefaults::GridEpsilon);
-    ~HexaHedralCellNewton() override;
+    using CurvilinearCell::CurvilinearCell;
     int pointInCell(const Orvix::PhysicalSpace::point& p) override;
-
-private:
-    Hestra::StrongPtr<UniGridMapper, UniGridMapper> myOwner;
-    const UniGridMapper* myMapper;
-    double myEpsilon;
 };
 
-/// By the projective map of the cells in the unigrid mapper, which is given alike. Where the mapper has no cells the
-/// position is not found.
+/// By the projective map of the cells in the unigrid mapper. Where that has no cells the position is not found.
 class VANTLE_BASEOP_API ProjectiveCell : public CurvilinearCell {
 public:
-    explicit ProjectiveCell(const UniGridMapper* mapper, double gridEpsilon = LocationDefaults::GridEpsilon)
-        : myMapper(mapper), myEpsilon(gridEpsilon) {}
-    explicit ProjectiveCell(const Hestra::StrongPtr<UniGridMapper, UniGridMapper>& mapper,
-                            double gridEpsilon = LocationDefaults::GridEpsilon);
-    ~ProjectiveCell() override;
+    using CurvilinearCell::CurvilinearCell;
     int pointInCell(const Orvix::PhysicalSpace::point& p) override;
-
-private:
-    Hestra::StrongPtr<UniGridMapper, UniGridMapper> myOwner;
-    const UniGridMapper* myMapper;
-    double myEpsilon;
-};
-
-/// By an exact locator, which outlives this object; null is allowed.
-class VANTLE_BASEOP_API ExactCell : public CurvilinearCell {
-public:
-    explicit ExactCell(const ExactCellLocator* locator) : myLocator(locator) {}
-    ~ExactCell() override;
-    int pointInCell(const Orvix::PhysicalSpace::point& p) override;
-
-private:
-    const ExactCellLocator* myLocator;
 };
 
 /// Finds the cell of a rectilinear fragment. Coordinates given as an object outlive this one; a handle, which must not

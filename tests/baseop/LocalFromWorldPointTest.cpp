@@ -447,7 +447,6 @@ TEST(CurvilinearCellTest, LocatorsWithoutAStructureSaySo) {
     HexaHedralCellNewton newton(nullptr);
     EXPECT_EQ(newton.pointInCell({0, 0, 0}), -1);
     EXPECT_EQ(ProjectiveCell(nullptr).pointInCell({0, 0, 0}), -1);
-    EXPECT_EQ(ExactCell(nullptr).pointInCell({0, 0, 0}), -1);
     EXPECT_EQ(newton.localCoordinates(), Point(-1, -1, -1));
 
     testing::internal::CaptureStdout();

@@ -29,9 +29,4 @@ std::unique_lock<std::mutex> lockSlices() {
     return std::unique_lock(mutex);
 }
 
-void inCriticalSection(void (*function)(void*), void* argument) {
-#pragma omp critical
-    function(argument);
-}
-
 } // namespace Vantle::detail

@@ -22,11 +22,4 @@ private:
 /// The lock of all slices: for look-ups in a slice that make what is missing.
 [[nodiscard]] std::unique_lock<std::mutex> lockSlices();
 
-/// Calls `function` in the unnamed OpenMP critical section, in which nothing else may enter it.
-void inCriticalSection(void (*function)(void*), void* argument);
-template<class F>
-void inCriticalSection(F&& function) {
-    inCriticalSection([](void* self) { (*static_cast<std::remove_reference_t<F>*>(self))(); }, &function);
-}
-
 } // namespace Vantle::detail
