@@ -20,6 +20,7 @@ namespace {
 using detail::BlockVertices;
 using detail::CellBoxTree;
 using detail::CellCandidates;
+using detail::CellOfBlock;
 using detail::TrilinearCell;
 
 /// The images of the cells, widened by more than the tolerance of a solution. None for cells with a corner that is no
@@ -35,25 +36,13 @@ public:
     [[nodiscard]] int edges() const noexcept override { return 7; }
     void fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row) override {
         const auto n = static_cast<std::size_t>(myVertices.size()[0]);
-        const std::size_t step = myVertices.step(0);
-        const double* const p00 = myVertices.address(0, j, k);
-        const double* const p10 = myVertices.address(0, j + 1, k);
-        const double* const p01 = myVertices.address(0, j, k + 1);
-        const double* const p11 = myVertices.address(0, j + 1, k + 1);
         // Over the four vertices at each i: their sum, and the differences along j, along k and along both.
         double* const sum = mySums.data();
         double* const alongJ = sum + n;
         double* const alongK = sum + 2 * n;
         double* const alongBoth = sum + 3 * n;
         for (int d = 0; d < 3; ++d) {
-            for (std::size_t i = 0; i < n; ++i) {
-                const std::size_t at = i * step + static_cast<std::size_t>(d);
-                const double a = p00[at], b = p10[at], c = p01[at], e = p11[at];
-                sum[i] = (a + b) + (c + e);
-                alongJ[i] = (b - a) + (e - c);
-                alongK[i] = (c - a) + (e - b);
-                alongBoth[i] = (e - c) - (b - a);
-            }
+            myVertices.sumAcrossRow<true>(j, k, d, sum);
             const double scale = myTree->scale(d);
             // A sum of numbers may be too large for one; differences of corners that are numbers hardly are.
             constexpr double nan = std::numeric_limits<double>::quiet_NaN();
@@ -103,27 +92,12 @@ bool solve(const BlockVertices& vertices, const MultiIndex<3>& cell, const Orvix
 
 struct ExactCellLocator::Search {
     BlockVertices vertices;
-    double lowest[3] = {}, highest[3] = {}; // of all positions that may be found
+    point lowest, highest; // of all positions that may be found
     CellBoxTree tree;
 
     explicit Search(const MultiArrayBase<3, point>& view) : vertices(view) {
         if (vertices.cells().product() == 0) return;
-        const std::size_t step = vertices.step(0);
-        constexpr double infinite = std::numeric_limits<double>::infinity();
-        for (int d = 0; d < 3; ++d) {
-            lowest[d] = infinite;
-            highest[d] = -infinite;
-        }
-        for (index_t k = 0; k < vertices.size()[2]; ++k)
-            for (index_t j = 0; j < vertices.size()[1]; ++j) {
-                const double* at = vertices.address(0, j, k);
-                for (index_t i = 0; i < vertices.size()[0]; ++i, at += step)
-                    for (int d = 0; d < 3; ++d) {
-                        const double x = at[d] * 0.0 == 0.0 ? at[d] : lowest[d];
-                        lowest[d] = std::min(lowest[d], x);
-                        highest[d] = std::max(highest[d], at[d] * 0.0 == 0.0 ? at[d] : highest[d]);
-                    }
-            }
+        vertices.findExtremes(lowest, highest);
         double sides = 0.0;
         point from, to;
         for (int d = 0; d < 3; ++d) {
@@ -175,58 +149,40 @@ CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell) const {
     const Search& search = *mySearch;
     CellLocation found;
     if (!search.canHave(P)) return found;
-    // Cells in their order: the first that has the point is the one. A second search goes on behind the last one that
-    // there was room for.
-    for (index_t begin = 0;;) {
-        CellCandidates candidates(search.vertices, begin);
-        search.tree.forEachAt(
-            P, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { candidates.add(i, j, k); },
-            [&](index_t i, index_t j, index_t k) { search.vertices.prefetchGroup(i, j, k); });
-        for (const CellCandidates::Cell& candidate : candidates) {
+    // The first cell in order that has the point is the one.
+    (void)detail::offerCandidates(search.vertices, search.tree, P, [&](const CellCandidates& cells) {
+        for (const CellOfBlock& candidate : cells) {
             if (!solve(search.vertices, candidate.index(), P, found.local)) continue;
             if (cell) *cell = candidate.index();
             found.result = LocationResult::Found;
-            return found;
+            return true;
         }
-        if (candidates.areAll()) return found;
-        begin = candidates.end()[-1].number + 1;
-    }
+        return false;
+    });
+    return found;
 }
 
 void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocation> found) const {
-    constexpr std::size_t most = CellBoxTree::Matches::MaximalPoints;
-    for (std::size_t begin = 0; begin < points.size(); begin += most) {
-        const std::size_t count = std::min(most, points.size() - begin);
-        locateNeighbours(points.subspan(begin, count), found.subspan(begin, count));
-    }
-}
-
-void ExactCellLocator::locateNeighbours(std::span<const point> points, std::span<CellLocation> found) const {
     const Search& search = *mySearch;
-    constexpr double infinite = std::numeric_limits<double>::infinity();
-    point low(infinite, infinite, infinite), high(-infinite, -infinite, -infinite);
-    bool areInBox = true;
-    for (const point& p : points) {
-        areInBox = areInBox && search.canHave(p);
-        for (int d = 0; d < 3; ++d) {
-            low[d] = std::min(low[d], p[d]);
-            high[d] = std::max(high[d], p[d]);
-        }
-    }
-    CellBoxTree::Surroundings surroundings;
     CellBoxTree::Matches matches;
-    if (!areInBox || !search.tree.gather(surroundings, low, high) ||
-        !search.tree.match(surroundings, points, matches)) {
-        for (std::size_t n = 0; n < points.size(); ++n) found[n] = locate(points[n]);
-        return;
-    }
-    for (std::size_t n = 0; n < points.size(); ++n) {
-        found[n].result = LocationResult::NotFound;
-        found[n].isSilent = true;
-        for (const CellBoxTree::Matches::Cell& cell : matches.of(n)) {
-            if (!solve(search.vertices, cell.index(), points[n], found[n].local)) continue;
-            found[n].result = LocationResult::Found;
-            break;
+    for (std::size_t count; !points.empty(); points = points.subspan(count), found = found.subspan(count)) {
+        count = std::min(points.size(), CellBoxTree::Matches::MaximalPoints);
+        const std::span<const point> now = points.first(count);
+        const bool areMatched =
+            std::all_of(now.begin(), now.end(), [&](const point& p) { return search.canHave(p); }) &&
+            search.tree.match(now, matches);
+        for (std::size_t n = 0; n < count; ++n) {
+            if (!areMatched) {
+                found[n] = locate(now[n]);
+                continue;
+            }
+            found[n].result = LocationResult::NotFound;
+            found[n].isSilent = true;
+            for (const CellOfBlock& cell : matches.of(n)) {
+                if (!solve(search.vertices, cell.index(), now[n], found[n].local)) continue;
+                found[n].result = LocationResult::Found;
+                break;
+            }
         }
     }
 }

@@ -58,8 +58,6 @@ public:
 private:
     struct Search;
 
-    void locateNeighbours(std::span<const point> points, std::span<CellLocation> found) const;
-
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;
     std::unique_ptr<const Search> mySearch;
 };

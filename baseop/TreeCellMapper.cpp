@@ -1,7 +1,6 @@
 #include <baseop/TreeCellMapper.hpp>
 #include <baseop/detail/location/BlockVertices.hpp>
 #include <model/hestra/Profiler.hpp>
-#include <model/orvix/CellMap.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -54,28 +53,21 @@ void TreeCellMapper::maxVec(double& maximalLength, vector& maximalExtents, const
     if (edgeLength > maximalLength) maximalLength = edgeLength;
 }
 
-bool TreeCellMapper::tryCell(point& uvw, const point& P, const MultiIndex3& cell) const {
-    const BlockVertices vertices(*myCoordinates);
-    const double* const lowest = vertices.address(cell);
-    const auto corner = [&](int number) { return vertices.point(vertices.corner(lowest, number)); };
-    Orvix::cuboidToUnitCube(uvw, P, corner(0), corner(4), corner(2), corner(1), corner(7), true);
-    for (int d = 0; d < 3; ++d)
-        if (!(uvw[d] >= -myEpsilon && uvw[d] <= 1.0 + myEpsilon)) return false;
-    return true;
-}
-
 unsigned int TreeCellMapper::localCoordinates(point& uvw, tvector& extent, const point& P,
                                               MultiIndex3* foundCell) const {
     VANTLE_SCOPE("TreeCellMapper::localCoordinates(uvw, extent, P)");
     const vector halfWidths(myScale[0] * myMaximalExtents[0], myScale[1] * myMaximalExtents[1],
                             myScale[2] * myMaximalExtents[2]);
+    if (myTree->empty()) return 0;
+    const BlockVertices vertices(*myCoordinates);
     // The nearest cell that has the point; of several at one distance, the one visited first.
     double nearest = 0.0;
     bool isFound = false;
     MultiIndex3 found;
     point local;
     myTree->forEachInBox(P, halfWidths, [&](const MultiIndex3& cell, double distance) {
-        if ((isFound && !(distance < nearest)) || !tryCell(local, P, cell)) return;
+        if ((isFound && !(distance < nearest)) || !Vantle::detail::projectIntoCell(local, P, vertices, cell, myEpsilon))
+            return;
         nearest = distance;
         isFound = true;
         found = cell;

@@ -64,7 +64,6 @@ public:
 
 private:
     unsigned int accept(point& uvw, tvector& extent, const MultiIndex3& cell, MultiIndex3* foundCell) const;
-    bool tryCell(point& uvw, const point& P, const MultiIndex3& cell) const;
 
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;
     Hestra::StrongPtr<Tree> myTree;

@@ -24,6 +24,7 @@ using Vantle::MultiIndex;
 using Vantle::detail::BlockVertices;
 using Vantle::detail::CellBoxTree;
 using Vantle::detail::CellCandidates;
+using Vantle::detail::CellOfBlock;
 using Vantle::detail::LinearReach;
 using Vantle::detail::UnicellLists;
 
@@ -104,18 +105,12 @@ public:
         if (mySearch.unigrid.isFinite ? !mySearch.unigrid.inside(myP) : !mySearch.map(myP, unicell))
             return {{}, LocationResult::NotFound, false};
         if (!canUseTrees()) return walk();
-        for (index_t first = 0;;) {
-            CellCandidates candidates(mySearch.vertices, first);
-            mySearch.effects.forEachAt(
-                myP, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { candidates.add(i, j, k); },
-                [&](index_t i, index_t j, index_t k) { mySearch.vertices.prefetchGroup(i, j, k); });
-            if (tryCells(candidates, [&](const CellCandidates::Cell& cell, point& at) {
-                    return firstStep(at, cell.index(), linear::Everywhere);
-                }))
-                return myAnswer;
-            if (candidates.areAll()) break;
-            first = candidates.end()[-1].number + 1;
-        }
+        const auto stepIn = [&](const CellOfBlock& cell, point& at) {
+            return firstStep(at, cell.index(), linear::Everywhere);
+        };
+        if (Vantle::detail::offerCandidates(mySearch.vertices, mySearch.effects, myP,
+                                            [&](const CellCandidates& cells) { return tryCells(cells, stepIn); }))
+            return myAnswer;
         return nearMiss([&](auto&& f) { mySearch.nearMisses.forEachGroupAt(myP, f); });
     }
     /// Of a point in the box: `cells` are all that may have an effect, in order. `stepIn(cell, at)` makes the first
@@ -262,31 +257,6 @@ UniGridMapper::~UniGridMapper() = default;
 
 namespace {
 
-/// Extremes of all coordinates.
-struct Extremes {
-    point lowest, highest;
-    bool areFinite = true;
-};
-
-/// The box of a block with at least one vertex, when all its coordinates are numbers.
-Extremes extremesOf(const BlockVertices& vertices) noexcept {
-    const MultiIndex<3>& n = vertices.size();
-    const std::size_t step = vertices.step(0);
-    double low[3], high[3], check[3] = {};
-    for (int d = 0; d < 3; ++d) low[d] = high[d] = vertices.address(0, 0, 0)[d];
-    for (index_t k = 0; k < n[2]; ++k)
-        for (index_t j = 0; j < n[1]; ++j) {
-            const double* at = vertices.address(0, j, k);
-            for (index_t i = 0; i < n[0]; ++i, at += step)
-                for (int d = 0; d < 3; ++d) {
-                    low[d] = std::min(low[d], at[d]);
-                    high[d] = std::max(high[d], at[d]);
-                    check[d] += at[d] * 0.0; // NaN from the first coordinate on that is no number
-                }
-        }
-    return {point(low[0], low[1], low[2]), point(high[0], high[1], high[2]), check[0] + check[1] + check[2] == 0.0};
-}
-
 /// The running average of the squared edge lengths, from `start` on, over the cells from number `first` on.
 double runningAverage(const BlockVertices& vertices, double start, index_t first) noexcept {
     const MultiIndex<3>& cells = vertices.cells();
@@ -326,10 +296,10 @@ void UniGridMapper::measure(double resolution, double precision) {
     double meanSquare = 0.0;
     bool areFinite = false;
     if (vertices.size().product() != 0) {
-        const Extremes extremes = extremesOf(vertices);
-        areFinite = extremes.areFinite;
+        point lowest, highest;
+        areFinite = vertices.findExtremes(lowest, highest);
         if (areFinite) {
-            myBox = Orvix::BoundingBox(extremes.lowest, extremes.highest);
+            myBox = Orvix::BoundingBox(lowest, highest);
         } else {
             MultiIndex3 vertex;
             do {
@@ -477,18 +447,11 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<Ce
                                      double grid_epsilon) const {
     const Search& search = *mySearch;
     const point start(-1.0, -1.0, -1.0);
-    point low = search.unigrid.highest, high = search.unigrid.lowest;
-    bool areInBox = search.unigrid.isFinite && Query(*this, low, grid_epsilon, start).canUseTrees();
-    for (const point& p : points) {
-        areInBox = areInBox && search.unigrid.inside(p);
-        for (int d = 0; d < 3; ++d) {
-            low[d] = std::min(low[d], p[d]);
-            high[d] = std::max(high[d], p[d]);
-        }
-    }
-    CellBoxTree::Surroundings effects;
+    const bool areInBox =
+        search.unigrid.isFinite && Query(*this, start, grid_epsilon, start).canUseTrees() &&
+        std::all_of(points.begin(), points.end(), [&](const point& p) { return search.unigrid.inside(p); });
     CellBoxTree::Matches matches;
-    if (!areInBox || !search.effects.gather(effects, low, high) || !search.effects.match(effects, points, matches)) {
+    if (!areInBox || !search.effects.match(points, matches)) {
         for (std::size_t n = 0; n < points.size(); ++n) found[n] = Query(*this, points[n], grid_epsilon, start).find();
         return;
     }
@@ -516,7 +479,7 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<Ce
                                return step.outcome;
                            },
                            [&](auto&& f) {
-                               if (!areFewNear) areFewNear = search.nearMisses.gather(nearMisses, low, high);
+                               if (!areFewNear) areFewNear = search.nearMisses.gather(nearMisses, points);
                                if (!*areFewNear)
                                    search.nearMisses.forEachGroupAt(p, f);
                                else if (!nearMisses.empty())
@@ -533,11 +496,7 @@ CellLocation UniGridMapper::locateProjectively(const point& p, double grid_epsil
     CellLocation answer;
     mySearch->forEachListed(unicell, [&](index_t number) {
         const MultiIndex3 cell = mySearch->cellOf(number);
-        const double* const lowest = vertices.address(cell);
-        const auto corner = [&](int q) { return vertices.point(vertices.corner(lowest, q)); };
-        Orvix::cuboidToUnitCube(answer.local, p, corner(0), corner(4), corner(2), corner(1), corner(7), true);
-        for (int d = 0; d < 3; ++d)
-            if (!(answer.local[d] >= -grid_epsilon && answer.local[d] <= 1.0 + grid_epsilon)) return true;
+        if (!Vantle::detail::projectIntoCell(answer.local, p, vertices, cell, grid_epsilon)) return true;
         for (int d = 0; d < 3; ++d) answer.local[d] += static_cast<double>(cell[d]);
         answer.result = LocationResult::Found;
         return false;

@@ -1,11 +1,12 @@
 #pragma once
 /// How the searches in curvilinear blocks reach the vertices: plain addresses, and the linear map at a cell's centre.
 
-#include <model/orvix/PhysicalSpace.hpp>
+#include <model/orvix/CellMap.hpp>
 #include <model/vantle/MultiArray.hpp>
 
 #include <algorithm>
 #include <cstddef>
+#include <limits>
 
 #if defined(__SSE2__)
 #    include <emmintrin.h>
@@ -95,6 +96,45 @@ public:
             for (index_t y = j; y < std::min(j + 3, mySize[1]); ++y) __builtin_prefetch(address(i, y, z) + middle);
 #endif
     }
+    /// The extremes of all coordinates that are numbers; false if some are not.
+    bool findExtremes(Orvix::PhysicalSpace::point& lowest, Orvix::PhysicalSpace::point& highest) const noexcept {
+        constexpr double infinite = std::numeric_limits<double>::infinity();
+        double low[3] = {infinite, infinite, infinite}, high[3] = {-infinite, -infinite, -infinite}, check[3] = {};
+        for (index_t k = 0; k < mySize[2]; ++k)
+            for (index_t j = 0; j < mySize[1]; ++j) {
+                const double* at = address(0, j, k);
+                for (index_t i = 0; i < mySize[0]; ++i, at += myStep[0])
+                    for (int d = 0; d < 3; ++d) {
+                        const double zero = at[d] * 0.0; // NaN where it is no number
+                        low[d] = std::min(low[d], zero == 0.0 ? at[d] : infinite);
+                        high[d] = std::max(high[d], zero == 0.0 ? at[d] : -infinite);
+                        check[d] += zero;
+                    }
+            }
+        lowest = point(low);
+        highest = point(high);
+        return check[0] + check[1] + check[2] == 0.0;
+    }
+    /// Of one coordinate of the four vertices at each i of the cells (0, j, k), (1, j, k) ...: the sum, and the
+    /// differences along j and along k, each an array after the other; `Both` adds that along both.
+    template<bool Both>
+    void sumAcrossRow(index_t j, index_t k, int axis, double* sum) const noexcept {
+        const auto n = static_cast<std::size_t>(mySize[0]);
+        double* const alongJ = sum + n;
+        double* const alongK = sum + 2 * n;
+        const double* const p00 = address(0, j, k) + axis;
+        const double* const p10 = address(0, j + 1, k) + axis;
+        const double* const p01 = address(0, j, k + 1) + axis;
+        const double* const p11 = address(0, j + 1, k + 1) + axis;
+        for (std::size_t i = 0; i < n; ++i) {
+            const std::size_t at = i * myStep[0];
+            const double a = p00[at], b = p10[at], c = p01[at], e = p11[at];
+            sum[i] = (a + b) + (c + e);
+            alongJ[i] = (b - a) + (e - c);
+            alongK[i] = (c - a) + (e - b);
+            if constexpr (Both) sum[3 * n + i] = (e - c) - (b - a);
+        }
+    }
     [[nodiscard]] static Orvix::PhysicalSpace::point point(const double* at) noexcept { return {at[0], at[1], at[2]}; }
 
 private:
@@ -103,6 +143,17 @@ private:
     MultiIndex<3> mySize, myCells;
     bool myIsLarge; // more than caches near the core hold
 };
+
+/// The projective map of a cell: whether it takes a point to the unit cube, widened by `epsilon`, and to where.
+inline bool projectIntoCell(Orvix::PhysicalSpace::point& local, const Orvix::PhysicalSpace::point& P,
+                            const BlockVertices& vertices, const MultiIndex<3>& cell, double epsilon) {
+    const double* const lowest = vertices.address(cell);
+    const auto corner = [&](int number) { return vertices.point(vertices.corner(lowest, number)); };
+    Orvix::cuboidToUnitCube(local, P, corner(0), corner(4), corner(2), corner(1), corner(7), true);
+    for (int d = 0; d < 3; ++d)
+        if (!(local[d] >= -epsilon && local[d] <= 1.0 + epsilon)) return false;
+    return true;
+}
 
 /// The image of a cell's centre and the derivatives there along the three index axes: bit for bit what the
 /// interpolation kernels give at (0.5, 0.5, 0.5) of the cell.

@@ -378,7 +378,13 @@ void CellBoxTree::build(const Shapes& shapes, Detail detail) {
     buildUpper(boxes);
 }
 
-bool CellBoxTree::gather(Surroundings& surroundings, const point& lowest, const point& highest) const {
+bool CellBoxTree::gather(Surroundings& surroundings, std::span<const point> points) const {
+    point lowest = points[0], highest = points[0];
+    for (const point& p : points)
+        for (int d = 0; d < 3; ++d) {
+            lowest[d] = std::min(lowest[d], p[d]);
+            highest[d] = std::max(highest[d], p[d]);
+        }
     float low[4] = {}, high[4] = {};
     for (int d = 0; d < 3; ++d) {
         low[d] = toFloat(lowest[d], d);
@@ -408,7 +414,9 @@ bool CellBoxTree::gather(Surroundings& surroundings, const point& lowest, const 
     return isAll;
 }
 
-bool CellBoxTree::match(const Surroundings& surroundings, std::span<const point> points, Matches& matches) const {
+bool CellBoxTree::match(std::span<const point> points, Matches& matches) const {
+    Surroundings surroundings;
+    if (!gather(surroundings, points)) return false;
     float x[Matches::MaximalPoints][4];
     for (std::size_t n = 0; n < points.size(); ++n) {
         for (int d = 0; d < 3; ++d) x[n][d] = toFloat(points[n][d], d);
@@ -451,7 +459,7 @@ bool CellBoxTree::match(const Surroundings& surroundings, std::span<const point>
                 const auto m = static_cast<std::uint32_t>(std::countr_zero(mask | 0x100U));
                 const std::uint32_t i = lowest.at[0] + (m & 1), j = lowest.at[1] + (m >> 1 & 1),
                                     k = lowest.at[2] + (m >> 2 & 1);
-                matches.myCells[count] = {i + myCells[0] * (j + myCells[1] * k), i, j, k,
+                matches.myCells[count] = {{i + myCells[0] * (j + myCells[1] * k), i, j, k},
                                           static_cast<std::uint32_t>(n)};
                 count += mask != 0 ? 1 : 0;
                 mask &= mask - 1;

@@ -18,6 +18,13 @@
 
 namespace Vantle::detail {
 
+/// A cell by its place in the block.
+struct CellOfBlock {
+    index_t number; // i fastest
+    std::uint32_t i, j, k;
+    [[nodiscard]] MultiIndex<3> index() const noexcept { return {i, j, k}; }
+};
+
 /// Sets of points that belong to the cells of a block, one a cell, found by point.
 ///
 /// Cells are gathered in groups of 2 x 2 x 2 neighbours, groups in groups of 4 x 4 x 4, and so on: what are neighbours
@@ -166,14 +173,6 @@ public:
     public:
         /// Whether there are none.
         [[nodiscard]] bool empty() const noexcept { return myCount == 0; }
-        /// Calls `f(i, j, k)` for the lowest cell of each.
-        template<class F>
-        void forEachGroup(F&& f) const {
-            for (int g = 0; g < myCount; ++g) {
-                const Place& cell = myGroups[g].lowestCell;
-                f(cell.at[0], cell.at[1], cell.at[2]);
-            }
-        }
 
     private:
         friend class CellBoxTree;
@@ -189,11 +188,8 @@ public:
     class Matches {
     public:
         static constexpr std::size_t MaximalPoints = 64;
-        struct Cell {
-            index_t number; // i fastest
-            std::uint32_t i, j, k;
+        struct Cell : CellOfBlock {
             std::uint32_t point; // number of the point
-            [[nodiscard]] MultiIndex<3> index() const noexcept { return {i, j, k}; }
         };
         /// Those of point number n, in order.
         [[nodiscard]] std::span<const Cell> of(std::size_t n) const noexcept {
@@ -209,13 +205,13 @@ public:
         std::uint16_t myFirst[MaximalPoints + 1];
         Cell myCells[Capacity];
     };
-    /// False when there are too many of them: points are then looked for one by one.
-    [[nodiscard]] bool gather(Surroundings& surroundings, const point& lowest, const point& highest) const;
-    /// Finds the cells for up to `MaximalPoints` points in the box that the surroundings were gathered for; false when
-    /// there are too many. Each stage is done for all points before the next, since searches one by one spend their
-    /// time waiting for their own results.
-    [[nodiscard]] bool match(const Surroundings& surroundings, std::span<const point> points, Matches& matches) const;
-    /// As `forEachGroupAt`, for points in that box.
+    /// Gathers the groups near the box of some points, which have no NaN. False when there are too many of them: points
+    /// are then looked for one by one.
+    [[nodiscard]] bool gather(Surroundings& surroundings, std::span<const point> points) const;
+    /// Finds the cells for up to `MaximalPoints` such points; false when there are too many. Each stage is done for all
+    /// points before the next, since searches one by one spend their time waiting for their own results.
+    [[nodiscard]] bool match(std::span<const point> points, Matches& matches) const;
+    /// As `forEachGroupAt`, for points that the surroundings were gathered for.
     template<class F>
     void forEachGroupAt(const Surroundings& surroundings, const point& P, F&& f) const;
 
@@ -256,9 +252,9 @@ private:
     /// Calls `f(place)` for the groups of cells that may meet a box, as long as it returns true; false if it does not.
     template<class F>
     bool forEachGroupIn(const float (&low)[4], const float (&high)[4], F&& f) const;
-    /// Goes through a group and all below, one after the other.
+    /// The same below a group of level `top`, or for that group itself.
     template<class F>
-    bool descend(int top, const Place& start, const float (&low)[4], const float (&high)[4], F& f) const;
+    bool forEachGroupBelow(int top, const Place& start, const float (&low)[4], const float (&high)[4], F& f) const;
     struct LevelBoxes;
     template<int Edges>
     void buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& boxes);
@@ -382,23 +378,29 @@ inline unsigned CellBoxTree::Bottom::membersAt(const float (&x)[4]) const noexce
 
 template<class F>
 bool CellBoxTree::forEachGroupIn(const float (&low)[4], const float (&high)[4], F&& f) const {
-    if (myTop < 0) return true;
+    return myTop < 0 || forEachGroupBelow(myTop, {{0, 0, 0}}, low, high, f);
+}
+
+template<class F>
+bool CellBoxTree::forEachGroupBelow(int top, const Place& start, const float (&low)[4], const float (&high)[4],
+                                    F& f) const {
     // Level by level rather than depth first: all groups of a level are on their way from memory at the same time.
     constexpr std::size_t Capacity = 128;
     Place places[2][Capacity];
     Place* now = places[0];
     Place* below = places[1];
-    now[0] = {{0, 0, 0}};
+    now[0] = start;
     std::size_t count = 1;
-    for (int level = myTop; level > 0; --level) {
+    for (int level = top; level > 0; --level) {
         std::size_t members = 0;
         for (std::size_t g = 0; g < count; ++g) {
             if (members + Upper::Members > Capacity) [[unlikely]] {
-                // So many boxes at one place are seldom; what remains is gone through group by group.
+                // So many boxes at one place are seldom; what remains is gone through group by group. There is room
+                // for the members of one, so each is lower than `start`.
                 for (std::size_t m = 0; m < members; ++m)
-                    if (!descend(level - 1, below[m], low, high, f)) return false;
+                    if (!forEachGroupBelow(level - 1, below[m], low, high, f)) return false;
                 for (; g < count; ++g)
-                    if (!descend(level, now[g], low, high, f)) return false;
+                    if (!forEachGroupBelow(level, now[g], low, high, f)) return false;
                 return true;
             }
             for (auto mask = membersIn(level, now[g], low, high); mask; mask &= mask - 1) {
@@ -412,34 +414,6 @@ bool CellBoxTree::forEachGroupIn(const float (&low)[4], const float (&high)[4], 
     for (std::size_t g = 0; g < count; ++g)
         if (!f(now[g])) return false;
     return true;
-}
-
-template<class F>
-bool CellBoxTree::descend(int top, const Place& start, const float (&low)[4], const float (&high)[4], F& f) const {
-    if (top == 0) return f(start);
-    struct Step {
-        Place place;
-        std::uint64_t members; // still to be visited
-    };
-    Step steps[MaximalLevels];
-    int level = top;
-    steps[level] = {start, membersIn(level, start, low, high)};
-    for (;;) {
-        Step& step = steps[level];
-        if (step.members == 0) {
-            if (level == top) return true;
-            ++level;
-            continue;
-        }
-        const Place member = step.place.template member<4>(std::countr_zero(step.members));
-        step.members &= step.members - 1;
-        if (level == 1) {
-            if (!f(member)) return false;
-        } else {
-            --level;
-            steps[level] = {member, membersIn(level, member, low, high)};
-        }
-    }
 }
 
 template<class F, class Prepare>

@@ -2,9 +2,7 @@
 /// The few cells of a block that may have a point, in their order.
 
 #include <baseop/detail/location/BlockVertices.hpp>
-
-#include <cstddef>
-#include <cstdint>
+#include <baseop/detail/location/CellBoxTree.hpp>
 
 namespace Vantle::detail {
 
@@ -12,19 +10,11 @@ namespace Vantle::detail {
 /// the first ones in order are kept.
 class CellCandidates {
 public:
-    struct Cell {
-        index_t number; // i fastest
-        std::uint32_t i, j, k;
-        [[nodiscard]] MultiIndex<3> index() const noexcept { return {i, j, k}; }
-    };
-
     /// For cells from number `first` on.
-    explicit CellCandidates(const BlockVertices& vertices, index_t first = 0) noexcept
-        : myVertices(vertices), myFirst(first) {}
+    CellCandidates(const MultiIndex<3>& cells, index_t first) noexcept : myBlock(cells), myFirst(first) {}
 
     void add(std::uint32_t i, std::uint32_t j, std::uint32_t k) noexcept {
-        const MultiIndex<3>& cells = myVertices.cells();
-        const Cell cell{i + cells[0] * (j + cells[1] * k), i, j, k};
+        const CellOfBlock cell{i + myBlock[0] * (j + myBlock[1] * k), i, j, k};
         if (cell.number < myFirst) return;
         std::size_t at = myCount;
         if (myCount == Capacity) [[unlikely]] {
@@ -40,17 +30,33 @@ public:
 
     /// Whether there was room for all.
     [[nodiscard]] bool areAll() const noexcept { return myAreAll; }
-    [[nodiscard]] const Cell* begin() const noexcept { return myCells; }
-    [[nodiscard]] const Cell* end() const noexcept { return myCells + myCount; }
+    [[nodiscard]] const CellOfBlock* begin() const noexcept { return myCells; }
+    [[nodiscard]] const CellOfBlock* end() const noexcept { return myCells + myCount; }
 
 private:
     static constexpr std::size_t Capacity = 64;
 
-    const BlockVertices& myVertices;
+    const MultiIndex<3>& myBlock;
     index_t myFirst;
     std::size_t myCount = 0;
     bool myAreAll = true;
-    Cell myCells[Capacity];
+    CellOfBlock myCells[Capacity];
 };
+
+/// Offers to `take(cells)` all cells that may have a point without NaN, in their order, until it returns true. Goes on
+/// behind the last one that there was room for. False if it never does.
+template<class F>
+bool offerCandidates(const BlockVertices& vertices, const CellBoxTree& tree, const Orvix::PhysicalSpace::point& P,
+                     F&& take) {
+    for (index_t first = 0;;) {
+        CellCandidates candidates(vertices.cells(), first);
+        tree.forEachAt(
+            P, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { candidates.add(i, j, k); },
+            [&](index_t i, index_t j, index_t k) { vertices.prefetchGroup(i, j, k); });
+        if (take(candidates)) return true;
+        if (candidates.areAll()) return false;
+        first = candidates.end()[-1].number + 1;
+    }
+}
 
 } // namespace Vantle::detail

@@ -32,23 +32,7 @@ void LinearReach::fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row
     const auto n = static_cast<std::size_t>(myVertices.size()[0]);
     // Over the four vertices at each i: their sum, and the differences along j and k.
     double* const sums = mySums.data();
-    const double* const p00 = myVertices.address(0, j, k);
-    const double* const p10 = myVertices.address(0, j + 1, k);
-    const double* const p01 = myVertices.address(0, j, k + 1);
-    const double* const p11 = myVertices.address(0, j + 1, k + 1);
-    const std::size_t step = myVertices.step(0);
-    for (std::size_t d = 0; d < 3; ++d) {
-        double* const sum = sums + (3 * d) * n;
-        double* const alongJ = sum + n;
-        double* const alongK = sum + 2 * n;
-        for (std::size_t i = 0; i < n; ++i) {
-            const std::size_t at = i * step + d;
-            const double a = p00[at], b = p10[at], c = p01[at], e = p11[at];
-            sum[i] = (a + b) + (c + e);
-            alongJ[i] = (b - a) + (e - c);
-            alongK[i] = (c - a) + (e - b);
-        }
-    }
+    for (int d = 0; d < 3; ++d) myVertices.sumAcrossRow<false>(j, k, d, sums + static_cast<std::size_t>(3 * d) * n);
 
     const bool isNearMiss = myEffect == Effect::NearMiss;
     constexpr double RimMargin = 1e-3;
