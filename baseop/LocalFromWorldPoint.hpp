@@ -28,17 +28,12 @@ namespace detail {
 enum class Hearing;
 }
 
-/// What searches use unless told otherwise.
+/// What searches use unless told otherwise; see `LocatorOptions`.
 namespace LocationDefaults {
 
-/// Unicells of a unigrid mapper per mean edge length, divided by 1.2.
 inline constexpr double Resolution = 1.0;
-/// Distance at which a solve ends, in per cent of the mean edge length.
 inline constexpr double Precision = 0.01;
-/// Width of the rim of a block, in cells, within which a near miss is accepted.
 inline constexpr double GridEpsilon = 0.02;
-/// Half widths of the search box of a tree mapper, in largest edge extents. A box of one extent can miss cells that
-/// are strongly skewed.
 inline constexpr Orvix::PhysicalSpace::vector TreeScale{1.5, 1.5, 1.5};
 /// Interleaving of the cells when a tree mapper is built.
 inline constexpr unsigned int TreeStride = 13;
@@ -63,7 +58,8 @@ struct VANTLE_BASEOP_API LocatorOptions {
     double resolution = LocationDefaults::Resolution;
     /// Distance at which a solve of a unigrid mapper ends, in per cent of the mean edge length; 0 or more.
     double precision = LocationDefaults::Precision;
-    /// Half widths of the search box of tree mappers, in largest edge extents; 1 or more.
+    /// Half widths of the search box of tree mappers, in largest edge extents; 1 or more. A box of one extent can miss
+    /// cells that are strongly skewed.
     Orvix::PhysicalSpace::vector scale = LocationDefaults::TreeScale;
     /// Width of the rim within which `Newton` and `Projective` accept a position, in cells; 0 or more.
     double gridEpsilon = LocationDefaults::GridEpsilon;
