@@ -129,6 +129,8 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
     return MemArray<3, Result>::makeMemArray(chunk, size);
 }
 
+template struct Derivative<PhysicalSpace::vector>;
+template struct Derivative<Orvix::Quadratic<3, double>>;
 template VANTLE_BASEOP_API Ref<MemArray<3, PhysicalSpace::vector>>
 Derivative<PhysicalSpace::vector>::compute<3, double>(const MemArray<3, double>&);
 template VANTLE_BASEOP_API Ref<MemArray<3, Orvix::Quadratic<3, double>>>

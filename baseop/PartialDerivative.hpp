@@ -62,6 +62,8 @@ struct VANTLE_BASEOP_API Derivative {
     [[nodiscard]] static Hestra::Ref<MemArray<N, Result>> compute(const MemArray<N, T>& source);
 };
 
+extern template struct VANTLE_BASEOP_API Derivative<Orvix::PhysicalSpace::vector>;
+extern template struct VANTLE_BASEOP_API Derivative<Orvix::Quadratic<3, double>>;
 extern template VANTLE_BASEOP_API Hestra::Ref<MemArray<3, Orvix::PhysicalSpace::vector>>
 Derivative<Orvix::PhysicalSpace::vector>::compute<3, double>(const MemArray<3, double>&);
 extern template VANTLE_BASEOP_API Hestra::Ref<MemArray<3, Orvix::Quadratic<3, double>>>

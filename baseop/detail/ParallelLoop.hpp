@@ -9,10 +9,10 @@ namespace Vantle::detail {
 /// from the cache with little arithmetic, which is 25 microseconds.
 ///
 /// A team pays if one thread alone would take longer than the others take to start. Measured on two cores, with a scan
-/// for extremes, best of many: a team that sleeps breaks even at half of this in all (256 kB, 13 microseconds), one that
-/// has just done something else at 64 kB. With two members of this size each they take 0.62 and 0.52 of the time of one
-/// thread; so large, derivatives take 0.61 and resampling 0.81. Loops of less work never wait for a thread that a busy
-/// system does not run.
+/// for extremes, best of many: a team that sleeps breaks even at half of this in all (256 kB, 13 microseconds), one
+/// that has just done something else at 64 kB. With two members of this size each they take 0.62 and 0.52 of the time
+/// of one thread; so large, derivatives take 0.61 and resampling 0.81. Loops of less work never wait for a thread that
+/// a busy system does not run.
 constexpr std::size_t kMemberBytes = std::size_t{1} << 19;
 
 /// Number of threads that a parallel region opened here would have.

@@ -304,7 +304,7 @@ private:
         for (auto& axis : myTurns)
             for (auto& turns : axis)
                 while (!turns.empty() && turns.back().level >= level) turns.pop_back();
-        myPath.resize(level + 1);
+        myPath.erase(myPath.begin() + static_cast<std::ptrdiff_t>(level) + 1, myPath.end());
 
         int axis = static_cast<int>(level % N);
         for (;; ++level, axis = nextAxis(axis)) {

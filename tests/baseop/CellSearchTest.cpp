@@ -44,6 +44,32 @@ TEST(CellSearchTest, FindsTheCellAPointWasMadeIn) {
     EXPECT_FALSE(part.findLocation({0.29, 0.6, 0.5}, *blocks.positions()));
 }
 
+// Cells that a projective map has skewed keep their inner coordinates, however far from a parallelepiped they are.
+TEST(CellSearchTest, SkewedCellsKeepTheirCoordinates) {
+    const Quiet quiet;
+    const auto projected = [](double u, double v, double w) {
+        const double scale = 1.0 / (1.0 + 1.5 * u - 0.6 * v + 0.8 * w);
+        return Point((2.0 * u + 0.7 * v) * scale, (v - 0.4 * w + 0.2 * u) * scale, (1.5 * w + 0.3 * u) * scale);
+    };
+    const MultiIndex<3> n(5, 4, 6);
+    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    const auto blocks = support::makeBlocks(*grid, support::Shape{"projected", projected, false}, 1, n);
+    const CellSearch search(*blocks.positions(), *getBoundingBox(blocks.positions()), {6, 6, 6}, 100);
+    const auto block = support::blockOf(blocks, blocks.positions()->getFragmentID("A"));
+    double farthest = 0.0;
+    for (const Point& index : support::randomIndices(*block, 300, 11, 1e-6)) {
+        const Point p = projected(index[0] / 4.0, index[1] / 3.0, index[2] / 5.0);
+        const auto found = search.findLocation(p, *blocks.positions());
+        ASSERT_TRUE(found) << index;
+        for (int d = 0; d < 3; ++d) {
+            EXPECT_EQ(found.cell[d], static_cast<index_t>(index[d]));
+            EXPECT_NEAR(found.local[d], index[d] - std::floor(index[d]), 1e-9);
+        }
+        farthest = std::max(farthest, distance(p, support::positionIn(*block, index)));
+    }
+    EXPECT_GT(farthest, 0.01) << "trilinear cells would do";
+}
+
 TEST(CellSearchTest, TellsWhatItInspects) {
     const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
     const support::Shape cube{"Cube", [](double u, double v, double w) { return Point{u, v, w}; }, true};

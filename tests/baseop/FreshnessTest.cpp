@@ -417,7 +417,8 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
         // Another size is not known before the data are made.
         world.values()->setPersistentData(MemArray<3, double>::create({4, 3, 2}), id);
         EXPECT_EQ(getSize(*creator).rank(), 0);
-        EXPECT_EQ(getSize(*creator), creator->create()->getDynamicSize());
+        const StrongPtr<MemBase> made = creator->create();
+        EXPECT_EQ(getSize(*creator), made->getDynamicSize());
 
         // What a field had last stays the source when the field dies.
         setNew<MemArray<3, double>>(*world.values());

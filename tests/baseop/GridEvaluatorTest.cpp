@@ -296,8 +296,8 @@ TEST(GridEvaluatorTest, FindsAndTellsAsOnePositionAfterTheOther) {
                 const support::Scene scene = fresh();
                 for (const std::string& text : expected) {
                     GridEvaluator evaluator;
-                    const auto find = [&] {
-                        EXPECT_TRUE(evaluator.find(positions, *scene.blocks.positions(), contextOf(scene)));
+                    const auto find = [&, &where = positions] {
+                        EXPECT_TRUE(evaluator.find(where, *scene.blocks.positions(), contextOf(scene)));
                     };
                     if (team == 0) {
                         const Hestra::ScopedListener nobody({});

@@ -22,7 +22,6 @@ using namespace Vantle;
 
 constexpr double infinity = std::numeric_limits<double>::infinity();
 constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-const PhysicalSpace::vector scale = LocationDefaults::TreeScale;
 
 template<class F>
 std::string outputOf(const F& function) {

@@ -92,26 +92,4 @@ TEST_F(CurvesClientTest, TakesHandlesAndObjects) {
     }
 }
 
-// What is kept answers like what would be computed anew.
-TEST_F(CurvesClientTest, KeptResultsAreNeverStale) {
-    EXPECT_EQ(lengthOf("Positions"), 5.0);
-    const auto positions = vertices->Positions();
-    auto& stored = dynamic_cast<TypedArray<point>&>(*positions->getData());
-    stored.element(1) = point(0, 0, 6); // written in place: both are told
-    positions->getCreator(nullptr)->touch();
-    positions->touch();
-    EXPECT_EQ(lengthOf("Positions"), 6.0);
-    positions->setPersistentData(makeMemArray1D(std::vector<point>{{0, 0, 0}, {0, 7, 0}, {0, 7, 9}}));
-    EXPECT_EQ(lengthOf("Positions"), 7.0);
-    const StrongPtr<MemBase> lists = makeMemArray1D(std::vector<std::vector<index_t>>{{0, 1, 2}});
-    LineSet(grid).curves()->setPersistentData(lists);
-    EXPECT_EQ(lengthOf("Positions"), 16.0);
-    Hestra::Cache::MemCache()->clear();
-    EXPECT_EQ(lengthOf("Positions"), 16.0);
-    positions->setDiscardableData(makeMemArray1D(std::vector<point>{{0, 0, 0}, {1, 0, 0}, {3, 0, 0}}));
-    EXPECT_EQ(lengthOf("Positions"), 3.0);
-    Hestra::Cache::MemCache()->clear();
-    EXPECT_EQ(lengthOf("Positions"), 3.0) << "results are kept for good";
-}
-
 } // namespace

@@ -78,7 +78,7 @@ TEST_F(LocationClientTest, TakesObjectsAndHandles) {
 // Counts without components for fragment numbers count all the same: the room is that of the indices.
 TEST_F(LocationClientTest, UnicellsTakeWhatTheirIndicesHaveRoomFor) {
     const auto indices = MemArray<4, Orvix::FixedArray<unsigned short, 3>>::create({2, 2, 2, 2});
-    for (const index_t components : {1, 2, 3}) {
+    for (const index_t components : {1ULL, 2ULL, 3ULL}) {
         const auto counts = MemArray<4, unsigned short>::create({2, 2, 2, components});
         const auto add = [&](index_t fragment) {
             return CellSearch::addToUniCell(*counts, *indices, {1, 0, 1}, fragment, {fragment, 2, 3});

@@ -332,7 +332,7 @@ TEST(GridTest, LookUpsAttachmentsAndCreationMeetInManyThreads) {
                 if (!found || !found->getData(found->getFragmentID("block"))) std::abort();
                 const auto creator = found->getCreator(id);
                 creator->addInterface(Hestra::makeRef<SizeInterface>(DynamicSize{2}));
-                creator->setAttribute(name, Hestra::makeRef<Hestra::Chunk<double>>(1).strong());
+                creator->setAttribute(name, Hestra::makeRef<Hestra::Chunk<double>>(std::size_t{1}).strong());
                 creator->touch();
                 if (getSize(*creator).rank() != 1 || other->age() < 0) std::abort();
                 if (source->findFieldID(name) != destination->findFieldID(name)) std::abort();
