@@ -21,6 +21,7 @@ struct SerialNumber : std::atomic<std::uint32_t> {
     SerialNumber(const SerialNumber& other) noexcept
         : std::atomic<std::uint32_t>(other.load(std::memory_order_relaxed)) {}
     SerialNumber& operator=(const SerialNumber&) = delete;
+    using std::atomic<std::uint32_t>::operator=;
 };
 
 /// Number taken by every constructed handle, in whatever thread: a diagnostic serial, 32 bits, wrapping.
