@@ -1,5 +1,6 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/Isosurface.hpp>
+#include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/VertexMerger.hpp>
 #include <model/hestra/Console.hpp>
@@ -47,17 +48,15 @@ ProductPositions positionsOf(const DirectProductMemArray<PhysicalSpace::point, A
     return result;
 }
 
-/// The positions in an array of any kind that can hold them, if its extents are these.
-AnyPositions findPositions(const MemBase* array, const MultiIndex<3>& size) {
-    using Linear = DirectProductMemArray<PhysicalSpace::point, LinearCoordinateAxisArray, 3>;
-    using Explicit = DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
-    const auto* const regular = dynamic_cast<const MemArrayBase<3>*>(array);
-    if (!regular || regular->getSize() != size) return {};
-    if (const auto* const points = dynamic_cast<const MemArray<3, PhysicalSpace::point>*>(array))
-        return positionsOf(*points);
-    if (const auto* const linear = dynamic_cast<const Linear*>(array)) return positionsOf(*linear);
-    if (const auto* const listed = dynamic_cast<const Explicit*>(array)) return positionsOf(*listed);
-    return {};
+/// The positions of a fragment, of any kind that can hold them, if its extents are these.
+AnyPositions findPositions(const detail::FragmentCoordinates& coordinates, const MultiIndex<3>& size) {
+    return std::visit(
+        [&](const auto& found) -> AnyPositions {
+            if constexpr (requires { positionsOf(*found); })
+                if (found->Size() == size) return positionsOf(*found);
+            return {};
+        },
+        coordinates.kind);
 }
 
 /// Makes room for `added` elements more, at least doubling what has to move.
@@ -190,8 +189,6 @@ const char* IsoException::what() const noexcept {
 
 /// A fragment that is to be swept.
 struct FragmentIsoSurfacer::Fragment {
-    CreativeArrayBase& creator;
-    const MemBase& data;
     MultiIndex<3> size;
     AnyPositions positions;
     /// Its place on the lattice, if it is all there.
@@ -248,10 +245,13 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     const auto* const regular = dynamic_cast<const MemArrayBase<3>*>(data.rawptr());
     if (!regular) throw static_cast<const char*>("Isodata are not 3D");
 
-    Fragment fragment{*creator, *data, regular->getSize(), {}, {}};
-    const bool supported = sweepArray<double>(id, fragment) || sweepArray<float>(id, fragment) ||
-                           sweepArray<unsigned char>(id, fragment) || sweepArray<short>(id, fragment) ||
-                           sweepArray<unsigned short>(id, fragment);
+    Fragment fragment{regular->getSize(), {}, {}};
+    using Types = TypeList<double, float, unsigned char, short, unsigned short>;
+    const bool supported = withMemArray<3>(Types(), data, [&]<class T>(const MemArray<3, T>& values) {
+        if (isSkipped<T>(*creator)) return;
+        const StrongPtr<MemBase> coordinates = findCoordinates(id, fragment);
+        sweep<T>(values, fragment);
+    });
     if (!supported) {
         findCoordinates(id, fragment);
         throw IsoException(4);
@@ -259,21 +259,10 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     return true;
 }
 
-/// Handles the fragment if its data are of type `T`; false if they are not.
-template<class T>
-bool FragmentIsoSurfacer::sweepArray(const StrongPtr<FragmentID>& id, Fragment& fragment) {
-    const auto* const data = dynamic_cast<const MemArray<3, T>*>(&fragment.data);
-    if (!data) return false;
-    if (isSkipped<T>(fragment.creator)) return true;
-    const StrongPtr<MemBase> coordinates = findCoordinates(id, fragment);
-    sweep<T>(*data, fragment);
-    return true;
-}
-
 /// Sets positions and place of the fragment. The array that holds the positions is returned.
 StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<FragmentID>& id, Fragment& fragment) const {
     StrongPtr<MemBase> array = myPositions ? myPositions->getData(id) : StrongPtr<MemBase>();
-    fragment.positions = findPositions(array.rawptr(), fragment.size);
+    fragment.positions = findPositions(detail::FragmentCoordinates(array), fragment.size);
     if (std::holds_alternative<std::monostate>(fragment.positions)) {
         Console::puts("Sorry, no fragment coordinates for isosurface fragment.");
         throw IsoException(3);

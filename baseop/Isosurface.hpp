@@ -252,8 +252,6 @@ private:
     bool excludesLevel(const Hestra::StrongPtr<Range>& range);
     template<class T>
     bool isSkipped(CreativeArrayBase& creator);
-    template<class T>
-    bool sweepArray(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment);
     Hestra::StrongPtr<MemBase> findCoordinates(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment) const;
     template<class T>
     void sweep(const MultiArray<3, T>& data, const Fragment& fragment);
