@@ -55,7 +55,7 @@ void foldContiguous(MinMax<T>& result, const T* elements, std::size_t count) noe
     for (; count && reinterpret_cast<std::uintptr_t>(elements) % 64; ++elements, --count) // loads within cache lines
         result.fold(*elements);
     // Integers leave nothing to look up again.
-    const std::size_t pieceSize = std::is_floating_point_v<T> ? detail::kExtremesPieceBytes / sizeof(T) : count;
+    const std::size_t pieceSize = std::is_floating_point_v<T> ? detail::ExtremesPieceBytes / sizeof(T) : count;
     [[maybe_unused]] Piece<T> minimumCameFrom, maximumCameFrom;
     for (std::size_t begin = 0; begin < count; begin += pieceSize) {
         Piece<T> piece{elements + begin, std::min(pieceSize, count - begin)};
@@ -128,16 +128,16 @@ namespace {
 
 /// Greater than all other values of the type, or less.
 template<class T>
-constexpr T kBeyond = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
-                                                           : std::numeric_limits<T>::max();
+constexpr T Beyond = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
+                                                          : std::numeric_limits<T>::max();
 template<class T>
-constexpr T kBelow = std::numeric_limits<T>::has_infinity ? static_cast<T>(-kBeyond<T>)
-                                                          : std::numeric_limits<T>::lowest();
+constexpr T Below = std::numeric_limits<T>::has_infinity ? static_cast<T>(-Beyond<T>)
+                                                         : std::numeric_limits<T>::lowest();
 
 } // namespace
 
 template<class T>
-DataRange<T>::DataRange() : DataRange(kBeyond<T>, kBelow<T>) {}
+DataRange<T>::DataRange() : DataRange(Beyond<T>, Below<T>) {}
 template<class T>
 DataRange<T>::DataRange(T min, T max) : myMin(min), myMax(max) {}
 template<class T>

@@ -68,12 +68,12 @@ template<class Point>
 void embraceContiguous(BoundingBox& box, const Point* points, std::size_t count) {
     using Coordinate = typename Point::value_type;
     static_assert(sizeof(Point) == 3 * sizeof(Coordinate));
-    constexpr std::size_t kPiece = detail::kExtremesPieceBytes / sizeof(Point);
+    constexpr std::size_t Piece = detail::ExtremesPieceBytes / sizeof(Point);
 
     box.embrace(toPoint(points[0]));
-    for (std::size_t begin = 0; begin < count; begin += kPiece) {
+    for (std::size_t begin = 0; begin < count; begin += Piece) {
         const Point* const piece = points + begin;
-        const std::size_t size = std::min(kPiece, count - begin);
+        const std::size_t size = std::min(Piece, count - begin);
         const auto found = detail::findExtremes<Coordinate, 3>(piece->data(), 3 * size);
         if (found.hasNaN) {
             for (std::size_t i = 0; i < size; ++i) box.embrace(toPoint(piece[i]));

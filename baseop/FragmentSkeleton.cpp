@@ -19,7 +19,7 @@ using Orvix::PhysicalSpace;
 
 namespace {
 
-constexpr const char* kNamesField = "Positions";
+constexpr const char* NamesField = "Positions";
 
 StrongPtr<Skeleton> verticesOf(const Grid& grid) {
     StrongPtr<Skeleton> vertices = grid.findVertices(~0);
@@ -52,7 +52,7 @@ Creators findKept(const Grid& grid) {
         const StrongPtr<Field> field = representation ? representation->findField(name) : Field::NullPtrField();
         return field ? field->getCreator(nullptr) : StrongPtr<CreativeArrayBase>();
     };
-    kept[Names] = find(fragments->findRepresentation(*vertices), kNamesField);
+    kept[Names] = find(fragments->findRepresentation(*vertices), NamesField);
     if (const StrongPtr<Chart> chart = grid.findCartesianChart("")) {
         const auto corners = fragments->findRepresentation(*chart);
         kept[Minima] = find(corners, FragmentSkeleton::MinFieldName());
@@ -74,12 +74,12 @@ Arrays makeArrays(const StrongPtr<Field>& positions) {
 
     // Every fragment takes its place, or those after it would change their numbers.
     const auto take = [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        constexpr double kInfinity = std::numeric_limits<double>::infinity();
+        constexpr double Infinity = std::numeric_limits<double>::infinity();
         StrongPtr<BoundingBox> box;
         if (creator) ExpandBBox(box, *creator, CreateData);
         names.push_back(FragmentID::Name(id, ""));
-        minima.push_back(box ? box->minCoord() : PhysicalSpace::point(kInfinity, kInfinity, kInfinity));
-        maxima.push_back(box ? box->maxCoord() : PhysicalSpace::point(-kInfinity, -kInfinity, -kInfinity));
+        minima.push_back(box ? box->minCoord() : PhysicalSpace::point(Infinity, Infinity, Infinity));
+        maxima.push_back(box ? box->maxCoord() : PhysicalSpace::point(-Infinity, -Infinity, -Infinity));
         return true;
     };
     if (positions) positions->iterate(take);
@@ -135,7 +135,7 @@ StrongPtr<Skeleton> FragmentSkeleton::makeFragments(Grid& grid) { return grid[fr
 
 StrongPtr<Field> FragmentSkeleton::makeFragmentNames(Grid& grid) {
     const StrongPtr<Representation> names = (*makeFragments(grid))[*verticesOf(grid)];
-    return names->makeField(*Representation::makeFieldID(*names, kNamesField));
+    return names->makeField(*Representation::makeFieldID(*names, NamesField));
 }
 
 std::string FragmentSkeleton::getFragmentName(index_t i) const {

@@ -62,7 +62,7 @@ public:
         /// Without slice or grid nothing is found in curvilinear fragments.
         Hestra::StrongPtr<Slice> slice;
         Hestra::StrongPtr<Grid> grid;
-        std::string coordinateField = kPositionsName;
+        std::string coordinateField = PositionsName;
         /// The same as `cellLocator = CellLocator::Exact`, which says what is meant.
         bool flag = false;
 

@@ -27,8 +27,8 @@ namespace {
 
 // Edges of fragments with a place in the whole grid are those of the merger's lattice: their identifiers are less than
 // 3 * 2^60, and those of other fragments begin there.
-constexpr index_t kLatticeVertices = detail::VertexMerger::kVertices;
-constexpr index_t kFirstPrivateIdentifier = index_t{3} << 60;
+constexpr index_t LatticeVertices = detail::VertexMerger::Vertices;
+constexpr index_t FirstPrivateIdentifier = index_t{3} << 60;
 
 using AnyPositions = std::variant<std::monostate, StoredPositions, ProductPositions>;
 
@@ -105,10 +105,10 @@ using SurfaceRecord = Hestra::FreshnessRecord<Field>;
 /// Whether there is a value above the level. Looks at pieces that vector lanes take at once.
 template<class T>
 bool anyAbove(const MultiArray<3, T>& data, double level) {
-    constexpr std::size_t kPiece = 1024;
+    constexpr std::size_t Piece = 1024;
     const auto stride = static_cast<std::size_t>(data.stride()), count = static_cast<std::size_t>(data.nElements());
-    for (std::size_t begin = 0; begin < count; begin += kPiece) {
-        const std::size_t end = std::min(count, begin + kPiece);
+    for (std::size_t begin = 0; begin < count; begin += Piece) {
+        const std::size_t end = std::min(count, begin + Piece);
         bool above = false;
         for (std::size_t n = begin; n < end; ++n) above |= static_cast<double>(data.data()[n * stride]) > level;
         if (above) return true;
@@ -200,7 +200,7 @@ FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const S
                                          const Chunk<PhysicalSpace::point>& points,
                                          const Chunk<TriangleCell>& triangles)
     : myLevel(level), myParameter(parameter), myPositions(positions), myIdentifiers(edgeIdentifiers),
-      myWeights(weights), myPoints(points), myTriangles(triangles), myRunningOffset(kFirstPrivateIdentifier),
+      myWeights(weights), myPoints(points), myTriangles(triangles), myRunningOffset(FirstPrivateIdentifier),
       myMerger(std::make_unique<detail::VertexMerger>()) {}
 
 FragmentIsoSurfacer::~FragmentIsoSurfacer() = default;
@@ -272,7 +272,7 @@ StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<Fragment
     if (!location) return array;
     fragment.place = location->offset();
     for (int d = 0; d < 3; ++d)
-        if (fragment.size[d] > kLatticeVertices || location->offset()[d] > kLatticeVertices - fragment.size[d])
+        if (fragment.size[d] > LatticeVertices || location->offset()[d] > LatticeVertices - fragment.size[d])
             fragment.place.reset();
     return array;
 }
@@ -298,7 +298,7 @@ void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fr
                              identifiers.data() + firstVertex, weights.data() + firstVertex,
                              static_cast<unsigned int>(firstVertex)};
     const EdgeNumbering numbering = fragment.place
-                                        ? EdgeNumbering(MultiIndex<3>::filled(kLatticeVertices), *fragment.place, 0)
+                                        ? EdgeNumbering(MultiIndex<3>::filled(LatticeVertices), *fragment.place, 0)
                                         : EdgeNumbering(fragment.size, {}, myRunningOffset);
     std::visit(
         [&](const auto& positions) {

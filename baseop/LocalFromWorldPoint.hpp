@@ -213,7 +213,7 @@ public:
 
     /// Slice and grid may be objects or handles.
     LocalFromWorldPoint(const detail::Given<Slice>& slice, const detail::Given<Grid>& grid,
-                        const std::string& coordinateField = kPositionsName,
+                        const std::string& coordinateField = PositionsName,
                         double resolution = LocationDefaults::Resolution,
                         double precision = LocationDefaults::Precision,
                         const vector& scale = LocationDefaults::TreeScale);

@@ -24,7 +24,7 @@ using Orvix::PhysicalSpace;
 namespace {
 
 /// Bytes of the result that are made at a time: they are filled while they are still in a core's own cache.
-constexpr index_t kBlockBytes = index_t{128} << 10;
+constexpr index_t BlockBytes = index_t{128} << 10;
 
 /// The two nodes whose difference is the derivative at node `m` of an axis, and the factor: 1.0 changes no bit.
 struct Stencil {
@@ -109,7 +109,7 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
     // Making all elements before filling them would send the result through memory twice. So each thread makes the next
     // block, one after the other, and fills it while others make and fill theirs. There is room: nothing moves.
     const index_t rows = size[1] * size[2];
-    const index_t blockRows = std::max<index_t>(1, kBlockBytes / (size[0] * sizeof(Result)));
+    const index_t blockRows = std::max<index_t>(1, BlockBytes / (size[0] * sizeof(Result)));
     index_t madeRows = 0;
     const auto threads =
         static_cast<int>(detail::teamFor(static_cast<std::size_t>(nodes) * (sizeof(S) + sizeof(Result))));

@@ -10,7 +10,7 @@ using Orvix::PhysicalSpace;
 namespace {
 
 /// Of what UnsortedEigenVectors may leave off the diagonal, relative to the largest covariance.
-constexpr double kEigenPrecision = 1e-10;
+constexpr double EigenPrecision = 1e-10;
 
 constexpr double power4(double x) noexcept { return (x * x) * (x * x); }
 constexpr double power5(double x) noexcept { return power4(x) * x; }
@@ -20,8 +20,8 @@ Orvix::LowerTriangular<3, double> covariance(const std::vector<PhysicalSpace::po
     double xx = 0, xy = 0, yy = 0, xz = 0, yz = 0, zz = 0;
     for (const PhysicalSpace::point& p : points) {
         const PhysicalSpace::vector d = p - centre;
-        if (std::fabs(d[0]) < PointCloud::kSamePoint && std::fabs(d[1]) < PointCloud::kSamePoint &&
-            std::fabs(d[2]) < PointCloud::kSamePoint)
+        if (std::fabs(d[0]) < PointCloud::SamePoint && std::fabs(d[1]) < PointCloud::SamePoint &&
+            std::fabs(d[2]) < PointCloud::SamePoint)
             continue;
         xx += d[0] * d[0];
         xy += d[0] * d[1];
@@ -58,15 +58,15 @@ double PointCloud::sph_quintic(double q) noexcept {
 }
 
 PointCloud::Shape PointCloud::computeShape(const Points& points, const Point& centre) {
-    if (points.size() < kMinimalPoints) return {};
+    if (points.size() < MinimalPoints) return {};
     Orvix::FixedArray<Orvix::Vector<double, 3>, 3> vectors;
     Orvix::FixedArray<double, 3> e;
-    Orvix::UnsortedEigenVectors(covariance(points, centre), vectors, e, kEigenPrecision);
+    Orvix::UnsortedEigenVectors(covariance(points, centre), vectors, e, EigenPrecision);
     if (e[1] < e[0]) std::swap(e[0], e[1]);
     if (e[2] < e[1]) std::swap(e[1], e[2]);
     if (e[1] < e[0]) std::swap(e[0], e[1]);
     const double sum = e[0] + e[1] + e[2];
-    if (std::fabs(sum) < kMinimalVariance) return {};
+    if (std::fabs(sum) < MinimalVariance) return {};
     return {2.0 * (e[1] - e[0]) / sum, (e[2] - e[1]) / sum, 3.0 * e[0] / sum};
 }
 

@@ -27,11 +27,11 @@ public:
     using Points = std::vector<Point>;
 
     /// Fewer points than this have no shape.
-    static constexpr std::size_t kMinimalPoints = 6;
+    static constexpr std::size_t MinimalPoints = 6;
     /// A point that differs by less than this from the centre in every coordinate is the centre.
-    static constexpr double kSamePoint = 1e-4;
+    static constexpr double SamePoint = 1e-4;
     /// A cloud whose eigenvalues have a smaller sum has no shape.
-    static constexpr double kMinimalVariance = 1e-6;
+    static constexpr double MinimalVariance = 1e-6;
 
     /// All three measures of one neighbourhood.
     struct Shape {

@@ -57,7 +57,7 @@ public:
     ///
     /// Failure  throws `NoVertices` for a grid without vertices.
     PointSearch(const detail::Given<Slice>& slice, const detail::Given<Grid>& grid,
-                const std::string& coordinateField = kPositionsName);
+                const std::string& coordinateField = PositionsName);
 
     [[nodiscard]] const Hestra::StrongPtr<Slice>& slice() const noexcept { return mySlice; }
     [[nodiscard]] const Hestra::StrongPtr<Grid>& grid() const noexcept { return myGrid; }

@@ -57,12 +57,12 @@ public:
         }
         return row.data();
     }
-    void forget() noexcept { myNodes[0] = myNodes[1] = kNone; }
+    void forget() noexcept { myNodes[0] = myNodes[1] = None; }
 
 private:
-    static constexpr index_t kNone = ~index_t{0};
+    static constexpr index_t None = ~index_t{0};
     std::vector<T> myRows[2];
-    index_t myNodes[2] = {kNone, kNone};
+    index_t myNodes[2] = {None, None};
 };
 
 template<class T>
@@ -74,7 +74,7 @@ void combine(T* __restrict out, const T* __restrict lower, const T* __restrict u
 
 /// What a node of the result costs, in bytes that are read in that time: 1.1 ns were measured for `double`.
 template<class T>
-constexpr std::size_t kBytesPerNode = 4 * sizeof(T);
+constexpr std::size_t BytesPerNode = 4 * sizeof(T);
 
 /// The kernel's nesting, shared between nodes: rows along axis 0 are interpolated once, combined to strips of rows
 /// along axis 1 once, and strips to results along axis 2. Every sum is the one that the kernel forms at that node.
@@ -89,7 +89,7 @@ public:
         const index_t rows = stripRows();
         const index_t strips = (myY.size() + rows - 1) / rows;
         // Strips alone keep the threads busy if there are enough of them; flat and small results are cut along axis 2.
-        const std::size_t bytes = myX.size() * myY.size() * myZ.size() * kBytesPerNode<T>;
+        const std::size_t bytes = myX.size() * myY.size() * myZ.size() * BytesPerNode<T>;
         const index_t threads = detail::teamFor(bytes);
         const index_t slabs = std::min(myZ.size(), threads == 1 || strips >= 4 * threads ? 1 : threads);
         const auto fillPiece = [&](std::size_t piece, std::size_t) {
@@ -111,8 +111,8 @@ private:
         return std::clamp<index_t>(stripBytes / (myX.size() * sizeof(T)), 1, myY.size());
     }
 
-    /// Rows [j0, j0 + rows) of the planes [kBegin, kEnd) of the result.
-    void fillStrip(T* out, index_t j0, index_t rows, index_t kBegin, index_t kEnd) const {
+    /// Rows [j0, j0 + rows) of the planes [Begin, End) of the result.
+    void fillStrip(T* out, index_t j0, index_t rows, index_t Begin, index_t End) const {
         const std::size_t width = myX.size(), count = rows * width;
         LastTwo<T> sourceRows(width), strips(count);
         const auto stripOf = [&](index_t sourceK) {
@@ -124,7 +124,7 @@ private:
                 for (index_t j = 0; j < rows; ++j) blend(strip + j * width, myY[j0 + j], rowOf, width);
             });
         };
-        for (index_t k = kBegin; k < kEnd; ++k) blend(out + (k * myY.size() + j0) * width, myZ[k], stripOf, count);
+        for (index_t k = Begin; k < End; ++k) blend(out + (k * myY.size() + j0) * width, myZ[k], stripOf, count);
     }
 
     template<class Inner>
@@ -310,14 +310,14 @@ bool ResampleRegularGrid3D(Grid& destination, const Grid& source, const std::str
     const StrongPtr<FragmentIDCollection> fragments = Hestra::makeRef<FragmentIDCollection>();
 
     if (const StrongPtr<Field> positions = from->Positions()) {
-        const CreativeFieldResampler<3> resampler(factors, prefix + kPositionsName);
+        const CreativeFieldResampler<3> resampler(factors, prefix + PositionsName);
         const StrongPtr<Field> resampled = resampler.createEmptyField(*positions, fragments);
         CreativeResampleUniformCartesian3DIterator iterator(resampler, *resampled);
         applyToAll(*positions, iterator);
         to->setPositions(resampled);
     }
     (void)from->iterate([&](const FieldID& id, const Field& field) {
-        if (id.name() == kPositionsName) return true;
+        if (id.name() == PositionsName) return true;
         const CreativeFieldResampler<3> resampler(factors, prefix + id.name());
         const StrongPtr<Field> resampled = resampler.createEmptyField(field, fragments);
         CreativeResampleFragmentIterator<3, double, double, PlainCopyConvert> iterator(resampler, *resampled);

@@ -52,14 +52,14 @@ public:
     [[nodiscard]] Edge facesOf(unsigned int p, unsigned int q) const noexcept {
         const unsigned int low = std::min(p, q), high = std::max(p, q);
         const std::size_t bucket = bucketOf(low);
-        Edge faces(kNoFace, kNoFace);
+        Edge faces(NoFace, NoFace);
         if (bucket + 2 >= myBegin.size()) return faces;
         const Side* const end = mySides.data() + myBegin[bucket + 1];
         for (const Side* side = mySides.data() + myBegin[bucket]; side != end; ++side) {
             if (side->high != high) continue;
             if constexpr (!Dense)
                 if (side->low != low) continue;
-            if (faces[0] == kNoFace) {
+            if (faces[0] == NoFace) {
                 faces = Edge(side->face, side->face);
             } else if (side->face != faces[0]) { // a degenerate triangle has one side twice
                 faces[1] = side->face;
@@ -182,7 +182,7 @@ std::vector<bool> EdgeFlipCriterion::DetectEdges(const StrongPtr<Grid>& grid) {
     for (index_t e = 0; triangles && e < flags.size(); ++e) {
         const auto [first, second] = std::pair((*faces)(e)[0], (*faces)(e)[1]);
         if (first == second) continue;
-        unsigned int a = 0, b = 0, c = kNoFace, d = kNoFace, ignored = 0;
+        unsigned int a = 0, b = 0, c = NoFace, d = NoFace, ignored = 0;
         TriangleVerticesOrientation((*triangles)(second), (*myEdges)(e), ignored, ignored, d);
         TriangleVerticesOrientation((*triangles)(first), (*myEdges)(e), a, b, c);
         const auto& points = *myPositions;
@@ -251,7 +251,7 @@ void GenerateEdge2FacesTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, T
     // An edge that is a point belongs to all triangles at that vertex, not only to degenerate ones.
     std::vector<std::pair<unsigned int, Edge>> byVertex;
     for (index_t e = 0; e < count; ++e)
-        if (edges(e)[0] == edges(e)[1]) byVertex.emplace_back(edges(e)[0], Edge(kNoFace, kNoFace));
+        if (edges(e)[0] == edges(e)[1]) byVertex.emplace_back(edges(e)[0], Edge(NoFace, NoFace));
     std::sort(byVertex.begin(), byVertex.end());
     byVertex.erase(std::unique(byVertex.begin(), byVertex.end()), byVertex.end());
     const auto entryOf = [&](unsigned int vertex) {
@@ -263,7 +263,7 @@ void GenerateEdge2FacesTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, T
         const auto face = static_cast<unsigned int>(f);
         for (const unsigned int vertex : triangles(f))
             if (Edge* const entry = entryOf(vertex)) {
-                if ((*entry)[0] == kNoFace)
+                if ((*entry)[0] == NoFace)
                     *entry = Edge(face, face);
                 else if ((*entry)[0] == (*entry)[1])
                     (*entry)[1] = face;
@@ -302,7 +302,7 @@ void OrientTriangleEdges(Triangle& first, Triangle& second, const MemArray<1, Ed
                triangle[0] != triangle[1] && triangle[1] != triangle[2] && triangle[2] != triangle[0];
     };
     if (!has(first) || !has(second)) return;
-    unsigned int a = 0, b = 0, c = kNoFace, d = kNoFace, ignored = 0;
+    unsigned int a = 0, b = 0, c = NoFace, d = NoFace, ignored = 0;
     TriangleVerticesOrientation(second, shared, ignored, ignored, d);
     TriangleVerticesOrientation(first, shared, a, b, c);
     first = Triangle(a, b, c);

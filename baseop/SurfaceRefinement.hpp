@@ -95,10 +95,10 @@ VANTLE_BASEOP_API void TriangleVerticesOrientation(const Triangle& triangle, con
                                                    unsigned int& b, unsigned int& opposite);
 
 /// In an edge-to-faces table: an edge that belongs to no triangle.
-inline constexpr unsigned int kNoFace = ~0U;
+inline constexpr unsigned int NoFace = ~0U;
 
 /// Sets each entry of `edgeToFaces` to the first two triangles, by index, that contain both ends of the edge. An edge
-/// of one triangle has it in both slots; an edge of none has `kNoFace`.
+/// of one triangle has it in both slots; an edge of none has `NoFace`.
 ///
 /// Degenerate   counts beyond the arrays are cut, negative ones are 0. Repeated edges each have their own entry.
 /// Cost         near-linear in triangles and edges: those of a vertex are looked through for each of its edges.

@@ -16,7 +16,7 @@ using Self = TangentialVectorsAndCurveParameter;
 
 namespace {
 
-constexpr const char* kSource = "baseop/TangentialVectors";
+constexpr const char* Source = "baseop/TangentialVectors";
 
 /// Whether all indices are less than `count`, which is less than 2^63: otherwise an index, or its distance to the last
 /// valid one, has the highest bit. Without comparisons, for the sake of vector lanes.
@@ -28,7 +28,7 @@ bool allBelow(const std::vector<Index>& indices, index_t count) noexcept {
 }
 
 /// Segments that are worked on at a time.
-constexpr std::size_t kBlock = 128;
+constexpr std::size_t Block = 128;
 
 /// Lengths of `count` vectors and their reciprocals, to the bit as by `length`. Here vector lanes take several at once:
 /// the divisions are what the whole computation waits for.
@@ -51,12 +51,12 @@ void lengthsOf(const double* x, const double* y, const double* z, std::size_t co
 template<class Index>
 double follow(const std::vector<Index>& curve, const PhysicalSpace::point* points, PhysicalSpace::vector* tangents,
               double* parameters) noexcept {
-    double x[kBlock], y[kBlock], z[kBlock], size[kBlock], reciprocal[kBlock];
+    double x[Block], y[Block], z[Block], size[Block], reciprocal[Block];
     PhysicalSpace::point previous = points[curve[0]];
     double s = 0.0;
     parameters[curve[0]] = s;
-    for (std::size_t begin = 1; begin < curve.size(); begin += kBlock) {
-        const std::size_t count = std::min(kBlock, curve.size() - begin);
+    for (std::size_t begin = 1; begin < curve.size(); begin += Block) {
+        const std::size_t count = std::min(Block, curve.size() - begin);
         for (std::size_t i = 0; i < count; ++i) {
             const PhysicalSpace::point here = points[curve[begin + i]];
             x[i] = here[0] - previous[0];
@@ -102,7 +102,7 @@ const char* Self::NoEdgePositions::what() const noexcept { return "grid of curve
 template<class Index>
 void Self::computeAlong(const Points& points, const MemArray<1, std::vector<Index>>& curves,
                         const WeakPtr<CreativeArrayBase>& creator) {
-    const Hestra::Profiler scope(kSource, __LINE__, "TangentialVectorsAndCurveParameter::compute(points, curves)",
+    const Hestra::Profiler scope(Source, __LINE__, "TangentialVectorsAndCurveParameter::compute(points, curves)",
                                  __PRETTY_FUNCTION__);
     myTangents = Tangents::create(points.Size(), creator);
     myParameters = Parameters::create(points.Size(), creator);
@@ -139,7 +139,7 @@ bool isCurrent(const StrongPtr<Field>& kept, const Field* vertices, const Field*
 
 /// The name of what is kept of a vertex field.
 std::string keptName(const char* plain, const std::string& vertexField) {
-    return vertexField == kPositionsName ? plain : plain + ("." + vertexField);
+    return vertexField == PositionsName ? plain : plain + ("." + vertexField);
 }
 
 } // namespace
@@ -152,7 +152,7 @@ bool Self::useCached(const StrongPtr<Field>& tangentField, const StrongPtr<Field
     }
     if (isCurrent(tangentField, &vertices, curves.rawptr()) && isCurrent(parameterField, &vertices, curves.rawptr())) {
         const StrongPtr<CreativeArrayBase> creator = tangentField->getCreator(nullptr);
-        const auto maximum = creator ? creator->getTypedAttribute<double>(kMaximalLengthName) : nullptr;
+        const auto maximum = creator ? creator->getTypedAttribute<double>(MaximalLengthName) : nullptr;
         const auto tangents = Hestra::dynamicCast<Tangents>(tangentField->getData());
         const auto parameters = Hestra::dynamicCast<Parameters>(parameterField->getData());
         if (maximum && maximum->elements() > 0 && tangents && parameters) {
@@ -169,10 +169,10 @@ bool Self::useCached(const StrongPtr<Field>& tangentField, const StrongPtr<Field
 }
 
 Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& fieldName, const std::string& chart) {
-    const Hestra::Profiler scope(kSource, __LINE__, "TangentialVectorsAndCurveParameter(grid)", __PRETTY_FUNCTION__);
+    const Hestra::Profiler scope(Source, __LINE__, "TangentialVectorsAndCurveParameter(grid)", __PRETTY_FUNCTION__);
     const StrongPtr<Skeleton> vertices = grid.findVertices();
     if (!vertices) throw NoVertices();
-    const std::string vertexField = fieldName.empty() ? kPositionsName : fieldName;
+    const std::string vertexField = fieldName.empty() ? PositionsName : fieldName;
     const StrongPtr<Representation> representation =
         grid.getCartesianRepresentation(*vertices, grid.findCartesianChart(chart) ? chart : std::string());
     const StrongPtr<Field> field = representation ? representation->findField(vertexField) : Field::NullPtrField();
@@ -181,8 +181,8 @@ Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& fieldNam
     const StrongPtr<Skeleton> edges = grid.getSkeleton(SkeletonID(1, 1));
     const auto edgesAsVertices = edges ? edges->findRepresentation(*vertices) : StrongPtr<Representation>();
     const StrongPtr<Field> edgePositions = edgesAsVertices ? edgesAsVertices->Positions() : Field::NullPtrField();
-    const std::string tangentsName = keptName(kTangentsName, vertexField);
-    const std::string parameterName = keptName(kParameterName, vertexField);
+    const std::string tangentsName = keptName(TangentsName, vertexField);
+    const std::string parameterName = keptName(ParameterName, vertexField);
     const Hestra::Freshness origin(field.rawptr(), edgePositions.rawptr());
     if (useCached(representation->findField(tangentsName), representation->findField(parameterName), *field,
                   edgePositions))
@@ -200,7 +200,7 @@ Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& fieldNam
     const auto shortCurves = Hestra::dynamicCast<ShortCurves>(lists);
     if (!curves && !shortCurves) throw NoEdgePositions();
 
-    const std::string message = std::string(kSource) + " Compute Tangential Vectors";
+    const std::string message = std::string(Source) + " Compute Tangential Vectors";
     Hestra::Console::puts(message);
     if (curves)
         compute(*points, *curves, creator);
@@ -210,13 +210,13 @@ Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& fieldNam
 
     const auto store = [&](const std::string& name, const StrongPtr<MemBase>& result) {
         const auto made = Hestra::makeRef<Field>();
-        const StrongPtr<CreativeArrayBase> holder = made->setPersistentData(result, nullptr, nullptr, kSource);
+        const StrongPtr<CreativeArrayBase> holder = made->setPersistentData(result, nullptr, nullptr, Source);
         CurveRecord::attach(*made, made, origin);
         representation->setField(name, made);
         return holder;
     };
     const auto holder = store(tangentsName, myTangents);
-    holder->setAttribute(kMaximalLengthName, StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<double>{myMaximalLength}));
+    holder->setAttribute(MaximalLengthName, StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<double>{myMaximalLength}));
     store(parameterName, myParameters);
 }
 

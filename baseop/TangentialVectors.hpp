@@ -36,9 +36,9 @@ public:
 
     /// Names under which results are cached beside the vertices: the fields, and an attribute of the tangents' creator.
     /// Those of another vertex field than "Positions" have its name after a dot, as in "length.name".
-    static constexpr const char* kTangentsName = "Tangents";
-    static constexpr const char* kParameterName = "length";
-    static constexpr const char* kMaximalLengthName = "maxlen";
+    static constexpr const char* TangentsName = "Tangents";
+    static constexpr const char* ParameterName = "length";
+    static constexpr const char* MaximalLengthName = "maxlen";
 
     /// What a grid lacks to be a grid of curves. They are looked for in the order in which they stand here.
     class VANTLE_BASEOP_API Exception : public std::exception {
@@ -98,11 +98,11 @@ public:
     /// @param vertexField  the field of the vertices' coordinates; "Positions" when empty.
     /// @param chart        the Cartesian chart that they are in; the default one where there is no chart of this name.
     /// Failure  the exceptions above; cached results need no data of vertices and curves.
-    explicit TangentialVectorsAndCurveParameter(Grid& grid, const std::string& vertexField = kPositionsName,
+    explicit TangentialVectorsAndCurveParameter(Grid& grid, const std::string& vertexField = PositionsName,
                                                 const std::string& chart = {});
     /// The same; a null handle is a grid without vertices.
     explicit TangentialVectorsAndCurveParameter(const Hestra::StrongPtr<Grid>& grid,
-                                                const std::string& vertexField = kPositionsName,
+                                                const std::string& vertexField = PositionsName,
                                                 const std::string& chart = {})
         : TangentialVectorsAndCurveParameter(present<NoVertices>(grid), vertexField, chart) {}
 
@@ -148,9 +148,9 @@ private:
 
 /// The tangents of a grid of curves, cached as by the class, with its exceptions and messages.
 [[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<TangentialVectorsAndCurveParameter::Tangents>
-getTangentialVectors(Grid& grid, const std::string& vertexField = kPositionsName);
+getTangentialVectors(Grid& grid, const std::string& vertexField = PositionsName);
 [[nodiscard]] inline Hestra::StrongPtr<TangentialVectorsAndCurveParameter::Tangents>
-getTangentialVectors(const Hestra::StrongPtr<Grid>& grid, const std::string& vertexField = kPositionsName) {
+getTangentialVectors(const Hestra::StrongPtr<Grid>& grid, const std::string& vertexField = PositionsName) {
     return TangentialVectorsAndCurveParameter(grid, vertexField).tangents();
 }
 

@@ -17,7 +17,7 @@ public:
             const auto& axis = grid.axis(d);
             myOrigin[d] = axis.origin() + offset[d];
             // A divisor that makes every finite distance 0 stands for an axis that has no index.
-            mySpacing[d] = axis.spacing() != 0.0 ? axis.spacing() : kInfinity;
+            mySpacing[d] = axis.spacing() != 0.0 ? axis.spacing() : Infinity;
         }
     }
 
@@ -32,7 +32,7 @@ public:
     }
 
 private:
-    static constexpr double kInfinity = std::numeric_limits<double>::infinity();
+    static constexpr double Infinity = std::numeric_limits<double>::infinity();
     PhysicalSpace::point myOrigin;
     PhysicalSpace::vector mySpacing;
 };

@@ -21,45 +21,45 @@ template<class T, int Period, int Bytes>
 [[gnu::always_inline]] inline void findInLanes(const T* numbers, std::size_t count,
                                                Extremes<T, Period>& result) noexcept {
     typedef T Vector __attribute__((vector_size(Bytes)));
-    constexpr bool kTwoStreams = std::is_integral_v<T>;
-    constexpr int kEach = 3, kVectors = 2 * kEach;
-    constexpr int kLanes = Bytes / static_cast<int>(sizeof(T));
-    constexpr std::size_t kStep = kEach * kLanes;
-    static_assert(kStep % Period == 0 && kEach % Period == 0);
+    constexpr bool TwoStreams = std::is_integral_v<T>;
+    constexpr int Each = 3, Vectors = 2 * Each;
+    constexpr int Lanes = Bytes / static_cast<int>(sizeof(T));
+    constexpr std::size_t Step = Each * Lanes;
+    static_assert(Step % Period == 0 && Each % Period == 0);
 
     for (int c = 0; c < Period; ++c) result.min[c] = result.max[c] = numbers[c];
     result.hasNaN = false;
-    const std::size_t rounds = count / (2 * kStep);
+    const std::size_t rounds = count / (2 * Step);
     if (rounds) {
-        const T* const other = numbers + (kTwoStreams ? rounds * kStep : kStep);
-        Vector least[kVectors], greatest[kVectors];
+        const T* const other = numbers + (TwoStreams ? rounds * Step : Step);
+        Vector least[Vectors], greatest[Vectors];
         std::memcpy(least, numbers, sizeof least / 2);
-        std::memcpy(least + kEach, other, sizeof least / 2);
+        std::memcpy(least + Each, other, sizeof least / 2);
         std::memcpy(greatest, least, sizeof greatest);
         auto nan = least[0] != least[0]; // integer lanes of the same width, all bits set for true
         for (std::size_t round = 0; round < rounds; ++round) {
-            const std::size_t done = round * (kTwoStreams ? kStep : 2 * kStep);
+            const std::size_t done = round * (TwoStreams ? Step : 2 * Step);
 #pragma GCC unroll 6
-            for (int v = 0; v < kVectors; ++v) {
+            for (int v = 0; v < Vectors; ++v) {
                 Vector x;
-                std::memcpy(&x, (v < kEach ? numbers : other) + done + v % kEach * kLanes, sizeof x);
+                std::memcpy(&x, (v < Each ? numbers : other) + done + v % Each * Lanes, sizeof x);
                 least[v] = x < least[v] ? x : least[v];
                 greatest[v] = x > greatest[v] ? x : greatest[v];
                 if constexpr (std::is_floating_point_v<T>) nan |= x != x;
             }
         }
         // Registers whose numbers differ by a multiple of the period hold the same components.
-        for (int v = Period; v < kVectors; ++v) {
+        for (int v = Period; v < Vectors; ++v) {
             least[v % Period] = least[v] < least[v % Period] ? least[v] : least[v % Period];
             greatest[v % Period] = greatest[v] > greatest[v % Period] ? greatest[v] : greatest[v % Period];
         }
-        for (int i = 0; i < Period * kLanes; ++i) {
-            widen(result, i % Period, least[i / kLanes][i % kLanes]);
-            widen(result, i % Period, greatest[i / kLanes][i % kLanes]);
+        for (int i = 0; i < Period * Lanes; ++i) {
+            widen(result, i % Period, least[i / Lanes][i % Lanes]);
+            widen(result, i % Period, greatest[i / Lanes][i % Lanes]);
         }
-        for (int i = 0; i < kLanes; ++i) result.hasNaN |= nan[i] != 0;
+        for (int i = 0; i < Lanes; ++i) result.hasNaN |= nan[i] != 0;
     }
-    for (std::size_t i = 2 * kStep * rounds; i < count; ++i) widen(result, static_cast<int>(i % Period), numbers[i]);
+    for (std::size_t i = 2 * Step * rounds; i < count; ++i) widen(result, static_cast<int>(i % Period), numbers[i]);
 }
 
 template<class T, int Period>

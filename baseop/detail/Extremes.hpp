@@ -22,6 +22,6 @@ template<class T, int Period>
 [[nodiscard]] Extremes<T, Period> findExtremes(const T* numbers, std::size_t count) noexcept;
 
 /// Pieces of about this many bytes are searched, and searched again where the exact fold asks for it, from cache.
-inline constexpr std::size_t kExtremesPieceBytes = 32768;
+inline constexpr std::size_t ExtremesPieceBytes = 32768;
 
 } // namespace Vantle::detail

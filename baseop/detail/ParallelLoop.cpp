@@ -23,7 +23,7 @@ std::size_t teamSize() noexcept {
     return static_cast<std::size_t>(std::max(1, std::min(omp_get_max_threads(), omp_get_thread_limit())));
 }
 
-std::size_t teamFor(std::size_t bytes) noexcept { return std::clamp<std::size_t>(bytes / kMemberBytes, 1, teamSize()); }
+std::size_t teamFor(std::size_t bytes) noexcept { return std::clamp<std::size_t>(bytes / MemberBytes, 1, teamSize()); }
 
 void runInParallel(std::size_t count, std::size_t piece, std::size_t bytes,
                    void (*call)(const void* function, std::size_t begin, std::size_t end), const void* function) {

@@ -13,7 +13,7 @@ namespace Vantle::detail {
 /// that has just done something else at 64 kB. With two members of this size each they take 0.62 and 0.52 of the time
 /// of one thread; so large, derivatives take 0.61 and resampling 0.81. Loops of less work never wait for a thread that
 /// a busy system does not run.
-constexpr std::size_t kMemberBytes = std::size_t{1} << 19;
+constexpr std::size_t MemberBytes = std::size_t{1} << 19;
 
 /// Number of threads that a parallel region opened here would have.
 [[nodiscard]] std::size_t teamSize() noexcept;

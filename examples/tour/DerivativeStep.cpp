@@ -77,7 +77,7 @@ bool touchesBlanked(const std::vector<bool>& blanked, const MultiIndex<3>& at, c
 // Calls take(node) for every vertex whose derivatives rest on vertices that count.
 void forNodes(const DataSet& data, const std::function<void(const Node&)>& take) {
     const auto positions = data.grid.positions();
-    const auto alongPositions = indexDerivative(data, kPositionsName);
+    const auto alongPositions = indexDerivative(data, PositionsName);
     const auto alongVelocity = data.hasVelocity ? indexDerivative(data, kVelocity) : nullptr;
     positions->iterate([&](const Hestra::StrongPtr<FragmentID>& fragment, const auto&) {
         const auto points = Hestra::dynamicCast<Block>(positions->getData(fragment));

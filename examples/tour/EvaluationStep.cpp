@@ -121,7 +121,7 @@ struct Blocks {
 void locate(Way& way, const DataSet& data, const Positions& positions) {
     LocalFromWorldPoint::Options options;
     options.cellLocator = way.locator;
-    const LocalFromWorldPoint locator(way.slice, data.grid.grid(), kPositionsName, options);
+    const LocalFromWorldPoint locator(way.slice, data.grid.grid(), PositionsName, options);
     const auto total = static_cast<long long>(positions.nElements());
     const auto positionOf = [&](long long n) {
         Space::point p;

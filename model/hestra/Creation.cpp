@@ -12,7 +12,7 @@ namespace {
 
 thread_local Creation* innermost = nullptr;
 
-constexpr std::size_t kNoMark = ~std::size_t{0};
+constexpr std::size_t NoMark = ~std::size_t{0};
 
 } // namespace
 
@@ -45,10 +45,10 @@ struct Creation::Registry {
         try {
             marks.reserve(marks.size() + 1);
         } catch (const std::bad_alloc&) {
-            return kNoMark;
+            return NoMark;
         }
         const omp_allocator_handle_t allocator = omp_init_allocator(omp_default_mem_space, 0, nullptr);
-        if (allocator == omp_null_allocator) return kNoMark;
+        if (allocator == omp_null_allocator) return NoMark;
         marks.push_back({allocator, making});
         return marks.size() - 1;
     }
@@ -100,7 +100,7 @@ Creation::Creation(Gate& gate) {
     gate.myMaking = this;
     myGate = &gate;
     myMark = all.takeMark(this);
-    if (myMark != kNoMark) {
+    if (myMark != NoMark) {
         myOuterMark = omp_get_default_allocator();
         omp_set_default_allocator(all.marks[myMark].allocator);
     }
@@ -113,7 +113,7 @@ Creation::~Creation() {
     Registry& all = registry();
     const std::lock_guard lock(all.mutex);
     myGate->myMaking = nullptr;
-    if (myMark != kNoMark) {
+    if (myMark != NoMark) {
         omp_set_default_allocator(static_cast<omp_allocator_handle_t>(myOuterMark));
         all.marks[myMark].making = nullptr;
     }

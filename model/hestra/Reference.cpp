@@ -19,8 +19,8 @@ struct PendingBlock {
     const char* begin;
     const char* end;
 };
-constexpr int kPendingInPlace = 64;
-thread_local PendingBlock pending[kPendingInPlace];
+constexpr int PendingInPlace = 64;
+thread_local PendingBlock pending[PendingInPlace];
 thread_local int pendingCount = 0;
 
 /// The ones for which there is no place.
@@ -30,7 +30,7 @@ struct DeepBlock {
 };
 thread_local DeepBlock* deepBlocks = nullptr;
 
-constexpr int kDestroyed = std::numeric_limits<int>::min() / 2;
+constexpr int Destroyed = std::numeric_limits<int>::min() / 2;
 
 bool takePending(const void* where) noexcept {
     const auto holds = [place = static_cast<const char*>(where)](const PendingBlock& block) {
@@ -53,7 +53,7 @@ bool takePending(const void* where) noexcept {
 
 void addPending(void* memory, std::size_t size) {
     const PendingBlock block{static_cast<char*>(memory), static_cast<char*>(memory) + size};
-    if (pendingCount < kPendingInPlace)
+    if (pendingCount < PendingInPlace)
         pending[pendingCount++] = block;
     else
         deepBlocks = new DeepBlock{block, deepBlocks};
@@ -80,10 +80,10 @@ void ReferenceRecord::lastOwnerLeft() noexcept {
         return;
     }
     int none = 0;
-    if (!strong.compare_exchange_strong(none, kDestroyed, std::memory_order_acq_rel)) return;
+    if (!strong.compare_exchange_strong(none, Destroyed, std::memory_order_acq_rel)) return;
     dying->extremeUnction();
-    if (const int now = strong.load(std::memory_order_relaxed); now != kDestroyed)
-        SpeakPtr::WarningUnctionChange(dying, now - kDestroyed);
+    if (const int now = strong.load(std::memory_order_relaxed); now != Destroyed)
+        SpeakPtr::WarningUnctionChange(dying, now - Destroyed);
     delete dying;
 }
 

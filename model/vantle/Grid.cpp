@@ -39,7 +39,7 @@ StrongPtr<Representation> Grid::getCartesianRepresentation(const Skeleton& skele
     return cartesian ? skeleton.findRepresentation(*cartesian) : nullptr;
 }
 
-StrongPtr<Field> Grid::CartesianPositions() const { return (*this)(kPositionsName); }
+StrongPtr<Field> Grid::CartesianPositions() const { return (*this)(PositionsName); }
 
 StrongPtr<Field> Grid::operator()(const std::string& field, const std::string& chart) const {
     const auto representation = getCartesianRepresentation(chart);

@@ -15,7 +15,7 @@
 namespace Vantle {
 
 /// Name of the field that holds the coordinates of a representation.
-inline constexpr const char* kPositionsName = "Positions";
+inline constexpr const char* PositionsName = "Positions";
 
 /// Key of a field in a representation; one object may be shared by several representations. Does not change.
 class VANTLE_MODEL_API FieldID : public Hestra::ReferenceBase<FieldID> {
@@ -118,8 +118,8 @@ public:
     [[nodiscard]] Hestra::StrongPtr<Field> findField(const char* name) const;
     /// The slot of this name, for reading and for assignment.
     [[nodiscard]] FieldProxy operator[](const std::string& name) { return FieldProxy(*this, name); }
-    [[nodiscard]] Hestra::StrongPtr<Field> Positions() const { return findField(kPositionsName); }
-    void setPositions(const Hestra::StrongPtr<Field>& positions) { setField(kPositionsName, positions); }
+    [[nodiscard]] Hestra::StrongPtr<Field> Positions() const { return findField(PositionsName); }
+    void setPositions(const Hestra::StrongPtr<Field>& positions) { setField(PositionsName, positions); }
     /// Stores (replaces) the field of this name; a null handle removes it.
     void setField(const std::string& name, const Hestra::StrongPtr<Field>& field);
 

@@ -26,7 +26,7 @@ std::vector<Edge> plainTable(const std::vector<Triangle>& triangles, const std::
         std::vector<unsigned> hits;
         for (unsigned f = 0; f < triangles.size() && hits.size() < 2; ++f)
             if (has(triangles[f], edge[0]) && has(triangles[f], edge[1])) hits.push_back(f);
-        if (hits.empty()) hits.push_back(kNoFace);
+        if (hits.empty()) hits.push_back(NoFace);
         table.emplace_back(hits.front(), hits.back());
     }
     return table;
@@ -60,7 +60,7 @@ TEST(SurfaceRefinementTest, EdgeTableIsThatOfThePlainDoubleLoop) {
     std::vector<Triangle> tetrahedron{{0, 1, 2}, {1, 0, 3}, {2, 1, 3}, {0, 2, 3}};
     const std::vector<Edge> edges{{0, 1}, {1, 2}, {2, 0}, {3, 0}, {1, 3}, {3, 2}, {0, 4'000'000'000U}};
     EXPECT_EQ(fastTable(tetrahedron, edges),
-              (std::vector<Edge>{{0, 1}, {0, 2}, {0, 3}, {1, 3}, {1, 2}, {2, 3}, {kNoFace, kNoFace}}));
+              (std::vector<Edge>{{0, 1}, {0, 2}, {0, 3}, {1, 3}, {1, 2}, {2, 3}, {NoFace, NoFace}}));
     tetrahedron.pop_back();
     EXPECT_EQ(fastTable(tetrahedron, edges)[2], Edge(0, 0));
 }
@@ -72,7 +72,7 @@ TEST(SurfaceRefinementTest, TablesKeepWithinTheirCounts) {
     GenerateEdge2FacesTable(*table, *triangles, *edges, 1, 2);
     EXPECT_EQ(table->base_vector(), (std::vector<Edge>{{0, 0}, {0, 0}, {8, 9}}));
     GenerateEdge2FacesTable(*table, *triangles, *edges, -4, 100);
-    EXPECT_EQ(table->base_vector(), std::vector<Edge>(3, Edge(kNoFace, kNoFace)));
+    EXPECT_EQ(table->base_vector(), std::vector<Edge>(3, Edge(NoFace, NoFace)));
     const auto faces = makeMemArray1D(std::vector<Triangle>(2, Triangle(7, 7, 7)));
     GenerateFace2EdgesTable(*faces, *table, *triangles, *edges, 100, 100);
     EXPECT_EQ(faces->base_vector(), std::vector<Triangle>(2, Triangle(7, 7, 7)));

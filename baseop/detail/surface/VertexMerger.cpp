@@ -16,7 +16,7 @@ bool VertexMerger::Box::overlaps(const Box& other) const noexcept {
 }
 
 bool VertexMerger::Box::hasOnFace(index_t identifier) const {
-    const GridEdge edge = findEdge(identifier, MultiIndex<3>::filled(kVertices));
+    const GridEdge edge = findEdge(identifier, MultiIndex<3>::filled(Vertices));
     for (int d = 0; d < 3; ++d)
         if (d != edge.axis && (edge.lower[d] == low[d] || edge.lower[d] == high[d])) return true;
     return false;
@@ -47,9 +47,9 @@ void VertexMerger::join(const SurfaceArrays& surface, const Box& box, std::size_
     std::vector<unsigned int> joined(identifiers.size() - box.firstVertex);
     std::size_t kept = box.firstVertex;
     for (std::size_t v = box.firstVertex; v < identifiers.size(); ++v) {
-        index_t known = VertexTable::kNone;
+        index_t known = VertexTable::None;
         if (box.isComplete || box.hasOnFace(identifiers[v])) known = myVertices.find(identifiers[v]);
-        if (known == VertexTable::kNone) {
+        if (known == VertexTable::None) {
             known = kept;
             identifiers[kept] = identifiers[v];
             weights[kept] = weights[v];

@@ -19,13 +19,13 @@ struct SurfaceArrays {
 };
 
 /// Finds vertices that fragments have in common, whose edges are named by their place in the index space of the whole
-/// grid: as on a lattice of `kVertices` vertices along each axis.
+/// grid: as on a lattice of `Vertices` vertices along each axis.
 ///
 /// Remembers vertices that a further fragment may have too: those on the faces of fragments, and all of a fragment
 /// once another one overlaps its inside. The rest, nearly all, is never looked up.
 class VertexMerger {
 public:
-    static constexpr index_t kVertices = index_t{1} << 20;
+    static constexpr index_t Vertices = index_t{1} << 20;
 
     /// Joins the vertices from `firstVertex` on, those of a new fragment, with what is there, and corrects its
     /// triangles, which begin at `firstTriangle`. `place` is the fragment's first vertex on the lattice, `size` its

@@ -15,17 +15,17 @@ namespace Vantle::detail {
 /// Cost    32 to 64 bytes an entry; one or two cache lines a look-up, where an ordered map follows a pointer a level.
 class VertexTable {
 public:
-    static constexpr index_t kNone = ~index_t{0};
+    static constexpr index_t None = ~index_t{0};
 
-    /// `kNone` when there is none.
+    /// `None` when there is none.
     [[nodiscard]] index_t find(index_t identifier) const noexcept {
-        return mySlots.empty() ? kNone : mySlots[slot(identifier)].vertex;
+        return mySlots.empty() ? None : mySlots[slot(identifier)].vertex;
     }
     /// Adds a vertex unless its edge has one.
     void insert(index_t identifier, index_t vertex) {
         if (2 * (mySize + 1) > mySlots.size()) grow();
         Slot& place = mySlots[slot(identifier)];
-        if (place.vertex != kNone) return;
+        if (place.vertex != None) return;
         place = {identifier, vertex};
         ++mySize;
     }
@@ -33,7 +33,7 @@ public:
 private:
     struct Slot {
         index_t identifier = 0;
-        index_t vertex = kNone;
+        index_t vertex = None;
     };
     /// That of the identifier, or the free one that it would get.
     [[nodiscard]] std::size_t slot(index_t identifier) const noexcept {
@@ -41,14 +41,14 @@ private:
         constexpr index_t golden = 0x9e3779b97f4a7c15ULL;
         const std::size_t last = mySlots.size() - 1;
         auto at = static_cast<std::size_t>((identifier * golden) >> 20) & last;
-        while (mySlots[at].vertex != kNone && mySlots[at].identifier != identifier) at = (at + 1) & last;
+        while (mySlots[at].vertex != None && mySlots[at].identifier != identifier) at = (at + 1) & last;
         return at;
     }
     void grow() {
         std::vector<Slot> old(std::max<std::size_t>(1024, 2 * mySlots.size()));
         old.swap(mySlots);
         for (const Slot& filled : old)
-            if (filled.vertex != kNone) mySlots[slot(filled.identifier)] = filled;
+            if (filled.vertex != None) mySlots[slot(filled.identifier)] = filled;
     }
 
     std::vector<Slot> mySlots; // a power of two
