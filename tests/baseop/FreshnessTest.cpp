@@ -191,7 +191,7 @@ const Change kChanges[] = {
     {"MaskWrittenInPlace",
      [](World& world) {
          const auto mask = world.blocks.field(VertexMaskName);
-         Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(18) = 0;
+         Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(0) = 0;
          Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(13) = 1;
          mask->touch();
      }},
