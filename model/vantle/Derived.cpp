@@ -22,8 +22,15 @@ DerivedArray::Source::Source(const StrongPtr<CreativeArrayBase>& creator, const 
                              const StrongPtr<FragmentID>& id)
     : myCreator(creator), myField(field), myID(id) {}
 
+DerivedArray::Source DerivedArray::Source::remembering(const WeakPtr<CreativeArrayBase>& creator) {
+    Source source(StrongPtr<CreativeArrayBase>{});
+    source.myRememberedCreator = creator;
+    return source;
+}
+
 StrongPtr<CreativeArrayBase> DerivedArray::Source::present(const StrongPtr<const Field>& field) const {
-    return field ? field->getCreator(myID) : myCreator;
+    if (field) return field->getCreator(myID);
+    return myCreator ? myCreator : myRememberedCreator.lock();
 }
 
 StrongPtr<MemBase> DerivedArray::Source::data() const {
@@ -42,7 +49,9 @@ Hestra::Ageable::age_t DerivedArray::Source::age() const {
     return std::max(field ? field->age() : 0, creator ? creator->age() : 0);
 }
 
-DerivedArray::Source DerivedArray::Source::followed() const { return Source(present(myField.lock()), myField, myID); }
+DerivedArray::Source DerivedArray::Source::followed() const {
+    return myRememberedCreator ? *this : Source(present(myField.lock()), myField, myID);
+}
 
 DerivedArray::DerivedArray(const Source& source, Derivation derivation, const VantleTypeIndex& elementType,
                            const DynamicSize& size, const WeakPtr<Hestra::Cache>& cache)

@@ -39,6 +39,8 @@ public:
     public:
         explicit Source(const Hestra::StrongPtr<CreativeArrayBase>& creator,
                         const Hestra::WeakPtr<const Field>& field = {}, const Hestra::StrongPtr<FragmentID>& id = {});
+        /// Does not keep the creator alive: without it there are no data.
+        [[nodiscard]] static Source remembering(const Hestra::WeakPtr<CreativeArrayBase>& creator);
         [[nodiscard]] Hestra::StrongPtr<MemBase> data() const;
         [[nodiscard]] Hestra::Freshness freshness() const;
         [[nodiscard]] Hestra::Ageable::age_t age() const;
@@ -49,6 +51,7 @@ public:
         [[nodiscard]] Hestra::StrongPtr<CreativeArrayBase> present(const Hestra::StrongPtr<const Field>& field) const;
 
         Hestra::StrongPtr<CreativeArrayBase> myCreator;
+        Hestra::WeakPtr<CreativeArrayBase> myRememberedCreator;
         Hestra::WeakPtr<const Field> myField;
         Hestra::StrongPtr<FragmentID> myID;
     };
