@@ -68,7 +68,10 @@ struct Way {
 constexpr Way kWays[] = {{"Packed", 1, false}, {"Interleaved", 3, false}, {"Float", 1, true}, {"FloatApart", 2, true}};
 
 struct AdoptedMemoryTest : testing::TestWithParam<std::tuple<Kind, Way>> {
-    void SetUp() override { Hestra::Console::setListener({}); }
+    void SetUp() override {
+        outstanding = 0;
+        Hestra::Console::setListener({});
+    }
     void TearDown() override { Hestra::Console::useStandardOutput(); }
 };
 
@@ -169,6 +172,15 @@ TEST_F(SinglePrecisionTest, ConversionsAreSharedDroppedAndFollowTheirSource) {
     Hestra::Cache::MemCache()->clear();
     CreativeArray unowned{StrongPtr<MemBase>(floats)};
     EXPECT_EQ(getDataInDoublePrecision(unowned)->nElements(), floats->nElements());
+}
+
+TEST_F(SinglePrecisionTest, VerticesOfSurfaces) {
+    const StrongPtr<Grid> triangles = slice->newGrid("surface");
+    const auto made = TriangularSurfaceWithEdges::create(*triangles, {{0, 0, 0}, {1, 0, 0}, {0, 0.5, 0}}, {{0, 1, 2}});
+    triangles->CartesianPositions()->setPersistentData(narrow(*made.points()));
+    const TriangularSurfaceWithEdges surface(triangles);
+    ASSERT_TRUE(surface.points());
+    EXPECT_EQ(surface.points()->element(2), Point(0, 0.5, 0));
 }
 
 // For callers who read points themselves.

@@ -240,6 +240,7 @@ TEST(ForeignMemoryTest, WhatIsWrongIsSaidAndTheOwnerLetGo) {
          false,
          typeid(std::string)},
         {"many", {.elements = numbers}, {huge, 8}, "more than memory can hold", true},
+        {"large", {.elements = numbers}, {huge}, "more than memory can hold", true},
         {"many apart", {.elements = numbers, .strides = {PTRDIFF_MAX - 7}}, {3}, "beyond all memory", true},
         {"rank 5", {.elements = numbers}, {1, 1, 1, 1, 1}, "rank 5"},
         {"rank 0", {.elements = numbers}, {}, "rank 0"},

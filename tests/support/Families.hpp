@@ -187,6 +187,7 @@ inline void printEvaluated(Answer& answer, World& world, const char* field) {
     RegularGrid3D(lattice).addBlock("new", Hestra::makeRef<UniformCartesianArray>(
                                                BoundingBox({100, 50, 0}, {118, 51, 1}), MultiIndex<3>(30, 3, 3)));
     const auto result = EvalGrid(*lattice, *world.grid, field, *world.slice, "", false);
+    ASSERT_TRUE(result);
     for (const char* const name : {"old", "new"}) print(answer, result->getData(result->getFragmentID(name)));
 }
 
@@ -312,7 +313,9 @@ inline const Kind kOtherKinds[] = {
     {"EvaluatedVectors", [](Answer& answer, World& world) { printEvaluated(answer, world, "velocity"); }},
     {"EvaluatedOnCurves",
      [](Answer& answer, World& world) {
-         print(answer, EvalGrid(*world.curves, *world.grid, "values", *world.slice, "", true)->getData());
+         const auto result = EvalGrid(*world.curves, *world.grid, "values", *world.slice, "", true);
+         ASSERT_TRUE(result);
+         print(answer, result->getData());
      }},
     {"UniformInterpolation",
      [](Answer& answer, World& world) {
