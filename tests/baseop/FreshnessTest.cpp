@@ -127,23 +127,21 @@ enum class Pressure { None, Before, After };
 struct FreshnessTest : testing::TestWithParam<std::tuple<Kind, Change, Pressure>> {
     void SetUp() override { Hestra::Console::setListener({}); }
     void TearDown() override { Hestra::Console::useStandardOutput(); }
-
-    static std::string answer(const Kind& kind, World& world) { return answerOf(kind, world); }
 };
 
 TEST_P(FreshnessTest, TheAnswerIsTheOneAsIfNothingHadEverBeenKept) {
     const auto& [kind, change, pressure] = GetParam();
     World world, untouched;
     make(world);
-    const std::string before = answer(kind, world);
-    EXPECT_EQ(answer(kind, world), before);
+    const std::string before = answerOf(kind, world);
+    EXPECT_EQ(answerOf(kind, world), before);
     if (pressure == Pressure::Before) Hestra::Cache::MemCache()->clear();
     change.make(world);
     if (pressure == Pressure::After) Hestra::Cache::MemCache()->clear();
-    const std::string after = answer(kind, world);
+    const std::string after = answerOf(kind, world);
     rebuild(untouched, world, [](const auto& array) { return StrongPtr<MemBase>(array.copy()); });
-    EXPECT_EQ(after, answer(kind, untouched));
-    EXPECT_EQ(answer(kind, world), after);
+    EXPECT_EQ(after, answerOf(kind, untouched));
+    EXPECT_EQ(answerOf(kind, world), after);
     if (std::string(change.name) == "NewData" || std::string(change.name) == "WrittenInPlace") {
         EXPECT_NE(after, before) << "a change that this kind does not see proves nothing";
     }
@@ -169,14 +167,14 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
         SCOPED_TRACE(kind.name);
         World world;
         make(world);
-        const std::string before = FreshnessTest::answer(kind, world);
+        const std::string before = answerOf(kind, world);
         const StrongPtr<Field> derived = world.derivative ? world.derivative : (*world.resampled)("values");
         const auto id = derived->getFragmentID("B");
         const StrongPtr<CreativeArrayBase> creator = derived->getCreator(id);
         const auto fieldAge = derived->age(), age = creator->age();
         EXPECT_GE(fieldAge, world.values()->age());
         Hestra::Cache::MemCache()->clear();
-        EXPECT_EQ(FreshnessTest::answer(kind, world), before);
+        EXPECT_EQ(answerOf(kind, world), before);
         EXPECT_EQ(derived->age(), fieldAge);
         EXPECT_EQ(creator->age(), age);
 
@@ -184,7 +182,7 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
         EXPECT_GT(derived->age(), fieldAge) << "before anybody asks";
         EXPECT_GT(creator->age(), age);
         EXPECT_FALSE(creator->hasData());
-        const std::string after = FreshnessTest::answer(kind, world);
+        const std::string after = answerOf(kind, world);
         EXPECT_NE(after, before);
         EXPECT_TRUE(creator->hasData());
 
@@ -196,11 +194,11 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
 
         // What a field had last stays the source when the field dies.
         setNew<MemArray<3, double>>(*world.values());
-        const std::string last = FreshnessTest::answer(kind, world);
+        const std::string last = answerOf(kind, world);
         const auto lastAge = creator->age();
         world.blocks.representation()->setField("values", nullptr);
         Hestra::Cache::MemCache()->clear();
-        EXPECT_EQ(FreshnessTest::answer(kind, world), last);
+        EXPECT_EQ(answerOf(kind, world), last);
         EXPECT_EQ(creator->age(), lastAge);
     }
 }

@@ -17,7 +17,6 @@
 #include <baseop/TangentialVectors.hpp>
 #include <baseop/UniformInterpolation.hpp>
 #include <model/vantle/DoublePrecision.hpp>
-#include <model/vantle/PullData.hpp>
 
 #include <gtest/gtest.h>
 #include <map>
@@ -327,17 +326,6 @@ inline const Kind kOtherKinds[] = {
                  InterpolateUniformData(out, {{0.25, 1.5, 0.7}, {1, 1, 1}, {9, 0, 0.1}}, lattice, field->getData(id)));
              print(answer, MemBase::findAllocator(out->element_type())->create(DynamicSize(3), out, {}));
          }
-     }},
-    {"ArraysMadeOfArrays",
-     [](Answer& answer, World& world) {
-         const StrongPtr<MemBase> values = world.values()->getData(world.positions()->getFragmentID("B"));
-         print(answer, ResampleArray<3, double>::rescale(1.7, values));
-         StrongPtr<MemBase> picked;
-         pullData(picked, values, *makeMemArray1D(std::vector<index_t>{26, 0, 5}), MultiIndex<1>(3), 1);
-         print(answer, picked);
-         const auto& typed = dynamic_cast<const MemArray<3, double>&>(*values);
-         print(answer, typed.createSlice(1));
-         print(answer, typed.createSubArray({1, 0, 1}, {2, 3, 1}));
      }},
     {"RefinementTables",
      [](Answer& answer, World& world) {
