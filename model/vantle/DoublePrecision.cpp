@@ -14,13 +14,18 @@ namespace {
 template<class T>
 using Doubled = std::conditional_t<std::is_same_v<T, FloatPoint>, PhysicalSpace::point, PhysicalSpace::vector>;
 
-/// Beside data in single precision: who converts them.
+/// Beside data in single precision: who converts them, and them only, should attachments be handed on.
 class Conversion : public Hestra::Interface<Conversion> {
 public:
-    explicit Conversion(const StrongPtr<CreativeArray>& converter) : myConverter(converter) {}
-    [[nodiscard]] const StrongPtr<CreativeArray>& converter() const noexcept { return myConverter; }
+    Conversion(const WeakPtr<CreativeArrayBase>& source, const StrongPtr<CreativeArray>& converter)
+        : mySource(source), myConverter(converter) {}
+    [[nodiscard]] static StrongPtr<CreativeArray> find(const CreativeArrayBase& source) {
+        const auto known = source.findInterface<Conversion>();
+        return known && known->mySource.rawptr() == &source ? known->myConverter : nullptr;
+    }
 
 private:
+    WeakPtr<CreativeArrayBase> mySource;
     StrongPtr<CreativeArray> myConverter;
 };
 
@@ -36,14 +41,15 @@ StrongPtr<CreativeArray> makeConverter(const DerivedArray::Source& source, const
 
 /// The converter of a creator: of all who ask at once, the same.
 StrongPtr<CreativeArray> converterOf(CreativeArrayBase& creator) {
-    if (const auto known = creator.findInterface<Conversion>()) return known->converter();
+    if (StrongPtr<CreativeArray> known = Conversion::find(creator)) return known;
     static std::mutex mutex;
     const std::lock_guard lock(mutex);
-    if (const auto known = creator.findInterface<Conversion>()) return known->converter();
-    const auto source = DerivedArray::Source::remembering(WeakPtr<CreativeArrayBase>(creator));
-    const auto made = Hestra::makeRef<Conversion>(makeConverter(source, creator, Hestra::Cache::MemCache()));
-    creator.addInterface(made);
-    return made->converter();
+    if (StrongPtr<CreativeArray> known = Conversion::find(creator)) return known;
+    const WeakPtr<CreativeArrayBase> source(creator);
+    const StrongPtr<CreativeArray> made =
+        makeConverter(DerivedArray::Source::remembering(source), creator, Hestra::Cache::MemCache());
+    creator.addInterface(Hestra::makeRef<Conversion>(source, made));
+    return made;
 }
 
 } // namespace

@@ -166,9 +166,11 @@ TEST_F(SinglePrecisionTest, ConversionsAreSharedDroppedAndFollowTheirSource) {
     EXPECT_TRUE(isFound(p + Vector(0, 0, 100)));
     EXPECT_EQ(converted()->element(7), Point(floats->element(7)));
 
-    grid->CartesianPositions()->removeData(id);
-    slice->newGrid("floats"); // forgets the search structures as well
-    Hestra::Cache::MemCache()->clear();
+    // Attachments that are handed on to a creator of other data convert nothing there.
+    const StrongPtr<MemBase> two = narrow(*support::makeBlock(support::shapes()[0], {2, 1, 1}));
+    const StrongPtr<CreativeArrayBase> other = Hestra::makeRef<CreativeArray>(two);
+    Field().processOwnership(*other, *grid->CartesianPositions()->getCreator(id));
+    EXPECT_EQ(getDataInDoublePrecision(*other)->nElements(), 2U);
     CreativeArray unowned{StrongPtr<MemBase>(floats)};
     EXPECT_EQ(getDataInDoublePrecision(unowned)->nElements(), floats->nElements());
 }
