@@ -2,6 +2,7 @@
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -190,7 +191,7 @@ Self::TangentialVectorsAndCurveParameter(Grid& grid, const std::string& fieldNam
 
     const StrongPtr<CreativeArrayBase> creator = field->getCreator(nullptr);
     if (!creator) throw NoVertexFieldCreator();
-    const StrongPtr<MemBase> data = creator->getData();
+    const StrongPtr<MemBase> data = getDataInDoublePrecision(*creator);
     const auto points = Hestra::dynamicCast<Points>(data);
     if (!points) throw NoVertexFieldData();
     if (!edges) throw NoEdges();

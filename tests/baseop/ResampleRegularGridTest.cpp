@@ -83,12 +83,6 @@ TYPED_TEST(ResampleArrayTest, HasTheBitsOfTheKernelAtEveryNode) {
         expectKernelAtEveryNode<TypeParam>(randomArray<TypeParam>(size), factors);
     }
     expectKernelAtEveryNode<TypeParam>(randomArray<TypeParam>({300, 41, 3}), {2.0, 3.0, 1.5});
-    // A slice of an array of four axes, and one component of an array of several: elements with gaps.
-    const auto whole = MemArray<4, double>::create({5, 4, 3, 2});
-    for (index_t k = 0; k < whole->nElements(); ++k) whole->element(k) = static_cast<double>(k);
-    expectKernelAtEveryNode<double>(StrongPtr<Doubles>(whole->getSlice(1)), {1.5, 2.0, 0.7});
-    const auto metrics = randomArray<PhysicalSpace::Metric>({5, 4, 6});
-    expectKernelAtEveryNode<double>(StrongPtr<Doubles>(metrics->getComponentArray(3)), {1.5, 2.0, 0.7});
     omp_set_num_threads(threads);
 }
 
