@@ -230,9 +230,19 @@ unsigned int plainLinear(const UniGridMapper& mapper, const BlockMask& mask, con
     if (!mapper.curviCells(P, list)) return 0;
     const MultiIndex<3> last = mapper.coordinates()->Size() - 1;
     unsigned int code = 0;
+    bool isInBlanked = false;
     Point at(-1, -1, -1);
     for (const MultiIndex<3>& cell : list) {
-        if (!mask.isCellValid(cell)) continue;
+        if (!mask.isCellValid(cell)) {
+            Point in;
+            bool has = UniGridMapper::localCellCoordinatesFromCell(in, P, cell, *mapper.coordinates(), last,
+                                                                   mapper.precision());
+            for (int d = 0; d < 3; ++d)
+                has = has && in[d] > static_cast<double>(cell[d]) + epsilon &&
+                      in[d] < static_cast<double>(cell[d]) + 1.0 - epsilon;
+            isInBlanked = isInBlanked || has;
+            continue;
+        }
         if (UniGridMapper::localCellCoordinatesFromCell(at, P, cell, *mapper.coordinates(), last, mapper.precision())) {
             answer = at;
             return 1;
@@ -251,7 +261,7 @@ unsigned int plainLinear(const UniGridMapper& mapper, const BlockMask& mask, con
         answer = plainHas(mask, at) ? at : place;
         code = 2;
     }
-    return code;
+    return isInBlanked ? 0 : code;
 }
 
 void expectPlainAnswers(const BlockPtr& block, const StrongPtr<Mask>& vertexMask, const std::vector<Point>& points,
