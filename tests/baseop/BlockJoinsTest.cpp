@@ -23,6 +23,8 @@ void expectUncut(const CutGrid& cut, const Place& size) {
     const auto joins = BlockJoins::of(*cut.grid);
     ASSERT_TRUE(joins);
     ASSERT_EQ(joins->blocks(), cut.pieces.size());
+    EXPECT_TRUE(joins->doubtful().empty()) << joins->describe();
+    EXPECT_TRUE(joins->isOrientable());
 
     for (unsigned int block = 0; block < joins->blocks(); ++block) {
         const Piece& piece = cut.pieces[block];
@@ -124,6 +126,302 @@ TEST(BlockJoins, OfABlockWithItselfLeaveEachPositionOnce) {
             EXPECT_EQ(joins->owner({0, n}).index, at->second);
         }
         EXPECT_EQ(joins->shared(0).size(), one.block->nElements() - first.size());
+    }
+}
+
+/// All corners of a quad as the pairs of a plain finder.
+struct PlainQuad {
+    BlockFace face;
+    std::array<Place, 4> corner; // around the quad
+    std::array<Point, 4> at;
+    bool isFlat = false;
+};
+
+std::vector<PlainQuad> plainQuads(const std::vector<BlockPtr>& blocks) {
+    std::vector<PlainQuad> quads;
+    for (unsigned int b = 0; b < blocks.size(); ++b)
+        for (int f = 0; f < 6; ++f) {
+            const int axis = f / 2, u = axis == 0 ? 1 : 0, v = axis == 2 ? 1 : 2;
+            Place n, end = blocks[b]->Size() - 1;
+            end[axis] = 1;
+            do {
+                PlainQuad quad{{b, axis, f % 2 != 0}, {}, {}};
+                for (std::size_t c = 0; c < 4; ++c) {
+                    Place& place = quad.corner[c] = n;
+                    place[u] += c == 1 || c == 2;
+                    place[v] += c > 1;
+                    if (f % 2) place[axis] = blocks[b]->Size()[axis] - 1;
+                    quad.at[c] = (*blocks[b])[place];
+                }
+                for (std::size_t c = 0; c < 2; ++c) quad.isFlat = quad.isFlat || quad.at[c] == quad.at[c + 2];
+                int equal = 0;
+                for (std::size_t c = 0; c < 4; ++c) equal += quad.at[c] == quad.at[(c + 1) % 4];
+                quad.isFlat = quad.isFlat || equal > 1;
+                quads.push_back(quad);
+            } while (n.advance(end));
+        }
+    return quads;
+}
+
+bool sameCorners(const PlainQuad& a, const PlainQuad& b) {
+    return std::is_permutation(a.at.begin(), a.at.end(), b.at.begin());
+}
+
+// Blocks whose vertices lie on a handful of places: every quad that is the same as exactly one other one is joined to
+// it, unless their faces are doubtful; nothing else is joined, and vertices that are one are in one place.
+TEST(BlockJoins, AreThoseOfAPlainSearch) {
+    std::mt19937_64 random(11);
+    std::size_t joined = 0, several = 0;
+    for (int round = 0; round < 300; ++round) {
+        Scene scene;
+        std::vector<BlockPtr> blocks;
+        const auto places = 2 + random() % 6;
+        for (unsigned b = 0; b < 2 + random() % 3; ++b) {
+            const Place size(2 + random() % 3, 2 + random() % 3, 2 + random() % 3);
+            const bool isRegular = random() % 3 != 0;
+            const Place offset(random() % places, random() % 2, random() % 2);
+            blocks.push_back(makeBlockOf(size, [&](const Place& i) {
+                if (isRegular && random() % 16) {
+                    const Place at = i + offset;
+                    return Point(double(at[0] % places), double(at[1]), double(at[2]));
+                }
+                return Point(double(random() % places), double(random() % 3), double(random() % 3));
+            }));
+            scene.blocks.addBlock(std::to_string(b), blocks.back());
+        }
+        const auto joins = BlockJoins::of(*scene.grid);
+        SCOPED_TRACE(round);
+        std::set<std::pair<BlockFace, BlockFace>> doubtful;
+        for (const DoubtfulFace& doubt : joins->doubtful()) doubtful.emplace(doubt.face, doubt.other);
+
+        for (const BlockJoin& join : joins->joins()) {
+            Place n;
+            do {
+                const Place place = join.low + n;
+                const auto to = join.map(signedPlace(place));
+                EXPECT_EQ((*blocks[join.first.block])[place], (*blocks[join.second.block])[Place(to[0], to[1], to[2])]);
+            } while (n.advance(join.high - join.low + 1));
+        }
+        const auto quads = plainQuads(blocks);
+        for (const PlainQuad& quad : quads) {
+            if (quad.isFlat) continue;
+            std::vector<const PlainQuad*> mates;
+            for (const PlainQuad& other : quads)
+                if (&other != &quad && sameCorners(quad, other)) mates.push_back(&other);
+            const bool isJoined = !joins->isOpen(quad.face, quad.corner[0]);
+            joined += isJoined;
+            if (mates.size() != 1) {
+                several += mates.size() > 1;
+                EXPECT_FALSE(isJoined);
+                continue;
+            }
+            // The same corners in another order are another quad.
+            bool isTurned = false;
+            for (std::size_t turn = 0; turn < 8; ++turn) {
+                bool isEqual = true;
+                for (std::size_t c = 0; c < 4; ++c)
+                    isEqual = isEqual && quad.at[c] == mates[0]->at[(turn + (turn < 4 ? c : 4 - c)) % 4];
+                isTurned = isTurned || isEqual;
+            }
+            EXPECT_TRUE(isJoined == isTurned || doubtful.count({quad.face, mates[0]->face}));
+        }
+        for (unsigned int b = 0; b < blocks.size(); ++b)
+            for (index_t n = 0; n < blocks[b]->nElements(); ++n) {
+                const BlockVertex owner = joins->owner({b, n});
+                EXPECT_LE(owner, (BlockVertex{b, n}));
+                EXPECT_EQ(joins->owner(owner), owner);
+                EXPECT_EQ(blocks[owner.block]->element(owner.index), blocks[b]->element(n));
+            }
+        if (HasFailure()) return;
+    }
+    EXPECT_GT(joined, 300U);
+    EXPECT_GT(several, 100U);
+}
+
+TEST(BlockJoins, OfACGridAreItsWake) {
+    const BlockPtr block = cGrid(6, 14);
+    const auto joins = joinsOf(block);
+    ASSERT_EQ(joins->joins().size(), 1U) << joins->describe();
+    const BlockJoin& wake = joins->joins()[0];
+    EXPECT_EQ(wake.low, Place(0, 0, 0));
+    EXPECT_EQ(wake.high, Place(6, 0, 3));
+    EXPECT_EQ(wake.map, (IndexMap{{0, 1, 2}, {-1, -1, 1}, {26, 0, 0}}));
+    EXPECT_EQ(joins->joins(0).size(), 2U);
+    const auto step = joins->step({0, Place(2, 0, 1).linear(block->Size())}, 1, -1);
+    ASSERT_TRUE(step);
+    EXPECT_EQ(step->vertex.index, Place(24, 1, 1).linear(block->Size()));
+    EXPECT_FALSE(joins->step({0, Place(7, 0, 1).linear(block->Size())}, 1, -1)) << "through the body";
+    EXPECT_TRUE(joins->isOpen({0, 1, false}, {6, 0, 0}));
+    EXPECT_FALSE(joins->isOpen({0, 1, false}, {20, 0, 0}));
+}
+
+// A band that closes with its end as it is, turned by half a turn, or mirrored.
+TEST(BlockJoins, OfAMirroredEndAreNotOrientable) {
+    const Place n(9, 4, 5);
+    const BlockPtr ring = oGrid(n);
+    for (const auto& [flipsJ, flipsK] : {std::pair{false, false}, {true, true}, {true, false}, {false, true}}) {
+        const auto joins = joinsOf(makeBlockOf(n, [&, j = flipsJ, k = flipsK](const Place& i) {
+            if (i[0] + 1 < n[0]) return (*ring)[i];
+            return (*ring)(0, j ? n[1] - 1 - i[1] : i[1], k ? n[2] - 1 - i[2] : i[2]);
+        }));
+        ASSERT_EQ(joins->joins().size(), 1U) << joins->describe();
+        EXPECT_EQ(joins->isOrientable(), flipsJ == flipsK);
+    }
+}
+
+// Periodic faces of pieces, turned: steps across them lead to where the motion says, and nothing else changes.
+TEST(BlockJoins, CrossPeriodicFaces) {
+    std::mt19937_64 random(5);
+    for (const PeriodicBlock& periodic : {periodicSlab(), periodicSector(), periodicSector(2, {17, 5, 4})}) {
+        const Place size = periodic.block->Size();
+        for (int round = 0; round < 4; ++round) {
+            const CutGrid cut(*periodic.block,
+                              turned(bisect(size, 1 + 2 * static_cast<unsigned>(round), random), random));
+            JoinOptions options;
+            options.motions = {periodic.motion};
+            const auto joins = BlockJoins::of(*cut.grid, options), plain = BlockJoins::of(*cut.grid);
+            const auto positionOf = [&](const BlockVertex& v) {
+                return blockOf(cut.blocks, cut.ids[v.block])->element(v.index);
+            };
+            Place uncut;
+            do
+                for (const BlockVertex& copy : cut.copies(uncut)) {
+                    EXPECT_EQ(joins->owner(copy), plain->owner(copy));
+                    const Piece& piece = cut.pieces[copy.block];
+                    for (int axis = 0; axis < 3; ++axis)
+                        for (const int direction : {-1, 1}) {
+                            const int along = piece.axis[static_cast<std::size_t>(axis)];
+                            const bool isBack = piece.isFlipped[static_cast<std::size_t>(axis)] != (direction < 0);
+                            const auto step = joins->step(copy, axis, direction);
+                            if (along != 0 || uncut[0] != (isBack ? 0 : size[0] - 1)) {
+                                const auto same = plain->step(copy, axis, direction);
+                                ASSERT_EQ(bool(step), bool(same));
+                                EXPECT_TRUE(!step || (step->vertex == same->vertex && !step->motion));
+                                continue;
+                            }
+                            ASSERT_TRUE(step);
+                            Place next = uncut;
+                            next[0] = isBack ? size[0] - 2 : 1;
+                            EXPECT_EQ(cut.uncut(step->vertex), next);
+                            ASSERT_TRUE(step->motion);
+                            const auto carry = isBack ? periodic.motion.inverse() : periodic.motion;
+                            EXPECT_LT(Orvix::distance((*step->motion)(positionOf(step->vertex)),
+                                                      carry(positionOf(step->vertex))),
+                                      1e-12);
+                        }
+                }
+            while (uncut.advance(size));
+            for (const BlockJoin& join : joins->joins())
+                if (join.motion >= 0) {
+                    EXPECT_TRUE(joins->isOpen(join.first, join.low));
+                    EXPECT_LT(join.largestDistance, 1e-12);
+                }
+        }
+    }
+}
+
+// Copies that are off by a little, each in its own way, are joined as if they were not; their differences are told,
+// and the owner's copy stands for all.
+TEST(BlockJoins, TakeATolerance) {
+    std::mt19937_64 random(8);
+    for (int round = 0; round < 4; ++round) {
+        const Place size(9, 8, 7);
+        const BlockPtr uncut = makeBlock(shapes()[static_cast<std::size_t>(round)], size);
+        const CutGrid cut(*uncut, turned(bisect(size, 9, random), random));
+        const auto exact = BlockJoins::of(*cut.grid);
+        const double off = 1e-9;
+        std::uniform_real_distribution<double> noise(-off, off);
+        for (const auto& id : cut.ids) {
+            const BlockPtr block = blockOf(cut.blocks, id);
+            for (index_t n = 0; n < block->nElements(); ++n)
+                for (int d = 0; d < 3; ++d) block->element(n)[d] += noise(random);
+        }
+        cut.blocks.positions()->touch();
+        EXPECT_TRUE(BlockJoins::of(*cut.grid)->joins().empty());
+        JoinOptions options;
+        options.tolerance = 0.01;
+        const auto near = BlockJoins::of(*cut.grid, options);
+        ASSERT_EQ(near->joins().size(), exact->joins().size());
+        for (std::size_t n = 0; n < near->joins().size(); ++n) {
+            const BlockJoin &a = near->joins()[n], &b = exact->joins()[n];
+            EXPECT_TRUE(a.first == b.first && a.second == b.second && a.low == b.low && a.high == b.high &&
+                        a.map == b.map);
+            EXPECT_TRUE(a.largestDistance > 0.0 && a.largestDistance < 4 * off);
+        }
+        const CopyDifference difference = compareCopies(*near, *cut.blocks.positions());
+        std::size_t shared = 0;
+        double largest = 0.0;
+        for (unsigned int b = 0; b < near->blocks(); ++b) {
+            ASSERT_EQ(near->shared(b).size(), exact->shared(b).size());
+            shared += near->shared(b).size();
+            const auto healed = Hestra::dynamicCast<Block>(ownersData(*near, *cut.blocks.positions(), b));
+            for (const auto& one : near->shared(b)) {
+                const Point& owners = blockOf(cut.blocks, cut.ids[one.owner.block])->element(one.owner.index);
+                EXPECT_EQ(healed->element(one.index), owners);
+                for (int d = 0; d < 3; ++d)
+                    largest =
+                        std::max(largest, std::abs(owners[d] - blockOf(cut.blocks, cut.ids[b])->element(one.index)[d]));
+            }
+        }
+        EXPECT_EQ(difference.largest, largest);
+        EXPECT_EQ(difference.differing, shared);
+    }
+}
+
+/// A box of cells of the same size.
+BlockPtr box(const Point& low, const Point& high, const Place& n) {
+    return makeBlockOf(n, [&](const Place& i) {
+        Point p;
+        for (int d = 0; d < 3; ++d) p[d] = low[d] + (high[d] - low[d]) * part(i[d], n[d]);
+        return p;
+    });
+}
+
+TEST(BlockJoins, AreDoubtfulWhereOnlySomeVerticesCoincide) {
+    const BlockPtr below = box({0, 0, 0}, {2, 2, 1}, {5, 5, 3});
+    const auto almost = [](const BlockPtr& block, double off) {
+        (*block)(2, 2, 0)[0] += off;
+        return block;
+    };
+    struct Case {
+        const char* name;
+        std::vector<BlockPtr> blocks;
+        std::size_t joins, doubtful;
+        index_t coincident; // of the first
+    };
+    const BlockPtr above = box({0, 0, 1}, {2, 2, 2}, {5, 5, 3});
+    const BlockPtr leaning =
+        fieldOn(*above, [](const Point& p) { return Point(p[0] + 3 * (p[2] - 1), p[1] + 0.3 * (p[2] - 1), p[2]); });
+    for (const Case& one : {
+             Case{"finer", {below, box({0, 0, 1}, {2, 2, 2}, {9, 9, 3})}, 0, 2, 25},
+             Case{"finer along one axis", {below, box({0, 0, 1}, {2, 2, 2}, {5, 9, 3})}, 0, 2, 25},
+             Case{"neither is finer", {box({0, 0, 1}, {2, 2, 2}, {7, 7, 3}), below}, 0, 2, 9},
+             Case{"a part", {below, box({0.5, 0.5, 1}, {1.5, 1.5, 2}, {5, 5, 3})}, 0, 2, 9},
+             Case{"thin", {box({0, 0, 0}, {2, 1, 1}, {5, 2, 3}), box({0, 0, 1}, {2, 1, 2}, {9, 2, 3})}, 0, 2, 10},
+             Case{"one cell", {box({0, 0, 0}, {2, 2, 1}, {2, 2, 2}), box({0, 0, 1}, {2, 2, 2}, {3, 3, 2})}, 0, 2, 4},
+             Case{"nearly", {below, almost(box({0, 0, 1}, {2, 2, 2}, {5, 5, 3}), 1e-9)}, 0, 2, 24},
+             Case{"not at all in one place", {below, almost(box({0, 0, 1}, {2, 2, 2}, {5, 5, 3}), 0.1)}, 4, 0, 0},
+             Case{"three sheets", {below, above, leaning}, 0, 6, 25},
+             Case{"three sheets in part", {below, above, box({0, 0, 0}, {2, 1, 1}, {5, 3, 3})}, 1, 14, 9},
+             Case{"twice", {below, box({0, 0, 0}, {2, 2, 1}, {5, 5, 3})}, 0, 12, 15},
+             Case{"an edge", {below, box({2, 0, 1}, {4, 2, 2}, {5, 5, 3})}, 0, 0, 0},
+             Case{"an edge inside",
+                  {below, box({1, 0, 1}, {3, 2, 2}, {5, 5, 3}), box({0, 0, 2}, {1, 2, 3}, {3, 5, 3})},
+                  1,
+                  0,
+                  0},
+             Case{"a vertex", {below, box({2, 2, 1}, {4, 4, 2}, {5, 5, 3})}, 0, 0, 0},
+         }) {
+        SCOPED_TRACE(one.name);
+        Scene scene;
+        for (const BlockPtr& block : one.blocks)
+            scene.blocks.addBlock(std::to_string(scene.blocks.positions()->nFragments()), block);
+        const auto joins = BlockJoins::of(*scene.grid);
+        EXPECT_EQ(joins->joins().size(), one.joins) << joins->describe();
+        EXPECT_EQ(joins->doubtful().size(), one.doubtful) << joins->describe();
+        if (!joins->doubtful().empty()) {
+            EXPECT_EQ(joins->doubtful()[0].coincident, one.coincident);
+        }
     }
 }
 

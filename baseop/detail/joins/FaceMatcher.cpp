@@ -68,7 +68,7 @@ FaceMatcher::FaceMatcher(const Shells& shells, const VertexClasses& classes, dou
       myClassOf(shells.slots()), myMate(shells.slots(), Nothing), myFate(shells.slots(), Open) {
     classify(classes);
     growAll(-1);
-    withdraw(classes);
+    withdrawDoubtful(classes);
 }
 
 void FaceMatcher::classify(const VertexClasses& classes) {
@@ -102,7 +102,11 @@ void FaceMatcher::classify(const VertexClasses& classes) {
                         pinch(above + 1, above);
                         collapsedOf[f] += collapsed > 1;
                     }
-                    if ((c00 | c10 | c01 | c11) & VertexClasses::Alone) continue;
+                    // Two quads have two vertices in common at most: where a face is folded, or two of a block meet.
+                    constexpr auto Alone = VertexClasses::Alone;
+                    if ((c00 & Alone ? 1 : 0) + (c10 & Alone ? 1 : 0) + (c01 & Alone ? 1 : 0) + (c11 & Alone ? 1 : 0) >
+                        2)
+                        continue;
                     if (collapsed > 1 || c00 == c11 || c10 == c01)
                         myMate[slot] = Flat;
                     else
