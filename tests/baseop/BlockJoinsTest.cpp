@@ -2,8 +2,10 @@
 // themselves.
 
 #include "support/CutBlocks.hpp"
+#include "support/RoughBlocks.hpp"
 
 #include <baseop/BlockJoins.hpp>
+#include <model/vantle/Blanking.hpp>
 
 #include <gtest/gtest.h>
 #include <set>
@@ -423,6 +425,180 @@ TEST(BlockJoins, AreDoubtfulWhereOnlySomeVerticesCoincide) {
             EXPECT_EQ(joins->doubtful()[0].coincident, one.coincident);
         }
     }
+}
+
+std::size_t distinctOwners(const BlockJoins& joins) {
+    std::size_t count = 0;
+    for (unsigned int b = 0; b < joins.blocks(); ++b) count += joins.size(b).product() - joins.shared(b).size();
+    return count;
+}
+
+TEST(BlockJoins, OfTheBluntFinAreItsCuts) {
+    const BlockPtr fin = bluntFin(VANTLE_TEST_DATA);
+    if (!fin) GTEST_SKIP() << "no folder with real data";
+    std::mt19937_64 random(1);
+    const Place size = fin->Size();
+    const auto whole = joinsOf(fin);
+    for (int round = 0; round < 3; ++round) {
+        const CutGrid cut(*fin, turned(cutAtPlanes(size, {{{size[0] / 2}, {size[1] / 2}, {size[2] / 2}}}), random));
+        const auto joins = BlockJoins::of(*cut.grid);
+        EXPECT_EQ(joins->joins().size(), 12 + whole->joins().size()) << joins->describe();
+        EXPECT_TRUE(joins->doubtful().empty()) << joins->describe();
+        EXPECT_EQ(distinctOwners(*joins), distinctOwners(*whole));
+    }
+}
+
+// Many blocks, many vertices in one place: as fast as any others, or this would never end.
+TEST(BlockJoins, OfManyBlocksAndManyVerticesInOnePlace) {
+    std::mt19937_64 random(4);
+    const Place size(41, 41, 41);
+    const std::vector<index_t> cuts{4, 8, 12, 16, 20, 24, 28, 32, 36};
+    const CutGrid cut(*makeBlock(shapes()[2], size), turned(cutAtPlanes(size, {cuts, cuts, cuts}), random));
+    const auto joins = BlockJoins::of(*cut.grid);
+    ASSERT_EQ(joins->blocks(), 1000U);
+    EXPECT_EQ(joins->joins().size(), 2700U);
+    EXPECT_EQ(distinctOwners(*joins), size.product());
+    EXPECT_TRUE(joins->doubtful().empty());
+
+    const auto repeated = [](const BlockPtr& block, unsigned count, double tolerance) {
+        Scene scene;
+        for (unsigned n = 0; n < count; ++n) scene.blocks.addBlock(std::to_string(n), block);
+        JoinOptions options;
+        options.tolerance = tolerance;
+        return BlockJoins::of(*scene.grid, options);
+    };
+    const BlockPtr flat = makeBlockOf({60, 60, 60}, [](const Place&) { return Point(1, 2, 3); });
+    for (const double tolerance : {0.0, 0.1}) {
+        const auto constant = repeated(flat, 3, tolerance);
+        EXPECT_TRUE(constant->joins().empty() && constant->doubtful().empty());
+        EXPECT_EQ(constant->shared(1).size(), 2 * 60 * 60 + 58 * (4 * 60 - 4) - 1) << "one place is left of each shell";
+        const auto same = repeated(makeBlock(shapes()[1], {5, 5, 5}), 500, tolerance);
+        EXPECT_TRUE(same->joins().empty());
+        EXPECT_GE(same->doubtful().size(), 3000U);
+        EXPECT_EQ(same->doubtful()[0].reason, "more than two faces are the same there");
+        EXPECT_FALSE(same->isShared(1));
+    }
+    // Folded like a sheet of paper: it lies on itself.
+    const auto folded = joinsOf(makeBlockOf({201, 21, 21}, [](const Place& i) {
+        return Point(double(std::min(i[0], 200 - i[0])), double(i[1]), double(i[2]));
+    }));
+    EXPECT_TRUE(folded->joins().empty());
+    EXPECT_EQ(folded->doubtful().size(), 6U) << folded->describe();
+    EXPECT_FALSE(folded->isShared(0));
+}
+
+// All kinds of coordinates take part; what has no cells, and what is no number, does not.
+TEST(BlockJoins, TakeWhatIsThere) {
+    Scene scene;
+    const double nan = std::nan("");
+    using Axis = ExplicitCoordinateAxisArray<double>;
+    const auto add = [&](const char* name, const Hestra::StrongPtr<MemBase>& block) {
+        scene.blocks.addBlock(name, block);
+    };
+    add("layer", box({0, 0, 0}, {1, 1, 0}, {5, 5, 1}));
+    add("uniform", Hestra::makeRef<UniformCartesianArray>(Orvix::BoundingBox({0, 0, 0}, {1, 1, 1}), Place(5, 5, 5)));
+    add("points", makeMemArray1D(std::vector<Point>{{0, 0, 0}, {1, 1, 1}}));
+    add("rectilinear", Hestra::makeRef<DirectProductMemArray<Point, ExplicitCoordinateAxisArray, 3>>(std::array{
+                           Axis({1, 1.5, 4}), Axis({0.0, 0.25, 0.5, 0.75, 1.0}), Axis({1.0, 0.75, 0.5, 0.25, -0.0})}));
+    const BlockPtr holed = box({0, 0, 1}, {1, 1, 2}, {5, 5, 3});
+    (*holed)(2, 2, 0)[1] = nan;
+    add("holed", holed);
+    scene.blocks.positions()->makeFragmentID("nothing");
+    const auto joins = BlockJoins::of(*scene.grid);
+    EXPECT_EQ(joins->blocks(), 6U);
+    EXPECT_EQ(joins->size(0), Place());
+    EXPECT_EQ(joins->find(joins->fragment(3)), 3U);
+    EXPECT_EQ(joins->find(Hestra::makeRef<FragmentID>("holed")), 4U);
+    EXPECT_EQ(joins->find(Hestra::makeRef<FragmentID>("elsewhere")), 6U);
+    EXPECT_FALSE(joins->step({0, 0}, 0, 1));
+    // The rectilinear block wholly, the holed one around its hole.
+    EXPECT_EQ(joins->joins(3).size(), 1U) << joins->describe();
+    EXPECT_FALSE(joins->isOpen({1, 0, true}, {4, 2, 3}));
+    EXPECT_TRUE(joins->isOpen({1, 2, true}, {2, 1, 4}));
+    EXPECT_FALSE(joins->isOpen({1, 2, true}, {3, 3, 4}));
+    EXPECT_EQ(joins->owner({4, Place(2, 2, 0).linear(holed->Size())}), (BlockVertex{4, 12}));
+    EXPECT_EQ(joins->shared(4).size(), 24U);
+
+    EXPECT_FALSE(BlockJoins::of(*Hestra::makeRef<Grid>()));
+    for (const double bad : {-0.1, 0.5, nan, HUGE_VAL}) {
+        JoinOptions options;
+        options.tolerance = bad;
+        EXPECT_THROW((void)BlockJoins::of(*scene.grid, options), std::invalid_argument);
+    }
+}
+
+TEST(BlockJoins, FollowPositionsMasksAndOptions) {
+    CutGrid cut(*makeBlock(shapes()[1], {7, 5, 5}), cutAtPlanes({7, 5, 5}, {{{3}, {}, {}}}));
+    const auto joins = BlockJoins::of(*cut.grid);
+    ASSERT_EQ(joins->joins().size(), 1U);
+    EXPECT_EQ(BlockJoins::of(*cut.grid), joins);
+    JoinOptions options;
+    options.tolerance = 0.1;
+    EXPECT_NE(BlockJoins::of(*cut.grid, options), joins);
+    (*blockOf(cut.blocks, cut.ids[0]))(3, 2, 2)[0] += 1.0;
+    cut.blocks.positions()->touch();
+    EXPECT_EQ(BlockJoins::of(*cut.grid)->joins().size(), 4U) << "around the vertex";
+    (*blockOf(cut.blocks, cut.ids[0]))(3, 2, 2)[0] -= 1.0;
+    cut.blocks.positions()->touch();
+
+    // Cells behind the first two rows of quads of the one, and behind one quad of the other.
+    const auto mask = [](const Place& size, const auto& isValid) {
+        const auto cells = MemArray<3, unsigned char>::create(size);
+        Place i;
+        do (*cells)[i] = isValid(i);
+        while (i.advance(size));
+        return cells;
+    };
+    cut.blocks.setField(CellMaskName, mask({3, 4, 4}, [](const Place& i) { return i[0] != 2 || i[2] > 1; }),
+                        cut.ids[0]);
+    cut.blocks.setField(CellMaskName, mask({3, 4, 4}, [](const Place& i) { return i != Place(0, 0, 3); }), cut.ids[1]);
+    const auto masked = BlockJoins::of(*cut.grid);
+    EXPECT_TRUE(masked->doubtful().empty()) << masked->describe();
+    std::size_t quads = 0;
+    for (const BlockJoin& join : masked->joins()) quads += (join.high[1] - join.low[1]) * (join.high[2] - join.low[2]);
+    EXPECT_EQ(quads, 7U);
+    EXPECT_TRUE(masked->isOpen({0, 0, true}, {3, 0, 3}));
+    EXPECT_FALSE(masked->isOpen({0, 0, true}, {3, 1, 3}));
+    cut.blocks.representation()->setField(CellMaskName, nullptr);
+    EXPECT_EQ(BlockJoins::of(*cut.grid)->joins().size(), 1U);
+}
+
+// What copies hold is compared with what owners hold, and replaced by it; bits that agree stay where they are.
+TEST(BlockJoins, OwnersValuesStandForAll) {
+    CutGrid cut(*makeBlock(shapes()[0], {5, 4, 4}), cutAtPlanes({5, 4, 4}, {{{2}, {}, {}}}));
+    const auto joins = BlockJoins::of(*cut.grid);
+    const auto values = [&](const Place& size, double x) {
+        const auto made = MemArray<3, double>::create(size);
+        for (index_t n = 0; n < made->nElements(); ++n) made->element(n) = x;
+        return made;
+    };
+    const auto a = values({3, 4, 4}, 0.0), b = values({3, 4, 4}, -0.0);
+    (*a)(2, 1, 1) = std::nan("");
+    (*b)(0, 1, 1) = std::nan("");
+    cut.blocks.setField("f", a, cut.ids[0]);
+    const auto field = cut.blocks.setField("f", b, cut.ids[1]);
+    CopyDifference difference = compareCopies(*joins, *field);
+    EXPECT_TRUE(difference.differing == 0 && difference.largest == 0.0);
+    (*b)(0, 2, 3) = 0.25;
+    (*b)(0, 3, 3) = 0.125;
+    (*b)(1, 3, 3) = 7.0; // nobody else's
+    difference = compareCopies(*joins, *field);
+    EXPECT_EQ(difference.differing, 2U);
+    EXPECT_EQ(difference.largest, 0.25);
+    EXPECT_EQ(difference.where, (BlockVertex{1, Place(0, 2, 3).linear(b->Size())}));
+    EXPECT_EQ(ownersData(*joins, *field, 0), Hestra::StrongPtr<MemBase>(a));
+    const auto healed = Hestra::dynamicCast<MemArray<3, double>>(ownersData(*joins, *field, 1));
+    EXPECT_EQ((*healed)(0, 2, 3), 0.0);
+    EXPECT_FALSE(std::signbit((*healed)(0, 0, 0)));
+    EXPECT_EQ((*healed)(1, 3, 3), 7.0);
+    EXPECT_EQ((*b)(0, 2, 3), 0.25) << "what was given stays";
+    (*b)(0, 1, 1) = 1.0;
+    EXPECT_EQ(compareCopies(*joins, *field).largest, HUGE_VAL) << "a number and none";
+
+    cut.blocks.setField("f", values({3, 4, 3}, 0.0), cut.ids[0]);
+    EXPECT_THROW((void)compareCopies(*joins, *field), std::invalid_argument);
+    cut.blocks.setField("f", MemArray<3, int>::create({3, 4, 4}), cut.ids[0]);
+    EXPECT_THROW((void)ownersData(*joins, *field, 1), std::invalid_argument);
 }
 
 } // namespace
