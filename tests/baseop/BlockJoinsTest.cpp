@@ -274,7 +274,17 @@ TEST(BlockJoins, OfAMirroredEndAreNotOrientable) {
 // Periodic faces of pieces, turned: steps across them lead to where the motion says, and nothing else changes.
 TEST(BlockJoins, CrossPeriodicFaces) {
     std::mt19937_64 random(5);
-    for (const PeriodicBlock& periodic : {periodicSlab(), periodicSector(), periodicSector(2, {17, 5, 4})}) {
+    // Slices of a ball, from its centre on.
+    const Place n(7, 5, 6);
+    const PeriodicBlock slice{makeBlockOf(n,
+                                          [&](const Place& i) {
+                                              const double r = part(i[1], n[1]), theta = 0.4 + 2 * part(i[2], n[2]);
+                                              const double phi = 0.5 * part(i[0], n[0]);
+                                              return Point(r * std::sin(theta) * std::cos(phi),
+                                                           r * std::sin(theta) * std::sin(phi), r * std::cos(theta));
+                                          }),
+                              RigidMotion::rotation({0, 0, 0}, {0, 0, -2}, -0.5)};
+    for (const PeriodicBlock& periodic : {periodicSlab(), periodicSector(), periodicSector(2, {17, 5, 4}), slice}) {
         const Place size = periodic.block->Size();
         for (int round = 0; round < 4; ++round) {
             const CutGrid cut(*periodic.block,
