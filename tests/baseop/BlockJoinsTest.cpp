@@ -407,6 +407,18 @@ TEST(BlockJoins, TakeATolerancePerCell) {
             const auto joins = BlockJoins::of(*scene.grid, options);
             EXPECT_EQ(joins->joins().size(), gap == 1e-5 ? 1U : 0U) << joins->describe();
         }
+    // Corners of others between two faces bring these no nearer.
+    Scene scene;
+    scene.blocks.addBlock("a", box({0, 0, 0}, {1, 1, 1}, {2, 2, 2}));
+    scene.blocks.addBlock("b", box({1.15, 0, 0}, {2, 1, 1}, {2, 2, 2}));
+    for (const double y : {0.0, 1.0})
+        for (const double z : {0.0, 1.0})
+            scene.blocks.addBlock("between " + std::to_string(2 * y + z),
+                                  box({1.075, y, z}, {2, 3 * y - 1, 3 * z - 1}, {2, 2, 2}));
+    JoinOptions tenth;
+    tenth.tolerance = 0.1;
+    const auto apart = BlockJoins::of(*scene.grid, tenth);
+    for (const BlockJoin& join : apart->joins(0)) EXPECT_NE(join.second.block, 1U) << apart->describe();
     // A pole that is no point by rounding.
     const BlockPtr ball = fieldOn(*sphere(), [](const Point& p) { return p; });
     for (const index_t j : {index_t{0}, index_t{8}})
