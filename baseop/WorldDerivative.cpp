@@ -1,6 +1,5 @@
 #include <baseop/WorldDerivative.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
-#include <baseop/detail/OwnerCursor.hpp>
 #include <baseop/detail/RowResult.hpp>
 #include <baseop/detail/WorldStencil.hpp>
 #include <model/hestra/Profiler.hpp>
@@ -327,20 +326,20 @@ public:
     JoinedVertices(const Inputs& inputs, const BlockJoins& joins, std::vector<Reading>& readings)
         : myInputs(inputs), myJoins(joins), myReadings(readings), myBlocks(joins.blocks()), isWanted(joins.blocks()) {}
 
-    /// Replaces the derivatives of a block's joined vertices; false where a block has no suitable data.
-    bool replace(unsigned int block, Result<T>* target) {
+    /// Replaces the derivatives of a block's joined vertices. Throws std::invalid_argument where a block that is needed
+    /// has no suitable data.
+    void replace(unsigned int block, Result<T>* target) {
         std::vector<Vertex> waiting = joinedVertices(block);
         for (const Vertex& vertex : waiting) want(vertex.owner.block);
         // Blocks that prove to be needed on the way are read before the next round.
         while (!waiting.empty()) {
-            if (!readWanted()) return false;
+            readWanted();
             constexpr std::size_t Piece = 16 * Lanes, BytesEach = 1000;
             detail::inParallel(waiting.size(), Piece, waiting.size() * BytesEach,
                                [&](std::size_t begin, std::size_t end) { derive(waiting, begin, end, target); });
             waiting.erase(std::remove_if(waiting.begin(), waiting.end(), [](const Vertex& v) { return v.isDone; }),
                           waiting.end());
         }
-        return true;
     }
 
 private:
@@ -359,9 +358,6 @@ private:
         PhysicalSpace::point position;
         S value;
     };
-    /// The look-ups of owners for each of the two neighbours along each axis: each goes through its block in order.
-    using Cursors = std::array<detail::OwnerCursor, 6>;
-
     /// Those that others have too or that lie on a joined face, each once.
     [[nodiscard]] std::vector<Vertex> joinedVertices(unsigned int block) const {
         const MultiIndex<3> size = myJoins.size(block);
@@ -385,21 +381,21 @@ private:
     void want(unsigned int block) noexcept {
         if (!myBlocks[block]) isWanted[block].store(true, std::memory_order_relaxed);
     }
-    [[nodiscard]] bool readWanted() {
+    void readWanted() {
         for (unsigned int b = 0; b < myJoins.blocks(); ++b) {
             if (!isWanted[b].exchange(false)) continue;
             const Reading& reading = myReadings.emplace_back(myInputs, myJoins.fragment(b));
             const auto values = Hestra::dynamicCast<MemArray<3, T>>(reading.values);
-            if (!values) return false;
-            myBlocks[b] = Block{BlockPositions(reading.positions), values->storage(), values->stride()};
-            if (values->Size() != myJoins.size(b) || !myBlocks[b]->positions.fits(values->Size())) return false;
+            if (values) myBlocks[b] = Block{BlockPositions(reading.positions), values->storage(), values->stride()};
+            if (!values || values->Size() != myJoins.size(b) || !myBlocks[b]->positions.fits(values->Size()))
+                throw std::invalid_argument("WorldDerivative: no values of the type of its neighbours', or of other "
+                                            "extents, in fragment " +
+                                            FragmentID::Name(myJoins.fragment(b), ""));
         }
-        return true;
     }
 
     void derive(std::vector<Vertex>& waiting, std::size_t begin, std::size_t end, Result<T>* target) {
         const auto stencils = std::make_unique<Stencils<T>>();
-        Cursors cursors;
         std::array<std::size_t, Lanes> place;
         index_t count = 0;
         const auto finish = [&] {
@@ -412,7 +408,7 @@ private:
             count = 0;
         };
         for (std::size_t v = begin; v < end; ++v) {
-            if (!gather(waiting[v].owner, cursors, *stencils, count)) continue;
+            if (!gather(waiting[v].owner, *stencils, count)) continue;
             place[count++] = v;
             if (count == Lanes) finish();
         }
@@ -420,48 +416,36 @@ private:
     }
 
     /// The differences at a vertex that is its own owner; false if a block is missing.
-    bool gather(const BlockVertex& at, Cursors& cursors, Stencils<T>& stencils, index_t lane) {
+    bool gather(const BlockVertex& at, Stencils<T>& stencils, index_t lane) {
         constexpr int C = Components<T>;
         const MultiIndex<3>& size = myJoins.size(at.block);
         const auto place = MultiIndex<3>::fromLinear(at.index, size);
         index_t stride = 1;
         bool isComplete = true;
         for (int d = 0; d < 3; ++d) {
-            Neighbour ends[2];
-            for (int upper = 0; upper < 2; ++upper) {
-                detail::OwnerCursor& cursor = cursors[static_cast<std::size_t>(2 * d + upper)];
-                MultiIndex<3> next = place;
-                bool found = true;
-                if (upper ? place[d] + 1 < size[d] : place[d] > 0) {
-                    next[d] = upper ? place[d] + 1 : place[d] - 1;
-                    const BlockVertex vertex{at.block, upper ? at.index + stride : at.index - stride};
-                    found = read(vertex, next, nullptr, cursor, ends[upper]);
-                } else if (const auto step = myJoins.step(at, d, upper ? 1 : -1)) {
-                    const BlockVertex& vertex = step->vertex;
-                    next = MultiIndex<3>::fromLinear(vertex.index, myJoins.size(vertex.block));
-                    found = read(vertex, next, step->motion, cursor, ends[upper]);
-                } else {
-                    found = read(at, next, nullptr, cursor, ends[upper]);
-                }
-                isComplete = isComplete && found;
-            }
+            Neighbour low, high;
+            const bool hasLow =
+                place[d] > 0 ? read({at.block, at.index - stride}, nullptr, low) : readBeyond(at, d, -1, low);
+            const bool hasHigh = place[d] + 1 < size[d] ? read({at.block, at.index + stride}, nullptr, high)
+                                                        : readBeyond(at, d, 1, high);
             stride *= size[d];
-            if (!isComplete) continue; // to learn all that are missing
-            for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = ends[1].position[m] - ends[0].position[m];
+            isComplete = isComplete && hasLow && hasHigh; // goes on, to learn of all that are missing
+            for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = high.position[m] - low.position[m];
             for (int c = 0; c < C; ++c)
-                stencils.changes[C * d + c][lane] = static_cast<double>(elementComponent(ends[1].value, c)) -
-                                                    static_cast<double>(elementComponent(ends[0].value, c));
+                stencils.changes[C * d + c][lane] = static_cast<double>(elementComponent(high.value, c)) -
+                                                    static_cast<double>(elementComponent(low.value, c));
         }
         return isComplete;
     }
+    /// What follows a vertex at the end of an axis: across a join, else the vertex itself.
+    bool readBeyond(const BlockVertex& at, int axis, int direction, Neighbour& result) {
+        const auto step = myJoins.step(at, axis, direction);
+        return step ? read(step->vertex, step->motion, result) : read(at, nullptr, result);
+    }
 
     /// Position and value of the owner of a vertex, moved; false if its block is missing.
-    bool read(const BlockVertex& vertex, const MultiIndex<3>& place, const RigidMotion* motion,
-              detail::OwnerCursor& cursor, Neighbour& result) {
-        const MultiIndex<3>& size = myJoins.size(vertex.block);
-        bool isInside = true;
-        for (int d = 0; d < 3; ++d) isInside = isInside && place[d] > 0 && place[d] + 1 < size[d];
-        const BlockVertex owner = isInside ? vertex : cursor.owner(myJoins, vertex);
+    bool read(const BlockVertex& vertex, const RigidMotion* motion, Neighbour& result) {
+        const BlockVertex owner = myJoins.owner(vertex);
         const auto& block = myBlocks[owner.block];
         if (!block) {
             want(owner.block);
@@ -484,7 +468,7 @@ private:
     std::vector<std::atomic<bool>> isWanted;
 };
 
-/// The derivative of a block among others; null where it or one that it needs has no suitable data.
+/// The derivative of a block among others; null where its data do not suit. Throws as `JoinedVertices`.
 template<class T>
 StrongPtr<MemBase> deriveJoined(const Inputs& inputs, const BlockJoins& joins, unsigned int block,
                                 std::vector<Reading>& readings) {
@@ -492,7 +476,7 @@ StrongPtr<MemBase> deriveJoined(const Inputs& inputs, const BlockJoins& joins, u
     if (!values) return nullptr;
     const BlockPositions positions(ownersData(joins, *inputs.positions, block));
     const auto derivative = deriveBlock(*values, positions, true);
-    if (!derivative || !JoinedVertices<T>(inputs, joins, readings).replace(block, derivative->data())) return nullptr;
+    if (derivative) JoinedVertices<T>(inputs, joins, readings).replace(block, derivative->data());
     return derivative;
 }
 
@@ -556,7 +540,7 @@ private:
         const unsigned int block = joins ? joins->find(myID) : 0;
         StrongPtr<MemBase> made;
         withMemArray<3>(DerivableTypes(), own.values, [&]<class T>(const MemArray<3, T>& values) {
-            if (joins && block < joins->blocks() && (joins->blocks() > 1 || joins->isShared(block)))
+            if (joins && block < joins->blocks() && !(joins->joins().empty() && joins->shared(block).empty()))
                 made = deriveJoined<T>(*myInputs, *joins, block, readings);
             else
                 made = deriveBlock(values, BlockPositions(own.positions), false);

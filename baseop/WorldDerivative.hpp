@@ -60,7 +60,8 @@ struct VANTLE_BASEOP_API WorldDerivativeOptions {
 /// Failure      fragments that cannot be derived have no data; for each that is known to be one, a line is added to
 ///              `errors`: "No creator for fragment ", "No creator element type unsupported for fragment " or "No
 ///              positions for fragment ", and its name. Others turn out to have none when they are asked for: where
-///              extents differ from those of the positions, and where a joined block has no values, or of another type.
+///              extents differ from those of the positions, and where a joined block has no values, or of another type,
+///              which standard error is told of.
 ///              Null, and nothing stored, when that leaves none, and without such a field.
 ///              std::invalid_argument for unusable options.
 VANTLE_BASEOP_API Hestra::StrongPtr<Field>
