@@ -20,7 +20,7 @@ template<class T>
 using Array = MemArray<3, T>;
 
 /// Relative to the largest derivative: differences of nearly equal numbers, and an inverse.
-constexpr double Rounding = 1e-11;
+constexpr double Rounding = 1e-14;
 
 Vector swirl(const Point& p) { return {wave({p[1], p[2], p[0]}), p[0] * p[2] - 0.3 * p[1], wave(p) * p[1]}; }
 
