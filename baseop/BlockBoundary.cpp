@@ -2,6 +2,7 @@
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/ElementTypes.hpp>
 #include <model/vantle/MemArray.hpp>
 
@@ -70,32 +71,54 @@ private:
 /// The corners of a quad, in turn.
 using Quad = std::array<BlockVertex, 4>;
 
-/// Calls `take(quad)` for the quads of a block that are joined to nothing, each by its corners' owners and wound to
-/// show out of the block where its index space is right-handed.
-template<class Take>
-void forOpenQuads(const BlockJoins& joins, unsigned int block, const Take& take) {
-    const MultiIndex<3>& size = joins.size(block);
-    for (int d = 0; d < 3; ++d) {
-        const int u = (d + 1) % 3, v = (d + 2) % 3;
+/// The blocks of a grid, and what is valid in them.
+struct Blocks {
+    StrongPtr<BlockJoins> joins;
+    std::vector<StrongPtr<const BlockMask>> masks;
+
+    Blocks(const StrongPtr<BlockJoins>& known, const Blanking& blanking) : joins(known) {
+        for (unsigned int b = 0; b < joins->blocks(); ++b)
+            masks.push_back(joins->size(b).product() > 0 ? blanking.of(joins->fragment(b), joins->size(b)) : nullptr);
+    }
+
+    /// Calls `take(quad)` for the quads of a block with a valid cell on one side and nothing on the other, each by its
+    /// corners' owners and wound to show out of the cell where the block's index space is right-handed.
+    template<class Take>
+    void forOpenQuads(unsigned int block, const Take& take) const {
+        const MultiIndex<3>& size = joins->size(block);
         if (size[0] < 2 || size[1] < 2 || size[2] < 2) return;
-        for (const bool upper : {false, true}) {
+        const BlockMask* const mask = masks[block].rawptr();
+        for (int d = 0; d < 3; ++d) {
+            const int u = (d + 1) % 3, v = (d + 2) % 3;
             MultiIndex<3> lowest;
-            lowest[d] = upper ? size[d] - 1 : 0;
-            for (lowest[v] = 0; lowest[v] + 1 < size[v]; ++lowest[v])
-                for (lowest[u] = 0; lowest[u] + 1 < size[u]; ++lowest[u]) {
-                    if (!joins.isOpen({block, d, upper}, lowest)) continue;
-                    Quad quad;
-                    for (std::size_t c = 0; c < 4; ++c) {
-                        MultiIndex<3> corner = lowest;
-                        corner[u] += c == 1 || c == 2;
-                        corner[v] += c > 1;
-                        quad[upper ? c : 3 - c] = joins.owner({block, corner.linear(size)});
-                    }
-                    take(quad);
+            const auto add = [&](bool upper) {
+                Quad quad;
+                for (std::size_t c = 0; c < 4; ++c) {
+                    MultiIndex<3> corner = lowest;
+                    corner[u] += c == 1 || c == 2;
+                    corner[v] += c > 1;
+                    quad[upper ? c : 3 - c] = joins->owner({block, corner.linear(size)});
                 }
+                take(quad);
+            };
+            const auto isValid = [&](index_t layer) {
+                MultiIndex<3> cell = lowest;
+                cell[d] = layer;
+                return layer + 1 < size[d] && (!mask || mask->isCellValid(cell));
+            };
+            // Between blanked and other cells there are quads everywhere.
+            const index_t step = mask ? 1 : size[d] - 1;
+            for (index_t layer = 0; layer < size[d]; layer += step)
+                for (lowest[v] = 0; lowest[v] + 1 < size[v]; ++lowest[v])
+                    for (lowest[u] = 0; lowest[u] + 1 < size[u]; ++lowest[u]) {
+                        lowest[d] = layer;
+                        const bool below = layer > 0 && isValid(layer - 1), above = isValid(layer);
+                        const bool isEnd = layer == 0 || layer + 1 == size[d];
+                        if (below != above && (!isEnd || joins->isOpen({block, d, below}, lowest))) add(below);
+                    }
         }
     }
-}
+};
 
 [[noreturn]] void refuse(const std::string& why) { throw std::invalid_argument("BlockBoundary: " + why); }
 
@@ -206,11 +229,12 @@ private:
     }
 };
 
-Hull hullOf(const BlockJoins& joins, const VertexNumbers& vertices, const std::vector<point>& points) {
+Hull hullOf(const Blocks& blocks, const VertexNumbers& vertices, const std::vector<point>& points) {
+    const BlockJoins& joins = *blocks.joins;
     Hull hull;
     for (unsigned int b = 0; b < joins.blocks(); ++b) {
         const bool isMirrored = joins.isOrientable() && joins.isMirrored(b);
-        forOpenQuads(joins, b, [&](const Quad& quad) {
+        blocks.forOpenQuads(b, [&](const Quad& quad) {
             std::array<unsigned int, 4> numbers;
             for (std::size_t c = 0; c < 4; ++c) numbers[isMirrored ? 3 - c : c] = vertices(quad[c]);
             cutQuad(numbers, points, [&](const TriangleCell& triangle) { hull.triangles.push_back(triangle); });
@@ -221,11 +245,13 @@ Hull hullOf(const BlockJoins& joins, const VertexNumbers& vertices, const std::v
     return hull;
 }
 
-/// Beside the points of a hull: the joins that it was made from, which stand for positions and options.
+/// Beside the points of a hull: the joins that it was made from, which stand for positions and options, and the masks.
 class HullRecord : public Hestra::Interface<HullRecord> {
 public:
-    HullRecord(const StrongPtr<BlockJoins>& from, const StrongPtr<Field>& ofPoints) : joins(from), points(ofPoints) {}
+    HullRecord(const StrongPtr<BlockJoins>& from, const Freshness& byMasks, const StrongPtr<Field>& ofPoints)
+        : joins(from), masks(byMasks), points(ofPoints) {}
     const StrongPtr<BlockJoins> joins;
+    const Freshness masks;
     const Hestra::WeakPtr<Field> points;
 };
 /// Beside a field of a hull: the field of the grid.
@@ -233,16 +259,18 @@ using FieldRecord = Hestra::FreshnessRecord<Field>;
 
 bool hasData(const StrongPtr<Field>& field) { return field && field->hasData(); }
 
-/// Whether a grid is the hull of these joins and fields.
-bool isCurrent(const Grid& hull, const StrongPtr<BlockJoins>& joins, const std::vector<std::string>& names,
-               const std::vector<StrongPtr<Field>>& fields) {
+/// Whether a grid is the hull of these joins, masks and fields.
+bool isCurrent(const Grid& hull, const StrongPtr<BlockJoins>& joins, const Blanking& blanking,
+               const std::vector<std::string>& names, const std::vector<StrongPtr<Field>>& fields) {
     const auto vertices = hull.findVertices(2);
     const auto skeleton = hull.getSkeleton(SkeletonID(2, 1));
     const auto inSpace = vertices ? hull.getCartesianRepresentation(*vertices) : StrongPtr<Representation>();
     const auto ofVertices = skeleton ? skeleton->findRepresentation(*vertices) : StrongPtr<Representation>();
     if (!inSpace || !ofVertices || !hasData(inSpace->Positions()) || !hasData(ofVertices->Positions())) return false;
     const auto record = inSpace->Positions()->findInterface<HullRecord>();
-    if (!record || !(record->points == inSpace->Positions()) || !(record->joins == joins)) return false;
+    if (!record || !(record->points == inSpace->Positions()) || !(record->joins == joins) ||
+        !record->masks.isFor(blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
+        return false;
     for (std::size_t n = 0; n < names.size(); ++n) {
         const StrongPtr<Field> known = inSpace->findField(names[n]);
         if (!hasData(known) || !FieldRecord::find(*known, known)) return false;
@@ -267,12 +295,16 @@ StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::
         if (!fields.back()) refuse("the grid has no field \"" + name + "\"");
         origins.push_back(Freshness(fields.back().rawptr()));
     }
+    const Blanking blanking(grid);
+    blanking.check(*positions);
+    const Freshness masks = blanking.freshness();
     const StrongPtr<BlockJoins> joins = BlockJoins::of(grid, options.joins);
-    if (known && isCurrent(*known, joins, options.fields, fields)) return known;
+    if (known && isCurrent(*known, joins, blanking, options.fields, fields)) return known;
 
+    const Blocks blocks(joins, blanking);
     VertexNumbers vertices(*joins);
     for (unsigned int b = 0; b < joins->blocks(); ++b)
-        forOpenQuads(*joins, b, [&](const Quad& quad) {
+        blocks.forOpenQuads(b, [&](const Quad& quad) {
             for (const BlockVertex& corner : quad) vertices.take(corner);
         });
     detail::checkVertexCount(vertices.count());
@@ -282,7 +314,7 @@ StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::
     if (!typed) refuse("the positions are no points");
     std::vector<point> places;
     for (index_t n = 0; n < typed->nElements(); ++n) places.push_back(typed->element(n));
-    Hull hull = hullOf(*joins, vertices, places);
+    Hull hull = hullOf(blocks, vertices, places);
     std::vector<StrongPtr<MemBase>> values;
     for (std::size_t n = 0; n < fields.size(); ++n)
         values.push_back(elementsAt(*joins, vertices, *fields[n], options.fields[n]));
@@ -298,7 +330,7 @@ StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::
         return field;
     };
     const auto surface = store(*inSpace, PositionsName, points);
-    surface->addInterface(Hestra::makeRef<HullRecord>(joins, surface));
+    surface->addInterface(Hestra::makeRef<HullRecord>(joins, masks, surface));
     store(*ofVertices, PositionsName, makeMemArray1D(std::move(hull.triangles)));
     for (std::size_t n = 0; n < fields.size(); ++n) {
         const auto field = store(*inSpace, options.fields[n], values[n]);

@@ -25,6 +25,8 @@ struct VANTLE_BASEOP_API BlockBoundaryOptions {
 /// points are the positions of the hull's vertices (dimension 2) in the Cartesian chart, the triangles those of its
 /// skeleton (2, 1) relative to the vertices, as with isosurfaces. A vertex that several blocks have is one, with the
 /// position and the values of its owner; vertices ascend by owner. All arrays are discardable.
+/// Blanking     on grids with masks, the hull is that of the valid cells: blanked ones are nothing, inside of blocks,
+///              too.
 /// Orientation  triangles show outward: those of blocks that hang together agree, whatever their handedness, and what
 ///              they enclose is positive. Where handedness cannot be agreed on (`BlockJoins::isOrientable`) each block
 ///              is wound as its index space is.
@@ -34,12 +36,13 @@ struct VANTLE_BASEOP_API BlockBoundaryOptions {
 /// Degenerate   triangles with two vertices that are one, as on faces that are collapsed to a line or a point, are left
 ///              out. Periodic pairs are part of the hull, and so are both sides of doubtful faces. A grid whose blocks
 ///              have no cells has an empty hull.
-/// Reuse        a grid of this name that was made here, from these joins and fields while none of them has become
-///              newer, and whose data exist, is returned as it is. Otherwise the whole is made anew, in a new grid.
+/// Reuse        a grid of this name that was made here, from these joins, masks and fields while none of them has
+///              become newer, and whose data exist, is returned as it is. Otherwise the whole is made anew, in a new
+///              grid.
 /// Failure      std::invalid_argument, with the reason and before anything is changed: without Cartesian positions, for
-///              unusable options, for the name of the grid itself, and for a field that is missing, or in a block of
-///              the hull has no data, or others than the positions have extents, or than the other blocks have
-///              elements. std::length_error for more than 2^32 vertices.
+///              unusable options and masks that do not fit, for the name of the grid itself, and for a field that is
+///              missing, or has no data, other extents than the positions, or elements of another type than elsewhere
+///              in a block of the hull. std::length_error for more than 2^32 vertices.
 /// Concurrency  changes the slice: one thread.
 /// Cost         two walks over the faces, some tens of nanoseconds a quad, beside finding the joins.
 VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice,

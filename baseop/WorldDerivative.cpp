@@ -1,4 +1,5 @@
 #include <baseop/WorldDerivative.hpp>
+#include <baseop/detail/BesideBlanked.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/RowResult.hpp>
 #include <baseop/detail/WorldStencil.hpp>
@@ -77,6 +78,17 @@ struct Rows {
         : self(rowAt(j, k, 0)), low{rowAt(j > 0 ? j - 1 : j, k, 1), rowAt(j, k > 0 ? k - 1 : k, 2)},
           high{rowAt(j + 1 < size[1] ? j + 1 : j, k, 3), rowAt(j, k + 1 < size[2] ? k + 1 : k, 4)} {}
 
+    /// The differences at vertex `i` along the edges that it has.
+    void subtractTo(double (*lanes)[Lanes], index_t lane, index_t i, const detail::ValidEdges& edges,
+                    index_t step) const noexcept {
+        const S* const at = self + i * step;
+        for (int d = 0; d < 3; ++d) {
+            const S* const below = d == 0 ? at - step : low[d - 1] + i * step;
+            const S* const above = d == 0 ? at + step : high[d - 1] + i * step;
+            subtract(lanes + d * Components<S>, lane, edges.above[d] ? above : at, edges.below[d] ? below : at, step,
+                     1);
+        }
+    }
     /// The differences at vertices `begin` ... `begin` + `count` - 1 of `extent`, those along axis d in d * components.
     [[gnu::always_inline]] void subtractTo(double (*lanes)[Lanes], index_t begin, index_t count, index_t extent,
                                            index_t step) const noexcept {
@@ -191,9 +203,37 @@ private:
 template<class T>
 constexpr std::size_t BytesPerVertex = sizeof(Point) + sizeof(T) + 2 * sizeof(Result<T>);
 
+/// Derives again at the vertices of a row next to blanked cells. What has no edges has a derivative of zero.
+template<class T>
+void deriveBesideBlanked(const BlockMask& mask, index_t j, index_t k, const Strip<T>& row, Stencils<T>& stencils,
+                         Result<T>* target) {
+    std::array<index_t, Lanes> places;
+    index_t count = 0;
+    const auto finish = [&] {
+        if (row.absent) stencils.completeEdges(row.absent, static_cast<int>(count));
+        stencils.solve(static_cast<int>(count));
+        for (index_t n = 0; n < count; ++n) store<T>(target[places[n]], stencils, n);
+        count = 0;
+    };
+    detail::forBesideBlanked(mask, j, k, [&](index_t i, const detail::ValidEdges& edges) {
+        bool any = false;
+        for (int d = 0; d < 3; ++d) any = any || edges.above[d] || edges.below[d];
+        if (!any) {
+            target[i] = Result<T>();
+            return;
+        }
+        row.points.subtractTo(stencils.edges, count, i, edges, row.pointStep);
+        row.values.subtractTo(stencils.changes, count, i, edges, row.valueStep);
+        places[count++] = i;
+        if (count == Lanes) finish();
+    });
+    finish();
+}
+
 /// In cells of any shape.
 template<class T>
-Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& values, const BlockPositions& positions) {
+Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& values, const BlockPositions& positions,
+                                                       const BlockMask* mask) {
     const MultiIndex<3> size = values.Size();
     const unsigned absent = absentAxes(size);
     const auto kernel = chooseKernel<T>();
@@ -209,10 +249,12 @@ Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& val
             };
             const Rows<Point> points(r % size[1], r / size[1], size, pointsAt);
             const Rows<ElementStorage<T>> row(r % size[1], r / size[1], size, valuesAt);
-            for (index_t i = 0; i < size[0]; i += Lanes)
-                kernel(
-                    {points, row, positions.step(), values.stride(), i, std::min(Lanes, size[0] - i), size[0], absent},
-                    *stencils, target + r * size[0]);
+            Strip<T> strip{points, row, positions.step(), values.stride(), 0, 0, size[0], absent};
+            for (; strip.begin < size[0]; strip.begin += Lanes) {
+                strip.count = std::min(Lanes, size[0] - strip.begin);
+                kernel(strip, *stencils, target + r * size[0]);
+            }
+            if (mask) deriveBesideBlanked(*mask, r % size[1], r / size[1], strip, *stencils, target + r * size[0]);
         }
     };
     return detail::makeByRows<Result<T>>(size, BytesPerVertex<T> * size.product(), fillRows);
@@ -262,11 +304,11 @@ Ref<ReferencingMemArray<3, Result<T>>> deriveAlongAxes(const MemArray<3, T>& val
 /// The derivative of a block by itself; null where the extents differ.
 template<class T>
 StrongPtr<MemArray<3, Result<T>>> deriveBlock(const MemArray<3, T>& values, const BlockPositions& positions,
-                                              bool generally) {
-    if (!positions.fits(values.Size())) return nullptr;
+                                              const BlockMask* mask, bool generally) {
+    if (!positions.fits(values.Size()) || (mask && mask->Size() != values.Size())) return nullptr;
     const auto* const axes = positions.axes();
-    if (axes && !generally) return deriveAlongAxes(values, *axes).strong();
-    return deriveGenerally(values, positions).strong();
+    if (axes && !mask && !generally) return deriveAlongAxes(values, *axes).strong();
+    return deriveGenerally(values, positions, mask).strong();
 }
 
 // ------------------------------------------------------------------------------------------------------ joined blocks
@@ -274,17 +316,20 @@ StrongPtr<MemArray<3, Result<T>>> deriveBlock(const MemArray<3, T>& values, cons
 /// What a derivative depends on, and all its fragments share.
 struct Inputs {
     StrongPtr<const Field> values, positions;
+    StrongPtr<BlankingInput> masks;
     std::optional<JoinOptions> joining;
     WeakPtr<const Grid> grid;
 
-    [[nodiscard]] Freshness freshness() const { return Freshness(values.rawptr(), positions.rawptr()); }
-    [[nodiscard]] Hestra::Ageable::age_t age() const { return std::max(values->age(), positions->age()); }
+    [[nodiscard]] Freshness freshness() const { return Freshness(values.rawptr(), positions.rawptr(), masks.rawptr()); }
+    [[nodiscard]] Hestra::Ageable::age_t age() const {
+        return std::max({values->age(), positions->age(), masks->age()});
+    }
     /// The joins of the blocks as they are now; null when they cannot be known.
     [[nodiscard]] StrongPtr<BlockJoins> joins() const {
         const std::lock_guard lock(myMutex);
         const StrongPtr<const Grid> alive = grid.lock();
         if (alive && alive->CartesianPositions() == positions) {
-            myJoinsOrigin = Freshness(positions.rawptr());
+            myJoinsOrigin = Freshness(positions.rawptr(), masks.rawptr());
             myJoins = BlockJoins::of(*alive, *joining);
         } else if (!myJoinsOrigin.isCurrent()) {
             myJoins = nullptr;
@@ -302,6 +347,7 @@ private:
 struct Reading {
     StrongPtr<CreativeArrayBase> valueCreator, positionCreator;
     StrongPtr<MemBase> values, positions;
+    StrongPtr<const BlockMask> mask; // null where everything is valid
     Freshness origin;
 
     Reading(const Inputs& inputs, const StrongPtr<FragmentID>& id)
@@ -311,9 +357,8 @@ struct Reading {
         origin = Freshness(valueCreator.rawptr(), positionCreator.rawptr());
         values = valueCreator->getData();
         positions = positionCreator->getData();
-    }
-    [[nodiscard]] Hestra::Ageable::age_t age() const {
-        return std::max(valueCreator ? valueCreator->age() : 0, positionCreator ? positionCreator->age() : 0);
+        if (const auto size = values ? values->getDynamicSize().as<3>() : std::nullopt)
+            mask = inputs.masks->now().of(id, *size);
     }
 };
 
@@ -352,6 +397,7 @@ private:
         BlockPositions positions;
         const S* values;
         index_t step;
+        StrongPtr<const BlockMask> mask;
     };
     /// A neighbour's position and value.
     struct Neighbour {
@@ -386,7 +432,9 @@ private:
             if (!isWanted[b].exchange(false)) continue;
             const Reading& reading = myReadings.emplace_back(myInputs, myJoins.fragment(b));
             const auto values = Hestra::dynamicCast<MemArray<3, T>>(reading.values);
-            if (values) myBlocks[b] = Block{BlockPositions(reading.positions), values->storage(), values->stride()};
+            if (values)
+                myBlocks[b] =
+                    Block{BlockPositions(reading.positions), values->storage(), values->stride(), reading.mask};
             if (!values || values->Size() != myJoins.size(b) || !myBlocks[b]->positions.fits(values->Size()))
                 throw std::invalid_argument("WorldDerivative: no values of the type of its neighbours', or of other "
                                             "extents, in fragment " +
@@ -425,9 +473,13 @@ private:
         for (int d = 0; d < 3; ++d) {
             Neighbour low, high;
             const bool hasLow =
-                place[d] > 0 ? read({at.block, at.index - stride}, nullptr, low) : readBeyond(at, d, -1, low);
-            const bool hasHigh = place[d] + 1 < size[d] ? read({at.block, at.index + stride}, nullptr, high)
-                                                        : readBeyond(at, d, 1, high);
+                place[d] == 0
+                    ? readBeyond(at, d, -1, low)
+                    : read(hasEdge(at, place, d, -1) ? BlockVertex{at.block, at.index - stride} : at, nullptr, low);
+            const bool hasHigh =
+                place[d] + 1 == size[d]
+                    ? readBeyond(at, d, 1, high)
+                    : read(hasEdge(at, place, d, 1) ? BlockVertex{at.block, at.index + stride} : at, nullptr, high);
             stride *= size[d];
             isComplete = isComplete && hasLow && hasHigh; // goes on, to learn of all that are missing
             for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = high.position[m] - low.position[m];
@@ -436,6 +488,13 @@ private:
                                                     static_cast<double>(elementComponent(low.value, c));
         }
         return isComplete;
+    }
+    /// Whether a mask leaves the edge to a neighbour in the block.
+    [[nodiscard]] bool hasEdge(const BlockVertex& at, MultiIndex<3> place, int axis, int direction) const {
+        const auto& block = myBlocks[at.block];
+        if (!block || !block->mask) return true;
+        if (direction < 0) --place[axis];
+        return block->mask->isEdgeValid(place, axis);
     }
     /// What follows a vertex at the end of an axis: across a join, else the vertex itself.
     bool readBeyond(const BlockVertex& at, int axis, int direction, Neighbour& result) {
@@ -475,7 +534,7 @@ StrongPtr<MemBase> deriveJoined(const Inputs& inputs, const BlockJoins& joins, u
     const auto values = Hestra::dynamicCast<MemArray<3, T>>(ownersData(joins, *inputs.values, block));
     if (!values) return nullptr;
     const BlockPositions positions(ownersData(joins, *inputs.positions, block));
-    const auto derivative = deriveBlock(*values, positions, true);
+    const auto derivative = deriveBlock(*values, positions, readings.front().mask.rawptr(), true);
     if (derivative) JoinedVertices<T>(inputs, joins, readings).replace(block, derivative->data());
     return derivative;
 }
@@ -543,7 +602,7 @@ private:
             if (joins && block < joins->blocks() && !(joins->joins().empty() && joins->shared(block).empty()))
                 made = deriveJoined<T>(*myInputs, *joins, block, readings);
             else
-                made = deriveBlock(values, BlockPositions(own.positions), false);
+                made = deriveBlock(values, BlockPositions(own.positions), own.mask.rawptr(), false);
         });
         return made;
     }
@@ -601,11 +660,12 @@ StrongPtr<CreativeArrayBase> derivativeOf(const std::shared_ptr<const Inputs>& i
 
 } // namespace
 
-StrongPtr<MemBase> WorldDerivative(const StrongPtr<MemBase>& values, const StrongPtr<MemBase>& positions) {
+StrongPtr<MemBase> WorldDerivative(const StrongPtr<MemBase>& values, const StrongPtr<MemBase>& positions,
+                                   const BlockMask* mask) {
     const Hestra::Profiler scope("baseop/WorldDerivative", __LINE__, "WorldDerivative(arrays)", __PRETTY_FUNCTION__);
     StrongPtr<MemBase> made;
     withMemArray<3>(DerivableTypes(), values, [&](const auto& array) {
-        if (positions) made = deriveBlock(array, BlockPositions(positions), false);
+        if (positions) made = deriveBlock(array, BlockPositions(positions), mask, false);
     });
     return made;
 }
@@ -618,6 +678,8 @@ StrongPtr<Field> WorldDerivative(Grid& grid, const std::string& field, const std
     const auto inputs = std::make_shared<Inputs>();
     inputs->values = vertices->findField(field);
     inputs->positions = vertices->Positions();
+    inputs->masks = Hestra::makeRef<BlankingInput>(*vertices);
+    inputs->masks->now().check(*inputs->positions);
     if (options.joinBlocks) {
         inputs->joining = options.joins;
         inputs->grid = WeakPtr<const Grid>(grid);
