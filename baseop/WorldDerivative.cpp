@@ -9,6 +9,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -374,7 +377,7 @@ public:
     /// Replaces the derivatives of a block's joined vertices. Throws std::invalid_argument where a block that is needed
     /// has no suitable data.
     void replace(unsigned int block, Result<T>* target) {
-        std::vector<Vertex> waiting = joinedVertices(block);
+        std::vector<Vertex> waiting = joinedVertices(block), collapsed;
         for (const Vertex& vertex : waiting) want(vertex.owner.block);
         // Blocks that prove to be needed on the way are read before the next round.
         while (!waiting.empty()) {
@@ -382,16 +385,23 @@ public:
             constexpr std::size_t Piece = 16 * Lanes, BytesEach = 1000;
             detail::inParallel(waiting.size(), Piece, waiting.size() * BytesEach,
                                [&](std::size_t begin, std::size_t end) { derive(waiting, begin, end, target); });
-            waiting.erase(std::remove_if(waiting.begin(), waiting.end(), [](const Vertex& v) { return v.isDone; }),
-                          waiting.end());
+            const auto is = [](State state) { return [state](const Vertex& v) { return v.state == state; }; };
+            std::copy_if(waiting.begin(), waiting.end(), std::back_inserter(collapsed), is(State::Collapsed));
+            std::erase_if(waiting, std::not_fn(is(State::Waiting)));
         }
+        if (!collapsed.empty()) deriveCollapsed(collapsed, target);
     }
 
 private:
+    enum class State : unsigned char {
+        Waiting, // for a block
+        Done,
+        Collapsed, // an edge has no length, as at poles
+    };
     struct Vertex {
         index_t index; // in the block
         BlockVertex owner;
-        bool isDone = false;
+        State state = State::Waiting;
     };
     struct Block {
         BlockPositions positions;
@@ -404,6 +414,7 @@ private:
         PhysicalSpace::point position;
         S value;
     };
+
     /// Those that others have too or that lie on a joined face, each once.
     [[nodiscard]] std::vector<Vertex> joinedVertices(unsigned int block) const {
         const MultiIndex<3> size = myJoins.size(block);
@@ -413,7 +424,10 @@ private:
             if (!isTaken[index]) vertices.push_back({index, owner});
             isTaken[index] = true;
         };
-        for (const auto& [index, owner] : myJoins.shared(block)) take(index, owner);
+        for (const auto& [index, owner] : myJoins.shared(block)) {
+            take(index, owner);
+            if (owner.block == block) take(owner.index, owner);
+        }
         for (const BlockJoin& join : myJoins.joins(block))
             for (index_t k = join.low[2]; k <= join.high[2]; ++k)
                 for (index_t j = join.low[1]; j <= join.high[1]; ++j)
@@ -448,46 +462,79 @@ private:
         index_t count = 0;
         const auto finish = [&] {
             stencils->solve(static_cast<int>(count));
-            for (index_t n = 0; n < count; ++n) {
-                Vertex& vertex = waiting[place[n]];
-                store<T>(target[vertex.index], *stencils, n);
-                vertex.isDone = true;
-            }
+            for (index_t n = 0; n < count; ++n) store<T>(target[waiting[place[n]].index], *stencils, n);
             count = 0;
         };
         for (std::size_t v = begin; v < end; ++v) {
-            if (!gather(waiting[v].owner, *stencils, count)) continue;
+            waiting[v].state = gather(waiting[v].owner, *stencils, count);
+            if (waiting[v].state != State::Done) continue;
             place[count++] = v;
             if (count == Lanes) finish();
         }
         finish();
     }
 
-    /// The differences at a vertex that is its own owner; false if a block is missing.
-    bool gather(const BlockVertex& at, Stencils<T>& stencils, index_t lane) {
+    /// At poles: what explains the differences at all copies of a vertex best, by least squares.
+    void deriveCollapsed(const std::vector<Vertex>& vertices, Result<T>* target) {
+        std::map<BlockVertex, std::vector<BlockVertex>> copies;
+        for (const Vertex& vertex : vertices) copies.try_emplace(vertex.owner, 1, vertex.owner);
+        for (unsigned int b = 0; b < myJoins.blocks(); ++b)
+            for (const auto& [index, owner] : myJoins.shared(b))
+                if (const auto known = copies.find(owner); known != copies.end()) known->second.push_back({b, index});
+
+        detail::WorldStencil<Components<T>, 1> stencil;
+        std::map<BlockVertex, Result<T>> derivatives;
+        for (const auto& [owner, all] : copies) {
+            while (!gatherAll(all, stencil)) readWanted();
+            stencil.solve(1);
+            for (int c = 0; c < 3 * Components<T>; ++c) derivatives[owner][c] = stencil.result[c][0];
+        }
+        for (const Vertex& vertex : vertices) target[vertex.index] = derivatives[vertex.owner];
+    }
+    /// The normal equations for all differences at some vertices; false if a block is missing.
+    bool gatherAll(const std::vector<BlockVertex>& vertices, detail::WorldStencil<Components<T>, 1>& result) {
+        constexpr int C = Components<T>;
+        bool isComplete = true;
+        detail::WorldStencil<C, 1> one;
+        result = {};
+        for (const BlockVertex& vertex : vertices) {
+            want(vertex.block);
+            isComplete = gather(vertex, one, 0) != State::Waiting && isComplete;
+            for (int d = 0; d < 3; ++d)
+                for (int m = 0; m < 3; ++m) {
+                    const double along = one.edges[3 * d + m][0];
+                    for (int n = 0; n < 3; ++n) result.edges[3 * m + n][0] += along * one.edges[3 * d + n][0];
+                    for (int c = 0; c < C; ++c) result.changes[C * m + c][0] += along * one.changes[C * d + c][0];
+                }
+        }
+        return isComplete;
+    }
+
+    /// The differences at a vertex, into a lane unless a block is missing.
+    template<class Lane>
+    State gather(const BlockVertex& at, Lane& stencils, index_t lane) {
         constexpr int C = Components<T>;
         const MultiIndex<3>& size = myJoins.size(at.block);
         const auto place = MultiIndex<3>::fromLinear(at.index, size);
         index_t stride = 1;
-        bool isComplete = true;
+        bool isComplete = true, isCollapsed = false;
         for (int d = 0; d < 3; ++d) {
             Neighbour low, high;
-            const bool hasLow =
-                place[d] == 0
-                    ? readBeyond(at, d, -1, low)
-                    : read(hasEdge(at, place, d, -1) ? BlockVertex{at.block, at.index - stride} : at, nullptr, low);
-            const bool hasHigh =
-                place[d] + 1 == size[d]
-                    ? readBeyond(at, d, 1, high)
-                    : read(hasEdge(at, place, d, 1) ? BlockVertex{at.block, at.index + stride} : at, nullptr, high);
+            const auto inBlock = [&](int direction, Neighbour& result) {
+                const index_t next = direction > 0 ? at.index + stride : at.index - stride;
+                return read(hasEdge(at, place, d, direction) ? BlockVertex{at.block, next} : at, nullptr, result);
+            };
+            const bool hasLow = place[d] > 0 ? inBlock(-1, low) : readBeyond(at, d, -1, low);
+            const bool hasHigh = place[d] + 1 < size[d] ? inBlock(1, high) : readBeyond(at, d, 1, high);
             stride *= size[d];
             isComplete = isComplete && hasLow && hasHigh; // goes on, to learn of all that are missing
+            isCollapsed = isCollapsed || low.position == high.position;
             for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = high.position[m] - low.position[m];
             for (int c = 0; c < C; ++c)
                 stencils.changes[C * d + c][lane] = static_cast<double>(elementComponent(high.value, c)) -
                                                     static_cast<double>(elementComponent(low.value, c));
         }
-        return isComplete;
+        return !isComplete ? State::Waiting : isCollapsed ? State::Collapsed : State::Done;
     }
     /// Whether a mask leaves the edge to a neighbour in the block.
     [[nodiscard]] bool hasEdge(const BlockVertex& at, MultiIndex<3> place, int axis, int direction) const {

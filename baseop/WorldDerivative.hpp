@@ -60,9 +60,10 @@ struct VANTLE_BASEOP_API WorldDerivativeOptions {
 /// now, which live as long as it does, and the grid's masks: when a fragment of these has new data or was touched, the
 /// derivative is as new at once, and joins are looked for again. Fragments that the field gets later are not in it.
 ///
-/// Degenerate   with joined blocks, a vertex with several copies has the derivative that its owner's block sees; it is
-///              NaN at poles, where an edge of the owner's has no length. Blocks are joined as long as the grid lives
-///              and has these positions: without it no derivative is made for positions that have become newer.
+/// Degenerate   with joined blocks, a vertex with several copies has the derivative that its owner's block sees. At
+///              poles, where an edge of the owner's has no length, it is what explains the differences at all copies
+///              best, by least squares: the limit from all sides. Blocks are joined as long as the grid lives and has
+///              these positions: without it no derivative is made for positions that have become newer.
 /// Failure      fragments that cannot be derived have no data; for each that is known to be one, a line is added to
 ///              `errors`: "No creator for fragment ", "No creator element type unsupported for fragment " or "No
 ///              positions for fragment ", and its name. Others turn out to have none when they are asked for: where

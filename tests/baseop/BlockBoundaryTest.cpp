@@ -109,6 +109,41 @@ TEST(BlockBoundaryTest, ClosingFacesAndPolesAreInside) {
     EXPECT_EQ(Hull(sceneOf(makeBlock(cube, {1, 5, 5}))).triangles.size(), 0U);
 }
 
+// Of cubes of volume 1: as many as are valid, with as many faces as lie between them and the rest.
+TEST(BlockBoundaryTest, BlankedCellsAreOutside) {
+    std::mt19937_64 random(24);
+    const Place size(8, 7, 9);
+    const BlockPtr uncut = makeBlock({"",
+                                      [](double u, double v, double w) {
+                                          return Point{7 * u, 6 * v, 8 * w};
+                                      },
+                                      true},
+                                     size);
+    for (const std::size_t count : {1, 6})
+        for (const unsigned part : {0, 5, 1000}) {
+            const auto vertexMask = MemArray<3, unsigned char>::create(size);
+            for (index_t n = 0; n < uncut->nElements(); ++n) vertexMask->element(n) = random() % 100 >= part;
+            CutGrid cut(*uncut, turned(bisect(size, count, random), random));
+            cut.setField(VertexMaskName, *vertexMask);
+            const Hull hull(cut);
+            const BlockMask mask(size, &*vertexMask, nullptr);
+            index_t faces = 0;
+            Place cell;
+            do {
+                if (!mask.isCellValid(cell)) continue;
+                for (int d = 0; d < 3; ++d)
+                    for (const bool upper : {false, true}) {
+                        Place next = cell;
+                        next[d] += upper ? index_t{1} : ~index_t{0};
+                        faces += !next.inside(mask.cells()) || !mask.isCellValid(next);
+                    }
+            } while (cell.advance(mask.cells()));
+            EXPECT_EQ(hull.triangles.size(), 2 * faces) << count << " " << part;
+            EXPECT_NEAR(hull.volume, double(mask.validCells()), 1e-9) << count << " " << part;
+            EXPECT_NEAR(hull.area, double(faces), 1e-9);
+        }
+}
+
 TEST(BlockBoundaryTest, FieldsHaveTheValuesOfOwners) {
     std::mt19937_64 random(22);
     const BlockPtr uncut = makeBlock(shapes()[1], {7, 9, 8});
@@ -155,6 +190,8 @@ TEST(BlockBoundaryTest, IsMadeAgainWhenWhatItWasMadeOfIsNewer) {
     EXPECT_TRUE(isNew({{}, {"linear", "other"}}));
     BlockBoundaryOptions tolerant{{}, {"linear", "other"}};
     tolerant.joins.tolerance = 0.01;
+    EXPECT_TRUE(isNew(tolerant));
+    cut.setField(VertexMaskName, *fieldOn(*uncut, [](const Point& p) { return p[0] > 0.5 ? 1 : 0; }));
     EXPECT_TRUE(isNew(tolerant));
     last->CartesianPositions()->removeData();
     EXPECT_TRUE(isNew(tolerant));

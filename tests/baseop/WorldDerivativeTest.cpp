@@ -223,6 +223,35 @@ TEST(WorldDerivativeTest, OfCutAndTurnedBlocksIsThatOfTheUncutOne) {
         }
 }
 
+// What is blanked inside of a block is nowhere for its neighbours, either; whole blocks may be.
+TEST(WorldDerivativeTest, JoinedBlocksKeepToWhatIsValid) {
+    std::mt19937_64 random(15);
+    const BlockPtr uncut = makeBlock(shapes()[2], {11, 6, 7});
+    const auto values = fieldOn(*uncut, wave);
+    for (const index_t last : {3, 4, 5}) {
+        CutGrid cut(*uncut, turned(cutAtPlanes(uncut->Size(), {{{3, 6, 8}, {}, {}}}), random));
+        const auto mask = MemArray<3, int>::create(uncut->Size()); // of the second layer of blocks, or of a part of it
+        Place at;
+        do (*mask)[at] = at[0] <= last || at[0] >= 6;
+        while (at.advance(uncut->Size()));
+        cut.setField(VertexMaskName, *mask);
+        cut.setField("values", *values);
+        const BlockMask whole(uncut->Size(), &*mask, nullptr);
+        const auto plain = derived<Vector>(values, uncut, &whole);
+        const auto field = derive(cut, "values");
+        do {
+            if (!whole.isVertexValid(at)) continue;
+            // Of a vertex that is valid on one side of a face alone, the other copy has no derivative.
+            bool any = false;
+            for (const BlockVertex& copy : cut.copies(at)) {
+                const auto found = cast<Vector>(field->getData(cut.ids[copy.block]))->element(copy.index);
+                any = any || isNear(found, (*plain)[at], largest(*plain));
+            }
+            EXPECT_TRUE(any) << last << to_string(at);
+        } while (at.advance(uncut->Size()));
+    }
+}
+
 // Copies that differ do not count: what other blocks hold of a vertex is its owner's affair.
 TEST(WorldDerivativeTest, OwnersSayWhatAJoinedVertexIs) {
     std::mt19937_64 random(12);
@@ -276,6 +305,33 @@ TEST(WorldDerivativeTest, BlocksThatMeetThemselves) {
             EXPECT_TRUE(isNear((*found)(i, 0, k), (*plain)(1, 1, k), largest(*found))) << i;
             EXPECT_EQ(elementText((*found)(back - i, 0, k)), elementText((*found)(i, 0, k)));
         }
+    }
+}
+
+// On the axis of a shell and in the centre of a ball there are derivatives like those around: exact for linear fields,
+// and of order two.
+TEST(WorldDerivativeTest, PolesHaveDerivatives) {
+    for (const double inner : {0.0, 0.5}) {
+        double error[2];
+        for (const index_t refined : {1, 2}) {
+            const BlockPtr ball = sphere(inner, {4 * refined + 1, 8 * refined + 1, 16 * refined + 1});
+            Scene scene;
+            const auto id = scene.blocks.addBlock("ball", ball);
+            scene.blocks.setField("linear", linearOn(*ball), id);
+            scene.blocks.setField("square", fieldOn(*ball, [](const Point& p) { return p[0] * p[0] + p[1] * p[2]; }),
+                                  id);
+            const auto linear = cast<Vector>(derive(scene, "linear")->getData(id));
+            const auto square = cast<Vector>(derive(scene, "square")->getData(id));
+            double& largestError = error[refined - 1] = 0.0;
+            Place at;
+            do {
+                const Point& p = (*ball)[at];
+                EXPECT_NEAR(length((*linear)[at] - Vector(2.0, -3.0, 0.5)), 0.0, 1e-10) << inner << to_string(at);
+                if (at[0] > 0 && at[0] + 1 < ball->Size()[0])
+                    largestError = std::max(largestError, length((*square)[at] - Vector(2 * p[0], p[2], p[1])));
+            } while (at.advance(ball->Size()));
+        }
+        EXPECT_LT(error[1], error[0] / 3) << inner;
     }
 }
 
