@@ -401,6 +401,7 @@ TEST(WorldDerivativeTest, FollowsValuesAndPositionsOfAllBlocks) {
     }
     positions->touch();
     EXPECT_GE(field->age(), positions->age());
+    EXPECT_GE(field->getCreator(cut.ids[0])->age(), positions->age());
     const auto stretched = cast<Vector>(field->getData(cut.ids[0]));
     for (index_t n = 0; n < stretched->nElements(); ++n)
         EXPECT_NEAR(stretched->element(n)[0], cast<Vector>(after)->element(n)[0] / 2, 1e-9);
