@@ -514,19 +514,11 @@ private:
     template<class Lane>
     State gather(const BlockVertex& at, Lane& stencils, index_t lane) {
         constexpr int C = Components<T>;
-        const MultiIndex<3>& size = myJoins.size(at.block);
-        const auto place = MultiIndex<3>::fromLinear(at.index, size);
-        index_t stride = 1;
+        const auto place = MultiIndex<3>::fromLinear(at.index, myJoins.size(at.block));
         bool isComplete = true, isCollapsed = false;
         for (int d = 0; d < 3; ++d) {
             Neighbour low, high;
-            const auto inBlock = [&](int direction, Neighbour& result) {
-                const index_t next = direction > 0 ? at.index + stride : at.index - stride;
-                return read(hasEdge(at, place, d, direction) ? BlockVertex{at.block, next} : at, nullptr, result);
-            };
-            const bool hasLow = place[d] > 0 ? inBlock(-1, low) : readBeyond(at, d, -1, low);
-            const bool hasHigh = place[d] + 1 < size[d] ? inBlock(1, high) : readBeyond(at, d, 1, high);
-            stride *= size[d];
+            const bool hasLow = readNext(at, place, d, -1, low), hasHigh = readNext(at, place, d, 1, high);
             isComplete = isComplete && hasLow && hasHigh; // goes on, to learn of all that are missing
             isCollapsed = isCollapsed || low.position == high.position;
             for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = high.position[m] - low.position[m];
@@ -536,17 +528,48 @@ private:
         }
         return !isComplete ? State::Waiting : isCollapsed ? State::Collapsed : State::Done;
     }
-    /// Whether a mask leaves the edge to a neighbour in the block.
-    [[nodiscard]] bool hasEdge(const BlockVertex& at, MultiIndex<3> place, int axis, int direction) const {
-        const auto& block = myBlocks[at.block];
-        if (!block || !block->mask) return true;
-        if (direction < 0) --place[axis];
-        return block->mask->isEdgeValid(place, axis);
+    /// What follows a vertex along an axis, else the vertex itself; false if a block is missing.
+    bool readNext(const BlockVertex& at, const MultiIndex<3>& place, int axis, int direction, Neighbour& result) {
+        bool isKnown = true;
+        if (const auto next = follow(at, place, axis, direction, isKnown))
+            return read(next->vertex, next->motion, result);
+        // The edge may be one of a block that the vertex is joined with, which goes on where this one ends.
+        for (const BlockJoin& join : myJoins.joins(at.block)) {
+            const auto d = static_cast<std::size_t>(axis);
+            if (join.motion >= 0 || join.first.axis == axis || !holds(join, place)) continue;
+            IndexMap::Place there = {};
+            for (std::size_t m = 0; m < 3; ++m) there[m] = static_cast<std::int64_t>(place[m]);
+            there = join.map(there);
+            const MultiIndex<3> other(there[0], there[1], there[2]);
+            const BlockVertex copy{join.second.block, other.linear(myJoins.size(join.second.block))};
+            if (const auto next = follow(copy, other, join.map.axis[d], join.map.sign[d] * direction, isKnown))
+                return read(next->vertex, next->motion, result);
+        }
+        return isKnown && read(at, nullptr, result);
     }
-    /// What follows a vertex at the end of an axis: across a join, else the vertex itself.
-    bool readBeyond(const BlockVertex& at, int axis, int direction, Neighbour& result) {
-        const auto step = myJoins.step(at, axis, direction);
-        return step ? read(step->vertex, step->motion, result) : read(at, nullptr, result);
+    [[nodiscard]] static bool holds(const BlockJoin& join, const MultiIndex<3>& place) noexcept {
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d) isInside = isInside && place[d] >= join.low[d] && place[d] <= join.high[d];
+        return isInside;
+    }
+    /// What follows a vertex in its block, or across a face, by an edge that masks leave. `isKnown` becomes false when
+    /// the block is missing.
+    std::optional<BlockJoins::Step> follow(const BlockVertex& at, const MultiIndex<3>& place, int axis, int direction,
+                                           bool& isKnown) {
+        const MultiIndex<3>& size = myJoins.size(at.block);
+        const bool isUpper = direction > 0;
+        if (isUpper ? place[axis] + 1 == size[axis] : place[axis] == 0) return myJoins.step(at, axis, direction);
+        const auto& block = myBlocks[at.block];
+        if (!block) {
+            want(at.block);
+            isKnown = false;
+            return std::nullopt;
+        }
+        MultiIndex<3> lower = place;
+        if (!isUpper) --lower[axis];
+        if (block->mask && !block->mask->isEdgeValid(lower, axis)) return std::nullopt;
+        const index_t stride = axis == 0 ? 1 : axis == 1 ? size[0] : size[0] * size[1];
+        return BlockJoins::Step{{at.block, isUpper ? at.index + stride : at.index - stride}, nullptr};
     }
 
     /// Position and value of the owner of a vertex, moved; false if its block is missing.

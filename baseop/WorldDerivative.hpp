@@ -60,7 +60,8 @@ struct VANTLE_BASEOP_API WorldDerivativeOptions {
 /// now, which live as long as it does, and the grid's masks: when a fragment of these has new data or was touched, the
 /// derivative is as new at once, and joins are looked for again. Fragments that the field gets later are not in it.
 ///
-/// Degenerate   with joined blocks, a vertex with several copies has the derivative that its owner's block sees. At
+/// Degenerate   with joined blocks, a vertex with several copies has the derivative along the axes of its owner's
+///              block, and where that has no edge by those of the blocks that it is joined with there. At
 ///              poles, where an edge of the owner's has no length, it is what explains the differences at all copies
 ///              best, by least squares: the limit from all sides. Blocks are joined as long as the grid lives and has
 ///              these positions: without it no derivative is made for positions that have become newer.

@@ -180,6 +180,16 @@ TEST(WorldDerivativeTest, DegenerateCellsAndUnsuitableArrays) {
         EXPECT_EQ(std::isnan((*found)[at][0]), isFlat || nextToNaN) << to_string(at);
     } while (at.advance(block->Size()));
 
+    // In an oblique plane but for rounding.
+    std::mt19937_64 random(16);
+    std::uniform_real_distribution<double> off(-0.3, 0.3);
+    const BlockPtr plane = makeBlockOf({5, 5, 5}, [&](const Place& i) {
+        const double x = double(i[0]) + off(random) + 0.3 * double(i[2]), y = double(i[1]) + off(random);
+        return Point(x, y, 0.1 * x - 0.7 * y + 0.3);
+    });
+    const auto none = derived<Vector>(linearOn(*plane), plane);
+    for (index_t n = 0; n < none->nElements(); ++n) EXPECT_TRUE(std::isnan(none->element(n)[1])) << n;
+
     const StrongPtr<MemBase> other = Block::create({4, 5, 5}), flat = MemArray<2, Point>::create({5, 5});
     for (const StrongPtr<MemBase>& positions : {other, flat, StrongPtr<MemBase>()})
         EXPECT_FALSE(WorldDerivative(values, positions));
@@ -232,7 +242,7 @@ TEST(WorldDerivativeTest, JoinedBlocksKeepToWhatIsValid) {
         CutGrid cut(*uncut, turned(cutAtPlanes(uncut->Size(), {{{3, 6, 8}, {}, {}}}), random));
         const auto mask = MemArray<3, int>::create(uncut->Size()); // of the second layer of blocks, or of a part of it
         Place at;
-        do (*mask)[at] = at[0] <= last || at[0] >= 6;
+        do (*mask)[at] = at[0] <= last || at[0] >= 6 || at[1] > 3; // faces are joined in part
         while (at.advance(uncut->Size()));
         cut.setField(VertexMaskName, *mask);
         cut.setField("values", *values);
