@@ -151,7 +151,7 @@ void compareWithRefined(const Tour& tour) {
     report.columns({"velocity gradient"});
     compare("  largest error", [](const Deviation& d) { return d.gradient.largest; });
     compare("  mean error", [](const Deviation& d) { return d.gradient.mean(); });
-    compare("  at the outer border", [](const Deviation& d) { return d.gradientAtBorder.largest; });
+    compare("  at the border", [](const Deviation& d) { return d.gradientAtBorder.largest; });
     report.columns({"vorticity (exact: 0)"});
     compare("  largest", [](const Deviation& d) { return d.vorticity.largest; });
     compare("  mean", [](const Deviation& d) { return d.vorticity.mean(); });
