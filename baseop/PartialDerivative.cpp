@@ -82,18 +82,19 @@ void deriveBesideBlanked(Result* target, const S* row, const MultiIndex<3>& size
                          const BlockMask& mask) noexcept {
     constexpr int C = ElementTraits<S>::components;
     const index_t distances[3] = {step, size[0] * step, size[0] * size[1] * step};
-    detail::forBesideBlanked(mask, j, k, [&](index_t i, const detail::ValidEdges& edges) {
-        const S* const at = row + i * step;
-        for (int axis = 0; axis < 3; ++axis) {
-            const bool above = edges.above[axis], below = edges.below[axis];
-            const S& high = above ? at[distances[axis]] : *at;
-            const S& low = below ? *(at - distances[axis]) : *at;
-            const double factor = above && below ? 0.5 : 1.0;
-            for (int c = 0; c < C; ++c)
-                target[i][axis * C + c] =
-                    above || below ? (elementComponent(high, c) - elementComponent(low, c)) * factor : 0.0;
-        }
-    });
+    detail::forBesideBlanked(
+        mask, j, k, [&](index_t i) { target[i] = Result(); },
+        [&](index_t i, const detail::ValidEdges& edges) {
+            const S* const at = row + i * step;
+            for (int axis = 0; axis < 3; ++axis) {
+                if (size[axis] < 2) continue;
+                const S& high = at[edges.above[axis] * distances[axis]];
+                const S& low = *(at - edges.below[axis] * distances[axis]);
+                const double factor = 1.0 - 0.5 * static_cast<double>(edges.above[axis] & edges.below[axis]);
+                for (int c = 0; c < C; ++c)
+                    target[i][axis * C + c] = (elementComponent(high, c) - elementComponent(low, c)) * factor;
+            }
+        });
 }
 
 } // namespace

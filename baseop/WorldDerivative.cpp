@@ -88,8 +88,8 @@ struct Rows {
         for (int d = 0; d < 3; ++d) {
             const S* const below = d == 0 ? at - step : low[d - 1] + i * step;
             const S* const above = d == 0 ? at + step : high[d - 1] + i * step;
-            subtract(lanes + d * Components<S>, lane, edges.above[d] ? above : at, edges.below[d] ? below : at, step,
-                     1);
+            subtract(lanes + d * Components<S>, lane, edges.above[d] != 0 ? above : at,
+                     edges.below[d] != 0 ? below : at, step, 1);
         }
     }
     /// The differences at vertices `begin` ... `begin` + `count` - 1 of `extent`, those along axis d in d * components.
@@ -218,18 +218,14 @@ void deriveBesideBlanked(const BlockMask& mask, index_t j, index_t k, const Stri
         for (index_t n = 0; n < count; ++n) store<T>(target[places[n]], stencils, n);
         count = 0;
     };
-    detail::forBesideBlanked(mask, j, k, [&](index_t i, const detail::ValidEdges& edges) {
-        bool any = false;
-        for (int d = 0; d < 3; ++d) any = any || edges.above[d] || edges.below[d];
-        if (!any) {
-            target[i] = Result<T>();
-            return;
-        }
-        row.points.subtractTo(stencils.edges, count, i, edges, row.pointStep);
-        row.values.subtractTo(stencils.changes, count, i, edges, row.valueStep);
-        places[count++] = i;
-        if (count == Lanes) finish();
-    });
+    detail::forBesideBlanked(
+        mask, j, k, [&](index_t i) { target[i] = Result<T>(); },
+        [&](index_t i, const detail::ValidEdges& edges) {
+            row.points.subtractTo(stencils.edges, count, i, edges, row.pointStep);
+            row.values.subtractTo(stencils.changes, count, i, edges, row.valueStep);
+            places[count++] = i;
+            if (count == Lanes) finish();
+        });
     finish();
 }
 
