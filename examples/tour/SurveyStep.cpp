@@ -1,6 +1,7 @@
 #include "Steps.hpp"
 #include "io/Progress.hpp"
 
+#include <baseop/BlockJoins.hpp>
 #include <baseop/DataRange.hpp>
 #include <baseop/ExpandBBox.hpp>
 #include <baseop/FragmentSkeleton.hpp>
@@ -15,6 +16,7 @@ using namespace Vantle;
 namespace {
 
 constexpr index_t kFragmentsListed = 12;
+constexpr std::size_t kDoubtsListed = 5;
 
 std::string text(const Space::point& p) {
     std::string numbers("(");
@@ -71,6 +73,14 @@ void survey(const Tour& tour) {
     fragments.buildFragmentCoordinates();
     const index_t total = data.grid.positions()->nFragments();
     report.row("fragments", count(total), watch.lap());
+
+    const auto joins = BlockJoins::of(*data.grid.grid());
+    report.row("joins",
+               count(joins->joins().size()) + " of " + count(joins->blocks()) + " blocks, " +
+                   count(joins->doubtful().size()) + " doubtful faces",
+               watch.lap());
+    for (std::size_t n = 0; n < std::min<std::size_t>(joins->doubtful().size(), kDoubtsListed); ++n)
+        report.line("    " + joins->doubtful()[n].reason);
 
     const auto field = data.grid.field(data.field);
     report.columns({"  name", "vertices", data.field, "box"});
