@@ -76,6 +76,7 @@ public:
     [[nodiscard]] point operator()(const point& p) const noexcept;
     [[nodiscard]] vector operator()(const vector& v) const noexcept;
     [[nodiscard]] RigidMotion inverse() const noexcept;
+    bool operator==(const RigidMotion&) const = default;
 
 private:
     std::array<std::array<double, 3>, 3> myRotation{{{1, 0, 0}, {0, 1, 0}, {0, 0, 1}}};
@@ -136,6 +137,7 @@ struct VANTLE_BASEOP_API JoinOptions {
 
     /// Failure  std::invalid_argument, with the reason, for tolerances that are negative, infinite or no numbers.
     void check() const;
+    bool operator==(const JoinOptions&) const = default;
 };
 
 /// What is known of the joins of a grid. Immutable.
