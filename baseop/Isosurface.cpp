@@ -211,7 +211,7 @@ struct FragmentIsoSurfacer::Fragment {
     /// Its place on the lattice, if it is all there.
     std::optional<MultiIndex<3>> place;
     /// Its number, if it has vertices in common with others, or with itself.
-    std::optional<unsigned int> sharing;
+    std::optional<unsigned int> joined;
 };
 
 FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const StrongPtr<Field>& positions,
@@ -293,10 +293,8 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     if (!creator) return true;
     Fragment fragment;
     if (myJoined)
-        if (const unsigned int block = myJoined->joins().find(id);
-            block < myJoined->joins().blocks() && myJoined->joins().isShared(block))
-            fragment.sharing = block;
-    if (fragment.sharing ? isJoinedAndExcluded(*fragment.sharing, *creator) : excludesLevel(*creator)) {
+        if (const unsigned int block = myJoined->joins().find(id); myJoined->isJoined(block)) fragment.joined = block;
+    if (fragment.joined ? isJoinedAndExcluded(*fragment.joined, *creator) : excludesLevel(*creator)) {
         Console::puts("SKIP Iso");
         return true;
     }
@@ -309,9 +307,9 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     using Types = TypeList<double, float, unsigned char, short, unsigned short>;
     const bool supported = withMemArray<3>(Types(), data, [&]<class T>(const MemArray<3, T>& own) {
         StrongPtr<MemBase> coordinates, owners;
-        if (fragment.sharing) {
+        if (fragment.joined) {
             coordinates = findCoordinates(id, fragment);
-            owners = ownersData(myJoined->joins(), myJoined->values(), *fragment.sharing);
+            owners = ownersData(myJoined->joins(), myJoined->values(), *fragment.joined);
         }
         const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
         if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
@@ -329,8 +327,8 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
 /// Sets positions and place of the fragment. The array that holds the positions is returned.
 StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<FragmentID>& id, Fragment& fragment) const {
     StrongPtr<MemBase> array;
-    if (fragment.sharing)
-        array = ownersData(myJoined->joins(), *myPositions, *fragment.sharing);
+    if (fragment.joined)
+        array = ownersData(myJoined->joins(), *myPositions, *fragment.joined);
     else if (myPositions)
         array = myPositions->getData(id);
     fragment.positions = findPositions(detail::FragmentCoordinates(array), fragment.size);
@@ -374,13 +372,13 @@ void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const MultiArra
         [&](const auto& positions) {
             if constexpr (!std::is_same_v<std::decay_t<decltype(positions)>, std::monostate>) {
                 sweep.fill(target, numbering, positions);
-                if (!fragment.sharing || sweep.vertices() == 0) return;
+                if (!fragment.joined || sweep.vertices() == 0) return;
                 const auto value = [&](index_t n) { return static_cast<double>(data.element(n)); };
                 const auto point = [&](index_t n) { return positions.at(n, fragment.size); };
-                if (myJoined->joins().isMirrored(*fragment.sharing))
+                if (myJoined->joins().isMirrored(*fragment.joined))
                     for (std::size_t t = firstTriangle; t < surface.triangles.size(); ++t)
                         std::swap(surface.triangles[t][1], surface.triangles[t][2]);
-                myJoined->merge(surface, *fragment.sharing, myRunningOffset, myLevel, value, point, firstVertex,
+                myJoined->merge(surface, *fragment.joined, myRunningOffset, myLevel, value, point, firstVertex,
                                 firstTriangle);
             }
         },
