@@ -95,7 +95,6 @@ Shells::Shells(const Field& positions) {
         ids.push_back(id);
         sizes.push_back(size);
         numbering.emplace_back(size);
-        firstFace.push_back(static_cast<std::uint32_t>(faces.size()));
         for (int face = 0; numbering[block].count() > 0 && face < 6; ++face) {
             ShellFace made;
             made.block = block;
@@ -141,6 +140,42 @@ Shells::Shells(const Field& positions) {
 std::uint32_t Shells::blockOf(std::uint32_t vertex) const noexcept {
     const auto next = std::upper_bound(firstVertex.begin(), firstVertex.end(), vertex);
     return static_cast<std::uint32_t>(next - firstVertex.begin()) - 1;
+}
+
+std::uint32_t Shells::faceOf(std::uint32_t slot) const noexcept {
+    const auto next = std::upper_bound(faces.begin(), faces.end(), slot,
+                                       [](std::uint32_t s, const ShellFace& face) { return s < face.first; });
+    return static_cast<std::uint32_t>(next - faces.begin()) - 1;
+}
+
+double Shells::shortestEdge(const ShellFace& face, std::int64_t a, std::int64_t b) const noexcept {
+    const Point& here = points[vertexOf[face.slot(a, b)]];
+    double shortest = 0.0;
+    const auto look = [&](bool isThere, std::int64_t p, std::int64_t q) {
+        const double length = isThere ? distance(here, points[vertexOf[face.slot(p, q)]]) : 0.0;
+        if (length > 0.0 && (shortest == 0.0 || length < shortest)) shortest = length;
+    };
+    look(a > 0, a - 1, b);
+    look(a + 1 < face.nu, a + 1, b);
+    look(b > 0, a, b - 1);
+    look(b + 1 < face.nv, a, b + 1);
+    return shortest;
+}
+
+std::vector<double> Shells::localSizes() const {
+    std::vector<double> local(points.size());
+    // A vertex has faces of one block only.
+    inParallel(ids.size(), 1, vertexOf.size() * SlotBytes * 4, [&](std::size_t begin, std::size_t end) {
+        auto face = std::lower_bound(faces.begin(), faces.end(), begin,
+                                     [](const ShellFace& f, std::size_t block) { return f.block < block; });
+        for (; face != faces.end() && face->block < end; ++face)
+            for (std::uint32_t b = 0; b < face->nv; ++b)
+                for (std::uint32_t a = 0; a < face->nu; ++a) {
+                    double& size = local[vertexOf[face->slot(a, b)]];
+                    size = std::max(size, shortestEdge(*face, a, b));
+                }
+    });
+    return local;
 }
 
 } // namespace Vantle::detail
