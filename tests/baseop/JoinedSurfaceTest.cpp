@@ -303,8 +303,9 @@ TEST(JoinedBlocksTest, RangesSpareABlockOnlyWithThoseOfTheOwners) {
     };
     setAll(0, 5);
     setAll(1, 1);
-    knowAll();
     EXPECT_EQ(surfaceOf(cut, 2).points.size(), 16U); // between the face of 5 and the next plane, of 1
+    knowAll();
+    EXPECT_EQ(surfaceOf(cut, 3).points.size(), 16U);
     setAll(0, 4);
     knowAll();
     std::string heard;
