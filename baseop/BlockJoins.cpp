@@ -3,6 +3,7 @@
 #include <baseop/detail/joins/FaceMatcher.hpp>
 #include <baseop/detail/joins/UnionFind.hpp>
 #include <model/hestra/Freshness.hpp>
+#include <model/vantle/Blanking.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -157,7 +158,7 @@ auto sortKey(const BlockJoin& join) { return std::tie(join.first, join.low, join
 struct BlockJoins::Data {
     JoinOptions options;
     std::vector<RigidMotion> inverses; // of the motions
-    Hestra::Freshness origin;
+    Hestra::Freshness origin, masks;
 
     std::vector<StrongPtr<FragmentID>> ids;
     std::unordered_map<const FragmentID*, unsigned int> blockOf;
@@ -395,12 +396,17 @@ StrongPtr<BlockJoins> BlockJoins::of(const Grid& grid, const JoinOptions& option
     const StrongPtr<Field> positions = grid.CartesianPositions();
     if (!positions) return nullptr;
     const Hestra::Freshness origin(positions.rawptr());
+    const Blanking blanking(grid);
+    const Hestra::Freshness masks = blanking.freshness();
     const auto kept = positions->findInterface<BlockJoins>();
-    if (kept && kept->myData->origin.isFor(positions.rawptr()) && kept->options() == options) return kept;
-    auto data = std::make_unique<Data>(detail::Shells(*positions), options);
+    if (kept && kept->options() == options && kept->myData->origin.isFor(positions.rawptr()) &&
+        kept->myData->masks.isFor(blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
+        return kept;
+    auto data = std::make_unique<Data>(detail::Shells(*positions, blanking), options);
     data->origin = origin;
+    data->masks = masks;
     const StrongPtr<BlockJoins> made(new BlockJoins(std::move(data)));
-    if (origin.isCurrent()) positions->addInterface(made);
+    if (origin.isCurrent() && masks.isCurrent()) positions->addInterface(made);
     return made;
 }
 

@@ -10,6 +10,7 @@
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <optional>
 #include <typeinfo>
 #include <variant>
@@ -101,7 +102,8 @@ struct SurfaceFields {
     StrongPtr<Field> points, triangles;
 };
 
-/// Beside the points of a surface: the positions that it lies in. Its ages are those of values and request.
+/// Beside the points of a surface: the positions that it lies in, and the masks. Its ages are those of values and
+/// request.
 using SurfaceRecord = Hestra::FreshnessRecord<Field>;
 
 /// Whether a surface was made with these joins and, if they are wanted, still has its edges. A caller's own has been
@@ -130,6 +132,22 @@ bool anyAbove(const MultiArray<3, T>& data, double level) {
         for (std::size_t n = begin; n < end; ++n) above |= static_cast<double>(data.data()[n * stride]) > level;
         if (above) return true;
     }
+    return false;
+}
+
+/// The same among vertices that are valid.
+template<class T>
+bool anyAbove(const MultiArray<3, T>& data, double level, const BlockMask& mask) {
+    const MultiIndex<3>& size = data.Size();
+    for (index_t k = 0; k < size[2]; ++k)
+        for (index_t j = 0; j < size[1]; ++j) {
+            const T* const row = data.data() + (k * size[1] + j) * size[0] * data.stride();
+            for (index_t word = 0; 64 * word < size[0]; ++word)
+                for (std::uint64_t bits = mask.around(j, k, word).vertices; bits != 0; bits &= bits - 1) {
+                    const index_t i = 64 * word + static_cast<index_t>(std::countr_zero(bits));
+                    if (static_cast<double>(row[i * data.stride()]) > level) return true;
+                }
+        }
     return false;
 }
 
@@ -212,6 +230,7 @@ struct FragmentIsoSurfacer::Fragment {
     std::optional<MultiIndex<3>> place;
     /// Its number, if it has vertices in common with others, or with itself.
     std::optional<unsigned int> joined;
+    StrongPtr<const BlockMask> mask = {};
 };
 
 FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const StrongPtr<Field>& positions,
@@ -242,7 +261,8 @@ template<class Range>
 bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<Range>& range) {
     if (!range) return false;
     const double min = range->getMinf(), max = range->getMaxf();
-    myReachesAbove = myReachesAbove || min > myLevel || max > myLevel;
+    myIsAllAbove = min > myLevel;
+    if (!myIsMasked) myReachesAbove = myReachesAbove || min > myLevel || max > myLevel;
     return myLevel < min || myLevel > max;
 }
 
@@ -254,20 +274,24 @@ bool FragmentIsoSurfacer::excludesLevel(const CreativeArrayBase& creator) {
 
 /// The same of a block whose vertices have values of other blocks, too.
 bool FragmentIsoSurfacer::isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator) {
-    const bool before = myReachesAbove;
-    const auto isAbove = [&](const CreativeArrayBase& values) -> std::optional<bool> {
-        myReachesAbove = false;
-        return excludesLevel(values) ? std::optional(myReachesAbove) : std::nullopt;
+    const auto sideOf = [level = myLevel](const auto& range) -> std::optional<bool> {
+        if (range && level < range->getMinf()) return true;
+        if (range && level > range->getMaxf()) return false;
+        return {};
+    };
+    const auto isAbove = [&](const CreativeArrayBase& values) {
+        const auto side = sideOf(DataRange<double>::get(values).lock());
+        return side ? side : sideOf(DataRange<float>::get(values).lock());
     };
     const std::optional<bool> side = isAbove(creator);
-    bool all = side.has_value();
-    if (all)
-        for (const unsigned int owner : myJoined->ownersOf(block)) {
-            const auto other = myJoined->values().getCreator(myJoined->joins().fragment(owner));
-            all = all && other && isAbove(*other) == side;
-        }
-    myReachesAbove = before || (all && *side);
-    return all;
+    if (!side) return false;
+    for (const unsigned int owner : myJoined->ownersOf(block)) {
+        const auto other = myJoined->values().getCreator(myJoined->joins().fragment(owner));
+        if (!other || isAbove(*other) != side) return false;
+    }
+    myIsAllAbove = *side;
+    myReachesAbove = myReachesAbove || (*side && !myIsMasked);
+    return true;
 }
 
 /// Whether the range of data that exist excludes the level.
@@ -291,11 +315,13 @@ bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
 
 bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
     if (!creator) return true;
+    myIsMasked = myBlanking.concerns(id);
     Fragment fragment;
     if (myJoined)
         if (const unsigned int block = myJoined->joins().find(id); myJoined->isJoined(block)) fragment.joined = block;
     if (fragment.joined ? isJoinedAndExcluded(*fragment.joined, *creator) : excludesLevel(*creator)) {
         Console::puts("SKIP Iso");
+        noteSkipped(id);
         return true;
     }
     const StrongPtr<MemBase> data = creator->getData();
@@ -313,8 +339,9 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         }
         const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
         if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
-        if (values == &own && isSkipped<T>(*creator)) return; // ranges know nothing of other owners' values
+        if (values == &own && isSkipped<T>(*creator)) return noteSkipped(id); // a range knows of own values only
         if (!coordinates) coordinates = findCoordinates(id, fragment);
+        if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
         sweep<T>(id, *values, fragment);
     });
     if (!supported) {
@@ -322,6 +349,13 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         throw IsoException(4);
     }
     return true;
+}
+
+/// Of a masked fragment the range does not tell whether a valid value lies above the level, unless all do.
+void FragmentIsoSurfacer::noteSkipped(const StrongPtr<FragmentID>& id) {
+    if (!myIsMasked || myReachesAbove || !myIsAllAbove) return;
+    const auto mask = myBlanking.of(id);
+    myReachesAbove = !mask || !mask->isNothingValid();
 }
 
 /// Sets positions and place of the fragment. The array that holds the positions is returned.
@@ -353,11 +387,13 @@ void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const MultiArra
                                         myTriangles->base_vector()};
     const std::size_t firstVertex = surface.identifiers.size(), firstTriangle = surface.triangles.size();
 
-    const IsoSweep<T> sweep(data, myLevel);
+    const BlockMask* const mask = fragment.mask.rawptr();
+    const IsoSweep<T> sweep(data, myLevel, mask);
     detail::checkVertexCount(firstVertex + sweep.vertices());
     // Cells without a surface are all below or all not: then the first value tells for all.
-    const bool below = sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
-    if (!myReachesAbove && !below) myReachesAbove = anyAbove(data, myLevel);
+    const bool below =
+        !mask && sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
+    if (!myReachesAbove && !below) myReachesAbove = mask ? anyAbove(data, myLevel, *mask) : anyAbove(data, myLevel);
     extend(surface.identifiers, sweep.vertices());
     extend(surface.weights, sweep.vertices());
     extend(surface.points, sweep.vertices());
@@ -422,14 +458,17 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     if (!field) throw IsoException(2);
 
     const auto age = std::max(field->age(), requestedAge.age());
-    const Hestra::Freshness inSpace(positions.rawptr());
+    const Blanking masks(inputGrid);
+    masks.check(*positions);
+    const Hestra::Freshness inSpace(positions.rawptr(), masks.vertexMask().rawptr(), masks.cellMask().rawptr());
     const StrongPtr<BlockJoins> joins =
         options.joinBlocks ? BlockJoins::of(inputGrid, options.joins) : StrongPtr<BlockJoins>();
     if (const StrongPtr<Grid> known = slice(outputName)) {
         const SurfaceFields surface(*known);
         if (isValid(surface.points) && isValid(surface.triangles) &&
             Hestra::Freshness::isFresh(surface.points->age(), age) &&
-            SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr()) &&
+            SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr(), masks.vertexMask().rawptr(),
+                                   masks.cellMask().rawptr()) &&
             isAsAsked(surface.points, joins, options.keepEdges))
             return known;
     }
@@ -445,6 +484,7 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     const auto weights = Hestra::makeRef<Hestra::TypedChunk<double>>();
     FragmentIsoSurfacer surfacer(level, parameter, positions, identifiers.strong(), weights.strong(), points.strong(),
                                  triangles.strong());
+    surfacer.setBlanking(masks);
     if (joins) surfacer.joinBlocks(joins, field);
     field->iterate(surfacer);
     surfacer.finish();

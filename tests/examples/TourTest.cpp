@@ -247,7 +247,7 @@ TEST_F(TourTest, AnInterruptLeavesNothingHalfDone) {
     fs::permissions(drawer, fs::perms::owner_all);
     const Environment path("PATH", drawer.parent_path().string() + ":/usr/bin:/bin");
     const Environment temporary("TMPDIR", scratch);
-    for (const int signal : {SIGINT, SIGTERM}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         const pid_t child = start({"--quick", "--output", out});
         const auto isDrawing = [&] {
             return !fs::is_empty(scratch) && fs::exists(out) && filesIn(out).front().starts_with(".surface.png.");

@@ -17,7 +17,7 @@ constexpr double NearlyEqual = 1e-3;
 /// How far a quad's middle may be from a face that it lies on, in units of its shortest edge.
 constexpr double OnFace = 0.25;
 /// Faces that have one place in common and are compared with each other; of more, each is compared with the next one.
-constexpr std::size_t ComparedFaces = 8;
+constexpr std::size_t ComparedFaces = 24;
 
 /// The distance of a point from a triangle.
 double distanceTo(const Point& p, const Point& a, const Point& b, const Point& c) noexcept {
@@ -102,29 +102,33 @@ double FaceMatcher::nearestMiss(const FacePair& pair) const {
     return nearest;
 }
 
-void FaceMatcher::withdraw(const VertexClasses& classes) {
+template<class IsSuch>
+void FaceMatcher::withdraw(const IsSuch& isSuch, Fate reason) {
+    std::erase_if(myPairs, [&](const FacePair& pair) {
+        if (!isSuch(pair)) return false;
+        for (std::int64_t b = pair.b0; b < pair.b1; ++b)
+            for (std::int64_t a = pair.a0; a < pair.a1; ++a) setFate(pair, a, b, reason);
+        myWithdrawn.emplace_back(pair.first, pair.second, reason);
+        myWithdrawn.emplace_back(pair.second, pair.first, reason);
+        return true;
+    });
+}
+
+void FaceMatcher::withdrawDoubtful(const VertexClasses& classes) {
     std::vector<decltype(keyOf(FacePair()))> partial;
     const auto withdrawPartial = [&] {
         std::sort(partial.begin(), partial.end());
-        std::erase_if(myPairs, [&](const FacePair& pair) {
-            const bool isPartial = std::binary_search(partial.begin(), partial.end(), keyOf(pair));
-            for (std::int64_t b = pair.b0; isPartial && b < pair.b1; ++b)
-                for (std::int64_t a = pair.a0; a < pair.a1; ++a) setFate(pair, a, b, NearMiss);
-            return isPartial;
-        });
+        if (!partial.empty())
+            withdraw([&](const FacePair& p) { return std::binary_search(partial.begin(), partial.end(), keyOf(p)); },
+                     NearMiss);
+        partial.clear();
     };
-    std::erase_if(myPairs, [&](const FacePair& pair) {
-        const bool isDoubtful = isOnTop(pair, classes);
-        for (std::int64_t b = pair.b0; isDoubtful && b < pair.b1; ++b)
-            for (std::int64_t a = pair.a0; a < pair.a1; ++a) setFate(pair, a, b, OnTop);
-        return isDoubtful;
-    });
+    withdraw([&](const FacePair& pair) { return isOnTop(pair, classes); }, OnTop);
     for (const FacePair& pair : myPairs)
         if (nearestMiss(pair) <= NearlyEqual) partial.push_back(keyOf(pair));
     withdrawPartial();
 
     // Vertices that coincide beyond a join, with no quad that does: the faces are the same only here and there.
-    partial.clear();
     std::map<std::pair<std::uint32_t, std::uint32_t>, std::vector<const FacePair*>> pairsOf;
     const std::vector<Touch> all = touches();
     if (all.empty()) return;
@@ -175,11 +179,16 @@ std::vector<FaceMatcher::Touch> FaceMatcher::touches() const {
     std::vector<Touch> found;
     std::vector<Entry> here;
     for (auto at = entries.begin(); at != entries.end();) {
-        // One slot of each face: where several are in one place, it is collapsed, or folded there.
+        // One slot of each face, as it may be collapsed there; and those of one face in a row, as it may be folded.
         const auto id = at->id;
         here.clear();
-        for (; at != entries.end() && at->id == id; ++at)
-            if (here.empty() || here.back().face != at->face) here.push_back(*at);
+        while (at != entries.end() && at->id == id) {
+            here.push_back(*at);
+            for (auto last = at++; at != entries.end() && at->id == id && at->face == last->face; last = at++) {
+                found.push_back({at->face, at->face, last->slot, at->slot});
+                found.push_back({at->face, at->face, at->slot, last->slot});
+            }
+        }
         for (std::size_t n = 0; n < here.size(); ++n)
             for (std::size_t m = n + 1; m < (here.size() > ComparedFaces ? std::min(n + 2, here.size()) : here.size());
                  ++m) {
@@ -235,6 +244,12 @@ bool FaceMatcher::liesOn(std::span<const Touch> touches) const {
 }
 
 std::vector<FaceDoubt> FaceMatcher::doubts() const {
+    const auto textOf = [](Fate reason) {
+        return reason == SeveralFaces ? "more than two faces are the same there"
+               : reason == OnTop
+                   ? "the blocks lie on top of one another"
+                   : "some vertices coincide, and others miss each other by very little: a tolerance may join them";
+    };
     std::vector<FaceDoubt> found;
     const std::vector<Touch> all = touches();
     for (auto at = all.begin(); at != all.end();) {
@@ -253,14 +268,25 @@ std::vector<FaceDoubt> FaceMatcher::doubts() const {
         if (!bounds.isArea() || !otherBounds.isArea()) continue;
         const char* reason = nullptr;
         if (isAny(SeveralFaces))
-            reason = "more than two faces are the same there";
+            reason = textOf(SeveralFaces);
         else if (isAny(OnTop))
-            reason = "the blocks lie on top of one another";
+            reason = textOf(OnTop);
         else if (isAny(NearMiss))
-            reason = "some vertices coincide, and others miss each other by very little: a tolerance may join them";
-        else if (liesOn(pair))
+            reason = textOf(NearMiss);
+        else if (begin->face != begin->other && liesOn(pair))
             reason = "vertices coincide, and the cells between them do not";
-        if (reason) found.push_back({begin->face, begin->other, pair.size(), reason});
+        if (!reason) continue;
+        found.push_back({begin->face, begin->other, 1, reason});
+        for (std::size_t n = 1; n < pair.size(); ++n) found.back().coincident += pair[n].slot != pair[n - 1].slot;
+    }
+    // Joins that were taken back, and all of whose vertices are in others.
+    const auto isBefore = [](const FaceDoubt& a, const FaceDoubt& b) {
+        return std::tie(a.face, a.other) < std::tie(b.face, b.other);
+    };
+    for (const auto& [face, other, reason] : myWithdrawn) {
+        FaceDoubt doubt{face, other, 0, textOf(reason)};
+        const auto at = std::lower_bound(found.begin(), found.end(), doubt, isBefore);
+        if (at == found.end() || isBefore(doubt, *at)) found.insert(at, std::move(doubt));
     }
     return found;
 }

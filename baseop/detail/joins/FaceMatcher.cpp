@@ -24,6 +24,21 @@ Corners sortedCorners(const std::uint32_t* classes, std::uint32_t slot, std::uin
     return c;
 }
 
+/// What the classes of a quad's corners say of it.
+struct QuadShape {
+    int collapsed; // edges without length
+    int alone;     // corners that coincide with nothing
+    bool isFlat;   // whether less than a triangle is left, or it is folded
+};
+
+QuadShape shapeOf(const std::uint32_t* classes, std::uint32_t slot, std::uint32_t nu) noexcept {
+    constexpr std::uint32_t Alone = VertexClasses::Alone;
+    const std::uint32_t a = classes[slot], b = classes[slot + 1], c = classes[slot + nu + 1], d = classes[slot + nu];
+    const int collapsed = (a == b) + (b == c) + (c == d) + (d == a);
+    return {collapsed, ((a & Alone) != 0) + ((b & Alone) != 0) + ((c & Alone) != 0) + ((d & Alone) != 0),
+            collapsed > 1 || a == c || b == d};
+}
+
 std::uint64_t keyOf(const Corners& c) noexcept {
     const std::uint64_t low = std::uint64_t{c[0]} << 32 | c[1], high = std::uint64_t{c[2]} << 32 | c[3];
     std::uint64_t h = low * 0x9e3779b97f4a7c15;
@@ -68,7 +83,7 @@ FaceMatcher::FaceMatcher(const Shells& shells, const VertexClasses& classes, dou
       myClassOf(shells.slots()), myMate(shells.slots(), Nothing), myFate(shells.slots(), Open) {
     classify(classes);
     growAll(-1);
-    withdraw(classes);
+    withdrawDoubtful(classes);
 }
 
 void FaceMatcher::classify(const VertexClasses& classes) {
@@ -92,18 +107,17 @@ void FaceMatcher::classify(const VertexClasses& classes) {
                         myFate[slot] = Blanked;
                         continue;
                     }
-                    const std::uint32_t c00 = myClassOf[slot], c10 = myClassOf[slot + 1], c01 = myClassOf[above],
-                                        c11 = myClassOf[above + 1];
-                    const int collapsed = (c00 == c10) + (c00 == c01) + (c11 == c10) + (c11 == c01);
-                    if (collapsed) {
+                    const QuadShape shape = shapeOf(myClassOf.data(), slot, face.nu);
+                    if (shape.collapsed) {
                         pinch(slot, slot + 1);
                         pinch(slot, above);
                         pinch(above + 1, slot + 1);
                         pinch(above + 1, above);
-                        collapsedOf[f] += collapsed > 1;
+                        collapsedOf[f] += shape.collapsed > 1;
                     }
-                    if ((c00 | c10 | c01 | c11) & VertexClasses::Alone) continue;
-                    if (collapsed > 1 || c00 == c11 || c10 == c01)
+                    // Two quads have two vertices in common at most: where a face is folded, or two of a block meet.
+                    if (shape.alone > 2) continue;
+                    if (shape.isFlat)
                         myMate[slot] = Flat;
                     else
                         quadsOf[f].push_back({keyOf(sortedCorners(myClassOf.data(), slot, face.nu)), slot,
@@ -164,9 +178,10 @@ void FaceMatcher::findPeriodic(const std::vector<Point>& moved, double tolerance
                 for (const std::uint32_t isMoved : {0U, 1U}) {
                     const std::uint32_t slot = faces[f].slot(a, b);
                     if (myFate[slot] != Open) continue;
-                    const Corners c = sortedCorners(classesOf(isMoved), slot, faces[f].nu);
-                    if (c[0] == c[1] || c[1] == c[2] || c[2] == c[3] || c[3] & VertexClasses::Alone) continue;
-                    quads.push_back({keyOf(c), slot, 2 * f + isMoved});
+                    const QuadShape shape = shapeOf(classesOf(isMoved), slot, faces[f].nu);
+                    if (shape.alone || shape.isFlat) continue;
+                    quads.push_back(
+                        {keyOf(sortedCorners(classesOf(isMoved), slot, faces[f].nu)), slot, 2 * f + isMoved});
                 }
     const auto cornersOf = [&](const KeyEntry& quad) {
         return sortedCorners(classesOf(quad.tag), quad.id, faces[quad.tag / 2].nu);

@@ -6,6 +6,7 @@
 #include <baseop/detail/joins/VertexClasses.hpp>
 
 #include <string>
+#include <tuple>
 #include <utility>
 
 namespace Vantle::detail {
@@ -82,7 +83,8 @@ private:
         const std::vector<std::uint32_t>* classes; // of slots
         const std::vector<Point>* points;          // of vertices
     };
-    /// Two slots of different faces, of one class, of which no quad is joined.
+    /// Two slots of one class that no joined quad has: of different faces, the first of each; of one face, any one and
+    /// the next one.
     struct Touch {
         std::uint32_t face, other, slot, otherSlot;
     };
@@ -96,7 +98,10 @@ private:
     void measure(FacePair& pair) const;
 
     // in FaceDoubts.cpp
-    void withdraw(const VertexClasses& classes);
+    void withdrawDoubtful(const VertexClasses& classes);
+    /// Takes back the joins that are such, for this reason.
+    template<class IsSuch>
+    void withdraw(const IsSuch& isSuch, Fate reason);
     [[nodiscard]] bool isOnTop(const FacePair& pair, const VertexClasses& classes) const;
     [[nodiscard]] double nearestMiss(const FacePair& pair) const;
     [[nodiscard]] std::vector<Touch> touches() const;
@@ -111,6 +116,7 @@ private:
     std::vector<std::uint32_t> myMate;    // of each quad, by slot
     std::vector<unsigned char> myFate;    // of each quad, by slot
     std::vector<FacePair> myPairs;
+    std::vector<std::tuple<std::uint32_t, std::uint32_t, Fate>> myWithdrawn; // between these faces
     std::vector<Pinch> myPinches;
     std::vector<std::pair<std::uint32_t, index_t>> myPoles;
 };

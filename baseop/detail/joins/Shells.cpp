@@ -83,7 +83,7 @@ MultiIndex<3> extentsOf(const FragmentCoordinates& coordinates) {
 
 } // namespace
 
-Shells::Shells(const Field& positions) {
+Shells::Shells(const Field& positions, const Blanking& blanking) {
     constexpr std::size_t Most = std::numeric_limits<std::int32_t>::max();
     std::size_t slots = 0;
     Batch batch;
@@ -123,6 +123,13 @@ Shells::Shells(const Field& positions) {
         return true;
     });
     takePositions(*this, batch);
+    if (blanking)
+        for (std::uint32_t block = 0; block < ids.size(); ++block)
+            if (numbering[block].count() > 0)
+                if (const auto mask = blanking.of(ids[block], sizes[block])) {
+                    isBlanked.resize(slots);
+                    blank(block, *mask);
+                }
 
     vertexOf.resize(slots);
     inParallel(faces.size(), 1, slots * SlotBytes / 8, [&](std::size_t begin, std::size_t end) {
@@ -135,6 +142,18 @@ Shells::Shells(const Field& positions) {
                         firstVertex[face.block] + static_cast<std::uint32_t>(numbering[face.block](face.vertex(a, b)));
         }
     });
+}
+
+void Shells::blank(std::uint32_t block, const BlockMask& mask) {
+    auto face = std::lower_bound(faces.begin(), faces.end(), block,
+                                 [](const ShellFace& f, std::uint32_t b) { return f.block < b; });
+    for (; face != faces.end() && face->block == block; ++face)
+        for (std::uint32_t b = 0; b + 1 < face->nv; ++b)
+            for (std::uint32_t a = 0; a + 1 < face->nu; ++a) {
+                MultiIndex<3> cell = face->vertex(a, b);
+                if (face->isUpper) --cell[face->axis];
+                isBlanked[face->slot(a, b)] = !mask.isCellValid(cell);
+            }
 }
 
 std::uint32_t Shells::blockOf(std::uint32_t vertex) const noexcept {

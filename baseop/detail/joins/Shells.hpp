@@ -2,6 +2,7 @@
 /// The vertices on the faces of blocks: their numbers, their places, their positions.
 
 #include <model/orvix/PhysicalSpace.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/Field.hpp>
 #include <model/vantle/Index.hpp>
 
@@ -93,8 +94,8 @@ struct ShellFace {
 struct Shells {
     using Point = Orvix::PhysicalSpace::point;
 
-    /// Failure  std::length_error for more slots than 2^31 - 1.
-    explicit Shells(const Field& positions);
+    /// Failure  std::length_error for more slots than 2^31 - 1; std::invalid_argument for masks that do not fit.
+    Shells(const Field& positions, const Blanking& blanking);
 
     [[nodiscard]] std::size_t count() const noexcept { return points.size(); }
     [[nodiscard]] std::uint32_t slots() const noexcept { return static_cast<std::uint32_t>(vertexOf.size()); }
@@ -115,6 +116,9 @@ struct Shells {
     std::vector<Point> points;
     std::vector<std::uint32_t> vertexOf; ///< of each slot
     std::vector<bool> isBlanked;         ///< of each quad, by the slot of its lowest vertex; empty when none is
+
+private:
+    void blank(std::uint32_t block, const BlockMask& mask);
 };
 
 } // namespace Vantle::detail
