@@ -142,6 +142,15 @@ TYPED_TEST(JoinedSurfaceTest, CutsTurnsAndMirrorsChangeNothing) {
         for (const auto& id : cut.ids) // as if each began where the whole does
             if (round % 3 == 0) id->addInterface(Hestra::makeRef<FragmentLocation<3, IndexOffset>>(Place()));
         const Scene uncut = sceneOf(block, values);
+        if (round % 4 > 1) { // a box of blanked vertices
+            const Place low(random() % 3, random() % 3, random() % 3), box(1 + random() % 3, 1 + random() % 3, 2);
+            const auto mask = MemArray<3, int>::create(size);
+            Place at;
+            do (*mask)[at] = !(at - low).inside(box);
+            while (at.advance(size));
+            cut.setField(VertexMaskName, *mask);
+            RegularGrid3D(uncut.blocks).setField(VertexMaskName, mask, uncut.blocks.positions()->getFragmentID("0"));
+        }
         for (const double level : {0.1, 0.0, -0.3}) {
             const double at =
                 std::is_integral_v<TypeParam> ? std::round(100.3 + 100 * level) + (level > 0 ? 0.5 : 0) : level;
