@@ -42,12 +42,6 @@ struct Found {
         return static_cast<long>(points.size()) - static_cast<long>(edgeUses(triangles).size()) +
                static_cast<long>(triangles.size());
     }
-    [[nodiscard]] std::size_t unused() const {
-        std::vector<bool> used(points.size());
-        for (const auto& t : triangles)
-            for (int c = 0; c < 3; ++c) used[t[c]] = true;
-        return static_cast<std::size_t>(std::count(used.begin(), used.end(), false));
-    }
     template<class T>
     [[nodiscard]] std::vector<T> values(const Field& field) const {
         const auto array = Hestra::dynamicCast<MemArray<1, T>>(EvalFieldOnIsosurface(*grid, field));
@@ -66,11 +60,10 @@ SurfaceOptions joined(const JoinOptions& joins = {}) {
     return options;
 }
 
-Found surfaceOf(const Scene& scene, double level, const SurfaceOptions& options = joined(),
-                const std::string& field = "f") {
+Found surfaceOf(const Scene& scene, double level, const SurfaceOptions& options = joined()) {
     const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
-    return Found(ComputeIsosurface(level, Hestra::Ageable(), *scene.grid, field, *scene.slice,
-                                   field + std::to_string(level), 0.0, options));
+    return Found(ComputeIsosurface(level, Hestra::Ageable(), *scene.grid, "f", *scene.slice, std::to_string(level), 0.0,
+                                   options));
 }
 
 /// One block with a field.
@@ -117,7 +110,6 @@ void expectLikeUncut(const Found& cut, const Found& uncut, double largestCoordin
     EXPECT_EQ(cut.triangles.size(), uncut.triangles.size());
     ASSERT_TRUE(cut.border()) << "an edge is used otherwise than once or twice, in opposite directions";
     EXPECT_EQ(cut.border(), uncut.border());
-    EXPECT_EQ(cut.unused(), 0U);
     const double tolerance = 8 * std::numeric_limits<double>::epsilon() * largestCoordinate;
     EXPECT_TRUE(areNear(cut.points, uncut.points, tolerance));
     EXPECT_TRUE(areNear(uncut.points, cut.points, tolerance));
@@ -197,35 +189,9 @@ TEST(JoinedBlocksTest, BlocksThatMeetThemselvesHaveNoSeams) {
             const Found found = surfaceOf(cut, radius);
             EXPECT_EQ(found.border(), border);
             EXPECT_EQ(found.euler(), border == 0 ? 2 : 0);
-            EXPECT_EQ(found.unused(), 0U);
             EXPECT_GT(surfaceOf(cut, radius, {}).border(), found.border());
         }
     }
-}
-
-// Whichever block is looked at first.
-TEST(JoinedBlocksTest, BothSidesOfAFaceGiveTheSameBits) {
-    std::mt19937_64 random(7);
-    const BlockPtr block = bentBlock({9, 8, 7});
-    CutGrid cut(*block, turned(bisect(block->Size(), 12, random), random));
-    cut.setField("f", *noiseOn(*block, 7));
-    const auto field = cut.blocks.field("f");
-    const auto sorted = [&](std::vector<StrongPtr<FragmentID>> ids) {
-        const auto points = Hestra::makeRef<Hestra::TypedChunk<Point>>();
-        FragmentIsoSurfacer surfacer(0.1, 0.0, cut.blocks.positions(),
-                                     Hestra::makeRef<Hestra::TypedChunk<index_t>>().strong(),
-                                     Hestra::makeRef<Hestra::TypedChunk<double>>().strong(), points.strong(),
-                                     Hestra::makeRef<Hestra::TypedChunk<TriangleCell>>().strong());
-        surfacer.joinBlocks(BlockJoins::of(*cut.grid), field);
-        for (const auto& id : ids) surfacer.apply(id, field->getCreator(id));
-        std::vector<std::array<double, 3>> all;
-        for (const Point& p : points->base_vector()) all.push_back({p[0], p[1], p[2]});
-        std::sort(all.begin(), all.end());
-        return all;
-    };
-    const auto forward = sorted(cut.ids);
-    ASSERT_GT(forward.size(), 100U);
-    EXPECT_EQ(forward, sorted({cut.ids.rbegin(), cut.ids.rend()}));
 }
 
 // A block of nothing but two equal faces: every triangle collapses, no vertex is left, and others know that they went.
