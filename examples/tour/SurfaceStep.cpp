@@ -44,7 +44,7 @@ struct Surface {
 };
 
 // Points and triangles, without triangles that have a corner nowhere, and points that are left over then.
-Surface surfaceOf(const TriangularSurfaceWithEdges& grid) {
+Surface surfaceOf(const TriangularSurface& grid) {
     Surface surface;
     Mesh& mesh = surface.mesh;
     const auto& points = *grid.points();
@@ -75,7 +75,7 @@ Surface surfaceOf(const TriangularSurfaceWithEdges& grid) {
 }
 
 // Another field of the flow on the points of a surface; NaN where they are not found.
-std::vector<double> valuesOn(const Surface& surface, const TriangularSurfaceWithEdges& grid, const DataSet& data,
+std::vector<double> valuesOn(const Surface& surface, const TriangularSurface& grid, const DataSet& data,
                              const std::string& name) {
     std::vector<double> values(surface.vertices.size(), std::numeric_limits<double>::quiet_NaN());
     GridEvaluator evaluator;
@@ -110,10 +110,10 @@ void extractSurface(const Tour& tour) {
 
     const auto input = surfaceInput(data);
     Stopwatch watch;
-    TriangularSurfaceWithEdges grid;
+    TriangularSurface grid;
     {
         const Progress progress("isosurface");
-        grid = TriangularSurfaceWithEdges(
+        grid = TriangularSurface(
             ComputeIsosurface(level, Hestra::Ageable(), *input, data.field, *data.slice, "isosurface", 0.0));
     }
     const double seconds = watch.lap();
