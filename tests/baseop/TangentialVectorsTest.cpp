@@ -1,10 +1,13 @@
 #include <baseop/TangentialVectors.hpp>
 #include <model/vantle/GridKinds.hpp>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <numbers>
 #include <random>
+#include <support/Teams.hpp>
 
 namespace {
 
@@ -109,6 +112,7 @@ TEST(TangentialVectorsTest, IsTheDefinitionToTheLastBit) {
             if (count > 200 && i + 9 > count) points[i][0] = special[random() % 7];
         }
         const Computer fast = computed(points, {curve});
+        const ArcLengths lengths = ComputeArcLengths(*makeMemArray1D(points), *makeMemArray1D(Lists{curve}));
         double s = 0.0;
         for (std::size_t i = 1; i < count; ++i) {
             const PhysicalSpace::vector step = points[i] - points[i - 1];
@@ -116,8 +120,48 @@ TEST(TangentialVectorsTest, IsTheDefinitionToTheLastBit) {
             s += length(step);
             const auto same = [](double a, double b) { return (std::isnan(a) && std::isnan(b)) || a == b; };
             ASSERT_TRUE(same(fast.curveParameters()->element(i), s)) << i << " of " << count;
+            ASSERT_TRUE(same(lengths.parameters->element(i), s)) << i << " of " << count;
             for (int d = 0; d < 3; ++d) ASSERT_TRUE(same(fast.tangents()->element(i)[d], tangent[d])) << i;
         }
+    }
+}
+
+// Curves one after the other in the vertices, with some that are to be passed over; the same, but the last one goes
+// back to vertices of the first, so that one thread has to follow all.
+TEST(TangentialVectorsTest, DoesNotDependOnTheNumberOfThreads) {
+    std::mt19937_64 random(5);
+    std::normal_distribution<double> normal;
+    std::vector<PhysicalSpace::point> points(60'000);
+    for (auto& point : points) point = {normal(random), normal(random), normal(random)};
+    for (int n = 0; n < 100; ++n) points[random() % points.size()][1] = std::nan("");
+    std::vector<std::vector<unsigned>> curves;
+    for (unsigned next = 0; next + 400 < points.size();) {
+        auto& curve = curves.emplace_back(random() % 400);
+        for (unsigned& index : curve) index = next++;
+        if (random() % 2) std::reverse(curve.begin(), curve.end());
+        if (random() % 9 == 0 && !curve.empty()) curve[random() % curve.size()] = random() % 2 ? ~0U : 60'000;
+        next += static_cast<unsigned>(random() % 3);
+    }
+    for (const bool isKnotted : {false, true}) {
+        if (isKnotted) curves.push_back({curves.front().back(), 59'999, curves.back().front(), 7});
+        const auto at = makeMemArray1D(points);
+        const auto lists = makeMemArray1D(curves);
+        Computer expected;
+        support::forTeamsUpTo(3, [&] {
+            Computer result;
+            result.compute(*at, *lists);
+            const ArcLengths lengths = ComputeArcLengths(*at, *lists);
+            if (omp_get_max_threads() == 1) expected = result;
+            ASSERT_EQ(result.maximalLength(), expected.maximalLength());
+            ASSERT_EQ(lengths.maximalLength, expected.maximalLength());
+            const auto isSame = [](const auto& a, const auto& b) {
+                return a->nElements() == b->nElements() &&
+                       std::memcmp(a->data(), b->data(), a->nElements() * sizeof(*a->data())) == 0;
+            };
+            ASSERT_TRUE(isSame(result.tangents(), expected.tangents()));
+            ASSERT_TRUE(isSame(result.curveParameters(), expected.curveParameters()));
+            ASSERT_TRUE(isSame(lengths.parameters, expected.curveParameters()));
+        });
     }
 }
 
@@ -129,6 +173,12 @@ StrongPtr<Grid> curveGrid() {
     const StrongPtr<MemArray<1, std::vector<Index>>> curves =
         makeMemArray1D(std::vector<std::vector<Index>>{{0, 1}, {1, 2, 0}});
     (void)LineSet(grid, points, curves);
+    return grid;
+}
+
+StrongPtr<Grid> surfaceWithoutCurves() {
+    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    (void)TriangularSurface::create(*grid, {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {{0, 1, 2}});
     return grid;
 }
 
@@ -172,6 +222,24 @@ TEST(TangentialVectorsTest, ResultsAreCachedUntilSomethingMoves) {
     vertices->findField("Tangents")->removeData();
     EXPECT_EQ(messages(*grid, 2 * size), kSome + kComputed);
     EXPECT_EQ(messages(*curveGrid<unsigned int>(), size), kNone + kComputed) << "indices of 32 bits";
+}
+
+TEST(TangentialVectorsTest, ArcLengthsAloneAreKeptForBoth) {
+    const StrongPtr<Grid> grid = curveGrid<index_t>();
+    CaptureStdout();
+    const ArcLengths lengths = getArcLengths(*grid);
+    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_NEAR(lengths.maximalLength, std::sqrt(26.0) + 1.0, 1e-14);
+    EXPECT_EQ(getArcLengths(grid).parameters, lengths.parameters) << "kept";
+    EXPECT_FALSE(grid->getCartesianRepresentation()->findField("Tangents"));
+    EXPECT_EQ(messages(*grid, lengths.maximalLength), kSome + kComputed) << "a part of the results";
+    const ArcLengths ofBoth = getArcLengths(*grid);
+    EXPECT_NE(ofBoth.parameters, lengths.parameters);
+    EXPECT_EQ(ofBoth.maximalLength, lengths.maximalLength);
+    grid->CartesianPositions()->touch();
+    EXPECT_NE(getArcLengths(*grid).parameters, ofBoth.parameters) << "moved";
+    EXPECT_THROW((void)getArcLengths(StrongPtr<Grid>()), Computer::NoVertices);
+    EXPECT_THROW((void)getArcLengths(*surfaceWithoutCurves()), Computer::NoEdges);
 }
 
 // Each part of the grid is missing in turn, in the order in which they are looked for.
