@@ -16,7 +16,7 @@ using namespace Vantle;
 namespace {
 
 // Points and triangles, for files and pictures.
-Mesh meshOf(const TriangularSurfaceWithEdges& surface) {
+Mesh meshOf(const TriangularSurface& surface) {
     Mesh mesh;
     for (index_t n = 0; n < surface.points()->nElements(); ++n) {
         const Space::point& p = surface.points()->element(n);
@@ -30,7 +30,7 @@ Mesh meshOf(const TriangularSurfaceWithEdges& surface) {
 }
 
 // Another field of the flow on the points of a surface: between the vertices that each point lies between.
-std::vector<double> valuesOn(const TriangularSurfaceWithEdges& grid, const DataSet& data, const std::string& name) {
+std::vector<double> valuesOn(const TriangularSurface& grid, const DataSet& data, const std::string& name) {
     const auto known =
         Hestra::dynamicCast<MemArray<1, double>>(EvalFieldOnIsosurface(*grid.grid(), *data.grid.field(name)));
     std::vector<double> values(grid.points()->nElements(), std::numeric_limits<double>::quiet_NaN());
@@ -57,11 +57,11 @@ void extractSurface(const Tour& tour) {
     options.joinBlocks = true;
     options.keepEdges = true;
     Stopwatch watch;
-    TriangularSurfaceWithEdges grid;
+    TriangularSurface grid;
     {
         const Progress progress("isosurface");
-        grid = TriangularSurfaceWithEdges(ComputeIsosurface(level, Hestra::Ageable(), *data.grid.grid(), data.field,
-                                                            *data.slice, "isosurface", 0.0, options));
+        grid = TriangularSurface(ComputeIsosurface(level, Hestra::Ageable(), *data.grid.grid(), data.field, *data.slice,
+                                                   "isosurface", 0.0, options));
     }
     const double seconds = watch.lap();
     const Mesh mesh = meshOf(grid);
