@@ -1,6 +1,7 @@
 #include <baseop/ExpandBBox.hpp>
 #include <baseop/detail/Extremes.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Environment.hpp>
 #include <model/hestra/Freshness.hpp>
@@ -8,6 +9,7 @@
 #include <model/vantle/Grid.hpp>
 
 #include <algorithm>
+#include <vector>
 
 namespace Vantle {
 
@@ -55,38 +57,54 @@ double firstZero(const Point* points, int axis) {
     return (*points)[axis];
 }
 
-/// Embraces points that lie one after the other: the same result as one by one, from vector lanes.
+/// Embraces one piece: the same result as point by point, from what vector lanes have found in it.
 ///
 /// Pieces with NaN are embraced point by point. Lanes find the extremes of the others exactly, up to the sign of zero:
 /// a box keeps the first of equal values, so that is looked up where a zero becomes a new extreme.
+template<class Point, class Found>
+void embracePiece(BoundingBox& box, const Point* piece, std::size_t size, const Found& found) {
+    if (found.hasNaN) {
+        for (std::size_t i = 0; i < size; ++i) box.embrace(toPoint(piece[i]));
+        return;
+    }
+    PhysicalSpace::point min, max;
+    for (int axis = 0; axis < 3; ++axis) {
+        min[axis] = found.min[axis];
+        max[axis] = found.max[axis];
+        const bool newMinimum = min[axis] == 0.0 && !(0.0 >= box.minCoord()[axis]);
+        const bool newMaximum = max[axis] == 0.0 && 0.0 > box.maxCoord()[axis];
+        if (!newMinimum && !newMaximum) continue;
+        const double zero = firstZero(piece, axis);
+        if (min[axis] == 0.0) min[axis] = zero;
+        if (max[axis] == 0.0) max[axis] = zero;
+    }
+    box.embrace(BoundingBox(min, max));
+}
+
+/// Embraces points that lie one after the other. Threads look through some pieces each, which are then embraced in
+/// their order.
 template<class Point>
 void embraceContiguous(BoundingBox& box, const Point* points, std::size_t count) {
     using Coordinate = typename Point::value_type;
     static_assert(sizeof(Point) == 3 * sizeof(Coordinate));
     constexpr std::size_t Piece = detail::ExtremesPieceBytes / sizeof(Point);
+    const auto search = [&](std::size_t begin, std::size_t end) {
+        return detail::findExtremes<Coordinate, 3>(points[begin].data(), 3 * (end - begin));
+    };
+    const auto embrace = [&](std::size_t begin, const auto& found) {
+        embracePiece(box, points + begin, std::min(Piece, count - begin), found);
+    };
 
     box.embrace(toPoint(points[0]));
-    for (std::size_t begin = 0; begin < count; begin += Piece) {
-        const Point* const piece = points + begin;
-        const std::size_t size = std::min(Piece, count - begin);
-        const auto found = detail::findExtremes<Coordinate, 3>(piece->data(), 3 * size);
-        if (found.hasNaN) {
-            for (std::size_t i = 0; i < size; ++i) box.embrace(toPoint(piece[i]));
-            continue;
-        }
-        PhysicalSpace::point min, max;
-        for (int axis = 0; axis < 3; ++axis) {
-            min[axis] = found.min[axis];
-            max[axis] = found.max[axis];
-            const bool newMinimum = min[axis] == 0.0 && !(0.0 >= box.minCoord()[axis]);
-            const bool newMaximum = max[axis] == 0.0 && 0.0 > box.maxCoord()[axis];
-            if (!newMinimum && !newMaximum) continue;
-            const double zero = firstZero(piece, axis);
-            if (min[axis] == 0.0) min[axis] = zero;
-            if (max[axis] == 0.0) max[axis] = zero;
-        }
-        box.embrace(BoundingBox(min, max));
+    if (detail::teamFor(count * sizeof(Point)) == 1) {
+        for (std::size_t begin = 0; begin < count; begin += Piece)
+            embrace(begin, search(begin, std::min(count, begin + Piece)));
+        return;
     }
+    std::vector<detail::Extremes<Coordinate, 3>> found(count / Piece + 1);
+    detail::inParallel(count, Piece, count * sizeof(Point),
+                       [&](std::size_t begin, std::size_t end) { found[begin / Piece] = search(begin, end); });
+    for (std::size_t begin = 0; begin < count; begin += Piece) embrace(begin, found[begin / Piece]);
 }
 
 template<class Point>

@@ -1,5 +1,6 @@
 #include <baseop/Interpolate.hpp>
 #include <baseop/UniformInterpolation.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 
 #include <limits>
@@ -38,6 +39,12 @@ private:
     PhysicalSpace::vector mySpacing;
 };
 
+/// Coordinates that a thread takes at a time.
+constexpr std::size_t Piece = 1024;
+
+/// What one coordinate costs, in bytes that are read in that time: 13 ns were measured with data in the cache.
+constexpr std::size_t BytesPerCoordinate = 256;
+
 template<class Kernel, class T>
 void interpolateAll(Hestra::TypedChunk<T>& output, const std::vector<PhysicalSpace::point>& coordinates,
                     const UniformCartesianArray& grid, const MultiArrayBase<3, T>& data,
@@ -51,10 +58,14 @@ void interpolateAll(Hestra::TypedChunk<T>& output, const std::vector<PhysicalSpa
         return Kernel(data, index).evaluate();
     };
     if (filter) {
+        // In order, and by the caller's thread: a filter may be anything.
         for (std::size_t k = 0; k < coordinates.size(); ++k)
             if (filter(k, coordinates[k])) values[k] = valueAt(coordinates[k]);
     } else {
-        for (std::size_t k = 0; k < coordinates.size(); ++k) values[k] = valueAt(coordinates[k]);
+        detail::inParallel(coordinates.size(), Piece, coordinates.size() * BytesPerCoordinate,
+                           [&](std::size_t begin, std::size_t end) {
+                               for (std::size_t k = begin; k < end; ++k) values[k] = valueAt(coordinates[k]);
+                           });
     }
 }
 
