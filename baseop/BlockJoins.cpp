@@ -174,6 +174,7 @@ struct BlockJoins::Data {
     std::vector<std::size_t> firstShared;             // of each block, and the number of all
     std::vector<std::vector<std::uint32_t>> sharedOf; // of each block with any: of its vertices on faces, by number
 
+    std::vector<bool> isMoved; // of each block: whether some of its vertices are elsewhere than their owners
     std::vector<bool> isMirrored;
     bool isOrientable = true;
     std::vector<std::pair<BlockFace, index_t>> poles;
@@ -274,6 +275,7 @@ void BlockJoins::Data::find(const detail::Shells& shells) {
 
 void BlockJoins::Data::setOwners(const detail::Shells& shells, detail::UnionFind& owners) {
     sharedOf.resize(shells.ids.size());
+    isMoved.resize(shells.ids.size());
     firstShared.push_back(0);
     for (std::uint32_t block = 0; block < shells.ids.size(); ++block) {
         const std::uint32_t first = shells.firstVertex[block];
@@ -289,6 +291,8 @@ void BlockJoins::Data::setOwners(const detail::Shells& shells, detail::UnionFind
                     if (sharedOf[block].empty()) sharedOf[block].assign(shell.count(), NoNumber);
                     sharedOf[block][number - first] = static_cast<std::uint32_t>(shared.size() - firstShared.back());
                     shared.push_back({vertex.linear(shells.sizes[block]), {home, index}});
+                    const auto &here = shells.points[number], &there = shells.points[owner];
+                    if (std::memcmp(&here, &there, sizeof(here)) != 0) isMoved[block] = true;
                 }
                 ++number;
             });
@@ -442,6 +446,9 @@ std::span<const BlockJoins::Shared> BlockJoins::shared(unsigned int block) const
 }
 
 bool BlockJoins::isShared(unsigned int block) const noexcept { return !myData->sharedOf[block].empty(); }
+bool BlockJoins::hasOwnersCopies(const Field& field, unsigned int block) const {
+    return !myData->isMoved[block] && myData->origin.isFor(&field);
+}
 
 std::optional<BlockJoins::Step> BlockJoins::step(const BlockVertex& from, int axis, int direction) const {
     const MultiIndex<3>& size = myData->sizes[from.block];

@@ -3,6 +3,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Derived.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/Representation.hpp>
 
 #include <algorithm>
@@ -53,7 +54,7 @@ void deriveRow(Result* __restrict target, const S* row, const RowPair<S>& axis1,
     if constexpr (Step > 0) step = Step;
     const auto difference = [](Result& result, int axis, const S& high, const S& low, double factor) {
         for (int c = 0; c < C; ++c)
-            result[axis * C + c] = (elementComponent(high, c) - elementComponent(low, c)) * factor;
+            result[axis * C + c] = (double{elementComponent(high, c)} - double{elementComponent(low, c)}) * factor;
     };
     const auto across = [&](index_t i) {
         difference(target[i], 1, axis1.high[i * step], axis1.low[i * step], axis1.factor);
@@ -210,7 +211,9 @@ const std::vector<StrongPtr<PartialDerivatorBase>>& ownDerivators() {
     static const std::vector<StrongPtr<PartialDerivatorBase>> own{
         Hestra::makeRef<PartialDerivator<MemArray<3, double>, PhysicalSpace::vector>>(),
         Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::vector>, Orvix::Quadratic<3, double>>>(),
-        Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::point>, Orvix::Quadratic<3, double>>>()};
+        Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::point>, Orvix::Quadratic<3, double>>>(),
+        Hestra::makeRef<PartialDerivator<MemArray<3, FloatVector>, Orvix::Quadratic<3, double>>>(),
+        Hestra::makeRef<PartialDerivator<MemArray<3, FloatPoint>, Orvix::Quadratic<3, double>>>()};
     return own;
 }
 

@@ -355,10 +355,11 @@ struct Reading {
     Reading(const Inputs& inputs, const StrongPtr<FragmentID>& id)
         : valueCreator(inputs.values->getCreator(id)), positionCreator(inputs.positions->getCreator(id)) {
         if (!valueCreator || !positionCreator) return;
-        const StrongPtr<MemBase> held[] = {valueCreator->getData(), positionCreator->getData()}; // may make them newer
+        const StrongPtr<MemBase> held[] = {getDataInDoublePrecision(*valueCreator),
+                                           getDataInDoublePrecision(*positionCreator)}; // may make them newer
         origin = Freshness(valueCreator.rawptr(), positionCreator.rawptr());
-        values = valueCreator->getData();
-        positions = positionCreator->getData();
+        values = getDataInDoublePrecision(*valueCreator);
+        positions = getDataInDoublePrecision(*positionCreator);
         if (const auto size = values ? values->getDynamicSize().as<3>() : std::nullopt)
             mask = inputs.masks->now().of(id, *size);
     }
@@ -745,7 +746,7 @@ StrongPtr<CreativeArrayBase> derivativeOf(const std::shared_ptr<const Inputs>& i
     const StrongPtr<CreativeArrayBase> source = inputs->values->getCreator(id);
     if (!source) return failure("No creator for fragment ");
     if (source->elementType() == typeid(void)) (void)source->getData(); // which tells
-    const VantleTypeIndex type = derivativeType(source->elementType());
+    const VantleTypeIndex type = derivativeType(inDoublePrecision(source->elementType()));
     const DynamicSize size = getSize(*source);
     if (type == typeid(void) || (size && size.rank() != 3))
         return failure("No creator element type unsupported for fragment ");

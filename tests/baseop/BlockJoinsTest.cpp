@@ -397,7 +397,7 @@ BlockPtr box(const Point& low, const Point& high, const Place& n) {
 
 // All edges of the cells count, those off the face as well: the faces of a thin block are not the same.
 TEST(BlockJoins, TakeATolerancePerCell) {
-    for (const index_t layers : {2, 4})
+    for (const index_t layers : {index_t{2}, index_t{4}})
         for (const double gap : {1e-5, 1e-3}) {
             Scene scene;
             scene.blocks.addBlock("a", box({0, 0, 0}, {4, 4, 3e-3}, {5, 5, layers}));

@@ -83,8 +83,8 @@ struct ShellFace {
     [[nodiscard]] MultiIndex<3> vertex(std::int64_t a, std::int64_t b) const noexcept {
         MultiIndex<3> place;
         place[axis] = level;
-        place[u] = a;
-        place[v] = b;
+        place[u] = static_cast<index_t>(a);
+        place[v] = static_cast<index_t>(b);
         return place;
     }
 };
