@@ -1,13 +1,12 @@
 #include <baseop/ExpandBBox.hpp>
 #include <baseop/detail/Extremes.hpp>
+#include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Environment.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
-#include <model/vantle/DirectProduct.hpp>
 #include <model/vantle/Grid.hpp>
-#include <model/vantle/TypedArray.hpp>
 
 #include <algorithm>
 #include <vector>
@@ -21,10 +20,6 @@ using Orvix::BoundingBox;
 using Orvix::PhysicalSpace;
 
 namespace {
-
-using FloatPoint = Orvix::Coordinates<Orvix::Cartesian3D, float>::point;
-using UniformPositions = DirectProductMemArray<PhysicalSpace::point, LinearCoordinateAxisArray, 3>;
-using RectilinearPositions = DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
 
 const bool declaredRangesIgnored =
     Hestra::getEnvInteger("DontUseCreatorRangeAttributeAsBoundingBoxDefault",
@@ -156,23 +151,18 @@ void checkNumericalShift(const CreativeArrayBase& creator, const BoundingBox& bo
 
 enum class DataBox { Found, NoPoints, Unsupported, Sliced };
 
-template<class Point>
-DataBox boxOfPoints(const TypedArray<Point>& points, BoundingBox& box) {
-    if (!points.getChunk()) return DataBox::Sliced;
-    embraceAll(box, points.getIterator());
-    return box.isEmpty() ? DataBox::NoPoints : DataBox::Found;
-}
-
-DataBox boxOfData(const MemBase& data, BoundingBox& box) {
-    if (const auto* points = dynamic_cast<const TypedArray<PhysicalSpace::point>*>(&data))
-        return boxOfPoints(*points, box);
-    if (const auto* points = dynamic_cast<const TypedArray<FloatPoint>*>(&data)) return boxOfPoints(*points, box);
-    if (const auto* positions = dynamic_cast<const UniformPositions*>(&data))
-        embraceEnds(box, *positions);
-    else if (const auto* axes = dynamic_cast<const RectilinearPositions*>(&data))
-        embraceEnds(box, *axes);
-    else
-        return DataBox::Unsupported;
+DataBox boxOfData(const StrongPtr<MemBase>& data, BoundingBox& box) {
+    bool isSliced = false;
+    const auto embrace = [&](const auto& points) {
+        isSliced = !points.hasOwnStorage();
+        if (!isSliced) embraceAll(box, points.getIterator());
+    };
+    if (!withTypedArray(TypeList<PhysicalSpace::point, FloatPoint>(), data, embrace)) {
+        const detail::FragmentCoordinates coordinates(data);
+        if (!coordinates.isKnown()) return DataBox::Unsupported;
+        coordinates.visitProducts([&](const auto& product) { embraceEnds(box, product); });
+    }
+    if (isSliced) return DataBox::Sliced;
     return box.isEmpty() ? DataBox::NoPoints : DataBox::Found;
 }
 
@@ -206,28 +196,25 @@ StrongPtr<BoundingBox> boxOf(Field& field) {
 }
 
 /// The unfragmented positions if they are a uniform direct product. They are made only if they may be.
-StrongPtr<UniformPositions> uniformPositions(const Field& field) {
+StrongPtr<detail::UniformCoordinates> uniformPositions(const Field& field) {
     const StrongPtr<CreativeArrayBase> creator = field.getCreator(nullptr);
     if (!creator) return nullptr;
     const VantleTypeIndex type = creator->elementType();
     const int rank = getSize(*creator).rank();
     if ((type != typeid(void) && type != typeid(PhysicalSpace::point)) || (rank != 0 && rank != 3)) return nullptr;
-    return Hestra::dynamicCast<UniformPositions>(creator->getData());
+    return Hestra::dynamicCast<detail::UniformCoordinates>(creator->getData());
 }
 
 } // namespace
 
 StrongPtr<BoundingBox> ComputeBBox(const StrongPtr<MemBase>& array) {
     const Hestra::Profiler scope("baseop/ExpandBBox", __LINE__, "ComputeBBox(array)", __PRETTY_FUNCTION__);
-    const auto* const points = dynamic_cast<const TypedArray<PhysicalSpace::point>*>(array.rawptr());
-    const auto* const positions = dynamic_cast<const UniformPositions*>(array.rawptr());
-    if (!points && !positions) return nullptr;
-
     const Hestra::Ref<BoundingBox> box = Hestra::makeRef<BoundingBox>();
-    if (points)
-        embraceAll(*box, points->getIterator());
-    else
-        embraceEnds(*box, *positions);
+    if (const auto* const uniform = dynamic_cast<const detail::UniformCoordinates*>(array.rawptr()))
+        embraceEnds(*box, *uniform);
+    else if (!withTypedArray(TypeList<PhysicalSpace::point>(), array,
+                             [&](const auto& points) { embraceAll(*box, points.getIterator()); }))
+        return nullptr;
     box->updateBall();
     return box;
 }
@@ -250,7 +237,7 @@ bool ExpandBBox(StrongPtr<BoundingBox>& box, CreativeArrayBase& creator, DataCre
     const StrongPtr<MemBase> data = mode == CreateData ? creator.getData() : creator.cachedData();
     if (!data) return false;
     const Hestra::Ref<BoundingBox> computed = Hestra::makeRef<BoundingBox>();
-    switch (boxOfData(*data, *computed)) {
+    switch (boxOfData(data, *computed)) {
     case DataBox::Found:
         break;
     case DataBox::NoPoints:

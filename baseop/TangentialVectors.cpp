@@ -5,6 +5,7 @@
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <algorithm>
 #include <limits>
@@ -307,7 +308,7 @@ struct CurveGrid {
     auto with(const F& compute) const {
         const StrongPtr<CreativeArrayBase> creator = field->getCreator(nullptr);
         if (!creator) throw Self::NoVertexFieldCreator();
-        const StrongPtr<MemBase> data = creator->getData();
+        const StrongPtr<MemBase> data = getDataInDoublePrecision(*creator);
         const auto points = Hestra::dynamicCast<Self::Points>(data);
         if (!points) throw Self::NoVertexFieldData();
         if (!edges) throw Self::NoEdges();

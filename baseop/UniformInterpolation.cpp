@@ -1,6 +1,7 @@
 #include <baseop/Interpolate.hpp>
 #include <baseop/UniformInterpolation.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <limits>
 
@@ -110,6 +111,11 @@ bool InterpolateUniformData(Hestra::StrongPtr<Hestra::ChunkBase>& output,
                             const MemBase& data, const Orvix::FixedArray<double, 3>& offset,
                             const CoordinateFilter& filter) {
     CheckType request(output, coordinates, grid, &data, offset, filter);
+    if (dynamic_cast<const MemArray<3, FloatVector>*>(&data)) {
+        const Hestra::StrongPtr<MemBase> wide = convertToDoublePrecision(data);
+        request.data = wide.rawptr();
+        return CheckType::exec<PhysicalSpace::vector>::Break(request) == 0;
+    }
 #define VANTLE_TRY(...) || CheckType::exec<__VA_ARGS__>::Break(request) == 0
     return false VANTLE_UNIFORM_INTERPOLATION_TYPES(VANTLE_TRY);
 #undef VANTLE_TRY

@@ -68,7 +68,8 @@ struct VANTLE_BASEOP_API CheckType {
 };
 
 /// Interpolates data of element type `float`, `double`, `long double`, vector or byte colour; see
-/// `TInterpolateUniformData`.
+/// `TInterpolateUniformData`. Vectors in single precision are converted, all of them with each call, and give vectors
+/// in double precision.
 ///
 /// @param output  a chunk of the data's element type is used again; otherwise a new one takes its place.
 /// @return whether the data are a rank-3 array of one of these types; if not, `output` is untouched.

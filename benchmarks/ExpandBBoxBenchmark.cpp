@@ -74,6 +74,16 @@ void BoxScan(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kPoints * sizeof(point)));
 }
 
+/// The same points as somebody else's memory: all of them, or every other one.
+void BoxScanAdopted(benchmark::State& state) {
+    const auto stride = static_cast<std::ptrdiff_t>(sizeof(point)) * state.range(0);
+    const index_t count = kPoints / static_cast<index_t>(state.range(0));
+    const StrongPtr<MemBase> array =
+        adopt<1, point>({.elements = points()->data(), .strides = {stride}}, {count}, nullptr);
+    for (auto _ : state) benchmark::DoNotOptimize(ComputeBBox(array));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(count * sizeof(point)));
+}
+
 void WidenByAttachedBox(benchmark::State& state) {
     CreativeArray creator{StrongPtr<MemBase>(makeMemArray1D(std::vector<point>{{1, 2, 3}, {4, 5, 6}}))};
     StrongPtr<BoundingBox> box = Hestra::makeRef<BoundingBox>();
@@ -95,5 +105,6 @@ BENCHMARK(BoxScan)
     ->ArgsProduct({{0, 1000}, {1, 2}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+BENCHMARK(BoxScanAdopted)->ArgName("stride")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(WidenByAttachedBox);
 BENCHMARK(AskForBoxOfField);

@@ -1,3 +1,4 @@
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/GridKinds.hpp>
 
 #include <algorithm>
@@ -159,7 +160,7 @@ void setPositionsRelativeToVertices(Grid& grid, const SkeletonID& id, const Stro
 
 template<class Array>
 StrongPtr<Array> unfragmented(const StrongPtr<Field>& field) {
-    return field ? Hestra::dynamicCast<Array>(field->getData(nullptr)) : StrongPtr<Array>();
+    return field ? Hestra::dynamicCast<Array>(getDataInDoublePrecision(*field)) : StrongPtr<Array>();
 }
 
 std::vector<Edge> edgesOf(const MemArray<1, Triangle>& triangles) {
