@@ -1,6 +1,5 @@
 #include "Steps.hpp"
 #include "io/Progress.hpp"
-#include "io/Vtk.hpp"
 
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Isosurface.hpp>
@@ -8,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <dataset/io/Vtk.hpp>
 #include <limits>
 
 namespace tour {
@@ -137,7 +137,7 @@ void extractSurface(const Tour& tour) {
                watch.lap());
 
     const std::array<VtkArray, 1> arrays = {VtkArray{data.colourField, std::span<const double>(values)}};
-    writeVtp(tour.file("surface.vtp"), mesh.points, mesh.triangles, arrays);
+    writeVtp(tour.file("surface.vtp"), mesh.points, mesh.triangles, arrays, {.compress = false});
     report.row("surface.vtp", "the surface", watch.lap());
     if (!tour.pictures) return;
 
