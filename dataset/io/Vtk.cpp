@@ -175,10 +175,20 @@ struct Source {
     bool compress;
 };
 
+std::vector<StrongPtr<FragmentID>> fragmentsOf(const Field& positions) {
+    std::vector<StrongPtr<FragmentID>> fragments;
+    const auto add = [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (creator) fragments.push_back(id);
+        return true;
+    };
+    positions.iterate(add);
+    return fragments;
+}
+
 Source sourceOf(const fs::path& file, Grid& grid, const std::vector<std::string>& fields, const VtkOptions& options) {
     Source source{file, grid, grid.CartesianPositions(), {}, options.compress};
     const auto representation = grid.getCartesianRepresentation();
-    if (!source.positions || source.positions->nFragments() == 0)
+    if (!source.positions || fragmentsOf(*source.positions).empty())
         throw FileError(file, "", "the grid has no vertices to be written");
     for (const std::string& name : fields) {
         auto field = representation->findField(name);
@@ -194,15 +204,6 @@ Source sourceOf(const fs::path& file, Grid& grid, const std::vector<std::string>
         source.fields.emplace_back(name, std::move(field));
     }
     return source;
-}
-
-std::vector<StrongPtr<FragmentID>> fragmentsOf(const Field& positions) {
-    std::vector<StrongPtr<FragmentID>> fragments;
-    positions.iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>&) {
-        fragments.push_back(id);
-        return true;
-    });
-    return fragments;
 }
 
 // What a field's positions relative to the vertices are, for triangles (2) and curves (1).
