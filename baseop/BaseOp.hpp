@@ -21,3 +21,4 @@
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/UniformCell.hpp>
 #include <baseop/UniformInterpolation.hpp>
+#include <baseop/ValidData.hpp>

@@ -8,6 +8,7 @@
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <optional>
 #include <typeinfo>
 #include <variant>
@@ -99,7 +100,8 @@ struct SurfaceFields {
     StrongPtr<Field> points, triangles;
 };
 
-/// Beside the points of a surface: the positions that it lies in. Its ages are those of values and request.
+/// Beside the points of a surface: the positions that it lies in, and the masks. Its ages are those of values and
+/// request.
 using SurfaceRecord = Hestra::FreshnessRecord<Field>;
 
 /// Whether there is a value above the level. Looks at pieces that vector lanes take at once.
@@ -113,6 +115,22 @@ bool anyAbove(const MultiArray<3, T>& data, double level) {
         for (std::size_t n = begin; n < end; ++n) above |= static_cast<double>(data.data()[n * stride]) > level;
         if (above) return true;
     }
+    return false;
+}
+
+/// The same among vertices that are valid.
+template<class T>
+bool anyAbove(const MultiArray<3, T>& data, double level, const BlockMask& mask) {
+    const MultiIndex<3>& size = data.Size();
+    for (index_t k = 0; k < size[2]; ++k)
+        for (index_t j = 0; j < size[1]; ++j) {
+            const T* const row = data.data() + (k * size[1] + j) * size[0] * data.stride();
+            for (index_t word = 0; 64 * word < size[0]; ++word)
+                for (std::uint64_t bits = mask.around(j, k, word).vertices; bits != 0; bits &= bits - 1) {
+                    const index_t i = 64 * word + static_cast<index_t>(std::countr_zero(bits));
+                    if (static_cast<double>(row[i * data.stride()]) > level) return true;
+                }
+        }
     return false;
 }
 
@@ -193,6 +211,7 @@ struct FragmentIsoSurfacer::Fragment {
     AnyPositions positions;
     /// Its place on the lattice, if it is all there.
     std::optional<MultiIndex<3>> place;
+    StrongPtr<const BlockMask> mask = {};
 };
 
 FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const StrongPtr<Field>& positions,
@@ -210,7 +229,8 @@ template<class Range>
 bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<Range>& range) {
     if (!range) return false;
     const double min = range->getMinf(), max = range->getMaxf();
-    myReachesAbove = myReachesAbove || min > myLevel || max > myLevel;
+    myIsAllAbove = min > myLevel;
+    if (!myIsMasked) myReachesAbove = myReachesAbove || min > myLevel || max > myLevel;
     return myLevel < min || myLevel > max;
 }
 
@@ -235,9 +255,11 @@ bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
 
 bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
     if (!creator) return true;
+    myIsMasked = myBlanking.concerns(id);
     if (excludesLevel(DataRange<double>::get(*creator).lock()) ||
         excludesLevel(DataRange<float>::get(*creator).lock())) {
         Console::puts("SKIP Iso");
+        noteSkipped(id);
         return true;
     }
     const StrongPtr<MemBase> data = creator->getData();
@@ -248,8 +270,9 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     Fragment fragment{regular->getSize(), {}, {}};
     using Types = TypeList<double, float, unsigned char, short, unsigned short>;
     const bool supported = withMemArray<3>(Types(), data, [&]<class T>(const MemArray<3, T>& values) {
-        if (isSkipped<T>(*creator)) return;
+        if (isSkipped<T>(*creator)) return noteSkipped(id);
         const StrongPtr<MemBase> coordinates = findCoordinates(id, fragment);
+        if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
         sweep<T>(values, fragment);
     });
     if (!supported) {
@@ -257,6 +280,13 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         throw IsoException(4);
     }
     return true;
+}
+
+/// Of a masked fragment the range does not tell whether a valid value lies above the level, unless all do.
+void FragmentIsoSurfacer::noteSkipped(const StrongPtr<FragmentID>& id) {
+    if (!myIsMasked || myReachesAbove || !myIsAllAbove) return;
+    const auto mask = myBlanking.of(id);
+    myReachesAbove = !mask || !mask->isNothingValid();
 }
 
 /// Sets positions and place of the fragment. The array that holds the positions is returned.
@@ -285,11 +315,13 @@ void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fr
     std::vector<TriangleCell>& triangles = myTriangles->base_vector();
     const std::size_t firstVertex = identifiers.size(), firstTriangle = triangles.size();
 
-    const IsoSweep<T> sweep(data, myLevel);
+    const BlockMask* const mask = fragment.mask.rawptr();
+    const IsoSweep<T> sweep(data, myLevel, mask);
     detail::checkVertexCount(firstVertex + sweep.vertices());
     // Cells without a surface are all below or all not: then the first value tells for all.
-    const bool below = sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
-    if (!myReachesAbove && !below) myReachesAbove = anyAbove(data, myLevel);
+    const bool below =
+        !mask && sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
+    if (!myReachesAbove && !below) myReachesAbove = mask ? anyAbove(data, myLevel, *mask) : anyAbove(data, myLevel);
     extend(identifiers, sweep.vertices());
     extend(weights, sweep.vertices());
     extend(points, sweep.vertices());
@@ -339,12 +371,15 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     if (!field) throw IsoException(2);
 
     const auto age = std::max(field->age(), requestedAge.age());
-    const Hestra::Freshness inSpace(positions.rawptr());
+    const Blanking masks(inputGrid);
+    masks.check(*positions);
+    const Hestra::Freshness inSpace(positions.rawptr(), masks.vertexMask().rawptr(), masks.cellMask().rawptr());
     if (const StrongPtr<Grid> known = slice(outputName)) {
         const SurfaceFields surface(*known);
         if (isValid(surface.points) && isValid(surface.triangles) &&
             Hestra::Freshness::isFresh(surface.points->age(), age) &&
-            SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr()))
+            SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr(), masks.vertexMask().rawptr(),
+                                   masks.cellMask().rawptr()))
             return known;
     }
 
@@ -358,6 +393,7 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     FragmentIsoSurfacer surfacer(level, parameter, positions, Hestra::makeRef<Hestra::TypedChunk<index_t>>().strong(),
                                  Hestra::makeRef<Hestra::TypedChunk<double>>().strong(), points.strong(),
                                  triangles.strong());
+    surfacer.setBlanking(masks);
     field->iterate(surfacer);
     if (!surfacer.reachesAbove()) {
         points->base_vector() = {};

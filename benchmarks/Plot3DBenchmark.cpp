@@ -1,12 +1,13 @@
 // Bytes per second of reading a block of a PLOT3D file, beside a plain loop that reads the same bytes and converts
 // them: one read of the whole array, then one pass that turns bytes around and values into the type that is wanted.
 
+#include <dataset/io/Plot3D.hpp>
+
 #include <benchmark/benchmark.h>
 #include <bit>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <dataset/io/Plot3D.hpp>
 #include <filesystem>
 #include <fstream>
 #include <string>

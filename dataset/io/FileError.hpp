@@ -2,6 +2,7 @@
 /// The one exception of everything that touches files.
 
 #include <dataset/DataSetExport.hpp>
+
 #include <filesystem>
 #include <stdexcept>
 #include <string>

@@ -1,11 +1,11 @@
+#include <dataset/detail/Plot3DLayout.hpp>
+#include <dataset/io/FileError.hpp>
+#include <dataset/io/Plot3D.hpp>
 #include <model/hestra/Chunk.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <dataset/detail/Plot3DLayout.hpp>
-#include <dataset/io/FileError.hpp>
-#include <dataset/io/Plot3D.hpp>
 #include <exception>
 #include <new>
 #include <set>

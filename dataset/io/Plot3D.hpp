@@ -29,11 +29,11 @@
 /// One thing no reader can find out: a file of one block cut exactly where its blanking begins (or behind a few zero
 /// bytes of it) is a complete file without blanking, unless `Plot3DOptions` says that there must be some.
 
+#include <dataset/DataSetExport.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <bit>
 #include <cstdint>
-#include <dataset/DataSetExport.hpp>
 #include <filesystem>
 #include <functional>
 #include <memory>

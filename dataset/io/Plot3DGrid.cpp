@@ -1,9 +1,11 @@
-#include <algorithm>
-#include <array>
-#include <cmath>
 #include <dataset/io/FileArray.hpp>
 #include <dataset/io/FileError.hpp>
 #include <dataset/io/Plot3DGrid.hpp>
+#include <model/vantle/Blanking.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
 #include <utility>
 
 namespace Vantle {
@@ -112,7 +114,7 @@ RegularGrid3D addPlot3DGrid(Grid& grid, const Plot3DFile& file, const Plot3DRead
         });
     if (file.form().blanking)
         made.representation()->setField(
-            Plot3DBlankingName,
+            VertexMaskName,
             maker.make(0, typeid(int), [](const Plot3DFile& from, std::size_t block, const Creator& creator) {
                 return from.readBlanking(block, creator);
             }));

@@ -1,9 +1,9 @@
 #pragma once
 /// Grids of the model whose positions and fields are read from PLOT3D files when they are needed.
 
+#include <dataset/io/Plot3D.hpp>
 #include <model/vantle/GridKinds.hpp>
 
-#include <dataset/io/Plot3D.hpp>
 #include <string>
 #include <vector>
 
@@ -21,7 +21,7 @@ struct Plot3DReading {
 };
 
 /// Adds the blocks of a grid file to `grid` as fragments "block1", "block2", ... (`FileArray`). Nothing is read. With
-/// blanking there is a field `Plot3DBlankingName` beside the positions: integers, 0 at vertices that do not count.
+/// blanking there is a mask of the vertices (`VertexMaskName`): the integers as they stand there, 0 masks out.
 ///
 /// Degenerate   a block of one layer has no cells, and is a fragment like any other.
 /// Failure      FileError when it is no grid file, or the grid has a fragment of such a name already: nothing changed.
@@ -40,7 +40,5 @@ VANTLE_DATASET_API RegularGrid3D addPlot3DGrid(Grid& grid, const Plot3DFile& fil
 /// Memory       what is made of several fields takes 64 KiB for each beside the result.
 VANTLE_DATASET_API std::vector<std::string> addPlot3DFields(RegularGrid3D& grid, const Plot3DFile& file,
                                                             const Plot3DReading& reading = {});
-
-inline constexpr const char* Plot3DBlankingName = "VertexMask";
 
 } // namespace Vantle

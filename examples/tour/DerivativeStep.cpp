@@ -48,7 +48,7 @@ struct Node {
     Space::point position;
     Gradient gradient; // of the velocity
     double volume;     // of the box that the derivatives of the positions span
-    bool atBorder;     // of its block, where differences are one-sided
+    bool atBorder;     // of its block, or of what is valid of it, where differences are one-sided
     bool isFlat;       // there is no gradient
 };
 
@@ -62,39 +62,33 @@ Hestra::StrongPtr<Field> indexDerivative(const DataSet& data, const std::string&
     return derivative;
 }
 
-// Whether the differences at a vertex, or the vertex itself, have to do with vertices that do not count.
-bool touchesBlanked(const std::vector<bool>& blanked, const MultiIndex<3>& at, const MultiIndex<3>& size) {
-    if (blanked[at.linear(size)]) return true;
-    for (int axis = 0; axis < 3; ++axis) {
-        MultiIndex<3> below = at, above = at;
-        if (at[axis] > 0) --below[axis];
-        if (at[axis] + 1 < size[axis]) ++above[axis];
-        if (blanked[below.linear(size)] || blanked[above.linear(size)]) return true;
-    }
-    return false;
-}
-
-// Calls take(node) for every vertex whose derivatives rest on vertices that count.
+// Calls take(node) for every vertex that counts.
 void forNodes(const DataSet& data, const std::function<void(const Node&)>& take) {
     const auto positions = data.grid.positions();
+    const Blanking masks(*data.grid.grid());
     const auto alongPositions = indexDerivative(data, PositionsName);
     const auto alongVelocity = data.hasVelocity ? indexDerivative(data, kVelocity) : nullptr;
     positions->iterate([&](const Hestra::StrongPtr<FragmentID>& fragment, const auto&) {
         const auto points = Hestra::dynamicCast<Block>(positions->getData(fragment));
         const auto edges = Hestra::dynamicCast<Tensors>(alongPositions->getData(fragment));
         const auto changes = alongVelocity ? Hestra::dynamicCast<Tensors>(alongVelocity->getData(fragment)) : nullptr;
-        const auto found = data.blanked.find(FragmentID::Name(fragment, ""));
         if (!points || !edges) return true;
         const MultiIndex<3> size = points->Size();
+        const auto mask = masks.of(fragment, size);
         MultiIndex<3> at;
         do {
-            if (found != data.blanked.end() && touchesBlanked(found->second, at, size)) continue;
+            if (mask && !mask->isVertexValid(at)) continue;
             Node node{(*points)[at], {}, 0.0, false, false};
             const Gradient& tensor = (*edges)[at];
             node.volume = dot(rowOf(tensor, 0), cross(rowOf(tensor, 1), rowOf(tensor, 2)));
             node.isFlat = !gradientInSpace(tensor, changes ? (*changes)[at] : Gradient(), node.gradient);
-            for (int axis = 0; axis < 3; ++axis)
-                node.atBorder = node.atBorder || at[axis] == 0 || at[axis] + 1 == size[axis];
+            for (int axis = 0; axis < 3; ++axis) {
+                MultiIndex<3> below = at;
+                --below[axis];
+                const bool ends = at[axis] == 0 || at[axis] + 1 == size[axis];
+                node.atBorder =
+                    node.atBorder || ends || (mask && !(mask->isEdgeValid(at, axis) && mask->isEdgeValid(below, axis)));
+            }
             take(node);
         } while (at.advance(size));
         return true;

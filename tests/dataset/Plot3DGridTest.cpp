@@ -1,11 +1,12 @@
 // Grids made of PLOT3D files: read when they are needed, under a budget, from several threads, from files that change.
 
 #include <baseop/Isosurface.hpp>
+#include <dataset/Files.hpp>
+#include <model/Model.hpp>
 
 #include <atomic>
 #include <chrono>
 #include <cmath>
-#include <dataset/Files.hpp>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -94,7 +95,7 @@ protected:
 TEST_F(Plot3DGridTest, EverythingIsReadWhenItIsAskedFor) {
     const RegularGrid3D flow = open({cache});
     EXPECT_EQ(cache->size(), 0u);
-    for (const char* name : {"density", "energy", "momentum", "velocity", "speed", "pressure", Plot3DBlankingName}) {
+    for (const char* name : {"density", "energy", "momentum", "velocity", "speed", "pressure", VertexMaskName}) {
         const auto field = flow.field(name);
         ASSERT_TRUE(field) << name;
         // Type and size are known before.
@@ -117,7 +118,7 @@ TEST_F(Plot3DGridTest, EverythingIsReadWhenItIsAskedFor) {
     expectValues<float>(*flow.field("pressure"), at([](const point& p) {
         return float((1.4 - 1.0) * (energy(p) - 0.5 * density(p) * normSquared(velocity(p))));
     }));
-    expectValues<int>(*flow.field(Plot3DBlankingName), [](int b, std::size_t n) {
+    expectValues<int>(*flow.field(VertexMaskName), [](int b, std::size_t n) {
         return n % 5 == 0 ? 0 : n % 3 == 0 ? -b : 1;
     });
 

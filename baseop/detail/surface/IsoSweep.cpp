@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace Vantle::detail {
@@ -28,8 +29,10 @@ struct alignas(32) CellCase {
     std::uint8_t triangleCount = 0;
     std::uint8_t newCount = 0;
     std::uint8_t newEdges[12] = {};
+    std::uint16_t cutEdges = 0; // a bit each
     std::uint8_t edges[15] = {};
 };
+static_assert(sizeof(CellCase) == 32);
 
 constexpr bool isNew(int e, int border) {
     const EdgeGeometry& edge = edgeGeometry[static_cast<std::size_t>(e)];
@@ -50,6 +53,7 @@ constexpr CellCase cellCase(int rowCase, int border) {
         if (!((seen >> e) & 1) && isNew(e, border)) result.newEdges[result.newCount++] = static_cast<std::uint8_t>(e);
         seen |= 1 << e;
     }
+    result.cutEdges = static_cast<std::uint16_t>(seen);
     result.triangleCount = static_cast<std::uint8_t>(triangleCount(cubeCase));
     return result;
 }
@@ -61,6 +65,64 @@ constexpr auto makeCases(int border) {
 }
 constexpr std::array<std::array<CellCase, 256>, 8> Cases = {makeCases(0), makeCases(1), makeCases(2), makeCases(3),
                                                             makeCases(4), makeCases(5), makeCases(6), makeCases(7)};
+
+/// The cells that come earlier in the sweep and share edges with a cell, by their steps from it, a bit each.
+constexpr int Neighbours[9][3] = {{-1, 0, 0},  {0, -1, 0}, {-1, -1, 0}, {1, -1, 0}, {0, 0, -1},
+                                  {-1, 0, -1}, {1, 0, -1}, {0, -1, -1}, {0, 1, -1}};
+
+/// The edges, a bit each, that a cell shares with neighbours, a bit each.
+constexpr auto makeSharedEdges() {
+    std::array<std::uint16_t, 512> shared{};
+    for (unsigned neighbours = 0; neighbours < 512; ++neighbours)
+        for (unsigned n = 0; n < 9; ++n)
+            for (unsigned e = 0; e < 12; ++e) {
+                bool shares = (neighbours >> n & 1) != 0;
+                for (int axis = 0; axis < 3; ++axis) {
+                    const EdgeGeometry& edge = edgeGeometry[e];
+                    const int step = Neighbours[n][axis];
+                    const int across = axis == edge.axis ? 0 : CornerOffset[edge.lower][axis] == 0 ? -1 : 1;
+                    shares = shares && (step == 0 || step == across);
+                }
+                if (shares) shared[neighbours] = static_cast<std::uint16_t>(shared[neighbours] | 1U << e);
+            }
+    return shared;
+}
+constexpr std::array<std::uint16_t, 512> SharedEdges = makeSharedEdges();
+
+/// Which earlier neighbours the 64 cells of a word have: a word for each of `Neighbours`.
+struct NeighbourWords {
+    /// Of the cells from 64 * `word` on in row (j, k).
+    NeighbourWords(const BlockMask& mask, std::size_t j, std::size_t k, std::size_t word) noexcept {
+        const MultiIndex<3>& cells = mask.cells();
+        const std::size_t words = mask.rowWords();
+        const std::uint64_t lastCell = word + 1 == words ? std::uint64_t{1} << ((cells[0] - 1) % 64) : 0;
+        for (std::size_t n = 0; n < 9; ++n) {
+            const auto y = static_cast<index_t>(static_cast<std::ptrdiff_t>(j) + Neighbours[n][1]);
+            const auto z = static_cast<index_t>(static_cast<std::ptrdiff_t>(k) + Neighbours[n][2]);
+            if (y >= cells[1] || z >= cells[2]) continue; // where there are no cells, the tables know
+            const std::uint64_t* const row = mask.cellRow(y, z);
+            std::uint64_t outside = 0;
+            if (Neighbours[n][0] == 0) {
+                valid[n] = row[word];
+            } else if (Neighbours[n][0] < 0) {
+                valid[n] = row[word] << 1 | (word > 0 ? row[word - 1] >> 63 : 0);
+                outside = word == 0 ? 1 : 0;
+            } else {
+                valid[n] = row[word] >> 1 | (word + 1 < words ? row[word + 1] << 63 : 0);
+                outside = lastCell;
+            }
+            missing |= ~(valid[n] | outside);
+        }
+    }
+    [[nodiscard]] unsigned of(int cell) const noexcept {
+        unsigned found = 0;
+        for (unsigned n = 0; n < 9; ++n) found |= static_cast<unsigned>(valid[n] >> cell & 1) << n;
+        return found;
+    }
+
+    std::uint64_t valid[9] = {};
+    std::uint64_t missing = 0; ///< Cells with a neighbour that is blanked; without meaning behind the last cell.
+};
 
 /// The classified vertices of four rows around a row of cells, for 64 cells and the vertex after the last.
 struct RowWords {
@@ -173,12 +235,12 @@ private:
 };
 
 template<class T>
-IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level)
+IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level, const BlockMask* mask)
     : myValues(data.data()),
       myStride(static_cast<std::size_t>(data.stride())), mySize{static_cast<std::size_t>(data.Size()[0]),
                                                                 static_cast<std::size_t>(data.Size()[1]),
                                                                 static_cast<std::size_t>(data.Size()[2])},
-      myLevel(level), myTest(level) {
+      myLevel(level), myTest(level), myMask(mask) {
     if (mySize[0] < 2 || mySize[1] < 2 || mySize[2] < 2) return;
     myVertexWords = (mySize[0] + 63) / 64;
     myCellWords = (mySize[0] - 1 + 63) / 64;
@@ -244,12 +306,26 @@ void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t*
                 std::uint64_t cut = around.cut();
                 if (word + 1 == myCellWords) cut &= lastCells;
                 if (cut == 0) continue;
+                if (myMask && (cut &= myMask->cellRow(j, k)[word]) == 0) continue;
                 const std::size_t bit = j * myCellWords + word;
                 active[bit / 64] |= std::uint64_t{1} << (bit % 64);
+                const auto caseOf = [&](int cell, int at) -> const CellCase& {
+                    return Cases[static_cast<std::size_t>(at)][around.rowCase(cell)];
+                };
+                if (myMask) {
+                    const NeighbourWords neighbours(*myMask, j, k, word);
+                    for (std::uint64_t special = cut & neighbours.missing; special != 0; special &= special - 1) {
+                        const int cell = std::countr_zero(special);
+                        const CellCase& found = caseOf(cell, 0);
+                        added.firstVertex += static_cast<index_t>(
+                            std::popcount(static_cast<unsigned>(found.cutEdges & ~SharedEdges[neighbours.of(cell)])));
+                        added.firstTriangle += found.triangleCount;
+                    }
+                    cut &= ~neighbours.missing;
+                }
                 for (; cut != 0; cut &= cut - 1) {
                     const int cell = std::countr_zero(cut);
-                    const bool first = word == 0 && cell == 0;
-                    const CellCase& found = Cases[static_cast<std::size_t>(border + first)][around.rowCase(cell)];
+                    const CellCase& found = caseOf(cell, border + (word == 0 && cell == 0));
                     added.firstVertex += found.newCount;
                     added.firstTriangle += found.triangleCount;
                 }
@@ -363,15 +439,25 @@ void IsoSweep<T>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& ta
         }
         std::uint64_t cut = around.cut();
         if (word + 1 == myCellWords) cut &= lastCells;
+        std::optional<NeighbourWords> neighbours;
+        if (myMask) {
+            cut &= myMask->cellRow(j, k)[word];
+            neighbours.emplace(*myMask, j, k, word);
+        }
+        const std::uint64_t special = neighbours ? neighbours->missing : 0;
 
         const int border = (j == 0 ? 2 : 0) + (k == 0 ? 4 : 0);
         const std::size_t rowStart = (k * mySize[1] + j) * mySize[0];
         for (; cut != 0; cut &= cut - 1) {
             const int cell = std::countr_zero(cut);
             const std::size_t i = 64 * word + static_cast<std::size_t>(cell);
-            const CellCase& found = Cases[static_cast<std::size_t>(border + (i == 0))][around.rowCase(cell)];
+            const bool isSpecial = special >> cell & 1; // then all cut edges are looked through
+            const CellCase& found =
+                Cases[isSpecial ? 7 : static_cast<std::size_t>(border + (i == 0))][around.rowCase(cell)];
+            const unsigned shared = isSpecial ? SharedEdges[neighbours->of(cell)] : 0;
             for (int v = 0; v < found.newCount; ++v) {
                 const unsigned int e = found.newEdges[v];
+                if (shared >> e & 1) continue;
                 indices[e][i] = static_cast<unsigned int>(vertex++);
                 if constexpr (Write) queue.push(i, j, rowStart + i, e);
             }
