@@ -1,6 +1,8 @@
 #pragma once
 /// Every operation of the library. Inside the project, include the family that is needed instead.
 
+#include <baseop/BlockBoundary.hpp>
+#include <baseop/BlockJoins.hpp>
 #include <baseop/CellSearch.hpp>
 #include <baseop/DataRange.hpp>
 #include <baseop/EvalGrid.hpp>
@@ -22,3 +24,4 @@
 #include <baseop/UniformCell.hpp>
 #include <baseop/UniformInterpolation.hpp>
 #include <baseop/ValidData.hpp>
+#include <baseop/WorldDerivative.hpp>

@@ -2,7 +2,9 @@
 #include <baseop/Isosurface.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
-#include <baseop/detail/surface/VertexMerger.hpp>
+#include <baseop/detail/surface/JoinedBlocks.hpp>
+#include <baseop/detail/surface/PlacedBlocks.hpp>
+#include <baseop/detail/surface/SurfaceEdges.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
@@ -26,9 +28,9 @@ using Orvix::PhysicalSpace;
 
 namespace {
 
-// Edges of fragments with a place in the whole grid are those of the merger's lattice: their identifiers are less than
-// 3 * 2^60, and those of other fragments begin there.
-constexpr index_t LatticeVertices = detail::VertexMerger::Vertices;
+// Edges of fragments with a place in the whole grid are those of a lattice: their identifiers are less than 3 * 2^60,
+// and those of other fragments begin there.
+constexpr index_t LatticeVertices = detail::PlacedBlocks::Vertices;
 constexpr index_t FirstPrivateIdentifier = index_t{3} << 60;
 
 using AnyPositions = std::variant<std::monostate, StoredPositions, ProductPositions>;
@@ -103,6 +105,21 @@ struct SurfaceFields {
 /// Beside the points of a surface: the positions that it lies in, and the masks. Its ages are those of values and
 /// request.
 using SurfaceRecord = Hestra::FreshnessRecord<Field>;
+
+/// Whether a surface was made with these joins and, if they are wanted, still has its edges. A caller's own has been
+/// made as it should be.
+bool isAsAsked(const StrongPtr<Field>& points, const StrongPtr<BlockJoins>& joins, bool wantsEdges) {
+    if (!SurfaceRecord::find(*points, points)) return true;
+    const auto edges = points->findInterface<detail::SurfaceEdges>();
+    if (!edges) return !joins && !wantsEdges;
+    return edges->joins == joins && (!wantsEdges || (isValid(edges->identifiers) && isValid(edges->weights)));
+}
+
+StrongPtr<Field> discardable(const StrongPtr<MemBase>& array) {
+    const StrongPtr<Field> field = Hestra::makeRef<Field>();
+    field->setDiscardableData(array, Hestra::Cache::MemCache());
+    return field;
+}
 
 /// Whether there is a value above the level. Looks at pieces that vector lanes take at once.
 template<class T>
@@ -211,6 +228,8 @@ struct FragmentIsoSurfacer::Fragment {
     AnyPositions positions;
     /// Its place on the lattice, if it is all there.
     std::optional<MultiIndex<3>> place;
+    /// Its number, if it has vertices in common with others, or with itself.
+    std::optional<unsigned int> joined;
     StrongPtr<const BlockMask> mask = {};
 };
 
@@ -220,9 +239,22 @@ FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const S
                                          const Chunk<TriangleCell>& triangles)
     : myLevel(level), myParameter(parameter), myPositions(positions), myIdentifiers(edgeIdentifiers),
       myWeights(weights), myPoints(points), myTriangles(triangles), myRunningOffset(FirstPrivateIdentifier),
-      myMerger(std::make_unique<detail::VertexMerger>()) {}
+      myPlaced(std::make_unique<detail::PlacedBlocks>()) {}
 
 FragmentIsoSurfacer::~FragmentIsoSurfacer() = default;
+
+void FragmentIsoSurfacer::joinBlocks(const StrongPtr<BlockJoins>& joins, const StrongPtr<Field>& values) {
+    myJoined = std::make_unique<detail::JoinedBlocks>(joins, values);
+}
+
+void FragmentIsoSurfacer::finish() {
+    if (!myJoined || !myJoined->hasDropped()) return;
+    std::vector<std::size_t*> ends;
+    for (detail::SurfacePiece& piece : myPieces) ends.push_back(&piece.endVertex);
+    detail::removeUnused(
+        {myIdentifiers->base_vector(), myWeights->base_vector(), myPoints->base_vector(), myTriangles->base_vector()},
+        ends);
+}
 
 /// Whether all values of a known range lie on one side of the level.
 template<class Range>
@@ -232,6 +264,34 @@ bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<Range>& range) {
     myIsAllAbove = min > myLevel;
     if (!myIsMasked) myReachesAbove = myReachesAbove || min > myLevel || max > myLevel;
     return myLevel < min || myLevel > max;
+}
+
+/// The same of what is known without making the data.
+bool FragmentIsoSurfacer::excludesLevel(const CreativeArrayBase& creator) {
+    return excludesLevel(DataRange<double>::get(creator).lock()) ||
+           excludesLevel(DataRange<float>::get(creator).lock());
+}
+
+/// The same of a block whose vertices have values of other blocks, too.
+bool FragmentIsoSurfacer::isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator) {
+    const auto sideOf = [level = myLevel](const auto& range) -> std::optional<bool> {
+        if (range && level < range->getMinf()) return true;
+        if (range && level > range->getMaxf()) return false;
+        return {};
+    };
+    const auto isAbove = [&](const CreativeArrayBase& values) {
+        const auto side = sideOf(DataRange<double>::get(values).lock());
+        return side ? side : sideOf(DataRange<float>::get(values).lock());
+    };
+    const std::optional<bool> side = isAbove(creator);
+    if (!side) return false;
+    for (const unsigned int owner : myJoined->ownersOf(block)) {
+        const auto other = myJoined->values().getCreator(myJoined->joins().fragment(owner));
+        if (!other || isAbove(*other) != side) return false;
+    }
+    myIsAllAbove = *side;
+    myReachesAbove = myReachesAbove || (*side && !myIsMasked);
+    return true;
 }
 
 /// Whether the range of data that exist excludes the level.
@@ -256,8 +316,10 @@ bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
 bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
     if (!creator) return true;
     myIsMasked = myBlanking.concerns(id);
-    if (excludesLevel(DataRange<double>::get(*creator).lock()) ||
-        excludesLevel(DataRange<float>::get(*creator).lock())) {
+    Fragment fragment;
+    if (myJoined)
+        if (const unsigned int block = myJoined->joins().find(id); myJoined->isJoined(block)) fragment.joined = block;
+    if (fragment.joined ? isJoinedAndExcluded(*fragment.joined, *creator) : excludesLevel(*creator)) {
         Console::puts("SKIP Iso");
         noteSkipped(id);
         return true;
@@ -267,13 +329,20 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     const auto* const regular = dynamic_cast<const MemArrayBase<3>*>(data.rawptr());
     if (!regular) throw static_cast<const char*>("Isodata are not 3D");
 
-    Fragment fragment{regular->getSize(), {}, {}};
+    fragment.size = regular->getSize();
     using Types = TypeList<double, float, unsigned char, short, unsigned short>;
-    const bool supported = withMemArray<3>(Types(), data, [&]<class T>(const MemArray<3, T>& values) {
-        if (isSkipped<T>(*creator)) return noteSkipped(id);
-        const StrongPtr<MemBase> coordinates = findCoordinates(id, fragment);
+    const bool supported = withMemArray<3>(Types(), data, [&]<class T>(const MemArray<3, T>& own) {
+        StrongPtr<MemBase> coordinates, owners;
+        if (fragment.joined) {
+            coordinates = findCoordinates(id, fragment);
+            owners = ownersData(myJoined->joins(), myJoined->values(), *fragment.joined);
+        }
+        const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
+        if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
+        if (values == &own && isSkipped<T>(*creator)) return noteSkipped(id); // a range knows of own values only
+        if (!coordinates) coordinates = findCoordinates(id, fragment);
         if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
-        sweep<T>(values, fragment);
+        sweep<T>(id, *values, fragment);
     });
     if (!supported) {
         findCoordinates(id, fragment);
@@ -291,13 +360,16 @@ void FragmentIsoSurfacer::noteSkipped(const StrongPtr<FragmentID>& id) {
 
 /// Sets positions and place of the fragment. The array that holds the positions is returned.
 StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<FragmentID>& id, Fragment& fragment) const {
-    StrongPtr<MemBase> array = myPositions ? myPositions->getData(id) : StrongPtr<MemBase>();
-    fragment.positions = findPositions(detail::FragmentCoordinates(array), fragment.size);
+    const detail::FragmentCoordinates coordinates =
+        fragment.joined ? detail::FragmentCoordinates(ownersData(myJoined->joins(), *myPositions, *fragment.joined))
+                        : detail::FragmentCoordinates(myPositions ? myPositions->getCreator(id) : nullptr);
+    const StrongPtr<MemBase>& array = coordinates.data;
+    fragment.positions = findPositions(coordinates, fragment.size);
     if (std::holds_alternative<std::monostate>(fragment.positions)) {
         Console::puts("Sorry, no fragment coordinates for isosurface fragment.");
         throw IsoException(3);
     }
-    if (!id) return array;
+    if (!id || myJoined) return array;
     const auto location = id->findInterface<FragmentLocation<3, IndexOffset>>();
     if (!location) return array;
     fragment.place = location->offset();
@@ -308,12 +380,11 @@ StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<Fragment
 }
 
 template<class T>
-void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fragment) {
-    std::vector<index_t>& identifiers = myIdentifiers->base_vector();
-    std::vector<double>& weights = myWeights->base_vector();
-    std::vector<PhysicalSpace::point>& points = myPoints->base_vector();
-    std::vector<TriangleCell>& triangles = myTriangles->base_vector();
-    const std::size_t firstVertex = identifiers.size(), firstTriangle = triangles.size();
+void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const MultiArray<3, T>& data,
+                                const Fragment& fragment) {
+    const detail::SurfaceArrays surface{myIdentifiers->base_vector(), myWeights->base_vector(), myPoints->base_vector(),
+                                        myTriangles->base_vector()};
+    const std::size_t firstVertex = surface.identifiers.size(), firstTriangle = surface.triangles.size();
 
     const BlockMask* const mask = fragment.mask.rawptr();
     const IsoSweep<T> sweep(data, myLevel, mask);
@@ -322,35 +393,43 @@ void FragmentIsoSurfacer::sweep(const MultiArray<3, T>& data, const Fragment& fr
     const bool below =
         !mask && sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
     if (!myReachesAbove && !below) myReachesAbove = mask ? anyAbove(data, myLevel, *mask) : anyAbove(data, myLevel);
-    extend(identifiers, sweep.vertices());
-    extend(weights, sweep.vertices());
-    extend(points, sweep.vertices());
-    extend(triangles, sweep.triangles());
-    const SweepTarget target{points.data() + firstVertex, triangles.data() + firstTriangle,
-                             identifiers.data() + firstVertex, weights.data() + firstVertex,
+    extend(surface.identifiers, sweep.vertices());
+    extend(surface.weights, sweep.vertices());
+    extend(surface.points, sweep.vertices());
+    extend(surface.triangles, sweep.triangles());
+    const SweepTarget target{surface.points.data() + firstVertex, surface.triangles.data() + firstTriangle,
+                             surface.identifiers.data() + firstVertex, surface.weights.data() + firstVertex,
                              static_cast<unsigned int>(firstVertex)};
-    const EdgeNumbering numbering = fragment.place
-                                        ? EdgeNumbering(MultiIndex<3>::filled(LatticeVertices), *fragment.place, 0)
-                                        : EdgeNumbering(fragment.size, {}, myRunningOffset);
+    detail::SurfacePiece piece{id, fragment.size, {}, fragment.size, myRunningOffset, 0};
+    if (fragment.place) piece = {id, fragment.size, *fragment.place, MultiIndex<3>::filled(LatticeVertices), 0, 0};
+    const EdgeNumbering numbering(piece.extents, piece.place, piece.identifierOffset);
     std::visit(
         [&](const auto& positions) {
-            if constexpr (!std::is_same_v<std::decay_t<decltype(positions)>, std::monostate>)
+            if constexpr (!std::is_same_v<std::decay_t<decltype(positions)>, std::monostate>) {
                 sweep.fill(target, numbering, positions);
+                if (!fragment.joined || sweep.vertices() == 0) return;
+                const auto value = [&](index_t n) { return static_cast<double>(data.element(n)); };
+                const auto point = [&](index_t n) { return positions.at(n, fragment.size); };
+                if (myJoined->joins().isMirrored(*fragment.joined))
+                    for (std::size_t t = firstTriangle; t < surface.triangles.size(); ++t)
+                        std::swap(surface.triangles[t][1], surface.triangles[t][2]);
+                myJoined->merge(surface, *fragment.joined, myRunningOffset, myLevel, value, point, firstVertex,
+                                firstTriangle);
+            }
         },
         fragment.positions);
     if (sweep.vertices() == 0) return;
     if (fragment.place)
-        myMerger->merge({identifiers, weights, points, triangles}, *fragment.place, fragment.size, firstVertex,
-                        firstTriangle);
+        myPlaced->merge(surface, *fragment.place, fragment.size, firstVertex, firstTriangle);
     else
         myRunningOffset += edgeCount(fragment.size);
+    piece.endVertex = surface.identifiers.size();
+    myPieces.push_back(std::move(piece));
 }
 
 void FragmentIsoSurfacer::setFields(Grid& output) const {
     const auto store = [](Representation& representation, const StrongPtr<MemBase>& array) {
-        const StrongPtr<Field> field = Hestra::makeRef<Field>();
-        field->setDiscardableData(array, Hestra::Cache::MemCache());
-        representation.setPositions(field);
+        representation.setPositions(discardable(array));
     };
     const auto inSpace = output.makeCartesianRepresentation(2);
     const auto vertices = output.makeVertices(2);
@@ -365,6 +444,13 @@ void FragmentIsoSurfacer::setFields(Grid& output) const {
 StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requestedAge, const Grid& inputGrid,
                                   const std::string& fieldName, Slice& slice, const std::string& outputName,
                                   double parameter) {
+    return ComputeIsosurface(level, requestedAge, inputGrid, fieldName, slice, outputName, parameter, {});
+}
+
+StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requestedAge, const Grid& inputGrid,
+                                  const std::string& fieldName, Slice& slice, const std::string& outputName,
+                                  double parameter, const SurfaceOptions& options) {
+    if (options.joinBlocks) options.joins.check();
     const StrongPtr<Field> positions = inputGrid.CartesianPositions();
     if (!positions) throw IsoException(1);
     const StrongPtr<Field> field = inputGrid(fieldName);
@@ -374,12 +460,15 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     const Blanking masks(inputGrid);
     masks.check(*positions);
     const Hestra::Freshness inSpace(positions.rawptr(), masks.vertexMask().rawptr(), masks.cellMask().rawptr());
+    const StrongPtr<BlockJoins> joins =
+        options.joinBlocks ? BlockJoins::of(inputGrid, options.joins) : StrongPtr<BlockJoins>();
     if (const StrongPtr<Grid> known = slice(outputName)) {
         const SurfaceFields surface(*known);
         if (isValid(surface.points) && isValid(surface.triangles) &&
             Hestra::Freshness::isFresh(surface.points->age(), age) &&
             SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr(), masks.vertexMask().rawptr(),
-                                   masks.cellMask().rawptr()))
+                                   masks.cellMask().rawptr()) &&
+            isAsAsked(surface.points, joins, options.keepEdges))
             return known;
     }
 
@@ -390,21 +479,43 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
 
     const auto points = Hestra::makeRef<Hestra::TypedChunk<PhysicalSpace::point>>();
     const auto triangles = Hestra::makeRef<Hestra::TypedChunk<TriangleCell>>();
-    FragmentIsoSurfacer surfacer(level, parameter, positions, Hestra::makeRef<Hestra::TypedChunk<index_t>>().strong(),
-                                 Hestra::makeRef<Hestra::TypedChunk<double>>().strong(), points.strong(),
+    const auto identifiers = Hestra::makeRef<Hestra::TypedChunk<index_t>>();
+    const auto weights = Hestra::makeRef<Hestra::TypedChunk<double>>();
+    FragmentIsoSurfacer surfacer(level, parameter, positions, identifiers.strong(), weights.strong(), points.strong(),
                                  triangles.strong());
     surfacer.setBlanking(masks);
+    if (joins) surfacer.joinBlocks(joins, field);
     field->iterate(surfacer);
-    if (!surfacer.reachesAbove()) {
+    surfacer.finish();
+    const bool empty = !surfacer.reachesAbove();
+    if (empty) {
         points->base_vector() = {};
         triangles->base_vector() = {};
+        identifiers->base_vector() = {};
+        weights->base_vector() = {};
     }
+    const Hestra::Cache::Operation together;
     surfacer.setFields(*output);
     const SurfaceFields surface(*output);
     surface.points->raiseAge(age);
     surface.triangles->raiseAge(age);
     SurfaceRecord::attach(*surface.points, surface.points, inSpace);
+    if (!joins && !options.keepEdges) return output;
+    const auto edges = Hestra::makeRef<detail::SurfaceEdges>();
+    edges->joins = joins;
+    if (options.keepEdges) {
+        if (!empty) edges->pieces = surfacer.pieces();
+        edges->identifiers = discardable(makeMemArray1D(identifiers.strong()));
+        edges->weights = discardable(makeMemArray1D(weights.strong()));
+    }
+    surface.points->addInterface(edges);
     return output;
+}
+
+StrongPtr<MemBase> EvalFieldOnIsosurface(const Grid& surface, const Field& field) {
+    const SurfaceFields fields(surface);
+    const auto edges = fields.points ? fields.points->findInterface<detail::SurfaceEdges>() : nullptr;
+    return edges ? edges->evaluate(field) : StrongPtr<MemBase>();
 }
 
 } // namespace Vantle

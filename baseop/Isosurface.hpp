@@ -5,6 +5,7 @@
 /// positions, and any other quantity, are evaluated on the edges afterwards.
 
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/BlockJoins.hpp>
 #include <baseop/detail/surface/MarchingCubesTables.hpp>
 #include <model/hestra/Chunk.hpp>
 #include <model/vantle/Blanking.hpp>
@@ -24,8 +25,10 @@
 namespace Vantle {
 
 namespace detail {
-class VertexMerger;
-}
+class JoinedBlocks;
+class PlacedBlocks;
+struct SurfacePiece;
+} // namespace detail
 
 // ---- The polygonizer ------------------------------------------------------------------------------------------------
 
@@ -207,7 +210,7 @@ private:
 ///
 /// Edges of fragments that carry a `FragmentLocation<3, IndexOffset>` are named by their place in the index space of
 /// the whole grid: equal edges are one vertex. Other fragments, and those beyond 2^20 vertices from the origin of that
-/// space, share no vertices. Cells that several fragments have are triangulated as often.
+/// space, share no vertices, unless they are joined. Cells that several fragments have are triangulated as often.
 /// Concurrency  one thread; the sweep over a fragment uses the team of OpenMP.
 class VANTLE_BASEOP_API FragmentIsoSurfacer : public FragmentIterator {
 public:
@@ -224,6 +227,15 @@ public:
     FragmentIsoSurfacer& operator=(const FragmentIsoSurfacer&) = delete;
     ~FragmentIsoSurfacer() override;
 
+    /// From now on, blocks that are joined give one surface; called before the first fragment. Offsets of fragments
+    /// count no more: where vertices are one, so are the edges between them. Vertices have their owners' positions and
+    /// values, the triangles of mirrored blocks are turned, and those of which two corners are one are left out.
+    ///
+    /// @param values  the field whose fragments will come.
+    void joinBlocks(const Hestra::StrongPtr<BlockJoins>& joins, const Hestra::StrongPtr<Field>& values);
+    /// Called after the last fragment: drops vertices that joining has left without triangles, as where a block is
+    /// collapsed.
+    void finish();
     /// The masks of the grid that the fragments belong to: cells that are not valid have no surface. None by default.
     void setBlanking(const Blanking& masks) { myBlanking = masks; }
 
@@ -244,23 +256,31 @@ public:
     ///             message, without coordinates of the same extents; then std::invalid_argument for masks that do not
     ///             fit (`BlockMask`); then `IsoException` 4 for other element types;
     ///             then std::length_error when this fragment's vertices and those that are there are more than 2^32.
+    /// Joined      a range of a block that shares vertices spares nothing unless those of their owners lie on the same
+    ///             side. Failure also std::invalid_argument when fragments that share vertices have other extents than
+    ///             their positions, or elements of several types.
     bool apply(const Hestra::StrongPtr<FragmentID>& id, const Hestra::StrongPtr<CreativeArrayBase>& creator) override;
 
     /// Stores the surface in `output`, as discardable data: the points as positions of the vertices (dimension 2) in
     /// the Cartesian chart, the triangles as positions of the skeleton (2, 1) relative to the vertices. Both are there
     /// until a later operation needs their room in the cache, however small that is.
     void setFields(Grid& output) const;
+    /// On which edges the vertices lie, for what is stored beside the surface: the fragments, and which vertices each
+    /// has brought.
+    [[nodiscard]] const std::vector<detail::SurfacePiece>& pieces() const noexcept { return myPieces; }
 
 private:
     struct Fragment;
     template<class Range>
     bool excludesLevel(const Hestra::StrongPtr<Range>& range);
+    bool excludesLevel(const CreativeArrayBase& creator);
+    bool isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator);
     template<class T>
     bool isSkipped(CreativeArrayBase& creator);
     void noteSkipped(const Hestra::StrongPtr<FragmentID>& id);
     Hestra::StrongPtr<MemBase> findCoordinates(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment) const;
     template<class T>
-    void sweep(const MultiArray<3, T>& data, const Fragment& fragment);
+    void sweep(const Hestra::StrongPtr<FragmentID>& id, const MultiArray<3, T>& data, const Fragment& fragment);
 
     double myLevel;
     double myParameter;
@@ -274,7 +294,21 @@ private:
     Blanking myBlanking;
     bool myIsMasked = false;   // the fragment at hand
     bool myIsAllAbove = false; // as its range says
-    std::unique_ptr<detail::VertexMerger> myMerger;
+    std::unique_ptr<detail::PlacedBlocks> myPlaced;
+    std::unique_ptr<detail::JoinedBlocks> myJoined; // null unless they are to be joined
+    std::vector<detail::SurfacePiece> myPieces;
+};
+
+/// What a surface of a grid is asked to be beside its level.
+struct SurfaceOptions {
+    /// Whether blocks make one surface where faces of theirs are the same, whatever index spaces they have. Otherwise
+    /// only those do that are pieces of one index space, by their offsets.
+    bool joinBlocks = false;
+    /// How joins are looked for.
+    JoinOptions joins;
+    /// Whether the surface keeps on which edge each vertex lies, 16 bytes a vertex, so that `EvalFieldOnIsosurface` can
+    /// tell values of other fields.
+    bool keepEdges = false;
 };
 
 /// The surface of a field at a level, as the grid `outputName` of `slice`.
@@ -296,6 +330,37 @@ VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeIsosurface(double level, const 
                                                             const Grid& inputGrid, const std::string& fieldName,
                                                             Slice& slice, const std::string& outputName,
                                                             double parameter);
+
+/// The same, as the options ask for it.
+///
+/// Reuse       as above, of a surface with these joins, and with its edges if they are to be kept; a caller's own grid
+///             is returned whatever the options are.
+/// Joined      equal vertices of joined faces are one vertex of the grid, with the position and the value of its owner;
+///             weights on edges between them are computed from the end with the lower owner, so that all blocks agree
+///             to the last bit. Triangles show the side that those of the lowest block show. So the surface of a grid
+///             that was cut into turned and mirrored blocks has the vertices, triangles and borders of the whole, also
+///             where copies of a vertex differ. What differs tells `compareCopies`.
+/// Degenerate  where fewer than three cells meet around an axis, two edges may have the same ends, and are one. Where
+///             handedness cannot be agreed on, neighbouring triangles may show different sides.
+/// Failure     also std::invalid_argument for unusable options, and what `FragmentIsoSurfacer::apply` says of joins.
+/// Cost        beside finding joins: a comparison of the copies of each shared vertex, positions and values.
+VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requestedAge,
+                                                            const Grid& inputGrid, const std::string& fieldName,
+                                                            Slice& slice, const std::string& outputName,
+                                                            double parameter, const SurfaceOptions& options);
+
+/// Values of a field at the vertices of a surface of its grid: f(lower) + weight * (f(upper) - f(lower)) on the edge of
+/// each, which is exact where the field is linear along the edge. An array of rank 1: double for scalars of any type,
+/// vectors and points as they are. The field of positions gives the vertices themselves.
+///
+/// Joined      owners' values, as the surface has, computed from the end with the lower owner.
+/// Degenerate  NaN on fragments where the field has no data. Null when the surface was not made with `keepEdges`, or
+///             the cache has dropped them.
+/// Failure     std::invalid_argument for other extents than those of the field that the surface is of, and for elements
+///             that cannot be interpolated, or are of several kinds.
+/// Cost        a fragment at a time, once over the vertices.
+[[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<MemBase> EvalFieldOnIsosurface(const Grid& surface,
+                                                                                 const Field& field);
 
 } // namespace Vantle
 

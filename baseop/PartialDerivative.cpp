@@ -1,12 +1,13 @@
 #include <baseop/PartialDerivative.hpp>
+#include <baseop/detail/BesideBlanked.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Derived.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/Representation.hpp>
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <condition_variable>
 #include <mutex>
 #include <typeinfo>
@@ -53,7 +54,7 @@ void deriveRow(Result* __restrict target, const S* row, const RowPair<S>& axis1,
     if constexpr (Step > 0) step = Step;
     const auto difference = [](Result& result, int axis, const S& high, const S& low, double factor) {
         for (int c = 0; c < C; ++c)
-            result[axis * C + c] = (elementComponent(high, c) - elementComponent(low, c)) * factor;
+            result[axis * C + c] = (double{elementComponent(high, c)} - double{elementComponent(low, c)}) * factor;
     };
     const auto across = [&](index_t i) {
         difference(target[i], 1, axis1.high[i * step], axis1.low[i * step], axis1.factor);
@@ -82,34 +83,19 @@ void deriveBesideBlanked(Result* target, const S* row, const MultiIndex<3>& size
                          const BlockMask& mask) noexcept {
     constexpr int C = ElementTraits<S>::components;
     const index_t distances[3] = {step, size[0] * step, size[0] * size[1] * step};
-    for (index_t word = 0; 64 * word < size[0]; ++word) {
-        if (mask.isWhole(j, k, word)) continue;
-        const index_t first = 64 * word, count = std::min<index_t>(64, size[0] - first);
-        const std::uint64_t all = ~std::uint64_t{0} >> (64 - count);
-        const std::uint64_t notFirst = word == 0 ? all & ~std::uint64_t{1} : all;
-        const std::uint64_t notLast = first + count == size[0] ? all & ~(std::uint64_t{1} << (count - 1)) : all;
-        const BlockMask::Vertices valid = mask.around(j, k, word);
-        std::uint64_t others = (valid.above[0] ^ notLast) | (valid.below[0] ^ notFirst);
-        others |= (valid.above[1] ^ (j + 1 < size[1] ? all : 0)) | (valid.below[1] ^ (j > 0 ? all : 0));
-        others |= (valid.above[2] ^ (k + 1 < size[2] ? all : 0)) | (valid.below[2] ^ (k > 0 ? all : 0));
-        for (std::uint64_t none = others & ~valid.vertices; none != 0; none &= none - 1)
-            target[first + static_cast<index_t>(std::countr_zero(none))] = Result();
-        // A valid vertex has an edge along each axis with more than one.
-        for (others &= valid.vertices; others != 0; others &= others - 1) {
-            const int bit = std::countr_zero(others);
-            const index_t i = first + static_cast<index_t>(bit);
+    detail::forBesideBlanked(
+        mask, j, k, [&](index_t i) { target[i] = Result(); },
+        [&](index_t i, const detail::ValidEdges& edges) {
             const S* const at = row + i * step;
             for (int axis = 0; axis < 3; ++axis) {
                 if (size[axis] < 2) continue;
-                const index_t above = valid.above[axis] >> bit & 1, below = valid.below[axis] >> bit & 1;
-                const S& high = at[above * distances[axis]];
-                const S& low = *(at - below * distances[axis]);
-                const double factor = 1.0 - 0.5 * static_cast<double>(above & below);
+                const S& high = at[edges.above[axis] * distances[axis]];
+                const S& low = *(at - edges.below[axis] * distances[axis]);
+                const double factor = 1.0 - 0.5 * static_cast<double>(edges.above[axis] & edges.below[axis]);
                 for (int c = 0; c < C; ++c)
                     target[i][axis * C + c] = (elementComponent(high, c) - elementComponent(low, c)) * factor;
             }
-        }
-    }
+        });
 }
 
 } // namespace
@@ -225,7 +211,9 @@ const std::vector<StrongPtr<PartialDerivatorBase>>& ownDerivators() {
     static const std::vector<StrongPtr<PartialDerivatorBase>> own{
         Hestra::makeRef<PartialDerivator<MemArray<3, double>, PhysicalSpace::vector>>(),
         Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::vector>, Orvix::Quadratic<3, double>>>(),
-        Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::point>, Orvix::Quadratic<3, double>>>()};
+        Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::point>, Orvix::Quadratic<3, double>>>(),
+        Hestra::makeRef<PartialDerivator<MemArray<3, FloatVector>, Orvix::Quadratic<3, double>>>(),
+        Hestra::makeRef<PartialDerivator<MemArray<3, FloatPoint>, Orvix::Quadratic<3, double>>>()};
     return own;
 }
 

@@ -163,7 +163,8 @@ StrongPtr<Orvix::BoundingBox> validBox(const Vertices& vertices) {
     };
     vertices.positions->iterate(
         [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-            const detail::FragmentCoordinates coordinates(vertices.masks.concerns(id) ? creator->getData() : nullptr);
+            const detail::FragmentCoordinates coordinates(vertices.masks.concerns(id) ? creator
+                                                                                      : StrongPtr<CreativeArrayBase>());
             const auto size = coordinates.data ? coordinates.data->getDynamicSize().as<3>() : std::nullopt;
             const StrongPtr<const BlockMask> mask = size ? vertices.masks.of(id, *size) : nullptr;
             if (!mask) {

@@ -4,12 +4,14 @@
 // Run it whole and compare the times with those of `CountCutCells` of the same element type.
 
 #include <baseop/Isosurface.hpp>
+#include <model/Model.hpp>
 
 #include <benchmark/benchmark.h>
 #include <bit>
 #include <cmath>
 #include <cstdint>
 #include <emmintrin.h>
+#include <malloc.h>
 #include <omp.h>
 
 namespace {
@@ -168,5 +170,64 @@ void Uniform(benchmark::State& state) {
 }
 BENCHMARK(Uniform<double>)->ArgName("threads")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(Uniform<unsigned char>)->ArgName("threads")->Arg(1)->Arg(2)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// ---- Grids of blocks ------------------------------------------------------------------------------------------------
+
+/// How eight blocks of 97^3 vertices, pieces of one ball in bent coordinates, are known to belong together.
+enum Knowledge { None, Offsets, Joins, JoinsToBeFound };
+
+struct Blocks {
+    explicit Blocks(bool haveOffsets) {
+        constexpr index_t cells = 96;
+        const MultiIndex<3> size = MultiIndex<3>::filled(cells + 1);
+        const auto at = [](index_t i) { return double(i) / double(cells) - 1.0; };
+        for (index_t block = 0; block < 8; ++block) {
+            const MultiIndex<3> place(cells * (block % 2), cells * (block / 2 % 2), cells * (block / 4));
+            const auto points = MemArray<3, point>::create(size);
+            const auto values = MemArray<3, double>::create(size);
+            MultiIndex<3> n;
+            do {
+                const point p(at(place[0] + n[0]), at(place[1] + n[1]), at(place[2] + n[2]));
+                (*points)[n] = point(p[0] + 0.1 * p[1] * p[2], p[1] - 0.2 * p[0] * p[2], p[2] + 0.1 * p[0]);
+                (*values)[n] = field(p[0], p[1], p[2]);
+            } while (n.advance(size));
+            const auto name = "block" + std::to_string(block);
+            regular.setField("f", values,
+                             haveOffsets ? regular.addBlock(name, points, place) : regular.addBlock(name, points));
+        }
+    }
+    Hestra::StrongPtr<Slice> slice = Hestra::makeRef<Slice>();
+    RegularGrid3D regular{slice->newGrid("blocks")};
+};
+
+void EightBlocks(benchmark::State& state) {
+    const Threads threads(state);
+    const auto knowledge = static_cast<Knowledge>(state.range(1));
+    static const Blocks without(false), with(true);
+    const Blocks& blocks = knowledge == Offsets ? with : without;
+    SurfaceOptions options;
+    options.joinBlocks = knowledge == Joins || knowledge == JoinsToBeFound;
+    Hestra::Ageable request;
+    const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
+    index_t vertices = 0;
+    const auto memory = [] { return double(mallinfo2().uordblks + mallinfo2().hblkhd); };
+    blocks.slice->remove("surface");
+    blocks.regular.positions()->removeInterface(typeid(BlockJoins));
+    const double before = memory();
+    for (auto _ : state) {
+        if (knowledge == JoinsToBeFound) blocks.regular.positions()->touch();
+        request.touch();
+        const auto surface =
+            ComputeIsosurface(0.5, request, *blocks.regular.grid(), "f", *blocks.slice, "surface", 0.0, options);
+        vertices = surface->CartesianPositions()->getData()->nElements();
+    }
+    state.counters["vertices"] = double(vertices);
+    state.counters["keptMB"] = (memory() - before) / 1e6; // the surface, and what is newly known of the blocks
+}
+BENCHMARK(EightBlocks)
+    ->ArgNames({"threads", "known"})
+    ->ArgsProduct({{1, 2}, {None, Offsets, Joins, JoinsToBeFound}})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace

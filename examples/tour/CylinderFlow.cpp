@@ -155,7 +155,7 @@ DataSet makeCylinderFlow(const RingCells& cells) {
     data.level = -0.6;
     data.colourField = "potential";
     data.hasVelocity = true;
-    data.remarks = {"neighbouring blocks share vertices; where the ring closes, they are doubled"};
+    data.remarks = {"neighbouring blocks share vertices, also where the ring closes"};
 
     const auto scalar = [](const std::string& name, const Space::point& p) {
         if (name == "speed") return CylinderFlow::speed(p);

@@ -41,8 +41,8 @@ struct RingCells {
 ///
 /// Neighbouring blocks share the vertices of their common face: same place in the index space, same coordinates. The
 /// ring closes, but the index space does not: the last face of the last block has other indices than the first face of
-/// the first block, though the same coordinates to the last bit. What is merged by index, as vertices of isosurfaces,
-/// stays doubled there, and only there.
+/// the first block, though the same coordinates to the last bit. What is merged by index stays doubled there, and only
+/// there; joins close it.
 class Ring {
 public:
     explicit Ring(const RingCells& cells) : cells_(cells) {}

@@ -56,6 +56,7 @@ const std::map<std::string, Store>& optionsWithValue() {
          }},
         {"--resolution", [](Options& o, const std::string& n,
                             const std::string& v) { o.resolution = number(n, v, kMinResolution, kMaxResolution); }},
+        {"--cut", [](Options& o, const std::string& n, const std::string& v) { o.cut = number(n, v, 1, kMaxCut); }},
         {"--threads",
          [](Options& o, const std::string& n, const std::string& v) { o.threads = number(n, v, 1, kMaxThreads); }},
         {"--output",
@@ -119,6 +120,7 @@ Options parseOptions(std::span<const char* const> arguments) {
     if (!files.empty()) options.gridFile = files[0];
     if (files.size() == 2) options.solutionFile = files[1];
     if (formGiven && files.empty()) throw UsageError("the form of PLOT3D files is stated, but no file is given");
+    if (options.cut > 0 && files.empty()) throw UsageError("--cut: no grid is given");
     if (ratioGiven && files.size() < 2) throw UsageError("--heat-ratio: no solution is given");
     if (options.quick && !resolutionGiven) options.resolution = kQuickResolution;
     return options;
@@ -134,6 +136,7 @@ Without files, the potential flow past a cylinder, whose exact values are known;
   --field NAME       the scalar field to look at
   --level VALUE      the value on the isosurface
   --heat-ratio R     ratio of the heat capacities of the gas, for its pressure (default 1.4, that of air)
+  --cut N            cut the grid into N blocks, turned and mirrored by chance
   --resolution N     positions of the uniform grid along its longest axis (default 80)
   --quick            coarse blocks and a coarse uniform grid
   --threads N        threads (default: as many as OpenMP takes)

@@ -27,6 +27,7 @@ struct Options {
     double heatRatio = 1.4;      ///< Of the heat capacities of the gas, at constant pressure and constant volume.
     int resolution = 80;         ///< Positions of the uniform grid along its longest axis.
     bool quick = false;          ///< A coarse ring of blocks.
+    int cut = 0;                 ///< Blocks to cut the grid of a file into; 0: as it is.
     int threads = 0;             ///< 0: as many as OpenMP takes.
     std::filesystem::path output = "tour-output";
     bool help = false;
@@ -36,6 +37,7 @@ inline constexpr int kMinResolution = 3;
 inline constexpr int kMaxResolution = 512;
 inline constexpr int kQuickResolution = 24;
 inline constexpr int kMaxThreads = 256;
+inline constexpr int kMaxCut = 1000;
 
 /// Values follow their option as the next argument or behind "="; "--" ends the options.
 ///

@@ -1,5 +1,6 @@
 #include "Plot3DFlow.hpp"
 
+#include "CutGrid.hpp"
 #include "Plot3DBlocks.hpp"
 #include "Report.hpp"
 
@@ -56,6 +57,11 @@ void checkPlaces(const std::filesystem::path& file, const std::string& name, con
                             name + ", vertex (" + index(1, ni) + ", " + index(row, nj) + ", " + index(layer, nk) + ")",
                             std::string(axis) + " is " + number(values[n]) + ", which is no place in space");
         }
+}
+
+std::string nameOf(std::size_t block) {
+    std::string name = "block";
+    return name += std::to_string(block + 1);
 }
 
 bool hasCells(const Plot3DBlock& block) {
@@ -117,9 +123,10 @@ Mesh wallsOf(const MemArray<3, Space::point>& positions, const std::vector<Space
 
 DataSet readPlot3DFlow(const Options& options) {
     const std::filesystem::path& file = *options.gridFile;
-    const Plot3DGrid grid = readPlot3DGrid(file, options.form);
+    Plot3DGrid grid = readPlot3DGrid(file, options.form);
     std::optional<Plot3DSolution> solution;
     if (options.solutionFile) solution = readPlot3DSolution(*options.solutionFile, grid, options.form);
+    for (std::size_t b = 0; b < grid.blocks.size(); ++b) checkPlaces(file, nameOf(b), grid.blocks[b]);
 
     DataSet data;
     data.title = "PLOT3D grid " + oneLine(file.filename().string());
@@ -129,6 +136,12 @@ DataSet readPlot3DFlow(const Options& options) {
         data.remarks.push_back("solution: " + describe(solution->form));
         data.remarks.push_back("pressure: for a gas whose heat capacities have a ratio of " +
                                number(options.heatRatio));
+    }
+    if (options.cut > 0) {
+        const std::size_t before = grid.blocks.size();
+        cutGrid(grid, solution ? &*solution : nullptr, static_cast<std::size_t>(options.cut));
+        data.remarks.push_back("cut: from " + count(before) + " into " + count(grid.blocks.size()) +
+                               " blocks, turned and mirrored by chance");
     }
     if (std::none_of(grid.blocks.begin(), grid.blocks.end(), hasCells))
         throw FileError(file, "extents", "no block has cells, which take two vertices along each axis");
@@ -143,9 +156,7 @@ DataSet readPlot3DFlow(const Options& options) {
         const Plot3DBlock& block = grid.blocks[b];
         const MultiIndex<3> size{static_cast<index_t>(block.extents[0]), static_cast<index_t>(block.extents[1]),
                                  static_cast<index_t>(block.extents[2])};
-        std::string name = "block";
-        name += std::to_string(b + 1);
-        checkPlaces(file, name, block);
+        const std::string name = nameOf(b);
         BlockFields fields = solution ? fieldsOf(solution->blocks[b], options.heatRatio) : fieldsOf(block);
         std::size_t odd = 0;
         std::vector<unsigned char> counting = verticesThatCount(block, fields, odd);

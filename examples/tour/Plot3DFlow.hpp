@@ -12,7 +12,7 @@ inline constexpr double kFarthest = 1e100; ///< From the origin, along each axis
 ///
 /// Coordinates  finite, and not farther than kFarthest.
 /// Fields       of a solution: density, energy, pressure, speed (scalars) and velocity (vector); of a grid alone: x,
-///              y, z. Blocks have no common index space; they share no vertices, even where they touch.
+///              y, z. Blocks have no common index space: where they touch, joins tell.
 /// Blanking     vertices that do not count, blanked or with a value that is not finite, keep their place. Fields have
 ///              the least value of the others there, so that ranges are those of the others; `blanked` names them. A
 ///              block of nothing else is left out.

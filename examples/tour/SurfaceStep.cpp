@@ -1,7 +1,6 @@
 #include "Steps.hpp"
 #include "io/Progress.hpp"
 
-#include <baseop/GridEvaluator.hpp>
 #include <baseop/Isosurface.hpp>
 #include <dataset/io/Vtk.hpp>
 
@@ -17,7 +16,7 @@ using namespace Vantle;
 namespace {
 
 // Points and triangles, for files and pictures.
-Mesh meshOf(const TriangularSurfaceWithEdges& surface) {
+Mesh meshOf(const TriangularSurface& surface) {
     Mesh mesh;
     for (index_t n = 0; n < surface.points()->nElements(); ++n) {
         const Space::point& p = surface.points()->element(n);
@@ -30,20 +29,12 @@ Mesh meshOf(const TriangularSurfaceWithEdges& surface) {
     return mesh;
 }
 
-// Another field of the flow on the points of a surface; NaN where they are not found.
-std::vector<double> valuesOn(const TriangularSurfaceWithEdges& grid, const DataSet& data, const std::string& name) {
+// Another field of the flow on the points of a surface: between the vertices that each point lies between.
+std::vector<double> valuesOn(const TriangularSurface& grid, const DataSet& data, const std::string& name) {
+    const auto known =
+        Hestra::dynamicCast<MemArray<1, double>>(EvalFieldOnIsosurface(*grid.grid(), *data.grid.field(name)));
     std::vector<double> values(grid.points()->nElements(), std::numeric_limits<double>::quiet_NaN());
-    GridEvaluator evaluator;
-    GridEvaluator::Context context;
-    context.slice = data.slice;
-    context.grid = data.grid.grid();
-    context.cellLocator = CellLocator::Exact; // the points lie on the edges of cells
-    if (values.empty() || !evaluator.find(grid.points(), *data.grid.positions(), context)) return values;
-    const auto found =
-        Hestra::dynamicCast<MemArray<1, double>>(evaluator.evalKnownDataTypes(grid.points(), *data.grid.field(name)));
-    if (!found) return values;
-    for (std::size_t n = 0; n < values.size(); ++n)
-        if (evaluator.statuses()->element(n) == GridEvaluator::Located) values[n] = found->element(n);
+    for (std::size_t n = 0; known && n < values.size(); ++n) values[n] = known->element(n);
     return values;
 }
 
@@ -62,12 +53,15 @@ void extractSurface(const Tour& tour) {
     const std::string what = data.field + " = " + number(level, 6);
     report.section("Isosurface " + what);
 
+    SurfaceOptions options;
+    options.joinBlocks = true;
+    options.keepEdges = true;
     Stopwatch watch;
-    TriangularSurfaceWithEdges grid;
+    TriangularSurface grid;
     {
         const Progress progress("isosurface");
-        grid = TriangularSurfaceWithEdges(
-            ComputeIsosurface(level, Hestra::Ageable(), *data.grid.grid(), data.field, *data.slice, "isosurface", 0.0));
+        grid = TriangularSurface(ComputeIsosurface(level, Hestra::Ageable(), *data.grid.grid(), data.field, *data.slice,
+                                                   "isosurface", 0.0, options));
     }
     const double seconds = watch.lap();
     const Mesh mesh = meshOf(grid);
@@ -84,9 +78,7 @@ void extractSurface(const Tour& tour) {
         watch.lap();
         values = valuesOn(grid, data, data.colourField);
     }
-    const auto lost = std::count_if(values.begin(), values.end(), [](double value) { return std::isnan(value); });
-    report.row("coloured by", data.colourField + (lost > 0 ? ", unknown at " + count(static_cast<index_t>(lost)) : ""),
-               watch.lap());
+    report.row("coloured by", data.colourField, watch.lap());
 
     const std::array<VtkArray, 1> arrays = {VtkArray{data.colourField, std::span<const double>(values)}};
     writeVtp(tour.file("surface.vtp"), mesh.points, mesh.triangles, arrays, {.compress = false});

@@ -1,6 +1,7 @@
 #include "Steps.hpp"
 #include "io/Progress.hpp"
 
+#include <baseop/BlockJoins.hpp>
 #include <baseop/FragmentSkeleton.hpp>
 #include <baseop/ValidData.hpp>
 
@@ -14,6 +15,7 @@ using namespace Vantle;
 namespace {
 
 constexpr index_t kFragmentsListed = 12;
+constexpr std::size_t kDoubtsListed = 5;
 
 std::string text(const Space::point& p) {
     std::string numbers("(");
@@ -59,6 +61,14 @@ void survey(const Tour& tour) {
     fragments.buildFragmentCoordinates();
     const index_t total = data.grid.positions()->nFragments();
     report.row("fragments", count(total), watch.lap());
+
+    const auto joins = BlockJoins::of(*data.grid.grid());
+    report.row("joins",
+               count(joins->joins().size()) + " found in " + count(joins->blocks()) + " blocks, " +
+                   count(joins->doubtful().size()) + " doubtful faces",
+               watch.lap());
+    for (std::size_t n = 0; n < std::min<std::size_t>(joins->doubtful().size(), kDoubtsListed); ++n)
+        report.line("    " + joins->doubtful()[n].reason);
 
     report.columns({"  name", "vertices", data.field, "box"});
     for (index_t n = 0; n < std::min(total, kFragmentsListed); ++n) {

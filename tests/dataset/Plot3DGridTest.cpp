@@ -1,5 +1,6 @@
 // Grids made of PLOT3D files: read when they are needed, under a budget, from several threads, from files that change.
 
+#include <baseop/ExpandBBox.hpp>
 #include <baseop/Isosurface.hpp>
 #include <dataset/Files.hpp>
 #include <model/Model.hpp>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <string>
 #include <support/Plot3DFile.hpp>
+#include <support/VtkFile.hpp>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -124,12 +126,32 @@ TEST_F(Plot3DGridTest, EverythingIsReadWhenItIsAskedFor) {
 
     const RegularGrid3D doubled{Hestra::makeRef<Grid>()};
     const auto file = Plot3DFile::openGrid(folder / "grid");
-    auto again = addPlot3DGrid(*doubled.grid(), file, {.cache = cache, .doubles = true});
+    auto again = addPlot3DGrid(*doubled.grid(), file, {.cache = cache, .precision = Plot3DPrecision::Doubles});
     (void)addPlot3DFields(again, Plot3DFile::openSolution(folder / "flow", file),
-                          {.cache = cache, .doubles = true, .heatRatio = 2.0});
+                          {.cache = cache, .precision = Plot3DPrecision::Doubles, .heatRatio = 2.0});
     expectValues<double>(*again.field("density"), at(density));
     expectValues<double>(*again.field("pressure"),
                          at([](const point& p) { return energy(p) - 0.5 * density(p) * normSquared(velocity(p)); }));
+}
+
+// Half the memory for everything, and what operations make of it.
+TEST_F(Plot3DGridTest, EverythingInSinglePrecision) {
+    const RegularGrid3D flow = open({.cache = cache, .precision = Plot3DPrecision::AsStored});
+    expectValues<FloatPoint>(*flow.positions(), [](int b, std::size_t n) {
+        const point p = place(b, n);
+        return FloatPoint(float(p[0]), float(p[1]), float(p[2]));
+    });
+    EXPECT_EQ(cache->bytes(), kBlocks * kVertices * sizeof(FloatPoint));
+    expectValues<FloatVector>(*flow.field("velocity"), [](int b, std::size_t n) {
+        const vector v = velocity(place(b, n));
+        return FloatVector(float(v[0]), float(v[1]), float(v[2]));
+    });
+    EXPECT_EQ(getBoundingBox(flow.positions())->maxCoord(), place(kBlocks - 1, kVertices - 1));
+    writeVtk(folder / "flow.vtm", *grid, {"momentum"}, {.compress = false});
+    const support::VtkFile written(folder / "flow" / "flow_4.vts");
+    const auto points = written.values<float>("Points");
+    ASSERT_EQ(points.size(), 3 * kVertices);
+    EXPECT_EQ(points[3 * 100], float(place(4, 100)[0]));
 }
 
 // Room for two blocks: what is dropped is read again, by many threads at once, and always the same.

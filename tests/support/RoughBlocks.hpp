@@ -82,24 +82,46 @@ inline std::vector<RoughBlock> roughBlocks() {
     return all;
 }
 
+/// Big-endian words of one of the files of the blunt fin, read one after the other.
+class BluntFinFile {
+public:
+    BluntFinFile(const std::string& folder, const std::string& name)
+        : myName(folder + "/" + name), myFile(myName, std::ios::binary) {
+        for (int d = 0; d < 3; ++d) mySize[d] = word();
+        if (mySize.product() > 1000000) throw std::runtime_error(myName + " is another file");
+    }
+    [[nodiscard]] const Vantle::MultiIndex<3>& size() const { return mySize; }
+    double number() { return static_cast<double>(std::bit_cast<float>(word())); }
+
+private:
+    std::uint32_t word() {
+        unsigned char bytes[4] = {};
+        if (!myFile.read(reinterpret_cast<char*>(bytes), 4)) throw std::runtime_error(myName + " is missing or cut");
+        return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
+    }
+
+    std::string myName;
+    std::ifstream myFile;
+    Vantle::MultiIndex<3> mySize;
+};
+
 /// The blunt fin from the folder of real data; null when the name of the folder is empty.
 inline BlockPtr bluntFin(const std::string& folder) {
     if (folder.empty()) return nullptr;
-    std::ifstream file(folder + "/bluntfinxyz.bin", std::ios::binary);
-    const auto word = [&] {
-        unsigned char bytes[4] = {};
-        file.read(reinterpret_cast<char*>(bytes), 4);
-        return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 | bytes[3];
-    };
-    Vantle::MultiIndex<3> n;
-    for (int d = 0; d < 3; ++d) n[d] = word();
-    if (!file || n.product() > 1000000) throw std::runtime_error(folder + " has no bluntfinxyz.bin, or another one");
-    const auto block = Block::create(n);
+    BluntFinFile file(folder, "bluntfinxyz.bin");
+    const auto block = Block::create(file.size());
     for (int d = 0; d < 3; ++d)
-        for (Vantle::index_t i = 0; i < n.product(); ++i)
-            block->element(i)[d] = static_cast<double>(std::bit_cast<float>(word()));
-    if (!file) throw std::runtime_error(folder + "/bluntfinxyz.bin is cut");
+        for (Vantle::index_t i = 0; i < block->nElements(); ++i) block->element(i)[d] = file.number();
     return block;
+}
+
+/// Its density.
+inline Hestra::StrongPtr<Vantle::MemArray<3, double>> bluntFinDensity(const std::string& folder) {
+    BluntFinFile file(folder, "bluntfinq.bin");
+    const auto density = Vantle::MemArray<3, double>::create(file.size());
+    for (int stream = 0; stream < 4; ++stream) file.number();
+    for (Vantle::index_t i = 0; i < density->nElements(); ++i) density->element(i) = file.number();
+    return density;
 }
 
 /// Random points in and around the box of a block's numbers, and some of its vertices, centres of faces and centres.

@@ -51,9 +51,9 @@ bool sameBits(const A& a, const B& b) {
                       [](const auto& p, const auto& q) { return sameBits(p, q); });
 }
 
-/// Number of edges between triangles that are not used exactly twice, once in either direction. 0 for a closed surface
-/// whose triangles all show the same side.
-inline std::size_t openEdges(const std::vector<Vantle::TriangleCell>& triangles) {
+/// How often each edge between triangles, lower vertex first, is used forward and backward.
+inline std::map<std::pair<unsigned int, unsigned int>, std::pair<int, int>>
+edgeUses(const std::vector<Vantle::TriangleCell>& triangles) {
     std::map<std::pair<unsigned int, unsigned int>, std::pair<int, int>> uses;
     for (const auto& triangle : triangles)
         for (int c = 0; c < 3; ++c) {
@@ -61,6 +61,13 @@ inline std::size_t openEdges(const std::vector<Vantle::TriangleCell>& triangles)
             auto& [forward, backward] = uses[std::minmax(a, b)];
             ++(a < b ? forward : backward);
         }
+    return uses;
+}
+
+/// Number of edges between triangles that are not used exactly twice, once in either direction. 0 for a closed surface
+/// whose triangles all show the same side.
+inline std::size_t openEdges(const std::vector<Vantle::TriangleCell>& triangles) {
+    const auto uses = edgeUses(triangles);
     return static_cast<std::size_t>(std::count_if(
         uses.begin(), uses.end(), [](const auto& edge) { return edge.second != std::pair<int, int>(1, 1); }));
 }

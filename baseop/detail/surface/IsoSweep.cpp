@@ -89,30 +89,45 @@ constexpr auto makeSharedEdges() {
 }
 constexpr std::array<std::uint16_t, 512> SharedEdges = makeSharedEdges();
 
-/// Which earlier neighbours the 64 cells of a word have: a word for each of `Neighbours`.
+/// Which earlier neighbours the 64 cells of a word have: a word for each of `Neighbours`, unless all have all.
 struct NeighbourWords {
     /// Of the cells from 64 * `word` on in row (j, k).
     NeighbourWords(const BlockMask& mask, std::size_t j, std::size_t k, std::size_t word) noexcept {
+        constexpr std::uint64_t all = ~std::uint64_t{0};
         const MultiIndex<3>& cells = mask.cells();
         const std::size_t words = mask.rowWords();
-        const std::uint64_t lastCell = word + 1 == words ? std::uint64_t{1} << ((cells[0] - 1) % 64) : 0;
-        for (std::size_t n = 0; n < 9; ++n) {
-            const auto y = static_cast<index_t>(static_cast<std::ptrdiff_t>(j) + Neighbours[n][1]);
-            const auto z = static_cast<index_t>(static_cast<std::ptrdiff_t>(k) + Neighbours[n][2]);
-            if (y >= cells[1] || z >= cells[2]) continue; // where there are no cells, the tables know
-            const std::uint64_t* const row = mask.cellRow(y, z);
-            std::uint64_t outside = 0;
-            if (Neighbours[n][0] == 0) {
-                valid[n] = row[word];
-            } else if (Neighbours[n][0] < 0) {
-                valid[n] = row[word] << 1 | (word > 0 ? row[word - 1] >> 63 : 0);
-                outside = word == 0 ? 1 : 0;
-            } else {
-                valid[n] = row[word] >> 1 | (word + 1 < words ? row[word + 1] << 63 : 0);
-                outside = lastCell;
-            }
-            missing |= ~(valid[n] | outside);
-        }
+        const bool isFirst = word == 0, isLast = word + 1 == words;
+        const std::uint64_t behind = isLast && cells[0] % 64 != 0 ? all << (cells[0] % 64) : 0;
+        const std::uint64_t firstCell = isFirst ? 1 : 0;
+        const std::uint64_t lastCell = isLast ? std::uint64_t{1} << ((cells[0] - 1) % 64) : 0;
+        // Of each row, the cells at i, and those at i - 1 and i + 1. Where there are none, the tables know.
+        struct Row {
+            std::uint64_t at = 0, before = 0, after = 0;
+        };
+        const auto load = [&](bool isThere, std::size_t y, std::size_t z) {
+            Row row;
+            if (!isThere) return row;
+            const std::uint64_t* const bits = mask.cellRow(y, z) + word;
+            row.at = *bits;
+            row.before = *bits << 1 | (isFirst ? 0 : bits[-1] >> 63);
+            row.after = *bits >> 1 | (isLast ? 0 : bits[1] << 63);
+            return row;
+        };
+        const bool isBeside = j > 0, isAbove = k > 0;
+        const Row row = load(true, j, k), beside = load(isBeside, j - 1, k), below = load(isAbove, j, k - 1);
+        const Row diagonal = load(isBeside && isAbove, j - 1, k - 1),
+                  other = load(isAbove && j + 1 < cells[1], j + 1, k - 1);
+        const auto sides = [&](const Row& r) { return ~((r.before | firstCell) & (r.after | lastCell)); };
+        missing = ~(row.before | firstCell);
+        if (isBeside) missing |= ~beside.at | sides(beside);
+        if (isAbove) missing |= ~below.at | sides(below);
+        if (isBeside && isAbove) missing |= ~diagonal.at;
+        if (isAbove && j + 1 < cells[1]) missing |= ~other.at;
+        missing &= ~behind;
+        if (missing == 0) return;
+        const std::uint64_t found[9] = {row.before,   beside.at,   beside.before, beside.after, below.at,
+                                        below.before, below.after, diagonal.at,   other.at};
+        std::copy_n(found, 9, valid);
     }
     [[nodiscard]] unsigned of(int cell) const noexcept {
         unsigned found = 0;
@@ -120,8 +135,8 @@ struct NeighbourWords {
         return found;
     }
 
-    std::uint64_t valid[9] = {};
-    std::uint64_t missing = 0; ///< Cells with a neighbour that is blanked; without meaning behind the last cell.
+    std::uint64_t missing = 0; ///< Cells with a neighbour that is blanked.
+    std::uint64_t valid[9];    ///< Set if any is missing.
 };
 
 /// The classified vertices of four rows around a row of cells, for 64 cells and the vertex after the last.

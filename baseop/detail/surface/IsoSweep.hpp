@@ -75,6 +75,10 @@ struct StoredPositions {
         const Point& upper = points[(linear + step[static_cast<std::size_t>(axis)]) * stride];
         return lower + weight * (upper - lower);
     }
+    /// The position of the vertex with this index.
+    [[nodiscard]] Point at(index_t linear, const MultiIndex<3>&) const noexcept {
+        return points[static_cast<std::size_t>(linear) * stride];
+    }
 };
 
 /// Positions that are the direct product of three lists.
@@ -89,6 +93,12 @@ struct ProductPositions {
         Point upper = lower;
         upper[axis] = axes[static_cast<std::size_t>(axis)][at[static_cast<std::size_t>(axis)] + 1];
         return lower + weight * (upper - lower);
+    }
+    [[nodiscard]] Point at(index_t linear, const MultiIndex<3>& size) const noexcept {
+        const MultiIndex<3> vertex = MultiIndex<3>::fromLinear(linear, size);
+        Point p;
+        for (int d = 0; d < 3; ++d) p[d] = axes[static_cast<std::size_t>(d)][static_cast<std::size_t>(vertex[d])];
+        return p;
     }
 };
 

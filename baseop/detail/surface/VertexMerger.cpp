@@ -1,69 +1,71 @@
-#include <baseop/detail/surface/EvalVertexFieldOnEdges.hpp>
 #include <baseop/detail/surface/VertexMerger.hpp>
 
 namespace Vantle::detail {
 
-bool VertexMerger::Box::touches(const Box& other) const noexcept {
-    for (int d = 0; d < 3; ++d)
-        if (low[d] > other.high[d] || other.low[d] > high[d]) return false;
-    return true;
+namespace {
+
+void keep(const SurfaceArrays& surface, std::size_t vertex, std::size_t place) {
+    surface.identifiers[place] = surface.identifiers[vertex];
+    surface.weights[place] = surface.weights[vertex];
+    surface.points[place] = surface.points[vertex];
 }
 
-bool VertexMerger::Box::overlaps(const Box& other) const noexcept {
-    for (int d = 0; d < 3; ++d)
-        if (low[d] >= other.high[d] || other.low[d] >= high[d]) return false;
-    return true;
+void shrink(const SurfaceArrays& surface, std::size_t vertices) {
+    surface.identifiers.resize(vertices);
+    surface.weights.resize(vertices);
+    surface.points.resize(vertices);
 }
 
-bool VertexMerger::Box::hasOnFace(index_t identifier) const {
-    const GridEdge edge = findEdge(identifier, MultiIndex<3>::filled(Vertices));
-    for (int d = 0; d < 3; ++d)
-        if (d != edge.axis && (edge.lower[d] == low[d] || edge.lower[d] == high[d])) return true;
-    return false;
-}
+} // namespace
 
-void VertexMerger::merge(const SurfaceArrays& surface, const MultiIndex<3>& place, const MultiIndex<3>& size,
-                         std::size_t firstVertex, std::size_t firstTriangle) {
-    const std::vector<index_t>& identifiers = surface.identifiers;
-    Box box{place, place + size - 1, firstVertex, firstVertex, false};
-    bool touches = false;
-    for (Box& other : myBoxes) {
-        touches |= other.touches(box);
-        if (!other.overlaps(box)) continue;
-        box.isComplete = true;
-        if (other.isComplete) continue;
-        other.isComplete = true;
-        for (std::size_t v = other.firstVertex; v < other.endVertex; ++v) myVertices.insert(identifiers[v], v);
+template<class Name>
+void VertexMerger<Name>::merge(const SurfaceArrays& surface, std::size_t firstVertex, std::size_t firstTriangle,
+                               const std::vector<Named>& named) {
+    if (named.empty()) return;
+    const std::size_t end = surface.identifiers.size();
+    std::vector<unsigned int> merged(end - firstVertex);
+    std::size_t kept = firstVertex;
+    auto next = named.begin();
+    for (std::size_t v = firstVertex; v < end; ++v) {
+        std::size_t stands = kept;
+        if (next != named.end() && next->vertex == v)
+            stands = static_cast<std::size_t>(myVertices.findOrInsert((next++)->edge, kept));
+        if (stands == kept) keep(surface, v, kept++);
+        merged[v - firstVertex] = static_cast<unsigned int>(stands);
     }
-    if (touches) join(surface, box, firstTriangle);
-    box.endVertex = identifiers.size();
-    for (std::size_t v = firstVertex; v < box.endVertex; ++v)
-        if (box.isComplete || box.hasOnFace(identifiers[v])) myVertices.insert(identifiers[v], v);
-    myBoxes.push_back(box);
+    if (kept == end) return;
+    shrink(surface, kept);
+
+    std::vector<TriangleCell>& triangles = surface.triangles;
+    std::size_t last = firstTriangle;
+    for (std::size_t t = firstTriangle; t < triangles.size(); ++t) {
+        TriangleCell triangle = triangles[t];
+        for (int c = 0; c < 3; ++c) triangle[c] = merged[triangle[c] - static_cast<unsigned int>(firstVertex)];
+        if (triangle[0] == triangle[1] || triangle[1] == triangle[2] || triangle[2] == triangle[0]) continue;
+        triangles[last++] = triangle;
+    }
+    myDroppedFlag |= last != triangles.size();
+    triangles.resize(last);
 }
 
-void VertexMerger::join(const SurfaceArrays& surface, const Box& box, std::size_t firstTriangle) const {
-    auto& [identifiers, weights, points, triangles] = surface;
-    std::vector<unsigned int> joined(identifiers.size() - box.firstVertex);
-    std::size_t kept = box.firstVertex;
-    for (std::size_t v = box.firstVertex; v < identifiers.size(); ++v) {
-        index_t known = VertexTable::None;
-        if (box.isComplete || box.hasOnFace(identifiers[v])) known = myVertices.find(identifiers[v]);
-        if (known == VertexTable::None) {
-            known = kept;
-            identifiers[kept] = identifiers[v];
-            weights[kept] = weights[v];
-            points[kept++] = points[v];
-        }
-        joined[v - box.firstVertex] = static_cast<unsigned int>(known);
+template class VertexMerger<index_t>;
+template class VertexMerger<EndsOfEdge>;
+
+void removeUnused(const SurfaceArrays& surface, const std::vector<std::size_t*>& ends) {
+    std::vector<unsigned int> number(surface.identifiers.size());
+    for (const TriangleCell& triangle : surface.triangles)
+        for (int c = 0; c < 3; ++c) number[triangle[c]] = 1;
+    std::size_t kept = 0;
+    auto end = ends.begin();
+    for (std::size_t v = 0; v <= number.size(); ++v) {
+        for (; end != ends.end() && **end == v; ++end) **end = kept;
+        if (v == number.size() || number[v] == 0) continue;
+        keep(surface, v, kept);
+        number[v] = static_cast<unsigned int>(kept++);
     }
-    if (kept == identifiers.size()) return;
-    identifiers.resize(kept);
-    weights.resize(kept);
-    points.resize(kept);
-    for (std::size_t t = firstTriangle; t < triangles.size(); ++t)
-        for (int c = 0; c < 3; ++c)
-            triangles[t][c] = joined[triangles[t][c] - static_cast<unsigned int>(box.firstVertex)];
+    shrink(surface, kept);
+    for (TriangleCell& triangle : surface.triangles)
+        for (int c = 0; c < 3; ++c) triangle[c] = number[triangle[c]];
 }
 
 } // namespace Vantle::detail

@@ -1,5 +1,5 @@
 #pragma once
-/// Joins the surfaces of fragments of one index space: equal edges of the grid carry one vertex.
+/// Merges the surfaces of fragments: edges of the same name carry one vertex.
 
 #include <baseop/detail/surface/VertexTable.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
@@ -18,38 +18,36 @@ struct SurfaceArrays {
     std::vector<TriangleCell>& triangles;
 };
 
-/// Finds vertices that fragments have in common, whose edges are named by their place in the index space of the whole
-/// grid: as on a lattice of `Vertices` vertices along each axis.
-///
-/// Remembers vertices that a further fragment may have too: those on the faces of fragments, and all of a fragment
-/// once another one overlaps its inside. The rest, nearly all, is never looked up.
+/// Makes one vertex of those on edges of one name, however edges are named: `PlacedBlocks` and `JoinedBlocks` say which
+/// vertices others may have too, and how their edges are called. The rest, nearly all, is never looked up.
+template<class Name>
 class VertexMerger {
 public:
-    static constexpr index_t Vertices = index_t{1} << 20;
-
-    /// Joins the vertices from `firstVertex` on, those of a new fragment, with what is there, and corrects its
-    /// triangles, which begin at `firstTriangle`. `place` is the fragment's first vertex on the lattice, `size` its
-    /// extents.
-    void merge(const SurfaceArrays& surface, const MultiIndex<3>& place, const MultiIndex<3>& size,
-               std::size_t firstVertex, std::size_t firstTriangle);
-
-private:
-    /// Where a fragment lies, ends included, and which vertices it brought.
-    struct Box {
-        MultiIndex<3> low, high;
-        std::size_t firstVertex, endVertex;
-        bool isComplete; // whether all these vertices are remembered
-
-        [[nodiscard]] bool touches(const Box& other) const noexcept;
-        /// Whether the boxes have more in common than faces.
-        [[nodiscard]] bool overlaps(const Box& other) const noexcept;
-        [[nodiscard]] bool hasOnFace(index_t identifier) const;
+    struct Named {
+        std::size_t vertex;
+        Name edge;
     };
 
-    void join(const SurfaceArrays& surface, const Box& box, std::size_t firstTriangle) const;
+    /// Merges the vertices from `firstVertex` on, those of a new fragment, with each other and with what is there, and
+    /// corrects its triangles, which begin at `firstTriangle`: those of which two corners became one are dropped.
+    ///
+    /// @param named  ascending by vertex.
+    void merge(const SurfaceArrays& surface, std::size_t firstVertex, std::size_t firstTriangle,
+               const std::vector<Named>& named);
+    /// Enters a vertex of an earlier fragment.
+    void remember(const Named& named) { myVertices.findOrInsert(named.edge, named.vertex); }
+    /// Whether triangles were dropped, so that there may be vertices without any.
+    [[nodiscard]] bool hasDropped() const noexcept { return myDroppedFlag; }
 
-    std::vector<Box> myBoxes;
-    VertexTable myVertices;
+private:
+    VertexTable<Name> myVertices;
+    bool myDroppedFlag = false;
 };
+
+extern template class VertexMerger<index_t>;
+extern template class VertexMerger<EndsOfEdge>;
+
+/// Removes the vertices that no triangle uses; `ends` are places in the sequence of vertices, which move along.
+void removeUnused(const SurfaceArrays& surface, const std::vector<std::size_t*>& ends);
 
 } // namespace Vantle::detail
