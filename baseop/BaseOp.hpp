@@ -22,3 +22,4 @@
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/UniformCell.hpp>
 #include <baseop/UniformInterpolation.hpp>
+#include <baseop/WorldDerivative.hpp>

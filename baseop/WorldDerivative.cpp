@@ -1,0 +1,648 @@
+#include <baseop/WorldDerivative.hpp>
+#include <baseop/detail/FragmentCoordinates.hpp>
+#include <baseop/detail/RowResult.hpp>
+#include <baseop/detail/WorldStencil.hpp>
+#include <model/hestra/Profiler.hpp>
+#include <model/vantle/Derived.hpp>
+#include <model/vantle/Representation.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+namespace Vantle {
+
+using detail::FragmentCoordinates;
+using Hestra::Freshness;
+using Hestra::Ref;
+using Hestra::StrongPtr;
+using Hestra::WeakPtr;
+using Orvix::PhysicalSpace;
+
+using Tensor = Orvix::Quadratic<3, double>;
+using DerivableTypes = TypeList<double, float, PhysicalSpace::vector>;
+
+namespace {
+
+using Point = ElementStorage<PhysicalSpace::point>;
+
+/// Vertices whose derivatives are found side by side.
+constexpr index_t Lanes = 64;
+
+template<class T>
+constexpr int Components = ElementTraits<T>::components;
+template<class T>
+using Result = std::conditional_t<Components<T> == 1, PhysicalSpace::vector, Tensor>;
+template<class T>
+using Stencils = detail::WorldStencil<Components<T>, static_cast<int>(Lanes)>;
+
+// ------------------------------------------------------------------------------------------------------------ kernels
+
+/// Differences of `count` pairs of elements, which follow each other at a distance of `step`, to lane `lane` and on.
+template<class S>
+[[gnu::always_inline]] inline void subtract(double (*lanes)[Lanes], index_t lane, const S* high, const S* low,
+                                            index_t step, index_t count) noexcept {
+    const auto run = [=](auto distance) __attribute__((always_inline)) {
+        for (index_t n = 0; n < count; ++n)
+            for (int c = 0; c < Components<S>; ++c)
+                lanes[c][lane + n] = static_cast<double>(elementComponent(high[n * distance], c)) -
+                                     static_cast<double>(elementComponent(low[n * distance], c));
+    };
+    if (step == 1)
+        run(std::integral_constant<index_t, 1>());
+    else
+        run(step);
+}
+
+template<class T>
+[[gnu::always_inline]] inline void store(Result<T>& target, const Stencils<T>& stencils, index_t lane) noexcept {
+    for (int c = 0; c < 3 * Components<T>; ++c) target[c] = stencils.result[c][lane];
+}
+
+/// The rows along axis 0 that the differences at one row are made of: itself, and those whose difference is taken along
+/// axes 1 and 2.
+template<class S>
+struct Rows {
+    const S* self;
+    const S *low[2], *high[2];
+
+    /// At row (j, k); `rowAt(j, k, n)` gives the rows, of which n = 0 ... 4 are held at a time.
+    template<class RowAt>
+    Rows(index_t j, index_t k, const MultiIndex<3>& size, const RowAt& rowAt)
+        : self(rowAt(j, k, 0)), low{rowAt(j > 0 ? j - 1 : j, k, 1), rowAt(j, k > 0 ? k - 1 : k, 2)},
+          high{rowAt(j + 1 < size[1] ? j + 1 : j, k, 3), rowAt(j, k + 1 < size[2] ? k + 1 : k, 4)} {}
+
+    /// The differences at vertices `begin` ... `begin` + `count` - 1 of `extent`, those along axis d in d * components.
+    [[gnu::always_inline]] void subtractTo(double (*lanes)[Lanes], index_t begin, index_t count, index_t extent,
+                                           index_t step) const noexcept {
+        const index_t end = begin + count;
+        const index_t first = std::max<index_t>(begin, 1), last = std::min(end, extent - 1);
+        if (begin == 0) subtract(lanes, 0, self + (extent > 1 ? step : 0), self, step, 1);
+        if (first < last)
+            subtract(lanes, first - begin, self + (first + 1) * step, self + (first - 1) * step, step, last - first);
+        if (end == extent && extent > 1)
+            subtract(lanes, count - 1, self + (extent - 1) * step, self + (extent - 2) * step, step, 1);
+        for (int d = 0; d < 2; ++d)
+            subtract(lanes + (d + 1) * Components<S>, 0, high[d] + begin * step, low[d] + begin * step, step, count);
+    }
+};
+
+/// Derivatives at vertices of a row, those of `begin` ... `begin` + `count` - 1 of `extent`.
+template<class T>
+struct Strip {
+    const Rows<Point>& points;
+    const Rows<ElementStorage<T>>& values;
+    index_t pointStep, valueStep;
+    index_t begin, count, extent;
+    unsigned absent; // axes, see `completeEdges`
+
+    [[gnu::always_inline]] void derive(Stencils<T>& stencils, Result<T>* target) const noexcept {
+        points.subtractTo(stencils.edges, begin, count, extent, pointStep);
+        values.subtractTo(stencils.changes, begin, count, extent, valueStep);
+        if (absent) stencils.completeEdges(absent, static_cast<int>(count));
+        stencils.solve(static_cast<int>(count));
+        for (index_t n = 0; n < count; ++n) store<T>(target[begin + n], stencils, n);
+    }
+};
+
+// Wider vectors are chosen at run time. The operations are the same, and so are the results.
+template<class T>
+void deriveNarrow(const Strip<T>& strip, Stencils<T>& stencils, Result<T>* target) noexcept {
+    strip.derive(stencils, target);
+}
+#if defined(__x86_64__) || defined(__i386__)
+template<class T>
+[[gnu::target("avx2")]] void deriveWide(const Strip<T>& strip, Stencils<T>& stencils, Result<T>* target) noexcept {
+    strip.derive(stencils, target);
+}
+template<class T>
+auto chooseKernel() noexcept {
+    return __builtin_cpu_supports("avx2") ? &deriveWide<T> : &deriveNarrow<T>;
+}
+#else
+template<class T>
+auto chooseKernel() noexcept {
+    return &deriveNarrow<T>;
+}
+#endif
+
+unsigned absentAxes(const MultiIndex<3>& size) noexcept {
+    return (size[0] < 2 ? 1U : 0U) | (size[1] < 2 ? 2U : 0U) | (size[2] < 2 ? 4U : 0U);
+}
+
+/// The positions of a block's vertices, of any kind.
+class BlockPositions {
+public:
+    using Axes = std::array<std::vector<double>, 3>;
+
+    BlockPositions() = default;
+    explicit BlockPositions(const StrongPtr<MemBase>& data) : myCoordinates(data) {
+        const auto take = [this](const auto& found) {
+            if constexpr (requires { found->axes(); }) {
+                mySize = found->Size();
+                for (int d = 0; d < 3; ++d)
+                    for (index_t i = 0; i < mySize[d]; ++i)
+                        myAxes[static_cast<std::size_t>(d)].push_back(found->axis(d)[i]);
+                isKnown = true;
+            }
+        };
+        if (const auto* const stored = myCoordinates.curvilinear()) {
+            mySize = stored->Size();
+            myPoints = stored->storage();
+            myStep = stored->stride();
+            isStored = isKnown = true;
+        } else {
+            std::visit(take, myCoordinates.kind);
+        }
+    }
+
+    /// Whether they are positions of a regular block with these extents.
+    [[nodiscard]] bool fits(const MultiIndex<3>& size) const noexcept { return isKnown && mySize == size; }
+    /// The axes of a direct product; null where positions are stored.
+    [[nodiscard]] const Axes* axes() const noexcept { return isStored ? nullptr : &myAxes; }
+    [[nodiscard]] index_t step() const noexcept { return isStored ? myStep : 1; }
+    /// A row along axis 0, made in `place` if it is not stored.
+    [[nodiscard]] const Point* row(index_t j, index_t k, Point* place) const noexcept {
+        if (isStored) return myPoints + (k * mySize[1] + j) * mySize[0] * myStep;
+        for (index_t i = 0; i < mySize[0]; ++i) place[i] = Point(myAxes[0][i], myAxes[1][j], myAxes[2][k]);
+        return place;
+    }
+    [[nodiscard]] PhysicalSpace::point operator[](index_t index) const noexcept {
+        if (isStored) return PhysicalSpace::point(myPoints[index * myStep]);
+        const auto at = MultiIndex<3>::fromLinear(index, mySize);
+        return {myAxes[0][at[0]], myAxes[1][at[1]], myAxes[2][at[2]]};
+    }
+
+private:
+    FragmentCoordinates myCoordinates;
+    MultiIndex<3> mySize;
+    const Point* myPoints = nullptr;
+    index_t myStep = 1;
+    Axes myAxes;
+    bool isKnown = false, isStored = false;
+};
+
+/// What the work at one vertex is worth, in bytes; see `teamFor`.
+template<class T>
+constexpr std::size_t BytesPerVertex = sizeof(Point) + sizeof(T) + 2 * sizeof(Result<T>);
+
+/// In cells of any shape.
+template<class T>
+Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& values, const BlockPositions& positions) {
+    const MultiIndex<3> size = values.Size();
+    const unsigned absent = absentAxes(size);
+    const auto kernel = chooseKernel<T>();
+    const auto fillRows = [&](Result<T>* target, index_t begin, index_t end) {
+        const auto stencils = std::make_unique<Stencils<T>>();
+        std::vector<Point> made(positions.axes() ? static_cast<std::size_t>(5 * size[0]) : 0);
+        for (index_t r = begin; r < end; ++r) {
+            const auto pointsAt = [&](index_t j, index_t k, index_t n) {
+                return positions.row(j, k, made.data() + n * size[0]);
+            };
+            const auto valuesAt = [&](index_t j, index_t k, index_t) {
+                return values.storage() + (k * size[1] + j) * size[0] * values.stride();
+            };
+            const Rows<Point> points(r % size[1], r / size[1], size, pointsAt);
+            const Rows<ElementStorage<T>> row(r % size[1], r / size[1], size, valuesAt);
+            for (index_t i = 0; i < size[0]; i += Lanes)
+                kernel(
+                    {points, row, positions.step(), values.stride(), i, std::min(Lanes, size[0] - i), size[0], absent},
+                    *stencils, target + r * size[0]);
+        }
+    };
+    return detail::makeByRows<Result<T>>(size, BytesPerVertex<T> * size.product(), fillRows);
+}
+
+/// In cells along the axes of space.
+template<class T>
+Ref<ReferencingMemArray<3, Result<T>>> deriveAlongAxes(const MemArray<3, T>& values, const BlockPositions::Axes& axes) {
+    using S = ElementStorage<T>;
+    constexpr int C = Components<T>;
+    const MultiIndex<3> size = values.Size();
+    // What differences are multiplied by; along an axis with one vertex there is no change.
+    std::array<std::vector<double>, 3> perLength;
+    for (std::size_t d = 0; d < 3; ++d)
+        for (index_t i = 0; i < size[d]; ++i) {
+            const double length = axes[d][std::min(i + 1, size[d] - 1)] - axes[d][i > 0 ? i - 1 : 0];
+            perLength[d].push_back(length != 0.0 ? 1.0 / length : std::numeric_limits<double>::quiet_NaN());
+        }
+    const unsigned absent = absentAxes(size);
+    const index_t step = values.stride();
+    const auto fillRows = [&](Result<T>* target, index_t begin, index_t end) {
+        for (index_t r = begin; r < end; ++r) {
+            const index_t j = r % size[1], k = r / size[1];
+            const Rows<S> row(j, k, size, [&](index_t y, index_t z, index_t) {
+                return values.storage() + (z * size[1] + y) * size[0] * step;
+            });
+            for (index_t i = 0; i < size[0]; ++i) {
+                const S* const pairs[3][2] = {
+                    {row.self + (i > 0 ? i - 1 : i) * step, row.self + (i + 1 < size[0] ? i + 1 : i) * step},
+                    {row.low[0] + i * step, row.high[0] + i * step},
+                    {row.low[1] + i * step, row.high[1] + i * step}};
+                const double factors[3] = {perLength[0][i], perLength[1][j], perLength[2][k]};
+                Result<T>& derivative = target[r * size[0] + i];
+                for (int d = 0; d < 3; ++d)
+                    for (int c = 0; c < C; ++c)
+                        derivative[C * d + c] = (absent >> d & 1) != 0
+                                                    ? 0.0
+                                                    : (static_cast<double>(elementComponent(*pairs[d][1], c)) -
+                                                       static_cast<double>(elementComponent(*pairs[d][0], c))) *
+                                                          factors[d];
+            }
+        }
+    };
+    return detail::makeByRows<Result<T>>(size, BytesPerVertex<T> * size.product(), fillRows);
+}
+
+/// The derivative of a block by itself; null where the extents differ.
+template<class T>
+StrongPtr<MemArray<3, Result<T>>> deriveBlock(const MemArray<3, T>& values, const BlockPositions& positions,
+                                              bool generally) {
+    if (!positions.fits(values.Size())) return nullptr;
+    const auto* const axes = positions.axes();
+    if (axes && !generally) return deriveAlongAxes(values, *axes).strong();
+    return deriveGenerally(values, positions).strong();
+}
+
+// ------------------------------------------------------------------------------------------------------ joined blocks
+
+/// What a derivative depends on, and all its fragments share.
+struct Inputs {
+    StrongPtr<const Field> values, positions;
+    std::optional<JoinOptions> joining;
+    WeakPtr<const Grid> grid;
+
+    [[nodiscard]] Freshness freshness() const { return Freshness(values.rawptr(), positions.rawptr()); }
+    [[nodiscard]] Hestra::Ageable::age_t age() const { return std::max(values->age(), positions->age()); }
+    /// The joins of the blocks as they are now; null when they cannot be known.
+    [[nodiscard]] StrongPtr<BlockJoins> joins() const {
+        const std::lock_guard lock(myMutex);
+        const StrongPtr<const Grid> alive = grid.lock();
+        if (alive && alive->CartesianPositions() == positions) {
+            myJoinsOrigin = Freshness(positions.rawptr());
+            myJoins = BlockJoins::of(*alive, *joining);
+        } else if (!myJoinsOrigin.isCurrent()) {
+            myJoins = nullptr;
+        }
+        return myJoins;
+    }
+
+private:
+    mutable std::mutex myMutex;
+    mutable StrongPtr<BlockJoins> myJoins;
+    mutable Freshness myJoinsOrigin;
+};
+
+/// Two creators of a fragment, and how old they were when their data were read.
+struct Reading {
+    StrongPtr<CreativeArrayBase> valueCreator, positionCreator;
+    StrongPtr<MemBase> values, positions;
+    Freshness origin;
+
+    Reading(const Inputs& inputs, const StrongPtr<FragmentID>& id)
+        : valueCreator(inputs.values->getCreator(id)), positionCreator(inputs.positions->getCreator(id)) {
+        if (!valueCreator || !positionCreator) return;
+        const StrongPtr<MemBase> held[] = {valueCreator->getData(), positionCreator->getData()}; // may make them newer
+        origin = Freshness(valueCreator.rawptr(), positionCreator.rawptr());
+        values = valueCreator->getData();
+        positions = positionCreator->getData();
+    }
+    [[nodiscard]] Hestra::Ageable::age_t age() const {
+        return std::max(valueCreator ? valueCreator->age() : 0, positionCreator ? positionCreator->age() : 0);
+    }
+};
+
+/// Finds the derivatives at the joined vertices of one block, as their owners' blocks see them.
+template<class T>
+class JoinedVertices {
+public:
+    using S = ElementStorage<T>;
+
+    JoinedVertices(const Inputs& inputs, const BlockJoins& joins, std::vector<Reading>& readings)
+        : myInputs(inputs), myJoins(joins), myReadings(readings), myBlocks(joins.blocks()), isWanted(joins.blocks()) {}
+
+    /// Replaces the derivatives of a block's joined vertices. Throws std::invalid_argument where a block that is needed
+    /// has no suitable data.
+    void replace(unsigned int block, Result<T>* target) {
+        std::vector<Vertex> waiting = joinedVertices(block);
+        for (const Vertex& vertex : waiting) want(vertex.owner.block);
+        // Blocks that prove to be needed on the way are read before the next round.
+        while (!waiting.empty()) {
+            readWanted();
+            constexpr std::size_t Piece = 16 * Lanes, BytesEach = 1000;
+            detail::inParallel(waiting.size(), Piece, waiting.size() * BytesEach,
+                               [&](std::size_t begin, std::size_t end) { derive(waiting, begin, end, target); });
+            waiting.erase(std::remove_if(waiting.begin(), waiting.end(), [](const Vertex& v) { return v.isDone; }),
+                          waiting.end());
+        }
+    }
+
+private:
+    struct Vertex {
+        index_t index; // in the block
+        BlockVertex owner;
+        bool isDone = false;
+    };
+    struct Block {
+        BlockPositions positions;
+        const S* values;
+        index_t step;
+    };
+    /// A neighbour's position and value.
+    struct Neighbour {
+        PhysicalSpace::point position;
+        S value;
+    };
+    /// Those that others have too or that lie on a joined face, each once.
+    [[nodiscard]] std::vector<Vertex> joinedVertices(unsigned int block) const {
+        const MultiIndex<3> size = myJoins.size(block);
+        std::vector<Vertex> vertices;
+        std::vector<bool> isTaken(size.product());
+        const auto take = [&](index_t index, const BlockVertex& owner) {
+            if (!isTaken[index]) vertices.push_back({index, owner});
+            isTaken[index] = true;
+        };
+        for (const auto& [index, owner] : myJoins.shared(block)) take(index, owner);
+        for (const BlockJoin& join : myJoins.joins(block))
+            for (index_t k = join.low[2]; k <= join.high[2]; ++k)
+                for (index_t j = join.low[1]; j <= join.high[1]; ++j)
+                    for (index_t i = join.low[0]; i <= join.high[0]; ++i) {
+                        const index_t index = MultiIndex<3>(i, j, k).linear(size);
+                        take(index, {block, index});
+                    }
+        return vertices;
+    }
+
+    void want(unsigned int block) noexcept {
+        if (!myBlocks[block]) isWanted[block].store(true, std::memory_order_relaxed);
+    }
+    void readWanted() {
+        for (unsigned int b = 0; b < myJoins.blocks(); ++b) {
+            if (!isWanted[b].exchange(false)) continue;
+            const Reading& reading = myReadings.emplace_back(myInputs, myJoins.fragment(b));
+            const auto values = Hestra::dynamicCast<MemArray<3, T>>(reading.values);
+            if (values) myBlocks[b] = Block{BlockPositions(reading.positions), values->storage(), values->stride()};
+            if (!values || values->Size() != myJoins.size(b) || !myBlocks[b]->positions.fits(values->Size()))
+                throw std::invalid_argument("WorldDerivative: no values of the type of its neighbours', or of other "
+                                            "extents, in fragment " +
+                                            FragmentID::Name(myJoins.fragment(b), ""));
+        }
+    }
+
+    void derive(std::vector<Vertex>& waiting, std::size_t begin, std::size_t end, Result<T>* target) {
+        const auto stencils = std::make_unique<Stencils<T>>();
+        std::array<std::size_t, Lanes> place;
+        index_t count = 0;
+        const auto finish = [&] {
+            stencils->solve(static_cast<int>(count));
+            for (index_t n = 0; n < count; ++n) {
+                Vertex& vertex = waiting[place[n]];
+                store<T>(target[vertex.index], *stencils, n);
+                vertex.isDone = true;
+            }
+            count = 0;
+        };
+        for (std::size_t v = begin; v < end; ++v) {
+            if (!gather(waiting[v].owner, *stencils, count)) continue;
+            place[count++] = v;
+            if (count == Lanes) finish();
+        }
+        finish();
+    }
+
+    /// The differences at a vertex that is its own owner; false if a block is missing.
+    bool gather(const BlockVertex& at, Stencils<T>& stencils, index_t lane) {
+        constexpr int C = Components<T>;
+        const MultiIndex<3>& size = myJoins.size(at.block);
+        const auto place = MultiIndex<3>::fromLinear(at.index, size);
+        index_t stride = 1;
+        bool isComplete = true;
+        for (int d = 0; d < 3; ++d) {
+            Neighbour low, high;
+            const bool hasLow =
+                place[d] > 0 ? read({at.block, at.index - stride}, nullptr, low) : readBeyond(at, d, -1, low);
+            const bool hasHigh = place[d] + 1 < size[d] ? read({at.block, at.index + stride}, nullptr, high)
+                                                        : readBeyond(at, d, 1, high);
+            stride *= size[d];
+            isComplete = isComplete && hasLow && hasHigh; // goes on, to learn of all that are missing
+            for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = high.position[m] - low.position[m];
+            for (int c = 0; c < C; ++c)
+                stencils.changes[C * d + c][lane] = static_cast<double>(elementComponent(high.value, c)) -
+                                                    static_cast<double>(elementComponent(low.value, c));
+        }
+        return isComplete;
+    }
+    /// What follows a vertex at the end of an axis: across a join, else the vertex itself.
+    bool readBeyond(const BlockVertex& at, int axis, int direction, Neighbour& result) {
+        const auto step = myJoins.step(at, axis, direction);
+        return step ? read(step->vertex, step->motion, result) : read(at, nullptr, result);
+    }
+
+    /// Position and value of the owner of a vertex, moved; false if its block is missing.
+    bool read(const BlockVertex& vertex, const RigidMotion* motion, Neighbour& result) {
+        const BlockVertex owner = myJoins.owner(vertex);
+        const auto& block = myBlocks[owner.block];
+        if (!block) {
+            want(owner.block);
+            return false;
+        }
+        result.position = block->positions[owner.index];
+        result.value = block->values[owner.index * block->step];
+        if (motion) {
+            result.position = (*motion)(result.position);
+            if constexpr (std::is_same_v<T, PhysicalSpace::vector>)
+                result.value = S((*motion)(PhysicalSpace::vector(result.value)));
+        }
+        return true;
+    }
+
+    const Inputs& myInputs;
+    const BlockJoins& myJoins;
+    std::vector<Reading>& myReadings;
+    std::vector<std::optional<Block>> myBlocks;
+    std::vector<std::atomic<bool>> isWanted;
+};
+
+/// The derivative of a block among others; null where its data do not suit. Throws as `JoinedVertices`.
+template<class T>
+StrongPtr<MemBase> deriveJoined(const Inputs& inputs, const BlockJoins& joins, unsigned int block,
+                                std::vector<Reading>& readings) {
+    const auto values = Hestra::dynamicCast<MemArray<3, T>>(ownersData(joins, *inputs.values, block));
+    if (!values) return nullptr;
+    const BlockPositions positions(ownersData(joins, *inputs.positions, block));
+    const auto derivative = deriveBlock(*values, positions, true);
+    if (derivative) JoinedVertices<T>(inputs, joins, readings).replace(block, derivative->data());
+    return derivative;
+}
+
+// ------------------------------------------------------------------------------------------------------------- fields
+
+/// The derivative of one fragment: current as long as everything is that was read for it.
+class WorldDerivedArray final : public CreativeArray {
+public:
+    WorldDerivedArray(const std::shared_ptr<const Inputs>& inputs, const StrongPtr<FragmentID>& id,
+                      const VantleTypeIndex& elementType, const DynamicSize& size,
+                      const StrongPtr<Hestra::Cache>& cache)
+        : CreativeArray(CreationFunction(), elementType, size, cache), myInputs(inputs),
+          myID(id), myOrigin{inputs->freshness()} {}
+
+    [[nodiscard]] age_t age() const noexcept override {
+        auto* const self = const_cast<WorldDerivedArray*>(this);
+        self->raiseAge(myInputs->age());
+        const std::lock_guard lock(myMutex);
+        for (const StrongPtr<CreativeArrayBase>& creator : myCreators) self->raiseAge(creator->age());
+        return CreativeArray::age();
+    }
+    [[nodiscard]] bool isCurrent(const MemBase* data) const override {
+        const std::lock_guard lock(myMutex);
+        return (!data || myMade.rawptr() == data) &&
+               std::all_of(myOrigin.begin(), myOrigin.end(), [](const Freshness& f) { return f.isCurrent(); });
+    }
+
+protected:
+    [[nodiscard]] bool canProduce() const override { return true; }
+    [[nodiscard]] StrongPtr<MemBase> produce() override {
+        std::vector<Freshness> origin{myInputs->freshness()};
+        std::vector<Reading> readings;
+        const StrongPtr<MemBase> made = derive(readings);
+        if (made) {
+            made->setCreator(WeakPtr<CreativeArrayBase>(*this));
+            announceElementType(made->elementIndex());
+            addInterface(Hestra::makeRef<SizeInterface>(made->getDynamicSize()));
+        }
+        std::vector<StrongPtr<CreativeArrayBase>> creators;
+        for (const Reading& reading : readings) {
+            if (!reading.values) continue;
+            origin.push_back(reading.origin);
+            creators.push_back(reading.valueCreator);
+            creators.push_back(reading.positionCreator);
+        }
+        const std::lock_guard lock(myMutex);
+        myCreators = std::move(creators);
+        if (!made) return nullptr;
+        myMade = made;
+        myOrigin = std::move(origin);
+        return made;
+    }
+
+private:
+    [[nodiscard]] StrongPtr<MemBase> derive(std::vector<Reading>& readings) const {
+        const Hestra::Profiler scope("baseop/WorldDerivative", __LINE__, "WorldDerivative(fragment)",
+                                     __PRETTY_FUNCTION__);
+        const Reading own = readings.emplace_back(*myInputs, myID);
+        StrongPtr<BlockJoins> joins;
+        if (myInputs->joining && !(joins = myInputs->joins())) return nullptr;
+        const unsigned int block = joins ? joins->find(myID) : 0;
+        StrongPtr<MemBase> made;
+        withMemArray<3>(DerivableTypes(), own.values, [&]<class T>(const MemArray<3, T>& values) {
+            if (joins && block < joins->blocks() && !(joins->joins().empty() && joins->shared(block).empty()))
+                made = deriveJoined<T>(*myInputs, *joins, block, readings);
+            else
+                made = deriveBlock(values, BlockPositions(own.positions), false);
+        });
+        return made;
+    }
+
+    const std::shared_ptr<const Inputs> myInputs;
+    const StrongPtr<FragmentID> myID;
+    mutable std::mutex myMutex;
+    // Of the data made last.
+    std::vector<StrongPtr<CreativeArrayBase>> myCreators;
+    WeakPtr<MemBase> myMade;
+    std::vector<Freshness> myOrigin;
+};
+
+/// As old as the values and the positions.
+class WorldDerivedField final : public DerivedField {
+public:
+    WorldDerivedField(const std::shared_ptr<const Inputs>& inputs)
+        : DerivedField(inputs->values, inputs->values->getFragmentIDCollection()), myInputs(inputs) {}
+    [[nodiscard]] age_t age() const noexcept override {
+        const_cast<WorldDerivedField*>(this)->raiseAge(myInputs->age());
+        return Field::age();
+    }
+
+private:
+    const std::shared_ptr<const Inputs> myInputs;
+};
+
+/// The type of the derivative of such elements; `typeid(void)` where there is none.
+VantleTypeIndex derivativeType(const VantleTypeIndex& values) {
+    const auto find = [&]<class... T>(TypeList<T...>) {
+        VantleTypeIndex found(typeid(void));
+        ((values == typeid(T) ? void(found = VantleTypeIndex(typeid(Result<T>))) : void()), ...);
+        return found;
+    };
+    return find(DerivableTypes());
+}
+
+/// The derivative of a fragment, or null with a text.
+StrongPtr<CreativeArrayBase> derivativeOf(const std::shared_ptr<const Inputs>& inputs, const StrongPtr<FragmentID>& id,
+                                          std::string& errors, const StrongPtr<Hestra::Cache>& cache) {
+    const auto failure = [&](const char* text) {
+        errors += text + FragmentID::Name(id, "") + "\n";
+        return nullptr;
+    };
+    const StrongPtr<CreativeArrayBase> source = inputs->values->getCreator(id);
+    if (!source) return failure("No creator for fragment ");
+    if (source->elementType() == typeid(void)) (void)source->getData(); // which tells
+    const VantleTypeIndex type = derivativeType(source->elementType());
+    const DynamicSize size = getSize(*source);
+    if (type == typeid(void) || (size && size.rank() != 3))
+        return failure("No creator element type unsupported for fragment ");
+    if (!inputs->positions->getCreator(id)) return failure("No positions for fragment ");
+    return Hestra::makeRef<WorldDerivedArray>(inputs, id, type, size, cache);
+}
+
+} // namespace
+
+StrongPtr<MemBase> WorldDerivative(const StrongPtr<MemBase>& values, const StrongPtr<MemBase>& positions) {
+    const Hestra::Profiler scope("baseop/WorldDerivative", __LINE__, "WorldDerivative(arrays)", __PRETTY_FUNCTION__);
+    StrongPtr<MemBase> made;
+    withMemArray<3>(DerivableTypes(), values, [&](const auto& array) {
+        if (positions) made = deriveBlock(array, BlockPositions(positions), false);
+    });
+    return made;
+}
+
+StrongPtr<Field> WorldDerivative(Grid& grid, const std::string& field, const std::string& name, std::string& errors,
+                                 const WorldDerivativeOptions& options, const StrongPtr<Hestra::Cache>& cache) {
+    if (options.joinBlocks) options.joins.check();
+    const StrongPtr<Representation> vertices = grid.getCartesianRepresentation();
+    if (!vertices || !vertices->findField(field) || !vertices->Positions()) return nullptr;
+    const auto inputs = std::make_shared<Inputs>();
+    inputs->values = vertices->findField(field);
+    inputs->positions = vertices->Positions();
+    if (options.joinBlocks) {
+        inputs->joining = options.joins;
+        inputs->grid = WeakPtr<const Grid>(grid);
+    }
+
+    const Ref<Field> result(Hestra::makeRef<WorldDerivedField>(inputs));
+    bool any = false, globalVisited = false;
+    const auto take = [&](const StrongPtr<FragmentID>& id) {
+        if (const auto derivative = derivativeOf(inputs, id, errors, cache)) {
+            result->setCreator(derivative, id);
+            any = true;
+        }
+    };
+    const bool hasGlobal = bool(inputs->values->getCreator(nullptr));
+    inputs->values->iterate(
+        [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>&) {
+            globalVisited = globalVisited || !id;
+            take(id);
+            return true;
+        },
+        !hasGlobal);
+    if (hasGlobal && !globalVisited) take(nullptr);
+    if (!any) return nullptr;
+    vertices->setField(name, result);
+    return result;
+}
+
+} // namespace Vantle
