@@ -18,6 +18,7 @@
 #include <model/orvix/Clipping.hpp>
 #include <model/orvix/Eigen.hpp>
 #include <model/orvix/KDTree.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/DataRangeBase.hpp>
 #include <model/vantle/Derived.hpp>

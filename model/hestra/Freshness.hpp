@@ -21,7 +21,7 @@ class VANTLE_MODEL_API Freshness {
 public:
     using age_t = Ageable::age_t;
     /// The most inputs that one result has.
-    static constexpr std::size_t MaxInputs = 2;
+    static constexpr std::size_t MaxInputs = 3;
 
     /// Whether what is as old as `kept` may stand for what is as old as `input`: unless the input is newer.
     [[nodiscard]] static constexpr bool isFresh(age_t kept, age_t input) noexcept { return kept >= input; }

@@ -8,19 +8,21 @@ using Hestra::Freshness;
 using Hestra::StrongPtr;
 using Hestra::WeakPtr;
 
-DerivedField::DerivedField(const WeakPtr<const Field>& source, const StrongPtr<FragmentIDCollection>& collection)
-    : Field(collection), mySource(source) {}
+DerivedField::DerivedField(const WeakPtr<const Field>& source, const StrongPtr<FragmentIDCollection>& collection,
+                           const StrongPtr<BlankingInput>& masks)
+    : Field(collection), mySource(source), myMasks(masks) {}
 DerivedField::~DerivedField() = default;
 
 DerivedField::age_t DerivedField::age() const noexcept {
     if (const StrongPtr<const Field> source = mySource.lock())
         const_cast<DerivedField*>(this)->raiseAge(source->age()); // to be no older without it
+    if (myMasks) const_cast<DerivedField*>(this)->raiseAge(myMasks->age());
     return Field::age();
 }
 
 DerivedArray::Source::Source(const StrongPtr<CreativeArrayBase>& creator, const WeakPtr<const Field>& field,
-                             const StrongPtr<FragmentID>& id)
-    : myCreator(creator), myField(field), myID(id) {}
+                             const StrongPtr<FragmentID>& id, const StrongPtr<BlankingInput>& masks)
+    : myCreator(creator), myField(field), myID(id), myMasks(masks) {}
 
 StrongPtr<CreativeArrayBase> DerivedArray::Source::present(const StrongPtr<const Field>& field) const {
     return field ? field->getCreator(myID) : myCreator;
@@ -33,16 +35,18 @@ StrongPtr<MemBase> DerivedArray::Source::data() const {
 
 Freshness DerivedArray::Source::freshness() const {
     const StrongPtr<const Field> field = myField.lock();
-    return Freshness(field.rawptr(), present(field).rawptr());
+    return Freshness(field.rawptr(), present(field).rawptr(), myMasks.rawptr());
 }
 
 Hestra::Ageable::age_t DerivedArray::Source::age() const {
     const StrongPtr<const Field> field = myField.lock();
     const StrongPtr<CreativeArrayBase> creator = present(field);
-    return std::max(field ? field->age() : 0, creator ? creator->age() : 0);
+    return std::max({field ? field->age() : 0, creator ? creator->age() : 0, myMasks ? myMasks->age() : 0});
 }
 
-DerivedArray::Source DerivedArray::Source::followed() const { return Source(present(myField.lock()), myField, myID); }
+DerivedArray::Source DerivedArray::Source::followed() const {
+    return Source(present(myField.lock()), myField, myID, myMasks);
+}
 
 DerivedArray::DerivedArray(const Source& source, Derivation derivation, const VantleTypeIndex& elementType,
                            const DynamicSize& size, const WeakPtr<Hestra::Cache>& cache)

@@ -2,16 +2,19 @@
 /// What is derived from fields and made again on demand: never older or newer than it says.
 
 #include <model/hestra/Freshness.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/Field.hpp>
 
 namespace Vantle {
 
-/// A field that is derived from another one, fragment by fragment: not older than that as long as it lives.
+/// A field that is derived from another one, fragment by fragment: not older than that as long as it lives, nor than
+/// the masks that it depends on, if any.
 ///
 /// Its fragments are those of the time of its making. What becomes of each, a `DerivedArray` says.
 class VANTLE_MODEL_API DerivedField : public Field {
 public:
-    DerivedField(const Hestra::WeakPtr<const Field>& source, const Hestra::StrongPtr<FragmentIDCollection>& collection);
+    DerivedField(const Hestra::WeakPtr<const Field>& source, const Hestra::StrongPtr<FragmentIDCollection>& collection,
+                 const Hestra::StrongPtr<BlankingInput>& masks = {});
     ~DerivedField() override;
 
     [[nodiscard]] const Hestra::WeakPtr<const Field>& source() const noexcept { return mySource; }
@@ -19,6 +22,7 @@ public:
 
 private:
     Hestra::WeakPtr<const Field> mySource;
+    Hestra::StrongPtr<BlankingInput> myMasks;
 };
 
 /// The data of a fragment, derived from those of another one: made when they are first asked for, and again when they
@@ -34,11 +38,13 @@ public:
                                                                 const Hestra::WeakPtr<CreativeArrayBase>&)>;
 
     /// The fragment that data are derived from: the one of a field, whatever becomes of it as long as the field lives
-    /// and handles own it; then, and without field, that of the creator that was used last, which stays alive.
+    /// and handles own it; then, and without field, that of the creator that was used last, which stays alive. With
+    /// masks, these are part of it.
     class VANTLE_MODEL_API Source {
     public:
         explicit Source(const Hestra::StrongPtr<CreativeArrayBase>& creator,
-                        const Hestra::WeakPtr<const Field>& field = {}, const Hestra::StrongPtr<FragmentID>& id = {});
+                        const Hestra::WeakPtr<const Field>& field = {}, const Hestra::StrongPtr<FragmentID>& id = {},
+                        const Hestra::StrongPtr<BlankingInput>& masks = {});
         [[nodiscard]] Hestra::StrongPtr<MemBase> data() const;
         [[nodiscard]] Hestra::Freshness freshness() const;
         [[nodiscard]] Hestra::Ageable::age_t age() const;
@@ -51,6 +57,7 @@ public:
         Hestra::StrongPtr<CreativeArrayBase> myCreator;
         Hestra::WeakPtr<const Field> myField;
         Hestra::StrongPtr<FragmentID> myID;
+        Hestra::StrongPtr<BlankingInput> myMasks;
     };
 
     /// Derived when first asked for. Announces element type and, if its rank is not 0, size. Without a cache what was
