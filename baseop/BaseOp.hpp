@@ -12,6 +12,8 @@
 #include <baseop/Interpolate.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/LocalFromWorldPoint.hpp>
+#include <baseop/LocatedPositions.hpp>
+#include <baseop/NumberRange.hpp>
 #include <baseop/PartialDerivative.hpp>
 #include <baseop/PointCloud.hpp>
 #include <baseop/PointSearch.hpp>

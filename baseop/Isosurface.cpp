@@ -240,14 +240,20 @@ void FragmentIsoSurfacer::finish() {
 /// Whether all values of a known range lie on one side of the level.
 template<class Range>
 bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<Range>& range) {
-    if (!range) return false;
-    const double min = range->getMinf(), max = range->getMaxf();
-    myReachesAbove = myReachesAbove || min > myLevel || max > myLevel;
-    return myLevel < min || myLevel > max;
+    return range && excludesLevel(range->getMinf(), range->getMaxf());
+}
+
+bool FragmentIsoSurfacer::excludesLevel(double least, double greatest) noexcept {
+    myReachesAbove = myReachesAbove || least > myLevel || greatest > myLevel;
+    return myLevel < least || myLevel > greatest;
 }
 
 /// The same of what is known without making the data.
-bool FragmentIsoSurfacer::excludesLevel(const CreativeArrayBase& creator) {
+bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<FragmentID>& id, const CreativeArrayBase& creator) {
+    if (myRangeOf) {
+        const auto range = myRangeOf(id);
+        return !range || excludesLevel(range->first, range->second);
+    }
     return excludesLevel(DataRange<double>::get(creator).lock()) ||
            excludesLevel(DataRange<float>::get(creator).lock());
 }
@@ -255,16 +261,17 @@ bool FragmentIsoSurfacer::excludesLevel(const CreativeArrayBase& creator) {
 /// The same of a block whose vertices have values of other blocks, too.
 bool FragmentIsoSurfacer::isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator) {
     const bool before = myReachesAbove;
-    const auto isAbove = [&](const CreativeArrayBase& values) -> std::optional<bool> {
+    const auto isAbove = [&](unsigned int ofBlock, const CreativeArrayBase& values) -> std::optional<bool> {
         myReachesAbove = false;
-        return excludesLevel(values) ? std::optional(myReachesAbove) : std::nullopt;
+        return excludesLevel(myJoined->joins().fragment(ofBlock), values) ? std::optional(myReachesAbove)
+                                                                          : std::nullopt;
     };
-    const std::optional<bool> side = isAbove(creator);
+    const std::optional<bool> side = isAbove(block, creator);
     bool all = side.has_value();
     if (all)
         for (const unsigned int owner : myJoined->ownersOf(block)) {
             const auto other = myJoined->values().getCreator(myJoined->joins().fragment(owner));
-            all = all && other && isAbove(*other) == side;
+            all = all && other && isAbove(owner, *other) == side;
         }
     myReachesAbove = before || (all && *side);
     return all;
@@ -296,7 +303,7 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         if (const unsigned int block = myJoined->joins().find(id);
             block < myJoined->joins().blocks() && myJoined->joins().isShared(block))
             fragment.sharing = block;
-    if (fragment.sharing ? isJoinedAndExcluded(*fragment.sharing, *creator) : excludesLevel(*creator)) {
+    if (fragment.sharing ? isJoinedAndExcluded(*fragment.sharing, *creator) : excludesLevel(id, *creator)) {
         Console::puts("SKIP Iso");
         return true;
     }
@@ -315,7 +322,8 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         }
         const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
         if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
-        if (values == &own && isSkipped<T>(*creator)) return; // ranges know nothing of other owners' values
+        if (!myRangeOf && values == &own && isSkipped<T>(*creator))
+            return; // ranges know nothing of other owners' values
         if (!coordinates) coordinates = findCoordinates(id, fragment);
         sweep<T>(id, *values, fragment);
     });
@@ -448,7 +456,13 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     FragmentIsoSurfacer surfacer(level, parameter, positions, identifiers.strong(), weights.strong(), points.strong(),
                                  triangles.strong());
     if (joins) surfacer.joinBlocks(joins, field);
-    field->iterate(surfacer);
+    if (options.rangeOf) surfacer.useRanges(options.rangeOf);
+    const std::size_t fragments = field->nFragments();
+    std::size_t done = 0;
+    field->iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (options.progress) options.progress(static_cast<double>(done++) / static_cast<double>(fragments));
+        return surfacer.apply(id, creator);
+    });
     surfacer.finish();
     const bool empty = !surfacer.reachesAbove();
     if (empty) {
