@@ -4,6 +4,7 @@
 #include <baseop/BlockJoins.hpp>
 #include <baseop/CellSearch.hpp>
 #include <baseop/DataRange.hpp>
+#include <baseop/DerivedQuantities.hpp>
 #include <baseop/EvalGrid.hpp>
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/ExpandBBox.hpp>
@@ -18,6 +19,7 @@
 #include <baseop/PointCloud.hpp>
 #include <baseop/PointSearch.hpp>
 #include <baseop/ResampleRegularGrid.hpp>
+#include <baseop/SurfaceBorder.hpp>
 #include <baseop/SurfaceRefinement.hpp>
 #include <baseop/TangentialVectors.hpp>
 #include <baseop/TreeCellMapper.hpp>

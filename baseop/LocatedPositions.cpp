@@ -157,9 +157,13 @@ void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<Frag
                 arrays.emplace_back();
                 if (!order.has(n)) continue;
                 if (progress) progress(static_cast<double>(chunk + order.first[n]) / static_cast<double>(mySize));
-                const bool isThere = field.hasData(fragments[n]);
-                arrays.back() = field.getData(fragments[n]);
-                if (!arrays.back()) continue;
+                const StrongPtr<CreativeArrayBase> creator = field.getCreator(fragments[n]);
+                if (!creator) continue;
+                const bool isThere = creator->hasData();
+                arrays.back() = creator->getData();
+                if (!arrays.back())
+                    throw std::invalid_argument("the data of fragment \"" + FragmentID::Name(fragments[n], {}) +
+                                                "\" cannot be made");
                 any = arrays.back();
                 if (!isThere) made += arrays.back()->memsize();
             }

@@ -50,7 +50,8 @@ public:
     /// becomes 1.
     ///
     /// Failure  std::invalid_argument for elements without components, or with others than `components`, for arrays
-    ///          that are not of rank 3, and for sequences of wrong lengths; some values may have been written by then.
+    ///          that are not of rank 3, for data that cannot be made, and for sequences of wrong lengths; some values
+    ///          may have been written by then.
     ///
     /// @param values  as many as there are positions, times the components: those of a position follow each other.
     void sample(const Field& field, std::span<const Hestra::StrongPtr<FragmentID>> fragments, int components,

@@ -191,7 +191,7 @@ std::optional<BlockBox> ComputeNumberBox(const StrongPtr<MemBase>& positions, co
     std::optional<BlockBox> box;
     const auto take = [&](const auto& found) {
         if (!found.hasNumbers[0] || !found.hasNumbers[1] || !found.hasNumbers[2]) return;
-        box.emplace();
+        box.emplace().hasNaN = found.hasNaN;
         for (int d = 0; d < 3; ++d) {
             box->least[d] = static_cast<double>(found.least[d]);
             box->greatest[d] = static_cast<double>(found.greatest[d]);

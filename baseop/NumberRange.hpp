@@ -36,9 +36,10 @@ struct BlockNumbers {
 [[nodiscard]] VANTLE_BASEOP_API BlockNumbers ComputeNumberRange(const Hestra::StrongPtr<MemBase>& block,
                                                                 const BlockMask* mask = nullptr);
 
-/// Least and greatest corner.
+/// Least and greatest corner of what are numbers.
 struct BlockBox {
     Orvix::PhysicalSpace::point least, greatest;
+    bool hasNaN = false; ///< whether a coordinate that counts is NaN
 };
 
 /// Of the points of a block, curvilinear, rectilinear or uniform, axis by axis: nothing when an axis has no number.
