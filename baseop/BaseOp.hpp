@@ -26,4 +26,5 @@
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/UniformCell.hpp>
 #include <baseop/UniformInterpolation.hpp>
+#include <baseop/ValidData.hpp>
 #include <baseop/WorldDerivative.hpp>

@@ -1,7 +1,9 @@
 #include <baseop/BlockJoins.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/joins/FaceMatcher.hpp>
+#include <baseop/detail/joins/UnionFind.hpp>
 #include <model/hestra/Freshness.hpp>
+#include <model/vantle/Blanking.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -89,10 +91,13 @@ bool IndexMap::isMirrored() const noexcept {
 }
 
 void JoinOptions::check() const {
-    const auto isUsable = [](double x) { return x >= 0.0 && std::isfinite(x); };
-    if (!isUsable(tolerance)) throw std::invalid_argument("JoinOptions: the tolerance is negative or no number");
-    if (!isUsable(periodicTolerance))
-        throw std::invalid_argument("JoinOptions: the tolerance of periodic faces is negative or no number");
+    // Beyond half an edge a vertex could be one with its neighbour.
+    const auto check = [](const char* name, double x) {
+        if (!(x >= 0.0 && x < 0.5))
+            throw std::invalid_argument(std::string("JoinOptions: ") + name + " is not from 0 to less than 0.5");
+    };
+    check("tolerance", tolerance);
+    check("periodicTolerance", periodicTolerance);
 }
 
 // What is known -------------------------------------------------------------------------------------------------------
@@ -124,12 +129,14 @@ BlockJoin reversed(const BlockJoin& join) {
     return other;
 }
 
-BlockJoin joinOf(const ShellFace& first, const ShellFace& second, const FacePair& pair) {
+BlockJoin makeJoin(const ShellFace& first, const ShellFace& second, const FacePair& pair) {
     BlockJoin join;
     join.first = faceOf(first);
     join.second = faceOf(second);
     join.low = first.vertex(pair.a0, pair.b0);
-    join.high = first.vertex(pair.a1 + 1, pair.b1 + 1);
+    join.high = first.vertex(pair.a1, pair.b1);
+    join.motion = pair.motion;
+    join.largestDistance = pair.largestDistance;
     const auto set = [&](int from, int to, int sign, std::int64_t origin) {
         join.map.axis[static_cast<std::size_t>(from)] = to;
         join.map.sign[static_cast<std::size_t>(from)] = sign;
@@ -146,30 +153,12 @@ BlockJoin joinOf(const ShellFace& first, const ShellFace& second, const FacePair
 
 auto sortKey(const BlockJoin& join) { return std::tie(join.first, join.low, join.second); }
 
-/// Who owns what: sets of vertices that are one, each with its lowest.
-class Owners {
-public:
-    explicit Owners(std::size_t count) : myUpper(count) { std::iota(myUpper.begin(), myUpper.end(), 0U); }
-    [[nodiscard]] std::uint32_t find(std::uint32_t n) noexcept {
-        while (myUpper[n] != n) n = myUpper[n] = myUpper[myUpper[n]];
-        return n;
-    }
-    void unite(std::uint32_t a, std::uint32_t b) noexcept {
-        a = find(a);
-        b = find(b);
-        if (a != b) myUpper[std::max(a, b)] = std::min(a, b);
-    }
-
-private:
-    std::vector<std::uint32_t> myUpper;
-};
-
 } // namespace
 
 struct BlockJoins::Data {
     JoinOptions options;
     std::vector<RigidMotion> inverses; // of the motions
-    Hestra::Freshness origin;
+    Hestra::Freshness origin, masks;
 
     std::vector<StrongPtr<FragmentID>> ids;
     std::unordered_map<const FragmentID*, unsigned int> blockOf;
@@ -185,21 +174,43 @@ struct BlockJoins::Data {
     std::vector<std::size_t> firstShared;             // of each block, and the number of all
     std::vector<std::vector<std::uint32_t>> sharedOf; // of each block with any: of its vertices on faces, by number
 
+    std::vector<bool> isMoved; // of each block: whether some of its vertices are elsewhere than their owners
     std::vector<bool> isMirrored;
     bool isOrientable = true;
+    std::vector<std::pair<BlockFace, index_t>> poles;
 
-    explicit Data(detail::Shells&& shells);
+    Data(detail::Shells&& shells, const JoinOptions& how);
     void find(const detail::Shells& shells);
-    void setOwners(const detail::Shells& shells, Owners& owners);
+    void setOwners(const detail::Shells& shells, detail::UnionFind& owners);
     void setHandedness();
 
-    [[nodiscard]] std::span<const BlockJoin> seenFrom(const BlockFace& face) const {
-        const std::size_t f = 6 * std::size_t{face.block} + 2 * static_cast<std::size_t>(face.axis) + face.upper;
-        return {seen.data() + firstSeen[f], firstSeen[f + 1] - firstSeen[f]};
+    /// The join of a quad; null without any.
+    [[nodiscard]] const BlockJoin* joinOf(const BlockFace& face, const MultiIndex<3>& quad) const;
+    /// The first join of a face that has this vertex, or the first periodic one; null without any.
+    [[nodiscard]] const BlockJoin* joinAt(const BlockFace& face, const MultiIndex<3>& vertex) const;
+
+private:
+    using QuadTable = std::vector<std::uint32_t>;
+    /// Of faces with more joins than are looked through one by one: the join of each quad, by number on that face.
+    std::unordered_map<std::size_t, QuadTable> myQuadTables;
+    static constexpr std::size_t FewJoins = 8;
+
+    [[nodiscard]] static std::size_t numberOf(const BlockFace& face) noexcept {
+        return 6 * std::size_t{face.block} + 2 * static_cast<std::size_t>(face.axis) + face.upper;
     }
+    [[nodiscard]] std::span<const BlockJoin> seenFrom(std::size_t face) const {
+        return {seen.data() + firstSeen[face], firstSeen[face + 1] - firstSeen[face]};
+    }
+    /// The number of a quad on a face.
+    [[nodiscard]] std::size_t quadNumber(const BlockFace& face, const MultiIndex<3>& quad) const noexcept {
+        const int u = face.axis == 0 ? 1 : 0, v = face.axis == 2 ? 1 : 2;
+        return quad[v] * sizes[face.block][u] + quad[u];
+    }
+    void makeQuadTables();
 };
 
-BlockJoins::Data::Data(detail::Shells&& shells) {
+BlockJoins::Data::Data(detail::Shells&& shells, const JoinOptions& how) : options(how) {
+    for (const RigidMotion& motion : options.motions) inverses.push_back(motion.inverse());
     find(shells);
     ids = std::move(shells.ids);
     sizes = std::move(shells.sizes);
@@ -209,24 +220,45 @@ BlockJoins::Data::Data(detail::Shells&& shells) {
         blockByName.emplace(FragmentID::Name(ids[block], {}), block);
     }
     setHandedness();
+    makeQuadTables();
 }
 
-void BlockJoins::Data::find(const detail::Shells& shells) {
-    const detail::VertexClasses classes(shells.points);
-    const detail::FaceMatcher matcher(shells, classes);
+namespace {
 
-    Owners owners(shells.count());
+detail::VertexClasses classesOf(const detail::Shells& shells, double tolerance) {
+    if (tolerance == 0.0) return detail::VertexClasses(shells.points);
+    std::vector<double> radii = shells.localSizes();
+    for (double& radius : radii) radius *= tolerance;
+    return {shells.points, radii};
+}
+
+} // namespace
+
+void BlockJoins::Data::find(const detail::Shells& shells) {
+    detail::FaceMatcher matcher(shells, classesOf(shells, options.tolerance), options.tolerance);
+    for (std::size_t motion = 0; motion < options.motions.size(); ++motion) {
+        std::vector<PhysicalSpace::point> moved = shells.points;
+        for (auto& point : moved) point = options.motions[motion](point);
+        matcher.findPeriodic(moved, options.periodicTolerance, static_cast<int>(motion));
+    }
+    for (const detail::FaceDoubt& doubt : matcher.doubts())
+        doubtful.push_back(
+            {faceOf(shells.faces[doubt.face]), faceOf(shells.faces[doubt.other]), doubt.coincident, doubt.reason});
+
+    for (const auto& [face, quads] : matcher.poles()) poles.emplace_back(faceOf(shells.faces[face]), quads);
+
+    detail::UnionFind owners(shells.count());
     for (const auto& [a, b] : matcher.pinches()) owners.unite(a, b);
     for (const FacePair& pair : matcher.pairs()) {
         const ShellFace &first = shells.faces[pair.first], &second = shells.faces[pair.second];
-        for (std::uint32_t b = pair.b0; b <= pair.b1 + 1; ++b)
-            for (std::uint32_t a = pair.a0; a <= pair.a1 + 1; ++a) {
+        for (std::uint32_t b = pair.b0; pair.motion < 0 && b <= pair.b1; ++b)
+            for (std::uint32_t a = pair.a0; a <= pair.a1; ++a) {
                 const auto [s, t] = pair.map.vertex(a, b);
-                owners.unite(
-                    shells.vertexOf[first.slot(a, b)],
-                    shells.vertexOf[second.slot(static_cast<std::uint32_t>(s), static_cast<std::uint32_t>(t))]);
+                owners.unite(shells.vertexOf[first.slot(a, b)], shells.vertexOf[second.slot(s, t)]);
             }
-        joins.push_back(joinOf(first, second, pair));
+        const BlockJoin join = makeJoin(first, second, pair);
+        const BlockJoin other = reversed(join);
+        joins.push_back(sortKey(other) < sortKey(join) ? other : join);
     }
     std::sort(joins.begin(), joins.end(),
               [](const BlockJoin& a, const BlockJoin& b) { return sortKey(a) < sortKey(b); });
@@ -236,15 +268,14 @@ void BlockJoins::Data::find(const detail::Shells& shells) {
     }
     std::sort(seen.begin(), seen.end(), [](const BlockJoin& a, const BlockJoin& b) { return sortKey(a) < sortKey(b); });
     firstSeen.assign(6 * shells.ids.size() + 1, 0);
-    for (const BlockJoin& join : seen)
-        ++firstSeen[6 * std::size_t{join.first.block} + 2 * static_cast<std::size_t>(join.first.axis) +
-                    join.first.upper + 1];
+    for (const BlockJoin& join : seen) ++firstSeen[numberOf(join.first) + 1];
     std::partial_sum(firstSeen.begin(), firstSeen.end(), firstSeen.begin());
     setOwners(shells, owners);
 }
 
-void BlockJoins::Data::setOwners(const detail::Shells& shells, Owners& owners) {
+void BlockJoins::Data::setOwners(const detail::Shells& shells, detail::UnionFind& owners) {
     sharedOf.resize(shells.ids.size());
+    isMoved.resize(shells.ids.size());
     firstShared.push_back(0);
     for (std::uint32_t block = 0; block < shells.ids.size(); ++block) {
         const std::uint32_t first = shells.firstVertex[block];
@@ -260,6 +291,8 @@ void BlockJoins::Data::setOwners(const detail::Shells& shells, Owners& owners) {
                     if (sharedOf[block].empty()) sharedOf[block].assign(shell.count(), NoNumber);
                     sharedOf[block][number - first] = static_cast<std::uint32_t>(shared.size() - firstShared.back());
                     shared.push_back({vertex.linear(shells.sizes[block]), {home, index}});
+                    const auto &here = shells.points[number], &there = shells.points[owner];
+                    if (std::memcmp(&here, &there, sizeof(here)) != 0) isMoved[block] = true;
                 }
                 ++number;
             });
@@ -293,6 +326,66 @@ void BlockJoins::Data::setHandedness() {
     }
 }
 
+void BlockJoins::Data::makeQuadTables() {
+    for (std::size_t face = 0; face + 1 < firstSeen.size(); ++face) {
+        const auto all = seenFrom(face);
+        if (all.size() <= FewJoins) continue;
+        const BlockFace& at = all[0].first;
+        MultiIndex<3> last = sizes[at.block] - 1;
+        last[at.axis] = 0;
+        QuadTable& table = myQuadTables[face];
+        table.assign(quadNumber(at, last) + 1, NoNumber);
+        for (std::uint32_t n = 0; n < all.size(); ++n) {
+            MultiIndex<3> extent = all[n].high - all[n].low, quad;
+            extent[at.axis] = 1;
+            do table[quadNumber(at, all[n].low + quad)] = n;
+            while (quad.advance(extent));
+        }
+    }
+}
+
+const BlockJoin* BlockJoins::Data::joinOf(const BlockFace& face, const MultiIndex<3>& quad) const {
+    const std::size_t number = numberOf(face);
+    const auto all = seenFrom(number);
+    if (all.size() > FewJoins) {
+        const std::uint32_t n = myQuadTables.at(number)[quadNumber(face, quad)];
+        return n == NoNumber ? nullptr : &all[n];
+    }
+    for (const BlockJoin& join : all) {
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d)
+            if (d != face.axis) isInside = isInside && quad[d] >= join.low[d] && quad[d] < join.high[d];
+        if (isInside) return &join;
+    }
+    return nullptr;
+}
+
+const BlockJoin* BlockJoins::Data::joinAt(const BlockFace& face, const MultiIndex<3>& vertex) const {
+    const BlockJoin* found = nullptr;
+    const auto look = [&](const BlockJoin& join) {
+        const auto rank = [](const BlockJoin& one) { return std::pair(one.motion >= 0, &one); };
+        if (!found || rank(join) < rank(*found)) found = &join;
+    };
+    const auto all = seenFrom(numberOf(face));
+    if (all.size() > FewJoins) {
+        const int u = face.axis == 0 ? 1 : 0, v = face.axis == 2 ? 1 : 2;
+        for (unsigned corner = 0; corner < 4; ++corner) {
+            MultiIndex<3> quad = vertex;
+            quad[u] -= corner & 1;
+            quad[v] -= corner >> 1;
+            if (quad[u] + 1 >= sizes[face.block][u] || quad[v] + 1 >= sizes[face.block][v]) continue; // -1 as well
+            if (const BlockJoin* const join = joinOf(face, quad)) look(*join);
+        }
+        return found;
+    }
+    for (const BlockJoin& join : all) {
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d) isInside = isInside && vertex[d] >= join.low[d] && vertex[d] <= join.high[d];
+        if (isInside) look(join);
+    }
+    return found;
+}
+
 // Questions -----------------------------------------------------------------------------------------------------------
 
 BlockJoins::BlockJoins(std::unique_ptr<const Data> data) : myData(std::move(data)) {}
@@ -303,14 +396,17 @@ StrongPtr<BlockJoins> BlockJoins::of(const Grid& grid, const JoinOptions& option
     const StrongPtr<Field> positions = grid.CartesianPositions();
     if (!positions) return nullptr;
     const Hestra::Freshness origin(positions.rawptr());
+    const Blanking blanking(grid);
+    const Hestra::Freshness masks = blanking.freshness();
     const auto kept = positions->findInterface<BlockJoins>();
-    if (kept && kept->myData->origin.isFor(positions.rawptr()) && kept->options() == options) return kept;
-    auto data = std::make_unique<Data>(detail::Shells(*positions));
-    data->options = options;
-    for (const RigidMotion& motion : options.motions) data->inverses.push_back(motion.inverse());
+    if (kept && kept->options() == options && kept->myData->origin.isFor(positions.rawptr()) &&
+        kept->myData->masks.isFor(blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
+        return kept;
+    auto data = std::make_unique<Data>(detail::Shells(*positions, blanking), options);
     data->origin = origin;
+    data->masks = masks;
     const StrongPtr<BlockJoins> made(new BlockJoins(std::move(data)));
-    if (origin.isCurrent()) positions->addInterface(made);
+    if (origin.isCurrent() && masks.isCurrent()) positions->addInterface(made);
     return made;
 }
 
@@ -349,6 +445,9 @@ std::span<const BlockJoins::Shared> BlockJoins::shared(unsigned int block) const
 }
 
 bool BlockJoins::isShared(unsigned int block) const noexcept { return !myData->sharedOf[block].empty(); }
+bool BlockJoins::hasOwnersCopies(const Field& field, unsigned int block) const {
+    return !myData->isMoved[block] && myData->origin.isFor(&field);
+}
 
 std::optional<BlockJoins::Step> BlockJoins::step(const BlockVertex& from, int axis, int direction) const {
     const MultiIndex<3>& size = myData->sizes[from.block];
@@ -359,42 +458,64 @@ std::optional<BlockJoins::Step> BlockJoins::step(const BlockVertex& from, int ax
         place[axis] += isUpper ? index_t{1} : ~index_t{0};
         return Step{{from.block, place.linear(size)}, nullptr};
     }
-    const BlockJoin* periodic = nullptr;
-    for (const BlockJoin& join : myData->seenFrom({from.block, axis, isUpper})) {
-        bool isInside = true;
-        for (int d = 0; d < 3; ++d) isInside = isInside && place[d] >= join.low[d] && place[d] <= join.high[d];
-        if (!isInside) continue;
-        if (join.motion >= 0) {
-            if (!periodic) periodic = &join;
-            continue;
-        }
-        periodic = nullptr;
-        IndexMap::Place beyond = placeOf(place);
-        beyond[static_cast<std::size_t>(axis)] += direction;
-        return Step{{join.second.block, placeOf(join.map(beyond)).linear(myData->sizes[join.second.block])}, nullptr};
-    }
-    if (!periodic) return std::nullopt;
+    const BlockJoin* const join = myData->joinAt({from.block, axis, isUpper}, place);
+    if (!join) return std::nullopt;
     IndexMap::Place beyond = placeOf(place);
-    beyond[static_cast<std::size_t>(axis)] += direction;
-    const auto number = static_cast<std::size_t>(periodic->motion);
-    const RigidMotion& back = periodic->inverse ? myData->options.motions[number] : myData->inverses[number];
-    return Step{{periodic->second.block, placeOf(periodic->map(beyond)).linear(myData->sizes[periodic->second.block])},
-                &back};
+    beyond[static_cast<std::size_t>(axis)] += isUpper ? 1 : -1;
+    Step result{{join->second.block, placeOf(join->map(beyond)).linear(myData->sizes[join->second.block])}, nullptr};
+    if (join->motion >= 0) {
+        const auto number = static_cast<std::size_t>(join->motion);
+        result.motion = join->inverse ? &myData->options.motions[number] : &myData->inverses[number];
+    }
+    return result;
 }
 
 bool BlockJoins::isOpen(const BlockFace& face, const MultiIndex<3>& quad) const {
-    for (const BlockJoin& join : myData->seenFrom(face)) {
-        bool isInside = join.motion < 0;
-        for (int d = 0; d < 3; ++d)
-            if (d != face.axis) isInside = isInside && quad[d] >= join.low[d] && quad[d] < join.high[d];
-        if (isInside) return false;
-    }
-    return true;
+    const BlockJoin* const join = myData->joinOf(face, quad);
+    return !join || join->motion >= 0;
 }
 
 bool BlockJoins::isMirrored(unsigned int block) const { return myData->isMirrored[block]; }
 bool BlockJoins::isOrientable() const noexcept { return myData->isOrientable; }
 
-std::string BlockJoins::describe() const { return {}; }
+std::string BlockJoins::describe() const {
+    static constexpr std::size_t MostLines = 50; // of each kind
+    const auto faceText = [this](const BlockFace& face) {
+        return '"' + FragmentID::Name(fragment(face.block), "") + "\" " + "-+"[face.upper] + "ijk"[face.axis];
+    };
+    std::ostringstream text;
+    const auto list = [&text](const auto& all, const auto& line) {
+        for (std::size_t n = 0; n < std::min(all.size(), MostLines); ++n) {
+            text << "  ";
+            line(all[n]);
+            text << '\n';
+        }
+        if (all.size() > MostLines) text << "  and " << all.size() - MostLines << " more\n";
+    };
+    const auto periodic =
+        std::count_if(joins().begin(), joins().end(), [](const auto& join) { return join.motion >= 0; });
+    text << blocks() << " blocks, " << joins().size() << " joins";
+    if (periodic) text << " (" << periodic << " periodic)";
+    text << ", " << myData->shared.size() << " vertices that are others' copies, " << doubtful().size()
+         << " doubtful faces" << (isOrientable() ? "" : ", not orientable") << '\n';
+    list(joins(), [&](const BlockJoin& join) {
+        text << faceText(join.first) << ' ' << to_string(join.low) << " to " << to_string(join.high) << " is "
+             << faceText(join.second) << ", ijk ->";
+        for (std::size_t d = 0; d < 3; ++d)
+            text << ' ' << "+-"[join.map.sign[d] < 0] << "ijk"[static_cast<std::size_t>(join.map.axis[d])];
+        if (join.motion >= 0) text << ", after motion " << join.motion << (join.inverse ? " backward" : "");
+        if (join.largestDistance > 0.0) text << ", up to " << join.largestDistance << " apart";
+    });
+    list(myData->poles, [&](const auto& pole) {
+        MultiIndex<3> quads = size(pole.first.block) - 1;
+        quads[pole.first.axis] = 1;
+        text << faceText(pole.first) << " is collapsed" << (pole.second < quads.product() ? " in part" : "");
+    });
+    list(doubtful(), [&](const DoubtfulFace& doubt) {
+        text << faceText(doubt.face) << " and " << faceText(doubt.other) << " are doubtful: " << doubt.reason << " ("
+             << doubt.coincident << " vertices)";
+    });
+    return text.str();
+}
 
 } // namespace Vantle

@@ -183,6 +183,9 @@ public:
     [[nodiscard]] std::span<const Shared> shared(unsigned int block) const;
     /// Whether some vertices are one, of these blocks or at all.
     [[nodiscard]] bool isShared(unsigned int block) const noexcept;
+    /// Whether `field` is known to have, in every bit, the owner's copy at each vertex of a block: the positions that
+    /// the joins were found in, as long as they are no newer.
+    [[nodiscard]] bool hasOwnersCopies(const Field& field, unsigned int block) const;
 
     /// What follows a vertex along an axis, forward (1) or backward (-1): within its block, or across a joined face.
     struct Step {

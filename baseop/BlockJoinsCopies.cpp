@@ -64,13 +64,19 @@ template<class T, class F>
 void forEachCopy(const BlockJoins& joins, const Field& field, unsigned int block, const CreativeIterator<T>& elements,
                  const F& function) {
     std::map<unsigned int, std::pair<StrongPtr<MemBase>, std::optional<CreativeIterator<T>>>> owners;
+    const CreativeIterator<T>* owned = nullptr; // of the block that owned the last one, as often the next one
+    unsigned int owner = joins.blocks();
     for (const BlockJoins::Shared& shared : joins.shared(block)) {
-        const auto [at, isNew] = owners.try_emplace(shared.owner.block);
-        auto& [array, owned] = at->second;
-        if (isNew) {
-            array = dataOf(joins, field, shared.owner.block);
-            if (array) owned = elementsOf<T>(*array);
-            if (array && !owned) refuse(joins, shared.owner.block, "other elements than those of a neighbour");
+        if (shared.owner.block != owner) {
+            owner = shared.owner.block;
+            const auto [at, isNew] = owners.try_emplace(owner);
+            auto& [array, known] = at->second;
+            if (isNew) {
+                array = dataOf(joins, field, owner);
+                if (array) known = elementsOf<T>(*array);
+                if (array && !known) refuse(joins, owner, "other elements than those of a neighbour");
+            }
+            owned = known ? &*known : nullptr;
         }
         if (owned) function(shared, elements[shared.index], (*owned)[shared.owner.index]);
     }
@@ -115,7 +121,7 @@ CopyDifference compareCopies(const BlockJoins& joins, const Field& field) {
 
 StrongPtr<MemBase> ownersData(const BlockJoins& joins, const Field& field, unsigned int block) {
     const StrongPtr<MemBase> data = dataOf(joins, field, block);
-    if (!data || !joins.isShared(block)) return data;
+    if (!data || !joins.isShared(block) || joins.hasOwnersCopies(field, block)) return data;
     StrongPtr<MemBase> result = data;
     const bool isKnown = withElements(Comparable(), *data, [&]<class T>(const CreativeIterator<T>& elements) {
         StrongPtr<MemArray<3, T>> copy;

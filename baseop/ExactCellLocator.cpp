@@ -144,7 +144,7 @@ ExactCellLocator::ExactCellLocator(const Hestra::StrongPtr<CoordsArray_t>& coord
 
 ExactCellLocator::~ExactCellLocator() = default;
 
-CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell) const {
+CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell, const BlockMask* mask) const {
     VANTLE_SCOPE("ExactCellLocator::locate(P)");
     const Search& search = *mySearch;
     CellLocation found;
@@ -152,6 +152,7 @@ CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell) const {
     // The first cell in order that has the point is the one.
     (void)detail::offerCandidates(search.vertices, search.tree, P, [&](const CellCandidates& cells) {
         for (const CellOfBlock& candidate : cells) {
+            if (mask && !mask->isCellValid(candidate.index())) continue;
             if (!solve(search.vertices, candidate.index(), P, found.local)) continue;
             if (cell) *cell = candidate.index();
             found.result = LocationResult::Found;
@@ -162,7 +163,8 @@ CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell) const {
     return found;
 }
 
-void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocation> found) const {
+void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocation> found,
+                              const BlockMask* mask) const {
     const Search& search = *mySearch;
     CellBoxTree::Matches matches;
     for (std::size_t count; !points.empty(); points = points.subspan(count), found = found.subspan(count)) {
@@ -173,12 +175,13 @@ void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocat
             search.tree.match(now, matches);
         for (std::size_t n = 0; n < count; ++n) {
             if (!areMatched) {
-                found[n] = locate(now[n]);
+                found[n] = locate(now[n], nullptr, mask);
                 continue;
             }
             found[n].result = LocationResult::NotFound;
             found[n].isSilent = true;
             for (const CellOfBlock& cell : matches.of(n)) {
+                if (mask && !mask->isCellValid(cell.index())) continue;
                 if (!solve(search.vertices, cell.index(), now[n], found[n].local)) continue;
                 found[n].result = LocationResult::Found;
                 break;

@@ -4,6 +4,7 @@
 #include <baseop/BaseOpExport.hpp>
 #include <baseop/CellLocation.hpp>
 #include <model/hestra/Reference.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <memory>
@@ -43,11 +44,14 @@ public:
 
     /// Finds the position, and tells the cell if asked for it: `Found`, or `NotFound` when it is outside, with `cell`
     /// untouched. A component of the result is within the closed range of the cell.
-    [[nodiscard]] CellLocation locate(const point& P, MultiIndex3* cell = nullptr) const;
+    ///
+    /// @param mask  of the same extents: cells that are not valid contain nothing.
+    [[nodiscard]] CellLocation locate(const point& P, MultiIndex3* cell = nullptr,
+                                      const BlockMask* mask = nullptr) const;
 
     /// The same for many positions at once, whose searches share much if they lie within a few cells of each other.
     /// Both sequences have the same length.
-    void locate(std::span<const point> points, std::span<CellLocation> found) const;
+    void locate(std::span<const point> points, std::span<CellLocation> found, const BlockMask* mask = nullptr) const;
 
     /// Whether a cell has the position, and if so, the fractional index of it in `uvw`. On common faces each cell does.
     /// False for cells that the block does not have.

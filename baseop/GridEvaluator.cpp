@@ -1,6 +1,7 @@
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Interpolate.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
+#include <baseop/detail/location/GridLock.hpp>
 #include <baseop/detail/location/LazyFragment.hpp>
 #include <baseop/detail/location/Tiling.hpp>
 #include <model/hestra/Profiler.hpp>
@@ -35,20 +36,38 @@ bool isNumber(const FractionalIndex& index) noexcept {
 }
 
 /// No bounds: a uniform fragment claims every position.
-bool claims(const detail::UniformCoordinates& fragment, const point& p, FractionalIndex& index) noexcept {
+bool claims(const detail::UniformCoordinates& fragment, const BlockMask* mask, const point& p,
+            FractionalIndex& index) noexcept {
     if (fragment.nElements() == 0 || !isNumber(p)) return false;
     const FractionalIndex found = fragment.getIndex(p);
-    if (!isNumber(found)) return false;
+    if (!isNumber(found) || (mask && !mask->has(found))) return false;
     index = found;
     return true;
 }
 
-bool claims(const detail::RectilinearCoordinates& fragment, const point& p, FractionalIndex& index) noexcept {
+bool claims(const detail::RectilinearCoordinates& fragment, const BlockMask* mask, const point& p,
+            FractionalIndex& index) noexcept {
     const FractionalIndex part = fragment.getIndex(p);
     for (int d = 0; d < 3; ++d)
         if (!(part[d] >= 0.0 && part[d] <= 1.0)) return false;
-    index = fragment.getFractionalIndex(p);
+    const FractionalIndex found = fragment.getFractionalIndex(p);
+    if (mask && !mask->has(found)) return false;
+    index = found;
     return true;
+}
+
+/// The masks of the grid that a search is about.
+Blanking masksOf(const GridEvaluator::Context& context) {
+    const detail::GridLock lock(context.grid);
+    return context.grid ? Blanking(*context.grid) : Blanking();
+}
+
+/// The same, if they fit.
+Blanking checkedMasksOf(const GridEvaluator::Context& context) {
+    const detail::GridLock lock(context.grid);
+    const Blanking masks = masksOf(context);
+    if (const StrongPtr<Field> field = masks ? (*context.grid)(context.coordinateField) : nullptr) masks.check(*field);
+    return masks;
 }
 
 /// Where a position was found. `fragment` is the position in the order of the source, or, for point locations, that
@@ -64,9 +83,9 @@ struct Hit {
 /// The search of positions in the fragments of a source, without a word. Any number of threads may search.
 class SourceSearch {
 public:
-    SourceSearch(const Field& source, FragmentSearchBase& base, bool isHeard)
-        : myBase(base), mySize(source.nFragments()), myFragments(std::make_unique<LazyFragment[]>(mySize)),
-          myIsHeard(isHeard) {
+    SourceSearch(const Field& source, FragmentSearchBase& base, const Blanking& masks, bool isHeard)
+        : myBase(base), myMasks(masks), mySize(source.nFragments()),
+          myFragments(std::make_unique<LazyFragment[]>(mySize)), myIsHeard(isHeard) {
         std::size_t n = 0;
         source.iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
             if (n == mySize) return false;
@@ -93,8 +112,9 @@ public:
             count = left;
         };
         const auto offerTo = [&](std::size_t n, const auto& computed) {
+            const BlockMask* const mask = myFragments[n].mask(myMasks, myIsHeard ? Hearing::Kept : Hearing::Nobody);
             offer([&](const point& p, Hit& hit) {
-                if (!claims(*computed, p, hit.index)) return false;
+                if (!claims(*computed, mask, p, hit.index)) return false;
                 hit.result = LocationResult::Found;
                 hit.fragment = static_cast<std::uint32_t>(n);
                 return true;
@@ -234,6 +254,7 @@ private:
     }
 
     FragmentSearchBase& myBase;
+    Blanking myMasks;
     std::size_t mySize;
     std::unique_ptr<LazyFragment[]> myFragments;
     bool myIsHeard;
@@ -329,9 +350,20 @@ void FragmentSearchBase::tell(const point& p) {
 int FragmentSearch<point>::Contains(const point& p, const StrongPtr<CreativeArrayBase>& fragmentCreator,
                                     FractionalIndex& index) {
     const FragmentCoordinates coordinates(fragmentCreator ? fragmentCreator->getData() : nullptr);
+    const auto isClaimed = [&](const auto& computed) {
+        const Blanking masks = masksOf(myContext);
+        StrongPtr<const BlockMask> mask;
+        if (const StrongPtr<Field> field = masks ? (*myContext.grid)(myContext.coordinateField) : nullptr)
+            field->iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+                if (!(creator == fragmentCreator)) return true;
+                mask = masks.of(id, computed.Size());
+                return false;
+            });
+        return claims(computed, mask.rawptr(), p, index);
+    };
     const bool isLocated =
-        std::visit(Overloaded{[&](const detail::UniformCoordinates* uniform) { return claims(*uniform, p, index); },
-                              [&](const detail::RectilinearCoordinates* axes) { return claims(*axes, p, index); },
+        std::visit(Overloaded{[&](const detail::UniformCoordinates* uniform) { return isClaimed(*uniform); },
+                              [&](const detail::RectilinearCoordinates* axes) { return isClaimed(*axes); },
                               [&](detail::CurvilinearCoordinates*) {
                                   LocalPoint found;
                                   const bool isFound = locator().get(p, found);
@@ -392,6 +424,7 @@ void GridEvaluator::findForSpecificDestinationPositions(const MultiIndex<3>& ext
                                                         const Field& sourcePositions, const Context& context) {
     const std::size_t n = extents.product();
     if (n == 0) return;
+    const Blanking masks = checkedMasksOf(context);
     if (!mySearch || !mySearch->serves(context)) mySearch = std::make_unique<FragmentSearch<point>>(context);
 
     // From here on the former results are gone.
@@ -407,7 +440,7 @@ void GridEvaluator::findForSpecificDestinationPositions(const MultiIndex<3>& ext
     const bool isHeard = Hestra::Console::isHeard();
     std::vector<unsigned char> isSilent(isHeard ? n : 0);
     std::atomic<bool> hasLocations{false};
-    const SourceSearch search(sourcePositions, *mySearch, isHeard);
+    const SourceSearch search(sourcePositions, *mySearch, masks, isHeard);
     const Tiling tiling(extents);
     const auto findTile = [&](index_t tile) {
         std::size_t members[Tiling::MaximalTile];

@@ -35,6 +35,8 @@ struct VANTLE_BASEOP_API EvaluationOptions : LocatorOptions {
 /// - A curvilinear fragment asks the point location of the whole grid (`LocalFromWorldPoint`), and a position found in
 ///   any fragment of the grid is found. Each position tried is reported, found or not, to whoever listens.
 /// - A fragment of unstructured points claims nothing, and says so for each position.
+/// - With masks of the grid in the context, no position in a blanked cell is claimed, and by a uniform fragment none
+///   outside of it beside a blanked cell.
 ///
 /// Laws         results, recorded fragments, statuses and the order of the messages about positions do not depend on
 ///              the number of threads, nor results on whether anybody listens.
@@ -85,8 +87,10 @@ public:
     /// Neighbours in the order of the positions, or of the lattice, should be neighbours in space: they share searches.
     ///
     /// Degenerate   no positions: everything stays as it was.
+    /// Failure     std::invalid_argument for masks that do not fit, with everything as it was as far as sizes are known
+    ///             without making data.
     /// @return false, and everything as it was, for other kinds of positions. An exception of a creator of coordinates
-    ///         passes on, and leaves no results.
+    ///         or masks passes on, and leaves no results.
     bool find(const Hestra::StrongPtr<MemBase>& destinationPositions, const Field& sourcePositions,
               const Context& context);
 
@@ -194,7 +198,8 @@ public:
 
     /// Whether the fragment with these coordinates claims `p`: 3, with the fractional index, or 0. See `GridEvaluator`
     /// for what claims and what is printed. A position found in a curvilinear grid may be in another fragment than
-    /// was asked about: see `fragment`.
+    /// was asked about: see `fragment`. A fragment of the grid in the context is looked for by its creator if that grid
+    /// has masks.
     int Contains(const Orvix::PhysicalSpace::point& p, const Hestra::StrongPtr<CreativeArrayBase>& fragmentCreator,
                  Orvix::FixedArray<double, 3>& index);
     /// The fragment where the point location found the last position; null if it did not, and for unfragmented data.

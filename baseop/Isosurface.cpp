@@ -10,6 +10,7 @@
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <optional>
 #include <typeinfo>
 #include <variant>
@@ -101,7 +102,8 @@ struct SurfaceFields {
     StrongPtr<Field> points, triangles;
 };
 
-/// Beside the points of a surface: the positions that it lies in. Its ages are those of values and request.
+/// Beside the points of a surface: the positions that it lies in, and the masks. Its ages are those of values and
+/// request.
 using SurfaceRecord = Hestra::FreshnessRecord<Field>;
 
 /// Whether a surface was made with these joins and, if they are wanted, still has its edges. A caller's own has been
@@ -130,6 +132,22 @@ bool anyAbove(const MultiArray<3, T>& data, double level) {
         for (std::size_t n = begin; n < end; ++n) above |= static_cast<double>(data.data()[n * stride]) > level;
         if (above) return true;
     }
+    return false;
+}
+
+/// The same among vertices that are valid.
+template<class T>
+bool anyAbove(const MultiArray<3, T>& data, double level, const BlockMask& mask) {
+    const MultiIndex<3>& size = data.Size();
+    for (index_t k = 0; k < size[2]; ++k)
+        for (index_t j = 0; j < size[1]; ++j) {
+            const T* const row = data.data() + (k * size[1] + j) * size[0] * data.stride();
+            for (index_t word = 0; 64 * word < size[0]; ++word)
+                for (std::uint64_t bits = mask.around(j, k, word).vertices; bits != 0; bits &= bits - 1) {
+                    const index_t i = 64 * word + static_cast<index_t>(std::countr_zero(bits));
+                    if (static_cast<double>(row[i * data.stride()]) > level) return true;
+                }
+        }
     return false;
 }
 
@@ -211,7 +229,8 @@ struct FragmentIsoSurfacer::Fragment {
     /// Its place on the lattice, if it is all there.
     std::optional<MultiIndex<3>> place;
     /// Its number, if it has vertices in common with others, or with itself.
-    std::optional<unsigned int> sharing;
+    std::optional<unsigned int> joined;
+    StrongPtr<const BlockMask> mask = {};
 };
 
 FragmentIsoSurfacer::FragmentIsoSurfacer(double level, double parameter, const StrongPtr<Field>& positions,
@@ -244,7 +263,9 @@ bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<Range>& range) {
 }
 
 bool FragmentIsoSurfacer::excludesLevel(double least, double greatest) noexcept {
-    myReachesAbove = myReachesAbove || least > myLevel || greatest > myLevel;
+    myIsAllAbove = least > myLevel;
+    // What the caller says is of valid values; other ranges are of all.
+    if (!myIsMasked || myRangeOf) myReachesAbove = myReachesAbove || least > myLevel || greatest > myLevel;
     return myLevel < least || myLevel > greatest;
 }
 
@@ -260,21 +281,31 @@ bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<FragmentID>& id, const C
 
 /// The same of a block whose vertices have values of other blocks, too.
 bool FragmentIsoSurfacer::isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator) {
-    const bool before = myReachesAbove;
+    const auto sideOf = [level = myLevel](double least, double greatest) -> std::optional<bool> {
+        if (level < least) return true;
+        if (level > greatest) return false;
+        return {};
+    };
+    const auto sideOfRange = [&](const auto& range) {
+        return range ? sideOf(range->getMinf(), range->getMaxf()) : std::nullopt;
+    };
     const auto isAbove = [&](unsigned int ofBlock, const CreativeArrayBase& values) -> std::optional<bool> {
-        myReachesAbove = false;
-        return excludesLevel(myJoined->joins().fragment(ofBlock), values) ? std::optional(myReachesAbove)
-                                                                          : std::nullopt;
+        if (myRangeOf) {
+            const auto range = myRangeOf(myJoined->joins().fragment(ofBlock));
+            return range ? sideOf(range->first, range->second) : std::nullopt;
+        }
+        const auto side = sideOfRange(DataRange<double>::get(values).lock());
+        return side ? side : sideOfRange(DataRange<float>::get(values).lock());
     };
     const std::optional<bool> side = isAbove(block, creator);
-    bool all = side.has_value();
-    if (all)
-        for (const unsigned int owner : myJoined->ownersOf(block)) {
-            const auto other = myJoined->values().getCreator(myJoined->joins().fragment(owner));
-            all = all && other && isAbove(owner, *other) == side;
-        }
-    myReachesAbove = before || (all && *side);
-    return all;
+    if (!side) return false;
+    for (const unsigned int owner : myJoined->ownersOf(block)) {
+        const auto other = myJoined->values().getCreator(myJoined->joins().fragment(owner));
+        if (!other || isAbove(owner, *other) != side) return false;
+    }
+    myIsAllAbove = *side;
+    myReachesAbove = myReachesAbove || (*side && (!myIsMasked || myRangeOf));
+    return true;
 }
 
 /// Whether the range of data that exist excludes the level.
@@ -298,13 +329,13 @@ bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
 
 bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
     if (!creator) return true;
+    myIsMasked = myBlanking.concerns(id);
     Fragment fragment;
     if (myJoined)
-        if (const unsigned int block = myJoined->joins().find(id);
-            block < myJoined->joins().blocks() && myJoined->joins().isShared(block))
-            fragment.sharing = block;
-    if (fragment.sharing ? isJoinedAndExcluded(*fragment.sharing, *creator) : excludesLevel(id, *creator)) {
+        if (const unsigned int block = myJoined->joins().find(id); myJoined->isJoined(block)) fragment.joined = block;
+    if (fragment.joined ? isJoinedAndExcluded(*fragment.joined, *creator) : excludesLevel(id, *creator)) {
         Console::puts("SKIP Iso");
+        noteSkipped(id);
         return true;
     }
     const StrongPtr<MemBase> data = creator->getData();
@@ -316,15 +347,16 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     using Types = TypeList<double, float, unsigned char, short, unsigned short>;
     const bool supported = withMemArray<3>(Types(), data, [&]<class T>(const MemArray<3, T>& own) {
         StrongPtr<MemBase> coordinates, owners;
-        if (fragment.sharing) {
+        if (fragment.joined) {
             coordinates = findCoordinates(id, fragment);
-            owners = ownersData(myJoined->joins(), myJoined->values(), *fragment.sharing);
+            owners = ownersData(myJoined->joins(), myJoined->values(), *fragment.joined);
         }
         const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
         if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
         if (!myRangeOf && values == &own && isSkipped<T>(*creator))
-            return; // ranges know nothing of other owners' values
+            return noteSkipped(id); // a range knows of own values only
         if (!coordinates) coordinates = findCoordinates(id, fragment);
+        if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
         sweep<T>(id, *values, fragment);
     });
     if (!supported) {
@@ -334,11 +366,18 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     return true;
 }
 
+/// Of a masked fragment the range does not tell whether a valid value lies above the level, unless all do.
+void FragmentIsoSurfacer::noteSkipped(const StrongPtr<FragmentID>& id) {
+    if (!myIsMasked || myReachesAbove || !myIsAllAbove) return;
+    const auto mask = myBlanking.of(id);
+    myReachesAbove = !mask || !mask->isNothingValid();
+}
+
 /// Sets positions and place of the fragment. The array that holds the positions is returned.
 StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<FragmentID>& id, Fragment& fragment) const {
     StrongPtr<MemBase> array;
-    if (fragment.sharing)
-        array = ownersData(myJoined->joins(), *myPositions, *fragment.sharing);
+    if (fragment.joined)
+        array = ownersData(myJoined->joins(), *myPositions, *fragment.joined);
     else if (myPositions)
         array = myPositions->getData(id);
     fragment.positions = findPositions(detail::FragmentCoordinates(array), fragment.size);
@@ -363,11 +402,13 @@ void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const MultiArra
                                         myTriangles->base_vector()};
     const std::size_t firstVertex = surface.identifiers.size(), firstTriangle = surface.triangles.size();
 
-    const IsoSweep<T> sweep(data, myLevel);
+    const BlockMask* const mask = fragment.mask.rawptr();
+    const IsoSweep<T> sweep(data, myLevel, mask);
     detail::checkVertexCount(firstVertex + sweep.vertices());
     // Cells without a surface are all below or all not: then the first value tells for all.
-    const bool below = sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
-    if (!myReachesAbove && !below) myReachesAbove = anyAbove(data, myLevel);
+    const bool below =
+        !mask && sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
+    if (!myReachesAbove && !below) myReachesAbove = mask ? anyAbove(data, myLevel, *mask) : anyAbove(data, myLevel);
     extend(surface.identifiers, sweep.vertices());
     extend(surface.weights, sweep.vertices());
     extend(surface.points, sweep.vertices());
@@ -382,13 +423,13 @@ void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const MultiArra
         [&](const auto& positions) {
             if constexpr (!std::is_same_v<std::decay_t<decltype(positions)>, std::monostate>) {
                 sweep.fill(target, numbering, positions);
-                if (!fragment.sharing || sweep.vertices() == 0) return;
+                if (!fragment.joined || sweep.vertices() == 0) return;
                 const auto value = [&](index_t n) { return static_cast<double>(data.element(n)); };
                 const auto point = [&](index_t n) { return positions.at(n, fragment.size); };
-                if (myJoined->joins().isMirrored(*fragment.sharing))
+                if (myJoined->joins().isMirrored(*fragment.joined))
                     for (std::size_t t = firstTriangle; t < surface.triangles.size(); ++t)
                         std::swap(surface.triangles[t][1], surface.triangles[t][2]);
-                myJoined->merge(surface, *fragment.sharing, myRunningOffset, myLevel, value, point, firstVertex,
+                myJoined->merge(surface, *fragment.joined, myRunningOffset, myLevel, value, point, firstVertex,
                                 firstTriangle);
             }
         },
@@ -432,14 +473,17 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     if (!field) throw IsoException(2);
 
     const auto age = std::max(field->age(), requestedAge.age());
-    const Hestra::Freshness inSpace(positions.rawptr());
+    const Blanking masks(inputGrid);
+    masks.check(*positions);
+    const Hestra::Freshness inSpace(positions.rawptr(), masks.vertexMask().rawptr(), masks.cellMask().rawptr());
     const StrongPtr<BlockJoins> joins =
         options.joinBlocks ? BlockJoins::of(inputGrid, options.joins) : StrongPtr<BlockJoins>();
     if (const StrongPtr<Grid> known = slice(outputName)) {
         const SurfaceFields surface(*known);
         if (isValid(surface.points) && isValid(surface.triangles) &&
             Hestra::Freshness::isFresh(surface.points->age(), age) &&
-            SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr()) &&
+            SurfaceRecord::isFresh(*surface.points, surface.points, positions.rawptr(), masks.vertexMask().rawptr(),
+                                   masks.cellMask().rawptr()) &&
             isAsAsked(surface.points, joins, options.keepEdges))
             return known;
     }
@@ -455,6 +499,7 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     const auto weights = Hestra::makeRef<Hestra::TypedChunk<double>>();
     FragmentIsoSurfacer surfacer(level, parameter, positions, identifiers.strong(), weights.strong(), points.strong(),
                                  triangles.strong());
+    surfacer.setBlanking(masks);
     if (joins) surfacer.joinBlocks(joins, field);
     if (options.rangeOf) surfacer.useRanges(options.rangeOf);
     const std::size_t fragments = field->nFragments();

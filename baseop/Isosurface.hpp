@@ -8,6 +8,7 @@
 #include <baseop/BlockJoins.hpp>
 #include <baseop/detail/surface/MarchingCubesTables.hpp>
 #include <model/hestra/Chunk.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/DirectProduct.hpp>
 #include <model/vantle/MemArray.hpp>
@@ -241,11 +242,13 @@ public:
     /// Called after the last fragment: drops vertices that joining has left without triangles, as where a block is
     /// collapsed.
     void finish();
+    /// The masks of the grid that the fragments belong to: cells that are not valid have no surface. None by default.
+    void setBlanking(const Blanking& masks) { myBlanking = masks; }
 
     [[nodiscard]] double level() const noexcept { return myLevel; }
     /// What the caller gave beside the level; nothing here depends on it.
     [[nodiscard]] double parameter() const noexcept { return myParameter; }
-    /// Whether a value of the fragments so far lies above the level.
+    /// Whether a value of the fragments so far, at a valid vertex, lies above the level.
     [[nodiscard]] bool reachesAbove() const noexcept { return myReachesAbove; }
 
     /// Adds the surface of one fragment, unless the range of its values is known not to hold the level. True.
@@ -256,7 +259,8 @@ public:
     /// Messages    "SKIP Iso" for a skip without data, "SKIP Iso Retrieve: ..." for a skip of double values.
     /// Degenerate  no creator, or one without data, adds nothing.
     /// Failure     throws `const char*` for data that are not three-dimensional; then `IsoException` 3, after a
-    ///             message, without coordinates of the same extents; then `IsoException` 4 for other element types;
+    ///             message, without coordinates of the same extents; then std::invalid_argument for masks that do not
+    ///             fit (`BlockMask`); then `IsoException` 4 for other element types;
     ///             then std::length_error when this fragment's vertices and those that are there are more than 2^32.
     /// Joined      a range of a block that shares vertices spares nothing unless those of their owners lie on the same
     ///             side. Failure also std::invalid_argument when fragments that share vertices have other extents than
@@ -280,6 +284,7 @@ private:
     bool isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator);
     template<class T>
     bool isSkipped(CreativeArrayBase& creator);
+    void noteSkipped(const Hestra::StrongPtr<FragmentID>& id);
     Hestra::StrongPtr<MemBase> findCoordinates(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment) const;
     template<class T>
     void sweep(const Hestra::StrongPtr<FragmentID>& id, const MultiArray<3, T>& data, const Fragment& fragment);
@@ -294,6 +299,9 @@ private:
     index_t myRunningOffset;
     bool myReachesAbove = false;
     RangeOf myRangeOf;
+    Blanking myBlanking;
+    bool myIsMasked = false;   // the fragment at hand
+    bool myIsAllAbove = false; // as its range says
     std::unique_ptr<detail::PlacedBlocks> myPlaced;
     std::unique_ptr<detail::JoinedBlocks> myJoined; // null unless they are to be joined
     std::vector<detail::SurfacePiece> myPieces;
@@ -319,13 +327,16 @@ struct SurfaceOptions {
 /// The surface of a field at a level, as the grid `outputName` of `slice`.
 ///
 /// Reuse       a grid of this name whose surface exists, or can be made again, is neither older than the input field
-///             nor than `requestedAge`, and lies in the same positions field of the same age (if that is known: the
-///             grid may be a caller's) is returned as it is, silently, whatever its level: who asks for another level
-///             ages the request. Otherwise the whole surface is computed, with a line that says so, into a new
-///             grid, both halves of which become as old as the newer of field and request.
+///             nor than `requestedAge`, and lies in the same positions field of the same age, with the same masks (if
+///             that is known: the grid may be a caller's) is returned as it is, silently, whatever its level: who asks
+///             for another level ages the request. Otherwise the whole surface is computed, with a line that says so,
+///             into a new grid, both halves of which become as old as the newer of field and request.
+/// Blanking    cells that the masks of `inputGrid` make invalid have no surface: it is that of the grid without these
+///             cells.
 /// Degenerate  a field without data gives an empty surface, and so does one without a value above the level. Where
 ///             only some fragments have none, they have the triangles that belong to the level's plane.
-/// Failure     `IsoException` 1 without Cartesian positions, 2 without such a field, and what
+/// Failure     `IsoException` 1 without Cartesian positions, 2 without such a field; std::invalid_argument for masks
+///             that do not fit, with nothing changed as far as sizes are known without making data; and what
 ///             `FragmentIsoSurfacer::apply` throws; that leaves an incomplete grid in the slice.
 /// Concurrency fragments one after the other, each by the team of OpenMP.
 VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requestedAge,

@@ -142,6 +142,10 @@ BBSelectorMemoryTree::BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree,
 PointSearch LocalFromWorldPoint::makeSearch(const StrongPtr<Slice>& slice, const StrongPtr<Grid>& grid,
                                             const std::string& name) {
     VANTLE_SCOPE("LocalFromWorldPoint::LocalFromWorldPoint() Set Fragment data");
+    if (grid) {
+        const detail::GridLock lock(grid);
+        if (const StrongPtr<Field> coordinates = (*grid)(name)) Blanking(*grid).check(*coordinates);
+    }
     try {
         return PointSearch(slice, grid, name);
     } catch (const PointSearch::NoVertices&) {
@@ -169,6 +173,8 @@ LocalFromWorldPoint::LocalFromWorldPoint(const detail::Given<Slice>& slice, cons
         return;
     }
     myOrigin = Hestra::Freshness(myField.rawptr());
+    myMasks = Blanking(*grid);
+    myMaskOrigin = myMasks.freshness();
     CartesianFragments properties(grid);
     if (grid->findVertices()) properties.discardOutdated();
     mySearch.discardOutdated();
@@ -209,7 +215,9 @@ bool LocalFromWorldPoint::isCurrent() const {
     const StrongPtr<Grid>& grid = mySearch.grid();
     const detail::GridLock lock(grid);
     const StrongPtr<Field> field = grid ? (*grid)(mySearch.coordinateFieldName()) : nullptr;
-    return field == myField && (!field || myOrigin.isFor(field.rawptr()));
+    if (!field || !(field == myField)) return field == myField;
+    const Blanking masks(*grid);
+    return myOrigin.isFor(field.rawptr()) && myMaskOrigin.isFor(masks.vertexMask().rawptr(), masks.cellMask().rawptr());
 }
 
 void LocalFromWorldPoint::collectFragments(CartesianFragments& properties) {
@@ -374,9 +382,10 @@ const Structure* LocalFromWorldPoint::structure(unsigned int number, Hearing hea
 namespace {
 
 /// Whether coordinates that are computed, which those of uniform and rectilinear fragments are, have a position in
-/// their box.
-bool isInComputed(const FragmentCoordinates& coordinates, const PhysicalSpace::point& p, PhysicalSpace::point& local) {
-    return std::visit(
+/// their box, in a valid cell.
+bool isInComputed(const FragmentCoordinates& coordinates, const PhysicalSpace::point& p, PhysicalSpace::point& local,
+                  const BlockMask* mask) {
+    const bool isInside = std::visit(
         detail::Overloaded{[&](const detail::UniformCoordinates* uniform) {
                                if (uniform->nElements() == 0) return false;
                                // In the box, but a rounding error may lead past the last vertex.
@@ -390,14 +399,15 @@ bool isInComputed(const FragmentCoordinates& coordinates, const PhysicalSpace::p
                            },
                            [](const auto&) { return false; }},
         coordinates.kind);
+    return isInside && (!mask || mask->has(local));
 }
 
 /// Where a tree mapper finds a position, in fractional indices.
-CellLocation locateInTree(const TreeCellMapper& tree, const PhysicalSpace::point& p) {
+CellLocation locateInTree(const TreeCellMapper& tree, const PhysicalSpace::point& p, const BlockMask* mask) {
     CellLocation found;
     PhysicalSpace::vector extent;
     MultiIndex<3> cell;
-    found.result = static_cast<LocationResult>(tree.localCoordinates(found.local, extent, p, &cell));
+    found.result = static_cast<LocationResult>(tree.localCoordinates(found.local, extent, p, &cell, mask));
     if (!found) return found;
     // The mapper leaves out the cell on the last layer of an axis; elsewhere it has added it.
     const MultiIndex<3> lastCell = tree.coordinates()->Size() - 2;
@@ -415,7 +425,7 @@ LocalFromWorldPoint::Way LocalFromWorldPoint::wayOfOptions() const noexcept {
 
 // Asks the structure of a curvilinear fragment, without a word.
 void LocalFromWorldPoint::ask(Way way, unsigned int number, std::span<const point> points,
-                              std::span<CellLocation> found, Hearing hearing) const {
+                              std::span<CellLocation> found, const BlockMask* mask, Hearing hearing) const {
     const double epsilon = myOptions.gridEpsilon;
     const auto with = [&](const auto* structure, const auto& locate) {
         for (std::size_t n = 0; n < points.size(); ++n)
@@ -424,32 +434,36 @@ void LocalFromWorldPoint::ask(Way way, unsigned int number, std::span<const poin
     switch (way) {
     case Way::Newton:
         if (const auto* const mapper = structure<UniGridMapper>(number, hearing); mapper && points.size() > 1)
-            return mapper->locate(points, found, epsilon);
+            return mapper->locate(points, found, epsilon, mask);
         else
-            return with(mapper, [&](const UniGridMapper& m, const point& p) { return m.locate(p, epsilon); });
+            return with(mapper, [&](const UniGridMapper& m, const point& p) {
+                return m.locate(p, epsilon, {-1.0, -1.0, -1.0}, mask);
+            });
     case Way::Exact:
         if (const auto* const locator = structure<ExactCellLocator>(number, hearing); locator && points.size() > 1)
-            return locator->locate(points, found);
+            return locator->locate(points, found, mask);
         else
-            return with(locator, [](const ExactCellLocator& l, const point& p) { return l.locate(p); });
+            return with(locator, [&](const ExactCellLocator& l, const point& p) { return l.locate(p, nullptr, mask); });
     case Way::Projective:
         return with(structure<UniGridMapper>(number, hearing),
-                    [&](const UniGridMapper& m, const point& p) { return m.locateProjectively(p, epsilon); });
+                    [&](const UniGridMapper& m, const point& p) { return m.locateProjectively(p, epsilon, mask); });
     case Way::Tree:
-        return with(structure<TreeCellMapper>(number, hearing), locateInTree);
+        return with(structure<TreeCellMapper>(number, hearing),
+                    [&](const TreeCellMapper& m, const point& p) { return locateInTree(m, p, mask); });
     }
 }
 
 // Asks it so that it is heard; true when it has the position.
-bool LocalFromWorldPoint::askAloud(Way way, unsigned int number, const point& p) const {
+bool LocalFromWorldPoint::askAloud(Way way, unsigned int number, const point& p, const BlockMask* mask) const {
     Fragment& fragment = myFragments[number];
     const Hearing hearing = fragment.untold.isPending() ? Hearing::Kept : Hearing::Again;
     fragment.untold.tell();
     CellLocation found;
-    ask(way, number, std::span(&p, 1), std::span(&found, 1), hearing);
+    ask(way, number, std::span(&p, 1), std::span(&found, 1), mask, hearing);
     fragment.untold.tell();
     if (const auto* const mapper = fragment.slot<UniGridMapper>().ready.load(); mapper && !found.isSilent) {
-        if (way == Way::Newton) HexaHedralCellNewton(mapper, myOptions.gridEpsilon).pointInCell(p);
+        point uvw(-1.0, -1.0, -1.0);
+        if (way == Way::Newton) mapper->localCellCoordinatesFromCurviGrid(p, uvw, myOptions.gridEpsilon, mask);
         if (way == Way::Projective) ProjectiveCell(mapper, myOptions.gridEpsilon).pointInCell(p);
     }
     return bool(found);
@@ -496,12 +510,15 @@ bool LocalFromWorldPoint::search(std::span<const point> positions, std::span<Loc
         if (inside == 0) continue;
 
         CellLocation inCell[Capacity];
-        const FragmentCoordinates* const coordinates = myFragments[n].coordinates(hearing);
+        const FragmentCoordinates* coordinates = myFragments[n].coordinates(hearing);
+        const BlockMask* const mask = coordinates ? myFragments[n].mask(myMasks, hearing) : nullptr;
+        if (mask && mask->isNothingValid()) coordinates = nullptr;
         if (coordinates && coordinates->curvilinear())
-            ask(way, n, std::span<const point>(points, inside), std::span(inCell, inside), hearing);
+            ask(way, n, std::span<const point>(points, inside), std::span(inCell, inside), mask, hearing);
         else if (coordinates)
             for (std::size_t c = 0; c < inside; ++c)
-                if (isInComputed(*coordinates, points[c], inCell[c].local)) inCell[c].result = LocationResult::Found;
+                if (isInComputed(*coordinates, points[c], inCell[c].local, mask))
+                    inCell[c].result = LocationResult::Found;
         if (!numbers.empty() && myFragments[n].untold.isPending()) {
             hasUntold = true;
             for (std::size_t c = 0; c < inside; ++c) myFragments[n].untold.reachedBy(numbers[inBox[c]]);
@@ -529,10 +546,12 @@ void LocalFromWorldPoint::tell(const point& p, Way way) const {
     if (!myTree) return;
     BBSelectorMemoryTree selector(*myTree, myHalfWidths, myBoxes, p);
     for (unsigned int n = selector.getNext(); n != BBSelectorMemoryTree::End; n = selector.getNext()) {
-        const FragmentCoordinates* const coordinates = myFragments[n].known();
+        const FragmentCoordinates* coordinates = myFragments[n].known();
+        const BlockMask* const mask = coordinates ? myFragments[n].mask(myMasks, Hearing::Kept) : nullptr;
+        if (mask && mask->isNothingValid()) coordinates = nullptr;
         point local;
-        if (coordinates && coordinates->curvilinear() ? askAloud(way, n, p)
-                                                      : coordinates && isInComputed(*coordinates, p, local))
+        if (coordinates && coordinates->curvilinear() ? askAloud(way, n, p, mask)
+                                                      : coordinates && isInComputed(*coordinates, p, local, mask))
             return;
         myFragments[n].untold.tell();
     }

@@ -12,6 +12,7 @@
 #include <baseop/PointSearch.hpp>
 #include <model/orvix/KDTree.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/DirectProduct.hpp>
 
 #include <functional>
@@ -173,6 +174,11 @@ private:
 
 /// The point location over one coordinate field of one grid.
 ///
+/// Blanking     cells that the grid's masks make invalid contain no position, in any way of searching: it goes on to
+/// the
+///              next cell, or fragment. A position in the rim of a valid cell is moved onto that. Structures do not
+///              depend on masks, and are built for fragments with valid cells only.
+///
 /// `get` and `getViaTree` report to whoever listens: what is built for them, and what the structures' own queries say.
 /// `locate` gives the results of `get` without a word. Nobody's listening changes a result.
 ///
@@ -182,7 +188,10 @@ private:
 ///              be built is reported, its fragment is skipped, and the next query tries again. No exception but
 ///              std::bad_alloc leaves a query. Without a slice there is no place for structures: curvilinear fragments
 ///              are skipped.
-/// Age          a locator keeps to the coordinates that it was made with (`isCurrent`); made anew, it lets go of all
+///              Masks that do not fit throw std::invalid_argument: when the locator is made, with nothing changed,
+///              where sizes are known without making data; else from a query that reaches the fragment.
+/// Age          a locator keeps to the coordinates and masks that it was made with (`isCurrent`); made anew, it lets go
+/// of all
 ///              that is kept of older ones and begins anew, too. Whoever writes into an array in place calls `touch()`
 ///              on the field and the fragment's creator.
 /// Concurrency  any number of threads may make locators of one grid, and query any of them, as long as nobody changes
@@ -236,7 +245,7 @@ public:
     /// few cells of each other. Both sequences have the same length.
     void locate(std::span<const point> positions, std::span<Location> found) const;
 
-    /// Whether the coordinates are still those that this locator was made with: if not, its answers are those of
+    /// Whether coordinates and masks are still those that this locator was made with: if not, its answers are those of
     /// before, in part, and another one is to be made.
     [[nodiscard]] bool isCurrent() const;
     /// Whether there are a grid and a coordinate field.
@@ -275,8 +284,8 @@ private:
     const Structure* structure(unsigned int number, detail::Hearing hearing) const;
     [[nodiscard]] Way wayOfOptions() const noexcept;
     void ask(Way way, unsigned int number, std::span<const point> points, std::span<CellLocation> found,
-             detail::Hearing hearing) const;
-    [[nodiscard]] bool askAloud(Way way, unsigned int number, const point& p) const;
+             const BlockMask* mask, detail::Hearing hearing) const;
+    [[nodiscard]] bool askAloud(Way way, unsigned int number, const point& p, const BlockMask* mask) const;
     template<std::size_t Capacity>
     bool search(std::span<const point> positions, std::span<Location> found, Way way,
                 std::span<const std::size_t> numbers) const;
@@ -291,6 +300,8 @@ private:
     PointSearch mySearch;
     Hestra::StrongPtr<Field> myField;
     Hestra::Freshness myOrigin; // the coordinates, when the locator was made
+    Blanking myMasks;
+    Hestra::Freshness myMaskOrigin;
     Hestra::StrongPtr<FragmentTree> myTree;
     Orvix::FixedArray<double, 3> myHalfWidths;
     std::vector<BBSelectorMemoryTree::Box> myBoxes;

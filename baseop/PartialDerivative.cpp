@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <condition_variable>
 #include <mutex>
 #include <typeinfo>
@@ -72,9 +73,46 @@ void deriveRow(Result* __restrict target, const S* row, const RowPair<S>& axis1,
 
 } // namespace
 
+namespace {
+
+/// Derives again where the edges that a mask leaves are not those of the block: `row` is the row (j, k) of a block of
+/// these extents, whose elements are `step` apart.
+template<class S, class Result>
+void deriveBesideBlanked(Result* target, const S* row, const MultiIndex<3>& size, index_t j, index_t k, index_t step,
+                         const BlockMask& mask) noexcept {
+    constexpr int C = ElementTraits<S>::components;
+    const index_t distances[3] = {step, size[0] * step, size[0] * size[1] * step};
+    for (index_t word = 0; 64 * word < size[0]; ++word) {
+        const index_t first = 64 * word, count = std::min<index_t>(64, size[0] - first);
+        const std::uint64_t all = ~std::uint64_t{0} >> (64 - count);
+        const std::uint64_t notFirst = word == 0 ? all & ~std::uint64_t{1} : all;
+        const std::uint64_t notLast = first + count == size[0] ? all & ~(std::uint64_t{1} << (count - 1)) : all;
+        const BlockMask::Vertices valid = mask.around(j, k, word);
+        std::uint64_t others = (valid.above[0] ^ notLast) | (valid.below[0] ^ notFirst);
+        others |= (valid.above[1] ^ (j + 1 < size[1] ? all : 0)) | (valid.below[1] ^ (j > 0 ? all : 0));
+        others |= (valid.above[2] ^ (k + 1 < size[2] ? all : 0)) | (valid.below[2] ^ (k > 0 ? all : 0));
+        for (; others != 0; others &= others - 1) {
+            const int bit = std::countr_zero(others);
+            const index_t i = first + static_cast<index_t>(bit);
+            const S* const at = row + i * step;
+            for (int axis = 0; axis < 3; ++axis) {
+                const bool above = (valid.above[axis] >> bit & 1) != 0, below = (valid.below[axis] >> bit & 1) != 0;
+                const S& high = above ? at[distances[axis]] : *at;
+                const S& low = below ? *(at - distances[axis]) : *at;
+                const double factor = above && below ? 0.5 : 1.0;
+                for (int c = 0; c < C; ++c)
+                    target[i][axis * C + c] =
+                        above || below ? (elementComponent(high, c) - elementComponent(low, c)) * factor : 0.0;
+            }
+        }
+    }
+}
+
+} // namespace
+
 template<class Result>
 template<int N, class T>
-Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& source) {
+Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& source, const BlockMask* mask) {
     static_assert(N == 3, "the axes of a regular grid");
     static_assert(ElementTraits<Result>::components == N * ElementTraits<T>::components);
     using S = ElementStorage<T>;
@@ -104,6 +142,7 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
             deriveRow<1>(target + r * size[0], rowAt(j, k), axis1, axis2, size[0], step);
         else
             deriveRow<0>(target + r * size[0], rowAt(j, k), axis1, axis2, size[0], step);
+        if (mask) deriveBesideBlanked(target + r * size[0], rowAt(j, k), size, j, k, step, *mask);
     };
 
     // Making all elements before filling them would send the result through memory twice. So each thread makes the next
@@ -132,11 +171,13 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
 template struct Derivative<PhysicalSpace::vector>;
 template struct Derivative<Orvix::Quadratic<3, double>>;
 template VANTLE_BASEOP_API Ref<MemArray<3, PhysicalSpace::vector>>
-Derivative<PhysicalSpace::vector>::compute<3, double>(const MemArray<3, double>&);
+Derivative<PhysicalSpace::vector>::compute<3, double>(const MemArray<3, double>&, const BlockMask*);
 template VANTLE_BASEOP_API Ref<MemArray<3, Orvix::Quadratic<3, double>>>
-Derivative<Orvix::Quadratic<3, double>>::compute<3, PhysicalSpace::vector>(const MemArray<3, PhysicalSpace::vector>&);
+Derivative<Orvix::Quadratic<3, double>>::compute<3, PhysicalSpace::vector>(const MemArray<3, PhysicalSpace::vector>&,
+                                                                           const BlockMask*);
 template VANTLE_BASEOP_API Ref<MemArray<3, Orvix::Quadratic<3, double>>>
-Derivative<Orvix::Quadratic<3, double>>::compute<3, PhysicalSpace::point>(const MemArray<3, PhysicalSpace::point>&);
+Derivative<Orvix::Quadratic<3, double>>::compute<3, PhysicalSpace::point>(const MemArray<3, PhysicalSpace::point>&,
+                                                                          const BlockMask*);
 
 // --------------------------------------------------------------------------------------------------------- derivators
 
@@ -249,15 +290,26 @@ void PartialDerivatorBase::extremeUnction() { forget(this); }
 
 PartialDerivatorBase::~PartialDerivatorBase() { forget(this); }
 
+StrongPtr<MemBase> PartialDerivatorBase::doMaskedDerivative(const StrongPtr<MemBase>&, const BlockMask&) const {
+    return nullptr;
+}
+
 // --------------------------------------------------------------------------------------------------------- operations
 
-StrongPtr<MemBase> PartialDerivative(const StrongPtr<MemBase>& data) {
+namespace {
+
+StrongPtr<MemBase> derivativeBy(const BlockMask* mask, const StrongPtr<MemBase>& data) {
     if (!data) return nullptr;
     const MemArrayProperties properties(data->rank(), data->elementIndex());
     const auto derivator =
         findDerivator([&](const PartialDerivatorBase& candidate) { return candidate.isPartialDerivable(properties); });
-    return derivator ? derivator->doPartialDerivative(data) : nullptr;
+    if (!derivator) return nullptr;
+    return mask ? derivator->doMaskedDerivative(data, *mask) : derivator->doPartialDerivative(data);
 }
+
+} // namespace
+
+StrongPtr<MemBase> PartialDerivative(const StrongPtr<MemBase>& data) { return derivativeBy(nullptr, data); }
 
 bool isPartialDerivable(const StrongPtr<CreativeArrayBase>& creator) {
     if (!creator) return false;
@@ -278,9 +330,20 @@ bool isPartialDerivable(const StrongPtr<CreativeArrayBase>& creator) {
 
 namespace {
 
+/// The masks that a fragment of a field is derived by, if any.
+struct Masks {
+    StrongPtr<BlankingInput> input;
+    StrongPtr<FragmentID> fragment;
+
+    [[nodiscard]] StrongPtr<const BlockMask> of(const StrongPtr<MemBase>& data) const {
+        const auto size = input && data ? data->getDynamicSize().as<3>() : std::nullopt;
+        return size ? input->now().of(fragment, *size) : nullptr;
+    }
+};
+
 /// Derives and says what an array is to be known to be.
-StrongPtr<MemBase> derive(const StrongPtr<MemBase>& data, const WeakPtr<CreativeArrayBase>& owner) {
-    StrongPtr<MemBase> derivative = PartialDerivative(data);
+StrongPtr<MemBase> derive(const Masks& masks, const StrongPtr<MemBase>& data, const WeakPtr<CreativeArrayBase>& owner) {
+    StrongPtr<MemBase> derivative = derivativeBy(masks.of(data).rawptr(), data);
     if (!derivative) return nullptr;
     derivative->MemBase::setCreator(owner);
     if (const StrongPtr<CreativeArrayBase> creator = owner.lock())
@@ -288,10 +351,9 @@ StrongPtr<MemBase> derive(const StrongPtr<MemBase>& data, const WeakPtr<Creative
     return derivative;
 }
 
-/// The derivative of a fragment; the field that the fragment is of, if known, and its id there.
+/// The derivative of a fragment; the field that the fragment is of, if known, and its id there, with the masks.
 StrongPtr<CreativeArray> derivativeOf(const StrongPtr<CreativeArrayBase>& creator, const WeakPtr<const Field>& field,
-                                      const StrongPtr<FragmentID>& id, std::string& errors,
-                                      const StrongPtr<Hestra::Cache>& cache) {
+                                      const Masks& masks, std::string& errors, const StrongPtr<Hestra::Cache>& cache) {
     const auto failure = [&](const char* text) {
         errors += text;
         return StrongPtr<CreativeArray>();
@@ -299,15 +361,18 @@ StrongPtr<CreativeArray> derivativeOf(const StrongPtr<CreativeArrayBase>& creato
     if (!creator) return failure("No creator for fragment ");
     if (!isPartialDerivable(creator)) return failure("No creator element type unsupported for fragment ");
     const StrongPtr<MemBase> held = creator->getData(); // which may make it newer
-    const DerivedArray::Source source(creator, field, id);
+    const DerivedArray::Source source(creator, field, masks.fragment, masks.input);
     const Hestra::Freshness origin = source.freshness();
     const auto age = source.age();
     const StrongPtr<MemBase> data = creator->getData();
     if (!data) return failure("No data available for fragment ");
-    const StrongPtr<MemBase> derivative = derive(data, nullptr);
+    const StrongPtr<MemBase> derivative = derive(masks, data, nullptr);
     if (!derivative) return failure("No derivation computed for fragment ");
 
-    const Ref<CreativeArray> result(Hestra::makeRef<DerivedArray>(source, derive, derivative, origin, cache));
+    const auto again = [masks](const StrongPtr<MemBase>& from, const WeakPtr<CreativeArrayBase>& owner) {
+        return derive(masks, from, owner);
+    };
+    const Ref<CreativeArray> result(Hestra::makeRef<DerivedArray>(source, again, derivative, origin, cache));
     derivative->MemBase::setCreator(result);
     result->addInterface(Hestra::makeRef<MemArrayProperties>(derivative->rank(), derivative->elementIndex()));
     result->raiseAge(age);
@@ -320,17 +385,19 @@ StrongPtr<CreativeArray> PartialDerivative(const StrongPtr<CreativeArrayBase>& c
                                            const StrongPtr<Hestra::Cache>& cache) {
     const Hestra::Profiler scope("baseop/PartialDerivative", __LINE__, "PartialDerivative(creator)",
                                  __PRETTY_FUNCTION__);
-    return derivativeOf(creator, nullptr, nullptr, errors, cache);
+    return derivativeOf(creator, nullptr, {}, errors, cache);
 }
 
 StrongPtr<Field> PartialDerivative(Field& source, const std::string& name, Representation& sourceRepresentation,
                                    Representation& destinationRepresentation, std::string& errors,
                                    const StrongPtr<Hestra::Cache>& cache) {
     const WeakPtr<const Field> field(source);
-    const Ref<Field> result(Hestra::makeRef<DerivedField>(field, source.getFragmentIDCollection()));
+    const StrongPtr<BlankingInput> masks = Hestra::makeRef<BlankingInput>(sourceRepresentation);
+    if (const StrongPtr<Field> positions = sourceRepresentation.Positions()) masks->now().check(*positions);
+    const Ref<Field> result(Hestra::makeRef<DerivedField>(field, source.getFragmentIDCollection(), masks));
     bool any = false;
     const auto take = [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        if (const StrongPtr<CreativeArrayBase> derivative = derivativeOf(creator, field, id, errors, cache)) {
+        if (const StrongPtr<CreativeArrayBase> derivative = derivativeOf(creator, field, {masks, id}, errors, cache)) {
             result->setCreator(derivative, id);
             any = true;
         } else {

@@ -7,15 +7,20 @@
 /// positions, by the chain rule.
 ///
 /// Inside, central differences (e[m+1] - e[m-1]) * 0.5; at both ends of an axis the difference to the only neighbour.
+/// Blanking     of fields on grids with masks, one-sided differences to the only neighbour that an edge leads to, and
+///              zero where none does. What belongs to blanked cells only has no edges: its derivative is zero, and its
+///              values are not looked at elsewhere.
 /// Degenerate   an axis with two nodes has the same difference at both; along an axis with one node the derivative is
 ///              zero. NaN and infinities spread to the neighbours.
-/// Failure      null handles, with texts in `errors`; nothing is thrown.
+/// Failure      null handles, with texts in `errors`; nothing is thrown but std::invalid_argument for masks that do not
+///              fit.
 /// Concurrency  different fragments from any number of threads. One fragment is computed by all OpenMP threads of the
 ///              caller's settings, with the same result as by one.
 /// Cost         one pass at the speed of memory.
 
 #include <baseop/BaseOpExport.hpp>
 #include <model/hestra/Cache.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/CreativeArray.hpp>
 #include <model/vantle/MemArray.hpp>
 
@@ -42,6 +47,9 @@ public:
     /// A new array with the derivative of `data`; null for arrays that are not accepted, and without memory for it.
     [[nodiscard]] virtual Hestra::StrongPtr<MemBase>
     doPartialDerivative(const Hestra::StrongPtr<MemBase>& data) const = 0;
+    /// The same where only a part of the data is valid. By default null: who does not know masks derives no such data.
+    [[nodiscard]] virtual Hestra::StrongPtr<MemBase> doMaskedDerivative(const Hestra::StrongPtr<MemBase>& data,
+                                                                        const BlockMask& mask) const;
 
     /// Takes the derivator out. Who overrides this calls it.
     void extremeUnction() override;
@@ -56,22 +64,23 @@ protected:
 /// `compute` of the same form and make a `PartialDerivator` of them.
 template<class Result>
 struct VANTLE_BASEOP_API Derivative {
-    /// A new array of the same extents with the derivative of `source`.
+    /// A new array of the same extents with the derivative of `source`, by a mask of these extents if there is one.
     /// Failure  `Hestra::MemoryException` or `std::length_error` when it is too large.
     template<int N, class T>
-    [[nodiscard]] static Hestra::Ref<MemArray<N, Result>> compute(const MemArray<N, T>& source);
+    [[nodiscard]] static Hestra::Ref<MemArray<N, Result>> compute(const MemArray<N, T>& source,
+                                                                  const BlockMask* mask = nullptr);
 };
 
 extern template struct VANTLE_BASEOP_API Derivative<Orvix::PhysicalSpace::vector>;
 extern template struct VANTLE_BASEOP_API Derivative<Orvix::Quadratic<3, double>>;
 extern template VANTLE_BASEOP_API Hestra::Ref<MemArray<3, Orvix::PhysicalSpace::vector>>
-Derivative<Orvix::PhysicalSpace::vector>::compute<3, double>(const MemArray<3, double>&);
+Derivative<Orvix::PhysicalSpace::vector>::compute<3, double>(const MemArray<3, double>&, const BlockMask*);
 extern template VANTLE_BASEOP_API Hestra::Ref<MemArray<3, Orvix::Quadratic<3, double>>>
 Derivative<Orvix::Quadratic<3, double>>::compute<3, Orvix::PhysicalSpace::vector>(
-    const MemArray<3, Orvix::PhysicalSpace::vector>&);
+    const MemArray<3, Orvix::PhysicalSpace::vector>&, const BlockMask*);
 extern template VANTLE_BASEOP_API Hestra::Ref<MemArray<3, Orvix::Quadratic<3, double>>>
 Derivative<Orvix::Quadratic<3, double>>::compute<3, Orvix::PhysicalSpace::point>(
-    const MemArray<3, Orvix::PhysicalSpace::point>&);
+    const MemArray<3, Orvix::PhysicalSpace::point>&, const BlockMask*);
 
 template<class SourceArray, class Result>
 class PartialDerivator;
@@ -85,10 +94,27 @@ public:
     }
     [[nodiscard]] Hestra::StrongPtr<MemBase>
     doPartialDerivative(const Hestra::StrongPtr<MemBase>& data) const override {
+        return derive(data, [](const auto& source) { return Derivative<Result>::template compute<N, T>(source); });
+    }
+    /// Where the kernel takes a mask.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> doMaskedDerivative(const Hestra::StrongPtr<MemBase>& data,
+                                                                const BlockMask& mask) const override {
+        return derive(data, [&]<class Source>(const Source& source) -> Hestra::StrongPtr<MemBase> {
+            if constexpr (requires { Derivative<Result>::template compute<N, T>(source, &mask); })
+                return Derivative<Result>::template compute<N, T>(source, &mask);
+            else
+                return nullptr;
+        });
+    }
+
+private:
+    template<class Compute>
+    [[nodiscard]] static Hestra::StrongPtr<MemBase> derive(const Hestra::StrongPtr<MemBase>& data,
+                                                           const Compute& compute) {
         const auto* const source = dynamic_cast<const MemArray<N, T>*>(data.rawptr());
         if (!source) return nullptr;
         try {
-            return Derivative<Result>::template compute<N, T>(*source);
+            return compute(*source);
         } catch (const std::bad_alloc&) {
         } catch (const std::length_error&) {
         }
@@ -121,12 +147,14 @@ PartialDerivative(const Hestra::StrongPtr<CreativeArrayBase>& creator, std::stri
 /// A new field with the derivative of every fragment of `source`, stored in the destination under `name`, which it
 /// replaces; its key there is shared with the source's representation.
 ///
+/// The masks beside the source count (`Blanking`), as they are whenever the derivative is asked for.
 /// Fragments that cannot be derived stay without data; for each, a line is added to `errors`: the message as above and
 /// the fragment's name. Where the field has global data besides fragments, both are derived, and fragments without
 /// data of their own are no error.
-/// The derivative follows the source as long as that lives, and is not older (`DerivedField`): fragments whose data
-/// were replaced, touched or removed are derived again when they are asked for. Fragments that the source gets later
-/// are not in it. Failure  null, and nothing stored, when no fragment could be derived.
+/// The derivative follows source and masks as long as these live, and is not older (`DerivedField`): fragments whose
+/// data were replaced, touched or removed are derived again when they are asked for. Fragments that the source gets
+/// later are not in it. A mask that is itself made from the derivative belongs to another grid.
+/// Failure  null, and nothing stored, when no fragment could be derived.
 VANTLE_BASEOP_API Hestra::StrongPtr<Field>
 PartialDerivative(Field& source, const std::string& name, Representation& sourceRepresentation,
                   Representation& destinationRepresentation, std::string& errors,

@@ -47,14 +47,27 @@ TreeCellMapper::TreeCellMapper(const Hestra::StrongPtr<CoordsArray_t>& coordinat
 
 TreeCellMapper::~TreeCellMapper() = default;
 
+namespace {
+
+/// Moves coordinates in a cell out of its blanked neighbours. True if they were in one.
+bool moveToValid(TreeCellMapper::point& uvw, const TreeCellMapper::MultiIndex3& cell, const Vantle::BlockMask& mask) {
+    TreeCellMapper::point place = uvw;
+    for (int d = 0; d < 3; ++d) place[d] += static_cast<double>(cell[d]);
+    if (mask.has(place)) return false;
+    for (int d = 0; d < 3; ++d) uvw[d] = std::clamp(uvw[d], 0.0, 1.0);
+    return true;
+}
+
+} // namespace
+
 void TreeCellMapper::maxVec(double& maximalLength, vector& maximalExtents, const vector& edge) {
     for (int d = 0; d < 3; ++d) maximalExtents[d] = std::max(maximalExtents[d], std::fabs(edge[d]));
     const double edgeLength = length(edge);
     if (edgeLength > maximalLength) maximalLength = edgeLength;
 }
 
-unsigned int TreeCellMapper::localCoordinates(point& uvw, tvector& extent, const point& P,
-                                              MultiIndex3* foundCell) const {
+unsigned int TreeCellMapper::localCoordinates(point& uvw, tvector& extent, const point& P, MultiIndex3* foundCell,
+                                              const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("TreeCellMapper::localCoordinates(uvw, extent, P)");
     const vector halfWidths(myScale[0] * myMaximalExtents[0], myScale[1] * myMaximalExtents[1],
                             myScale[2] * myMaximalExtents[2]);
@@ -66,14 +79,17 @@ unsigned int TreeCellMapper::localCoordinates(point& uvw, tvector& extent, const
     MultiIndex3 found;
     point local;
     myTree->forEachInBox(P, halfWidths, [&](const MultiIndex3& cell, double distance) {
-        if ((isFound && !(distance < nearest)) || !Vantle::detail::projectIntoCell(local, P, vertices, cell, myEpsilon))
+        if ((isFound && !(distance < nearest)) || (mask && !mask->isCellValid(cell)) ||
+            !Vantle::detail::projectIntoCell(local, P, vertices, cell, myEpsilon))
             return;
         nearest = distance;
         isFound = true;
         found = cell;
         uvw = local;
     });
-    return isFound ? accept(uvw, extent, found, foundCell) : 0;
+    if (!isFound) return 0;
+    const bool isMoved = mask && moveToValid(uvw, found, *mask);
+    return std::max(accept(uvw, extent, found, foundCell), isMoved ? 2U : 0U);
 }
 
 unsigned int TreeCellMapper::accept(point& uvw, tvector& extent, const MultiIndex3& cell,

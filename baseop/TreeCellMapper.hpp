@@ -4,6 +4,7 @@
 #include <baseop/BaseOpExport.hpp>
 #include <model/hestra/Reference.hpp>
 #include <model/orvix/KDTree.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <memory>
@@ -52,7 +53,11 @@ public:
     /// the one in the cell, from 0 to 1: this is on purpose. Add the index of the cell, which `foundCell` gets, for
     /// the fractional index. `extent` gets the extents of the cell's main diagonal. Without result `extent` and
     /// `foundCell` stay as they are, and `uvw` means nothing.
-    unsigned int localCoordinates(point& uvw, tvector& extent, const point& P, MultiIndex3* foundCell = nullptr) const;
+    ///
+    /// @param mask  of the same extents: cells that are not valid are not found, and coordinates within the rim that
+    ///              would be in one are moved onto its border, for a result of 2.
+    unsigned int localCoordinates(point& uvw, tvector& extent, const point& P, MultiIndex3* foundCell = nullptr,
+                                  const Vantle::BlockMask* mask = nullptr) const;
 
     [[nodiscard]] const Hestra::StrongPtr<CoordsArray_t>& coordinates() const noexcept { return myCoordinates; }
     /// The tree of the cells.

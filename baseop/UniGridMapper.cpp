@@ -4,6 +4,7 @@
 #include <baseop/detail/location/LinearSolve.hpp>
 #include <baseop/detail/location/Narrator.hpp>
 #include <baseop/detail/location/Unigrid.hpp>
+#include <baseop/detail/location/ValidPlace.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
@@ -95,8 +96,9 @@ private:
 /// Only where a solve gives up, so that the iterate of the cell before is judged in its place, the walk itself is gone.
 class UniGridMapper::Query {
 public:
-    Query(const UniGridMapper& mapper, const point& P, double epsilon, const point& start) noexcept
-        : myMapper(mapper), mySearch(*mapper.mySearch), myP(P), myEpsilon(epsilon), myStart(start),
+    Query(const UniGridMapper& mapper, const point& P, double epsilon, const point& start,
+          const Vantle::BlockMask* mask) noexcept
+        : myMapper(mapper), mySearch(*mapper.mySearch), myP(P), myEpsilon(epsilon), myStart(start), myMask(mask),
           myLast(mySearch.vertices.size() - 1) {}
 
     /// The whole query.
@@ -132,11 +134,12 @@ public:
         point at = myStart;
         mySearch.forEachListed(unicell, [&](index_t number) {
             const MultiIndex3 cell = mySearch.cellOf(number);
+            if (!isValid(cell)) return true;
             if (solve(at, cell, told) == linear::Outcome::Found) {
                 answer = {at, LocationResult::Found};
                 return false;
             }
-            if (!answer && linear::isNearMiss(at, cell, myLast, myEpsilon)) answer = {at, LocationResult::Approximate};
+            if (point place = at; !answer && isNearMiss(place, cell)) answer = {place, LocationResult::Approximate};
             return true;
         });
         return answer;
@@ -158,10 +161,18 @@ private:
         return linear::firstStep(at, myP, cell, mySearch.vertices, myMapper.myPrecision, range);
     }
 
+    [[nodiscard]] bool isValid(const MultiIndex3& cell) const noexcept { return !myMask || myMask->isCellValid(cell); }
+    /// Whether the iterate of a cell that has not the point is accepted.
+    [[nodiscard]] bool isNearMiss(point& at, const MultiIndex3& cell) const noexcept {
+        return linear::isNearMiss(at, cell, myLast, myEpsilon) &&
+               (!myMask || Vantle::detail::keepValid(at, cell, *myMask, myEpsilon));
+    }
+
     /// True when that is the answer, which need not be a hit.
     template<class Cells, class StepIn>
     [[nodiscard]] bool tryCells(const Cells& cells, const StepIn& stepIn) {
         for (const auto& cell : cells) {
+            if (!isValid(cell.index())) continue;
             point at;
             const linear::FirstStep step = stepIn(cell, at);
             if (step != linear::FirstStep::Found && step != linear::FirstStep::Unfinished) continue;
@@ -175,7 +186,7 @@ private:
                     return true;
                 }
                 if (outcome != linear::Outcome::Found) {
-                    if (!myAnswer && linear::isNearMiss(at, cell.index(), myLast, myEpsilon)) {
+                    if (!myAnswer && isNearMiss(at, cell.index())) {
                         myAnswer.local = at;
                         myAnswer.result = LocationResult::Approximate;
                         myNearMiss = cell.number;
@@ -201,8 +212,8 @@ private:
                 // Near misses of the lowest cell have no bound below.
                 const linear::StepRange& range = number == 0 ? linear::Everywhere : linear::InNextCell;
                 point at;
-                if (number >= myNearMiss || firstStep(at, cell, range) != linear::FirstStep::Left ||
-                    !linear::isNearMiss(at, cell, myLast, myEpsilon) || !isListed(cell))
+                if (number >= myNearMiss || !isValid(cell) || firstStep(at, cell, range) != linear::FirstStep::Left ||
+                    !isNearMiss(at, cell) || !isListed(cell))
                     continue;
                 myNearMiss = number;
                 myAnswer.local = at;
@@ -225,6 +236,7 @@ private:
     const point& myP;
     double myEpsilon;
     point myStart;
+    const Vantle::BlockMask* myMask;
     MultiIndex3 myLast;
     CellLocation myAnswer;
     index_t myNearMiss = std::numeric_limits<index_t>::max(); // number of its cell
@@ -417,14 +429,16 @@ bool UniGridMapper::localCellCoordinatesFromCell(point& uvw, const point& P, con
     return linear::solveInCell(uvw, P, it, Data, prec, aloud) == linear::Outcome::Found;
 }
 
-CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, const point& start) const {
+CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, const point& start,
+                                   const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(p)");
-    return Query(*this, p, grid_epsilon, start).find();
+    return Query(*this, p, grid_epsilon, start, mask).find();
 }
 
-unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon) const {
+unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon,
+                                                              const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(p, uvw, grid_epsilon)");
-    Query query(*this, p, grid_epsilon, uvw);
+    Query query(*this, p, grid_epsilon, uvw, mask);
     const CellLocation found = query.find();
     if (!found.isSilent && Console::isHeard()) {
         const tell::Speaking aloud;
@@ -434,25 +448,27 @@ unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, po
     return static_cast<unsigned int>(found.result);
 }
 
-void UniGridMapper::locate(std::span<const point> points, std::span<CellLocation> found, double grid_epsilon) const {
+void UniGridMapper::locate(std::span<const point> points, std::span<CellLocation> found, double grid_epsilon,
+                           const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(points)");
     constexpr std::size_t most = CellBoxTree::Matches::MaximalPoints;
     for (std::size_t begin = 0; begin < points.size(); begin += most) {
         const std::size_t count = std::min(most, points.size() - begin);
-        locateNeighbours(points.subspan(begin, count), found.subspan(begin, count), grid_epsilon);
+        locateNeighbours(points.subspan(begin, count), found.subspan(begin, count), grid_epsilon, mask);
     }
 }
 
-void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<CellLocation> found,
-                                     double grid_epsilon) const {
+void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<CellLocation> found, double grid_epsilon,
+                                     const Vantle::BlockMask* mask) const {
     const Search& search = *mySearch;
     const point start(-1.0, -1.0, -1.0);
     const bool areInBox =
-        search.unigrid.isFinite && Query(*this, start, grid_epsilon, start).canUseTrees() &&
+        search.unigrid.isFinite && Query(*this, start, grid_epsilon, start, mask).canUseTrees() &&
         std::all_of(points.begin(), points.end(), [&](const point& p) { return search.unigrid.inside(p); });
     CellBoxTree::Matches matches;
     if (!areInBox || !search.effects.match(points, matches)) {
-        for (std::size_t n = 0; n < points.size(); ++n) found[n] = Query(*this, points[n], grid_epsilon, start).find();
+        for (std::size_t n = 0; n < points.size(); ++n)
+            found[n] = Query(*this, points[n], grid_epsilon, start, mask).find();
         return;
     }
 
@@ -470,7 +486,7 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<Ce
     std::optional<bool> areFewNear; // known once somebody asks, which hardly anybody does
     for (std::size_t n = 0; n < points.size(); ++n) {
         const point& p = points[n];
-        found[n] = Query(*this, p, grid_epsilon, start)
+        found[n] = Query(*this, p, grid_epsilon, start, mask)
                        .find(
                            matches.of(n),
                            [&](const CellBoxTree::Matches::Cell& cell, point& at) {
@@ -488,7 +504,8 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<Ce
     }
 }
 
-CellLocation UniGridMapper::locateProjectively(const point& p, double grid_epsilon) const {
+CellLocation UniGridMapper::locateProjectively(const point& p, double grid_epsilon,
+                                               const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGridProjective(p)");
     int unicell[3];
     if (!mySearch->map(p, unicell)) return {{}, LocationResult::NotFound, false};
@@ -496,8 +513,10 @@ CellLocation UniGridMapper::locateProjectively(const point& p, double grid_epsil
     CellLocation answer;
     mySearch->forEachListed(unicell, [&](index_t number) {
         const MultiIndex3 cell = mySearch->cellOf(number);
+        if (mask && !mask->isCellValid(cell)) return true;
         if (!Vantle::detail::projectIntoCell(answer.local, p, vertices, cell, grid_epsilon)) return true;
         for (int d = 0; d < 3; ++d) answer.local[d] += static_cast<double>(cell[d]);
+        if (mask && !Vantle::detail::keepValid(answer.local, cell, *mask, grid_epsilon)) return true;
         answer.result = LocationResult::Found;
         return false;
     });

@@ -5,6 +5,7 @@
 #include <baseop/CellLocation.hpp>
 #include <model/hestra/Reference.hpp>
 #include <model/orvix/BoundingBox.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <list>
@@ -20,6 +21,10 @@
 /// may belong to no cell, or to two. `ExactCellLocator` has neither limit.
 ///
 /// Coordinates that queries return are fractional indices of the block: vertex (i, j, k) has coordinates (i, j, k).
+///
+/// A block is known by its vertices, which grids with different masks may share. Queries that are given a mask of the
+/// same extents pass over the cells that are not valid, as if the lists did not have them; what they accept as a near
+/// miss, or within a rim, is moved out of blanked cells or not accepted.
 ///
 /// Degenerate   a block without cells answers every query with "not found". Cells whose corners have a NaN are never
 ///              found. Cells that are flat, or whose edges are shorter than about 5e-4, count as degenerate: each
@@ -100,13 +105,16 @@ public:
     /// the value that `uvw` has on entry, to be judged.
     ///
     /// `uvw` is unspecified where the result is 0.
-    unsigned int localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon) const;
+    unsigned int localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon,
+                                                   const Vantle::BlockMask* mask = nullptr) const;
 
     /// The same without a word, also for many points at once, whose searches share much if they lie within a few cells
     /// of each other. Both sequences have the same length.
     [[nodiscard]] Vantle::CellLocation locate(const point& p, double grid_epsilon,
-                                              const point& start = {-1.0, -1.0, -1.0}) const;
-    void locate(std::span<const point> points, std::span<Vantle::CellLocation> found, double grid_epsilon) const;
+                                              const point& start = {-1.0, -1.0, -1.0},
+                                              const Vantle::BlockMask* mask = nullptr) const;
+    void locate(std::span<const point> points, std::span<Vantle::CellLocation> found, double grid_epsilon,
+                const Vantle::BlockMask* mask = nullptr) const;
 
     /// The query through the projective map of the cells: 1 and the coordinates of the first cell whose unit cube,
     /// widened by `grid_epsilon`, has the point; 0 when none has it. Where there is no list, outside of the box above
@@ -114,7 +122,8 @@ public:
     unsigned int localCellCoordinatesFromCurviGridProjective(const point& p, point& uvw, double grid_epsilon) const;
 
     /// That query without a word, and without a false hit: not found where there is no list.
-    [[nodiscard]] Vantle::CellLocation locateProjectively(const point& p, double grid_epsilon) const;
+    [[nodiscard]] Vantle::CellLocation locateProjectively(const point& p, double grid_epsilon,
+                                                          const Vantle::BlockMask* mask = nullptr) const;
 
     /// The vertices; null only if the mapper was made so.
     [[nodiscard]] const Hestra::StrongPtr<CoordsArray_t>& coordinates() const noexcept { return myCoordinates; }
@@ -132,8 +141,8 @@ private:
     struct Search;
     class Query;
 
-    void locateNeighbours(std::span<const point> points, std::span<Vantle::CellLocation> found,
-                          double grid_epsilon) const;
+    void locateNeighbours(std::span<const point> points, std::span<Vantle::CellLocation> found, double grid_epsilon,
+                          const Vantle::BlockMask* mask) const;
     [[nodiscard]] bool isRecorded(const MultiIndex3& cell) const;
     [[nodiscard]] int longestList(bool aloud) const;
     void measure(double resolution, double precision);

@@ -212,7 +212,7 @@ void EightBlocks(benchmark::State& state) {
     index_t vertices = 0;
     const auto memory = [] { return double(mallinfo2().uordblks + mallinfo2().hblkhd); };
     blocks.slice->remove("surface");
-    blocks.regular.positions()->touch();
+    blocks.regular.positions()->removeInterface(typeid(BlockJoins));
     const double before = memory();
     for (auto _ : state) {
         if (knowledge == JoinsToBeFound) blocks.regular.positions()->touch();

@@ -76,7 +76,7 @@ void survey(const Tour& tour) {
 
     const auto joins = BlockJoins::of(*data.grid.grid());
     report.row("joins",
-               count(joins->joins().size()) + " of " + count(joins->blocks()) + " blocks, " +
+               count(joins->joins().size()) + " found in " + count(joins->blocks()) + " blocks, " +
                    count(joins->doubtful().size()) + " doubtful faces",
                watch.lap());
     for (std::size_t n = 0; n < std::min<std::size_t>(joins->doubtful().size(), kDoubtsListed); ++n)

@@ -229,7 +229,9 @@ void Blanking::check(const Field& positions) const {
                 if (!place) refuse(name, fragmentName, "is for a fragment without positions");
                 const VantleTypeIndex type = creator->elementType();
                 if (type && !isListed(MaskTypes(), type)) refuseType(name, fragmentName);
-                const auto vertices = getSize(*place).as<3>();
+                const DynamicSize known = getSize(*place);
+                if (known && known.rank() != 3) refuse(name, fragmentName, "is for vertices without three axes");
+                const auto vertices = known.as<3>();
                 if (!vertices) return true;
                 DynamicSize size = getSize(*creator);
                 if (!size)

@@ -166,6 +166,7 @@ TEST_F(TourTest, TheFlowPastACylinderAgreesWithWhatIsKnownOfIt) {
     EXPECT_EQ(tour.row("speed")[0], "0 to 2.088");
     EXPECT_EQ(tour.row("pressure")[0], "-3.36 to 1");
     EXPECT_EQ(tour.number("fragments"), 6.0);
+    EXPECT_EQ(tour.row("joins")[0], "6 found in 6 blocks, 0 doubtful faces");
 
     const support::VtkFile surface(folder / "out" / "surface.vtp");
     const auto points = pointsOf(surface);
@@ -218,19 +219,15 @@ TEST_F(TourTest, ResultsDoNotDependOnTheNumberOfThreadsOrOnWhoListens) {
     for (const char* file : {"surface.vtp", "uniform.vti"})
         EXPECT_TRUE(contents(folder / "1" / file) == contents(folder / "3" / file)) << file;
 
-    // Where the ring closes, and only there, the surface has vertices twice: at the first angle, twisted a little.
+    // The surface has no vertex twice, also where the ring closes.
     std::vector<Space::point> points = pointsOf(support::VtkFile(folder / "1" / "surface.vtp"));
     const auto less = [](const Space::point& a, const Space::point& b) {
         return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end());
     };
     std::sort(points.begin(), points.end(), less);
-    std::size_t doubled = 0;
-    for (std::size_t n = 1; n < points.size(); ++n)
-        if (points[n] == points[n - 1]) {
-            ++doubled;
-            EXPECT_LT(std::abs(std::atan2(points[n][1], points[n][0])), 0.13) << points[n];
-        }
-    EXPECT_GT(doubled, 4u);
+    EXPECT_EQ(std::adjacent_find(points.begin(), points.end()), points.end());
+    const auto isWhereItCloses = [](const Space::point& p) { return std::abs(std::atan2(p[1], p[0])) < 0.13; };
+    EXPECT_GT(std::count_if(points.begin(), points.end(), isWhereItCloses), 4);
 }
 
 TEST_F(TourTest, WithoutGnuplotItGoesOnWithoutPictures) {
@@ -250,7 +247,7 @@ TEST_F(TourTest, AnInterruptLeavesNothingHalfDone) {
     fs::permissions(drawer, fs::perms::owner_all);
     const Environment path("PATH", drawer.parent_path().string() + ":/usr/bin:/bin");
     const Environment temporary("TMPDIR", scratch);
-    for (const int signal : {SIGINT, SIGTERM}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         const pid_t child = start({"--quick", "--output", out});
         const auto isDrawing = [&] {
             return !fs::is_empty(scratch) && fs::exists(out) && filesIn(out).front().starts_with(".surface.png.");
@@ -324,6 +321,8 @@ TEST_F(TourTest, LinearFlowsInPlot3DFilesAreKnownEverywhere) {
         const bool upper = std::any_of(points.begin(), points.end(), [](const Space::point& p) { return p[2] > 3.5; });
         EXPECT_EQ(upper, !blanking); // at this level the surface is in the first block
         for (const Space::point& p : points) EXPECT_NEAR(ShearedBlocks::density(p), 3.1, 1e-12) << p;
+        const Result cut = runInto("cut", {grid, solution, "--resolution=3", "--level=3.1", "--cut=7"});
+        for (const char* what : {"triangles", "vertices"}) EXPECT_EQ(cut.number(what), tour.number(what)) << what;
 
         // In parallelepipeds the linear search is right, too; it takes positions on faces for near misses.
         const double inside = tour.number("inside the blocks");
@@ -452,6 +451,25 @@ TEST_F(TourTest, TheBluntFin) {
                                         [](const Space::point& a, const Space::point& b) { return a[0] < b[0]; });
     EXPECT_TRUE((*first)[0] < -0.2 && (*first)[0] > -3.0) << *first;
     EXPECT_TRUE(std::any_of(points.begin(), points.end(), [](const Space::point& p) { return p[1] > 7.0; }));
+
+    // Cut into turned blocks it shows the same.
+    const Result cut =
+        runInto("cut", {data / "bluntfinxyz.bin", data / "bluntfinq.bin", "--resolution=9", "--cut", "8"});
+    ASSERT_EQ(cut.status, 0) << cut.err;
+    EXPECT_EQ(cut.row("joins")[0], "12 found in 8 blocks, 0 doubtful faces");
+    EXPECT_EQ(cut.number("triangles"), tour.number("triangles"));
+    const support::VtkFile whole(folder / "out" / "surface.vtp"), pieces(folder / "cut" / "surface.vtp");
+    const auto speeds = whole.values<double>("speed"), speedsOfPieces = pieces.values<double>("speed");
+    const auto same = pointsOf(pieces);
+    ASSERT_EQ(same.size(), points.size());
+    for (std::size_t n = 0; n < same.size(); ++n) {
+        const auto nearest = std::min_element(points.begin(), points.end(),
+                                              [&p = same[n]](const Space::point& a, const Space::point& b) {
+                                                  return normSquared(a - p) < normSquared(b - p);
+                                              });
+        ASSERT_LT(normSquared(*nearest - same[n]), 1e-28) << same[n];
+        EXPECT_NEAR(speedsOfPieces[n], speeds[std::size_t(nearest - points.begin())], 1e-12);
+    }
 }
 
 void expectOneLine(const Result& tour, int status, const std::string& reason) {
@@ -473,6 +491,8 @@ TEST_F(TourTest, ACommandLineThatMakesNoSense) {
         {{"--level=nan"}, "--level: 'nan' is not a number"},
         {{"--resolution=1"}, "--resolution: '1' is not a number from 3 to"},
         {{"--resolution", "99999999999999999999"}, "--resolution: '99999999999999999999' is not a number"},
+        {{"--cut=8"}, "--cut: no grid is given"},
+        {{"--cut=0", "a"}, "--cut: '0' is not a number from 1"},
         {{"--threads", "0"}, "--threads: '0' is not a number from 1"},
         {{"--threads", "2x"}, "--threads: '2x' is not a number"},
         {{"--endian", "middle"}, "--endian: 'middle' is none of big, little"},

@@ -19,17 +19,19 @@ struct Surface {
     std::vector<Orvix::PhysicalSpace::point> points;
     std::vector<Vantle::TriangleCell> triangles;
 
-    /// Adds the cells of one block, one after the other with the map of edges that the blocks share.
+    /// Adds the cells of one block, one after the other with the map of edges that the blocks share; valid ones only.
     template<class T, class Coordinates>
     void addPlainly(const Vantle::MultiArray<3, T>& data, double level, const Coordinates& coordinates,
-                    Vantle::index_t identifierOffset = 0) {
+                    Vantle::index_t identifierOffset = 0, const Vantle::BlockMask* mask = nullptr) {
         const Vantle::FieldExplorer<Vantle::MultiArray<3, T>> explorer(data, level);
         const Vantle::MultiIndex<3> size = data.Size();
         const std::size_t first = identifiers.size();
         for (Vantle::index_t k = 0; k + 1 < size[2]; ++k)
             for (Vantle::index_t j = 0; j + 1 < size[1]; ++j)
                 for (Vantle::index_t i = 0; i + 1 < size[0]; ++i)
-                    Polygonize(identifiers, weights, triangles, myEdges, explorer, {i, j, k}, level, identifierOffset);
+                    if (!mask || mask->isCellValid({i, j, k}))
+                        Polygonize(identifiers, weights, triangles, myEdges, explorer, {i, j, k}, level,
+                                   identifierOffset);
         EvalVertexFieldOnEdges(points, identifiers, weights, coordinates, size, {}, first, identifierOffset);
     }
 

@@ -1,8 +1,8 @@
 #include <baseop/detail/joins/FaceMatcher.hpp>
-#include <baseop/detail/joins/KeyGroups.hpp>
 
+#include <algorithm>
 #include <array>
-#include <mutex>
+#include <limits>
 
 namespace Vantle::detail {
 
@@ -24,6 +24,21 @@ Corners sortedCorners(const std::uint32_t* classes, std::uint32_t slot, std::uin
     return c;
 }
 
+/// What the classes of a quad's corners say of it.
+struct QuadShape {
+    int collapsed; // edges without length
+    int alone;     // corners that coincide with nothing
+    bool isFlat;   // whether less than a triangle is left, or it is folded
+};
+
+QuadShape shapeOf(const std::uint32_t* classes, std::uint32_t slot, std::uint32_t nu) noexcept {
+    constexpr std::uint32_t Alone = VertexClasses::Alone;
+    const std::uint32_t a = classes[slot], b = classes[slot + 1], c = classes[slot + nu + 1], d = classes[slot + nu];
+    const int collapsed = (a == b) + (b == c) + (c == d) + (d == a);
+    return {collapsed, ((a & Alone) != 0) + ((b & Alone) != 0) + ((c & Alone) != 0) + ((d & Alone) != 0),
+            collapsed > 1 || a == c || b == d};
+}
+
 std::uint64_t keyOf(const Corners& c) noexcept {
     const std::uint64_t low = std::uint64_t{c[0]} << 32 | c[1], high = std::uint64_t{c[2]} << 32 | c[3];
     std::uint64_t h = low * 0x9e3779b97f4a7c15;
@@ -31,126 +46,183 @@ std::uint64_t keyOf(const Corners& c) noexcept {
     return mixBits(h);
 }
 
-} // namespace
-
-FaceMatcher::FaceMatcher(const Shells& shells, const VertexClasses& classes)
-    : myShells(shells), myClassOf(shells.slots()), myMate(shells.slots(), Nothing), myTaken(shells.slots()) {
-    classify(shells, classes);
-    for (std::uint32_t f = 0; f < shells.faces.size(); ++f) {
-        const ShellFace& face = shells.faces[f];
-        for (std::uint32_t b = 0; b + 1 < face.nv; ++b)
-            for (std::uint32_t a = 0; a + 1 < face.nu; ++a)
-                if (myMate[face.slot(a, b)] < Flat && !myTaken[face.slot(a, b)]) grow(f, a, b);
+/// The entries of faces one after the other; the parts are given up.
+template<class T>
+std::vector<T> together(std::vector<std::vector<T>>& parts) {
+    std::size_t count = 0;
+    for (const auto& part : parts) count += part.size();
+    std::vector<T> all;
+    all.reserve(count);
+    for (auto& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+        part = {};
     }
+    return all;
 }
 
-void FaceMatcher::classify(const Shells& shells, const VertexClasses& classes) {
-    std::vector<std::vector<KeyEntry>> found(shells.faces.size());
-    std::vector<std::vector<Pinch>> pinches(shells.faces.size());
-    inParallel(shells.faces.size(), 1, shells.slots() * std::size_t{64}, [&](std::size_t begin, std::size_t end) {
+/// Calls `function(group)` for quads whose corners are the same, more than one, given their entries.
+template<class Corner, class F>
+void forEachSame(const std::vector<KeyEntry>& quads, const Corner& cornersOf, const F& function) {
+    forEachGroup(quads, [&](std::span<KeyEntry> group) {
+        if (group.size() == 2) return function(group); // whether their corners correspond is seen when they are joined
+        std::sort(group.begin(), group.end(), [&](const KeyEntry& a, const KeyEntry& b) {
+            const Corners p = cornersOf(a), q = cornersOf(b);
+            return p != q ? p < q : a.id < b.id;
+        });
+        for (std::size_t begin = 0, end; begin < group.size(); begin = end) {
+            for (end = begin + 1; end < group.size() && cornersOf(group[begin]) == cornersOf(group[end]);) ++end;
+            if (end - begin > 1) function(group.subspan(begin, end - begin));
+        }
+    });
+}
+
+} // namespace
+
+FaceMatcher::FaceMatcher(const Shells& shells, const VertexClasses& classes, double tolerance)
+    : myShells(shells), myTolerance(tolerance), myFirst{&myClassOf, &shells.points}, mySecond(myFirst),
+      myClassOf(shells.slots()), myMate(shells.slots(), Nothing), myFate(shells.slots(), Open) {
+    classify(classes);
+    growAll(-1);
+    withdrawDoubtful(classes);
+}
+
+void FaceMatcher::classify(const VertexClasses& classes) {
+    const std::vector<ShellFace>& faces = myShells.faces;
+    std::vector<std::vector<KeyEntry>> quadsOf(faces.size());
+    std::vector<std::vector<Pinch>> pinchesOf(faces.size());
+    std::vector<index_t> collapsedOf(faces.size());
+    inParallel(faces.size(), 1, myShells.slots() * std::size_t{64}, [&](std::size_t begin, std::size_t end) {
         for (std::size_t f = begin; f < end; ++f) {
-            const ShellFace& face = shells.faces[f];
+            const ShellFace& face = faces[f];
             const std::uint32_t last = face.first + face.nu * face.nv;
-            for (std::uint32_t slot = face.first; slot < last; ++slot) myClassOf[slot] = classes[shells.vertexOf[slot]];
+            for (std::uint32_t slot = face.first; slot < last; ++slot)
+                myClassOf[slot] = classes[myShells.vertexOf[slot]];
             const auto pinch = [&](std::uint32_t a, std::uint32_t b) {
-                pinches[f].emplace_back(shells.vertexOf[a], shells.vertexOf[b]);
+                if (myClassOf[a] == myClassOf[b]) pinchesOf[f].emplace_back(myShells.vertexOf[a], myShells.vertexOf[b]);
             };
             for (std::uint32_t b = 0; b + 1 < face.nv; ++b)
                 for (std::uint32_t a = 0; a + 1 < face.nu; ++a) {
                     const std::uint32_t slot = face.slot(a, b), above = slot + face.nu;
-                    const std::uint32_t c00 = myClassOf[slot], c10 = myClassOf[slot + 1], c01 = myClassOf[above],
-                                        c11 = myClassOf[above + 1];
-                    const int collapsed = (c00 == c10) + (c00 == c01) + (c11 == c10) + (c11 == c01);
-                    if (collapsed) {
-                        if (c00 == c10) pinch(slot, slot + 1);
-                        if (c00 == c01) pinch(slot, above);
-                        if (c11 == c10) pinch(above + 1, slot + 1);
-                        if (c11 == c01) pinch(above + 1, above);
+                    if (!myShells.isBlanked.empty() && myShells.isBlanked[slot]) {
+                        myFate[slot] = Blanked;
+                        continue;
                     }
-                    if ((c00 | c10 | c01 | c11) & VertexClasses::Alone) continue;
-                    if (collapsed > 1 || c00 == c11 || c10 == c01)
+                    const QuadShape shape = shapeOf(myClassOf.data(), slot, face.nu);
+                    if (shape.collapsed) {
+                        pinch(slot, slot + 1);
+                        pinch(slot, above);
+                        pinch(above + 1, slot + 1);
+                        pinch(above + 1, above);
+                        collapsedOf[f] += shape.collapsed > 1;
+                    }
+                    // Two quads have two vertices in common at most: where a face is folded, or two of a block meet.
+                    if (shape.alone > 2) continue;
+                    if (shape.isFlat)
                         myMate[slot] = Flat;
                     else
-                        found[f].push_back({keyOf(sortedCorners(myClassOf.data(), slot, face.nu)), slot,
-                                            static_cast<std::uint32_t>(f)});
+                        quadsOf[f].push_back({keyOf(sortedCorners(myClassOf.data(), slot, face.nu)), slot,
+                                              static_cast<std::uint32_t>(f)});
                 }
         }
     });
-    std::vector<KeyEntry> quads;
-    std::size_t count = 0;
-    for (const auto& part : found) count += part.size();
-    quads.reserve(count);
-    for (auto& part : found) {
-        quads.insert(quads.end(), part.begin(), part.end());
-        part = {};
-    }
-    for (const auto& part : pinches) myPinches.insert(myPinches.end(), part.begin(), part.end());
-
-    const auto corners = [&](const KeyEntry& quad) {
-        return sortedCorners(myClassOf.data(), quad.id, shells.faces[quad.tag].nu);
+    myPinches = together(pinchesOf);
+    for (std::uint32_t f = 0; f < faces.size(); ++f)
+        if (collapsedOf[f]) myPoles.emplace_back(f, collapsedOf[f]);
+    const auto cornersOf = [&](const KeyEntry& quad) {
+        return sortedCorners(myClassOf.data(), quad.id, faces[quad.tag].nu);
     };
-    const auto pair = [&](std::span<KeyEntry> same) {
+    forEachSame(together(quadsOf), cornersOf, [&](std::span<KeyEntry> same) {
         if (same.size() == 2) {
             myMate[same[0].id] = same[1].id;
             myMate[same[1].id] = same[0].id;
-        } else if (same.size() > 2) {
-            for (const KeyEntry& quad : same) myMate[quad.id] = Several;
-        }
-    };
-    forEachGroup(quads, [&](std::span<KeyEntry> group) {
-        if (group.size() == 2) return pair(group); // whether their corners correspond is seen when they are joined
-        std::sort(group.begin(), group.end(), [&](const KeyEntry& a, const KeyEntry& b) {
-            const Corners p = corners(a), q = corners(b);
-            return p != q ? p < q : a.id < b.id;
-        });
-        for (std::size_t begin = 0, end; begin < group.size(); begin = end) {
-            for (end = begin + 1; end < group.size() && corners(group[begin]) == corners(group[end]);) ++end;
-            pair(group.subspan(begin, end - begin));
+        } else {
+            for (const KeyEntry& quad : same) {
+                myMate[quad.id] = Several;
+                myFate[quad.id] = SeveralFaces;
+            }
         }
     });
 }
 
-bool FaceMatcher::corresponds(const FacePair& pair, std::int64_t a, std::int64_t b) const noexcept {
-    const ShellFace &first = myShells.faces[pair.first], &second = myShells.faces[pair.second];
-    for (std::int64_t corner = 0; corner < 4; ++corner) {
-        const std::int64_t p = a + corner % 2, q = b + corner / 2;
-        const auto [s, t] = pair.map.vertex(p, q);
-        if (myClassOf[first.slot(static_cast<std::uint32_t>(p), static_cast<std::uint32_t>(q))] !=
-            myClassOf[second.slot(static_cast<std::uint32_t>(s), static_cast<std::uint32_t>(t))])
-            return false;
+void FaceMatcher::findPeriodic(const std::vector<Point>& moved, double tolerance, int motion) {
+    // The vertices of open faces as they are, and after them as they are moved.
+    const std::vector<ShellFace>& faces = myShells.faces;
+    const std::size_t count = myShells.count();
+    std::vector<Point> points(2 * count, Point(HUGE_VAL, 0, 0));
+    std::vector<double> radii(2 * count);
+    for (const ShellFace& face : faces)
+        for (std::uint32_t b = 0; b + 1 < face.nv; ++b)
+            for (std::uint32_t a = 0; a + 1 < face.nu; ++a) {
+                if (myFate[face.slot(a, b)] != Open) continue;
+                for (std::uint32_t corner = 0; corner < 4; ++corner) {
+                    const std::uint32_t p = a + corner % 2, q = b + corner / 2, n = myShells.vertexOf[face.slot(p, q)];
+                    points[n] = myShells.points[n];
+                    points[count + n] = moved[n];
+                    radii[n] = std::max(radii[n], tolerance * myShells.shortestEdge(face, p, q));
+                    radii[count + n] = radii[n];
+                }
+            }
+    const VertexClasses classes(points, radii);
+
+    std::vector<std::uint32_t> still(myShells.slots()), movedClass(myShells.slots());
+    for (std::uint32_t slot = 0; slot < myShells.slots(); ++slot) {
+        still[slot] = classes[myShells.vertexOf[slot]];
+        movedClass[slot] = classes[static_cast<std::uint32_t>(count) + myShells.vertexOf[slot]];
+        myMate[slot] = Nothing;
     }
-    return true;
+    std::vector<KeyEntry> quads;
+    const auto classesOf = [&](std::uint32_t tag) { return (tag & 1 ? movedClass : still).data(); };
+    for (std::uint32_t f = 0; f < faces.size(); ++f)
+        for (std::uint32_t b = 0; b + 1 < faces[f].nv; ++b)
+            for (std::uint32_t a = 0; a + 1 < faces[f].nu; ++a)
+                for (const std::uint32_t isMoved : {0U, 1U}) {
+                    const std::uint32_t slot = faces[f].slot(a, b);
+                    if (myFate[slot] != Open) continue;
+                    const QuadShape shape = shapeOf(classesOf(isMoved), slot, faces[f].nu);
+                    if (shape.alone || shape.isFlat) continue;
+                    quads.push_back(
+                        {keyOf(sortedCorners(classesOf(isMoved), slot, faces[f].nu)), slot, 2 * f + isMoved});
+                }
+    const auto cornersOf = [&](const KeyEntry& quad) {
+        return sortedCorners(classesOf(quad.tag), quad.id, faces[quad.tag / 2].nu);
+    };
+    forEachSame(quads, cornersOf, [&](std::span<KeyEntry> same) {
+        if (same.size() != 2 || same[0].tag % 2 == same[1].tag % 2 || same[0].id == same[1].id) return;
+        const std::size_t mover = same[1].tag % 2;
+        myMate[same[mover].id] = same[1 - mover].id;
+    });
+    myFirst = {&movedClass, &moved};
+    mySecond = {&still, &myShells.points};
+    std::swap(tolerance, myTolerance);
+    growAll(motion);
+    myTolerance = tolerance;
+    myFirst = mySecond = {&myClassOf, &myShells.points};
 }
 
-bool FaceMatcher::take(const FacePair& pair, std::int64_t a, std::int64_t b) noexcept {
-    const ShellFace &first = myShells.faces[pair.first], &second = myShells.faces[pair.second];
-    const auto [s, t] = pair.map.quad(a, b);
-    if (s < 0 || t < 0 || s + 1 >= second.nu || t + 1 >= second.nv) return false;
-    const std::uint32_t from = first.slot(static_cast<std::uint32_t>(a), static_cast<std::uint32_t>(b));
-    const std::uint32_t to = second.slot(static_cast<std::uint32_t>(s), static_cast<std::uint32_t>(t));
-    const bool isSame = myMate[from] == to || (myMate[from] == Flat && myMate[to] == Flat && from != to);
-    if (!isSame || myTaken[from] || myTaken[to] || !corresponds(pair, a, b)) return false;
-    myTaken[from] = myTaken[to] = 1;
-    return true;
+void FaceMatcher::growAll(int motion) {
+    for (std::uint32_t f = 0; f < myShells.faces.size(); ++f) {
+        const ShellFace& face = myShells.faces[f];
+        for (std::uint32_t b = 0; b + 1 < face.nv; ++b)
+            for (std::uint32_t a = 0; a + 1 < face.nu; ++a) {
+                const std::uint32_t slot = face.slot(a, b);
+                if (myMate[slot] >= Flat || myFate[slot] != Open) continue;
+                FacePair pair;
+                pair.motion = motion;
+                if (!grow(f, a, b, pair)) continue;
+                measure(pair);
+                myPairs.push_back(pair);
+            }
+    }
 }
 
-void FaceMatcher::release(const FacePair& pair, std::int64_t a, std::int64_t b) noexcept {
-    const auto [s, t] = pair.map.quad(a, b);
-    myTaken[myShells.faces[pair.first].slot(static_cast<std::uint32_t>(a), static_cast<std::uint32_t>(b))] = 0;
-    myTaken[myShells.faces[pair.second].slot(static_cast<std::uint32_t>(s), static_cast<std::uint32_t>(t))] = 0;
-}
-
-void FaceMatcher::grow(std::uint32_t face, std::uint32_t a, std::uint32_t b) {
+bool FaceMatcher::grow(std::uint32_t face, std::uint32_t a, std::uint32_t b, FacePair& pair) {
     const ShellFace& first = myShells.faces[face];
     const std::uint32_t mate = myMate[first.slot(a, b)];
-    const auto next = std::upper_bound(myShells.faces.begin(), myShells.faces.end(), mate,
-                                       [](std::uint32_t slot, const ShellFace& f) { return slot < f.first; });
-    FacePair pair;
     pair.first = face;
-    pair.second = static_cast<std::uint32_t>(next - myShells.faces.begin()) - 1;
-    const ShellFace& second = myShells.faces[pair.second];
-    const std::int64_t c = (mate - second.first) % second.nu, d = (mate - second.first) / second.nu;
-    const auto isTaken = [&](int orientation) {
+    pair.second = myShells.faceOf(mate);
+    const auto [c, d] = myShells.faces[pair.second].place(mate);
+    bool isFound = false;
+    for (int orientation = 0; orientation < 8 && !isFound; ++orientation) {
         FaceMap& map = pair.map;
         map.isSwapped = orientation & 4;
         map.signU = orientation & 1 ? -1 : 1;
@@ -158,11 +230,9 @@ void FaceMatcher::grow(std::uint32_t face, std::uint32_t a, std::uint32_t b) {
         const std::int64_t s = map.isSwapped ? b : a, t = map.isSwapped ? a : b;
         map.originU = map.signU > 0 ? c - s : c + 1 + s;
         map.originV = map.signV > 0 ? d - t : d + 1 + t;
-        return take(pair, a, b);
-    };
-    int orientation = 0;
-    while (orientation < 8 && !isTaken(orientation)) ++orientation;
-    if (orientation == 8) return; // the same corners in another order
+        isFound = take(pair, a, b);
+    }
+    if (!isFound) return false; // the same corners in another order, or too far from each other for their face
 
     std::int64_t a0 = a, a1 = a, b0 = b, b1 = b;
     const auto takeAll = [&](std::int64_t fromA, std::int64_t toA, std::int64_t fromB, std::int64_t toB) {
@@ -170,7 +240,7 @@ void FaceMatcher::grow(std::uint32_t face, std::uint32_t a, std::uint32_t b) {
         const std::int64_t width = toA - fromA + 1, count = width * (toB - fromB + 1);
         for (std::int64_t n = 0; n < count; ++n)
             if (!take(pair, fromA + n % width, fromB + n / width)) {
-                while (n-- > 0) release(pair, fromA + n % width, fromB + n / width);
+                while (n-- > 0) setFate(pair, fromA + n % width, fromB + n / width, Open);
                 return false;
             }
         return true;
@@ -180,10 +250,56 @@ void FaceMatcher::grow(std::uint32_t face, std::uint32_t a, std::uint32_t b) {
     while (takeAll(a0, a1, b1 + 1, b1 + 1)) ++b1;
     while (takeAll(a0, a1, b0 - 1, b0 - 1)) --b0;
     pair.a0 = static_cast<std::uint32_t>(a0);
-    pair.a1 = static_cast<std::uint32_t>(a1);
+    pair.a1 = static_cast<std::uint32_t>(a1 + 1);
     pair.b0 = static_cast<std::uint32_t>(b0);
-    pair.b1 = static_cast<std::uint32_t>(b1);
-    myPairs.push_back(pair);
+    pair.b1 = static_cast<std::uint32_t>(b1 + 1);
+    return true;
+}
+
+bool FaceMatcher::take(const FacePair& pair, std::int64_t a, std::int64_t b) {
+    const ShellFace &first = myShells.faces[pair.first], &second = myShells.faces[pair.second];
+    const auto [s, t] = pair.map.quad(a, b);
+    if (s < 0 || t < 0 || s + 1 >= second.nu || t + 1 >= second.nv) return false;
+    const std::uint32_t from = first.slot(a, b), to = second.slot(s, t);
+    const bool isSame = myMate[from] == to || (myMate[from] == Flat && myMate[to] == Flat && from != to);
+    if (!isSame || myFate[from] != Open || myFate[to] != Open || !corresponds(pair, a, b)) return false;
+    myFate[from] = myFate[to] = Joined;
+    return true;
+}
+
+bool FaceMatcher::corresponds(const FacePair& pair, std::int64_t a, std::int64_t b) const {
+    const ShellFace &first = myShells.faces[pair.first], &second = myShells.faces[pair.second];
+    for (std::int64_t corner = 0; corner < 4; ++corner) {
+        const std::int64_t p = a + corner % 2, q = b + corner / 2;
+        const auto [s, t] = pair.map.vertex(p, q);
+        const std::uint32_t from = first.slot(p, q), to = second.slot(s, t);
+        if ((*myFirst.classes)[from] != (*mySecond.classes)[to]) return false;
+        if (myTolerance == 0.0) continue;
+        const Point &here = (*myFirst.points)[myShells.vertexOf[from]],
+                    &there = (*mySecond.points)[myShells.vertexOf[to]];
+        if (!(here == there) && !(distance(here, there) <= myTolerance * std::min(myShells.shortestEdge(first, p, q),
+                                                                                  myShells.shortestEdge(second, s, t))))
+            return false;
+    }
+    return true;
+}
+
+void FaceMatcher::setFate(const FacePair& pair, std::int64_t a, std::int64_t b, Fate fate) {
+    const auto [s, t] = pair.map.quad(a, b);
+    myFate[myShells.faces[pair.first].slot(a, b)] = fate;
+    myFate[myShells.faces[pair.second].slot(s, t)] = fate;
+}
+
+void FaceMatcher::measure(FacePair& pair) const {
+    if (myTolerance == 0.0) return;
+    const ShellFace &first = myShells.faces[pair.first], &second = myShells.faces[pair.second];
+    for (std::uint32_t b = pair.b0; b <= pair.b1; ++b)
+        for (std::uint32_t a = pair.a0; a <= pair.a1; ++a) {
+            const auto [s, t] = pair.map.vertex(a, b);
+            pair.largestDistance =
+                std::max(pair.largestDistance, distance((*myFirst.points)[myShells.vertexOf[first.slot(a, b)]],
+                                                        (*mySecond.points)[myShells.vertexOf[second.slot(s, t)]]));
+        }
 }
 
 } // namespace Vantle::detail

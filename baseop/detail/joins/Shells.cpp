@@ -83,7 +83,7 @@ MultiIndex<3> extentsOf(const FragmentCoordinates& coordinates) {
 
 } // namespace
 
-Shells::Shells(const Field& positions) {
+Shells::Shells(const Field& positions, const Blanking& blanking) {
     constexpr std::size_t Most = std::numeric_limits<std::int32_t>::max();
     std::size_t slots = 0;
     Batch batch;
@@ -95,7 +95,6 @@ Shells::Shells(const Field& positions) {
         ids.push_back(id);
         sizes.push_back(size);
         numbering.emplace_back(size);
-        firstFace.push_back(static_cast<std::uint32_t>(faces.size()));
         for (int face = 0; numbering[block].count() > 0 && face < 6; ++face) {
             ShellFace made;
             made.block = block;
@@ -124,6 +123,13 @@ Shells::Shells(const Field& positions) {
         return true;
     });
     takePositions(*this, batch);
+    if (blanking)
+        for (std::uint32_t block = 0; block < ids.size(); ++block)
+            if (numbering[block].count() > 0)
+                if (const auto mask = blanking.of(ids[block], sizes[block])) {
+                    isBlanked.resize(slots);
+                    blank(block, *mask);
+                }
 
     vertexOf.resize(slots);
     inParallel(faces.size(), 1, slots * SlotBytes / 8, [&](std::size_t begin, std::size_t end) {
@@ -138,9 +144,57 @@ Shells::Shells(const Field& positions) {
     });
 }
 
+void Shells::blank(std::uint32_t block, const BlockMask& mask) {
+    auto face = std::lower_bound(faces.begin(), faces.end(), block,
+                                 [](const ShellFace& f, std::uint32_t b) { return f.block < b; });
+    for (; face != faces.end() && face->block == block; ++face)
+        for (std::uint32_t b = 0; b + 1 < face->nv; ++b)
+            for (std::uint32_t a = 0; a + 1 < face->nu; ++a) {
+                MultiIndex<3> cell = face->vertex(a, b);
+                if (face->isUpper) --cell[face->axis];
+                isBlanked[face->slot(a, b)] = !mask.isCellValid(cell);
+            }
+}
+
 std::uint32_t Shells::blockOf(std::uint32_t vertex) const noexcept {
     const auto next = std::upper_bound(firstVertex.begin(), firstVertex.end(), vertex);
     return static_cast<std::uint32_t>(next - firstVertex.begin()) - 1;
+}
+
+std::uint32_t Shells::faceOf(std::uint32_t slot) const noexcept {
+    const auto next = std::upper_bound(faces.begin(), faces.end(), slot,
+                                       [](std::uint32_t s, const ShellFace& face) { return s < face.first; });
+    return static_cast<std::uint32_t>(next - faces.begin()) - 1;
+}
+
+double Shells::shortestEdge(const ShellFace& face, std::int64_t a, std::int64_t b) const noexcept {
+    const Point& here = points[vertexOf[face.slot(a, b)]];
+    double shortest = 0.0;
+    const auto look = [&](bool isThere, std::int64_t p, std::int64_t q) {
+        const double length = isThere ? distance(here, points[vertexOf[face.slot(p, q)]]) : 0.0;
+        if (length > 0.0 && (shortest == 0.0 || length < shortest)) shortest = length;
+    };
+    look(a > 0, a - 1, b);
+    look(a + 1 < face.nu, a + 1, b);
+    look(b > 0, a, b - 1);
+    look(b + 1 < face.nv, a, b + 1);
+    return shortest;
+}
+
+std::vector<double> Shells::localSizes() const {
+    std::vector<double> local(points.size());
+    // A vertex has faces of one block only.
+    inParallel(ids.size(), 1, vertexOf.size() * SlotBytes * 4, [&](std::size_t begin, std::size_t end) {
+        auto face = std::lower_bound(faces.begin(), faces.end(), begin,
+                                     [](const ShellFace& f, std::size_t block) { return f.block < block; });
+        for (; face != faces.end() && face->block < end; ++face)
+            for (std::uint32_t b = 0; b < face->nv; ++b)
+                for (std::uint32_t a = 0; a < face->nu; ++a) {
+                    double& size = local[vertexOf[face->slot(a, b)]];
+                    size = std::max(size, shortestEdge(*face, a, b));
+                }
+    });
+    return local;
 }
 
 } // namespace Vantle::detail

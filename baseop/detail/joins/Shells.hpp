@@ -2,6 +2,7 @@
 /// The vertices on the faces of blocks: their numbers, their places, their positions.
 
 #include <model/orvix/PhysicalSpace.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/Field.hpp>
 #include <model/vantle/Index.hpp>
 
@@ -9,6 +10,7 @@
 #include <cstdint>
 #include <limits>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace Vantle::detail {
@@ -68,8 +70,17 @@ struct ShellFace {
     std::uint32_t first = 0;      ///< slot of its first vertex: those of all faces follow each other, u fastest
     std::uint32_t level = 0;      ///< its index along its axis
 
-    [[nodiscard]] std::uint32_t slot(std::uint32_t a, std::uint32_t b) const noexcept { return first + b * nu + a; }
-    [[nodiscard]] MultiIndex<3> vertex(std::uint32_t a, std::uint32_t b) const noexcept {
+    [[nodiscard]] std::uint32_t slot(std::int64_t a, std::int64_t b) const noexcept {
+        return first + static_cast<std::uint32_t>(b) * nu + static_cast<std::uint32_t>(a);
+    }
+    /// The place of a slot: its axes' indices.
+    [[nodiscard]] std::pair<std::int64_t, std::int64_t> place(std::uint32_t slot) const noexcept {
+        return {(slot - first) % nu, (slot - first) / nu};
+    }
+    [[nodiscard]] bool isRim(std::int64_t a, std::int64_t b) const noexcept {
+        return a == 0 || b == 0 || a + 1 == nu || b + 1 == nv;
+    }
+    [[nodiscard]] MultiIndex<3> vertex(std::int64_t a, std::int64_t b) const noexcept {
         MultiIndex<3> place;
         place[axis] = level;
         place[u] = a;
@@ -83,25 +94,31 @@ struct ShellFace {
 struct Shells {
     using Point = Orvix::PhysicalSpace::point;
 
-    /// Failure  std::length_error for more slots than 2^31 - 1.
-    explicit Shells(const Field& positions);
+    /// Failure  std::length_error for more slots than 2^31 - 1; std::invalid_argument for masks that do not fit.
+    Shells(const Field& positions, const Blanking& blanking);
 
     [[nodiscard]] std::size_t count() const noexcept { return points.size(); }
     [[nodiscard]] std::uint32_t slots() const noexcept { return static_cast<std::uint32_t>(vertexOf.size()); }
     /// The block of a vertex.
     [[nodiscard]] std::uint32_t blockOf(std::uint32_t vertex) const noexcept;
-    [[nodiscard]] const ShellFace& face(std::uint32_t block, int axis, bool isUpper) const noexcept {
-        return faces[firstFace[block] + 2 * static_cast<unsigned>(axis) + isUpper];
-    }
+    /// The number of the face that a slot belongs to.
+    [[nodiscard]] std::uint32_t faceOf(std::uint32_t slot) const noexcept;
+    /// Of the edges of a face that end in a vertex the shortest with any length; 0 without any.
+    [[nodiscard]] double shortestEdge(const ShellFace& face, std::int64_t a, std::int64_t b) const noexcept;
+    /// The same for each vertex: the longest of those of its faces.
+    [[nodiscard]] std::vector<double> localSizes() const;
 
     std::vector<Hestra::StrongPtr<FragmentID>> ids;
     std::vector<MultiIndex<3>> sizes; ///< all 0 for blocks without cells
     std::vector<ShellNumbering> numbering;
     std::vector<std::uint32_t> firstVertex; ///< of each block, and the number of all
-    std::vector<std::uint32_t> firstFace;   ///< of each block: none or six
     std::vector<ShellFace> faces;
     std::vector<Point> points;
     std::vector<std::uint32_t> vertexOf; ///< of each slot
+    std::vector<bool> isBlanked;         ///< of each quad, by the slot of its lowest vertex; empty when none is
+
+private:
+    void blank(std::uint32_t block, const BlockMask& mask);
 };
 
 } // namespace Vantle::detail

@@ -3,6 +3,7 @@
 
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/location/Narrator.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/Field.hpp>
 
 #include <atomic>
@@ -43,11 +44,34 @@ public:
         }
         return &myCoordinates;
     }
+    /// What is valid of the fragment, whose coordinates are known, by masks that are the same in all calls; null where
+    /// everything is.
+    [[nodiscard]] const BlockMask* mask(const Blanking& masks, Hearing hearing) const {
+        if (!masks) return nullptr;
+        if (myMaskIsKnown.load(std::memory_order_acquire)) return myMask.rawptr();
+        const auto extents = [](const auto& kind) {
+            if constexpr (requires { MultiIndex<3>(kind->Size()); })
+                return MultiIndex<3>(kind->Size());
+            else
+                return MultiIndex<3>();
+        };
+        const MultiIndex<3> size = std::visit(extents, myCoordinates.kind);
+        Hestra::StrongPtr<const BlockMask> made;
+        if (size.product() != 0) made = untold.during(hearing != Hearing::Nobody, [&] { return masks.of(id, size); });
+        const std::lock_guard lock(myMutex);
+        if (!myMaskIsKnown.load(std::memory_order_relaxed)) {
+            myMask = made;
+            myMaskIsKnown.store(true, std::memory_order_release);
+        }
+        return myMask.rawptr();
+    }
 
 private:
     mutable std::atomic<bool> myIsKnown{false};
     mutable std::mutex myMutex;
     mutable FragmentCoordinates myCoordinates;
+    mutable std::atomic<bool> myMaskIsKnown{false};
+    mutable Hestra::StrongPtr<const BlockMask> myMask;
 };
 
 } // namespace Vantle::detail

@@ -62,6 +62,41 @@ constexpr auto makeCases(int border) {
 constexpr std::array<std::array<CellCase, 256>, 8> Cases = {makeCases(0), makeCases(1), makeCases(2), makeCases(3),
                                                             makeCases(4), makeCases(5), makeCases(6), makeCases(7)};
 
+/// The cells that come earlier in the sweep and share edges with a cell, by their steps from it, a bit each.
+constexpr int Neighbours[9][3] = {{-1, 0, 0},  {0, -1, 0}, {-1, -1, 0}, {1, -1, 0}, {0, 0, -1},
+                                  {-1, 0, -1}, {1, 0, -1}, {0, -1, -1}, {0, 1, -1}};
+
+/// For each edge of a cell, which of these have it, too.
+constexpr std::array<unsigned, 12> makeSharers() {
+    std::array<unsigned, 12> sharers{};
+    for (std::size_t e = 0; e < 12; ++e)
+        for (std::size_t n = 0; n < 9; ++n) {
+            bool shares = true;
+            for (int axis = 0; axis < 3; ++axis) {
+                const EdgeGeometry& edge = edgeGeometry[e];
+                const int step = Neighbours[n][axis];
+                const int across = axis == edge.axis ? 0 : CornerOffset[edge.lower][axis] == 0 ? -1 : 1;
+                shares = shares && (step == 0 || step == across);
+            }
+            if (shares) sharers[e] |= 1U << n;
+        }
+    return sharers;
+}
+constexpr std::array<unsigned, 12> Sharers = makeSharers();
+
+/// The same as the case for a cell that has some of these neighbours only.
+CellCase caseBeside(const CellCase& usual, unsigned neighbours) noexcept {
+    CellCase result = usual;
+    result.newCount = 0;
+    unsigned seen = 0;
+    for (int n = 0; n < 3 * usual.triangleCount; ++n) {
+        const std::uint8_t e = usual.edges[n];
+        if (!(seen >> e & 1) && !(Sharers[e] & neighbours)) result.newEdges[result.newCount++] = e;
+        seen |= 1U << e;
+    }
+    return result;
+}
+
 /// The classified vertices of four rows around a row of cells, for 64 cells and the vertex after the last.
 struct RowWords {
     std::uint64_t lowLow, highLow, lowHigh, highHigh; // (j, k), (j+1, k), (j, k+1), (j+1, k+1)
@@ -173,12 +208,12 @@ private:
 };
 
 template<class T>
-IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level)
+IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level, const BlockMask* mask)
     : myValues(data.data()),
       myStride(static_cast<std::size_t>(data.stride())), mySize{static_cast<std::size_t>(data.Size()[0]),
                                                                 static_cast<std::size_t>(data.Size()[1]),
                                                                 static_cast<std::size_t>(data.Size()[2])},
-      myLevel(level), myTest(level) {
+      myLevel(level), myTest(level), myMask(mask) {
     if (mySize[0] < 2 || mySize[1] < 2 || mySize[2] < 2) return;
     myVertexWords = (mySize[0] + 63) / 64;
     myCellWords = (mySize[0] - 1 + 63) / 64;
@@ -221,6 +256,41 @@ void IsoSweep<T>::classifyPlane(std::size_t k, std::uint64_t* masks) const noexc
             masks[j * (myVertexWords + 1) + word] = classify(j, k, word);
 }
 
+/// The cells of a word of which an earlier neighbour is blanked.
+template<class T>
+std::uint64_t IsoSweep<T>::cellsBesideBlanked(std::size_t j, std::size_t k, std::size_t word) const noexcept {
+    // Of a row, the cells at i - 1, i and i + 1. Where there is no cell, the tables know.
+    constexpr std::uint64_t all = ~std::uint64_t{0};
+    const auto rowAt = [&](std::size_t y, std::size_t z, bool withSides) {
+        if (y >= mySize[1] - 1 || z >= mySize[2] - 1) return all; // numbers below 0 wrap
+        const std::uint64_t* const row = myMask->cellRow(y, z);
+        const std::uint64_t behind = word + 1 == myCellWords ? ~(all >> (64 * myCellWords - (mySize[0] - 1))) : 0;
+        const std::uint64_t cells = row[word] | behind;
+        if (!withSides) return cells;
+        const std::uint64_t before = word > 0 ? row[word - 1] >> 63 : 1;
+        const std::uint64_t next = word + 1 < myCellWords ? row[word + 1] << 63 : all << 63;
+        return cells & (cells << 1 | before) & (cells >> 1 | next);
+    };
+    const std::uint64_t before = word > 0 ? myMask->cellRow(j, k)[word - 1] >> 63 : 1;
+    const std::uint64_t inRow = myMask->cellRow(j, k)[word] << 1 | before;
+    return ~(inRow & rowAt(j - 1, k, true) & rowAt(j - 1, k - 1, false) & rowAt(j, k - 1, true) &
+             rowAt(j + 1, k - 1, false));
+}
+
+/// Which earlier neighbours a cell has that are not blanked.
+template<class T>
+unsigned IsoSweep<T>::neighboursOf(std::size_t i, std::size_t j, std::size_t k) const noexcept {
+    unsigned found = 0;
+    for (unsigned n = 0; n < 9; ++n) {
+        const auto at = [&](std::size_t from, int axis) {
+            return from + static_cast<std::size_t>(Neighbours[n][axis]);
+        };
+        const MultiIndex<3> cell(at(i, 0), at(j, 1), at(k, 2));
+        if (cell.inside(myMask->cells()) && myMask->isCellValid(cell)) found |= 1U << n;
+    }
+    return found;
+}
+
 // Leaves what layer k adds in myLayers[k + 1].
 template<class T>
 void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks) {
@@ -244,13 +314,21 @@ void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t*
                 std::uint64_t cut = around.cut();
                 if (word + 1 == myCellWords) cut &= lastCells;
                 if (cut == 0) continue;
+                std::uint64_t beside = 0;
+                if (myMask) {
+                    if ((cut &= validCells(j, k, word)) == 0) continue;
+                    beside = cellsBesideBlanked(j, k, word);
+                }
                 const std::size_t bit = j * myCellWords + word;
                 active[bit / 64] |= std::uint64_t{1} << (bit % 64);
                 for (; cut != 0; cut &= cut - 1) {
                     const int cell = std::countr_zero(cut);
                     const bool first = word == 0 && cell == 0;
                     const CellCase& found = Cases[static_cast<std::size_t>(border + first)][around.rowCase(cell)];
-                    added.firstVertex += found.newCount;
+                    added.firstVertex +=
+                        beside >> cell & 1
+                            ? caseBeside(found, neighboursOf(64 * word + static_cast<std::size_t>(cell), j, k)).newCount
+                            : found.newCount;
                     added.firstTriangle += found.triangleCount;
                 }
             }
@@ -363,13 +441,21 @@ void IsoSweep<T>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& ta
         }
         std::uint64_t cut = around.cut();
         if (word + 1 == myCellWords) cut &= lastCells;
+        std::uint64_t beside = 0;
+        if (myMask) {
+            cut &= validCells(j, k, word);
+            beside = cellsBesideBlanked(j, k, word);
+        }
 
         const int border = (j == 0 ? 2 : 0) + (k == 0 ? 4 : 0);
         const std::size_t rowStart = (k * mySize[1] + j) * mySize[0];
         for (; cut != 0; cut &= cut - 1) {
             const int cell = std::countr_zero(cut);
             const std::size_t i = 64 * word + static_cast<std::size_t>(cell);
-            const CellCase& found = Cases[static_cast<std::size_t>(border + (i == 0))][around.rowCase(cell)];
+            const CellCase& usual = Cases[static_cast<std::size_t>(border + (i == 0))][around.rowCase(cell)];
+            CellCase special;
+            if (beside >> cell & 1) special = caseBeside(usual, neighboursOf(i, j, k));
+            const CellCase& found = beside >> cell & 1 ? special : usual;
             for (int v = 0; v < found.newCount; ++v) {
                 const unsigned int e = found.newEdges[v];
                 indices[e][i] = static_cast<unsigned int>(vertex++);

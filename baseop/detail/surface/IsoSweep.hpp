@@ -6,10 +6,14 @@
 /// depend on how it was found. Two passes: the first classifies the vertices and counts what each layer of cells adds;
 /// the second, when the storage is there, visits only the words of 64 cells that the level crosses. Both passes deal
 /// out layers to the threads of the team; a thread that begins in the middle numbers the layer before once more.
+///
+/// Blanked cells are taken out of the words. Cells next to them find edges new that blanked cells would have had; these
+/// few ask their neighbours, all others take what the tables know.
 
 #include <baseop/BaseOpExport.hpp>
 #include <baseop/detail/surface/LevelMask.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
+#include <model/vantle/Blanking.hpp>
 #include <model/vantle/MultiArray.hpp>
 #include <model/vantle/Simplex.hpp>
 
@@ -102,8 +106,8 @@ struct ProductPositions {
 template<class T>
 class IsoSweep {
 public:
-    /// Classifies and counts. The data outlive the sweep.
-    IsoSweep(const MultiArray<3, T>& data, double level);
+    /// Classifies and counts. The data outlive the sweep, and so does the mask, which has their extents, if any.
+    IsoSweep(const MultiArray<3, T>& data, double level, const BlockMask* mask = nullptr);
 
     /// Whether the block has cells at all.
     [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
@@ -130,6 +134,11 @@ private:
     }
     [[nodiscard]] std::uint64_t classify(std::size_t j, std::size_t k, std::size_t word) const noexcept;
     void prefetchWord(std::size_t cellWord, std::size_t k) const noexcept;
+    [[nodiscard]] std::uint64_t validCells(std::size_t j, std::size_t k, std::size_t word) const noexcept {
+        return myMask->cellRow(j, k)[word];
+    }
+    [[nodiscard]] std::uint64_t cellsBesideBlanked(std::size_t j, std::size_t k, std::size_t word) const noexcept;
+    [[nodiscard]] unsigned neighboursOf(std::size_t i, std::size_t j, std::size_t k) const noexcept;
     void countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks);
     void classifyPlane(std::size_t k, std::uint64_t* masks) const noexcept;
     template<bool Write, class Positions>
@@ -144,6 +153,7 @@ private:
     std::array<std::size_t, 3> mySize; // vertices
     double myLevel;
     LevelTest<T> myTest;
+    const BlockMask* myMask;
     std::size_t myVertexWords = 0;       // words of 64 vertices in a row
     std::size_t myCellWords = 0;         // words of 64 cells in a row
     std::size_t myActiveWords = 0;       // words of bits for the cell words of a layer

@@ -13,6 +13,13 @@ JoinedBlocks::JoinedBlocks(const Hestra::StrongPtr<BlockJoins>& joins, const Hes
     }
 }
 
+bool JoinedBlocks::isJoined(unsigned int block) const {
+    if (block >= myJoins->blocks()) return false;
+    const auto joins = myJoins->joins(block);
+    return myJoins->isShared(block) ||
+           std::any_of(joins.begin(), joins.end(), [](const BlockJoin& join) { return join.motion < 0; });
+}
+
 std::vector<unsigned int> JoinedBlocks::ownersOf(unsigned int block) const {
     std::vector<unsigned int> owners;
     for (const BlockJoins::Shared& shared : myJoins->shared(block))

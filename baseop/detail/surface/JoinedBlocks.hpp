@@ -31,10 +31,10 @@ struct OrderedEdge {
     }
 };
 
-/// Whether both ends of an edge lie on faces of a block of this size: only such edges may be those of other blocks.
-[[nodiscard]] inline bool hasEndsOnFaces(const GridEdge& edge, const MultiIndex<3>& size) noexcept {
+/// Whether an edge lies on a face of a block of this size: only such edges may be those of other blocks.
+[[nodiscard]] inline bool isOnFace(const GridEdge& edge, const MultiIndex<3>& size) noexcept {
     for (int d = 0; d < 3; ++d)
-        if (d == edge.axis ? size[d] == 2 : edge.lower[d] == 0 || edge.lower[d] + 1 == size[d]) return true;
+        if (d != edge.axis && (edge.lower[d] == 0 || edge.lower[d] + 1 == size[d])) return true;
     return false;
 }
 
@@ -46,11 +46,13 @@ public:
 
     [[nodiscard]] const BlockJoins& joins() const noexcept { return *myJoins; }
     [[nodiscard]] const Field& values() const noexcept { return *myValues; }
-    /// The other blocks that own vertices of this one.
+    /// Whether some vertices of a block are those of others, or of itself, whoever owns them.
+    [[nodiscard]] bool isJoined(unsigned int block) const;
+    /// The blocks that own vertices of this one.
     [[nodiscard]] std::vector<unsigned int> ownersOf(unsigned int block) const;
 
     /// Merges the vertices from `firstVertex` on, those of a block, of which edges are numbered from `offset` on. On
-    /// edges between faces, weight and point are computed from the end with the lower owner.
+    /// faces, weight and point are computed from the end with the lower owner.
     ///
     /// @param value, point  what the vertex of the block with an index has: its owner's.
     template<class Value, class PointAt>
@@ -60,7 +62,7 @@ public:
         std::vector<VertexMerger<EndsOfEdge>::Named> named;
         for (std::size_t v = firstVertex; v < surface.identifiers.size(); ++v) {
             const GridEdge edge = findEdge(surface.identifiers[v] - offset, size);
-            if (!hasEndsOnFaces(edge, size)) continue;
+            if (!isOnFace(edge, size)) continue;
             const OrderedEdge ordered(*myJoins, block, edge, size);
             double weight = levelCrossing(level, value(ordered.first), value(ordered.second));
             // A multiple of 2^-53, so that the weight from the other end says exactly the same.

@@ -61,7 +61,7 @@ Hestra::StrongPtr<MemBase> SurfaceEdges::evaluate(const Field& field) const {
                 index_t to = from + (edge.axis == 0   ? 1
                                      : edge.axis == 1 ? piece.size[0]
                                                       : piece.size[0] * piece.size[1]);
-                if (shares && hasEndsOnFaces(edge, piece.size)) {
+                if (shares && isOnFace(edge, piece.size)) {
                     const OrderedEdge ordered(*joins, block, edge, piece.size);
                     if (ordered.reversed) weight = 1.0 - weight;
                     from = ordered.first, to = ordered.second;
