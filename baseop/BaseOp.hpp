@@ -1,6 +1,7 @@
 #pragma once
 /// Every operation of the library. Inside the project, include the family that is needed instead.
 
+#include <baseop/BlockBoundary.hpp>
 #include <baseop/BlockJoins.hpp>
 #include <baseop/CellSearch.hpp>
 #include <baseop/DataRange.hpp>

@@ -1,4 +1,5 @@
 #include <baseop/PartialDerivative.hpp>
+#include <baseop/detail/BesideBlanked.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Derived.hpp>
@@ -6,7 +7,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <condition_variable>
 #include <mutex>
 #include <typeinfo>
@@ -82,30 +82,18 @@ void deriveBesideBlanked(Result* target, const S* row, const MultiIndex<3>& size
                          const BlockMask& mask) noexcept {
     constexpr int C = ElementTraits<S>::components;
     const index_t distances[3] = {step, size[0] * step, size[0] * size[1] * step};
-    for (index_t word = 0; 64 * word < size[0]; ++word) {
-        const index_t first = 64 * word, count = std::min<index_t>(64, size[0] - first);
-        const std::uint64_t all = ~std::uint64_t{0} >> (64 - count);
-        const std::uint64_t notFirst = word == 0 ? all & ~std::uint64_t{1} : all;
-        const std::uint64_t notLast = first + count == size[0] ? all & ~(std::uint64_t{1} << (count - 1)) : all;
-        const BlockMask::Vertices valid = mask.around(j, k, word);
-        std::uint64_t others = (valid.above[0] ^ notLast) | (valid.below[0] ^ notFirst);
-        others |= (valid.above[1] ^ (j + 1 < size[1] ? all : 0)) | (valid.below[1] ^ (j > 0 ? all : 0));
-        others |= (valid.above[2] ^ (k + 1 < size[2] ? all : 0)) | (valid.below[2] ^ (k > 0 ? all : 0));
-        for (; others != 0; others &= others - 1) {
-            const int bit = std::countr_zero(others);
-            const index_t i = first + static_cast<index_t>(bit);
-            const S* const at = row + i * step;
-            for (int axis = 0; axis < 3; ++axis) {
-                const bool above = (valid.above[axis] >> bit & 1) != 0, below = (valid.below[axis] >> bit & 1) != 0;
-                const S& high = above ? at[distances[axis]] : *at;
-                const S& low = below ? *(at - distances[axis]) : *at;
-                const double factor = above && below ? 0.5 : 1.0;
-                for (int c = 0; c < C; ++c)
-                    target[i][axis * C + c] =
-                        above || below ? (elementComponent(high, c) - elementComponent(low, c)) * factor : 0.0;
-            }
+    detail::forBesideBlanked(mask, j, k, [&](index_t i, const detail::ValidEdges& edges) {
+        const S* const at = row + i * step;
+        for (int axis = 0; axis < 3; ++axis) {
+            const bool above = edges.above[axis], below = edges.below[axis];
+            const S& high = above ? at[distances[axis]] : *at;
+            const S& low = below ? *(at - distances[axis]) : *at;
+            const double factor = above && below ? 0.5 : 1.0;
+            for (int c = 0; c < C; ++c)
+                target[i][axis * C + c] =
+                    above || below ? (elementComponent(high, c) - elementComponent(low, c)) * factor : 0.0;
         }
-    }
+    });
 }
 
 } // namespace

@@ -1,4 +1,5 @@
 #include <baseop/WorldDerivative.hpp>
+#include <baseop/detail/BesideBlanked.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/RowResult.hpp>
 #include <baseop/detail/WorldStencil.hpp>
@@ -8,6 +9,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
+#include <iterator>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -77,6 +81,17 @@ struct Rows {
         : self(rowAt(j, k, 0)), low{rowAt(j > 0 ? j - 1 : j, k, 1), rowAt(j, k > 0 ? k - 1 : k, 2)},
           high{rowAt(j + 1 < size[1] ? j + 1 : j, k, 3), rowAt(j, k + 1 < size[2] ? k + 1 : k, 4)} {}
 
+    /// The differences at vertex `i` along the edges that it has.
+    void subtractTo(double (*lanes)[Lanes], index_t lane, index_t i, const detail::ValidEdges& edges,
+                    index_t step) const noexcept {
+        const S* const at = self + i * step;
+        for (int d = 0; d < 3; ++d) {
+            const S* const below = d == 0 ? at - step : low[d - 1] + i * step;
+            const S* const above = d == 0 ? at + step : high[d - 1] + i * step;
+            subtract(lanes + d * Components<S>, lane, edges.above[d] ? above : at, edges.below[d] ? below : at, step,
+                     1);
+        }
+    }
     /// The differences at vertices `begin` ... `begin` + `count` - 1 of `extent`, those along axis d in d * components.
     [[gnu::always_inline]] void subtractTo(double (*lanes)[Lanes], index_t begin, index_t count, index_t extent,
                                            index_t step) const noexcept {
@@ -191,9 +206,37 @@ private:
 template<class T>
 constexpr std::size_t BytesPerVertex = sizeof(Point) + sizeof(T) + 2 * sizeof(Result<T>);
 
+/// Derives again at the vertices of a row next to blanked cells. What has no edges has a derivative of zero.
+template<class T>
+void deriveBesideBlanked(const BlockMask& mask, index_t j, index_t k, const Strip<T>& row, Stencils<T>& stencils,
+                         Result<T>* target) {
+    std::array<index_t, Lanes> places;
+    index_t count = 0;
+    const auto finish = [&] {
+        if (row.absent) stencils.completeEdges(row.absent, static_cast<int>(count));
+        stencils.solve(static_cast<int>(count));
+        for (index_t n = 0; n < count; ++n) store<T>(target[places[n]], stencils, n);
+        count = 0;
+    };
+    detail::forBesideBlanked(mask, j, k, [&](index_t i, const detail::ValidEdges& edges) {
+        bool any = false;
+        for (int d = 0; d < 3; ++d) any = any || edges.above[d] || edges.below[d];
+        if (!any) {
+            target[i] = Result<T>();
+            return;
+        }
+        row.points.subtractTo(stencils.edges, count, i, edges, row.pointStep);
+        row.values.subtractTo(stencils.changes, count, i, edges, row.valueStep);
+        places[count++] = i;
+        if (count == Lanes) finish();
+    });
+    finish();
+}
+
 /// In cells of any shape.
 template<class T>
-Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& values, const BlockPositions& positions) {
+Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& values, const BlockPositions& positions,
+                                                       const BlockMask* mask) {
     const MultiIndex<3> size = values.Size();
     const unsigned absent = absentAxes(size);
     const auto kernel = chooseKernel<T>();
@@ -209,10 +252,12 @@ Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& val
             };
             const Rows<Point> points(r % size[1], r / size[1], size, pointsAt);
             const Rows<ElementStorage<T>> row(r % size[1], r / size[1], size, valuesAt);
-            for (index_t i = 0; i < size[0]; i += Lanes)
-                kernel(
-                    {points, row, positions.step(), values.stride(), i, std::min(Lanes, size[0] - i), size[0], absent},
-                    *stencils, target + r * size[0]);
+            Strip<T> strip{points, row, positions.step(), values.stride(), 0, 0, size[0], absent};
+            for (; strip.begin < size[0]; strip.begin += Lanes) {
+                strip.count = std::min(Lanes, size[0] - strip.begin);
+                kernel(strip, *stencils, target + r * size[0]);
+            }
+            if (mask) deriveBesideBlanked(*mask, r % size[1], r / size[1], strip, *stencils, target + r * size[0]);
         }
     };
     return detail::makeByRows<Result<T>>(size, BytesPerVertex<T> * size.product(), fillRows);
@@ -262,11 +307,11 @@ Ref<ReferencingMemArray<3, Result<T>>> deriveAlongAxes(const MemArray<3, T>& val
 /// The derivative of a block by itself; null where the extents differ.
 template<class T>
 StrongPtr<MemArray<3, Result<T>>> deriveBlock(const MemArray<3, T>& values, const BlockPositions& positions,
-                                              bool generally) {
-    if (!positions.fits(values.Size())) return nullptr;
+                                              const BlockMask* mask, bool generally) {
+    if (!positions.fits(values.Size()) || (mask && mask->Size() != values.Size())) return nullptr;
     const auto* const axes = positions.axes();
-    if (axes && !generally) return deriveAlongAxes(values, *axes).strong();
-    return deriveGenerally(values, positions).strong();
+    if (axes && !mask && !generally) return deriveAlongAxes(values, *axes).strong();
+    return deriveGenerally(values, positions, mask).strong();
 }
 
 // ------------------------------------------------------------------------------------------------------ joined blocks
@@ -274,17 +319,20 @@ StrongPtr<MemArray<3, Result<T>>> deriveBlock(const MemArray<3, T>& values, cons
 /// What a derivative depends on, and all its fragments share.
 struct Inputs {
     StrongPtr<const Field> values, positions;
+    StrongPtr<BlankingInput> masks;
     std::optional<JoinOptions> joining;
     WeakPtr<const Grid> grid;
 
-    [[nodiscard]] Freshness freshness() const { return Freshness(values.rawptr(), positions.rawptr()); }
-    [[nodiscard]] Hestra::Ageable::age_t age() const { return std::max(values->age(), positions->age()); }
+    [[nodiscard]] Freshness freshness() const { return Freshness(values.rawptr(), positions.rawptr(), masks.rawptr()); }
+    [[nodiscard]] Hestra::Ageable::age_t age() const {
+        return std::max({values->age(), positions->age(), masks->age()});
+    }
     /// The joins of the blocks as they are now; null when they cannot be known.
     [[nodiscard]] StrongPtr<BlockJoins> joins() const {
         const std::lock_guard lock(myMutex);
         const StrongPtr<const Grid> alive = grid.lock();
         if (alive && alive->CartesianPositions() == positions) {
-            myJoinsOrigin = Freshness(positions.rawptr());
+            myJoinsOrigin = Freshness(positions.rawptr(), masks.rawptr());
             myJoins = BlockJoins::of(*alive, *joining);
         } else if (!myJoinsOrigin.isCurrent()) {
             myJoins = nullptr;
@@ -302,6 +350,7 @@ private:
 struct Reading {
     StrongPtr<CreativeArrayBase> valueCreator, positionCreator;
     StrongPtr<MemBase> values, positions;
+    StrongPtr<const BlockMask> mask; // null where everything is valid
     Freshness origin;
 
     Reading(const Inputs& inputs, const StrongPtr<FragmentID>& id)
@@ -311,9 +360,8 @@ struct Reading {
         origin = Freshness(valueCreator.rawptr(), positionCreator.rawptr());
         values = valueCreator->getData();
         positions = positionCreator->getData();
-    }
-    [[nodiscard]] Hestra::Ageable::age_t age() const {
-        return std::max(valueCreator ? valueCreator->age() : 0, positionCreator ? positionCreator->age() : 0);
+        if (const auto size = values ? values->getDynamicSize().as<3>() : std::nullopt)
+            mask = inputs.masks->now().of(id, *size);
     }
 };
 
@@ -329,7 +377,7 @@ public:
     /// Replaces the derivatives of a block's joined vertices. Throws std::invalid_argument where a block that is needed
     /// has no suitable data.
     void replace(unsigned int block, Result<T>* target) {
-        std::vector<Vertex> waiting = joinedVertices(block);
+        std::vector<Vertex> waiting = joinedVertices(block), collapsed;
         for (const Vertex& vertex : waiting) want(vertex.owner.block);
         // Blocks that prove to be needed on the way are read before the next round.
         while (!waiting.empty()) {
@@ -337,27 +385,36 @@ public:
             constexpr std::size_t Piece = 16 * Lanes, BytesEach = 1000;
             detail::inParallel(waiting.size(), Piece, waiting.size() * BytesEach,
                                [&](std::size_t begin, std::size_t end) { derive(waiting, begin, end, target); });
-            waiting.erase(std::remove_if(waiting.begin(), waiting.end(), [](const Vertex& v) { return v.isDone; }),
-                          waiting.end());
+            const auto is = [](State state) { return [state](const Vertex& v) { return v.state == state; }; };
+            std::copy_if(waiting.begin(), waiting.end(), std::back_inserter(collapsed), is(State::Collapsed));
+            std::erase_if(waiting, std::not_fn(is(State::Waiting)));
         }
+        if (!collapsed.empty()) deriveCollapsed(collapsed, target);
     }
 
 private:
+    enum class State : unsigned char {
+        Waiting, // for a block
+        Done,
+        Collapsed, // an edge has no length, as at poles
+    };
     struct Vertex {
         index_t index; // in the block
         BlockVertex owner;
-        bool isDone = false;
+        State state = State::Waiting;
     };
     struct Block {
         BlockPositions positions;
         const S* values;
         index_t step;
+        StrongPtr<const BlockMask> mask;
     };
     /// A neighbour's position and value.
     struct Neighbour {
         PhysicalSpace::point position;
         S value;
     };
+
     /// Those that others have too or that lie on a joined face, each once.
     [[nodiscard]] std::vector<Vertex> joinedVertices(unsigned int block) const {
         const MultiIndex<3> size = myJoins.size(block);
@@ -367,7 +424,10 @@ private:
             if (!isTaken[index]) vertices.push_back({index, owner});
             isTaken[index] = true;
         };
-        for (const auto& [index, owner] : myJoins.shared(block)) take(index, owner);
+        for (const auto& [index, owner] : myJoins.shared(block)) {
+            take(index, owner);
+            if (owner.block == block) take(owner.index, owner);
+        }
         for (const BlockJoin& join : myJoins.joins(block))
             for (index_t k = join.low[2]; k <= join.high[2]; ++k)
                 for (index_t j = join.low[1]; j <= join.high[1]; ++j)
@@ -386,7 +446,9 @@ private:
             if (!isWanted[b].exchange(false)) continue;
             const Reading& reading = myReadings.emplace_back(myInputs, myJoins.fragment(b));
             const auto values = Hestra::dynamicCast<MemArray<3, T>>(reading.values);
-            if (values) myBlocks[b] = Block{BlockPositions(reading.positions), values->storage(), values->stride()};
+            if (values)
+                myBlocks[b] =
+                    Block{BlockPositions(reading.positions), values->storage(), values->stride(), reading.mask};
             if (!values || values->Size() != myJoins.size(b) || !myBlocks[b]->positions.fits(values->Size()))
                 throw std::invalid_argument("WorldDerivative: no values of the type of its neighbours', or of other "
                                             "extents, in fragment " +
@@ -400,47 +462,114 @@ private:
         index_t count = 0;
         const auto finish = [&] {
             stencils->solve(static_cast<int>(count));
-            for (index_t n = 0; n < count; ++n) {
-                Vertex& vertex = waiting[place[n]];
-                store<T>(target[vertex.index], *stencils, n);
-                vertex.isDone = true;
-            }
+            for (index_t n = 0; n < count; ++n) store<T>(target[waiting[place[n]].index], *stencils, n);
             count = 0;
         };
         for (std::size_t v = begin; v < end; ++v) {
-            if (!gather(waiting[v].owner, *stencils, count)) continue;
+            waiting[v].state = gather(waiting[v].owner, *stencils, count);
+            if (waiting[v].state != State::Done) continue;
             place[count++] = v;
             if (count == Lanes) finish();
         }
         finish();
     }
 
-    /// The differences at a vertex that is its own owner; false if a block is missing.
-    bool gather(const BlockVertex& at, Stencils<T>& stencils, index_t lane) {
+    /// At poles: what explains the differences at all copies of a vertex best, by least squares.
+    void deriveCollapsed(const std::vector<Vertex>& vertices, Result<T>* target) {
+        std::map<BlockVertex, std::vector<BlockVertex>> copies;
+        for (const Vertex& vertex : vertices) copies.try_emplace(vertex.owner, 1, vertex.owner);
+        for (unsigned int b = 0; b < myJoins.blocks(); ++b)
+            for (const auto& [index, owner] : myJoins.shared(b))
+                if (const auto known = copies.find(owner); known != copies.end()) known->second.push_back({b, index});
+
+        detail::WorldStencil<Components<T>, 1> stencil;
+        std::map<BlockVertex, Result<T>> derivatives;
+        for (const auto& [owner, all] : copies) {
+            while (!gatherAll(all, stencil)) readWanted();
+            stencil.solve(1);
+            for (int c = 0; c < 3 * Components<T>; ++c) derivatives[owner][c] = stencil.result[c][0];
+        }
+        for (const Vertex& vertex : vertices) target[vertex.index] = derivatives[vertex.owner];
+    }
+    /// The normal equations for all differences at some vertices; false if a block is missing.
+    bool gatherAll(const std::vector<BlockVertex>& vertices, detail::WorldStencil<Components<T>, 1>& result) {
         constexpr int C = Components<T>;
-        const MultiIndex<3>& size = myJoins.size(at.block);
-        const auto place = MultiIndex<3>::fromLinear(at.index, size);
-        index_t stride = 1;
         bool isComplete = true;
+        detail::WorldStencil<C, 1> one;
+        result = {};
+        for (const BlockVertex& vertex : vertices) {
+            want(vertex.block);
+            isComplete = gather(vertex, one, 0) != State::Waiting && isComplete;
+            for (int d = 0; d < 3; ++d)
+                for (int m = 0; m < 3; ++m) {
+                    const double along = one.edges[3 * d + m][0];
+                    for (int n = 0; n < 3; ++n) result.edges[3 * m + n][0] += along * one.edges[3 * d + n][0];
+                    for (int c = 0; c < C; ++c) result.changes[C * m + c][0] += along * one.changes[C * d + c][0];
+                }
+        }
+        return isComplete;
+    }
+
+    /// The differences at a vertex, into a lane unless a block is missing.
+    template<class Lane>
+    State gather(const BlockVertex& at, Lane& stencils, index_t lane) {
+        constexpr int C = Components<T>;
+        const auto place = MultiIndex<3>::fromLinear(at.index, myJoins.size(at.block));
+        bool isComplete = true, isCollapsed = false;
         for (int d = 0; d < 3; ++d) {
             Neighbour low, high;
-            const bool hasLow =
-                place[d] > 0 ? read({at.block, at.index - stride}, nullptr, low) : readBeyond(at, d, -1, low);
-            const bool hasHigh = place[d] + 1 < size[d] ? read({at.block, at.index + stride}, nullptr, high)
-                                                        : readBeyond(at, d, 1, high);
-            stride *= size[d];
+            const bool hasLow = readNext(at, place, d, -1, low), hasHigh = readNext(at, place, d, 1, high);
             isComplete = isComplete && hasLow && hasHigh; // goes on, to learn of all that are missing
+            isCollapsed = isCollapsed || low.position == high.position;
             for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = high.position[m] - low.position[m];
             for (int c = 0; c < C; ++c)
                 stencils.changes[C * d + c][lane] = static_cast<double>(elementComponent(high.value, c)) -
                                                     static_cast<double>(elementComponent(low.value, c));
         }
-        return isComplete;
+        return !isComplete ? State::Waiting : isCollapsed ? State::Collapsed : State::Done;
     }
-    /// What follows a vertex at the end of an axis: across a join, else the vertex itself.
-    bool readBeyond(const BlockVertex& at, int axis, int direction, Neighbour& result) {
-        const auto step = myJoins.step(at, axis, direction);
-        return step ? read(step->vertex, step->motion, result) : read(at, nullptr, result);
+    /// What follows a vertex along an axis, else the vertex itself; false if a block is missing.
+    bool readNext(const BlockVertex& at, const MultiIndex<3>& place, int axis, int direction, Neighbour& result) {
+        bool isKnown = true;
+        if (const auto next = follow(at, place, axis, direction, isKnown))
+            return read(next->vertex, next->motion, result);
+        // The edge may be one of a block that the vertex is joined with, which goes on where this one ends.
+        for (const BlockJoin& join : myJoins.joins(at.block)) {
+            const auto d = static_cast<std::size_t>(axis);
+            if (join.motion >= 0 || join.first.axis == axis || !holds(join, place)) continue;
+            IndexMap::Place there = {};
+            for (std::size_t m = 0; m < 3; ++m) there[m] = static_cast<std::int64_t>(place[m]);
+            there = join.map(there);
+            const MultiIndex<3> other(there[0], there[1], there[2]);
+            const BlockVertex copy{join.second.block, other.linear(myJoins.size(join.second.block))};
+            if (const auto next = follow(copy, other, join.map.axis[d], join.map.sign[d] * direction, isKnown))
+                return read(next->vertex, next->motion, result);
+        }
+        return isKnown && read(at, nullptr, result);
+    }
+    [[nodiscard]] static bool holds(const BlockJoin& join, const MultiIndex<3>& place) noexcept {
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d) isInside = isInside && place[d] >= join.low[d] && place[d] <= join.high[d];
+        return isInside;
+    }
+    /// What follows a vertex in its block, or across a face, by an edge that masks leave. `isKnown` becomes false when
+    /// the block is missing.
+    std::optional<BlockJoins::Step> follow(const BlockVertex& at, const MultiIndex<3>& place, int axis, int direction,
+                                           bool& isKnown) {
+        const MultiIndex<3>& size = myJoins.size(at.block);
+        const bool isUpper = direction > 0;
+        if (isUpper ? place[axis] + 1 == size[axis] : place[axis] == 0) return myJoins.step(at, axis, direction);
+        const auto& block = myBlocks[at.block];
+        if (!block) {
+            want(at.block);
+            isKnown = false;
+            return std::nullopt;
+        }
+        MultiIndex<3> lower = place;
+        if (!isUpper) --lower[axis];
+        if (block->mask && !block->mask->isEdgeValid(lower, axis)) return std::nullopt;
+        const index_t stride = axis == 0 ? 1 : axis == 1 ? size[0] : size[0] * size[1];
+        return BlockJoins::Step{{at.block, isUpper ? at.index + stride : at.index - stride}, nullptr};
     }
 
     /// Position and value of the owner of a vertex, moved; false if its block is missing.
@@ -475,7 +604,7 @@ StrongPtr<MemBase> deriveJoined(const Inputs& inputs, const BlockJoins& joins, u
     const auto values = Hestra::dynamicCast<MemArray<3, T>>(ownersData(joins, *inputs.values, block));
     if (!values) return nullptr;
     const BlockPositions positions(ownersData(joins, *inputs.positions, block));
-    const auto derivative = deriveBlock(*values, positions, true);
+    const auto derivative = deriveBlock(*values, positions, readings.front().mask.rawptr(), true);
     if (derivative) JoinedVertices<T>(inputs, joins, readings).replace(block, derivative->data());
     return derivative;
 }
@@ -543,7 +672,7 @@ private:
             if (joins && block < joins->blocks() && !(joins->joins().empty() && joins->shared(block).empty()))
                 made = deriveJoined<T>(*myInputs, *joins, block, readings);
             else
-                made = deriveBlock(values, BlockPositions(own.positions), false);
+                made = deriveBlock(values, BlockPositions(own.positions), own.mask.rawptr(), false);
         });
         return made;
     }
@@ -601,11 +730,12 @@ StrongPtr<CreativeArrayBase> derivativeOf(const std::shared_ptr<const Inputs>& i
 
 } // namespace
 
-StrongPtr<MemBase> WorldDerivative(const StrongPtr<MemBase>& values, const StrongPtr<MemBase>& positions) {
+StrongPtr<MemBase> WorldDerivative(const StrongPtr<MemBase>& values, const StrongPtr<MemBase>& positions,
+                                   const BlockMask* mask) {
     const Hestra::Profiler scope("baseop/WorldDerivative", __LINE__, "WorldDerivative(arrays)", __PRETTY_FUNCTION__);
     StrongPtr<MemBase> made;
     withMemArray<3>(DerivableTypes(), values, [&](const auto& array) {
-        if (positions) made = deriveBlock(array, BlockPositions(positions), false);
+        if (positions) made = deriveBlock(array, BlockPositions(positions), mask, false);
     });
     return made;
 }
@@ -618,6 +748,8 @@ StrongPtr<Field> WorldDerivative(Grid& grid, const std::string& field, const std
     const auto inputs = std::make_shared<Inputs>();
     inputs->values = vertices->findField(field);
     inputs->positions = vertices->Positions();
+    inputs->masks = Hestra::makeRef<BlankingInput>(*vertices);
+    inputs->masks->now().check(*inputs->positions);
     if (options.joinBlocks) {
         inputs->joining = options.joins;
         inputs->grid = WeakPtr<const Grid>(grid);

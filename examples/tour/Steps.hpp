@@ -27,7 +27,7 @@ void extractSurface(const Tour& tour);
 /// uniform.vti, slice.png. What was found is held against what is inside by a test of its own.
 void evaluateUniformly(const Tour& tour);
 
-/// The gradient and the vorticity of the velocity in space, by the chain rule from derivatives along the indices.
+/// The gradient and the vorticity of the velocity in space, across the joined faces of the blocks.
 void takeDerivatives(const Tour& tour);
 
 } // namespace tour

@@ -9,6 +9,7 @@
 #include <limits>
 #include <omp.h>
 #include <random>
+#include <support/CutBlocks.hpp>
 #include <support/LocationGrids.hpp>
 #include <thread>
 
@@ -85,6 +86,60 @@ TEST_P(LocateInShapes, PointsComeBackToTheirPlaces) {
     EXPECT_GE(byNewton, least);
     // The projective map of a twisted cell fits five of its corners only.
     EXPECT_GE(byTree, GetParam().isAffine ? total : total * 2 / 3);
+}
+
+// On the faces of cut, turned and flipped blocks. The exact locator finds every position, in the lowest block that has
+// it. In affine cells the projective one and the tree lose none either; the linear step may, by rounding, since near
+// misses count at upper faces only. Whoever answers, the value is that of the other side.
+TEST_P(LocateInShapes, PositionsOnJoinedFacesBelongToTheLowestFragment) {
+    const Hestra::ScopedListener nobody({});
+    std::mt19937_64 random(31);
+    const auto uncut = support::makeBlock(GetParam(), {9, 8, 10});
+    const auto wave = support::fieldOn(*uncut, support::wave);
+    int answers = 0, byStep = 0;
+    for (const std::size_t count : {2, 5, 12}) {
+        support::CutGrid cut(*uncut, support::turned(support::bisect(uncut->Size(), count, random), random));
+        cut.setField("wave", *wave);
+        std::vector<std::unique_ptr<LocalFromWorldPoint>> locators;
+        for (const CellLocator kind : {CellLocator::Exact, CellLocator::Projective, CellLocator::Newton}) {
+            LocatorOptions chosen = options(kind);
+            chosen.gridEpsilon = 1e-9; // a rim for rounding alone
+            locators.push_back(std::make_unique<LocalFromWorldPoint>(cut.slice, cut.grid, "Positions", chosen));
+        }
+        const auto joins = BlockJoins::of(*cut.grid);
+        const auto valueIn = [&](const StrongPtr<FragmentID>& id, const Point& index) {
+            return interpolateAt<3, double>(*Hestra::dynamicCast<MemArray<3, double>>((*cut.grid)("wave")->getData(id)),
+                                            index);
+        };
+        for (const BlockJoin& join : joins->joins())
+            for (int n = 0; n < 40; ++n) {
+                Point index; // in cells, and on their edges
+                for (int d = 0; d < 3; ++d) {
+                    const auto low = double(join.low[d]), high = double(join.high[d]);
+                    index[d] = std::uniform_real_distribution<double>(low, high)(random);
+                    if (d == join.first.axis || n % 4 == 0) index[d] = std::floor(index[d]);
+                }
+                const Point p = support::positionIn(*cut.block(std::to_string(join.first.block)), index);
+                const double value = valueIn(cut.ids[join.first.block], index);
+                const auto exact = locators[0]->locate(p);
+                ASSERT_TRUE(exact) << p;
+                EXPECT_LE(exact.fragment, join.first.block) << p;
+                EXPECT_NEAR(valueIn(cut.ids[exact.fragment], exact.localCoordinates), value, 1e-9);
+                if (!GetParam().isAffine) continue;
+                const auto projective = locators[1]->locate(p), step = locators[2]->locate(p);
+                LocalPoint viaTree{p, {}};
+                ASSERT_TRUE(projective && locators[2]->getViaTree(viaTree)) << p;
+                EXPECT_NEAR(valueIn(viaTree.fragment, viaTree.localCoordinates), value,
+                            0.01); // it has a rim of its own
+                for (const auto& found : {projective, step})
+                    if (found) {
+                        EXPECT_NEAR(valueIn(cut.ids[found.fragment], found.localCoordinates), value, 1e-8);
+                    }
+                ++answers;
+                byStep += bool(step);
+            }
+    }
+    EXPECT_GE(byStep, answers * 9 / 10);
 }
 
 TEST(LocalFromWorldPointTest, UniformAndRectilinearBlocksAreComputed) {

@@ -196,14 +196,14 @@ TEST_F(TourTest, TheFlowPastACylinderAgreesWithWhatIsKnownOfIt) {
     ASSERT_EQ(double(values.size()), std::nearbyint(24.0 * 24.0 * 8.0)) << tour.row("positions")[0];
     for (std::size_t n = 0; n < values.size(); ++n) EXPECT_EQ(std::isnan(values[n]), outcomes[n] == 0.0);
 
-    // Second order inside the blocks, first order at their borders.
+    // Second order inside and on joined faces, first order at the outer border.
     for (const char* what : {"  largest error", "  mean error", "  largest", "  mean"}) {
         Result derivatives = tour;
         derivatives.out.erase(0, tour.out.find("\nDerivatives"));
         EXPECT_GT(derivatives.number(what, 2), 3.0) << what;
         EXPECT_LT(derivatives.number(what, 2), 5.0) << what;
     }
-    EXPECT_NEAR(tour.number("  at blocks' borders", 2), 2.0, 0.4);
+    EXPECT_NEAR(tour.number("  at the outer border", 2), 2.0, 0.4);
 }
 
 TEST_F(TourTest, ResultsDoNotDependOnTheNumberOfThreadsOrOnWhoListens) {

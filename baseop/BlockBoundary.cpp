@@ -1,0 +1,342 @@
+#include <baseop/BlockBoundary.hpp>
+#include <baseop/detail/surface/IsoSweep.hpp>
+#include <model/hestra/Freshness.hpp>
+#include <model/hestra/Profiler.hpp>
+#include <model/vantle/Blanking.hpp>
+#include <model/vantle/ElementTypes.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <stdexcept>
+#include <utility>
+
+namespace Vantle {
+
+using Hestra::Freshness;
+using Hestra::StrongPtr;
+using Orvix::PhysicalSpace;
+using point = PhysicalSpace::point;
+
+namespace {
+
+/// Numbers for some vertices of the blocks, ascending by block and index.
+class VertexNumbers {
+public:
+    explicit VertexNumbers(const BlockJoins& joins) : myBlocks(joins.blocks()) {
+        for (unsigned int b = 0; b < joins.blocks(); ++b) myBlocks[b].words.resize(joins.size(b).product() / 64 + 1);
+    }
+    void take(const BlockVertex& vertex) noexcept {
+        myBlocks[vertex.block].words[vertex.index / 64].bits |= std::uint64_t{1} << vertex.index % 64;
+    }
+    /// To be called after the last was taken, and before numbers are asked for. Returns how many there are.
+    index_t count() noexcept {
+        index_t count = 0;
+        for (Block& block : myBlocks)
+            for (Word& word : block.words) {
+                word.before = count;
+                count += static_cast<index_t>(std::popcount(word.bits));
+            }
+        return count;
+    }
+    [[nodiscard]] unsigned int operator()(const BlockVertex& vertex) const noexcept {
+        const Word& word = myBlocks[vertex.block].words[vertex.index / 64];
+        const std::uint64_t lower = word.bits & ((std::uint64_t{1} << vertex.index % 64) - 1);
+        return static_cast<unsigned int>(word.before + static_cast<index_t>(std::popcount(lower)));
+    }
+    /// The indices that were taken of a block.
+    [[nodiscard]] std::vector<index_t> indices(unsigned int block) const {
+        std::vector<index_t> result;
+        const std::vector<Word>& words = myBlocks[block].words;
+        for (std::size_t w = 0; w < words.size(); ++w)
+            for (std::uint64_t bits = words[w].bits; bits != 0; bits &= bits - 1)
+                result.push_back(64 * w + static_cast<index_t>(std::countr_zero(bits)));
+        return result;
+    }
+
+private:
+    struct Word {
+        std::uint64_t bits = 0;
+        index_t before = 0; // taken in all words before
+    };
+    struct Block {
+        std::vector<Word> words;
+    };
+    std::vector<Block> myBlocks;
+};
+
+/// The corners of a quad, in turn.
+using Quad = std::array<BlockVertex, 4>;
+
+/// The blocks of a grid, and what is valid in them.
+struct Blocks {
+    StrongPtr<BlockJoins> joins;
+    std::vector<StrongPtr<const BlockMask>> masks;
+
+    Blocks(const StrongPtr<BlockJoins>& known, const Blanking& blanking) : joins(known) {
+        for (unsigned int b = 0; b < joins->blocks(); ++b)
+            masks.push_back(joins->size(b).product() > 0 ? blanking.of(joins->fragment(b), joins->size(b)) : nullptr);
+    }
+
+    /// Calls `take(quad)` for the quads of a block with a valid cell on one side and nothing on the other, each by its
+    /// corners' owners and wound to show out of the cell where the block's index space is right-handed.
+    template<class Take>
+    void forOpenQuads(unsigned int block, const Take& take) const {
+        const MultiIndex<3>& size = joins->size(block);
+        if (size[0] < 2 || size[1] < 2 || size[2] < 2) return;
+        const BlockMask* const mask = masks[block].rawptr();
+        for (int d = 0; d < 3; ++d) {
+            const int u = (d + 1) % 3, v = (d + 2) % 3;
+            MultiIndex<3> lowest;
+            const auto add = [&](bool upper) {
+                Quad quad;
+                for (std::size_t c = 0; c < 4; ++c) {
+                    MultiIndex<3> corner = lowest;
+                    corner[u] += c == 1 || c == 2;
+                    corner[v] += c > 1;
+                    quad[upper ? c : 3 - c] = joins->owner({block, corner.linear(size)});
+                }
+                take(quad);
+            };
+            const auto isValid = [&](index_t layer) {
+                MultiIndex<3> cell = lowest;
+                cell[d] = layer;
+                return layer + 1 < size[d] && (!mask || mask->isCellValid(cell));
+            };
+            // Between blanked and other cells there are quads everywhere.
+            const index_t step = mask ? 1 : size[d] - 1;
+            for (index_t layer = 0; layer < size[d]; layer += step)
+                for (lowest[v] = 0; lowest[v] + 1 < size[v]; ++lowest[v])
+                    for (lowest[u] = 0; lowest[u] + 1 < size[u]; ++lowest[u]) {
+                        lowest[d] = layer;
+                        const bool below = layer > 0 && isValid(layer - 1), above = isValid(layer);
+                        const bool isEnd = layer == 0 || layer + 1 == size[d];
+                        if (below != above && (!isEnd || joins->isOpen({block, d, below}, lowest))) add(below);
+                    }
+        }
+    }
+};
+
+[[noreturn]] void refuse(const std::string& why) { throw std::invalid_argument("BlockBoundary: " + why); }
+
+/// The elements of a field at the vertices that have numbers, in their order.
+StrongPtr<MemBase> elementsAt(const BlockJoins& joins, const VertexNumbers& vertices, const Field& field,
+                              const std::string& name) {
+    std::vector<StrongPtr<MemBase>> parts;
+    for (unsigned int b = 0; b < joins.blocks(); ++b) {
+        std::vector<index_t> indices = vertices.indices(b);
+        if (indices.empty()) continue;
+        const auto fails = [&](const char* why) {
+            refuse("field \"" + name + "\" has " + why + " in fragment \"" + FragmentID::Name(joins.fragment(b), "") +
+                   "\"");
+        };
+        const StrongPtr<MemBase> data = field.getData(joins.fragment(b));
+        if (!data) fails("no data");
+        if (data->getDynamicSize() != DynamicSize(joins.size(b))) fails("other extents than the positions");
+        if (!parts.empty() && parts.front()->elementIndex() != data->elementIndex())
+            fails("elements of another type than elsewhere");
+        const DynamicSize count(indices.size());
+        parts.push_back(data->gather(*makeMemArray1D(std::move(indices)), count, 1));
+        if (!parts.back()) fails("elements that cannot be copied");
+    }
+    if (parts.size() == 1) return parts.front();
+    StrongPtr<MemBase> joined;
+    if (!parts.empty())
+        withTypedArray(RegisteredElementTypes(), parts.front(), [&]<class T>(const TypedArray<T>&) {
+            std::vector<T> all;
+            for (const StrongPtr<MemBase>& part : parts) {
+                const auto& typed = dynamic_cast<const TypedArray<T>&>(*part);
+                for (index_t n = 0; n < typed.nElements(); ++n) all.push_back(typed.element(n));
+            }
+            joined = makeMemArray1D(std::move(all));
+        });
+    if (!joined && !parts.empty()) refuse("field \"" + name + "\" has elements of an unknown type");
+    return joined;
+}
+
+/// Cuts a quad along its shorter diagonal, or that through the corner that is least by x, y and z: wherever a quad is
+/// met, in whatever order of its corners, it is cut the same way.
+template<class Take>
+void cutQuad(const std::array<unsigned int, 4>& quad, const std::vector<point>& points, const Take& take) {
+    const point &a = points[quad[0]], &b = points[quad[1]], &c = points[quad[2]], &d = points[quad[3]];
+    const double ac = normSquared(c - a), bd = normSquared(d - b);
+    const auto least = [](const point& p, const point& q) {
+        return std::lexicographical_compare(q.begin(), q.end(), p.begin(), p.end()) ? q : p;
+    };
+    const point ofAC = least(a, c), ofBD = least(b, d);
+    const bool isFirst =
+        ac < bd || (ac == bd && !std::lexicographical_compare(ofBD.begin(), ofBD.end(), ofAC.begin(), ofAC.end()));
+    const auto add = [&](unsigned int p, unsigned int q, unsigned int r) {
+        if (p != q && q != r && r != p) take(TriangleCell(p, q, r));
+    };
+    if (isFirst) {
+        add(quad[0], quad[1], quad[2]);
+        add(quad[0], quad[2], quad[3]);
+    } else {
+        add(quad[1], quad[2], quad[3]);
+        add(quad[1], quad[3], quad[0]);
+    }
+}
+
+/// For each block the lowest one that it hangs together with.
+std::vector<unsigned int> components(const BlockJoins& joins) {
+    std::vector<unsigned int> lowest(joins.blocks());
+    for (unsigned int b = 0; b < joins.blocks(); ++b) lowest[b] = b;
+    const auto find = [&](unsigned int b) {
+        while (lowest[b] != b) b = lowest[b] = lowest[lowest[b]];
+        return b;
+    };
+    for (const BlockJoin& join : joins.joins()) {
+        if (join.motion >= 0) continue;
+        const unsigned int first = find(join.first.block), second = find(join.second.block);
+        lowest[std::max(first, second)] = std::min(first, second);
+    }
+    for (unsigned int b = 0; b < joins.blocks(); ++b) lowest[b] = find(b);
+    return lowest;
+}
+
+/// Triangles of the blocks one after the other, those of block b up to `ends[b]`.
+struct Hull {
+    std::vector<TriangleCell> triangles;
+    std::vector<std::size_t> ends;
+
+    /// Turns those of blocks that hang together round where they enclose less than nothing.
+    void turnOutward(const BlockJoins& joins, const std::vector<point>& points) {
+        const std::vector<unsigned int> component = components(joins);
+        std::vector<double> volume(ends.size(), 0.0);
+        std::vector<std::pair<bool, point>> origin(ends.size()); // of each component, near by: less is rounded off
+        forBlocks([&](unsigned int block, TriangleCell& triangle) {
+            auto& [isKnown, from] = origin[component[block]];
+            if (!std::exchange(isKnown, true)) from = points[triangle[0]];
+            const double sixfold =
+                dot(points[triangle[0]] - from, cross(points[triangle[1]] - from, points[triangle[2]] - from));
+            if (std::isfinite(sixfold)) volume[component[block]] += sixfold;
+        });
+        forBlocks([&](unsigned int block, TriangleCell& triangle) {
+            if (volume[component[block]] < 0.0) std::swap(triangle[1], triangle[2]);
+        });
+    }
+
+private:
+    template<class F>
+    void forBlocks(const F& function) {
+        std::size_t n = 0;
+        for (unsigned int b = 0; b < ends.size(); ++b)
+            for (; n < ends[b]; ++n) function(b, triangles[n]);
+    }
+};
+
+Hull hullOf(const Blocks& blocks, const VertexNumbers& vertices, const std::vector<point>& points) {
+    const BlockJoins& joins = *blocks.joins;
+    Hull hull;
+    for (unsigned int b = 0; b < joins.blocks(); ++b) {
+        const bool isMirrored = joins.isOrientable() && joins.isMirrored(b);
+        blocks.forOpenQuads(b, [&](const Quad& quad) {
+            std::array<unsigned int, 4> numbers;
+            for (std::size_t c = 0; c < 4; ++c) numbers[isMirrored ? 3 - c : c] = vertices(quad[c]);
+            cutQuad(numbers, points, [&](const TriangleCell& triangle) { hull.triangles.push_back(triangle); });
+        });
+        hull.ends.push_back(hull.triangles.size());
+    }
+    if (joins.isOrientable()) hull.turnOutward(joins, points);
+    return hull;
+}
+
+/// Beside the points of a hull: the joins that it was made from, which stand for positions and options, and the masks.
+class HullRecord : public Hestra::Interface<HullRecord> {
+public:
+    HullRecord(const StrongPtr<BlockJoins>& from, const Freshness& byMasks, const StrongPtr<Field>& ofPoints)
+        : joins(from), masks(byMasks), points(ofPoints) {}
+    const StrongPtr<BlockJoins> joins;
+    const Freshness masks;
+    const Hestra::WeakPtr<Field> points;
+};
+/// Beside a field of a hull: the field of the grid.
+using FieldRecord = Hestra::FreshnessRecord<Field>;
+
+bool hasData(const StrongPtr<Field>& field) { return field && field->hasData(); }
+
+/// Whether a grid is the hull of these joins, masks and fields.
+bool isCurrent(const Grid& hull, const StrongPtr<BlockJoins>& joins, const Blanking& blanking,
+               const std::vector<std::string>& names, const std::vector<StrongPtr<Field>>& fields) {
+    const auto vertices = hull.findVertices(2);
+    const auto skeleton = hull.getSkeleton(SkeletonID(2, 1));
+    const auto inSpace = vertices ? hull.getCartesianRepresentation(*vertices) : StrongPtr<Representation>();
+    const auto ofVertices = skeleton ? skeleton->findRepresentation(*vertices) : StrongPtr<Representation>();
+    if (!inSpace || !ofVertices || !hasData(inSpace->Positions()) || !hasData(ofVertices->Positions())) return false;
+    const auto record = inSpace->Positions()->findInterface<HullRecord>();
+    if (!record || !(record->points == inSpace->Positions()) || !(record->joins == joins) ||
+        !record->masks.isFor(blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
+        return false;
+    for (std::size_t n = 0; n < names.size(); ++n) {
+        const StrongPtr<Field> known = inSpace->findField(names[n]);
+        if (!hasData(known) || !FieldRecord::find(*known, known)) return false;
+        if (!FieldRecord::isFresh(*known, known, fields[n].rawptr())) return false;
+    }
+    return true;
+}
+
+} // namespace
+
+StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::string& outputName,
+                                     const BlockBoundaryOptions& options) {
+    const Hestra::Profiler scope("baseop/BlockBoundary", __LINE__, "ComputeBlockBoundary", __PRETTY_FUNCTION__);
+    const StrongPtr<Field> positions = grid.CartesianPositions();
+    const StrongPtr<Grid> known = slice(outputName);
+    if (known.rawptr() == &grid) refuse("the hull would take the place of its grid, \"" + outputName + "\"");
+    if (!positions) refuse("the grid has no Cartesian positions");
+    std::vector<StrongPtr<Field>> fields;
+    std::vector<Freshness> origins;
+    for (const std::string& name : options.fields) {
+        fields.push_back(grid(name));
+        if (!fields.back()) refuse("the grid has no field \"" + name + "\"");
+        origins.push_back(Freshness(fields.back().rawptr()));
+    }
+    const Blanking blanking(grid);
+    blanking.check(*positions);
+    const Freshness masks = blanking.freshness();
+    const StrongPtr<BlockJoins> joins = BlockJoins::of(grid, options.joins);
+    if (known && isCurrent(*known, joins, blanking, options.fields, fields)) return known;
+
+    const Blocks blocks(joins, blanking);
+    VertexNumbers vertices(*joins);
+    for (unsigned int b = 0; b < joins->blocks(); ++b)
+        blocks.forOpenQuads(b, [&](const Quad& quad) {
+            for (const BlockVertex& corner : quad) vertices.take(corner);
+        });
+    detail::checkVertexCount(vertices.count());
+    StrongPtr<MemBase> points = elementsAt(*joins, vertices, *positions, PositionsName);
+    if (!points) points = makeMemArray1D(std::vector<point>());
+    const auto* const typed = dynamic_cast<const MemArray<1, point>*>(points.rawptr());
+    if (!typed) refuse("the positions are no points");
+    std::vector<point> places;
+    for (index_t n = 0; n < typed->nElements(); ++n) places.push_back(typed->element(n));
+    Hull hull = hullOf(blocks, vertices, places);
+    std::vector<StrongPtr<MemBase>> values;
+    for (std::size_t n = 0; n < fields.size(); ++n)
+        values.push_back(elementsAt(*joins, vertices, *fields[n], options.fields[n]));
+
+    const StrongPtr<Grid> output = slice.newGrid(outputName);
+    const auto inSpace = output->makeCartesianRepresentation(2);
+    const auto ofVertices = (*(*output)[SkeletonID(2, 1)])[*output->makeVertices(2)];
+    const Hestra::Cache::Operation allOfThem;
+    const auto store = [](Representation& representation, const std::string& name, const StrongPtr<MemBase>& array) {
+        const StrongPtr<Field> field = Hestra::makeRef<Field>();
+        if (array) field->setDiscardableData(array, Hestra::Cache::MemCache());
+        representation.setField(name, field);
+        return field;
+    };
+    const auto surface = store(*inSpace, PositionsName, points);
+    surface->addInterface(Hestra::makeRef<HullRecord>(joins, masks, surface));
+    store(*ofVertices, PositionsName, makeMemArray1D(std::move(hull.triangles)));
+    for (std::size_t n = 0; n < fields.size(); ++n) {
+        const auto field = store(*inSpace, options.fields[n], values[n]);
+        FieldRecord::attach(*field, field, origins[n]);
+    }
+    return output;
+}
+
+} // namespace Vantle
