@@ -387,6 +387,10 @@ Surface DataSet::slice(const Plane& plane, const Fields& fields, const Progress&
     });
 }
 
+Surface DataSet::boundary(const Fields& fields) const {
+    return detail::request("boundary", [&] { return step().hull(fields); });
+}
+
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
 
 Located DataSet::locate(std::span<const Point> positions, const Progress& progress) const {

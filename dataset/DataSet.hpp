@@ -190,6 +190,10 @@ public:
     /// Degenerate  a plane that only touches the blocks from within gives an empty surface.
     [[nodiscard]] Surface slice(const Plane& plane, const Fields& fields = {}, const Progress& progress = {}) const;
 
+    /// The outer hull of all blocks, of what is valid: all faces that are joined to no other, with the values of fields
+    /// there. Triangles show outward. Failure: also for a field that a block of the hull has not.
+    [[nodiscard]] Surface boundary(const Fields& fields = {}) const;
+
     // ---- Values elsewhere
     // --------------------------------------------------------------------------------------------
 

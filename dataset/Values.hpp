@@ -26,8 +26,8 @@ class VANTLE_DATASET_API Values {
 public:
     /// No values.
     Values() = default;
-    /// Those of an array of rank 1, of numbers in double precision, vectors, points or tensors; of others, as of a null
-    /// handle, none.
+    /// Those of an array of rank 1, of numbers, vectors, points or tensors; of others, as of a null handle, none.
+    /// Numbers that are not `double` are copied, everything else is shared.
     explicit Values(const Hestra::StrongPtr<MemBase>& array);
 
     /// How many places there are.

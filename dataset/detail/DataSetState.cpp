@@ -1,3 +1,4 @@
+#include <baseop/BlockBoundary.hpp>
 #include <baseop/DerivedQuantities.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/LocatedPositions.hpp>
@@ -239,12 +240,11 @@ std::shared_ptr<const LocalFromWorldPoint> DataSet::Step::locator() const {
     return kept;
 }
 
-StrongPtr<Grid> DataSet::Step::view(const std::string& name, const StrongPtr<Field>& field) const {
+StrongPtr<Grid> DataSet::Step::view() const {
     StrongPtr<Grid> made = Hestra::makeRef<Grid>();
     const StrongPtr<Representation> fields = made->makeCartesianRepresentation(3);
     fields->setPositions(positions());
     for (const char* mask : {VertexMaskName, CellMaskName}) fields->setField(mask, representation->findField(mask));
-    fields->setField(name, field);
     return made;
 }
 
@@ -284,7 +284,8 @@ detail::DerivedEntry DataSet::Step::derive(const std::string& operation, const s
             if (!made.from->getCreator(block.id))
                 throw DataSetError("field " + quoted(operand) + " has no " + operation + ": block " +
                                    quoted(block.name()) + " has no values");
-        made.home = view(operand, made.from);
+        made.home = view();
+        made.home->getCartesianRepresentation()->setField(operand, made.from);
         std::string problems;
         made.field = WorldDerivative(*made.home, operand, name, problems, {.joinBlocks = true, .joins = joins}, cache);
         if (!made.field) throw DataSetError("field " + quoted(operand) + " has no " + operation + ": " + problems);
@@ -299,6 +300,25 @@ detail::DerivedEntry DataSet::Step::derive(const std::string& operation, const s
 
 // ---------------------------------------------------------------------------------------------------------------------
 
+namespace {
+
+/// What a surface has is its own from now on, and no affair of a cache.
+void own(Grid& surface) {
+    const auto keep = [](Field& field) {
+        const StrongPtr<MemBase> array = field.getData();
+        if (!array) throw DataSetError("a surface did not fit into the cache of the process");
+        field.setPersistentData(array);
+    };
+    std::vector<StrongPtr<Field>> all{(*surface.getSkeleton(SkeletonID(2, 1))).FirstRepresentation()->Positions()};
+    surface.getCartesianRepresentation()->iterate([&](const FieldID&, const Field& field) {
+        all.emplace_back(const_cast<Field*>(&field));
+        return true;
+    });
+    for (const StrongPtr<Field>& field : all) keep(*field);
+}
+
+} // namespace
+
 Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& of, const detail::FieldNumbers& numbers,
                                double level, const Fields& values, bool hasNormals, const Meter& meter) const {
     std::vector<std::pair<std::string, StrongPtr<Field>>> wanted;
@@ -309,11 +329,11 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     std::unordered_map<const FragmentID*, std::size_t> numberOf;
     for (const DataSetBlock& block : all) numberOf.emplace(block.id.rawptr(), numberOf.size());
     const StrongPtr<Slice> home = Hestra::makeRef<Slice>();
-    const StrongPtr<Grid> source = view(name, of);
-    if (numbers.hasNaN()) { // no surface beside what is no number
-        const StrongPtr<Representation> fields = source->getCartesianRepresentation();
+    const StrongPtr<Grid> source = view();
+    const StrongPtr<Representation> fields = source->getCartesianRepresentation();
+    fields->setField(name, of);
+    if (numbers.hasNaN()) // no surface beside what is no number
         fields->setField(VertexMaskName, makeMaskOfNumbers(of, representation));
-    }
     SurfaceOptions options;
     options.joinBlocks = true;
     options.joins = joins;
@@ -333,22 +353,13 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     StrongPtr<Grid> made = compute();
     if (const auto box = ComputeNumberBox(made->CartesianPositions()->getData()); box && box->hasNaN) {
         // Vertices that are nowhere: beside them, too, there is no surface.
-        const StrongPtr<Representation> fields = source->getCartesianRepresentation();
         fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), fields));
         home->remove("surface");
         made = compute();
     }
 
-    // What the surface has is its own from now on, and no affair of a cache.
+    own(*made);
     const StrongPtr<Representation> vertices = made->getCartesianRepresentation();
-    const auto keep = [&](const StrongPtr<Field>& field, const char* what) {
-        const StrongPtr<MemBase> array = field ? field->getData() : nullptr;
-        if (!array) throw DataSetError("the " + std::string(what) + " of a surface did not fit into the cache");
-        field->setPersistentData(array);
-        return array;
-    };
-    const StrongPtr<MemBase> points = keep(vertices->Positions(), "points");
-    keep((*made)[SkeletonID(2, 1)]->FirstRepresentation()->Positions(), "triangles");
     for (std::size_t n = 0; n < wanted.size(); ++n) {
         rest(static_cast<double>(n) / static_cast<double>(wanted.size()));
         const auto& [valueName, quantity] = wanted[n];
@@ -364,6 +375,15 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         vertices->setField(valueName, Hestra::makeRef<Field>(array, StrongPtr<FragmentIDCollection>()));
     }
     meter(1.0);
+    return Surface(made);
+}
+
+Surface DataSet::Step::hull(const Fields& values) const {
+    const StrongPtr<Grid> source = view();
+    for (const std::string& value : values) source->getCartesianRepresentation()->setField(value, field(value));
+    const StrongPtr<Slice> home = Hestra::makeRef<Slice>();
+    const StrongPtr<Grid> made = ComputeBlockBoundary(*source, *home, "hull", {.joins = joins, .fields = values});
+    own(*made);
     return Surface(made);
 }
 

@@ -83,13 +83,14 @@ struct DataSet::Step {
                                                                       const detail::Meter& meter) const;
     [[nodiscard]] std::shared_ptr<const detail::BlockBoxes> boxes(const detail::Meter& meter) const;
     [[nodiscard]] std::shared_ptr<const LocalFromWorldPoint> locator() const;
-    /// A grid of the same positions and masks, with a field, in a slice of its own.
-    [[nodiscard]] Hestra::StrongPtr<Grid> view(const std::string& name, const Hestra::StrongPtr<Field>& field) const;
+    /// A grid of the same positions and masks.
+    [[nodiscard]] Hestra::StrongPtr<Grid> view() const;
 
     /// A surface of a field over the fragments of the positions, of which the numbers are known.
     [[nodiscard]] Surface surface(const std::string& name, const Hestra::StrongPtr<Field>& field,
                                   const detail::FieldNumbers& numbers, double level, const Fields& values,
                                   bool hasNormals, const detail::Meter& meter) const;
+    [[nodiscard]] Surface hull(const Fields& values) const;
 
     // For one thread: what is put there instead, and forgotten.
     void setPositions(const Hestra::StrongPtr<Field>& positions);
