@@ -1,7 +1,6 @@
 #include "Inside.hpp"
 #include "Steps.hpp"
 #include "io/Progress.hpp"
-#include "io/Vtk.hpp"
 
 #include <baseop/EvalGrid.hpp>
 #include <baseop/ExpandBBox.hpp>
@@ -10,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <dataset/io/Vtk.hpp>
 #include <limits>
 
 namespace tour {
@@ -286,7 +286,7 @@ void evaluateUniformly(const Tour& tour) {
                              static_cast<int>(lattice.size[2])};
     const std::array<VtkArray, 2> arrays = {VtkArray{data.field, std::span<const double>(best.values)},
                                             VtkArray{"outcome", std::span<const double>(outcomes)}};
-    writeVti(tour.file("uniform.vti"), {extents, origin, spacing}, arrays);
+    writeVti(tour.file("uniform.vti"), {extents, origin, spacing}, arrays, {.compress = false});
     report.row("uniform.vti", data.field + "; outcome: 0 not found, 1 exactly, 2 approximately, 3 blanked",
                watch.lap());
     if (!tour.pictures) return;

@@ -1,11 +1,12 @@
 #include "Plot3DFlow.hpp"
 
 #include "CutGrid.hpp"
+#include "Plot3DBlocks.hpp"
 #include "Report.hpp"
-#include "io/FileError.hpp"
 
 #include <algorithm>
 #include <cmath>
+#include <dataset/io/FileError.hpp>
 #include <limits>
 
 namespace tour {
@@ -139,7 +140,7 @@ DataSet readPlot3DFlow(const Options& options) {
     DataSet data;
     data.title = "PLOT3D grid " + oneLine(file.filename().string());
     if (solution) data.title += ", solution " + oneLine(options.solutionFile->filename().string());
-    data.remarks.push_back("grid: " + describe(grid.form));
+    data.remarks.push_back("grid: " + describe(grid.file.form()));
     if (solution) {
         data.remarks.push_back("solution: " + describe(solution->form));
         data.remarks.push_back("pressure: for a gas whose heat capacities have a ratio of " +

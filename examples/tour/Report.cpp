@@ -1,12 +1,11 @@
 #include "Report.hpp"
 
-#include "io/FileError.hpp"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <dataset/io/FileError.hpp>
 #include <unistd.h>
 
 namespace tour {
@@ -34,7 +33,7 @@ void Report::line(const std::string& text) {
     for (std::size_t written = 0; written < bytes.size();) {
         const ssize_t now = ::write(descriptor_, bytes.data() + written, bytes.size() - written);
         if (now < 0 && errno == EINTR) continue;
-        if (now < 0) throw FileError("standard output", "cannot write", std::strerror(errno));
+        if (now < 0) throw Vantle::FileError("standard output", "cannot write", std::strerror(errno));
         written += static_cast<std::size_t>(now);
     }
 }

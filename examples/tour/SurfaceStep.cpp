@@ -1,12 +1,12 @@
 #include "Steps.hpp"
 #include "io/Progress.hpp"
-#include "io/Vtk.hpp"
 
 #include <baseop/Isosurface.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <dataset/io/Vtk.hpp>
 #include <limits>
 
 namespace tour {
@@ -128,7 +128,7 @@ void extractSurface(const Tour& tour) {
     report.row("coloured by", data.colourField, watch.lap());
 
     const std::array<VtkArray, 1> arrays = {VtkArray{data.colourField, std::span<const double>(values)}};
-    writeVtp(tour.file("surface.vtp"), mesh.points, mesh.triangles, arrays);
+    writeVtp(tour.file("surface.vtp"), mesh.points, mesh.triangles, arrays, {.compress = false});
     report.row("surface.vtp", "the surface", watch.lap());
     if (!tour.pictures) return;
 
