@@ -2,10 +2,11 @@
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/location/Tiling.hpp>
+#include <dataset/detail/DataSetState.hpp>
 
 #include <algorithm>
 #include <cmath>
-#include <dataset/detail/DataSetState.hpp>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -79,6 +80,48 @@ DataSet::DataSet(const StrongPtr<Grid>& grid, double time) : DataSet(time) {
         step.representation->setField(id.name(), StrongPtr<Field>(const_cast<Field*>(&field)));
         return true;
     });
+}
+
+DataSet DataSet::read(const std::vector<std::filesystem::path>& files, const ReadOptions& options) {
+    const Hestra::ScopedListener silence({});
+    if (files.empty()) throw DataSetError("no files to read");
+    Plot3DReading reading;
+    reading.cache = Hestra::makeRef<Hestra::Cache>();
+    reading.heatRatio = options.heatRatio;
+    const Plot3DFile file = Plot3DFile::openGrid(files.front(), options.form);
+    const StrongPtr<Grid> first = Hestra::makeRef<Grid>();
+    (void)addPlot3DGrid(*first, file, reading);
+    const StrongPtr<Representation> vertices = first->getCartesianRepresentation();
+
+    std::map<double, StrongPtr<Grid>> times;
+    StrongPtr<Grid> now = first;
+    std::vector<Plot3DName> names;
+    for (std::size_t n = 1; n < files.size(); ++n) {
+        if (files[n].extension() == ".nam") {
+            names = readPlot3DNames(files[n]);
+            continue;
+        }
+        const Plot3DFile fields = Plot3DFile::openFields(files[n], file, names, options.form);
+        if (fields.content() == Plot3DContent::solution) {
+            const double time = fields.readFreeStream(0).time;
+            if (!times.empty()) {
+                now = Hestra::makeRef<Grid>();
+                const StrongPtr<Representation> same = now->makeCartesianRepresentation(3);
+                same->setPositions(vertices->Positions());
+                same->setField(VertexMaskName, vertices->findField(VertexMaskName));
+            }
+            if (std::isnan(time) || !times.emplace(time, now).second)
+                throw DataSetError(files[n].string() + ": another solution is of time " + textOf(time) + ", too");
+        }
+        RegularGrid3D grid(now);
+        (void)addPlot3DFields(grid, fields, reading);
+    }
+    if (times.empty()) times.emplace(0.0, first);
+    DataSet result(times.begin()->second, times.begin()->first);
+    result.myState->cache = result.myState->steps.front()->cache = reading.cache;
+    for (const auto& [time, grid] : times)
+        if (time != result.myTime) result.addTime(time, DataSet(grid, time));
+    return result;
 }
 
 DataSet::DataSet(std::shared_ptr<State> state, double time) : myState(std::move(state)), myTime(time) {}
@@ -231,6 +274,7 @@ void DataSet::addTime(double time, const DataSet& step) {
     auto at = std::find_if(steps.begin(), steps.end(), [&](const auto& other) { return other->time >= time; });
     auto made = std::make_unique<Step>(step.step(), time, result.myState->bundle[time]);
     made->joins = this->step().joins;
+    made->cache = result.myState->cache;
     if (at != steps.end() && (*at)->time == time)
         *at = std::move(made);
     else
@@ -447,8 +491,6 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
             targets.push_back(target);
         }
         const auto locator = now.locator();
-        std::vector<StrongPtr<FragmentID>> fragments;
-        for (const DataSetBlock& block : now.blocks()) fragments.push_back(block.id);
         const UniformCartesianArray lattice(Orvix::BoundingBox(box.low, box.high), size);
         const auto mask = MemArray<3, unsigned char>::create(size);
         std::size_t found = 0;
@@ -482,8 +524,8 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                 for (const Target& target : targets) {
                     const auto components = static_cast<std::size_t>(target.components);
                     values.assign(components * place.size(), NaN);
-                    located.sample(*target.field, fragments, target.components, values, {},
-                                   [&](double) { meter(from); });
+                    now.sample(located, target.name, *target.field, target.components, values, {},
+                               meter.part(from, from));
                     for (std::size_t n = 0; n < place.size(); ++n)
                         std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
                 }
@@ -522,6 +564,23 @@ DataSet DataSet::threshold(const std::string& field, double low, double high) co
                 all->setCreator(creatorOf(MemArray<3, unsigned char>::create(block.size())), block.id);
         own.setMask(VertexMaskName, all);
         return result;
+    });
+}
+
+// ---- Files ----------------------------------------------------------------------------------------------------------
+
+void DataSet::write(const std::filesystem::path& file, const VtkOptions& options) const {
+    Fields fields = step().fieldNames();
+    if (step().representation->findField(VertexMaskName)) fields.push_back(VertexMaskName);
+    write(file, fields, options);
+}
+
+void DataSet::write(const std::filesystem::path& file, const Fields& fields, const VtkOptions& options) const {
+    detail::request("writing " + file.string(), [&] {
+        const StrongPtr<Grid> written = step().view();
+        for (const std::string& name : fields)
+            if (!Step::isReserved(name)) written->getCartesianRepresentation()->setField(name, step().field(name));
+        writeVtk(file, *written, fields, options);
     });
 }
 

@@ -7,13 +7,15 @@
 
 #include <baseop/BlockJoins.hpp>
 #include <baseop/NumberRange.hpp>
-#include <model/vantle/Bundle.hpp>
-
 #include <dataset/DataSetError.hpp>
+#include <dataset/Files.hpp>
 #include <dataset/Located.hpp>
 #include <dataset/Progress.hpp>
 #include <dataset/Surface.hpp>
 #include <dataset/Values.hpp>
+#include <model/vantle/Bundle.hpp>
+
+#include <filesystem>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -44,6 +46,14 @@ struct FieldInfo {
     std::string name;
     int components = 0;     ///< 1: scalar, 3: vector, 9: tensor; 0 when unknown
     std::size_t blocks = 0; ///< how many have it
+};
+
+/// How files are read.
+struct ReadOptions {
+    /// What is known of the form of the files; the rest is found out.
+    Plot3DOptions form = {};
+    /// Of the gas: the ratio of its heat capacities, for pressures.
+    double heatRatio = 1.4;
 };
 
 /// A plane in space.
@@ -88,13 +98,22 @@ public:
     using Fields = std::vector<std::string>;
 
     // ---- Making one
-    // --------------------------------------------------------------------------------------------------
 
     /// Without blocks.
     explicit DataSet(double time = 0.0);
     /// The blocks and fields of a grid of the model, whose arrays are shared: those of its vertices in the default
     /// Cartesian chart. Unfragmented data are a block without name. Failure: DataSetError for a grid without positions.
     explicit DataSet(const Hestra::StrongPtr<Grid>& grid, double time = 0.0);
+
+    /// The data of PLOT3D files: first a grid, then its solutions and function files, a file of names (.nam) before the
+    /// functions that it names. Blocks are called "block1", "block2", ...; `Plot3DGrid.hpp` says which fields there
+    /// are. Only headers and samples are read now; arrays are read when they are needed, and dropped beyond the budget.
+    ///
+    /// Several solutions are as many times, those that they say; functions belong to the solution before them.
+    /// Failure  FileError; DataSetError for no files, and for two solutions of one time. A file that changes or goes
+    /// away
+    ///          later: FileError from what needs it, while data that were read stay what they are.
+    [[nodiscard]] static DataSet read(const std::vector<std::filesystem::path>& files, const ReadOptions& options = {});
 
     /// Adds a block. `positions` are points with three indices (`MemArray<3, Point>`, adopted memory included), a
     /// `UniformCartesianArray`, or another direct product; they are shared.
@@ -146,7 +165,6 @@ public:
     [[nodiscard]] const Hestra::StrongPtr<Hestra::Cache>& cache() const noexcept;
 
     // ---- What is there
-    // -----------------------------------------------------------------------------------------------
 
     [[nodiscard]] double time() const;
     /// All times, ascending.
@@ -171,7 +189,6 @@ public:
     [[nodiscard]] Hestra::StrongPtr<const BlockJoins> joins() const;
 
     // ---- Surfaces
-    // ----------------------------------------------------------------------------------------------------
 
     /// The surface on which a scalar has this value, one for all joined blocks. Empty for a level outside of the range.
     ///
@@ -195,7 +212,6 @@ public:
     [[nodiscard]] Surface boundary(const Fields& fields = {}) const;
 
     // ---- Values elsewhere
-    // --------------------------------------------------------------------------------------------
 
     /// Finds positions in the blocks, and keeps where they are. Neighbours in their order should be neighbours in
     /// space.
@@ -212,7 +228,6 @@ public:
                                    const Progress& progress = {}) const;
 
     // ---- Derived fields
-    // ----------------------------------------------------------------------------------------------
 
     /// Names of fields that are derived from others, with respect to world coordinates: `flow.contour(
     /// flow.qCriterion("velocity"), 1.0)`. Their data are made when they are needed. Units are those of the values by
@@ -232,8 +247,14 @@ public:
     [[nodiscard]] DataSet threshold(const std::string& field, double low,
                                     double high = std::numeric_limits<double>::infinity()) const;
 
+    // ---- Files
+
+    /// Writes the blocks of the present time and these fields, or all that were set, as a VTK file: .vtm for any number
+    /// of blocks, .vti, .vtr or .vts for one. See `writeVtk`.
+    void write(const std::filesystem::path& file, const VtkOptions& options = {}) const;
+    void write(const std::filesystem::path& file, const Fields& fields, const VtkOptions& options = {}) const;
+
     // ---- The model underneath
-    // ----------------------------------------------------------------------------------------
 
     /// The grid of the present time, and the bundle: a slice for each time, with one grid each. What is changed there
     /// is noticed by the rules of the model, and changes copies, too.

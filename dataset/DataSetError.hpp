@@ -2,6 +2,7 @@
 /// The one exception of the data set layer.
 
 #include <dataset/DataSetExport.hpp>
+
 #include <stdexcept>
 
 namespace Vantle {

@@ -1,5 +1,4 @@
 #include <baseop/LocatedPositions.hpp>
-
 #include <dataset/detail/DataSetState.hpp>
 
 namespace Vantle {
@@ -31,8 +30,6 @@ Samples Located::sample(const std::string& field, double outside, const Progress
         const DataSet::Step& step = myDataSet->step();
         if (!myOrigin.isCurrent()) throw DataSetError("blocks have changed since the positions were located");
         const StrongPtr<Field> of = step.field(field);
-        std::vector<StrongPtr<FragmentID>> fragments;
-        for (const detail::DataSetBlock& block : step.blocks()) fragments.push_back(block.id);
         const int components = DataSet::Step::components(*of);
         auto mask = std::make_shared<std::vector<unsigned char>>(size());
         const Meter meter(progress);
@@ -41,7 +38,7 @@ Samples Located::sample(const std::string& field, double outside, const Progress
             const auto values = makeMemArray1D(std::vector<T>(size(), fill));
             const std::span<double> numbers(reinterpret_cast<double*>(values->getPtr()),
                                             size() * static_cast<std::size_t>(ElementTraits<T>::components));
-            myPositions->sample(*of, fragments, components, numbers, *mask, [&](double share) { meter(share); });
+            step.sample(*myPositions, field, *of, components, numbers, *mask, meter);
             meter(1.0);
             return Samples(StrongPtr<MemBase>(values), mask);
         };

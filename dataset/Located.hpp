@@ -1,11 +1,11 @@
 #pragma once
 /// Positions that a data set has located, and values of its fields there.
 
+#include <dataset/Progress.hpp>
+#include <dataset/Values.hpp>
 #include <model/hestra/Freshness.hpp>
 
 #include <cstdint>
-#include <dataset/Progress.hpp>
-#include <dataset/Values.hpp>
 #include <limits>
 #include <memory>
 #include <span>

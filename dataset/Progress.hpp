@@ -2,6 +2,7 @@
 /// How long operations of the data set layer report how far they are, and how they are ended before.
 
 #include <dataset/DataSetExport.hpp>
+
 #include <functional>
 #include <stdexcept>
 

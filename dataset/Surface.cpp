@@ -1,7 +1,7 @@
 #include <baseop/SurfaceBorder.hpp>
-
 #include <dataset/Surface.hpp>
 #include <dataset/detail/Request.hpp>
+
 #include <map>
 
 namespace Vantle {
@@ -76,6 +76,11 @@ const Values& Surface::values(const std::string& name) const {
 
 bool Surface::hasNormals() const noexcept { return myData->values.count(NormalsName) != 0; }
 std::size_t Surface::borderEdges() const { return countBorderEdges(*myData->triangles); }
+void Surface::write(const std::filesystem::path& file, const VtkOptions& options) const {
+    const Hestra::ScopedListener silence({});
+    writeVtk(file, *myData->grid, names(), options);
+}
+
 const StrongPtr<Grid>& Surface::grid() const noexcept { return myData->grid; }
 
 } // namespace Vantle

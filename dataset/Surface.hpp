@@ -1,10 +1,12 @@
 #pragma once
 /// Triangle surfaces, as contours, slices and hulls of data sets are.
 
-#include <model/vantle/GridKinds.hpp>
-
 #include <dataset/DataSetExport.hpp>
 #include <dataset/Values.hpp>
+#include <dataset/io/Vtk.hpp>
+#include <model/vantle/GridKinds.hpp>
+
+#include <filesystem>
 #include <memory>
 #include <span>
 #include <string>
@@ -47,6 +49,9 @@ public:
     /// Whether there is no border: the surface encloses something, and all triangles show the same side. So is an empty
     /// one.
     [[nodiscard]] bool isClosed() const { return borderEdges() == 0; }
+
+    /// Writes points, triangles and all values as a VTK file (.vtp). Failure: FileError, see `writeVtk`.
+    void write(const std::filesystem::path& file, const VtkOptions& options = {}) const;
 
     /// The model's grid.
     [[nodiscard]] const Hestra::StrongPtr<Grid>& grid() const noexcept;

@@ -1,6 +1,5 @@
-#include <model/vantle/MemArray.hpp>
-
 #include <dataset/Values.hpp>
+#include <model/vantle/MemArray.hpp>
 
 namespace Vantle {
 

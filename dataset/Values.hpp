@@ -1,10 +1,10 @@
 #pragma once
 /// Values of a field at places: at the vertices of a surface, or at positions that somebody asked for.
 
+#include <dataset/DataSetExport.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/MemBase.hpp>
 
-#include <dataset/DataSetExport.hpp>
 #include <span>
 #include <vector>
 

@@ -4,9 +4,10 @@
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/WorldDerivative.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
+#include <dataset/detail/DataSetState.hpp>
+#include <dataset/io/FileArray.hpp>
 
 #include <array>
-#include <dataset/detail/DataSetState.hpp>
 #include <unordered_map>
 
 namespace Vantle {
@@ -169,12 +170,21 @@ StrongPtr<MemBase> DataSet::Step::data(const std::string& name, const Field& fie
     if (!creator) return nullptr;
     const StrongPtr<MemBase> data = creator->getData();
     const auto where = [&] { return "field " + quoted(name) + ": block " + quoted(block.name()); };
-    if (!data) throw DataSetError(where() + ": the data cannot be made");
+    if (!data) {
+        throwReadingFailure(name);
+        throw DataSetError(where() + ": the data cannot be made");
+    }
     const MultiIndex<3> size = block.size();
     if (data->getDynamicSize().as<3>() != size)
         throw DataSetError(where() + " has " + to_string(size) + " vertices, the data are " +
                            to_string(data->getDynamicSize()));
     return data;
+}
+
+void DataSet::Step::throwReadingFailure(const std::string& name) const {
+    for (std::optional<Formula> formula{Formula{{}, name}}; formula; formula = parse(formula->operand))
+        if (const StrongPtr<Field> of = representation->findField(formula->operand)) Vantle::throwReadingFailure(*of);
+    Vantle::throwReadingFailure(*positions());
 }
 
 // What is known of the numbers of a field, and of the box of a block, is what it was derived from that decides.
@@ -347,8 +357,13 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         if (range.least <= level && level <= range.greatest) (void)data(name, *of, all[known->second]);
         return std::pair(range.least, range.greatest);
     };
-    const auto compute = [&] {
-        return ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
+    const auto compute = [&]() -> StrongPtr<Grid> {
+        try {
+            return ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
+        } catch (const IsoException&) {
+            throwReadingFailure(name);
+            throw;
+        }
     };
     StrongPtr<Grid> made = compute();
     if (const auto box = ComputeNumberBox(made->CartesianPositions()->getData()); box && box->hasNaN) {
@@ -364,6 +379,7 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         rest(static_cast<double>(n) / static_cast<double>(wanted.size()));
         const auto& [valueName, quantity] = wanted[n];
         const StrongPtr<MemBase> array = EvalFieldOnIsosurface(*made, *quantity);
+        throwReadingFailure(valueName);
         if (!array) throw DataSetError("the values of a surface did not fit into the cache");
         if (hasNormals && n + 1 == wanted.size())
             withMemArray<1>(TypeList<PhysicalSpace::vector>(), array, [](auto& normals) {
@@ -382,9 +398,28 @@ Surface DataSet::Step::hull(const Fields& values) const {
     const StrongPtr<Grid> source = view();
     for (const std::string& value : values) source->getCartesianRepresentation()->setField(value, field(value));
     const StrongPtr<Slice> home = Hestra::makeRef<Slice>();
-    const StrongPtr<Grid> made = ComputeBlockBoundary(*source, *home, "hull", {.joins = joins, .fields = values});
+    StrongPtr<Grid> made;
+    try {
+        made = ComputeBlockBoundary(*source, *home, "hull", {.joins = joins, .fields = values});
+    } catch (const std::invalid_argument&) {
+        for (const std::string& value : values) throwReadingFailure(value);
+        throwReadingFailure(PositionsName);
+        throw;
+    }
     own(*made);
     return Surface(made);
+}
+
+void DataSet::Step::sample(const LocatedPositions& at, const std::string& name, const Field& field, int components,
+                           std::span<double> values, std::span<unsigned char> mask, const Meter& meter) const {
+    std::vector<StrongPtr<FragmentID>> fragments;
+    for (const DataSetBlock& block : blocks()) fragments.push_back(block.id);
+    try {
+        at.sample(field, fragments, components, values, mask, [&](double share) { meter(share); });
+    } catch (const std::invalid_argument&) {
+        throwReadingFailure(name);
+        throw;
+    }
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

@@ -2,11 +2,12 @@
 /// What data sets are handles to: a bundle with a slice for each time, and what is kept of what was asked.
 
 #include <baseop/LocalFromWorldPoint.hpp>
+#include <baseop/LocatedPositions.hpp>
 #include <baseop/NumberRange.hpp>
-#include <model/vantle/Blanking.hpp>
-
 #include <dataset/DataSet.hpp>
 #include <dataset/detail/Request.hpp>
+#include <model/vantle/Blanking.hpp>
+
 #include <map>
 #include <mutex>
 #include <optional>
@@ -79,6 +80,9 @@ struct DataSet::Step {
     [[nodiscard]] Hestra::StrongPtr<MemBase> data(const std::string& name, const Field& field,
                                                   const detail::DataSetBlock& block) const;
 
+    /// Throws what kept the data of a field, or what it is derived from, from being read from a file, if that happened.
+    void throwReadingFailure(const std::string& name) const;
+
     [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> numbers(const std::string& name,
                                                                       const detail::Meter& meter) const;
     [[nodiscard]] std::shared_ptr<const detail::BlockBoxes> boxes(const detail::Meter& meter) const;
@@ -91,6 +95,9 @@ struct DataSet::Step {
                                   const detail::FieldNumbers& numbers, double level, const Fields& values,
                                   bool hasNormals, const detail::Meter& meter) const;
     [[nodiscard]] Surface hull(const Fields& values) const;
+    /// The values of a field at positions, as by `LocatedPositions`.
+    void sample(const LocatedPositions& positions, const std::string& name, const Field& field, int components,
+                std::span<double> values, std::span<unsigned char> mask, const detail::Meter& meter) const;
 
     // For one thread: what is put there instead, and forgotten.
     void setPositions(const Hestra::StrongPtr<Field>& positions);

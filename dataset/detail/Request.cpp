@@ -1,5 +1,6 @@
-#include <cctype>
 #include <dataset/detail/Request.hpp>
+
+#include <cctype>
 #include <numeric>
 
 namespace Vantle {

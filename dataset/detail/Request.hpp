@@ -2,11 +2,11 @@
 /// What every request of the layer goes through: silence, progress, one style of errors.
 
 #include <baseop/Isosurface.hpp>
+#include <dataset/DataSetError.hpp>
+#include <dataset/Progress.hpp>
 #include <model/hestra/Console.hpp>
 
 #include <algorithm>
-#include <dataset/DataSetError.hpp>
-#include <dataset/Progress.hpp>
 #include <exception>
 #include <new>
 #include <string>

@@ -2,10 +2,10 @@
 #include "support/RoughBlocks.hpp"
 
 #include <baseop/GridEvaluator.hpp>
+#include <dataset/DataSet.hpp>
 
 #include <bit>
 #include <cmath>
-#include <dataset/DataSet.hpp>
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <thread>
