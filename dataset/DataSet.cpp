@@ -569,18 +569,12 @@ DataSet DataSet::threshold(const std::string& field, double low, double high) co
 
 // ---- Files ----------------------------------------------------------------------------------------------------------
 
-void DataSet::write(const std::filesystem::path& file, const VtkOptions& options) const {
-    Fields fields = step().fieldNames();
-    if (step().representation->findField(VertexMaskName)) fields.push_back(VertexMaskName);
-    write(file, fields, options);
-}
-
 void DataSet::write(const std::filesystem::path& file, const Fields& fields, const VtkOptions& options) const {
     detail::request("writing " + file.string(), [&] {
         const StrongPtr<Grid> written = step().view();
-        for (const std::string& name : fields)
-            if (!Step::isReserved(name)) written->getCartesianRepresentation()->setField(name, step().field(name));
-        writeVtk(file, *written, fields, options);
+        const Fields all = fields.empty() ? step().fieldNames() : fields;
+        for (const std::string& name : all) written->getCartesianRepresentation()->setField(name, step().field(name));
+        writeVtk(file, *written, all, options);
     });
 }
 

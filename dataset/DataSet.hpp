@@ -249,10 +249,9 @@ public:
 
     // ---- Files
 
-    /// Writes the blocks of the present time and these fields, or all that were set, as a VTK file: .vtm for any number
-    /// of blocks, .vti, .vtr or .vts for one. See `writeVtk`.
-    void write(const std::filesystem::path& file, const VtkOptions& options = {}) const;
-    void write(const std::filesystem::path& file, const Fields& fields, const VtkOptions& options = {}) const;
+    /// Writes the blocks of the present time with these fields, or, if none is named, with all that were set: as .vtm
+    /// for any number of blocks, as .vti, .vtr or .vts for one. See `writeVtk`.
+    void write(const std::filesystem::path& file, const Fields& fields = {}, const VtkOptions& options = {}) const;
 
     // ---- The model underneath
 

@@ -1,4 +1,5 @@
 #include "support/CutBlocks.hpp"
+#include "support/Plot3DFile.hpp"
 #include "support/RoughBlocks.hpp"
 
 #include <baseop/GridEvaluator.hpp>
@@ -531,6 +532,95 @@ TEST(DataSetTest, KeepsToItsBudgetAndSaysWhatCannotBeMade) {
         const std::string error = errorOf([&] { (void)fresh.range(what); });
         EXPECT_TRUE(has(error, what) && has(error, "block")) << error;
     }
+}
+
+// ---- Files ----------------------------------------------------------------------------------------------------------
+
+class DataSetFilesTest : public testing::Test {
+protected:
+    void SetUp() override { std::filesystem::create_directories(folder); }
+    void TearDown() override { std::filesystem::remove_all(folder); }
+    std::filesystem::path store(const std::string& name, const std::string& bytes) const {
+        std::ofstream(folder / name, std::ios::binary) << bytes;
+        return folder / name;
+    }
+    const std::filesystem::path folder =
+        std::filesystem::path(testing::TempDir()) / ("DataSet" + std::to_string(getpid()));
+};
+
+/// A data set as files: "wave" as density, at two times.
+TEST_F(DataSetFilesTest, AreReadWhenNeededAndSaidToBeGoneThen) {
+    const DataSet ready = ring(3);
+    const Vantle::Plot3DForm form{.multiBlock = true, .scalar = Vantle::Plot3DScalar::float64};
+    std::vector<Plot3DBlock> grid;
+    std::vector<Plot3DSolutionBlock> flow[2];
+    for (const auto& block : ready.blocks()) {
+        const std::array extents{int(block.size[0]), int(block.size[1]), int(block.size[2])};
+        Plot3DBlock& at = grid.emplace_back();
+        at.extents = extents;
+        for (int step = 0; step < 2; ++step) {
+            Plot3DSolutionBlock& state = flow[step].emplace_back();
+            state.extents = extents;
+            state.time = step == 0 ? 2.5 : 0.5;
+            for (const Point& p : ready.positions(block.name)) {
+                const double values[] = {wave(p) + 3 + step, 1.0, p[0], 0.0, 9.0};
+                for (std::size_t f = 0; f < 5; ++f) state.fields[f].values.push_back(values[f]);
+                if (step == 1) continue;
+                at.x.push_back(p[0]);
+                at.y.push_back(p[1]);
+                at.z.push_back(p[2]);
+            }
+        }
+    }
+    const auto xyz = store("ring.xyz", gridBytes(form, grid));
+    const auto late = store("late.q", solutionBytes(form, flow[0])),
+               early = store("early.q", solutionBytes(form, flow[1]));
+    const DataSet read = DataSet::read({xyz, late, early});
+    EXPECT_EQ(read.cache()->bytes(), 0U);
+    EXPECT_EQ(read.times(), (std::vector<double>{0.5, 2.5}));
+    EXPECT_EQ(read.blocks()[1].name, "block2");
+    EXPECT_EQ(read.cache()->bytes(), 0U) << "nothing was needed yet";
+    const Surface cut = read.atTime(2.5).contour("density", 3.3), same = ready.contour("wave", 0.3);
+    EXPECT_EQ(cut.points().size(), same.points().size());
+    EXPECT_EQ(cut.borderEdges(), same.borderEdges());
+    EXPECT_NEAR(read.range("density").least, ready.range("wave").least + 4, 1e-12);
+    EXPECT_EQ(read.locate(std::vector<Point>{{1.5, 0.2, 0.5}}).atTime(9.0).sample("momentum").components(), 3);
+
+    cut.write(folder / "cut.vtp");
+    read.write(folder / "ring.vtm", {"density", "magnitude(velocity)"});
+    EXPECT_GT(std::filesystem::file_size(folder / "cut.vtp"), 1000U);
+    EXPECT_TRUE(std::filesystem::exists(folder / "ring.vtm"));
+    EXPECT_TRUE(has(errorOf([&] { read.write(folder / "x.vtm", {"densty"}); }), "\"density\""));
+    EXPECT_THROW((void)DataSet::read({xyz, late, late}), DataSetError);
+    EXPECT_THROW((void)DataSet::read({folder / "none.xyz"}), Vantle::FileError);
+
+    // Shorter by one block: what is to be read again says so, and names the file; what was read stays.
+    const DataSet fresh = DataSet::read({xyz, late});
+    (void)fresh.bounds();
+    store("late.q", solutionBytes(form, {flow[0].begin(), flow[0].end() - 1}));
+    const auto at = fresh.locate(ready.positions(ready.blocks().front().name));
+    EXPECT_EQ(at.found(), at.size());
+    const std::vector<std::function<void()>> needing{
+        [&] { (void)fresh.range("density"); },
+        [&] { (void)fresh.contour("density", 3.3); },
+        [&] { (void)at.sample("density"); },
+        [&] { (void)at.sample("gradient(density)"); },
+        [&] { (void)fresh.slice(Plane::z(0.6), {"vorticity(velocity)"}); },
+        [&] { (void)fresh.boundary({"density"}); },
+        [&] {
+            (void)fresh.resample({9, 9, 9}, {{-2, -2, 0}, {2, 2, 1}}, {"density"});
+        },
+        [&] { fresh.write(folder / "fresh.vtm"); },
+    };
+    testing::internal::CaptureStderr();
+    for (std::size_t n = 0; n < needing.size(); ++n) {
+        const std::string error = errorOf(needing[n]);
+        EXPECT_TRUE(has(error, "late.q")) << n << ": " << error;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_FALSE(std::filesystem::exists(folder / "fresh.vtm"));
+    EXPECT_GT(read.atTime(2.5).range("density").greatest, 3.0);
+    EXPECT_FALSE(fresh.slice(Plane::z(0.6)).isEmpty());
 }
 
 // ---- Real data ------------------------------------------------------------------------------------------------------
