@@ -3,6 +3,7 @@
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Blanking.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/ElementTypes.hpp>
 #include <model/vantle/MemArray.hpp>
 
@@ -133,7 +134,7 @@ StrongPtr<MemBase> elementsAt(const BlockJoins& joins, const VertexNumbers& vert
             refuse("field \"" + name + "\" has " + why + " in fragment \"" + FragmentID::Name(joins.fragment(b), "") +
                    "\"");
         };
-        const StrongPtr<MemBase> data = field.getData(joins.fragment(b));
+        const StrongPtr<MemBase> data = getDataInDoublePrecision(field, joins.fragment(b));
         if (!data) fails("no data");
         if (data->getDynamicSize() != DynamicSize(joins.size(b))) fails("other extents than the positions");
         if (!parts.empty() && parts.front()->elementIndex() != data->elementIndex())

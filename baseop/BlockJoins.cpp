@@ -227,7 +227,7 @@ namespace {
 
 detail::VertexClasses classesOf(const detail::Shells& shells, double tolerance) {
     if (tolerance == 0.0) return detail::VertexClasses(shells.points);
-    std::vector<double> radii = shells.localSizes();
+    std::vector<double> radii = shells.localSizes;
     for (double& radius : radii) radius *= tolerance;
     return {shells.points, radii};
 }
@@ -373,7 +373,7 @@ const BlockJoin* BlockJoins::Data::joinAt(const BlockFace& face, const MultiInde
             MultiIndex<3> quad = vertex;
             quad[u] -= corner & 1;
             quad[v] -= corner >> 1;
-            if (quad[u] + 1 >= sizes[face.block][u] || quad[v] + 1 >= sizes[face.block][v]) continue; // -1 as well
+            if (quad[u] >= sizes[face.block][u] - 1 || quad[v] >= sizes[face.block][v] - 1) continue; // -1 as well
             if (const BlockJoin* const join = joinOf(face, quad)) look(*join);
         }
         return found;
@@ -402,7 +402,8 @@ StrongPtr<BlockJoins> BlockJoins::of(const Grid& grid, const JoinOptions& option
     if (kept && kept->options() == options && kept->myData->origin.isFor(positions.rawptr()) &&
         kept->myData->masks.isFor(blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
         return kept;
-    auto data = std::make_unique<Data>(detail::Shells(*positions, blanking), options);
+    const bool needsSizes = options.tolerance > 0.0 || !options.motions.empty();
+    auto data = std::make_unique<Data>(detail::Shells(*positions, blanking, needsSizes), options);
     data->origin = origin;
     data->masks = masks;
     const StrongPtr<BlockJoins> made(new BlockJoins(std::move(data)));

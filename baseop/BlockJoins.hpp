@@ -8,12 +8,14 @@
 /// C-grids). Vertices of one face may coincide as well: it is collapsed to a line or a point there (poles). Quads of
 /// faces that are blanked take no part.
 ///
-/// Coincidence  of coordinates: equal bits (-0 equals 0, NaN equals nothing), or within a tolerance.
-/// Doubtful     a face whose vertices coincide with those of another one only in part, or with another spacing:
-/// reported,
-///              and not joined there.
-/// Owner        of vertices that are one: the lowest (block, index). What a vertex is, position and values, its owner's
-///              copy says, wherever copies differ.
+/// Coincidence  of coordinates: equal (-0 equals 0, NaN and infinities equal nothing), or within a tolerance.
+/// Joined       a quad and the only other one with its corners. Collapsed quads, with less than three of them, are
+///              joined where their neighbours are.
+/// Doubtful     faces whose vertices coincide only here and there, or with another spacing, that more than two blocks
+///              have, or whose blocks lie on top of one another: reported, and not joined there. Faces that have an
+///              edge or a vertex in common touch: no join, no doubt.
+/// Owner        of vertices that are one, by joins or by collapsed quads: the lowest (block, index). What a vertex is,
+///              position and values, its owner's copy says, wherever copies differ.
 /// Periodic     pairs of faces that coincide after a motion are known as such: stencils cross them; they have no
 ///              common owner and nothing is merged.
 
@@ -126,16 +128,17 @@ struct DoubtfulFace {
 
 /// How joins are looked for.
 struct VANTLE_BASEOP_API JoinOptions {
-    /// Vertices coincide up to this distance, in units of the shortest edge of the face at either of them. 0: only
+    /// Vertices coincide up to this distance, in units of the shortest edge of the cells at either of them. 0: only
     /// equal coordinates do. Sensible: 0 to 0.1. Raise it for files that were written with fewer digits, or by
-    /// different programs.
+    /// different programs. Edges as long as rounding errors do not count.
     double tolerance = 0.0;
     /// Motions that take one end of the domain to the other.
     std::vector<RigidMotion> motions;
     /// The tolerance for faces after a motion, in the same units.
     double periodicTolerance = 1e-3;
 
-    /// Failure  std::invalid_argument, with the reason, for tolerances that are negative, infinite or no numbers.
+    /// Failure  std::invalid_argument, with the reason, for tolerances that are no numbers from 0 to less than 0.5:
+    ///          beyond, a vertex could be one with its neighbour.
     void check() const;
     bool operator==(const JoinOptions&) const = default;
 };
@@ -143,16 +146,18 @@ struct VANTLE_BASEOP_API JoinOptions {
 /// What is known of the joins of a grid. Immutable.
 ///
 /// Concurrency  any number of threads.
-/// Cost         finding: hashing and sorting the vertices of all faces, on all cores; a grid of one block looks at its
-/// own
-///              six faces only. Memory: some 16 bytes a vertex of joined faces.
+/// Cost         finding: hashing and sorting the vertices of all faces and the quads between them, on all cores; a
+///              grid of one block looks at its own six faces only. Memory: 24 bytes a vertex that somebody else owns, 4
+///              a vertex on a face of a block that has such.
 class VANTLE_BASEOP_API BlockJoins : public Hestra::Interface<BlockJoins> {
 public:
-    /// The joins of the blocks of `grid`, whose vertices are at `positions`: those found earlier while positions, masks
-    /// and options are the same, else found now and kept with the positions.
+    /// The joins of the blocks of `grid`, at its Cartesian positions: those found last while positions, masks and
+    /// options are the same, else found now and kept with the positions in their place.
     ///
-    /// Degenerate   blocks without cells have no faces; vertices with NaN or infinite coordinates coincide with
-    /// nothing. Failure      std::invalid_argument for unusable options; null when there is no such field.
+    /// Degenerate   blocks without cells have no faces; null when there is no field of positions.
+    /// Failure      std::invalid_argument for unusable options and masks; std::length_error for more than 2^31 - 1
+    ///              vertices of faces.
+    /// Concurrency  from any number of threads, as long as nobody changes the grid.
     [[nodiscard]] static Hestra::StrongPtr<BlockJoins> of(const Grid& grid, const JoinOptions& options = {});
 
     ~BlockJoins() override;
@@ -166,7 +171,7 @@ public:
     [[nodiscard]] unsigned int find(const Hestra::StrongPtr<FragmentID>& id) const;
     [[nodiscard]] const JoinOptions& options() const noexcept;
 
-    /// All joins, each once, ascending by first face, rectangle and second face; the first is the lower one.
+    /// All joins, each once, ascending by first face, rectangle and second face; the first face is the lower one.
     [[nodiscard]] const std::vector<BlockJoin>& joins() const noexcept;
     /// The joins of one block, seen from it: it is the first of each (a join of a block with itself is there twice).
     [[nodiscard]] std::span<const BlockJoin> joins(unsigned int block) const;
@@ -181,13 +186,14 @@ public:
         BlockVertex owner;
     };
     [[nodiscard]] std::span<const Shared> shared(unsigned int block) const;
-    /// Whether some vertices are one, of these blocks or at all.
+    /// Whether there are such vertices of a block.
     [[nodiscard]] bool isShared(unsigned int block) const noexcept;
     /// Whether `field` is known to have, in every bit, the owner's copy at each vertex of a block: the positions that
     /// the joins were found in, as long as they are no newer.
     [[nodiscard]] bool hasOwnersCopies(const Field& field, unsigned int block) const;
 
-    /// What follows a vertex along an axis, forward (1) or backward (-1): within its block, or across a joined face.
+    /// What follows a vertex along an axis, forward (1) or backward (-1): within its block, or across a joined face. Of
+    /// several joins that have the vertex the first counts, and periodic ones last.
     struct Step {
         BlockVertex vertex;
         /// What takes the vertex found to where it follows, for the crossing of a periodic pair; else null.
@@ -222,13 +228,17 @@ struct CopyDifference {
 };
 
 /// How far the values of a field differ where blocks share vertices: vertices whose copies have other bits than their
-/// owner's (-0 and 0 do not differ, nor do two NaN). Positions are a field like any other.
-/// Failure  std::invalid_argument when a fragment's data have other extents than its block.
+/// owner's (-0 and 0 do not differ, nor do two NaN; a number and NaN differ by infinity). Positions are a field like
+/// any other; blocks without data are left out.
+///
+/// Failure  std::invalid_argument when a fragment's data have other extents than its block, another element type than
+///          an owner's, or elements that do not consist of numbers.
 [[nodiscard]] VANTLE_BASEOP_API CopyDifference compareCopies(const BlockJoins& joins, const Field& field);
 
 /// The data of a block with its owners' values at all vertices that somebody else owns: the data themselves when
-/// nothing differs in any bit, else a copy. Null without data. Failure  std::invalid_argument for other extents or
-/// element types than the owners'.
+/// nothing differs in any bit, else a copy. Null without data.
+///
+/// Failure  as `compareCopies`.
 [[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<MemBase> ownersData(const BlockJoins& joins, const Field& field,
                                                                       unsigned int block);
 

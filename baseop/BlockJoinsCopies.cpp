@@ -1,5 +1,5 @@
 #include <baseop/BlockJoins.hpp>
-#include <model/vantle/MemArray.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <cmath>
 #include <cstring>
@@ -15,7 +15,6 @@ using Hestra::StrongPtr;
 namespace {
 
 /// Element types that consist of numbers: of these, copies are compared.
-using FloatPoint = Orvix::Coordinates<Orvix::Cartesian3D, float>::point;
 #define VANTLE_LISTED(...) , __VA_ARGS__
 using Comparable = decltype(detail::typeListAfter(
     TypeList<void VANTLE_NUMBER_ELEMENT_TYPES(VANTLE_LISTED) VANTLE_SPACE_ELEMENT_TYPES(VANTLE_LISTED)
@@ -51,7 +50,7 @@ bool withElements(TypeList<T...>, const MemBase& data, F&& function) {
 
 /// The data of a block, null without any; refuses other extents than those of its positions.
 StrongPtr<MemBase> dataOf(const BlockJoins& joins, const Field& field, unsigned int block) {
-    const StrongPtr<MemBase> data = field.getData(joins.fragment(block));
+    const StrongPtr<MemBase> data = getDataInDoublePrecision(field, joins.fragment(block));
     MultiIndex<3> size;
     if (data && joins.size(block).product() > 0 && (!data->getDynamicSize().get(size) || size != joins.size(block)))
         refuse(joins, block, "other extents than its positions");

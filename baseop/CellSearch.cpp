@@ -1,6 +1,7 @@
 #include <baseop/CellSearch.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/orvix/CellMap.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <algorithm>
 #include <array>
@@ -28,7 +29,7 @@ public:
     explicit BlockIterator(F function) : myFunction(std::move(function)) {}
     bool apply(unsigned int index, const StrongPtr<CreativeArrayBase>& creator) override {
         if (!creator) return true;
-        const StrongPtr<MemBase> data = creator->getData();
+        const StrongPtr<MemBase> data = getDataInDoublePrecision(*creator);
         if (const auto* const block = dynamic_cast<const Block*>(data.rawptr())) myFunction(index, *block, data);
         return true;
     }

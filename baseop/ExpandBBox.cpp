@@ -1,14 +1,15 @@
 #include <baseop/ExpandBBox.hpp>
 #include <baseop/detail/Extremes.hpp>
+#include <baseop/detail/FragmentCoordinates.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Environment.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
-#include <model/vantle/DirectProduct.hpp>
 #include <model/vantle/Grid.hpp>
-#include <model/vantle/TypedArray.hpp>
 
 #include <algorithm>
+#include <vector>
 
 namespace Vantle {
 
@@ -19,10 +20,6 @@ using Orvix::BoundingBox;
 using Orvix::PhysicalSpace;
 
 namespace {
-
-using FloatPoint = Orvix::Coordinates<Orvix::Cartesian3D, float>::point;
-using UniformPositions = DirectProductMemArray<PhysicalSpace::point, LinearCoordinateAxisArray, 3>;
-using RectilinearPositions = DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
 
 const bool declaredRangesIgnored =
     Hestra::getEnvInteger("DontUseCreatorRangeAttributeAsBoundingBoxDefault",
@@ -60,38 +57,54 @@ double firstZero(const Point* points, int axis) {
     return (*points)[axis];
 }
 
-/// Embraces points that lie one after the other: the same result as one by one, from vector lanes.
+/// Embraces one piece: the same result as point by point, from what vector lanes have found in it.
 ///
 /// Pieces with NaN are embraced point by point. Lanes find the extremes of the others exactly, up to the sign of zero:
 /// a box keeps the first of equal values, so that is looked up where a zero becomes a new extreme.
+template<class Point, class Found>
+void embracePiece(BoundingBox& box, const Point* piece, std::size_t size, const Found& found) {
+    if (found.hasNaN) {
+        for (std::size_t i = 0; i < size; ++i) box.embrace(toPoint(piece[i]));
+        return;
+    }
+    PhysicalSpace::point min, max;
+    for (int axis = 0; axis < 3; ++axis) {
+        min[axis] = found.min[axis];
+        max[axis] = found.max[axis];
+        const bool newMinimum = min[axis] == 0.0 && !(0.0 >= box.minCoord()[axis]);
+        const bool newMaximum = max[axis] == 0.0 && 0.0 > box.maxCoord()[axis];
+        if (!newMinimum && !newMaximum) continue;
+        const double zero = firstZero(piece, axis);
+        if (min[axis] == 0.0) min[axis] = zero;
+        if (max[axis] == 0.0) max[axis] = zero;
+    }
+    box.embrace(BoundingBox(min, max));
+}
+
+/// Embraces points that lie one after the other. Threads look through some pieces each, which are then embraced in
+/// their order.
 template<class Point>
 void embraceContiguous(BoundingBox& box, const Point* points, std::size_t count) {
     using Coordinate = typename Point::value_type;
     static_assert(sizeof(Point) == 3 * sizeof(Coordinate));
     constexpr std::size_t Piece = detail::ExtremesPieceBytes / sizeof(Point);
+    const auto search = [&](std::size_t begin, std::size_t end) {
+        return detail::findExtremes<Coordinate, 3>(points[begin].data(), 3 * (end - begin));
+    };
+    const auto embrace = [&](std::size_t begin, const auto& found) {
+        embracePiece(box, points + begin, std::min(Piece, count - begin), found);
+    };
 
     box.embrace(toPoint(points[0]));
-    for (std::size_t begin = 0; begin < count; begin += Piece) {
-        const Point* const piece = points + begin;
-        const std::size_t size = std::min(Piece, count - begin);
-        const auto found = detail::findExtremes<Coordinate, 3>(piece->data(), 3 * size);
-        if (found.hasNaN) {
-            for (std::size_t i = 0; i < size; ++i) box.embrace(toPoint(piece[i]));
-            continue;
-        }
-        PhysicalSpace::point min, max;
-        for (int axis = 0; axis < 3; ++axis) {
-            min[axis] = found.min[axis];
-            max[axis] = found.max[axis];
-            const bool newMinimum = min[axis] == 0.0 && !(0.0 >= box.minCoord()[axis]);
-            const bool newMaximum = max[axis] == 0.0 && 0.0 > box.maxCoord()[axis];
-            if (!newMinimum && !newMaximum) continue;
-            const double zero = firstZero(piece, axis);
-            if (min[axis] == 0.0) min[axis] = zero;
-            if (max[axis] == 0.0) max[axis] = zero;
-        }
-        box.embrace(BoundingBox(min, max));
+    if (detail::teamFor(count * sizeof(Point)) == 1) {
+        for (std::size_t begin = 0; begin < count; begin += Piece)
+            embrace(begin, search(begin, std::min(count, begin + Piece)));
+        return;
     }
+    std::vector<detail::Extremes<Coordinate, 3>> found(count / Piece + 1);
+    detail::inParallel(count, Piece, count * sizeof(Point),
+                       [&](std::size_t begin, std::size_t end) { found[begin / Piece] = search(begin, end); });
+    for (std::size_t begin = 0; begin < count; begin += Piece) embrace(begin, found[begin / Piece]);
 }
 
 template<class Point>
@@ -138,23 +151,18 @@ void checkNumericalShift(const CreativeArrayBase& creator, const BoundingBox& bo
 
 enum class DataBox { Found, NoPoints, Unsupported, Sliced };
 
-template<class Point>
-DataBox boxOfPoints(const TypedArray<Point>& points, BoundingBox& box) {
-    if (!points.getChunk()) return DataBox::Sliced;
-    embraceAll(box, points.getIterator());
-    return box.isEmpty() ? DataBox::NoPoints : DataBox::Found;
-}
-
-DataBox boxOfData(const MemBase& data, BoundingBox& box) {
-    if (const auto* points = dynamic_cast<const TypedArray<PhysicalSpace::point>*>(&data))
-        return boxOfPoints(*points, box);
-    if (const auto* points = dynamic_cast<const TypedArray<FloatPoint>*>(&data)) return boxOfPoints(*points, box);
-    if (const auto* positions = dynamic_cast<const UniformPositions*>(&data))
-        embraceEnds(box, *positions);
-    else if (const auto* axes = dynamic_cast<const RectilinearPositions*>(&data))
-        embraceEnds(box, *axes);
-    else
-        return DataBox::Unsupported;
+DataBox boxOfData(const StrongPtr<MemBase>& data, BoundingBox& box) {
+    bool isSliced = false;
+    const auto embrace = [&](const auto& points) {
+        isSliced = !points.hasOwnStorage();
+        if (!isSliced) embraceAll(box, points.getIterator());
+    };
+    if (!withTypedArray(TypeList<PhysicalSpace::point, FloatPoint>(), data, embrace)) {
+        const detail::FragmentCoordinates coordinates(data);
+        if (!coordinates.isKnown()) return DataBox::Unsupported;
+        coordinates.visitProducts([&](const auto& product) { embraceEnds(box, product); });
+    }
+    if (isSliced) return DataBox::Sliced;
     return box.isEmpty() ? DataBox::NoPoints : DataBox::Found;
 }
 
@@ -188,28 +196,25 @@ StrongPtr<BoundingBox> boxOf(Field& field) {
 }
 
 /// The unfragmented positions if they are a uniform direct product. They are made only if they may be.
-StrongPtr<UniformPositions> uniformPositions(const Field& field) {
+StrongPtr<detail::UniformCoordinates> uniformPositions(const Field& field) {
     const StrongPtr<CreativeArrayBase> creator = field.getCreator(nullptr);
     if (!creator) return nullptr;
     const VantleTypeIndex type = creator->elementType();
     const int rank = getSize(*creator).rank();
     if ((type != typeid(void) && type != typeid(PhysicalSpace::point)) || (rank != 0 && rank != 3)) return nullptr;
-    return Hestra::dynamicCast<UniformPositions>(creator->getData());
+    return Hestra::dynamicCast<detail::UniformCoordinates>(creator->getData());
 }
 
 } // namespace
 
 StrongPtr<BoundingBox> ComputeBBox(const StrongPtr<MemBase>& array) {
     const Hestra::Profiler scope("baseop/ExpandBBox", __LINE__, "ComputeBBox(array)", __PRETTY_FUNCTION__);
-    const auto* const points = dynamic_cast<const TypedArray<PhysicalSpace::point>*>(array.rawptr());
-    const auto* const positions = dynamic_cast<const UniformPositions*>(array.rawptr());
-    if (!points && !positions) return nullptr;
-
     const Hestra::Ref<BoundingBox> box = Hestra::makeRef<BoundingBox>();
-    if (points)
-        embraceAll(*box, points->getIterator());
-    else
-        embraceEnds(*box, *positions);
+    if (const auto* const uniform = dynamic_cast<const detail::UniformCoordinates*>(array.rawptr()))
+        embraceEnds(*box, *uniform);
+    else if (!withTypedArray(TypeList<PhysicalSpace::point>(), array,
+                             [&](const auto& points) { embraceAll(*box, points.getIterator()); }))
+        return nullptr;
     box->updateBall();
     return box;
 }
@@ -232,7 +237,7 @@ bool ExpandBBox(StrongPtr<BoundingBox>& box, CreativeArrayBase& creator, DataCre
     const StrongPtr<MemBase> data = mode == CreateData ? creator.getData() : creator.cachedData();
     if (!data) return false;
     const Hestra::Ref<BoundingBox> computed = Hestra::makeRef<BoundingBox>();
-    switch (boxOfData(*data, *computed)) {
+    switch (boxOfData(data, *computed)) {
     case DataBox::Found:
         break;
     case DataBox::NoPoints:

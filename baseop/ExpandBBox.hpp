@@ -42,7 +42,8 @@ ComputeBBox(const Hestra::StrongPtr<MemBase>& array);
 ///
 /// Degenerate  a fragment without points is a success that changes and attaches nothing. NaN as in `ComputeBBox`.
 /// Failure     false when there are no data, or none in the mode allowed, or of an unsupported kind. Points that are
-///             a slice of another array, without storage of their own, are refused with a message, and empty `box`.
+///             a slice of another array, without storage of their own, are refused with a message, and empty `box`;
+///             adopted ones are taken.
 /// Cost        tens of nanoseconds if a box is attached, and no allocation if `box` exists.
 VANTLE_BASEOP_API bool ExpandBBox(Hestra::StrongPtr<Orvix::BoundingBox>& box, CreativeArrayBase& creator,
                                   DataCreationMode mode = CreateData);

@@ -279,7 +279,7 @@ bool declines(const Field& source) {
     bool isOther = false;
     source.iterate(
         [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
-            const VantleTypeIndex type = creator->elementType();
+            const VantleTypeIndex type = inDoublePrecision(creator->elementType());
             isOther = type && !(type == VantleTypeIndex(typeid(T)));
             return false;
         },
@@ -349,7 +349,7 @@ void FragmentSearchBase::tell(const point& p) {
 
 int FragmentSearch<point>::Contains(const point& p, const StrongPtr<CreativeArrayBase>& fragmentCreator,
                                     FractionalIndex& index) {
-    const FragmentCoordinates coordinates(fragmentCreator ? fragmentCreator->getData() : nullptr);
+    const FragmentCoordinates coordinates(fragmentCreator);
     const auto isClaimed = [&](const auto& computed) {
         const Blanking masks = masksOf(myContext);
         StrongPtr<const BlockMask> mask;
@@ -392,8 +392,9 @@ bool GridEvaluator::find(const StrongPtr<MemBase>& destinationPositions, const F
     const auto search = [&](const MultiIndex<3>& extents, const auto& at) {
         findForSpecificDestinationPositions(extents, at, sourcePositions, context);
     };
-    const auto searchPoints = [&](const Iterator<point>& points, const MultiIndex<3>& extents) {
-        search(extents, [&](std::size_t k, const MultiIndex<3>&) { return points[k]; });
+    using Points = TypeList<point, FloatPoint>;
+    const auto searchPoints = [&](const auto& points, const MultiIndex<3>& extents) {
+        search(extents, [&](std::size_t k, const MultiIndex<3>&) { return point(points[k]); });
     };
     const auto searchVectors = [&]<class Vector>(const MemArray<1, Vector>& line) {
         search({line.nElements(), 1, 1}, [&vectors = line.getIterator()](std::size_t k, const MultiIndex<3>&) {
@@ -408,11 +409,11 @@ bool GridEvaluator::find(const StrongPtr<MemBase>& destinationPositions, const F
         search(uniform->Size(), [&](std::size_t, const MultiIndex<3>& index) { return (*uniform)[index]; });
         return true;
     }
-    return withMemArray<1>(TypeList<point>(), destinationPositions,
+    return withMemArray<1>(Points(), destinationPositions,
                            [&](const auto& line) {
                                searchPoints(line.getIterator(), {line.nElements(), 1, 1});
                            }) ||
-           withMemArray<2>(TypeList<point>(), destinationPositions,
+           withMemArray<2>(Points(), destinationPositions,
                            [&](const auto& surface) {
                                searchPoints(surface.getIterator(), {surface.Size()[0], surface.Size()[1], 1});
                            }) ||
@@ -529,7 +530,7 @@ bool GridEvaluator::collect(Blocks<N, T>& blocks, const Field& source) const {
         last = number;
         if (isKnown[number]) continue;
         isKnown[number] = true;
-        const StrongPtr<MemBase> data = source.getData(myFragmentTable[number]);
+        const StrongPtr<MemBase> data = getDataInDoublePrecision(source, myFragmentTable[number]);
         if (!withMemArray<N>(TypeList<T>(), data, [&](const MemArray<N, T>& block) { blocks.views[number] = block; }))
             return false;
         blocks.keptAlive.push_back(data);

@@ -95,7 +95,8 @@ public:
               const Context& context);
 
     /// The values of `source` in a new array of the shape of the positions, which are those that were located. The
-    /// element type is that of the source: `double`, `float` or `vector`. What was not located has value zero.
+    /// element type is that of the source: `double`, `float` or `vector`, also for vectors in single precision. What
+    /// was not located has value zero.
     ///
     /// Failure  null for other element types, for sources whose arrays are not of rank 3, or missing in a fragment that
     ///          has positions, and for positions of another number than were located.

@@ -375,12 +375,11 @@ void FragmentIsoSurfacer::noteSkipped(const StrongPtr<FragmentID>& id) {
 
 /// Sets positions and place of the fragment. The array that holds the positions is returned.
 StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<FragmentID>& id, Fragment& fragment) const {
-    StrongPtr<MemBase> array;
-    if (fragment.joined)
-        array = ownersData(myJoined->joins(), *myPositions, *fragment.joined);
-    else if (myPositions)
-        array = myPositions->getData(id);
-    fragment.positions = findPositions(detail::FragmentCoordinates(array), fragment.size);
+    const detail::FragmentCoordinates coordinates =
+        fragment.joined ? detail::FragmentCoordinates(ownersData(myJoined->joins(), *myPositions, *fragment.joined))
+                        : detail::FragmentCoordinates(myPositions ? myPositions->getCreator(id) : nullptr);
+    const StrongPtr<MemBase>& array = coordinates.data;
+    fragment.positions = findPositions(coordinates, fragment.size);
     if (std::holds_alternative<std::monostate>(fragment.positions)) {
         Console::puts("Sorry, no fragment coordinates for isosurface fragment.");
         throw IsoException(3);

@@ -3,6 +3,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Derived.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/Representation.hpp>
 
 #include <algorithm>
@@ -53,7 +54,7 @@ void deriveRow(Result* __restrict target, const S* row, const RowPair<S>& axis1,
     if constexpr (Step > 0) step = Step;
     const auto difference = [](Result& result, int axis, const S& high, const S& low, double factor) {
         for (int c = 0; c < C; ++c)
-            result[axis * C + c] = (elementComponent(high, c) - elementComponent(low, c)) * factor;
+            result[axis * C + c] = (double{elementComponent(high, c)} - double{elementComponent(low, c)}) * factor;
     };
     const auto across = [&](index_t i) {
         difference(target[i], 1, axis1.high[i * step], axis1.low[i * step], axis1.factor);
@@ -82,18 +83,19 @@ void deriveBesideBlanked(Result* target, const S* row, const MultiIndex<3>& size
                          const BlockMask& mask) noexcept {
     constexpr int C = ElementTraits<S>::components;
     const index_t distances[3] = {step, size[0] * step, size[0] * size[1] * step};
-    detail::forBesideBlanked(mask, j, k, [&](index_t i, const detail::ValidEdges& edges) {
-        const S* const at = row + i * step;
-        for (int axis = 0; axis < 3; ++axis) {
-            const bool above = edges.above[axis], below = edges.below[axis];
-            const S& high = above ? at[distances[axis]] : *at;
-            const S& low = below ? *(at - distances[axis]) : *at;
-            const double factor = above && below ? 0.5 : 1.0;
-            for (int c = 0; c < C; ++c)
-                target[i][axis * C + c] =
-                    above || below ? (elementComponent(high, c) - elementComponent(low, c)) * factor : 0.0;
-        }
-    });
+    detail::forBesideBlanked(
+        mask, j, k, [&](index_t i) { target[i] = Result(); },
+        [&](index_t i, const detail::ValidEdges& edges) {
+            const S* const at = row + i * step;
+            for (int axis = 0; axis < 3; ++axis) {
+                if (size[axis] < 2) continue;
+                const S& high = at[edges.above[axis] * distances[axis]];
+                const S& low = *(at - edges.below[axis] * distances[axis]);
+                const double factor = 1.0 - 0.5 * static_cast<double>(edges.above[axis] & edges.below[axis]);
+                for (int c = 0; c < C; ++c)
+                    target[i][axis * C + c] = (elementComponent(high, c) - elementComponent(low, c)) * factor;
+            }
+        });
 }
 
 } // namespace
@@ -209,7 +211,9 @@ const std::vector<StrongPtr<PartialDerivatorBase>>& ownDerivators() {
     static const std::vector<StrongPtr<PartialDerivatorBase>> own{
         Hestra::makeRef<PartialDerivator<MemArray<3, double>, PhysicalSpace::vector>>(),
         Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::vector>, Orvix::Quadratic<3, double>>>(),
-        Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::point>, Orvix::Quadratic<3, double>>>()};
+        Hestra::makeRef<PartialDerivator<MemArray<3, PhysicalSpace::point>, Orvix::Quadratic<3, double>>>(),
+        Hestra::makeRef<PartialDerivator<MemArray<3, FloatVector>, Orvix::Quadratic<3, double>>>(),
+        Hestra::makeRef<PartialDerivator<MemArray<3, FloatPoint>, Orvix::Quadratic<3, double>>>()};
     return own;
 }
 

@@ -124,7 +124,8 @@ private:
 
 /// A new array with the derivative of `data`: `MemArray<3, double>` gives `MemArray<3, PhysicalSpace::vector>`,
 /// `MemArray<3, PhysicalSpace::vector>` and `MemArray<3, PhysicalSpace::point>` give `MemArray<3, Quadratic<3,
-/// double>>`. Null for everything else, unless a derivator was added for it.
+/// double>>`, and so do vectors and points in single precision, whose differences are taken in double precision. Null
+/// for everything else, numbers in single precision included, unless a derivator was added for it.
 [[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<MemBase> PartialDerivative(const Hestra::StrongPtr<MemBase>& data);
 
 /// Whether the data of a fragment can be derived, by the element type and rank that its creator announces (in

@@ -1,7 +1,7 @@
 #include <baseop/PointCloud.hpp>
 #include <model/orvix/Eigen.hpp>
 
-#include <utility>
+#include <cmath>
 
 namespace Vantle {
 
@@ -9,7 +9,7 @@ using Orvix::PhysicalSpace;
 
 namespace {
 
-/// Of what UnsortedEigenVectors may leave off the diagonal, relative to the largest covariance.
+/// Of the eigenvalues, relative to the largest covariance.
 constexpr double EigenPrecision = 1e-10;
 
 constexpr double power4(double x) noexcept { return (x * x) * (x * x); }
@@ -59,12 +59,8 @@ double PointCloud::sph_quintic(double q) noexcept {
 
 PointCloud::Shape PointCloud::computeShape(const Points& points, const Point& centre) {
     if (points.size() < MinimalPoints) return {};
-    Orvix::FixedArray<Orvix::Vector<double, 3>, 3> vectors;
     Orvix::FixedArray<double, 3> e;
-    Orvix::UnsortedEigenVectors(covariance(points, centre), vectors, e, EigenPrecision);
-    if (e[1] < e[0]) std::swap(e[0], e[1]);
-    if (e[2] < e[1]) std::swap(e[1], e[2]);
-    if (e[1] < e[0]) std::swap(e[0], e[1]);
+    Orvix::SortedEigenValues(covariance(points, centre), e, EigenPrecision);
     const double sum = e[0] + e[1] + e[2];
     if (std::fabs(sum) < MinimalVariance) return {};
     return {2.0 * (e[1] - e[0]) / sum, (e[2] - e[1]) / sum, 3.0 * e[0] / sum};

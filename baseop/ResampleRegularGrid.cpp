@@ -1,5 +1,6 @@
 #include <baseop/Interpolate.hpp>
 #include <baseop/ResampleRegularGrid.hpp>
+#include <baseop/detail/GrowingArray.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Bundle.hpp>
@@ -85,46 +86,66 @@ public:
         : mySource(source), myX(extents[0], source.Size()[0], factors[0]),
           myY(extents[1], source.Size()[1], factors[1]), myZ(extents[2], source.Size()[2], factors[2]) {}
 
-    void fill(T* out) const {
-        const index_t rows = stripRows();
+    /// Makes and fills the elements.
+    void fill(detail::GrowingArray<T>& result) const {
+        // Each member of the team has strips of its own on all planes or, of flat results, on some planes.
+        const index_t threads = detail::teamFor(myX.size() * myY.size() * myZ.size() * BytesPerNode<T>);
+        const index_t rows = stripRows(threads);
         const index_t strips = (myY.size() + rows - 1) / rows;
-        // Strips alone keep the threads busy if there are enough of them; flat and small results are cut along axis 2.
-        const std::size_t bytes = myX.size() * myY.size() * myZ.size() * BytesPerNode<T>;
-        const index_t threads = detail::teamFor(bytes);
-        const index_t slabs = std::min(myZ.size(), threads == 1 || strips >= 4 * threads ? 1 : threads);
-        const auto fillPiece = [&](std::size_t piece, std::size_t) {
-            const index_t strip = piece % strips, slab = piece / strips;
-            fillStrip(out, strip * rows, std::min(rows, myY.size() - strip * rows), slab * myZ.size() / slabs,
-                      (slab + 1) * myZ.size() / slabs);
+        const index_t slabs = std::clamp<index_t>(threads / strips, 1, myZ.size());
+        const index_t members = slabs > 1 ? slabs * strips : std::min(threads, strips);
+        const index_t perSlab = members / slabs;
+        const auto fillPart = [&](std::size_t member, std::size_t) {
+            const index_t slab = member / perSlab;
+            fillStrips(result, member % perSlab, perSlab, rows, slab * myZ.size() / slabs,
+                       (slab + 1) * myZ.size() / slabs);
         };
         try {
-            detail::inParallel(strips * slabs, 1, bytes, fillPiece);
+            detail::inParallel(members, 1, members * detail::MemberBytes, fillPart);
         } catch (const std::bad_alloc&) {
-            throw Hestra::MemoryException(2 * rows * myX.size() * sizeof(T));
+            throw Hestra::MemoryException(2 * myX.size() * myY.size() * sizeof(T));
         }
     }
 
 private:
-    /// As many rows as leave two strips of them in a core's own cache.
-    [[nodiscard]] index_t stripRows() const noexcept {
-        constexpr index_t stripBytes = index_t{1} << 17;
-        return std::clamp<index_t>(stripBytes / (myX.size() * sizeof(T)), 1, myY.size());
+    /// About as many rows as leave two strips of them in a core's own cache, and as many strips for each thread.
+    [[nodiscard]] index_t stripRows(index_t threads) const noexcept {
+        constexpr index_t stripBytes = index_t{1} << 16;
+        const auto parts = [](index_t n, index_t size) { return (n + size - 1) / size; };
+        const index_t most = std::max<index_t>(1, stripBytes / (myX.size() * sizeof(T)));
+        return parts(myY.size(), parts(myY.size(), most * threads) * threads);
     }
 
-    /// Rows [j0, j0 + rows) of the planes [Begin, End) of the result.
-    void fillStrip(T* out, index_t j0, index_t rows, index_t Begin, index_t End) const {
-        const std::size_t width = myX.size(), count = rows * width;
-        LastTwo<T> sourceRows(width), strips(count);
-        const auto stripOf = [&](index_t sourceK) {
-            return strips.get(sourceK, [&](T* strip) {
-                sourceRows.forget();
-                const auto rowOf = [&](index_t sourceJ) {
-                    return sourceRows.get(sourceJ, [&](T* row) { interpolateRow(row, sourceJ, sourceK); });
-                };
-                for (index_t j = 0; j < rows; ++j) blend(strip + j * width, myY[j0 + j], rowOf, width);
-            });
+    /// Every `step`-th strip from `first` on, of the planes [Begin, End) of the result: plane by plane, so that the
+    /// result is made in the order in which it lies in memory.
+    void fillStrips(detail::GrowingArray<T>& result, index_t first, index_t step, index_t rows, index_t Begin,
+                    index_t End) const {
+        struct Strip {
+            index_t j0, rows;
+            LastTwo<T> planes;
         };
-        for (index_t k = Begin; k < End; ++k) blend(out + (k * myY.size() + j0) * width, myZ[k], stripOf, count);
+        const std::size_t width = myX.size();
+        LastTwo<T> sourceRows(width);
+        std::vector<Strip> strips;
+        for (index_t j0 = first * rows; j0 < myY.size(); j0 += step * rows) {
+            const index_t count = std::min(rows, myY.size() - j0);
+            strips.push_back({j0, count, LastTwo<T>(count * width)});
+        }
+        for (index_t k = Begin; k < End; ++k)
+            for (Strip& strip : strips) {
+                const auto planeOf = [&](index_t sourceK) {
+                    return strip.planes.get(sourceK, [&](T* plane) {
+                        sourceRows.forget();
+                        const auto rowOf = [&](index_t sourceJ) {
+                            return sourceRows.get(sourceJ, [&](T* row) { interpolateRow(row, sourceJ, sourceK); });
+                        };
+                        for (index_t j = 0; j < strip.rows; ++j)
+                            blend(plane + j * width, myY[strip.j0 + j], rowOf, width);
+                    });
+                };
+                const std::size_t begin = (k * myY.size() + strip.j0) * width, count = strip.rows * width;
+                blend(result.upTo(begin + count) + begin, myZ[k], planeOf, count);
+            }
     }
 
     template<class Inner>
@@ -181,9 +202,9 @@ StrongPtr<MemBase> ResampleArray<N, T>::rescale(const FixedArray<double, 3>& fac
     if (!array) return nullptr;
     const auto extents = rescaledExtents(array->Size(), factors);
     if (!extents) return nullptr;
-    const auto result = MemArray<3, T>::create(*extents, creator);
-    if (!detail::isEmpty(*extents)) Rescaler<T>(*array, *extents, factors).fill(result->data());
-    return result;
+    detail::GrowingArray<T> elements(extents->product());
+    if (!detail::isEmpty(*extents)) Rescaler<T>(*array, *extents, factors).fill(elements);
+    return MemArray<3, T>::makeMemArray(elements.complete(), *extents, creator);
 }
 
 template class ResampleArray<3, double>;

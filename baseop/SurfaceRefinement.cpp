@@ -1,11 +1,17 @@
 #include <baseop/SurfaceRefinement.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
+#include <model/hestra/Chunk.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <bit>
 #include <cmath>
+#include <cstdint>
+#include <limits>
+#include <memory>
 #include <type_traits>
 #include <utility>
 
@@ -27,24 +33,67 @@ bool contains(const Triangle& triangle, unsigned int vertex) noexcept {
     return triangle[0] == vertex || triangle[1] == vertex || triangle[2] == vertex;
 }
 
+/// Loops over edges and triangles are cut into no more slabs than this, each of which counts for itself.
+constexpr std::size_t MostSlabs = 8;
+
+/// What an edge or a triangle costs in the passes of this file, in bytes that are read in that time.
+constexpr std::size_t BytesPerElement = 64;
+
+std::size_t slabsFor(std::size_t elements) noexcept {
+    return std::min(detail::teamFor(elements * BytesPerElement), MostSlabs);
+}
+
+/// Calls `function(slab, begin, end)` for each slab of [0, count), on as many threads.
+template<class F>
+void forEachSlab(std::size_t slabs, index_t count, const F& function) {
+    detail::inParallel(slabs, 1, slabs * detail::MemberBytes, [&](std::size_t slab, std::size_t) {
+        function(slab, count * slab / slabs, count * (slab + 1) / slabs);
+    });
+}
+
+/// The elements of an array one after the other, copied if they lie apart.
+template<class T>
+class Packed {
+public:
+    explicit Packed(const MemArray<1, T>& array)
+        : myCopy(array.stride() == 1 ? nullptr : StrongPtr<MemArray<1, T>>(array.copy())),
+          myElements(myCopy ? myCopy->data() : array.data()) {}
+    const T& operator[](index_t n) const noexcept { return myElements[n]; }
+
+private:
+    StrongPtr<MemArray<1, T>> myCopy;
+    const T* myElements;
+};
+
 /// The sides of triangles, found by their lower vertex, each bucket in ascending order of faces.
 ///
 /// Usually each vertex has a bucket of its own (`Dense`). Where few vertices have large numbers, they share some.
-template<bool Dense>
+/// Each slab of triangles counts its sides, and enters them behind those of the slabs before. `Offset` is wide enough
+/// for the number of sides.
+template<bool Dense, class Offset>
 class SidesByVertex {
 public:
-    SidesByVertex(const Triangle* triangles, index_t faces, std::size_t buckets) : myBegin(buckets + 2, 0) {
-        if constexpr (!Dense) myMask = buckets - 1; // a power of two
-        forEachSide(triangles, faces,
-                    [&](unsigned int low, unsigned int, unsigned int) { ++myBegin[bucketOf(low) + 2]; });
-        for (std::size_t b = 2; b < myBegin.size(); ++b) myBegin[b] += myBegin[b - 1];
-        mySides.resize(myBegin.back());
-        // Entering the sides moves each beginning to the end of its bucket, which is where the next one begins.
-        forEachSide(triangles, faces, [&](unsigned int low, unsigned int high, unsigned int face) {
-            Side& side = mySides[myBegin[bucketOf(low) + 1]++];
-            side.high = high;
-            side.face = face;
-            if constexpr (!Dense) side.low = low;
+    SidesByVertex(const Packed<Triangle>& triangles, index_t faces, std::size_t buckets)
+        : myBuckets(buckets), mySides(new Side[3 * faces]) {
+        Hestra::adviseLargeArray(mySides.get(), 3 * faces * sizeof(Side));
+        const std::size_t slabs = slabsFor(faces);
+        myNext.resize(slabs);
+        forEachSlab(slabs, faces, [&](std::size_t slab, index_t begin, index_t end) {
+            std::vector<Offset>& counts = myNext[slab];
+            counts.resize(buckets);
+            forEachSide(triangles, begin, end,
+                        [&](unsigned int low, unsigned int, unsigned int) { ++counts[bucketOf(low)]; });
+        });
+        turnCountsIntoOffsets();
+        // Entering the sides moves each beginning to the end of its bucket in this slab.
+        forEachSlab(slabs, faces, [&](std::size_t slab, index_t begin, index_t end) {
+            std::vector<Offset>& next = myNext[slab];
+            forEachSide(triangles, begin, end, [&](unsigned int low, unsigned int high, unsigned int face) {
+                Side& side = mySides[next[bucketOf(low)]++];
+                side.high = high;
+                side.face = face;
+                if constexpr (!Dense) side.low = low;
+            });
         });
     }
 
@@ -53,9 +102,10 @@ public:
         const unsigned int low = std::min(p, q), high = std::max(p, q);
         const std::size_t bucket = bucketOf(low);
         Edge faces(NoFace, NoFace);
-        if (bucket + 2 >= myBegin.size()) return faces;
-        const Side* const end = mySides.data() + myBegin[bucket + 1];
-        for (const Side* side = mySides.data() + myBegin[bucket]; side != end; ++side) {
+        if (bucket >= myBuckets) return faces;
+        // A bucket begins where the one before it ends in the last slab.
+        const Side* const end = mySides.get() + myNext.back()[bucket];
+        for (const Side* side = mySides.get() + (bucket ? myNext.back()[bucket - 1] : 0); side != end; ++side) {
             if (side->high != high) continue;
             if constexpr (!Dense)
                 if (side->low != low) continue;
@@ -81,12 +131,12 @@ private:
     [[nodiscard]] std::size_t bucketOf(unsigned int vertex) const noexcept {
         if constexpr (Dense)
             return vertex;
-        else
-            return (vertex * std::size_t{0x9E3779B97F4A7C15} >> 32) & myMask;
+        else // their number is a power of two
+            return (vertex * std::size_t{0x9E3779B97F4A7C15} >> 32) & (myBuckets - 1);
     }
     template<class F>
-    static void forEachSide(const Triangle* triangles, index_t faces, const F& f) {
-        for (index_t n = 0; n < faces; ++n) {
+    static void forEachSide(const Packed<Triangle>& triangles, index_t begin, index_t end, const F& f) {
+        for (index_t n = begin; n < end; ++n) {
             const auto [a, b, c] = std::array{triangles[n][0], triangles[n][1], triangles[n][2]};
             const auto face = static_cast<unsigned int>(n);
             f(std::min(a, b), std::max(a, b), face);
@@ -95,24 +145,89 @@ private:
         }
     }
 
-    std::vector<std::size_t> myBegin;
-    std::vector<Side> mySides;
-    std::size_t myMask = 0;
+    /// Where each slab enters its first side of each bucket: after those of smaller buckets and of earlier slabs.
+    void turnCountsIntoOffsets() {
+        const std::size_t slabs = myNext.size();
+        std::array<Offset, MostSlabs> sums{};
+        forEachSlab(slabs, myBuckets, [&](std::size_t range, index_t begin, index_t end) {
+            Offset sum = 0;
+            for (const std::vector<Offset>& counts : myNext)
+                for (index_t b = begin; b < end; ++b) sum += counts[b];
+            sums[range] = sum;
+        });
+        forEachSlab(slabs, myBuckets, [&](std::size_t range, index_t begin, index_t end) {
+            Offset next = 0;
+            for (std::size_t before = 0; before < range; ++before) next += sums[before];
+            for (index_t b = begin; b < end; ++b)
+                for (std::vector<Offset>& counts : myNext) next += std::exchange(counts[b], next);
+        });
+    }
+
+    std::size_t myBuckets;
+    std::vector<std::vector<Offset>> myNext;
+    std::unique_ptr<Side[]> mySides;
 };
 
 /// Fills the entries of all edges that are not mere points; true if some are.
-template<bool Dense>
-bool fillTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, Edge>& edges, index_t count,
-               const SidesByVertex<Dense>& sides) {
-    bool anyPoint = false;
-    for (index_t e = 0; e < count; ++e) {
-        const Edge edge = edges(e);
-        if (edge[0] == edge[1]) [[unlikely]]
-            anyPoint = true;
-        else
-            edgeToFaces(e) = sides.facesOf(edge[0], edge[1]);
-    }
+template<class Sides>
+bool fillTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, Edge>& edges, index_t count, const Sides& sides) {
+    std::atomic<bool> anyPoint{false};
+    detail::inParallel(count, 8192, count * BytesPerElement, [&](index_t begin, index_t end) {
+        for (index_t e = begin; e < end; ++e) {
+            const Edge edge = edges(e);
+            if (edge[0] == edge[1]) [[unlikely]]
+                anyPoint.store(true, std::memory_order_relaxed);
+            else
+                edgeToFaces(e) = sides.facesOf(edge[0], edge[1]);
+        }
+    });
     return anyPoint;
+}
+
+template<class Offset>
+bool fillTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, Edge>& edges, index_t count,
+               const Packed<Triangle>& triangles, index_t faces) {
+    std::array<unsigned int, MostSlabs> largestOf{};
+    forEachSlab(slabsFor(faces), faces, [&](std::size_t slab, index_t begin, index_t end) {
+        unsigned int largest = 0;
+        for (index_t f = begin; f < end; ++f)
+            for (const unsigned int vertex : triangles[f]) largest = std::max(largest, vertex);
+        largestOf[slab] = largest;
+    });
+    const unsigned int largest = *std::max_element(largestOf.begin(), largestOf.end());
+    if (largest <= 8 * faces + 64)
+        return fillTable(edgeToFaces, edges, count,
+                         SidesByVertex<true, Offset>(triangles, faces, std::size_t{largest} + 1));
+    return fillTable(edgeToFaces, edges, count,
+                     SidesByVertex<false, Offset>(triangles, faces, std::bit_ceil(2 * faces)));
+}
+
+/// Sets the flags of the edges that `isMarked` by number, and returns how many these are.
+template<class F>
+unsigned int mark(std::vector<bool>& flags, const F& isMarked) {
+    // Flags of different pieces share no word, however a vector packs them: so threads may set them.
+    constexpr std::size_t Piece = 4096, Word = 64;
+    std::atomic<unsigned int> total{0};
+    detail::inParallel(flags.size(), Piece, flags.size() * BytesPerElement, [&](std::size_t begin, std::size_t end) {
+        unsigned int marked = 0;
+        for (std::size_t first = begin; first < end; first += Word) {
+            const std::size_t count = std::min(Word, end - first);
+            std::uint64_t word = 0;
+            for (std::size_t i = 0; i < count; ++i) word |= std::uint64_t{isMarked(first + i)} << i;
+            const auto ones = static_cast<std::size_t>(std::popcount(word));
+            marked += static_cast<unsigned int>(ones);
+            // Single flags cost more than filling a stretch.
+            const auto flag = flags.begin() + static_cast<std::ptrdiff_t>(first);
+            const bool isMostlyMarked = 2 * ones > count;
+            if (isMostlyMarked) {
+                std::fill_n(flag, count, true);
+                word = ~word & ~std::uint64_t{0} >> (Word - count);
+            }
+            for (; word; word &= word - 1) flag[std::countr_zero(word)] = !isMostlyMarked;
+        }
+        total.fetch_add(marked, std::memory_order_relaxed);
+    });
+    return total;
 }
 
 } // namespace
@@ -146,18 +261,15 @@ std::vector<bool> EdgeLengthCriterion::DetectEdges(const StrongPtr<Grid>& grid) 
     GetData(grid);
     myIllegalEdges = 0;
     if (!myPositions || !myEdges) return {};
-    const auto& points = *myPositions;
-    const auto& edges = *myEdges;
+    const Packed<PhysicalSpace::point> points(*myPositions);
+    const Packed<Edge> edges(*myEdges);
+    const index_t count = myPositions->nElements();
     const double limit = myThreshold * myThreshold;
-    std::vector<bool> flags(edges.nElements());
-    for (index_t e = 0; e < edges.nElements(); ++e) {
-        const Edge& edge = edges(e);
-        if (edge[0] >= points.nElements() || edge[1] >= points.nElements()) continue;
-        if (normSquared(points(edge[0]) - points(edge[1])) > limit) {
-            flags.at(e) = true;
-            ++myIllegalEdges;
-        }
-    }
+    std::vector<bool> flags(myEdges->nElements());
+    myIllegalEdges = mark(flags, [&](std::size_t e) {
+        const unsigned int a = edges[e][0], b = edges[e][1];
+        return std::max(a, b) < count && normSquared(points[a] - points[b]) > limit;
+    });
     return flags;
 }
 
@@ -179,19 +291,16 @@ std::vector<bool> EdgeFlipCriterion::DetectEdges(const StrongPtr<Grid>& grid) {
     Console::print("search for flipable edges %d\n", static_cast<int>(flags.size()));
 
     unsigned int count = 0;
-    for (index_t e = 0; triangles && e < flags.size(); ++e) {
-        const auto [first, second] = std::pair((*faces)(e)[0], (*faces)(e)[1]);
-        if (first == second) continue;
-        unsigned int a = 0, b = 0, c = NoFace, d = NoFace, ignored = 0;
-        TriangleVerticesOrientation((*triangles)(second), (*myEdges)(e), ignored, ignored, d);
-        TriangleVerticesOrientation((*triangles)(first), (*myEdges)(e), a, b, c);
-        const auto& points = *myPositions;
-        if (std::max({a, b, c, d}) >= points.nElements()) continue;
-        if (Hybrid_Delaunay2D(points(a), points(b), points(c), points(d))) {
-            flags.at(e) = true;
-            ++count;
-        }
-    }
+    if (triangles)
+        count = mark(flags, [&, &points = *myPositions](std::size_t e) {
+            const auto [first, second] = std::pair((*faces)(e)[0], (*faces)(e)[1]);
+            if (first == second) return false;
+            unsigned int a = 0, b = 0, c = NoFace, d = NoFace, ignored = 0;
+            TriangleVerticesOrientation((*triangles)(second), (*myEdges)(e), ignored, ignored, d);
+            TriangleVerticesOrientation((*triangles)(first), (*myEdges)(e), a, b, c);
+            return std::max({a, b, c, d}) < points.nElements() &&
+                   Hybrid_Delaunay2D(points(a), points(b), points(c), points(d));
+        });
     Console::print(">>total illegal edges %d\n", static_cast<int>(count));
     myIllegalEdges = count;
     return flags;
@@ -235,17 +344,10 @@ void GenerateEdge2FacesTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, T
                                  __PRETTY_FUNCTION__);
     const index_t faces = boundedCount(faceCount, triangles.nElements());
     const index_t count = boundedCount(edgeCount, std::min(edges.nElements(), edgeToFaces.nElements()));
-    const auto packed = triangles.stride() == 1 ? nullptr : StrongPtr<MemArray<1, Triangle>>(triangles.copy());
-    const Triangle* const elements = packed ? packed->data() : triangles.data();
-    unsigned int largest = 0;
-    for (index_t f = 0; f < faces; ++f)
-        for (const unsigned int vertex : elements[f]) largest = std::max(largest, vertex);
-    bool anyPoint;
-    if (largest <= 8 * faces + 64)
-        anyPoint = fillTable(edgeToFaces, edges, count, SidesByVertex<true>(elements, faces, std::size_t{largest} + 1));
-    else
-        anyPoint =
-            fillTable(edgeToFaces, edges, count, SidesByVertex<false>(elements, faces, std::bit_ceil(2 * faces)));
+    const Packed<Triangle> packed(triangles);
+    const bool anyPoint = 3 * faces <= std::numeric_limits<unsigned int>::max()
+                              ? fillTable<unsigned int>(edgeToFaces, edges, count, packed, faces)
+                              : fillTable<std::size_t>(edgeToFaces, edges, count, packed, faces);
     if (!anyPoint) return;
 
     // An edge that is a point belongs to all triangles at that vertex, not only to degenerate ones.
@@ -279,14 +381,47 @@ void GenerateFace2EdgesTable(MemArray<1, Triangle>& faceToEdges, const MemArray<
                                  __PRETTY_FUNCTION__);
     const index_t faces = boundedCount(faceCount, faceToEdges.nElements());
     const index_t edges = boundedCount(edgeCount, edgeToFaces.nElements());
-    std::vector<int> filled(faces, 0);
+    // For each slab of edges, how many edges each face has already: those of earlier slabs, and never more than three.
+    constexpr unsigned char Full = 3;
+    const std::size_t slabs = slabsFor(edges);
+    std::vector<std::vector<unsigned char>> filled(slabs);
+    forEachSlab(slabs, edges, [&](std::size_t slab, index_t begin, index_t end) {
+        std::vector<unsigned char>& counts = filled[slab];
+        counts.resize(faces);
+        if (slab + 1 == slabs) return; // no slab comes after it
+        for (index_t e = begin; e < end; ++e)
+            for (const unsigned int face : edgeToFaces(e))
+                if (face < faces && counts[face] < Full) ++counts[face];
+    });
+    if (slabs > 1)
+        forEachSlab(slabs, faces, [&](std::size_t, index_t begin, index_t end) {
+            for (index_t f = begin; f < end; ++f) {
+                unsigned char before = 0;
+                for (std::vector<unsigned char>& counts : filled) {
+                    const int after = before + std::exchange(counts[f], before);
+                    before = static_cast<unsigned char>(std::min<int>(Full, after));
+                }
+            }
+        });
+    std::atomic<bool> anyLeftOut{false};
+    forEachSlab(slabs, edges, [&](std::size_t slab, index_t begin, index_t end) {
+        std::vector<unsigned char>& counts = filled[slab];
+        for (index_t e = begin; e < end; ++e)
+            for (const unsigned int face : edgeToFaces(e)) {
+                if (face >= faces) continue;
+                if (counts[face] < Full)
+                    faceToEdges(face)[counts[face]++] = static_cast<unsigned int>(e);
+                else
+                    anyLeftOut.store(true, std::memory_order_relaxed);
+            }
+    });
+    if (!anyLeftOut || !Console::isHeard()) return;
+
+    std::vector<unsigned char> seen(faces, 0);
     for (index_t e = 0; e < edges; ++e)
         for (const unsigned int face : edgeToFaces(e)) {
-            if (face >= faces) continue;
-            if (filled[face] < 3) {
-                faceToEdges(face)[filled[face]++] = static_cast<unsigned int>(e);
-                continue;
-            }
+            if (face >= faces || seen[face]++ < Full) continue;
+            seen[face] = Full;
             Console::print("-->does edge (%d) belong to face (%d)?\n", static_cast<int>(e), static_cast<int>(face));
             Console::print("--> other edges: ");
             for (const unsigned int other : faceToEdges(face)) Console::print("%d,", static_cast<int>(other));

@@ -23,7 +23,8 @@ namespace Vantle {
 /// Degenerate   curves of no or one vertex, and curves with an index that is no vertex, are passed over as a whole;
 ///              what is on no other curve keeps zeros. A segment without length gives its end (and the beginning, if it
 ///              is the first one) a tangent of NaN, and adds nothing to the length.
-/// Concurrency  one thread at a time for one grid.
+/// Concurrency  one thread at a time for one grid; uses the OpenMP team of the caller's settings where the vertices of
+///              curves are numbered one curve after the other, whatever lies between. The bits are the same.
 /// Cost         two passes over the indices of each curve, one over its points; much less when results are cached.
 class VANTLE_BASEOP_API TangentialVectorsAndCurveParameter {
 public:
@@ -34,8 +35,8 @@ public:
     using Curves = MemArray<1, std::vector<index_t>>;
     using ShortCurves = MemArray<1, std::vector<unsigned int>>;
 
-    /// Names under which results are cached beside the vertices: the fields, and an attribute of the tangents' creator.
-    /// Those of another vertex field than "Positions" have its name after a dot, as in "length.name".
+    /// Names under which results are cached beside the vertices: the fields, and an attribute of their creators. Those
+    /// of another vertex field than "Positions" have its name after a dot, as in "length.name".
     static constexpr const char* TangentsName = "Tangents";
     static constexpr const char* ParameterName = "length";
     static constexpr const char* MaximalLengthName = "maxlen";
@@ -166,5 +167,33 @@ ComputeTangentialVectors(const Points& points, const Curves& curves,
     result.compute(points, curves, creator);
     return result.tangents();
 }
+
+/// Arc lengths along curves alone: `curveParameters()` and `maximalLength()` of the class, to the bit, for less than
+/// half of the time and a quarter of the memory that they take with tangents.
+struct ArcLengths {
+    Hestra::StrongPtr<TangentialVectorsAndCurveParameter::Parameters> parameters;
+    double maximalLength = 0.0;
+};
+
+/// The arc lengths along a grid of curves, taken from what is cached there, by the class or by this, or else computed
+/// and cached, with the exceptions of the class. Says nothing. A grid that has these lengths, but no tangents, has a
+/// part of the results for the class, which then computes both.
+[[nodiscard]] VANTLE_BASEOP_API ArcLengths getArcLengths(Grid& grid, const std::string& vertexField = PositionsName,
+                                                         const std::string& chart = {});
+[[nodiscard]] inline ArcLengths getArcLengths(const Hestra::StrongPtr<Grid>& grid,
+                                              const std::string& vertexField = PositionsName,
+                                              const std::string& chart = {}) {
+    if (!grid) throw TangentialVectorsAndCurveParameter::NoVertices();
+    return getArcLengths(*grid, vertexField, chart);
+}
+
+/// The arc lengths along curves through points; nothing is cached.
+[[nodiscard]] VANTLE_BASEOP_API ArcLengths ComputeArcLengths(const TangentialVectorsAndCurveParameter::Points& points,
+                                                             const TangentialVectorsAndCurveParameter::Curves& curves,
+                                                             const Hestra::WeakPtr<CreativeArrayBase>& creator = {});
+[[nodiscard]] VANTLE_BASEOP_API ArcLengths
+ComputeArcLengths(const TangentialVectorsAndCurveParameter::Points& points,
+                  const TangentialVectorsAndCurveParameter::ShortCurves& curves,
+                  const Hestra::WeakPtr<CreativeArrayBase>& creator = {});
 
 } // namespace Vantle

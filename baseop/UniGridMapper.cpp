@@ -132,9 +132,15 @@ public:
         (void)mySearch.unigrid.map(myP, unicell);
         CellLocation answer;
         point at = myStart;
+        bool isInBlanked = false;
         mySearch.forEachListed(unicell, [&](index_t number) {
             const MultiIndex3 cell = mySearch.cellOf(number);
-            if (!isValid(cell)) return true;
+            if (!isValid(cell)) {
+                point place;
+                tell::Silently unheard;
+                isInBlanked |= solve(place, cell, unheard) == linear::Outcome::Found && isDeepIn(cell, place);
+                return true;
+            }
             if (solve(at, cell, told) == linear::Outcome::Found) {
                 answer = {at, LocationResult::Found};
                 return false;
@@ -142,6 +148,7 @@ public:
             if (point place = at; !answer && isNearMiss(place, cell)) answer = {place, LocationResult::Approximate};
             return true;
         });
+        if (isInBlanked && answer.result == LocationResult::Approximate) answer.result = LocationResult::NotFound;
         return answer;
     }
 
@@ -168,13 +175,33 @@ private:
                (!myMask || Vantle::detail::keepValid(at, cell, *myMask, myEpsilon));
     }
 
+    /// Whether a place in a cell is farther from its faces than what near misses of its neighbours are accepted at.
+    [[nodiscard]] bool isDeepIn(const MultiIndex3& cell, const point& place) const noexcept {
+        for (int d = 0; d < 3; ++d) {
+            const double low = static_cast<double>(cell[d]);
+            if (!(place[d] > low + myEpsilon && place[d] < low + 1.0 - myEpsilon)) return false;
+        }
+        return true;
+    }
+    /// Notes whether a blanked cell, after the first step in it, has the point: then no other one misses it narrowly.
+    void noteBlanked(const MultiIndex3& cell, linear::FirstStep step, point& at) {
+        if (step == linear::FirstStep::Unfinished) {
+            tell::Silently unheard;
+            if (solve(at, cell, unheard) == linear::Outcome::Found) step = linear::FirstStep::Found;
+        }
+        if (step == linear::FirstStep::Found && isDeepIn(cell, at) && isListed(cell)) myIsInBlanked = true;
+    }
+
     /// True when that is the answer, which need not be a hit.
     template<class Cells, class StepIn>
     [[nodiscard]] bool tryCells(const Cells& cells, const StepIn& stepIn) {
         for (const auto& cell : cells) {
-            if (!isValid(cell.index())) continue;
             point at;
             const linear::FirstStep step = stepIn(cell, at);
+            if (!isValid(cell.index())) {
+                noteBlanked(cell.index(), step, at);
+                continue;
+            }
             if (step != linear::FirstStep::Found && step != linear::FirstStep::Unfinished) continue;
             if (!isListed(cell.index())) continue;
             if (step == linear::FirstStep::Unfinished) {
@@ -203,6 +230,10 @@ private:
     /// The answer when no cell has the point: the first near miss, at a first step or of the cells tried.
     template<class ForEachGroup>
     [[nodiscard]] CellLocation nearMiss(const ForEachGroup& forEachGroup) {
+        if (myIsInBlanked) {
+            myAnswer.result = LocationResult::NotFound;
+            return myAnswer;
+        }
         const MultiIndex3& cells = mySearch.vertices.cells();
         forEachGroup([&](index_t i, index_t j, index_t k) {
             for (int m = 0; m < 8; ++m) {
@@ -237,6 +268,7 @@ private:
     double myEpsilon;
     point myStart;
     const Vantle::BlockMask* myMask;
+    bool myIsInBlanked = false;
     MultiIndex3 myLast;
     CellLocation myAnswer;
     index_t myNearMiss = std::numeric_limits<index_t>::max(); // number of its cell

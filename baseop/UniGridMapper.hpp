@@ -24,7 +24,8 @@
 ///
 /// A block is known by its vertices, which grids with different masks may share. Queries that are given a mask of the
 /// same extents pass over the cells that are not valid, as if the lists did not have them; what they accept as a near
-/// miss, or within a rim, is moved out of blanked cells or not accepted.
+/// miss, or within a rim, is moved out of blanked cells or not accepted. A point that a blanked cell has, farther than
+/// the rim from its faces, is in that cell, and no near miss of others.
 ///
 /// Degenerate   a block without cells answers every query with "not found". Cells whose corners have a NaN are never
 ///              found. Cells that are flat, or whose edges are shorter than about 5e-4, count as degenerate: each

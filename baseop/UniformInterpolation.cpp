@@ -1,5 +1,7 @@
 #include <baseop/Interpolate.hpp>
 #include <baseop/UniformInterpolation.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <limits>
 
@@ -37,6 +39,12 @@ private:
     PhysicalSpace::vector mySpacing;
 };
 
+/// Coordinates that a thread takes at a time.
+constexpr std::size_t Piece = 1024;
+
+/// What one coordinate costs, in bytes that are read in that time: 13 ns were measured with data in the cache.
+constexpr std::size_t BytesPerCoordinate = 256;
+
 template<class Kernel, class T>
 void interpolateAll(Hestra::TypedChunk<T>& output, const std::vector<PhysicalSpace::point>& coordinates,
                     const UniformCartesianArray& grid, const MultiArrayBase<3, T>& data,
@@ -50,10 +58,14 @@ void interpolateAll(Hestra::TypedChunk<T>& output, const std::vector<PhysicalSpa
         return Kernel(data, index).evaluate();
     };
     if (filter) {
+        // In order, and by the caller's thread: a filter may be anything.
         for (std::size_t k = 0; k < coordinates.size(); ++k)
             if (filter(k, coordinates[k])) values[k] = valueAt(coordinates[k]);
     } else {
-        for (std::size_t k = 0; k < coordinates.size(); ++k) values[k] = valueAt(coordinates[k]);
+        detail::inParallel(coordinates.size(), Piece, coordinates.size() * BytesPerCoordinate,
+                           [&](std::size_t begin, std::size_t end) {
+                               for (std::size_t k = begin; k < end; ++k) values[k] = valueAt(coordinates[k]);
+                           });
     }
 }
 
@@ -99,6 +111,11 @@ bool InterpolateUniformData(Hestra::StrongPtr<Hestra::ChunkBase>& output,
                             const MemBase& data, const Orvix::FixedArray<double, 3>& offset,
                             const CoordinateFilter& filter) {
     CheckType request(output, coordinates, grid, &data, offset, filter);
+    if (dynamic_cast<const MemArray<3, FloatVector>*>(&data)) {
+        const Hestra::StrongPtr<MemBase> wide = convertToDoublePrecision(data);
+        request.data = wide.rawptr();
+        return CheckType::exec<PhysicalSpace::vector>::Break(request) == 0;
+    }
 #define VANTLE_TRY(...) || CheckType::exec<__VA_ARGS__>::Break(request) == 0
     return false VANTLE_UNIFORM_INTERPOLATION_TYPES(VANTLE_TRY);
 #undef VANTLE_TRY

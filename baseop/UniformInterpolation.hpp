@@ -21,7 +21,9 @@ using CoordinateFilter = std::function<bool(std::size_t, const Orvix::PhysicalSp
 /// of coordinates that the filter leaves out keep their value, or are value-initialised when new.
 /// Degenerate   a coordinate outside takes the value of the nearest border node. The index is 0 on an axis of `grid`
 ///              without spacing, and for NaN. Data without elements write nothing.
-/// Concurrency  one thread a call and output.
+/// Concurrency  one call an output. Without a filter it uses the OpenMP team of the caller's settings; a filter is
+/// asked
+///              by the calling thread, in order.
 /// Cost         three divisions and one kernel a coordinate; nothing is allocated but `output`.
 template<class T>
 void TInterpolateUniformData(Hestra::TypedChunk<T>& output, const std::vector<Orvix::PhysicalSpace::point>& coordinates,
@@ -66,7 +68,8 @@ struct VANTLE_BASEOP_API CheckType {
 };
 
 /// Interpolates data of element type `float`, `double`, `long double`, vector or byte colour; see
-/// `TInterpolateUniformData`.
+/// `TInterpolateUniformData`. Vectors in single precision are converted, all of them with each call, and give vectors
+/// in double precision.
 ///
 /// @param output  a chunk of the data's element type is used again; otherwise a new one takes its place.
 /// @return whether the data are a rank-3 array of one of these types; if not, `output` is untouched.

@@ -163,13 +163,10 @@ StrongPtr<Orvix::BoundingBox> validBox(const Vertices& vertices) {
     };
     vertices.positions->iterate(
         [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-            StrongPtr<const BlockMask> mask;
-            detail::FragmentCoordinates coordinates;
-            if (vertices.masks.concerns(id)) {
-                coordinates = detail::FragmentCoordinates(creator->getData());
-                if (const auto size = coordinates.data ? coordinates.data->getDynamicSize().as<3>() : std::nullopt)
-                    mask = vertices.masks.of(id, *size);
-            }
+            const detail::FragmentCoordinates coordinates(vertices.masks.concerns(id) ? creator
+                                                                                      : StrongPtr<CreativeArrayBase>());
+            const auto size = coordinates.data ? coordinates.data->getDynamicSize().as<3>() : std::nullopt;
+            const StrongPtr<const BlockMask> mask = size ? vertices.masks.of(id, *size) : nullptr;
             if (!mask) {
                 const auto whole = getFragmentBBox(id, creator, *vertices.positions);
                 if (whole && !whole->isEmpty()) widen(whole->minCoord(), whole->maxCoord());
@@ -200,11 +197,13 @@ StrongPtr<Orvix::BoundingBox> validBox(const Vertices& vertices) {
 } // namespace
 
 std::optional<std::pair<double, double>> ComputeValidRange(const Grid& grid, const std::string& fieldName,
+                                                           const Hestra::WeakPtr<FragmentSelector>& selected,
                                                            const std::string& chart) {
     const Hestra::Profiler scope("baseop/ValidData", __LINE__, "ComputeValidRange(grid, field)", __PRETTY_FUNCTION__);
     const Vertices vertices(grid.getCartesianRepresentation(chart));
     const StrongPtr<Field> field = vertices.fields ? vertices.fields->findField(fieldName) : nullptr;
     if (!field) return std::nullopt;
+    const StrongPtr<FragmentSelector> selector = selected.lock();
     std::optional<std::pair<double, double>> range;
     const auto widen = [&](const auto& extremes) {
         if (!(extremes.low[0] <= extremes.high[0])) return;
@@ -213,6 +212,7 @@ std::optional<std::pair<double, double>> ComputeValidRange(const Grid& grid, con
     };
     field->iterate(
         [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+            if (selector && !selector->isSelected(id)) return true;
             const StrongPtr<MemBase> data = creator->getData();
             const bool isBlock = withMemArray<3>(Numbers(), data, [&](const auto& values) {
                 widen(rangeOf(values, vertices.masks.of(id, values.Size()).rawptr()));

@@ -15,13 +15,15 @@
 
 namespace Vantle {
 
-/// Least and greatest value of a field of numbers at the valid vertices; NaN is left out.
+/// Least and greatest value of a field of numbers at the valid vertices, of all fragments or of those selected; NaN is
+/// left out.
 ///
 /// Failure      nothing for a missing field, and where no number of a known type is valid. Known are `double`, `float`
 ///              and the types of masks. Fragments of other elements, or without data, are passed over.
 /// Concurrency  one pass over the values, which are made if need be, by all cores.
 [[nodiscard]] VANTLE_BASEOP_API std::optional<std::pair<double, double>>
-ComputeValidRange(const Grid& grid, const std::string& fieldName, const std::string& chart = {});
+ComputeValidRange(const Grid& grid, const std::string& fieldName,
+                  const Hestra::WeakPtr<FragmentSelector>& selector = {}, const std::string& chart = {});
 
 /// A new box around the valid vertices; NaN is left out. Of fragments without masks, the box that the fragment has
 /// (`getFragmentBBox`).

@@ -88,8 +88,8 @@ struct Rows {
         for (int d = 0; d < 3; ++d) {
             const S* const below = d == 0 ? at - step : low[d - 1] + i * step;
             const S* const above = d == 0 ? at + step : high[d - 1] + i * step;
-            subtract(lanes + d * Components<S>, lane, edges.above[d] ? above : at, edges.below[d] ? below : at, step,
-                     1);
+            subtract(lanes + d * Components<S>, lane, edges.above[d] != 0 ? above : at,
+                     edges.below[d] != 0 ? below : at, step, 1);
         }
     }
     /// The differences at vertices `begin` ... `begin` + `count` - 1 of `extent`, those along axis d in d * components.
@@ -218,18 +218,14 @@ void deriveBesideBlanked(const BlockMask& mask, index_t j, index_t k, const Stri
         for (index_t n = 0; n < count; ++n) store<T>(target[places[n]], stencils, n);
         count = 0;
     };
-    detail::forBesideBlanked(mask, j, k, [&](index_t i, const detail::ValidEdges& edges) {
-        bool any = false;
-        for (int d = 0; d < 3; ++d) any = any || edges.above[d] || edges.below[d];
-        if (!any) {
-            target[i] = Result<T>();
-            return;
-        }
-        row.points.subtractTo(stencils.edges, count, i, edges, row.pointStep);
-        row.values.subtractTo(stencils.changes, count, i, edges, row.valueStep);
-        places[count++] = i;
-        if (count == Lanes) finish();
-    });
+    detail::forBesideBlanked(
+        mask, j, k, [&](index_t i) { target[i] = Result<T>(); },
+        [&](index_t i, const detail::ValidEdges& edges) {
+            row.points.subtractTo(stencils.edges, count, i, edges, row.pointStep);
+            row.values.subtractTo(stencils.changes, count, i, edges, row.valueStep);
+            places[count++] = i;
+            if (count == Lanes) finish();
+        });
     finish();
 }
 
@@ -356,10 +352,11 @@ struct Reading {
     Reading(const Inputs& inputs, const StrongPtr<FragmentID>& id)
         : valueCreator(inputs.values->getCreator(id)), positionCreator(inputs.positions->getCreator(id)) {
         if (!valueCreator || !positionCreator) return;
-        const StrongPtr<MemBase> held[] = {valueCreator->getData(), positionCreator->getData()}; // may make them newer
+        const StrongPtr<MemBase> held[] = {getDataInDoublePrecision(*valueCreator),
+                                           getDataInDoublePrecision(*positionCreator)}; // may make them newer
         origin = Freshness(valueCreator.rawptr(), positionCreator.rawptr());
-        values = valueCreator->getData();
-        positions = positionCreator->getData();
+        values = getDataInDoublePrecision(*valueCreator);
+        positions = getDataInDoublePrecision(*positionCreator);
         if (const auto size = values ? values->getDynamicSize().as<3>() : std::nullopt)
             mask = inputs.masks->now().of(id, *size);
     }
@@ -720,7 +717,7 @@ StrongPtr<CreativeArrayBase> derivativeOf(const std::shared_ptr<const Inputs>& i
     const StrongPtr<CreativeArrayBase> source = inputs->values->getCreator(id);
     if (!source) return failure("No creator for fragment ");
     if (source->elementType() == typeid(void)) (void)source->getData(); // which tells
-    const VantleTypeIndex type = derivativeType(source->elementType());
+    const VantleTypeIndex type = derivativeType(inDoublePrecision(source->elementType()));
     const DynamicSize size = getSize(*source);
     if (type == typeid(void) || (size && size.rank() != 3))
         return failure("No creator element type unsupported for fragment ");

@@ -1,6 +1,8 @@
 // The box of ten million points, beside a plain vectorised loop that only takes minima and maxima; and what it costs to
 // ask for a box that is there.
 
+#include "Settings.hpp"
+
 #include <baseop/ExpandBBox.hpp>
 #include <model/vantle/CreativeArray.hpp>
 #include <model/vantle/Field.hpp>
@@ -67,8 +69,19 @@ void PlainMinMax(benchmark::State& state) {
 
 void BoxScan(benchmark::State& state) {
     const StrongPtr<MemBase> array(points(static_cast<index_t>(state.range(0))));
+    const TeamOf team(state.range(1));
     for (auto _ : state) benchmark::DoNotOptimize(ComputeBBox(array));
     state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(kPoints * sizeof(point)));
+}
+
+/// The same points as somebody else's memory: all of them, or every other one.
+void BoxScanAdopted(benchmark::State& state) {
+    const auto stride = static_cast<std::ptrdiff_t>(sizeof(point)) * state.range(0);
+    const index_t count = kPoints / static_cast<index_t>(state.range(0));
+    const StrongPtr<MemBase> array =
+        adopt<1, point>({.elements = points()->data(), .strides = {stride}}, {count}, nullptr);
+    for (auto _ : state) benchmark::DoNotOptimize(ComputeBBox(array));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(count * sizeof(point)));
 }
 
 void WidenByAttachedBox(benchmark::State& state) {
@@ -86,8 +99,12 @@ void AskForBoxOfField(benchmark::State& state) {
 } // namespace
 
 BENCHMARK(PlainMinMax)->Unit(benchmark::kMillisecond);
-BENCHMARK(BoxScan)->ArgName("nanEvery")->Arg(0)->Unit(benchmark::kMillisecond);
-// A NaN in every piece that the scan works on.
-BENCHMARK(BoxScan)->ArgName("nanEvery")->Arg(1000)->Unit(benchmark::kMillisecond);
+// Without NaN, and with one in every piece that the scan works on.
+BENCHMARK(BoxScan)
+    ->ArgNames({"nanEvery", "threads"})
+    ->ArgsProduct({{0, 1000}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK(BoxScanAdopted)->ArgName("stride")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(WidenByAttachedBox);
 BENCHMARK(AskForBoxOfField);

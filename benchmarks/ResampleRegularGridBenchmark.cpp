@@ -1,11 +1,13 @@
 // Rescaling an array, beside a loop written for it that interpolates rows once and combines them, with the same
-// rounding.
+// rounding, and does not clear the result before it fills it.
+
+#include "Settings.hpp"
 
 #include <baseop/ResampleRegularGrid.hpp>
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
-#include <omp.h>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -47,9 +49,10 @@ void mix(double* __restrict out, const double* __restrict a, const double* __res
 }
 
 /// Rows of the whole source along x, then planes along y, then the result along z; two rolling planes.
-Hestra::StrongPtr<Array> handWritten(const double* source, std::size_t n, std::size_t m, double factor) {
+std::unique_ptr<double[]> handWritten(const double* source, std::size_t n, std::size_t m, double factor) {
     const Axis axis(n, m, 1.0 / factor);
-    const Hestra::StrongPtr<Array> result = Array::create({m, m, m}); // memory as our own result has it
+    std::unique_ptr<double[]> result(new double[m * m * m]);
+    Hestra::adviseLargeArray(result.get(), m * m * m * sizeof(double)); // as our own result has it
     std::vector<double> rows(n * m), planes[2] = {std::vector<double>(m * m), std::vector<double>(m * m)};
     std::size_t held[2] = {n, n};
     const auto plane = [&](std::size_t k) -> const double* {
@@ -71,7 +74,7 @@ Hestra::StrongPtr<Array> handWritten(const double* source, std::size_t n, std::s
     for (std::size_t k = 0; k < m; ++k) {
         const double* lower = plane(axis.node[k]);
         const double* upper = axis.upper[k] == 0.0 ? lower : plane(axis.node[k] + 1);
-        mix(result->data() + k * m * m, lower, upper, axis.lower[k], axis.upper[k], m * m);
+        mix(result.get() + k * m * m, lower, upper, axis.lower[k], axis.upper[k], m * m);
     }
     return result;
 }
@@ -79,23 +82,26 @@ Hestra::StrongPtr<Array> handWritten(const double* source, std::size_t n, std::s
 void HandWrittenRescale(benchmark::State& state) {
     const auto n = static_cast<std::size_t>(state.range(0));
     const auto source = randomCube(n);
+    const Memory memory(state.range(1) != 0);
     for (auto _ : state) benchmark::DoNotOptimize(handWritten(source->data(), n, 2 * n, 2.0));
     state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(0) * state.range(0) * 8);
 }
-BENCHMARK(HandWrittenRescale)->ArgName("nodes")->Arg(128)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(HandWrittenRescale)
+    ->ArgNames({"nodes", "kept"})
+    ->ArgsProduct({{128}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 void Rescale(benchmark::State& state) {
     const auto source = randomCube(static_cast<index_t>(state.range(0)));
-    const int before = omp_get_max_threads();
-    omp_set_num_threads(static_cast<int>(state.range(1)));
+    const TeamOf team(state.range(2));
+    const Memory memory(state.range(1) != 0);
     for (auto _ : state) benchmark::DoNotOptimize(ResampleArray<3, double>::rescale(2.0, source));
-    omp_set_num_threads(before);
     state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(0) * state.range(0) * 8);
 }
 BENCHMARK(Rescale)
-    ->ArgNames({"nodes", "threads"})
-    ->Args({128, 1})
-    ->Args({128, 2})
+    ->ArgNames({"nodes", "kept", "threads"})
+    ->ArgsProduct({{128}, {0, 1}, {1, 2}})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
@@ -103,8 +109,7 @@ BENCHMARK(Rescale)
 void RescaleFragments(benchmark::State& state) {
     constexpr int fragments = 4;
     const auto source = randomCube(96);
-    const int before = omp_get_max_threads();
-    omp_set_num_threads(static_cast<int>(state.range(0))); // of one thread also within each fragment
+    const TeamOf team(state.range(0)); // of one thread also within each fragment
     std::vector<Hestra::StrongPtr<MemBase>> results(fragments);
     for (auto _ : state) {
 #pragma omp parallel for schedule(dynamic)
@@ -114,7 +119,6 @@ void RescaleFragments(benchmark::State& state) {
         for (auto& result : results) result = nullptr;
         state.ResumeTiming();
     }
-    omp_set_num_threads(before);
     state.SetItemsProcessed(state.iterations() * fragments * 192 * 192 * 192);
 }
 BENCHMARK(RescaleFragments)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -1,10 +1,13 @@
-// Tangents and lengths along many curves, beside a plain loop: no check of indices, the plain root of the sum of
-// squares for lengths. Both write into new arrays of the library's kind in each iteration.
+// Tangents and lengths along many curves, and lengths alone, beside a plain loop: no check of indices, the plain root
+// of the sum of squares for lengths, results in new memory that is not cleared before.
+
+#include "Settings.hpp"
 
 #include <baseop/TangentialVectors.hpp>
 
 #include <algorithm>
 #include <benchmark/benchmark.h>
+#include <memory>
 #include <random>
 
 using namespace Vantle;
@@ -43,6 +46,8 @@ const Input& input(const benchmark::State& state) {
 
 void Tangents(benchmark::State& state) {
     const Input& in = input(state);
+    const Memory memory(state.range(2) != 0);
+    const TeamOf team(state.range(3));
     for (auto _ : state) {
         Computer result;
         result.compute(*in.points, *in.curves);
@@ -50,17 +55,27 @@ void Tangents(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(1));
 }
-BENCHMARK(Tangents)->ArgNames({"curves", "points"})->Args({100'000, 100})->Unit(benchmark::kMillisecond);
+void Lengths(benchmark::State& state) {
+    const Input& in = input(state);
+    const Memory memory(state.range(2) != 0);
+    const TeamOf team(state.range(3));
+    for (auto _ : state) benchmark::DoNotOptimize(ComputeArcLengths(*in.points, *in.curves).maximalLength);
+    state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(1));
+}
 
-template<class Length>
+template<bool WithTangents, class Length>
 void plainLoop(benchmark::State& state, const Length& lengthOf) {
     const Input& in = input(state);
+    const Memory memory(state.range(2) != 0);
+    const auto count = in.points->nElements();
     for (auto _ : state) {
-        const auto tangents = Computer::Tangents::create(in.points->Size());
-        const auto parameters = Computer::Parameters::create(in.points->Size());
+        const std::unique_ptr<double[]> tangents(new double[WithTangents ? 3 * count : 0]),
+            parameters(new double[count]);
+        Hestra::adviseLargeArray(tangents.get(), (WithTangents ? 3 * count : 0) * sizeof(double));
+        Hestra::adviseLargeArray(parameters.get(), count * sizeof(double)); // as our own results have it
         const PhysicalSpace::point* const points = in.points->data();
-        PhysicalSpace::vector* const t = tangents->data();
-        double* const s = parameters->data();
+        double* const t = tangents.get();
+        double* const s = parameters.get();
         double longest = 0.0;
         for (const auto& curve : in.curves->getChunk()->base_vector()) {
             double along = 0.0;
@@ -68,25 +83,32 @@ void plainLoop(benchmark::State& state, const Length& lengthOf) {
                 const PhysicalSpace::vector d = points[curve[i]] - points[curve[i - 1]];
                 const double length = lengthOf(d);
                 along += length;
-                t[curve[i]] = d * (1.0 / length);
+                if constexpr (WithTangents)
+                    for (std::size_t c = 0; c < 3; ++c) t[3 * curve[i] + c] = d[static_cast<int>(c)] * (1.0 / length);
                 s[curve[i]] = along;
             }
-            t[curve[0]] = t[curve[1]];
+            if constexpr (WithTangents) std::copy_n(t + 3 * curve[1], 3, t + 3 * curve[0]);
             s[curve[0]] = 0.0;
             longest = std::max(longest, along);
         }
         benchmark::DoNotOptimize(longest);
+        benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(state.iterations() * state.range(0) * state.range(1));
 }
-void SameArithmetic(benchmark::State& state) {
-    plainLoop(state, [](const PhysicalSpace::vector& d) { return length(d); });
+double plainRoot(const PhysicalSpace::vector& d) { return std::sqrt(dot(d, d)); }
+void PlainTangents(benchmark::State& state) { plainLoop<true>(state, plainRoot); }
+void SafePlainTangents(benchmark::State& state) {
+    plainLoop<true>(state, [](const PhysicalSpace::vector& d) { return length(d); });
 }
-BENCHMARK(SameArithmetic)->ArgNames({"curves", "points"})->Args({100'000, 100})->Unit(benchmark::kMillisecond);
+void PlainLengths(benchmark::State& state) { plainLoop<false>(state, plainRoot); }
 
-void PlainRoot(benchmark::State& state) {
-    plainLoop(state, [](const PhysicalSpace::vector& d) { return std::sqrt(dot(d, d)); });
-}
-BENCHMARK(PlainRoot)->ArgNames({"curves", "points"})->Args({100'000, 100})->Unit(benchmark::kMillisecond);
+#define ON_MANY_CURVES(function)                                                                                       \
+    BENCHMARK(function)->ArgNames({"curves", "points", "kept", "threads"})->Unit(benchmark::kMillisecond)->UseRealTime()
+ON_MANY_CURVES(Tangents)->ArgsProduct({{100'000}, {100}, {0, 1}, {1, 2}});
+ON_MANY_CURVES(PlainTangents)->ArgsProduct({{100'000}, {100}, {0, 1}, {1}});
+ON_MANY_CURVES(SafePlainTangents)->ArgsProduct({{100'000}, {100}, {0, 1}, {1}});
+ON_MANY_CURVES(Lengths)->ArgsProduct({{100'000}, {100}, {0, 1}, {1, 2}});
+ON_MANY_CURVES(PlainLengths)->ArgsProduct({{100'000}, {100}, {0, 1}, {1}});
 
 } // namespace

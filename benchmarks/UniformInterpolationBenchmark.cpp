@@ -1,5 +1,7 @@
 // Uniform data at scattered world coordinates, beside the bare kernel at the same positions in index units.
 
+#include "Settings.hpp"
+
 #include <baseop/Interpolate.hpp>
 #include <baseop/UniformInterpolation.hpp>
 
@@ -48,11 +50,16 @@ BENCHMARK(KernelInIndexUnits)->ArgName("positions")->Arg(10'000'000)->Unit(bench
 
 void UniformInterpolation(benchmark::State& state) {
     const auto& fixture = UniformData::get(static_cast<std::size_t>(state.range(0)));
-    Hestra::StrongPtr<Hestra::ChunkBase> output;
+    const TeamOf team(state.range(1));
+    Hestra::StrongPtr<Hestra::ChunkBase> output; // kept
     for (auto _ : state)
         benchmark::DoNotOptimize(InterpolateUniformData(output, fixture.coordinates, fixture.grid, fixture.data));
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
-BENCHMARK(UniformInterpolation)->ArgName("positions")->Arg(10'000'000)->Unit(benchmark::kMillisecond);
+BENCHMARK(UniformInterpolation)
+    ->ArgNames({"positions", "threads"})
+    ->ArgsProduct({{10'000'000}, {1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 } // namespace

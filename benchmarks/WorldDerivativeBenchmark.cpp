@@ -3,10 +3,12 @@
 
 #include <baseop/PartialDerivative.hpp>
 #include <baseop/WorldDerivative.hpp>
-#include <model/vantle/DirectProduct.hpp>
+#include <model/vantle/Bundle.hpp>
+#include <model/vantle/GridKinds.hpp>
 
 #include <benchmark/benchmark.h>
 #include <cmath>
+#include <map>
 #include <omp.h>
 
 using namespace Vantle;
@@ -39,8 +41,8 @@ struct Block {
 };
 
 const Block& block(index_t n) {
-    static const Block made(n);
-    return made;
+    static std::map<index_t, Block> made;
+    return made.try_emplace(n, n).first->second;
 }
 
 void count(benchmark::State& state) {
@@ -119,5 +121,34 @@ void TensorOfVectors(benchmark::State& state) {
     count(state);
 }
 BENCHMARK(TensorOfVectors)->ArgName("n")->Arg(128)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+/// The same vertices in eight blocks, which have six faces each, three of them joined. The joins are known.
+void GradientOfEightBlocks(benchmark::State& state) {
+    const auto n = static_cast<index_t>(state.range(0)), half = n / 2 + 1;
+    const Block& source = block(n + 1);
+    const BundlePtr bundle = BundlePtr::create();
+    RegularGrid3D blocks((*bundle[0.0])["eight"]);
+    for (unsigned b = 0; b < 8; ++b) {
+        const MultiIndex<3> low(b & 1 ? n / 2 : 0, b & 2 ? n / 2 : 0, b & 4 ? n / 2 : 0), size(half, half, half);
+        const auto id = blocks.addBlock(std::to_string(b), source.positions->createSubMemArray(low, size).strong());
+        blocks.setField("field", source.scalars->createSubMemArray(low, size).strong(), id);
+    }
+    WorldDerivativeOptions options;
+    options.joinBlocks = state.range(1) != 0;
+    (void)BlockJoins::of(*blocks.grid(), options.joins);
+    omp_set_num_threads(1);
+    for (auto _ : state) {
+        std::string errors;
+        const auto derivative = WorldDerivative(*blocks.grid(), "field", "gradient", errors, options, nullptr);
+        derivative->iterate([](const auto&, const auto& creator) { return bool(creator->getData()); });
+    }
+    count(state);
+}
+BENCHMARK(GradientOfEightBlocks)
+    ->ArgNames({"n", "joined"})
+    ->Args({128, 0})
+    ->Args({128, 1})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 } // namespace

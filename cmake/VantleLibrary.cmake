@@ -1,9 +1,9 @@
 include(GenerateExportHeader)
 
-# vantle_library(<name>): the shared library Vantle::<name> from all sources below the current directory.
+# vantle_library(<name> [<own header>...]): the shared library Vantle::<name> from all sources below the current directory.
 #
-# Headers are public, are found relative to the root of the source tree, and must compile on their own. The macro that
-# exports a symbol is VANTLE_<NAME>_API, in <folder>/<name>Export.hpp.
+# Headers are public, are found relative to the root of the source tree, and must compile on their own, but for the own
+# ones, which are not installed. The macro that exports a symbol is VANTLE_<NAME>_API, in <folder>/<name>Export.hpp.
 function(vantle_library name)
   set(target Vantle${name})
   string(TOUPPER ${name} upper)
@@ -12,6 +12,9 @@ function(vantle_library name)
 
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp")
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.hpp")
+  foreach(own IN LISTS ARGN)
+    list(REMOVE_ITEM headers "${CMAKE_CURRENT_SOURCE_DIR}/${own}")
+  endforeach()
   if(NOT sources)
     set(sources "${CMAKE_CURRENT_BINARY_DIR}/empty.cpp")
     file(CONFIGURE OUTPUT "${sources}" CONTENT "")

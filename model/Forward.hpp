@@ -100,6 +100,7 @@ class Skeleton;
 class SkeletonID;
 class SkeletonMap;
 class Slice;
+class TriangularSurface;
 class TriangularSurfaceWithEdges;
 class UniformCartesianArray;
 class VantleTypeBase;

@@ -22,5 +22,6 @@
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/DataRangeBase.hpp>
 #include <model/vantle/Derived.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/GridKinds.hpp>
 #include <model/vantle/PullData.hpp>

@@ -9,17 +9,19 @@
 
 namespace Vantle::detail {
 
-/// The edges of a vertex to its neighbours on each axis.
+/// The edges of a vertex to its neighbours on each axis: 1 for those that are valid, else 0.
 struct ValidEdges {
-    bool above[3], below[3];
+    index_t above[3], below[3];
 };
 
-/// Calls `f(i, edges)` for the vertices of row (j, k) that lack an edge which a block of these extents has. Cheap where
-/// there are none.
-template<class F>
-void forBesideBlanked(const BlockMask& mask, index_t j, index_t k, const F& f) {
+/// Visits the vertices of row (j, k) that lack an edge which a block of these extents has: calls `blank(i)` for those
+/// that are not valid, and `derive(i, edges)` for the others, which have an edge along each axis with more than one
+/// vertex. Costs little where there are none.
+template<class Blank, class Derive>
+void forBesideBlanked(const BlockMask& mask, index_t j, index_t k, const Blank& blank, const Derive& derive) {
     const MultiIndex<3>& size = mask.Size();
     for (index_t word = 0; 64 * word < size[0]; ++word) {
+        if (mask.isWhole(j, k, word)) continue;
         const index_t first = 64 * word, count = std::min<index_t>(64, size[0] - first);
         const std::uint64_t all = ~std::uint64_t{0} >> (64 - count);
         const std::uint64_t notFirst = word == 0 ? all & ~std::uint64_t{1} : all;
@@ -28,14 +30,16 @@ void forBesideBlanked(const BlockMask& mask, index_t j, index_t k, const F& f) {
         std::uint64_t others = (valid.above[0] ^ notLast) | (valid.below[0] ^ notFirst);
         others |= (valid.above[1] ^ (j + 1 < size[1] ? all : 0)) | (valid.below[1] ^ (j > 0 ? all : 0));
         others |= (valid.above[2] ^ (k + 1 < size[2] ? all : 0)) | (valid.below[2] ^ (k > 0 ? all : 0));
-        for (; others != 0; others &= others - 1) {
+        for (std::uint64_t none = others & ~valid.vertices; none != 0; none &= none - 1)
+            blank(first + static_cast<index_t>(std::countr_zero(none)));
+        for (others &= valid.vertices; others != 0; others &= others - 1) {
             const int bit = std::countr_zero(others);
             ValidEdges edges;
             for (int axis = 0; axis < 3; ++axis) {
-                edges.above[axis] = (valid.above[axis] >> bit & 1) != 0;
-                edges.below[axis] = (valid.below[axis] >> bit & 1) != 0;
+                edges.above[axis] = valid.above[axis] >> bit & 1;
+                edges.below[axis] = valid.below[axis] >> bit & 1;
             }
-            f(first + static_cast<index_t>(bit), edges);
+            derive(first + static_cast<index_t>(bit), edges);
         }
     }
 }

@@ -1,96 +1,101 @@
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "baseop/detail/Extremes.cpp"
 #include <baseop/detail/Extremes.hpp>
+#include <baseop/detail/Lanes.hpp>
 
-#include <cstring>
+#include <tuple>
 #include <type_traits>
 
-namespace Vantle::detail {
+HWY_BEFORE_NAMESPACE();
+namespace Vantle::detail::HWY_NAMESPACE {
 
-namespace {
+namespace hn = hwy::HWY_NAMESPACE;
 
 template<class T, int Period>
-[[gnu::always_inline]] inline void widen(Extremes<T, Period>& result, int component, T x) noexcept {
+HWY_INLINE void widen(Extremes<T, Period>& result, int component, T x) noexcept {
     result.min[component] = x < result.min[component] ? x : result.min[component];
     result.max[component] = x > result.max[component] ? x : result.max[component];
     if constexpr (std::is_floating_point_v<T>) result.hasNaN |= x != x;
 }
 
-// Bytes is the width of one vector register. Six of them at a time hide the latency of the comparisons, hold whole
-// points whatever their width, and fit, with two extremes each, into sixteen. Integers are read in two streams, which
-// keeps more of the memory's requests in flight; floating point numbers come in pieces too short for that to pay.
-template<class T, int Period, int Bytes>
-[[gnu::always_inline]] inline void findInLanes(const T* numbers, std::size_t count,
-                                               Extremes<T, Period>& result) noexcept {
-    typedef T Vector __attribute__((vector_size(Bytes)));
+// Six registers at a time hide the latency of the comparisons, hold whole points whatever their width, and fit, with
+// two extremes each, into sixteen. Integers are read in two streams, which keeps more of the memory's requests in
+// flight; floating point numbers come in pieces too short for that to pay. Minima and maxima follow the processor where
+// a NaN or zeros of both signs meet: what they give then, the contract leaves open.
+template<class T, int Period>
+void find(const T* numbers, std::size_t count, Extremes<T, Period>& result) noexcept {
+    const hn::ScalableTag<T> lanes;
+    using Vector = hn::Vec<decltype(lanes)>;
     constexpr bool TwoStreams = std::is_integral_v<T>;
-    constexpr int Each = 3, Vectors = 2 * Each;
-    constexpr int Lanes = Bytes / static_cast<int>(sizeof(T));
-    constexpr std::size_t Step = Each * Lanes;
-    static_assert(Step % Period == 0 && Each % Period == 0);
+    constexpr std::size_t Each = 3;
+    const std::size_t width = hn::Lanes(lanes), step = Each * width;
+    static_assert(Each % Period == 0);
 
     for (int c = 0; c < Period; ++c) result.min[c] = result.max[c] = numbers[c];
     result.hasNaN = false;
-    const std::size_t rounds = count / (2 * Step);
+    const std::size_t rounds = count / (2 * step);
     if (rounds) {
-        const T* const other = numbers + (TwoStreams ? rounds * Step : Step);
-        Vector least[Vectors], greatest[Vectors];
-        std::memcpy(least, numbers, sizeof least / 2);
-        std::memcpy(least + Each, other, sizeof least / 2);
-        std::memcpy(greatest, least, sizeof greatest);
-        auto nan = least[0] != least[0]; // integer lanes of the same width, all bits set for true
+        const T* near = numbers;
+        const T* far = numbers + (TwoStreams ? rounds * step : step);
+        const auto load = [&](const T* from, std::size_t v) HWY_ATTR { return hn::LoadU(lanes, from + v * width); };
+        Vector least0 = load(near, 0), least1 = load(near, 1), least2 = load(near, 2);
+        Vector least3 = load(far, 0), least4 = load(far, 1), least5 = load(far, 2);
+        Vector most0 = least0, most1 = least1, most2 = least2, most3 = least3, most4 = least4, most5 = least5;
+        auto isNumber = hn::Eq(least0, least0);
+        const auto take = [&](Vector& least, Vector& most, const T* from, std::size_t v) HWY_ATTR {
+            const Vector x = load(from, v);
+            least = hn::Min(x, least);
+            most = hn::Max(x, most);
+            if constexpr (std::is_floating_point_v<T>) isNumber = hn::And(isNumber, hn::Eq(x, x));
+        };
         for (std::size_t round = 0; round < rounds; ++round) {
-            const std::size_t done = round * (TwoStreams ? Step : 2 * Step);
-#pragma GCC unroll 6
-            for (int v = 0; v < Vectors; ++v) {
-                Vector x;
-                std::memcpy(&x, (v < Each ? numbers : other) + done + v % Each * Lanes, sizeof x);
-                least[v] = x < least[v] ? x : least[v];
-                greatest[v] = x > greatest[v] ? x : greatest[v];
-                if constexpr (std::is_floating_point_v<T>) nan |= x != x;
-            }
+            take(least0, most0, near, 0);
+            take(least1, most1, near, 1);
+            take(least2, most2, near, 2);
+            take(least3, most3, far, 0);
+            take(least4, most4, far, 1);
+            take(least5, most5, far, 2);
+            near += TwoStreams ? step : 2 * step;
+            far += TwoStreams ? step : 2 * step;
         }
         // Registers whose numbers differ by a multiple of the period hold the same components.
-        for (int v = Period; v < Vectors; ++v) {
-            least[v % Period] = least[v] < least[v % Period] ? least[v] : least[v % Period];
-            greatest[v % Period] = greatest[v] > greatest[v % Period] ? greatest[v] : greatest[v % Period];
-        }
-        for (int i = 0; i < Period * Lanes; ++i) {
-            widen(result, i % Period, least[i / Lanes][i % Lanes]);
-            widen(result, i % Period, greatest[i / Lanes][i % Lanes]);
-        }
-        for (int i = 0; i < Lanes; ++i) result.hasNaN |= nan[i] != 0;
+        const auto fold = [&](Vector least, Vector most, std::size_t v) HWY_ATTR {
+            HWY_ALIGN T low[HWY_MAX_BYTES / sizeof(T)], high[HWY_MAX_BYTES / sizeof(T)];
+            hn::Store(least, lanes, low);
+            hn::Store(most, lanes, high);
+            for (std::size_t i = 0; i < width; ++i) {
+                const int component = static_cast<int>((v * width + i) % Period);
+                widen(result, component, low[i]);
+                widen(result, component, high[i]);
+            }
+        };
+        fold(hn::Min(least0, least3), hn::Max(most0, most3), 0);
+        fold(hn::Min(least1, least4), hn::Max(most1, most4), 1);
+        fold(hn::Min(least2, least5), hn::Max(most2, most5), 2);
+        result.hasNaN |= !hn::AllTrue(lanes, isNumber);
     }
-    for (std::size_t i = 2 * Step * rounds; i < count; ++i) widen(result, static_cast<int>(i % Period), numbers[i]);
+    for (std::size_t i = 2 * step * rounds; i < count; ++i) widen(result, static_cast<int>(i % Period), numbers[i]);
 }
 
-template<class T, int Period>
-void findNarrow(const T* numbers, std::size_t count, Extremes<T, Period>& result) noexcept {
-    findInLanes<T, Period, 16>(numbers, count, result);
+auto searches() {
+    return std::make_tuple(&find<double, 1>, &find<float, 1>, &find<unsigned char, 1>, &find<unsigned short, 1>,
+                           &find<short, 1>, &find<double, 3>, &find<float, 3>);
 }
 
-#if defined(__x86_64__) || defined(__i386__)
-template<class T, int Period>
-[[gnu::target("avx2")]] void findWide(const T* numbers, std::size_t count, Extremes<T, Period>& result) noexcept {
-    findInLanes<T, Period, 32>(numbers, count, result);
-}
+} // namespace Vantle::detail::HWY_NAMESPACE
+HWY_AFTER_NAMESPACE();
 
-template<class T, int Period>
-auto chooseSearch() noexcept {
-    return __builtin_cpu_supports("avx2") ? &findWide<T, Period> : &findNarrow<T, Period>;
-}
-#else
-template<class T, int Period>
-auto chooseSearch() noexcept {
-    return &findNarrow<T, Period>;
-}
-#endif
+#if HWY_ONCE
 
-} // namespace
+namespace Vantle::detail {
+
+HWY_EXPORT(searches);
 
 template<class T, int Period>
 Extremes<T, Period> findExtremes(const T* numbers, std::size_t count) noexcept {
-    static const auto search = chooseSearch<T, Period>();
+    using Search = void (*)(const T*, std::size_t, Extremes<T, Period>&) noexcept;
     Extremes<T, Period> result;
-    search(numbers, count, result);
+    std::get<Search>(HWY_DYNAMIC_DISPATCH(searches)())(numbers, count, result);
     return result;
 }
 
@@ -103,3 +108,5 @@ template Extremes<double, 3> findExtremes(const double*, std::size_t) noexcept;
 template Extremes<float, 3> findExtremes(const float*, std::size_t) noexcept;
 
 } // namespace Vantle::detail
+
+#endif

@@ -2,6 +2,7 @@
 /// The coordinates of one fragment, classified by their kind: the one place where that is done.
 
 #include <model/vantle/DirectProduct.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <variant>
 
@@ -18,6 +19,9 @@ struct FragmentCoordinates {
                               CurvilinearCoordinates*, const PointSet*>;
 
     FragmentCoordinates() = default;
+    /// Of the data of a creator, which are made if need be; those in single precision are converted.
+    explicit FragmentCoordinates(const Hestra::StrongPtr<CreativeArrayBase>& creator)
+        : FragmentCoordinates(creator ? getDataInDoublePrecision(*creator) : nullptr) {}
     explicit FragmentCoordinates(const Hestra::StrongPtr<MemBase>& array) : data(array) {
         using Points = TypeList<Orvix::PhysicalSpace::point>;
         const auto take = [this](auto& points) { kind = &points; };
@@ -32,6 +36,13 @@ struct FragmentCoordinates {
     [[nodiscard]] CurvilinearCoordinates* curvilinear() const noexcept {
         const auto* const found = std::get_if<CurvilinearCoordinates*>(&kind);
         return found ? *found : nullptr;
+    }
+
+    /// Calls `f` with coordinates that are a direct product.
+    template<class F>
+    void visitProducts(F&& f) const {
+        if (const auto* const uniform = std::get_if<const UniformCoordinates*>(&kind)) f(**uniform);
+        if (const auto* const rectilinear = std::get_if<const RectilinearCoordinates*>(&kind)) f(**rectilinear);
     }
 
     Hestra::StrongPtr<MemBase> data;

@@ -1,6 +1,7 @@
-#include <cerrno>
 #include <dataset/detail/InputFile.hpp>
 #include <dataset/io/FileError.hpp>
+
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>

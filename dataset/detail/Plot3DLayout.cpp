@@ -1,8 +1,9 @@
+#include <dataset/detail/Plot3DLayout.hpp>
+
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 #include <cstring>
-#include <dataset/detail/Plot3DLayout.hpp>
 #include <limits>
 #include <span>
 #include <tuple>

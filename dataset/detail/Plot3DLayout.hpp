@@ -1,10 +1,11 @@
 #pragma once
 /// Where everything stands in a PLOT3D file: found out once, when it is opened.
 
-#include <array>
 #include <dataset/detail/InputFile.hpp>
 #include <dataset/detail/TextValues.hpp>
 #include <dataset/io/Plot3D.hpp>
+
+#include <array>
 #include <memory>
 #include <optional>
 #include <vector>

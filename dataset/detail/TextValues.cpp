@@ -1,9 +1,10 @@
+#include <dataset/detail/TextValues.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <charconv>
 #include <cstring>
-#include <dataset/detail/TextValues.hpp>
 #include <limits>
 
 namespace Vantle::detail {

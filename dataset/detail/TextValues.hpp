@@ -1,9 +1,10 @@
 #pragma once
 /// The numbers of a text file, found by their number in the file.
 
+#include <dataset/detail/InputFile.hpp>
+
 #include <cstddef>
 #include <cstdint>
-#include <dataset/detail/InputFile.hpp>
 #include <optional>
 #include <string>
 #include <string_view>

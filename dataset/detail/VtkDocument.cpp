@@ -1,9 +1,10 @@
+#include <dataset/detail/VtkDocument.hpp>
+#include <dataset/io/FileError.hpp>
+
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <charconv>
-#include <dataset/detail/VtkDocument.hpp>
-#include <dataset/io/FileError.hpp>
 #include <new>
 #include <omp.h>
 

@@ -1,9 +1,10 @@
 #pragma once
 /// One VTK XML file: markup in front, and the raw data of its arrays behind it.
 
-#include <cstdint>
 #include <dataset/io/AtomicFile.hpp>
 #include <dataset/io/Vtk.hpp>
+
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <string>

@@ -1,7 +1,8 @@
-#include <atomic>
-#include <cerrno>
 #include <dataset/io/AtomicFile.hpp>
 #include <dataset/io/FileError.hpp>
+
+#include <atomic>
+#include <cerrno>
 #include <string>
 #include <system_error>
 #include <unistd.h>

@@ -1,9 +1,10 @@
 #pragma once
 /// A file that appears under its name complete, or not at all.
 
+#include <dataset/io/Leftover.hpp>
+
 #include <cstddef>
 #include <cstdint>
-#include <dataset/io/Leftover.hpp>
 #include <filesystem>
 #include <fstream>
 

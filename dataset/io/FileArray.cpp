@@ -1,4 +1,5 @@
 #include <dataset/io/FileArray.hpp>
+
 #include <utility>
 
 namespace Vantle {

@@ -1,9 +1,9 @@
 #pragma once
 /// Data of fragments that are read from files when they are first asked for.
 
+#include <dataset/DataSetExport.hpp>
 #include <model/vantle/Field.hpp>
 
-#include <dataset/DataSetExport.hpp>
 #include <exception>
 #include <functional>
 #include <mutex>

@@ -2,6 +2,7 @@
 /// The one exception of everything that touches files.
 
 #include <dataset/DataSetError.hpp>
+
 #include <filesystem>
 #include <string>
 #include <string_view>

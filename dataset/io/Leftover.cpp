@@ -1,5 +1,6 @@
-#include <csignal>
 #include <dataset/io/Leftover.hpp>
+
+#include <csignal>
 #include <mutex>
 #include <set>
 #include <system_error>

@@ -2,6 +2,7 @@
 /// Files and folders that must not stay behind, however the program ends.
 
 #include <dataset/DataSetExport.hpp>
+
 #include <filesystem>
 
 namespace Vantle {

@@ -1,11 +1,11 @@
+#include <dataset/detail/Plot3DLayout.hpp>
+#include <dataset/io/FileError.hpp>
+#include <dataset/io/Plot3D.hpp>
 #include <model/hestra/Chunk.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <dataset/detail/Plot3DLayout.hpp>
-#include <dataset/io/FileError.hpp>
-#include <dataset/io/Plot3D.hpp>
 #include <exception>
 #include <new>
 #include <set>
@@ -300,34 +300,31 @@ void Plot3DFile::readTogether(std::size_t block, const std::vector<std::size_t>&
     visit.finish();
 }
 
-namespace {
-
 template<class Element>
-Ref<ReferencingMemArray<3, Element>> readTriples(const Plot3DFile& file, std::size_t block, std::size_t first,
-                                                 const WeakPtr<CreativeArrayBase>& creator) {
-    return withinMemory(file.path(), blockText(block), [&] {
+Ref<ReferencingMemArray<3, Element>> Plot3DFile::readTriples(std::size_t block, std::size_t first,
+                                                             const WeakPtr<CreativeArrayBase>& creator) const {
+    using Number = typename ElementTraits<Element>::component_type;
+    return withinMemory(path(), blockText(block), [&] {
         std::vector<Element> elements;
-        Hestra::reserveLargeArray(elements, file.extents(block).product());
-        file.readTogether(block, {first, first + 1, first + 2},
-                          [&](std::size_t, std::size_t count, const double* const* values) {
-                              for (std::size_t i = 0; i < count; ++i)
-                                  elements.emplace_back(values[0][i], values[1][i], values[2][i]);
-                          });
-        return MemArray<3, Element>::makeMemArray(std::move(elements), file.extents(block), creator);
+        Hestra::reserveLargeArray(elements, extents(block).product());
+        readTogether(block, {first, first + 1, first + 2},
+                     [&](std::size_t, std::size_t count, const double* const* values) {
+                         for (std::size_t i = 0; i < count; ++i)
+                             elements.emplace_back(static_cast<Number>(values[0][i]), static_cast<Number>(values[1][i]),
+                                                   static_cast<Number>(values[2][i]));
+                     });
+        return MemArray<3, Element>::makeMemArray(std::move(elements), extents(block), creator);
     });
 }
 
-} // namespace
-
-Ref<ReferencingMemArray<3, Orvix::PhysicalSpace::point>>
-Plot3DFile::readPoints(std::size_t block, const WeakPtr<CreativeArrayBase>& creator) const {
-    return readTriples<Orvix::PhysicalSpace::point>(*this, block, 0, creator);
-}
-
-Ref<ReferencingMemArray<3, Orvix::PhysicalSpace::vector>>
-Plot3DFile::readVectors(std::size_t block, std::size_t first, const WeakPtr<CreativeArrayBase>& creator) const {
-    return readTriples<Orvix::PhysicalSpace::vector>(*this, block, first, creator);
-}
+template Ref<ReferencingMemArray<3, Orvix::PhysicalSpace::point>>
+Plot3DFile::readTriples(std::size_t, std::size_t, const WeakPtr<CreativeArrayBase>&) const;
+template Ref<ReferencingMemArray<3, Orvix::PhysicalSpace::vector>>
+Plot3DFile::readTriples(std::size_t, std::size_t, const WeakPtr<CreativeArrayBase>&) const;
+template Ref<ReferencingMemArray<3, FloatPoint>> Plot3DFile::readTriples(std::size_t, std::size_t,
+                                                                         const WeakPtr<CreativeArrayBase>&) const;
+template Ref<ReferencingMemArray<3, FloatVector>> Plot3DFile::readTriples(std::size_t, std::size_t,
+                                                                          const WeakPtr<CreativeArrayBase>&) const;
 
 std::vector<Plot3DName> readPlot3DNames(const std::filesystem::path& path) {
     const detail::InputFile file(path);

@@ -29,11 +29,12 @@
 /// One thing no reader can find out: a file of one block cut exactly where its blanking begins (or behind a few zero
 /// bytes of it) is a complete file without blanking, unless `Plot3DOptions` says that there must be some.
 
+#include <dataset/DataSetExport.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <bit>
 #include <cstdint>
-#include <dataset/DataSetExport.hpp>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -132,11 +133,16 @@ public:
     /// The same in the type that the file has: `MemArray<3, float>` or `MemArray<3, double>`.
     [[nodiscard]] Hestra::StrongPtr<MemBase> readAsStored(std::size_t block, std::size_t variable,
                                                           const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) const;
-    /// The first three fields of a block from `first` on, as one array.
+    /// Three fields of a block from `first` on, as one array. `Element` is a point or vector in double precision, or
+    /// `FloatPoint` or `FloatVector`.
+    template<class Element>
+    [[nodiscard]] Hestra::Ref<ReferencingMemArray<3, Element>>
+    readTriples(std::size_t block, std::size_t first, const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) const;
+    /// The positions of the vertices: `readTriples` of a grid.
     [[nodiscard]] Hestra::Ref<ReferencingMemArray<3, Orvix::PhysicalSpace::point>>
-    readPoints(std::size_t block, const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) const;
-    [[nodiscard]] Hestra::Ref<ReferencingMemArray<3, Orvix::PhysicalSpace::vector>>
-    readVectors(std::size_t block, std::size_t first, const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) const;
+    readPoints(std::size_t block, const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) const {
+        return readTriples<Orvix::PhysicalSpace::point>(block, 0, creator);
+    }
     /// The blanking of a block as it stands there: 0 marks a vertex that does not count. All 1 in files without.
     [[nodiscard]] Hestra::Ref<ReferencingMemArray<3, int>>
     readBlanking(std::size_t block, const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) const;
@@ -166,9 +172,15 @@ private:
     std::shared_ptr<const Contents> myContents;
 };
 
-extern template VANTLE_DATASET_API Hestra::Ref<ReferencingMemArray<3, float>>
-Plot3DFile::read<float>(std::size_t, std::size_t, const Hestra::WeakPtr<CreativeArrayBase>&) const;
-extern template VANTLE_DATASET_API Hestra::Ref<ReferencingMemArray<3, double>>
-Plot3DFile::read<double>(std::size_t, std::size_t, const Hestra::WeakPtr<CreativeArrayBase>&) const;
+#define VANTLE_PLOT3D_READ(Function, Element)                                                                          \
+    extern template VANTLE_DATASET_API Hestra::Ref<ReferencingMemArray<3, Element>> Plot3DFile::Function<Element>(     \
+        std::size_t, std::size_t, const Hestra::WeakPtr<CreativeArrayBase>&) const;
+VANTLE_PLOT3D_READ(read, float)
+VANTLE_PLOT3D_READ(read, double)
+VANTLE_PLOT3D_READ(readTriples, Orvix::PhysicalSpace::point)
+VANTLE_PLOT3D_READ(readTriples, Orvix::PhysicalSpace::vector)
+VANTLE_PLOT3D_READ(readTriples, FloatPoint)
+VANTLE_PLOT3D_READ(readTriples, FloatVector)
+#undef VANTLE_PLOT3D_READ
 
 } // namespace Vantle

@@ -1,9 +1,11 @@
-#include <algorithm>
-#include <array>
-#include <cmath>
 #include <dataset/io/FileArray.hpp>
 #include <dataset/io/FileError.hpp>
 #include <dataset/io/Plot3DGrid.hpp>
+#include <model/vantle/Blanking.hpp>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
 #include <utility>
 
 namespace Vantle {
@@ -45,44 +47,75 @@ public:
         return field;
     }
 
-    // A scalar, in the type that the file has or in doubles.
+    // A variable as it stands in the file.
     [[nodiscard]] StrongPtr<Field> scalar(std::size_t variable) const {
-        if (isSingle())
-            return make(variable + 1, typeid(float), [variable](const auto& file, std::size_t block, const Creator& c) {
-                return file.template read<float>(block, variable, c);
-            });
-        return make(variable + 1, typeid(double), [variable](const auto& file, std::size_t block, const Creator& c) {
-            return file.template read<double>(block, variable, c);
-        });
+        return isSingle() ? stored<float>(variable) : stored<double>(variable);
     }
-
+    // Three of them.
     [[nodiscard]] StrongPtr<Field> vectors(std::size_t first) const {
-        return make(first + 3, typeid(vector), [first](const auto& file, std::size_t block, const Creator& c) {
-            return file.readVectors(block, first, c);
-        });
+        return isWhollySingle() ? triples<FloatVector>(first) : triples<vector>(first);
     }
 
     // A field made of several variables, value by value.
-    template<class T, class Combine>
-    [[nodiscard]] StrongPtr<Field> combined(std::vector<std::size_t> variables, const Combine& combine) const {
-        const auto read = [variables, combine](const Plot3DFile& file, std::size_t block, const Creator& creator) {
-            std::vector<T> made;
-            Hestra::reserveLargeArray(made, file.extents(block).product());
-            file.readTogether(block, variables, [&](std::size_t, std::size_t count, const double* const* values) {
-                for (std::size_t i = 0; i < count; ++i) made.push_back(static_cast<T>(combine(values, i)));
-            });
-            return MemArray<3, T>::makeMemArray(std::move(made), file.extents(block), creator);
-        };
-        return make(0, typeid(T), read);
+    [[nodiscard]] StrongPtr<Field> madeScalar(const std::vector<std::size_t>& variables, const auto& make) const {
+        return isSingle() ? made<float>(variables, make) : made<double>(variables, make);
     }
-    template<class Combine>
-    [[nodiscard]] StrongPtr<Field> combinedScalar(const std::vector<std::size_t>& variables,
-                                                  const Combine& combine) const {
-        return isSingle() ? combined<float>(variables, combine) : combined<double>(variables, combine);
+    [[nodiscard]] StrongPtr<Field> madeVector(const std::vector<std::size_t>& variables, const auto& make) const {
+        return isWhollySingle() ? made<FloatVector>(variables, make) : made<vector>(variables, make);
+    }
+
+    void setPositions(Field& positions) const {
+        for (std::size_t block = 0; block < myFile.blocks(); ++block)
+            if (isWhollySingle())
+                set(positions, block, typeid(FloatPoint), readTriples<FloatPoint>(0));
+            else
+                set(positions, block, typeid(point), readTriples<point>(0));
     }
 
 private:
-    [[nodiscard]] bool isSingle() const { return !myReading.doubles && myFile.form().scalar == Plot3DScalar::float32; }
+    template<class T>
+    [[nodiscard]] StrongPtr<Field> stored(std::size_t variable) const {
+        return make(variable + 1, typeid(T), [variable](const Plot3DFile& file, std::size_t block, const Creator& c) {
+            return file.read<T>(block, variable, c);
+        });
+    }
+    template<class Element>
+    static auto readTriples(std::size_t first) {
+        return [first](const Plot3DFile& file, std::size_t block, const Creator& c) {
+            return file.readTriples<Element>(block, first, c);
+        };
+    }
+    template<class Element>
+    [[nodiscard]] StrongPtr<Field> triples(std::size_t first) const {
+        return make(first + 3, typeid(Element), readTriples<Element>(first));
+    }
+
+    template<class T>
+    static T rounded(double value) {
+        return static_cast<T>(value);
+    }
+    template<class T>
+    static T rounded(const vector& value) {
+        using Number = typename ElementTraits<T>::component_type;
+        return T(static_cast<Number>(value[0]), static_cast<Number>(value[1]), static_cast<Number>(value[2]));
+    }
+    template<class T, class Make>
+    [[nodiscard]] StrongPtr<Field> made(const std::vector<std::size_t>& variables, const Make& makeOne) const {
+        const auto read = [variables, makeOne](const Plot3DFile& file, std::size_t block, const Creator& creator) {
+            std::vector<T> values;
+            Hestra::reserveLargeArray(values, file.extents(block).product());
+            file.readTogether(block, variables, [&](std::size_t, std::size_t count, const double* const* pieces) {
+                for (std::size_t i = 0; i < count; ++i) values.push_back(rounded<T>(makeOne(pieces, i)));
+            });
+            return MemArray<3, T>::makeMemArray(std::move(values), file.extents(block), creator);
+        };
+        return make(0, typeid(T), read);
+    }
+
+    [[nodiscard]] bool isSingle() const {
+        return myReading.precision != Plot3DPrecision::Doubles && myFile.form().scalar == Plot3DScalar::float32;
+    }
+    [[nodiscard]] bool isWhollySingle() const { return isSingle() && myReading.precision == Plot3DPrecision::AsStored; }
 
     const RegularGrid3D& myGrid;
     const Plot3DFile& myFile;
@@ -106,13 +139,10 @@ RegularGrid3D addPlot3DGrid(Grid& grid, const Plot3DFile& file, const Plot3DRead
         if (positions->getFragmentID(blockName(block)))
             throw FileError(file.path(), "", "the grid has a fragment '" + blockName(block) + "' already");
     const FieldMaker maker(made, file, reading);
-    for (std::size_t block = 0; block < file.blocks(); ++block)
-        maker.set(*positions, block, typeid(point), [](const Plot3DFile& from, std::size_t b, const Creator& creator) {
-            return from.readPoints(b, creator);
-        });
+    maker.setPositions(*positions);
     if (file.form().blanking)
         made.representation()->setField(
-            Plot3DBlankingName,
+            VertexMaskName,
             maker.make(0, typeid(int), [](const Plot3DFile& from, std::size_t block, const Creator& creator) {
                 return from.readBlanking(block, creator);
             }));
@@ -138,12 +168,12 @@ std::vector<std::string> addPlot3DFields(RegularGrid3D& grid, const Plot3DFile& 
         fields.emplace_back("density", maker.scalar(0));
         fields.emplace_back("momentum", maker.vectors(1));
         fields.emplace_back("energy", maker.scalar(4));
-        fields.emplace_back("velocity", maker.combined<vector>({0, 1, 2, 3}, velocityOf));
-        fields.emplace_back("speed", maker.combinedScalar({0, 1, 2, 3}, [](const auto* values, std::size_t i) {
+        fields.emplace_back("velocity", maker.madeVector({0, 1, 2, 3}, velocityOf));
+        fields.emplace_back("speed", maker.madeScalar({0, 1, 2, 3}, [](const auto* values, std::size_t i) {
             return std::sqrt(normSquared(velocityOf(values, i)));
         }));
-        fields.emplace_back("pressure", maker.combinedScalar({0, 1, 2, 3, 4}, [ratio = reading.heatRatio](
-                                                                                  const auto* values, std::size_t i) {
+        fields.emplace_back("pressure", maker.madeScalar({0, 1, 2, 3, 4}, [ratio = reading.heatRatio](
+                                                                              const auto* values, std::size_t i) {
             return (ratio - 1.0) * (values[4][i] - 0.5 * values[0][i] * normSquared(velocityOf(values, i)));
         }));
     } else {

@@ -1,27 +1,33 @@
 #pragma once
 /// Grids of the model whose positions and fields are read from PLOT3D files when they are needed.
 
+#include <dataset/io/Plot3D.hpp>
 #include <model/vantle/GridKinds.hpp>
 
-#include <dataset/io/Plot3D.hpp>
 #include <string>
 #include <vector>
 
 namespace Vantle {
+
+/// What becomes of numbers that a file has as float32. Those that it has as float64, and those of texts, stay so.
+enum class Plot3DPrecision {
+    AsStored,        ///< Scalars are `float`, points and vectors those of single precision.
+    ScalarsAsStored, ///< Scalars are `float`, points and vectors in double precision, which operations compute with.
+    Doubles,         ///< All are in double precision.
+};
 
 /// How what is read is kept, and what is made of it.
 struct Plot3DReading {
     /// Keeps what was read, and drops what was not used for longest when its budget is exceeded; without one everything
     /// stays.
     Hestra::StrongPtr<Hestra::Cache> cache = Hestra::Cache::MemCache();
-    /// Scalars become `double`, also those that the file has as float32, which stay `float` otherwise.
-    bool doubles = false;
+    Plot3DPrecision precision = Plot3DPrecision::ScalarsAsStored;
     /// Of the gas: that of the heat capacities at constant pressure and at constant volume.
     double heatRatio = 1.4;
 };
 
 /// Adds the blocks of a grid file to `grid` as fragments "block1", "block2", ... (`FileArray`). Nothing is read. With
-/// blanking there is a field `Plot3DBlankingName` beside the positions: integers, 0 at vertices that do not count.
+/// blanking there is a mask of the vertices (`VertexMaskName`): the integers as they stand there, 0 masks out.
 ///
 /// Degenerate   a block of one layer has no cells, and is a fragment like any other.
 /// Failure      FileError when it is no grid file, or the grid has a fragment of such a name already: nothing changed.
@@ -35,12 +41,11 @@ VANTLE_DATASET_API RegularGrid3D addPlot3DGrid(Grid& grid, const Plot3DFile& fil
 ///   (heatRatio - 1) (energy - density speed^2 / 2).
 /// - Of functions: each by its name, and the vectors that the names announce, for blocks that have them.
 ///
-/// Vectors are double precision. Fields of these names are replaced.
+/// What is made of several fields is computed in double precision, and stored as `reading` says. Fields of these names
+/// are replaced.
 /// Failure      FileError when it is a grid file, or the grid lacks its blocks: nothing changed.
 /// Memory       what is made of several fields takes 64 KiB for each beside the result.
 VANTLE_DATASET_API std::vector<std::string> addPlot3DFields(RegularGrid3D& grid, const Plot3DFile& file,
                                                             const Plot3DReading& reading = {});
-
-inline constexpr const char* Plot3DBlankingName = "VertexMask";
 
 } // namespace Vantle

@@ -1,10 +1,10 @@
-#include <model/orvix/DomainVector.hpp>
-
-#include <algorithm>
 #include <dataset/detail/VtkDocument.hpp>
 #include <dataset/io/FileArray.hpp>
 #include <dataset/io/FileError.hpp>
 #include <dataset/io/Vtk.hpp>
+#include <model/vantle/Blanking.hpp>
+
+#include <algorithm>
 #include <exception>
 #include <functional>
 #include <optional>
@@ -171,6 +171,7 @@ struct Source {
     fs::path file; // for messages
     Grid& grid;
     StrongPtr<Field> positions;
+    Blanking masks;
     std::vector<std::pair<std::string, StrongPtr<Field>>> fields;
     bool compress;
 };
@@ -186,7 +187,7 @@ std::vector<StrongPtr<FragmentID>> fragmentsOf(const Field& positions) {
 }
 
 Source sourceOf(const fs::path& file, Grid& grid, const std::vector<std::string>& fields, const VtkOptions& options) {
-    Source source{file, grid, grid.CartesianPositions(), {}, options.compress};
+    Source source{file, grid, grid.CartesianPositions(), Blanking(grid), {}, options.compress};
     const auto representation = grid.getCartesianRepresentation();
     if (!source.positions || fragmentsOf(*source.positions).empty())
         throw FileError(file, "", "the grid has no vertices to be written");
@@ -231,6 +232,7 @@ public:
                             std::to_string(myPositions.elements()) + " vertices");
             myFields.push_back(std::move(values));
         }
+        if (rank == 3) findMask(id);
     }
 
     /// About as many as will be written.
@@ -262,10 +264,42 @@ private:
     using Uniform = DirectProductMemArray<point, LinearCoordinateAxisArray, 3>;
     using Rectilinear = DirectProductMemArray<point, ExplicitCoordinateAxisArray, 3>;
 
+    void findMask(const StrongPtr<FragmentID>& id) {
+        if (!mySource.masks.concerns(id)) return;
+        for (const auto& mask : {mySource.masks.vertexMask(), mySource.masks.cellMask()})
+            if (mask) (void)readData(*mask, id); // throws where a mask cannot be read: no mask would be everything
+        try {
+            myMask = mySource.masks.of(id, *myPositions.size().as<3>());
+        } catch (const std::invalid_argument& problem) {
+            throw FileError(mySource.file, "", problem.what());
+        }
+    }
+
+    // What viewers are to hide.
+    template<class Valid>
+    static VtkSeries hidden(const MultiIndex<3>& size, unsigned char mark, const Valid& isValid) {
+        const auto write = [=](VtkSink& sink) {
+            putComputed<unsigned char>(sink, size.product(), [&](index_t n) {
+                return isValid(MultiIndex<3>::fromLinear(n, size)) ? static_cast<unsigned char>(0) : mark;
+            });
+        };
+        return {"vtkGhostType", "UInt8", 1, 1, size.product(), write};
+    }
+
     void addFields(VtkDocument& document) {
+        constexpr unsigned char HiddenPoint = 2, HiddenCell = 32; // by the format
         document.line("<PointData>");
         for (const Writable& field : myFields) document.array(field.series());
+        if (myMask)
+            document.array(hidden(myMask->Size(), HiddenPoint,
+                                  [mask = myMask](const MultiIndex<3>& at) { return mask->isVertexValid(at); }));
         document.line("</PointData>");
+        if (myMask) {
+            document.line("<CellData>");
+            document.array(hidden(myMask->cells(), HiddenCell,
+                                  [mask = myMask](const MultiIndex<3>& at) { return mask->isCellValid(at); }));
+            document.line("</CellData>");
+        }
         myFields.clear();
     }
     // The positions are let go when they are written.
@@ -402,6 +436,7 @@ private:
     const Source& mySource;
     Writable myPositions;
     std::vector<Writable> myFields;
+    StrongPtr<const BlockMask> myMask;
 };
 
 void writeSingle(const fs::path& file, const Source& source, const VtkOptions& options) {

@@ -10,11 +10,11 @@
 /// are
 ///              made when they are asked for are needed one at a time. Compression takes a few MiB.
 
+#include <dataset/DataSetExport.hpp>
+#include <dataset/Progress.hpp>
 #include <model/vantle/GridKinds.hpp>
 
 #include <array>
-#include <dataset/DataSetExport.hpp>
-#include <dataset/Progress.hpp>
 #include <filesystem>
 #include <span>
 #include <string>
@@ -41,6 +41,9 @@ struct VtkOptions {
 /// any number of blocks, which stand in files "<stem>_0", "<stem>_1", ... of a folder "<stem>" beside it. That folder
 /// is replaced as a whole, if it has no other files than such.
 ///
+/// Masks        blocks in which not everything is valid (`Blanking`) say so by arrays "vtkGhostType" of their points
+/// and
+///              cells, so that viewers leave out what is blanked; it keeps its values.
 /// Fields       of numbers and of elements made of them, such as points and vectors; components as they lie in memory.
 ///              Blocks where a field has no data are written without it.
 /// Failure      also an extension that does not fit; no field of a name (the error names those that there are), a

@@ -3,6 +3,8 @@
 #include "CylinderFlow.hpp"
 #include "Plot3DFlow.hpp"
 
+#include <baseop/ValidData.hpp>
+
 #include <algorithm>
 #include <limits>
 #include <utility>
@@ -13,17 +15,9 @@ namespace {
 
 constexpr RingCells kQuickRing = {6, 8, 12, 8};
 
-// The library keeps the ranges it finds: this leaves them to be found and timed later. Values that count are finite.
 ValueRange rangeOf(const DataSet& data, const std::string& scalar) {
-    ValueRange range = {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
-    const auto field = data.grid.field(scalar);
-    field->iterate([&](const auto& fragment, const auto&) {
-        const auto values = Hestra::dynamicCast<Vantle::MemArray<3, double>>(field->getData(fragment));
-        for (Vantle::index_t n = 0; n < values->nElements(); ++n)
-            range = {std::min(range.first, values->element(n)), std::max(range.second, values->element(n))};
-        return true;
-    });
-    return range;
+    constexpr double kNone = std::numeric_limits<double>::infinity();
+    return Vantle::ComputeValidRange(*data.grid.grid(), scalar).value_or(ValueRange{kNone, -kNone});
 }
 
 bool varies(const DataSet& data, const std::string& scalar) {

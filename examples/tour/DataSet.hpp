@@ -38,7 +38,7 @@ struct DataSet {
 
     Vantle::BundlePtr bundle;
     Hestra::StrongPtr<Vantle::Slice> slice;
-    Vantle::RegularGrid3D grid;
+    Vantle::RegularGrid3D grid; ///< With a mask where vertices do not count.
 
     std::vector<std::string> scalars; ///< Names of the scalar fields.
     std::string field;                ///< The one to look at.
@@ -46,9 +46,6 @@ struct DataSet {
     std::optional<double> level;      ///< The value of its isosurface; by default in the middle of its range.
     std::string colourField;          ///< The scalar that colours the isosurface.
     bool hasVelocity = false;         ///< Whether there is the vector field "velocity".
-
-    /// By name of the fragment: true for vertices that do not count. Blocks without such vertices are absent.
-    std::map<std::string, std::vector<bool>> blanked;
 
     std::optional<ExactFlow> exact;
     /// The same flow on blocks with twice as many cells along each axis, where it is known exactly.

@@ -54,21 +54,10 @@ bool isAtBorder(const BlockJoins& joins, const BlockVertex& vertex) {
     return false;
 }
 
-// Whether the differences at a vertex, or the vertex itself, have to do with vertices that do not count.
-bool touchesBlanked(const std::vector<bool>& blanked, const MultiIndex<3>& at, const MultiIndex<3>& size) {
-    if (blanked[at.linear(size)]) return true;
-    for (int axis = 0; axis < 3; ++axis) {
-        MultiIndex<3> below = at, above = at;
-        if (at[axis] > 0) --below[axis];
-        if (at[axis] + 1 < size[axis]) ++above[axis];
-        if (blanked[below.linear(size)] || blanked[above.linear(size)]) return true;
-    }
-    return false;
-}
-
-// Calls take(node) for every vertex whose derivatives rest on vertices that count.
+// Calls take(node) for every vertex that counts.
 void forNodes(const DataSet& data, const std::function<void(const Node&)>& take) {
     const auto positions = data.grid.positions();
+    const Blanking masks(*data.grid.grid());
     WorldDerivativeOptions options;
     options.joinBlocks = true;
     const auto joins = BlockJoins::of(*data.grid.grid(), options.joins);
@@ -86,13 +75,13 @@ void forNodes(const DataSet& data, const std::function<void(const Node&)>& take)
         const auto points = Hestra::dynamicCast<Block>(positions->getData(fragment));
         const auto edges = Hestra::dynamicCast<Tensors>(alongIndices->getData(fragment));
         const auto gradients = inSpace ? Hestra::dynamicCast<Tensors>(inSpace->getData(fragment)) : nullptr;
-        const auto found = data.blanked.find(FragmentID::Name(fragment, ""));
         if (!points || !edges) return true;
         const MultiIndex<3> size = points->Size();
         const unsigned int block = joins->find(fragment);
+        const auto mask = masks.of(fragment, size);
         MultiIndex<3> at;
         do {
-            if (found != data.blanked.end() && touchesBlanked(found->second, at, size)) continue;
+            if (mask && !mask->isVertexValid(at)) continue;
             Node node{(*points)[at], gradients ? (*gradients)[at] : Gradient(), 0.0, false, false};
             const Gradient& tensor = (*edges)[at];
             node.volume = dot(rowOf(tensor, 0), cross(rowOf(tensor, 1), rowOf(tensor, 2)));
@@ -151,7 +140,7 @@ void compareWithRefined(const Tour& tour) {
     report.columns({"velocity gradient"});
     compare("  largest error", [](const Deviation& d) { return d.gradient.largest; });
     compare("  mean error", [](const Deviation& d) { return d.gradient.mean(); });
-    compare("  at the outer border", [](const Deviation& d) { return d.gradientAtBorder.largest; });
+    compare("  at the border", [](const Deviation& d) { return d.gradientAtBorder.largest; });
     report.columns({"vorticity (exact: 0)"});
     compare("  largest", [](const Deviation& d) { return d.vorticity.largest; });
     compare("  mean", [](const Deviation& d) { return d.vorticity.mean(); });

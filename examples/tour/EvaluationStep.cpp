@@ -3,13 +3,13 @@
 #include "io/Progress.hpp"
 
 #include <baseop/EvalGrid.hpp>
-#include <baseop/ExpandBBox.hpp>
 #include <baseop/LocalFromWorldPoint.hpp>
+#include <baseop/ValidData.hpp>
+#include <dataset/io/Vtk.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <dataset/io/Vtk.hpp>
 #include <limits>
 
 namespace tour {
@@ -22,7 +22,7 @@ using Positions = DirectProductMemArray<Space::point, LinearCoordinateAxisArray,
 using Block = MemArray<3, Space::point>;
 
 // What became of a position.
-enum Outcome : unsigned char { NotFound = 0, Exactly = 1, Approximately = 2, Blanked = 3 };
+enum Outcome : unsigned char { NotFound = 0, Exactly = 1, Approximately = 2 };
 
 // One way to look for positions, and what came of it.
 struct Way {
@@ -40,7 +40,7 @@ struct Way {
 // blocks are too thin for a layer between the outermost two, there is one in their middle.
 Lattice makeLattice(const DataSet& data, int resolution) {
     constexpr double kMarginBelow = 0.0123, kMarginAbove = 0.0171, kMiddle = 0.4877;
-    const auto box = getBoundingBox(data.grid.positions());
+    const auto box = getValidBoundingBox(*data.grid.grid());
     const Space::vector extent = box->maxCoord() - box->minCoord();
     const double longest = std::max({extent[0], extent[1], extent[2]});
     Lattice lattice;
@@ -91,8 +91,6 @@ struct Blocks {
         const auto positions = data.grid.positions();
         positions->iterate([&](const Hestra::StrongPtr<FragmentID>& fragment, const auto&) {
             coordinates.push_back(Hestra::dynamicCast<Block>(positions->getData(fragment)));
-            const auto found = data.blanked.find(FragmentID::Name(fragment, ""));
-            blanked.push_back(found == data.blanked.end() ? nullptr : &found->second);
             return true;
         });
     }
@@ -103,18 +101,8 @@ struct Blocks {
                    [&](const MultiIndex<3>& vertex, double weight) { sum += weight * Space::vector(block[vertex]); });
         return Space::point(sum);
     }
-    [[nodiscard]] bool isBlanked(const LocalFromWorldPoint::Location& at) const {
-        const std::vector<bool>* const marks = blanked[at.fragment];
-        if (!marks) return false;
-        const MultiIndex<3> size = coordinates[at.fragment]->Size();
-        bool any = false;
-        forCorners(at.localCoordinates, size,
-                   [&](const MultiIndex<3>& vertex, double) { any = any || (*marks)[vertex.linear(size)]; });
-        return any;
-    }
 
     std::vector<Hestra::StrongPtr<Block>> coordinates;
-    std::vector<const std::vector<bool>*> blanked;
 };
 
 // Looks for all positions twice: the first search builds what the second then uses.
@@ -140,9 +128,7 @@ void locate(Way& way, const DataSet& data, const Positions& positions) {
     way.outcomes.resize(found.size());
     for (std::size_t n = 0; n < found.size(); ++n) {
         if (!found[n]) continue;
-        way.outcomes[n] = blocks.isBlanked(found[n])               ? Blanked
-                          : found[n].code == LocationResult::Found ? Exactly
-                                                                   : Approximately;
+        way.outcomes[n] = found[n].code == LocationResult::Found ? Exactly : Approximately;
         way.largestMiss =
             std::max(way.largestMiss, distance(blocks.place(found[n]), positionOf(static_cast<long long>(n))));
     }
@@ -159,7 +145,7 @@ void evaluate(Way& way, const DataSet& data, const UniformGrid3D& grid) {
     const auto values = field ? Hestra::dynamicCast<MemArray<3, double>>(field->getFirstData()) : nullptr;
     if (!values) return;
     for (std::size_t n = 0; n < way.values.size(); ++n)
-        if (way.outcomes[n] == Exactly || way.outcomes[n] == Approximately) way.values[n] = values->element(n);
+        if (way.outcomes[n] != NotFound) way.values[n] = values->element(n);
 }
 
 struct Errors {
@@ -231,7 +217,7 @@ void evaluateUniformly(const Tour& tour) {
             for (index_t n = 0; n < lattice.positions(); ++n)
                 inside.push_back(data.exact->isInside(lattice.position(n)));
         else
-            inside = positionsInside(*data.grid.positions(), lattice);
+            inside = positionsInside(*data.grid.grid(), lattice);
     }
     const auto insideCount = static_cast<index_t>(std::count(inside.begin(), inside.end(), true));
     report.row("positions", count(lattice.size[0]) + " x " + count(lattice.size[1]) + " x " + count(lattice.size[2]) +
@@ -261,8 +247,6 @@ void evaluateUniformly(const Tour& tour) {
     compare("found by", [](const Way& way) { return std::string(way.name); });
     compare("  exactly", counted([](Outcome outcome, bool) { return outcome == Exactly; }));
     compare("  approximately", counted([](Outcome outcome, bool) { return outcome == Approximately; }));
-    if (!data.blanked.empty())
-        compare("  in blanked cells", counted([](Outcome outcome, bool) { return outcome == Blanked; }));
     compare("  inside, not found", counted([](Outcome outcome, bool in) { return in && outcome == NotFound; }));
     compare("  outside, but found", counted([](Outcome outcome, bool in) { return !in && outcome != NotFound; }));
     compare("  farthest off", [](const Way& way) { return number(way.largestMiss, 3); });
@@ -287,8 +271,7 @@ void evaluateUniformly(const Tour& tour) {
     const std::array<VtkArray, 2> arrays = {VtkArray{data.field, std::span<const double>(best.values)},
                                             VtkArray{"outcome", std::span<const double>(outcomes)}};
     writeVti(tour.file("uniform.vti"), {extents, origin, spacing}, arrays, {.compress = false});
-    report.row("uniform.vti", data.field + "; outcome: 0 not found, 1 exactly, 2 approximately, 3 blanked",
-               watch.lap());
+    report.row("uniform.vti", data.field + "; outcome: 0 not found, 1 exactly, 2 approximately", watch.lap());
     if (!tour.pictures) return;
     const Progress progress("picture of a slice");
     drawMiddleSlice(tour, lattice, best.values);

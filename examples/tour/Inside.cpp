@@ -65,20 +65,26 @@ private:
     Plane origin_, a_, b_, c_;
 };
 
-std::vector<Face> borderOf(const MemArray<3, Space::point>& positions) {
-    const MultiIndex<3> size = positions.Size();
+std::vector<Face> borderOf(const MemArray<3, Space::point>& positions, const BlockMask* mask) {
+    const MultiIndex<3> size = positions.Size(), cells = size - 1;
     std::vector<Face> faces;
     if (size[0] < 2 || size[1] < 2 || size[2] < 2) return faces;
     for (index_t n = 0; n < positions.nElements(); ++n)
         for (const double coordinate : positions.element(n))
             if (!std::isfinite(coordinate)) return faces;
+    const auto isValid = [&](const MultiIndex<3>& cell) {
+        return cell.inside(cells) && (!mask || mask->isCellValid(cell));
+    };
     for (int axis = 0; axis < 3; ++axis) {
         const int u = (axis + 1) % 3, v = (axis + 2) % 3;
-        for (const index_t layer : {index_t{0}, size[axis] - 1}) {
+        for (index_t layer = 0; layer < size[axis]; ++layer) {
             MultiIndex<3> at;
             at[axis] = layer;
             for (at[v] = 0; at[v] + 1 < size[v]; ++at[v])
                 for (at[u] = 0; at[u] + 1 < size[u]; ++at[u]) {
+                    MultiIndex<3> below = at;
+                    --below[axis]; // no cell where it wraps
+                    if (isValid(at) == isValid(below)) continue;
                     MultiIndex<3> p10 = at, p01 = at, p11 = at;
                     ++p10[u], ++p01[v], ++p11[u], ++p11[v];
                     faces.emplace_back(positions[at], positions[p10], positions[p01], positions[p11]);
@@ -154,12 +160,14 @@ private:
 
 } // namespace
 
-std::vector<bool> positionsInside(const Field& positions, const Lattice& lattice) {
+std::vector<bool> positionsInside(const Grid& grid, const Lattice& lattice) {
     std::vector<bool> inside(lattice.positions(), false);
     Columns columns(lattice);
-    positions.iterate([&](const Hestra::StrongPtr<FragmentID>& fragment, const auto&) {
-        const auto points = Hestra::dynamicCast<MemArray<3, Space::point>>(positions.getData(fragment));
-        if (points) columns.enter(borderOf(*points), inside);
+    const auto positions = grid.CartesianPositions();
+    const Blanking masks(grid);
+    positions->iterate([&](const Hestra::StrongPtr<FragmentID>& fragment, const auto&) {
+        const auto points = Hestra::dynamicCast<MemArray<3, Space::point>>(positions->getData(fragment));
+        if (points) columns.enter(borderOf(*points, masks.of(fragment, points->Size()).rawptr()), inside);
         return true;
     });
     return inside;

@@ -1,6 +1,6 @@
 #pragma once
 
-/// Which positions of a uniform lattice lie in the blocks of a grid, found without looking for cells.
+/// Which positions of a uniform lattice lie in the valid cells of a grid, found without looking for cells.
 
 #include "DataSet.hpp"
 
@@ -21,13 +21,13 @@ struct Lattice {
     }
 };
 
-/// For every position whether it lies in one of the blocks: a line along z through the position crosses the bilinear
-/// faces on the border of a block an odd number of times below it.
+/// For every position whether it lies in one of the blocks, and not in a cell that is blanked there: a line along z
+/// through the position crosses the bilinear faces on the border of what is valid an odd number of times below it.
 ///
 /// Degenerate   a line through an edge may miss faces or meet too many; when it leaves a block no less often than it
 ///              enters it, it is moved by a millionth of the spacing. Folded blocks have no inside that this would find
 ///              rightly; blocks with one layer, and with coordinates that are not finite, have none at all.
 /// Cost         the faces on the border of the blocks times the lines that they cover.
-std::vector<bool> positionsInside(const Vantle::Field& positions, const Lattice& lattice);
+std::vector<bool> positionsInside(const Vantle::Grid& grid, const Lattice& lattice);
 
 } // namespace tour

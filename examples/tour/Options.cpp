@@ -1,8 +1,9 @@
 #include "Options.hpp"
 
+#include <dataset/io/FileError.hpp>
+
 #include <charconv>
 #include <cmath>
-#include <dataset/io/FileError.hpp>
 #include <functional>
 #include <map>
 #include <string_view>

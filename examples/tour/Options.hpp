@@ -3,6 +3,7 @@
 /// The command line of the tour.
 
 #include <dataset/io/Plot3D.hpp>
+
 #include <filesystem>
 #include <optional>
 #include <span>

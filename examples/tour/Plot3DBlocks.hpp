@@ -4,8 +4,9 @@
 
 #include "io/Geometry.hpp"
 
-#include <array>
 #include <dataset/io/Plot3D.hpp>
+
+#include <array>
 #include <filesystem>
 #include <optional>
 #include <vector>

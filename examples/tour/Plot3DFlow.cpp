@@ -4,10 +4,11 @@
 #include "Plot3DBlocks.hpp"
 #include "Report.hpp"
 
+#include <baseop/ValidData.hpp>
+#include <dataset/io/FileError.hpp>
+
 #include <algorithm>
 #include <cmath>
-#include <dataset/io/FileError.hpp>
-#include <limits>
 
 namespace tour {
 
@@ -67,28 +68,18 @@ bool hasCells(const Plot3DBlock& block) {
     return std::all_of(block.extents.begin(), block.extents.end(), [](int extent) { return extent > 1; });
 }
 
-// Empty when all count. `odd` becomes the number of those that only a value excludes.
-std::vector<bool> verticesThatDoNotCount(const Plot3DBlock& block, const BlockFields& fields, std::size_t& odd) {
-    std::vector<bool> marks(block.x.size());
+// 1 for those that count; empty when all do. `odd` becomes the number of those that only a value excludes.
+std::vector<unsigned char> verticesThatCount(const Plot3DBlock& block, const BlockFields& fields, std::size_t& odd) {
+    std::vector<unsigned char> marks(block.x.size(), 1);
     odd = 0;
-    bool any = false;
     for (std::size_t n = 0; n < marks.size(); ++n) {
         const bool blanked = block.blanking && (*block.blanking)[n] == 0;
         bool finite = fields.velocity.empty() || std::isfinite(normSquared(fields.velocity[n]));
         for (const auto& [name, values] : fields.scalars) finite = finite && std::isfinite(values[n]);
         odd += !blanked && !finite;
-        marks[n] = blanked || !finite;
-        any = any || marks[n];
+        if (blanked || !finite) marks[n] = 0;
     }
-    return any ? marks : std::vector<bool>();
-}
-
-void coverBlanked(Values& values, const std::vector<bool>& blanked) {
-    double least = std::numeric_limits<double>::infinity();
-    for (std::size_t n = 0; n < values.size(); ++n)
-        if (!blanked[n]) least = std::min(least, values[n]);
-    for (std::size_t n = 0; n < values.size(); ++n)
-        if (blanked[n]) values[n] = least;
+    return std::find(marks.begin(), marks.end(), 0) == marks.end() ? std::vector<unsigned char>() : marks;
 }
 
 // Faces of a block on which the flow sticks.
@@ -159,7 +150,7 @@ DataSet readPlot3DFlow(const Options& options) {
     data.grid = RegularGrid3D((*data.slice)["flow"]);
     data.hasVelocity = solution.has_value();
 
-    double fastest = 0.0, least = std::numeric_limits<double>::infinity(), greatest = -least;
+    double fastest = 0.0;
     std::vector<std::pair<Hestra::StrongPtr<MemArray<3, Space::point>>, std::vector<Space::vector>>> wallCandidates;
     for (std::size_t b = 0; b < grid.blocks.size(); ++b) {
         const Plot3DBlock& block = grid.blocks[b];
@@ -168,10 +159,10 @@ DataSet readPlot3DFlow(const Options& options) {
         const std::string name = nameOf(b);
         BlockFields fields = solution ? fieldsOf(solution->blocks[b], options.heatRatio) : fieldsOf(block);
         std::size_t odd = 0;
-        const std::vector<bool> blanked = verticesThatDoNotCount(block, fields, odd);
+        std::vector<unsigned char> counting = verticesThatCount(block, fields, odd);
         if (odd > 0)
             data.remarks.push_back(name + ": values that are not finite; vertices left out for them: " + count(odd));
-        if (!blanked.empty() && std::find(blanked.begin(), blanked.end(), false) == blanked.end()) {
+        if (!counting.empty() && std::find(counting.begin(), counting.end(), 1) == counting.end()) {
             data.remarks.push_back(name + " has no vertex that counts and is left out");
             continue;
         }
@@ -180,19 +171,17 @@ DataSet readPlot3DFlow(const Options& options) {
         for (std::size_t n = 0; n < block.x.size(); ++n)
             positions->element(n) = Space::point(block.x[n], block.y[n], block.z[n]);
         const auto fragment = data.grid.addBlock(name, positions);
-        for (auto& [field, values] : fields.scalars) {
-            if (!blanked.empty()) coverBlanked(values, blanked);
-            if (field == "density")
-                for (const double value : values) least = std::min(least, value), greatest = std::max(greatest, value);
+        for (auto& [field, values] : fields.scalars)
             data.grid.setField(field, MemArray<3, double>::makeMemArray(std::move(values), size), fragment);
-        }
         if (solution) {
             data.grid.setField(kVelocity, MemArray<3, Space::vector>::makeMemArray(fields.velocity, size), fragment);
             for (std::size_t n = 0; n < fields.velocity.size(); ++n)
-                if (blanked.empty() || !blanked[n]) fastest = std::max(fastest, normSquared(fields.velocity[n]));
+                if (counting.empty() || counting[n]) fastest = std::max(fastest, normSquared(fields.velocity[n]));
             wallCandidates.emplace_back(positions.strong(), std::move(fields.velocity));
         }
-        if (!blanked.empty()) data.blanked.emplace(name, blanked);
+        if (!counting.empty())
+            data.grid.setField(VertexMaskName, MemArray<3, unsigned char>::makeMemArray(std::move(counting), size),
+                               fragment);
     }
     if (!data.grid.positions()->nFragments())
         throw FileError(solution ? *options.solutionFile : file, "",
@@ -208,9 +197,13 @@ DataSet readPlot3DFlow(const Options& options) {
     else
         data.scalars = {"x", "y", "z"};
     data.field = data.scalars[0];
+    const auto range = ComputeValidRange(*data.grid.grid(), data.field);
+    if (!range)
+        throw FileError(solution ? *options.solutionFile : file, "",
+                        "no cell counts: each has a vertex that is blanked or has values that are not finite");
     // PLOT3D measures density in that of the free stream: a quarter above, the front of a shock shows.
     constexpr double kShock = 1.25;
-    if (solution && least < kShock && kShock < greatest) data.level = kShock;
+    if (solution && range->first < kShock && kShock < range->second) data.level = kShock;
     data.colourField = solution ? "speed" : "z";
     data.view = {{0.7, -0.75, -0.45}, {0.0, 0.0, 1.0}};
     return data;

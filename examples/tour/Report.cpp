@@ -1,11 +1,12 @@
 #include "Report.hpp"
 
+#include <dataset/io/FileError.hpp>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <dataset/io/FileError.hpp>
 #include <unistd.h>
 
 namespace tour {

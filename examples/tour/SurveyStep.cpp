@@ -2,9 +2,8 @@
 #include "io/Progress.hpp"
 
 #include <baseop/BlockJoins.hpp>
-#include <baseop/DataRange.hpp>
-#include <baseop/ExpandBBox.hpp>
 #include <baseop/FragmentSkeleton.hpp>
+#include <baseop/ValidData.hpp>
 
 #include <algorithm>
 #include <optional>
@@ -35,24 +34,13 @@ std::string text(const std::optional<ValueRange>& range) {
     return range ? number(range->first) + " to " + number(range->second) : "none";
 }
 
-std::optional<ValueRange> fragmentRange(const Field& field, const Hestra::StrongPtr<FragmentID>& fragment) {
-    const auto creator = field.getCreator(fragment);
-    if (!creator) return {};
-    const auto range = DataRange<double>::retrieve(*creator, false, false).lock();
-    if (!range) return {};
-    return ValueRange{range->getMin(), range->getMax()};
-}
+// One fragment of a field.
+struct Only : FragmentSelector {
+    explicit Only(const Hestra::StrongPtr<FragmentID>& one) : fragment(one) {}
+    bool isSelected(const Hestra::StrongPtr<FragmentID>& id) const override { return id == fragment; }
 
-// Least and greatest value over all fragments; none without values.
-std::optional<ValueRange> fieldRange(const Field& field) {
-    std::optional<ValueRange> all;
-    field.iterate([&](const auto& fragment, const auto&) {
-        if (const auto range = fragmentRange(field, fragment))
-            all = all ? ValueRange{std::min(all->first, range->first), std::max(all->second, range->second)} : *range;
-        return true;
-    });
-    return all;
-}
+    Hestra::StrongPtr<FragmentID> fragment;
+};
 
 } // namespace
 
@@ -63,10 +51,10 @@ void survey(const Tour& tour) {
 
     const Progress progress("boxes and ranges");
     Stopwatch watch;
-    const auto box = getBoundingBox(data.grid.positions());
+    const auto box = getValidBoundingBox(*data.grid.grid());
     report.row("box", text(box), watch.lap());
     for (const std::string& name : data.scalars) {
-        const auto range = fieldRange(*data.grid.field(name));
+        const auto range = ComputeValidRange(*data.grid.grid(), name);
         report.row(name, text(range), watch.lap());
     }
     CartesianFragments fragments(data.grid.grid());
@@ -82,13 +70,13 @@ void survey(const Tour& tour) {
     for (std::size_t n = 0; n < std::min<std::size_t>(joins->doubtful().size(), kDoubtsListed); ++n)
         report.line("    " + joins->doubtful()[n].reason);
 
-    const auto field = data.grid.field(data.field);
     report.columns({"  name", "vertices", data.field, "box"});
     for (index_t n = 0; n < std::min(total, kFragmentsListed); ++n) {
         const auto fragment = fragments.getFragmentID(n);
         const auto size = getSize(*data.grid.positions()->getCreator(fragment)).as<3>();
         report.columns({"  " + fragments.getFragmentName(n), size ? text(*size) : "?",
-                        text(fragmentRange(*field, fragment)), text(fragments.getBBox(n))});
+                        text(ComputeValidRange(*data.grid.grid(), data.field, Hestra::makeRef<Only>(fragment))),
+                        text(fragments.getBBox(n))});
     }
     if (total > kFragmentsListed) report.line("    ... and " + count(total - kFragmentsListed) + " more");
 }

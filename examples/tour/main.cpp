@@ -7,11 +7,12 @@
 #include "io/Gnuplot.hpp"
 #include "io/Progress.hpp"
 
-#include <algorithm>
-#include <cstdio>
 #include <dataset/io/AtomicFile.hpp>
 #include <dataset/io/FileError.hpp>
 #include <dataset/io/Leftover.hpp>
+
+#include <algorithm>
+#include <cstdio>
 #include <exception>
 #include <iostream>
 #include <new>

@@ -87,4 +87,28 @@ bool directEigenVectors(const LowerTriangular<3, double>& a, FixedArray<Vector3,
     return true;
 }
 
+// The first half of the above alone, and then what sum and squares of the eigenvalues say of the other two.
+bool separateEigenValues(const LowerTriangular<3, double>& a, FixedArray<double, 3>& values) noexcept {
+    const double mean = (a[0] + a[2] + a[5]) * (1.0 / 3.0);
+    const double xx = a[0] - mean, yy = a[2] - mean, zz = a[5] - mean, xy = a[1], xz = a[3], yz = a[4];
+    const double square = (xx * xx + yy * yy + zz * zz + 2.0 * (xy * xy + xz * xz + yz * yz)) * (1.0 / 6.0);
+    // Here no cube overflows or vanishes. NaN fails this, too.
+    if (!(square > 1e-180 && square < 1e180)) return false;
+    const double spread = std::sqrt(square);
+    const double determinant = xx * (yy * zz - yz * yz) - xy * (xy * zz - yz * xz) + xz * (xy * yz - yy * xz);
+    const double h = determinant / (2.0 * square * spread);
+    const double magnitude = std::fabs(h) < 1.0 ? std::fabs(h) : 1.0;
+    const double beta = std::copysign(largestRoot(magnitude), h);
+
+    // The other two have the sum -beta and the sum of squares 6 - beta^2. The square of their distance is off by some
+    // 1e-14, and so the distance by as much over twice itself.
+    const double distanceSquared = 12.0 - 3.0 * beta * beta;
+    if (!(distanceSquared > 1e-5)) return false;
+    const double middle = -0.5 * beta, half = 0.5 * std::sqrt(distanceSquared);
+    const double low = mean + spread * (middle - half), high = mean + spread * (middle + half);
+    const double far = mean + spread * beta;
+    values = beta < 0.0 ? FixedArray<double, 3>(far, low, high) : FixedArray<double, 3>(low, high, far);
+    return true;
+}
+
 } // namespace Orvix::Detail

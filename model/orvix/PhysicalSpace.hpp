@@ -43,6 +43,8 @@ struct Coordinates<Cartesian3D, double> {
         constexpr vector() noexcept = default;
         constexpr vector(double x, double y, double z) noexcept : LinearArray(x, y, z) {}
         constexpr explicit vector(const FixedArray<double, 3>& xyz) noexcept : LinearArray(xyz[0], xyz[1], xyz[2]) {}
+        constexpr explicit vector(const Coordinates<Cartesian3D, float>::vector& v) noexcept
+            : LinearArray(v[0], v[1], v[2]) {}
     };
     /// Covariant and contravariant vectors are the same in Cartesian coordinates.
     using tvector = vector;

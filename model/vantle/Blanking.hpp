@@ -80,6 +80,8 @@ public:
     };
     /// At the vertices (64 word, j, k), (64 word + 1, j, k) ...
     [[nodiscard]] Vertices around(index_t j, index_t k, index_t word) const noexcept;
+    /// Whether all cells around these vertices are valid.
+    [[nodiscard]] bool isWhole(index_t j, index_t k, index_t word) const noexcept;
 
 private:
     MultiIndex<3> mySize, myCells;
@@ -192,6 +194,19 @@ inline bool BlockMask::has(const Orvix::FixedArray<double, 3>& place) const noex
             for (index_t i = low[0]; i <= high[0]; ++i)
                 if (isCellValid({i, j, k})) return true;
     return false;
+}
+
+inline bool BlockMask::isWhole(index_t j, index_t k, index_t word) const noexcept {
+    const index_t left = word < myRowWords ? myCells[0] - 64 * word : 0;
+    const std::uint64_t there = left < 64 ? (std::uint64_t{1} << left) - 1 : ~std::uint64_t{0};
+    std::uint64_t all = there, before = 1;
+    for (index_t z = k > 0 ? k - 1 : k; z <= k && z < myCells[2]; ++z)
+        for (index_t y = j > 0 ? j - 1 : j; y <= j && y < myCells[1]; ++y) {
+            const std::uint64_t* const row = cellRow(y, z);
+            if (left > 0) all &= row[word];
+            if (word > 0) before &= row[word - 1] >> 63;
+        }
+    return all == there && before != 0;
 }
 
 inline BlockMask::Vertices BlockMask::around(index_t j, index_t k, index_t word) const noexcept {

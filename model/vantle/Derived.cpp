@@ -24,8 +24,15 @@ DerivedArray::Source::Source(const StrongPtr<CreativeArrayBase>& creator, const 
                              const StrongPtr<FragmentID>& id, const StrongPtr<BlankingInput>& masks)
     : myCreator(creator), myField(field), myID(id), myMasks(masks) {}
 
+DerivedArray::Source DerivedArray::Source::remembering(const WeakPtr<CreativeArrayBase>& creator) {
+    Source source(StrongPtr<CreativeArrayBase>{});
+    source.myRememberedCreator = creator;
+    return source;
+}
+
 StrongPtr<CreativeArrayBase> DerivedArray::Source::present(const StrongPtr<const Field>& field) const {
-    return field ? field->getCreator(myID) : myCreator;
+    if (field) return field->getCreator(myID);
+    return myCreator ? myCreator : myRememberedCreator.lock();
 }
 
 StrongPtr<MemBase> DerivedArray::Source::data() const {
@@ -45,7 +52,7 @@ Hestra::Ageable::age_t DerivedArray::Source::age() const {
 }
 
 DerivedArray::Source DerivedArray::Source::followed() const {
-    return Source(present(myField.lock()), myField, myID, myMasks);
+    return myRememberedCreator ? *this : Source(present(myField.lock()), myField, myID, myMasks);
 }
 
 DerivedArray::DerivedArray(const Source& source, Derivation derivation, const VantleTypeIndex& elementType,

@@ -45,6 +45,8 @@ public:
         explicit Source(const Hestra::StrongPtr<CreativeArrayBase>& creator,
                         const Hestra::WeakPtr<const Field>& field = {}, const Hestra::StrongPtr<FragmentID>& id = {},
                         const Hestra::StrongPtr<BlankingInput>& masks = {});
+        /// Does not keep the creator alive: without it there are no data.
+        [[nodiscard]] static Source remembering(const Hestra::WeakPtr<CreativeArrayBase>& creator);
         [[nodiscard]] Hestra::StrongPtr<MemBase> data() const;
         [[nodiscard]] Hestra::Freshness freshness() const;
         [[nodiscard]] Hestra::Ageable::age_t age() const;
@@ -55,6 +57,7 @@ public:
         [[nodiscard]] Hestra::StrongPtr<CreativeArrayBase> present(const Hestra::StrongPtr<const Field>& field) const;
 
         Hestra::StrongPtr<CreativeArrayBase> myCreator;
+        Hestra::WeakPtr<CreativeArrayBase> myRememberedCreator;
         Hestra::WeakPtr<const Field> myField;
         Hestra::StrongPtr<FragmentID> myID;
         Hestra::StrongPtr<BlankingInput> myMasks;

@@ -52,6 +52,7 @@
     X(short)
 #define VANTLE_UNREGISTERED_CLASS_TYPES(X)                                                                             \
     X(Orvix::Coordinates<Orvix::Cartesian3D, float>::point)                                                            \
+    X(Orvix::Coordinates<Orvix::Cartesian3D, float>::vector)                                                           \
     X(Orvix::Vector<double, 2>)                                                                                        \
     X(Orvix::Vector<double, 3>)                                                                                        \
     X(Orvix::DomainVector<Orvix::Vector<unsigned char, 4>, Orvix::RGBA, unsigned char>)                                \

@@ -1,3 +1,4 @@
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/GridKinds.hpp>
 
 #include <algorithm>
@@ -159,7 +160,7 @@ void setPositionsRelativeToVertices(Grid& grid, const SkeletonID& id, const Stro
 
 template<class Array>
 StrongPtr<Array> unfragmented(const StrongPtr<Field>& field) {
-    return field ? Hestra::dynamicCast<Array>(field->getData(nullptr)) : StrongPtr<Array>();
+    return field ? Hestra::dynamicCast<Array>(getDataInDoublePrecision(*field)) : StrongPtr<Array>();
 }
 
 std::vector<Edge> edgesOf(const MemArray<1, Triangle>& triangles) {
@@ -189,19 +190,27 @@ StrongPtr<Edges::Array> Edges::getVerticesPerEdge(const StrongPtr<Grid>& grid, b
     return edges;
 }
 
-TriangularSurfaceWithEdges::TriangularSurfaceWithEdges(const StrongPtr<Grid>& grid_) : TypedGrid(grid_) {
+TriangularSurface::TriangularSurface(const StrongPtr<Grid>& grid_) : TypedGrid(grid_) {
     if (!grid_) return;
     myPoints = unfragmented<Points>(grid_->CartesianPositions());
     myTriangles = unfragmented<Triangles>(positionsRelativeToVertices(grid_, SkeletonID(2, 1)));
-    myEdges = Edges::getVerticesPerEdge(grid_, true);
 }
 
-TriangularSurfaceWithEdges TriangularSurfaceWithEdges::create(Grid& grid, std::vector<PhysicalSpace::point> points,
-                                                              std::vector<Triangle> triangles) {
+TriangularSurface TriangularSurface::create(Grid& grid, std::vector<PhysicalSpace::point> points,
+                                            std::vector<Triangle> triangles) {
     const StrongPtr<Grid> handle(&grid);
     GridWithCartesianVertices(handle, 2).positions()->setPersistentData(makeMemArray1D(std::move(points)));
     setPositionsRelativeToVertices(grid, SkeletonID(2, 1), makeMemArray1D(std::move(triangles)));
-    return TriangularSurfaceWithEdges(handle);
+    return TriangularSurface(handle);
+}
+
+TriangularSurfaceWithEdges::TriangularSurfaceWithEdges(const StrongPtr<Grid>& grid_)
+    : TriangularSurface(grid_), myEdges(Edges::getVerticesPerEdge(grid_, true)) {}
+
+TriangularSurfaceWithEdges TriangularSurfaceWithEdges::create(Grid& grid, std::vector<PhysicalSpace::point> points,
+                                                              std::vector<Triangle> triangles) {
+    return TriangularSurfaceWithEdges(
+        TriangularSurface::create(grid, std::move(points), std::move(triangles)).grid());
 }
 
 LineSet::LineSet(const StrongPtr<Grid>& grid_, const StrongPtr<Points>& points,

@@ -121,26 +121,42 @@ public:
                                                                      bool build = false);
 };
 
-/// View of a triangular surface: vertices, triangles, and edges that are made when missing.
-class VANTLE_MODEL_API TriangularSurfaceWithEdges : public TypedGrid {
+/// View of a triangular surface: its vertices and triangles, as the grid has them. Nothing is made or stored.
+class VANTLE_MODEL_API TriangularSurface : public TypedGrid {
 public:
     using Points = MemArray<1, Orvix::PhysicalSpace::point>;
     using Triangles = MemArray<1, Triangle>;
 
+    TriangularSurface() = default;
+    /// Cost  that of looking two fields up, whatever the size of the surface.
+    explicit TriangularSurface(const Hestra::StrongPtr<Grid>& grid);
+    /// Makes the grid a surface of these vertices and triangles.
+    static TriangularSurface create(Grid& grid, std::vector<Orvix::PhysicalSpace::point> points,
+                                    std::vector<Triangle> triangles);
+
+    /// Each null when the grid does not have it.
+    [[nodiscard]] const Hestra::StrongPtr<Points>& points() const noexcept { return myPoints; }
+    [[nodiscard]] const Hestra::StrongPtr<Triangles>& triangles() const noexcept { return myTriangles; }
+
+private:
+    Hestra::StrongPtr<Points> myPoints;
+    Hestra::StrongPtr<Triangles> myTriangles;
+};
+
+/// The same with edges, which are made from the triangles and stored in the grid when they are missing.
+class VANTLE_MODEL_API TriangularSurfaceWithEdges : public TriangularSurface {
+public:
     TriangularSurfaceWithEdges() = default;
+    /// Cost  several times that of an isosurface of this size where edges are made; see `TriangularSurface`.
     explicit TriangularSurfaceWithEdges(const Hestra::StrongPtr<Grid>& grid);
     /// Makes a surface: vertices, triangles and their edges.
     static TriangularSurfaceWithEdges create(Grid& grid, std::vector<Orvix::PhysicalSpace::point> points,
                                              std::vector<Triangle> triangles);
 
-    /// Each null when the grid does not have it.
-    [[nodiscard]] const Hestra::StrongPtr<Points>& points() const noexcept { return myPoints; }
-    [[nodiscard]] const Hestra::StrongPtr<Triangles>& triangles() const noexcept { return myTriangles; }
+    /// Null when the grid has neither edges nor triangles.
     [[nodiscard]] const Hestra::StrongPtr<Edges::Array>& edges() const noexcept { return myEdges; }
 
 private:
-    Hestra::StrongPtr<Points> myPoints;
-    Hestra::StrongPtr<Triangles> myTriangles;
     Hestra::StrongPtr<Edges::Array> myEdges;
 };
 

@@ -23,7 +23,7 @@ template<int N>
 class MemArrayGetSlice;
 
 /// An array of rank `N` with elements in memory, possibly every so-manieth of them: its own (`ReferencingMemArray`),
-/// or those of another array, which it keeps alive.
+/// those of another array, which it keeps alive, or adopted (`adopt`).
 ///
 /// Elements are read and written as in `MultiArray`: `array(i, j, k)`, `array[index]`, `data()`.
 /// Degenerate   an extent of 0 is legal.
@@ -74,6 +74,7 @@ public:
     using TypedArray<T>::nElements;
     [[nodiscard]] MultiIndex<N> getSize() const final { return this->Size(); }
     [[nodiscard]] Hestra::StrongPtr<Hestra::TypedChunkBase<T>> getChunk() const override { return nullptr; }
+    [[nodiscard]] bool isReadOnly() const override { return myOwner && myOwner->isReadOnly(); }
     /// Copies of the first and the last element; value-initialised for an empty array.
     [[nodiscard]] T first() const { return this->myIterator.empty() ? T{} : this->element(0); }
     [[nodiscard]] T last() const { return this->myIterator.empty() ? T{} : this->element(nElements() - 1); }
@@ -177,6 +178,7 @@ public:
     /// Looks at the chunk's elements as they lie now. Fills an empty chunk; `std::length_error` when it is too short.
     void DeferredConstructor() { lookAt(this->Size()); }
 
+    [[nodiscard]] bool hasOwnStorage() const override { return true; }
     /// The chunk; never null.
     [[nodiscard]] const Hestra::StrongPtr<Chunk>& myChunk() const noexcept { return myElements; }
     [[nodiscard]] Hestra::StrongPtr<Hestra::TypedChunkBase<T>> getChunk() const override { return myElements; }
@@ -201,6 +203,88 @@ private:
 
     Hestra::StrongPtr<Chunk> myElements;
 };
+
+namespace detail {
+
+/// An array that looks at memory of somebody else, and lets its owner go in the end.
+template<int N, class T>
+class VANTLE_MODEL_API AdoptedMemArray final : public MemArray<N, T> {
+public:
+    AdoptedMemArray(const ForeignMemory& memory, index_t step, const MultiIndex<N>& size, MemoryOwner&& owner,
+                    const typename MemArray<N, T>::Creator& creator)
+        : MemBase(typeid(T), creator), MemArray<N, T>(creator), myMemoryOwner(std::move(owner)),
+          myIsWritable(memory.isWritable) {
+        // Nothing of this library writes elements of arrays that it did not make.
+        auto* const elements = static_cast<T*>(const_cast<void*>(memory.elements));
+        this->attach(Iterator<T>(elements, step, size.product()), size);
+        myBytes = memory.memsize.value_or(myMemoryOwner ? static_cast<std::size_t>(size.product()) * sizeof(T) : 0);
+    }
+    ~AdoptedMemArray() override = default;
+
+    [[nodiscard]] std::size_t memsize() const override { return myBytes; }
+    [[nodiscard]] bool hasOwnStorage() const override { return true; }
+    [[nodiscard]] bool isReadOnly() const override { return !myIsWritable; }
+
+private:
+    MemoryOwner myMemoryOwner;
+    std::size_t myBytes;
+    bool myIsWritable;
+};
+
+} // namespace detail
+
+/// An array over memory of somebody else. It behaves as one with memory of its own in every operation, except that
+/// `getChunk` is null, there being no vector; nothing is copied unless `memory` asks for it.
+///
+/// The call takes the owner, whatever becomes of it. It is let go of once: with the last handle to the array or to any
+/// slice or component of it; before the call returns when the elements were copied; before it throws. Raw pointers
+/// and views by value (`Iterator`, `MultiArrayBase`) do not count.
+///
+/// The memory is written by nobody but holders of the array, and that only if it `isWritable`. Whoever changes it in
+/// place tells the creator and the field of the array: `touch()`.
+/// Degenerate   no elements: any address is taken.
+/// Failure      `std::invalid_argument` for addresses that are null, numbers of strides or components that do not fit,
+///              strides less than an element, 0 and negative ones included, and layouts that are to be refused;
+///              `std::length_error` when there is not enough memory for extents and strides, or in the world;
+///              `Hestra::MemoryException` when a copy does not fit.
+/// Cost         a few allocations; a copy takes one pass.
+template<int N, class T>
+[[nodiscard]] Hestra::Ref<MemArray<N, T>> adopt(const ForeignMemory& memory, const MultiIndex<N>& size,
+                                                MemoryOwner owner,
+                                                const Hestra::WeakPtr<CreativeArrayBase>& creator = {}) {
+    static_assert(N >= 1 && N <= 4);
+    const detail::ForeignElements found(memory, size.data(), N, detail::ElementForm::of<T>());
+    if (found.isInPlace)
+        return Hestra::makeRef<detail::AdoptedMemArray<N, T>>(memory, found.step, size, std::move(owner), creator);
+    const Hestra::Ref<ReferencingMemArray<N, T>> copy = MemArray<N, T>::create(size, creator);
+    if constexpr (std::is_arithmetic_v<typename ElementTraits<T>::component_type>) {
+        found.copyNumbers(memory, copy->data());
+    } else {
+        std::array<index_t, 4> index{};
+        for (index_t k = 0; k < found.count; ++k) {
+            copy->element(k) = *reinterpret_cast<const T*>(found.at(memory, index));
+            for (std::size_t d = 0; d < 4 && ++index[d] == found.extents[d]; ++d) index[d] = 0;
+        }
+    }
+    return copy;
+}
+/// The same over packed elements; writable if they are not const.
+template<int N, class T>
+requires(std::is_object_v<T>)
+    [[nodiscard]] Hestra::Ref<MemArray<N, std::remove_const_t<T>>> adopt(T* elements, const MultiIndex<N>& size,
+                                                                         MemoryOwner owner) {
+    return adopt<N, std::remove_const_t<T>>(ForeignMemory{.elements = elements, .isWritable = !std::is_const_v<T>},
+                                            size, std::move(owner));
+}
+/// The same over the elements of a vector, which nobody lengthens or shortens meanwhile.
+template<int N, class T>
+[[nodiscard]] Hestra::Ref<MemArray<N, std::remove_const_t<T>>> adopt(const std::shared_ptr<std::vector<T>>& elements,
+                                                                     const MultiIndex<N>& size) {
+    const std::size_t count = elements ? elements->size() : 0;
+    return adopt<N, T>(
+        ForeignMemory{.elements = count ? elements->data() : nullptr, .bytes = count * sizeof(T), .isWritable = true},
+        size, elements);
+}
 
 /// Cuts an array of rank `N` - 1 out of one of rank `N`.
 template<int N>
@@ -251,6 +335,23 @@ public:
         const auto total = size.checkedTotal();
         if (!typed || !total || typed->elements() < *total) return nullptr;
         return make(size, typed, creator);
+    }
+    [[nodiscard]] detail::ElementForm elementForm() const override { return detail::ElementForm::of<T>(); }
+    [[nodiscard]] Hestra::StrongPtr<MemBase> adopt(const ForeignMemory& memory, const DynamicSize& size,
+                                                   MemoryOwner owner,
+                                                   const Hestra::WeakPtr<CreativeArrayBase>& creator) const override {
+        switch (size.rank()) {
+        case 1:
+            return Vantle::adopt<1, T>(memory, *size.as<1>(), std::move(owner), creator);
+        case 2:
+            return Vantle::adopt<2, T>(memory, *size.as<2>(), std::move(owner), creator);
+        case 3:
+            return Vantle::adopt<3, T>(memory, *size.as<3>(), std::move(owner), creator);
+        case 4:
+            return Vantle::adopt<4, T>(memory, *size.as<4>(), std::move(owner), creator);
+        default:
+            return nullptr;
+        }
     }
 
     /// Enters this factory and `VantleType<T>` into the registries. Any library may do so for types of its own.

@@ -31,6 +31,11 @@ int rankNamed(const std::type_info& type, std::integer_sequence<int, Rank...>) {
 
 MemBase::Allocator::~Allocator() = default;
 
+StrongPtr<MemBase> MemBase::Allocator::adopt(const ForeignMemory&, const DynamicSize&, MemoryOwner,
+                                             const Hestra::WeakPtr<CreativeArrayBase>&) const {
+    return nullptr;
+}
+
 MemBase::MemBase(const VantleTypeIndex& elementType, const Hestra::WeakPtr<CreativeArrayBase>& creator)
     : myElementType(elementType) {
     setCreator(creator);

@@ -3,7 +3,10 @@
 
 #include <model/hestra/Cache.hpp>
 #include <model/hestra/Interface.hpp>
+#include <model/vantle/ForeignMemory.hpp>
 #include <model/vantle/VantleType.hpp>
+
+#include <functional>
 
 namespace Vantle {
 
@@ -29,6 +32,12 @@ public:
         /// Whether `domain` names arrays of this element type: the type, the tag of arrays that share its memory, or a
         /// class of arrays, whatever its rank.
         [[nodiscard]] virtual bool isDomain(const std::type_info& domain) const = 0;
+        /// How elements are found in memory; of size 0 when arrays over memory of others are not available.
+        [[nodiscard]] virtual detail::ElementForm elementForm() const { return {}; }
+        /// An array over memory of somebody else, see `adopt`. Null as for `create`.
+        [[nodiscard]] virtual Hestra::StrongPtr<MemBase> adopt(const ForeignMemory& memory, const DynamicSize& size,
+                                                               MemoryOwner owner,
+                                                               const Hestra::WeakPtr<CreativeArrayBase>& creator) const;
     };
 
     explicit MemBase(const VantleTypeIndex& elementType, const Hestra::WeakPtr<CreativeArrayBase>& creator = {});
@@ -46,8 +55,14 @@ public:
     /// The element with this number, axis 0 fastest, as text; empty beyond the last element and for elements
     /// without text form. Numbers appear as by `std::to_string`, components as `{a,b,c}`.
     [[nodiscard]] virtual std::string getElementAsString(index_t index) const = 0;
-    /// Bytes of the chunk of this array; 0 for what owns no chunk: slices, components, computed elements.
+    /// Bytes of the chunk of this array; 0 for what owns no chunk: slices, components, computed elements. Of adopted
+    /// memory what was said of it, see `ForeignMemory`.
     [[nodiscard]] std::size_t memsize() const override;
+    /// Whether the elements lie in memory that is this array's: its chunk's, or adopted. False for slices and
+    /// components, which are parts of another array, and for computed elements.
+    [[nodiscard]] virtual bool hasOwnStorage() const { return false; }
+    /// Whether writing an element is an error that nothing prevents: it is in read-only memory that was adopted.
+    [[nodiscard]] virtual bool isReadOnly() const { return false; }
 
     /// Component `component` of every element: an array of this rank that shares memory, without chunk of its own.
     /// Null when there is no such component and for elements that are computed.
@@ -75,6 +90,8 @@ public:
     [[nodiscard]] static Hestra::StrongPtr<Allocator> findAllocator(const std::type_info& type);
     /// Identities of the element types with a factory, in order of registration.
     [[nodiscard]] static std::vector<VantleTypeIndex> RegisteredTypes();
+    /// The same for element types of which arrays exist, though they are not registered.
+    [[nodiscard]] static Hestra::StrongPtr<Allocator> findAnyAllocator(const std::type_info& type);
 
 protected:
     /// The factory for arrays of this array's own element type, registered or not; null if there is none.
@@ -84,6 +101,19 @@ private:
     VantleTypeIndex myElementType;
     Hestra::WeakPtr<CreativeArrayBase> myCreator;
 };
+
+/// An array over memory of somebody else, of an element type that is known at run time; see `adopt<N, T>` in
+/// `MemArray.hpp`.
+/// Failure      as there; `std::invalid_argument` for a rank beyond 1 to 4 and for types that there are no arrays of.
+[[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<MemBase> adopt(const VantleTypeIndex& type,
+                                                                const ForeignMemory& memory, const DynamicSize& size,
+                                                                MemoryOwner owner,
+                                                                const Hestra::WeakPtr<CreativeArrayBase>& creator = {});
+
+/// The same as a function that creators call when the array is first asked for, and again after it was dropped: what
+/// has to be copied is copied then. Keeps the owner until the function goes. Refuses what is wrong now.
+[[nodiscard]] VANTLE_MODEL_API std::function<Hestra::StrongPtr<MemBase>(const Hestra::WeakPtr<CreativeArrayBase>&)>
+adoptLater(const VantleTypeIndex& type, ForeignMemory memory, const DynamicSize& size, MemoryOwner owner);
 
 /// Rank-typed base of arrays.
 template<int N>

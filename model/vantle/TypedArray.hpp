@@ -16,7 +16,7 @@ public:
 
     [[nodiscard]] const std::type_info& getType() const { return typeid(T); }
 
-    /// The chunk that this array owns, wholly its elements; null for slices and component arrays.
+    /// The chunk that this array owns, wholly its elements; null for slices, component arrays and adopted memory.
     [[nodiscard]] virtual Hestra::StrongPtr<Hestra::TypedChunkBase<T>> getChunk() const = 0;
 
     /// The elements in storage order, axis 0 fastest. Valid while the array lives.

@@ -99,6 +99,12 @@ TEST(BlockJoins, AreTheCuts) {
         expectUncut(CutGrid(*uncut, turned(pieces, random)), size);
         if (HasFailure()) return;
     }
+    // One face against many.
+    const Place size(5, 10, 10);
+    std::vector<Piece> pieces = cutAtPlanes({3, 10, 10}, {{{}, {2, 4, 7}, {1, 3, 5}}});
+    for (Piece& piece : pieces) piece.low[0] += 2;
+    pieces.push_back({{}, {3, 10, 10}});
+    expectUncut(CutGrid(*makeBlock(shapes()[1], size), turned(pieces, random)), size);
 }
 
 /// The joins of one uncut block.
@@ -389,6 +395,43 @@ BlockPtr box(const Point& low, const Point& high, const Place& n) {
     });
 }
 
+// All edges of the cells count, those off the face as well: the faces of a thin block are not the same.
+TEST(BlockJoins, TakeATolerancePerCell) {
+    for (const index_t layers : {index_t{2}, index_t{4}})
+        for (const double gap : {1e-5, 1e-3}) {
+            Scene scene;
+            scene.blocks.addBlock("a", box({0, 0, 0}, {4, 4, 3e-3}, {5, 5, layers}));
+            scene.blocks.addBlock("b", box({4 + gap, 0, 0}, {8, 4, 3e-3}, {5, 5, layers}));
+            JoinOptions options;
+            options.tolerance = 0.1;
+            const auto joins = BlockJoins::of(*scene.grid, options);
+            EXPECT_EQ(joins->joins().size(), gap == 1e-5 ? 1U : 0U) << joins->describe();
+        }
+    // Corners of others between two faces bring these no nearer.
+    Scene scene;
+    scene.blocks.addBlock("a", box({0, 0, 0}, {1, 1, 1}, {2, 2, 2}));
+    scene.blocks.addBlock("b", box({1.15, 0, 0}, {2, 1, 1}, {2, 2, 2}));
+    for (const double y : {0.0, 1.0})
+        for (const double z : {0.0, 1.0})
+            scene.blocks.addBlock("between " + std::to_string(2 * y + z),
+                                  box({1.075, y, z}, {2, 3 * y - 1, 3 * z - 1}, {2, 2, 2}));
+    JoinOptions tenth;
+    tenth.tolerance = 0.1;
+    const auto apart = BlockJoins::of(*scene.grid, tenth);
+    for (const BlockJoin& join : apart->joins(0)) EXPECT_NE(join.second.block, 1U) << apart->describe();
+    // A pole that is no point by rounding.
+    const BlockPtr ball = fieldOn(*sphere(), [](const Point& p) { return p; });
+    for (const index_t j : {index_t{0}, index_t{8}})
+        for (index_t k = 0; k < 17; ++k)
+            for (index_t i = 0; i < 5; ++i) (*ball)(i, j, k)[0] = 1e-17 * std::cos(0.4 * double(k));
+    JoinOptions options;
+    EXPECT_NE(joinsOf(ball, options)->owner({0, Place(1, 0, 3).linear(ball->Size())}).index, 1U);
+    options.tolerance = 1e-6;
+    const auto joins = joinsOf(ball, options);
+    EXPECT_EQ(joins->joins().size(), 1U) << joins->describe();
+    EXPECT_EQ(joins->shared(0).size(), joinsOf(sphere())->shared(0).size());
+}
+
 TEST(BlockJoins, AreDoubtfulWhereOnlySomeVerticesCoincide) {
     const BlockPtr below = box({0, 0, 0}, {2, 2, 1}, {5, 5, 3});
     const auto almost = [](const BlockPtr& block, double off) {
@@ -404,6 +447,18 @@ TEST(BlockJoins, AreDoubtfulWhereOnlySomeVerticesCoincide) {
     const BlockPtr above = box({0, 0, 1}, {2, 2, 2}, {5, 5, 3});
     const BlockPtr leaning =
         fieldOn(*above, [](const Point& p) { return Point(p[0] + 3 * (p[2] - 1), p[1] + 0.3 * (p[2] - 1), p[2]); });
+    const BlockPtr elsewhere = box({0, 0, 1}, {2, 2, 2}, {5, 5, 3});
+    for (index_t j = 0; j < 5; ++j)
+        for (index_t i = 0; i < 5; ++i)
+            if ((i > 1 || j > 1) && (i != 3 || j != 3)) (*elsewhere)(i, j, 0)[0] += 0.05;
+    const auto bulged = [](const BlockPtr& block, double size) {
+        return fieldOn(*block, [size](const Point& p) {
+            return Point(p[0], p[1], p[2] + (p[2] == 1.0 ? size * p[0] * p[1] * (2 - p[0]) * (2 - p[1]) : 0.0));
+        });
+    };
+    const auto layered = [](const BlockPtr& block) { // the first one
+        return fieldOn(*block, [](const Point& p) { return Point(p[0], p[1] == 0.5 ? 0.0 : p[1], p[2]); });
+    };
     for (const Case& one : {
              Case{"finer", {below, box({0, 0, 1}, {2, 2, 2}, {9, 9, 3})}, 0, 2, 25},
              Case{"finer along one axis", {below, box({0, 0, 1}, {2, 2, 2}, {5, 9, 3})}, 0, 2, 25},
@@ -413,9 +468,12 @@ TEST(BlockJoins, AreDoubtfulWhereOnlySomeVerticesCoincide) {
              Case{"one cell", {box({0, 0, 0}, {2, 2, 1}, {2, 2, 2}), box({0, 0, 1}, {2, 2, 2}, {3, 3, 2})}, 0, 2, 4},
              Case{"nearly", {below, almost(box({0, 0, 1}, {2, 2, 2}, {5, 5, 3}), 1e-9)}, 0, 2, 24},
              Case{"not at all in one place", {below, almost(box({0, 0, 1}, {2, 2, 2}, {5, 5, 3}), 0.1)}, 4, 0, 0},
+             Case{"here and there", {below, elsewhere}, 0, 2, 5},
              Case{"three sheets", {below, above, leaning}, 0, 6, 25},
              Case{"three sheets in part", {below, above, box({0, 0, 0}, {2, 1, 1}, {5, 3, 3})}, 1, 14, 9},
              Case{"twice", {below, box({0, 0, 0}, {2, 2, 1}, {5, 5, 3})}, 0, 12, 15},
+             Case{"a rim around a lens", {bulged(below, 1.0), bulged(above, 2.0)}, 0, 0, 0},
+             Case{"layers without thickness", {layered(below), layered(box({2, 0, 0}, {4, 2, 1}, {5, 5, 3}))}, 1, 0, 0},
              Case{"an edge", {below, box({2, 0, 1}, {4, 2, 2}, {5, 5, 3})}, 0, 0, 0},
              Case{"an edge inside",
                   {below, box({1, 0, 1}, {3, 2, 2}, {5, 5, 3}), box({0, 0, 2}, {1, 2, 3}, {3, 5, 3})},

@@ -37,4 +37,24 @@ TEST(BoundsAllocation, AskingForAttachedResultsAllocatesNothing) {
     EXPECT_TRUE(found);
 }
 
+// Neither of adopted memory nor of that of an array of ours, by what only reads.
+TEST(BoundsAllocation, NothingIsCopiedOfAdoptedMemory) {
+    const MultiIndex<3> size(50, 40, 30);
+    std::vector<point> points(2 * size.product(), point(1, 2, 3));
+    points[0][0] = -7;
+    for (const std::ptrdiff_t stride : {24, 48}) {
+        Hestra::StrongPtr<Orvix::BoundingBox> box;
+        const ForeignMemory memory{.elements = points.data(), .strides = {stride}};
+        EXPECT_LT(support::bytesAllocatedBy([&] {
+                      const auto creator = support::creatorOf(adopt<3, point>(memory, size, nullptr).strong());
+                      EXPECT_TRUE(ExpandBBox(box, *creator));
+                      const auto y = support::creatorOf(creator->getData()->componentArray(1));
+                      EXPECT_EQ(DataRange<double>::compute(*y, false, false).lock()->getMax(), 2.0);
+                  }),
+                  10000U);
+        ASSERT_TRUE(box);
+        EXPECT_EQ(box->minCoord()[0], -7.0);
+    }
+}
+
 } // namespace

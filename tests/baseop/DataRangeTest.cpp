@@ -8,6 +8,7 @@
 #include <omp.h>
 #include <random>
 #include <support/Creators.hpp>
+#include <support/Teams.hpp>
 
 using namespace Vantle;
 using Hestra::StrongPtr;
@@ -39,17 +40,6 @@ bool sameBits(T a, T b) {
     return std::memcmp(&a, &b, sizeof(T)) == 0;
 }
 
-/// Calls `check` with teams of 1 to 4 threads, and then restores what the caller of this program has chosen.
-template<class Check>
-void forTeamsOfOneToFour(const Check& check) {
-    const int chosen = omp_get_max_threads();
-    for (int threads = 1; threads <= 4 && !testing::Test::HasFatalFailure(); ++threads) {
-        omp_set_num_threads(threads);
-        check();
-    }
-    omp_set_num_threads(chosen);
-}
-
 template<class T>
 void expectPlainResult(CreativeArrayBase& creator, const std::vector<T>& elements) {
     const auto [min, max] = plainRange(elements, static_cast<std::size_t>(omp_get_max_threads()));
@@ -77,7 +67,7 @@ TYPED_TEST_SUITE(FloatDataRangeTest, FloatTypes);
 } // namespace
 
 TYPED_TEST(DataRangeTest, EqualsThePlainFold) {
-    forTeamsOfOneToFour([] {
+    support::forTeamsUpTo(4, [] {
         std::mt19937 random(7);
         for (const std::size_t size : {1u, 2u, 3u, 4u, 5u, 17u, 193u, 1000u, 20001u}) {
             std::vector<TypeParam> elements(size);
@@ -99,7 +89,7 @@ TYPED_TEST(DataRangeTest, EqualsThePlainFold) {
 
 TYPED_TEST(FloatDataRangeTest, EqualsThePlainFoldWithNaNInEveryPlace) {
     const auto nan = std::numeric_limits<TypeParam>::quiet_NaN();
-    forTeamsOfOneToFour([nan] {
+    support::forTeamsUpTo(4, [nan] {
         for (const std::size_t size : {1u, 2u, 3u, 9u, omp_get_max_threads() == 1 ? 301u : 20u})
             for (std::size_t i = 0; i < size; ++i) {
                 std::vector<TypeParam> elements(size);
@@ -122,7 +112,7 @@ TYPED_TEST(FloatDataRangeTest, EqualsThePlainFoldOnSpecialValues) {
                                   -Limits::infinity(),
                                   Limits::denorm_min(),
                                   -Limits::denorm_min()};
-    forTeamsOfOneToFour([&specials] {
+    support::forTeamsUpTo(4, [&specials] {
         std::mt19937 random(11);
         // Which specials are sprinkled in, how densely, and what lies between them.
         for (const unsigned kinds : {2u, 4u, 8u})
@@ -148,7 +138,7 @@ TEST(DataRange, ReadsStridedAndPartialArraysElementByElement) {
     std::vector<double> middle; // component 1 in plane 2
     for (index_t k = 40; k < 60; ++k) middle.push_back(whole->element(k)[1]);
     const auto creator = support::creatorOf(whole->getComponentArray(1)->getSlice(2).strong());
-    forTeamsOfOneToFour([&] { expectPlainResult(*creator, middle); });
+    support::forTeamsUpTo(4, [&] { expectPlainResult(*creator, middle); });
 }
 
 TEST(DataRange, IsAttachedAndPublishedAndFreshUntilTheCreatorGetsOlderData) {

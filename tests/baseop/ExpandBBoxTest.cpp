@@ -6,6 +6,7 @@
 #include <limits>
 #include <random>
 #include <support/Creators.hpp>
+#include <support/Teams.hpp>
 
 using namespace Vantle;
 using Hestra::StrongPtr;
@@ -104,6 +105,16 @@ TYPED_TEST(PointBoxTest, EqualsThePlainSweepWithNaNAndZerosOfBothSigns) {
                     expectPlainBox(points);
                     if (this->HasFatalFailure()) return;
                 }
+    // Enough for a team: zeros of both signs in one piece or another, and now and then a NaN.
+    support::forTeamsUpTo(3, [&] {
+        for (const unsigned kinds : {1u, 2u, 3u}) {
+            std::vector<TypeParam> points(100'003);
+            for (TypeParam& p : points)
+                for (Coordinate& x : p)
+                    x = random() % 30000 ? static_cast<Coordinate>(random() % 1000 + 1) : specials[random() % kinds];
+            expectPlainBox(points);
+        }
+    });
     for (std::size_t i = 0; i < 150; ++i) { // one NaN in every place
         std::vector<TypeParam> points(50, TypeParam(1, 2, 3));
         points[20] = TypeParam(7, 8, 9);

@@ -1,24 +1,12 @@
 // The law of everything that is kept: the same answer as if nothing had ever been kept, whatever became of the inputs
 // and whatever memory pressure dropped meanwhile.
 
-#include <baseop/DataRange.hpp>
-#include <baseop/EvalGrid.hpp>
-#include <baseop/ExpandBBox.hpp>
-#include <baseop/FragmentSkeleton.hpp>
-#include <baseop/GridEvaluator.hpp>
-#include <baseop/Isosurface.hpp>
-#include <baseop/LocalFromWorldPoint.hpp>
-#include <baseop/PartialDerivative.hpp>
-#include <baseop/ResampleRegularGrid.hpp>
-#include <baseop/TangentialVectors.hpp>
 #include <model/hestra/Console.hpp>
 
 #include <atomic>
 #include <gtest/gtest.h>
-#include <map>
 #include <set>
-#include <sstream>
-#include <support/LocationGrids.hpp>
+#include <support/Families.hpp>
 #include <thread>
 
 namespace {
@@ -28,36 +16,13 @@ using Orvix::BoundingBox;
 using support::Block;
 using support::Point;
 using namespace Vantle;
-
-constexpr int kBlocks = 18; // fragment trees are walked beyond 16
-const Point kMove(100, 50, 0);
-const char* const kAdded = "added";
-/// Cells about as long as wide, of which none is a parallelepiped.
-const support::Shape kBent{
-    "Bent", [](double u, double v, double w) { return Point(kBlocks * u + 0.2 * v * w, v + 0.1 * u, w + 0.1 * u * v); },
-    false};
-
-/// Blocks with a field, curves through some of their vertices, and what is derived lazily.
-struct World {
-    BundlePtr bundle = BundlePtr::create();
-    StrongPtr<Slice> slice = bundle[0.0];
-    StrongPtr<Grid> grid = slice->newGrid("blocks"), curves = slice->newGrid("curves");
-    RegularGrid3D blocks{grid};
-    StrongPtr<Field> derivative;
-    StrongPtr<Grid> resampled;
-    int evaluations = 0;
-    Hestra::Ageable requested;
-
-    void add(const std::string& name, const StrongPtr<Block>& points, const StrongPtr<MemArray<3, double>>& values) {
-        blocks.setField("values", values, blocks.addBlock(name, points));
-    }
-    [[nodiscard]] StrongPtr<Field> positions() const { return blocks.positions(); }
-    [[nodiscard]] StrongPtr<Field> values() const { return blocks.field("values"); }
-    [[nodiscard]] StrongPtr<Field> vertices() const { return LineSet(curves).positions(); }
-    [[nodiscard]] StrongPtr<FragmentID> block(const char* name) const { return positions()->getFragmentID(name); }
-};
+using namespace support::families;
 
 using Mask = MemArray<3, unsigned char>;
+
+StrongPtr<FragmentID> blockOf(const World& world, const std::string& name) {
+    return world.positions()->getFragmentID(name);
+}
 
 /// All vertices but the one with this number.
 StrongPtr<Mask> allBut(index_t blanked) {
@@ -66,17 +31,9 @@ StrongPtr<Mask> allBut(index_t blanked) {
     return mask.strong();
 }
 
-void make(World& world) {
-    for (int b = 0; b < kBlocks; ++b) {
-        const auto block =
-            support::makeBlock(kBent, {3, 3, 3}, {double(b) / kBlocks, 0, 0}, {double(b + 1) / kBlocks, 1, 1});
-        world.add(std::string(1, static_cast<char>('A' + b)), block, support::linearOn(*block));
-    }
-    const StrongPtr<LineSet::Points> points = makeMemArray1D(std::vector<Point>{{0, 0, 0}, {3, 4, 0}, {3, 4, 2}});
-    const StrongPtr<MemArray<1, std::vector<index_t>>> lines =
-        makeMemArray1D(std::vector<std::vector<index_t>>{{0, 1, 2}});
-    (void)LineSet(world.curves, points, lines);
-    world.blocks.setField(VertexMaskName, allBut(13), world.block("A"));
+void makeMasked(World& world) {
+    make(world);
+    world.blocks.setField(VertexMaskName, allBut(13), blockOf(world, "A"));
 }
 
 template<class Array>
@@ -86,25 +43,15 @@ StrongPtr<Array> copyOf(const StrongPtr<MemBase>& data) {
 
 /// The same data in new arrays, fields and grids: nothing has been kept of them.
 void copy(World& to, const World& from) {
-    from.positions()->iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        if (creator)
-            to.add(id->name(), copyOf<Block>(creator->create()),
-                   copyOf<MemArray<3, double>>(from.values()->getData(id)));
-        else
-            to.positions()->makeFragmentID(id->name());
-        return true;
-    });
+    rebuild(to, from, [](const auto& array) { return StrongPtr<MemBase>(array.copy()); });
     for (const char* const name : {VertexMaskName, CellMaskName})
         if (const StrongPtr<Field> mask = from.blocks.field(name))
             mask->iterate(
                 [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-                    to.blocks.setField(name, copyOf<Mask>(creator->create()), to.block(id->name().c_str()));
+                    to.blocks.setField(name, copyOf<Mask>(creator->create()), blockOf(to, id->name()));
                     return true;
                 },
                 false);
-    const LineSet lines(from.curves);
-    const StrongPtr<LineSet::Points> points = copyOf<MemArray<1, Point>>(lines.positions()->getData());
-    (void)LineSet(to.curves, points, copyOf<MemArray<1, std::vector<index_t>>>(lines.curves()->getData()));
 }
 
 // ------------------------------------------------------------------------------------------------------------- changes
@@ -186,13 +133,13 @@ const Change kChanges[] = {
     // In blocks that the surface goes through.
     {"MaskSet",
      [](World& world) {
-         world.blocks.setField(CellMaskName, Mask::create({2, 2, 2}), world.block("B"));
+         world.blocks.setField(CellMaskName, Mask::create({2, 2, 2}), blockOf(world, "B"));
      }},
     {"MaskWrittenInPlace",
      [](World& world) {
          const auto mask = world.blocks.field(VertexMaskName);
-         Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(0) = 0;
-         Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(13) = 1;
+         Hestra::dynamicCast<Mask>(mask->getData(blockOf(world, "A")))->element(0) = 0;
+         Hestra::dynamicCast<Mask>(mask->getData(blockOf(world, "A")))->element(13) = 1;
          mask->touch();
      }},
     {"MaskReplaced",
@@ -202,7 +149,7 @@ const Change kChanges[] = {
              [](const Hestra::WeakPtr<CreativeArrayBase>&) -> StrongPtr<MemBase> {
                  return Mask::create({3, 3, 3});
              },
-             typeid(unsigned char), MultiIndex<3>::filled(3), world.block("B"), Field::ReplaceExisting,
+             typeid(unsigned char), MultiIndex<3>::filled(3), blockOf(world, "B"), Field::ReplaceExisting,
              Hestra::Cache::MemCache());
          other->setAge(1);
          (*world.blocks.representation())[VertexMaskName] = other;
@@ -232,189 +179,26 @@ const Change kChanges[] = {
      }},
 };
 
-// --------------------------------------------------------------------------------------------------------------- kinds
-
-using Answer = std::ostringstream;
-
-void print(Answer& answer, const StrongPtr<BoundingBox>& box) {
-    if (box)
-        answer << box->minCoord() << box->maxCoord() << "\n";
-    else
-        answer << "no box\n";
-}
-
-void print(Answer& answer, const StrongPtr<MemBase>& array) {
-    if (!array) return;
-    for (index_t n = 0; n < array->nElements(); ++n) answer << array->getElementAsString(n) << " ";
-    answer << "\n";
-}
-
-/// All but a fragment that was added: what is derived lazily has the fragments of its making.
-void printDerived(Answer& answer, const Field& field) {
-    field.iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        if (id->name() == kAdded || !creator) return true;
-        if (const StrongPtr<MemBase> data = creator->create()) {
-            answer << id->name() << std::to_string(data->nElements()) << getSize(*creator).rank() << " ";
-            print(answer, data);
-        }
-        return true;
-    });
-}
-
-void printFragments(Answer& answer, const StrongPtr<Grid>& grid) {
-    const CartesianFragments fragments(grid);
-    for (index_t i = 0; i < grid->CartesianPositions()->nFragments(); ++i) {
-        answer << fragments.getFragmentName(i) << FragmentID::Name(fragments.getFragmentID(i), "none");
-        print(answer, fragments.getBBox(i));
-    }
-}
-
-/// Where positions in all blocks are found, those of before and of after.
-template<class Find>
-void printFound(Answer& answer, const Find& find) {
-    for (int b = 0; b <= kBlocks; ++b)
-        for (const bool moved : {false, true}) {
-            Point p = kBent.at((b + 0.3) / kBlocks, 0.4, 0.7);
-            if (b == kBlocks) p = support::shapes()[0].at(2.4, 2.6, 0.3);
-            if (moved) p = p + (kMove - Point());
-            LocalPoint found;
-            if (find(p, found))
-                answer << b << moved << FragmentID::Name(found.fragment, "") << found.localCoordinates << "\n";
-        }
-}
-
-template<CellLocator Kind>
-void locate(Answer& answer, World& world) {
-    LocatorOptions options;
-    options.cellLocator = Kind;
-    const LocalFromWorldPoint locator(world.slice, world.grid, "Positions", options);
-    printFound(answer, [&](const Point& p, LocalPoint& found) { return locator.get(p, found); });
-}
-
-struct Kind {
-    const char* name;
-    void (*compute)(Answer&, World&);
-};
-
-const Kind kKinds[] = {
-    {"ArrayRange",
-     [](Answer& answer, World& world) {
-         world.values()->iterate(
-             [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
-                 const auto range = DataRange<double>::retrieve(*creator, false, false).lock();
-                 answer << range->getMinf() << " " << range->getMaxf() << "\n";
-                 return true;
-             },
-             false);
-     }},
-    {"FragmentBox",
-     [](Answer& answer, World& world) {
-         world.positions()->iterate(
-             [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
-                 StrongPtr<BoundingBox> box;
-                 EXPECT_TRUE(ExpandBBox(box, *creator, CreateData));
-                 print(answer, box);
-                 return true;
-             },
-             false);
-     }},
-    {"FieldBox", [](Answer& answer, World& world) { print(answer, getBoundingBox(world.positions())); }},
-    {"NamesAndBoxes",
-     [](Answer& answer, World& world) {
-         CartesianFragments(world.grid).discardOutdated();
-         printFragments(answer, world.grid);
-     }},
-    {"FragmentCoordinates",
-     [](Answer& answer, World& world) {
-         const LocalFromWorldPoint locator(world.slice, world.grid);
-         printFragments(answer, world.grid);
-         answer << locator.nFragments();
-     }},
-    {"FragmentTree",
-     [](Answer& answer, World& world) {
-         const LocalFromWorldPoint locator(world.slice, world.grid);
-         std::map<int, double> distances;
-         const auto attached = world.positions()->findInterface<FragmentTreeInterface>();
-         attached->tree()->forEachInBox(Point(1, 2, 3), Point(1e9, 1e9, 1e9),
-                                        [&](int number, double distance) { distances[number] = distance; });
-         for (const auto& [number, distance] : distances) answer << number << " " << distance << "\n";
-     }},
-    {"UnigridMappers", locate<CellLocator::Newton>},
-    {"ExactLocators", locate<CellLocator::Exact>},
-    {"TreeMappers",
-     [](Answer& answer, World& world) {
-         const LocalFromWorldPoint locator(world.slice, world.grid);
-         printFound(answer, [&](const Point& p, LocalPoint& found) { return locator.getViaTree(p, found); });
-     }},
-    {"Evaluation",
-     [](Answer& answer, World& world) {
-         const auto lattice = world.slice->newGrid("lattice");
-         RegularGrid3D(lattice).addBlock("old", Hestra::makeRef<UniformCartesianArray>(
-                                                    BoundingBox({0, 0, 0}, {18, 1, 1}), MultiIndex<3>(30, 3, 3)));
-         RegularGrid3D(lattice).addBlock("new", Hestra::makeRef<UniformCartesianArray>(
-                                                    BoundingBox({100, 50, 0}, {118, 51, 1}), MultiIndex<3>(30, 3, 3)));
-         const auto result = EvalGrid(*lattice, *world.grid, "values", *world.slice, "", false);
-         for (const char* const name : {"old", "new"}) print(answer, result->getData(result->getFragmentID(name)));
-     }},
-    {"Surface",
-     [](Answer& answer, World& world) {
-         const auto surface = ComputeIsosurface(1.5, world.requested, *world.grid, "values", *world.slice, "s", 0.0);
-         const auto triangles = surface->getSkeleton(SkeletonID(2, 1))->findRepresentation(*surface->findVertices(2));
-         print(answer, surface->CartesianPositions()->getData());
-         print(answer, triangles->Positions()->getData());
-     }},
-    {"Tangents",
-     [](Answer& answer, World& world) {
-         const TangentialVectorsAndCurveParameter result(*world.curves);
-         print(answer, StrongPtr<MemBase>(result.tangents()));
-         print(answer, StrongPtr<MemBase>(result.curveParameters()));
-         answer << result.maximalLength();
-     }},
-    {"Derivative",
-     [](Answer& answer, World& world) {
-         std::string errors;
-         const auto vertices = world.blocks.representation();
-         if (!world.derivative)
-             world.derivative = PartialDerivative(*world.values(), "gradient", *vertices, *vertices, errors);
-         printDerived(answer, *world.derivative);
-     }},
-    {"ResampledField",
-     [](Answer& answer, World& world) {
-         if (!world.resampled) {
-             world.resampled = world.slice->newGrid("resampled");
-             EXPECT_TRUE(ResampleRegularGrid3D(*world.resampled, *world.grid, "twice", {2, 2, 2}));
-         }
-         printDerived(answer, *(*world.resampled)("values"));
-     }},
-};
-
 enum class Pressure { None, Before, After };
 
 struct FreshnessTest : testing::TestWithParam<std::tuple<Kind, Change, Pressure>> {
     void SetUp() override { Hestra::Console::setListener({}); }
     void TearDown() override { Hestra::Console::useStandardOutput(); }
-
-    static std::string answer(const Kind& kind, World& world) {
-        Answer text;
-        text << std::hexfloat;
-        kind.compute(text, world);
-        return text.str();
-    }
 };
 
 TEST_P(FreshnessTest, TheAnswerIsTheOneAsIfNothingHadEverBeenKept) {
     const auto& [kind, change, pressure] = GetParam();
     World world, untouched;
-    make(world);
-    const std::string before = answer(kind, world);
-    EXPECT_EQ(answer(kind, world), before);
+    makeMasked(world);
+    const std::string before = answerOf(kind, world);
+    EXPECT_EQ(answerOf(kind, world), before);
     if (pressure == Pressure::Before) Hestra::Cache::MemCache()->clear();
     change.make(world);
     if (pressure == Pressure::After) Hestra::Cache::MemCache()->clear();
-    const std::string after = answer(kind, world);
+    const std::string after = answerOf(kind, world);
     copy(untouched, world);
-    EXPECT_EQ(after, answer(kind, untouched));
-    EXPECT_EQ(answer(kind, world), after);
+    EXPECT_EQ(after, answerOf(kind, untouched));
+    EXPECT_EQ(answerOf(kind, world), after);
     static const std::set<std::string> masked{"UnigridMappers", "ExactLocators", "TreeMappers",
                                               "Evaluation",     "Surface",       "Derivative"};
     const std::string name = change.name;
@@ -442,15 +226,15 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
         if (std::string(kind.name) != "Derivative" && std::string(kind.name) != "ResampledField") continue;
         SCOPED_TRACE(kind.name);
         World world;
-        make(world);
-        const std::string before = FreshnessTest::answer(kind, world);
+        makeMasked(world);
+        const std::string before = answerOf(kind, world);
         const StrongPtr<Field> derived = world.derivative ? world.derivative : (*world.resampled)("values");
         const auto id = derived->getFragmentID("B");
         const StrongPtr<CreativeArrayBase> creator = derived->getCreator(id);
         const auto fieldAge = derived->age(), age = creator->age();
         EXPECT_GE(fieldAge, world.values()->age());
         Hestra::Cache::MemCache()->clear();
-        EXPECT_EQ(FreshnessTest::answer(kind, world), before);
+        EXPECT_EQ(answerOf(kind, world), before);
         EXPECT_EQ(derived->age(), fieldAge);
         EXPECT_EQ(creator->age(), age);
 
@@ -458,7 +242,7 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
         EXPECT_GT(derived->age(), fieldAge) << "before anybody asks";
         EXPECT_GT(creator->age(), age);
         EXPECT_FALSE(creator->hasData());
-        const std::string after = FreshnessTest::answer(kind, world);
+        const std::string after = answerOf(kind, world);
         EXPECT_NE(after, before);
         EXPECT_TRUE(creator->hasData());
 
@@ -470,11 +254,11 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
 
         // What a field had last stays the source when the field dies.
         setNew<MemArray<3, double>>(*world.values());
-        const std::string last = FreshnessTest::answer(kind, world);
+        const std::string last = answerOf(kind, world);
         const auto lastAge = creator->age();
         world.blocks.representation()->setField("values", nullptr);
         Hestra::Cache::MemCache()->clear();
-        EXPECT_EQ(FreshnessTest::answer(kind, world), last);
+        EXPECT_EQ(answerOf(kind, world), last);
         EXPECT_EQ(creator->age(), lastAge);
     }
 }
@@ -483,7 +267,7 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
 // happens.
 TEST(FreshnessOf, NamesAndBoxesAreMadeWhenTheyAreAskedFor) {
     World world;
-    make(world);
+    makeMasked(world);
     const CartesianFragments fragments(world.grid);
     EXPECT_EQ(fragments.getFragmentName(3), "D");
     const auto expectAllAfterOne = [&](const auto& query) {
@@ -513,7 +297,7 @@ TEST(FreshnessOf, NamesAndBoxesAreMadeWhenTheyAreAskedFor) {
 TEST(FreshnessOf, WhatACallerHasPutInPlaceStays) {
     const Hestra::ScopedListener silent({});
     World world;
-    make(world);
+    makeMasked(world);
     CartesianFragments fragments(world.grid);
     const auto tree = Hestra::makeRef<Orvix::KDTree<3, int>>();
     tree->insert(Point(), 7);
@@ -540,7 +324,7 @@ TEST(FreshnessOf, WhatACallerHasPutInPlaceStays) {
 TEST(FreshnessOf, LocatorsOfBeforeAndOfAfter) {
     const Hestra::ScopedListener silent({});
     World world;
-    make(world);
+    makeMasked(world);
     const auto target = makeMemArray1D(std::vector<Point>{kBent.at(0.3, 0.4, 0.7)});
     GridEvaluator::Context context;
     context.slice = world.slice;

@@ -378,9 +378,6 @@ TEST(GridEvaluatorTest, FiveKindsOfPositionsInTheirShapes) {
     using V2 = Orvix::Vector<double, 2>;
     check(makeMemArray1D(std::vector<V3>{V3(b[0], b[1], b[2])}), MultiIndex<1>(1), {linear(b)});
     check(makeMemArray1D(std::vector<V2>{V2(a[0], a[1])}), MultiIndex<1>(1), {linear({a[0], a[1], 0})});
-    // A strided part of an array, as positions.
-    const auto slab = MemArray<2, Point>::makeMemArray({a, b, b, a}, {2, 2})->getSlice(1);
-    check(slab.strong(), MultiIndex<1>(2), {linear(b), linear(a)});
 
     // Whatever else there is: nothing happens.
     GridEvaluator evaluator;

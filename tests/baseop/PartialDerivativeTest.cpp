@@ -110,20 +110,6 @@ TEST(PartialDerivativeTest, IsTheDefinitionToTheLastBitForAnyNumberOfThreads) {
     omp_set_num_threads(threads);
 }
 
-// A component of a tensor field and a slice of a time series lie in memory with gaps.
-TEST(PartialDerivativeTest, TakesArraysThatShareMemory) {
-    const MultiIndex<3> size(6, 5, 4);
-    const auto place = [](double i, double j, double k) { return PhysicalSpace::vector(i * j, j * k * k, i - k * k); };
-    const auto vectors = arrayOf<PhysicalSpace::vector>(size, place);
-    const auto jacobian = derived<Tensor>(vectors);
-    for (int c = 0; c < 3; ++c) {
-        const auto gradient = derived<PhysicalSpace::vector>(vectors->getComponentArray(c).strong());
-        ASSERT_TRUE(gradient);
-        for (index_t n = 0; n < gradient->nElements(); ++n)
-            for (int axis = 0; axis < 3; ++axis) EXPECT_EQ(gradient->element(n)[axis], jacobian->element(n)(axis, c));
-    }
-}
-
 TEST(PartialDerivativeTest, OthersHaveNone) {
     EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>()));
     EXPECT_FALSE(PartialDerivative(StrongPtr<MemBase>(MemArray<3, float>::create({3, 3, 3}))));

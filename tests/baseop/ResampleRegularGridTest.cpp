@@ -9,6 +9,7 @@
 #include <limits>
 #include <omp.h>
 #include <random>
+#include <support/Teams.hpp>
 #include <thread>
 
 namespace {
@@ -82,7 +83,12 @@ TYPED_TEST(ResampleArrayTest, HasTheBitsOfTheKernelAtEveryNode) {
         omp_set_num_threads(1 + n % 3);
         expectKernelAtEveryNode<TypeParam>(randomArray<TypeParam>(size), factors);
     }
-    expectKernelAtEveryNode<TypeParam>(randomArray<TypeParam>({300, 41, 3}), {2.0, 3.0, 1.5});
+    // Strips for all threads; fewer rows than threads; one row; rows longer than a strip.
+    for (const MultiIndex<3>& size :
+         {MultiIndex<3>(300, 41, 3), MultiIndex<3>(100, 1, 200), MultiIndex<3>(90, 2, 90), MultiIndex<3>(9000, 3, 2)})
+        support::forTeamsUpTo(5, [&] {
+            expectKernelAtEveryNode<TypeParam>(randomArray<TypeParam>(size), {2.0, 1.5, 1.5});
+        });
     // A slice of an array of four axes, and one component of an array of several: elements with gaps.
     const auto whole = MemArray<4, double>::create({5, 4, 3, 2});
     for (index_t k = 0; k < whole->nElements(); ++k) whole->element(k) = static_cast<double>(k);

@@ -1,8 +1,11 @@
 #include <baseop/SurfaceRefinement.hpp>
+#include <model/hestra/Console.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <random>
+#include <support/Teams.hpp>
 
 namespace {
 
@@ -63,6 +66,72 @@ TEST(SurfaceRefinementTest, EdgeTableIsThatOfThePlainDoubleLoop) {
               (std::vector<Edge>{{0, 1}, {0, 2}, {0, 3}, {1, 3}, {1, 2}, {2, 3}, {NoFace, NoFace}}));
     tetrahedron.pop_back();
     EXPECT_EQ(fastTable(tetrahedron, edges)[2], Edge(0, 0));
+}
+
+// Large enough for teams, of which each slab must continue those before it: many triangles at each vertex and edge, so
+// that tables overflow; vertices in order or few and huge; positions nowhere, and flags that are few, half or most.
+TEST(SurfaceRefinementTest, TeamsGiveWhatOneThreadGives) {
+    std::mt19937 random(7);
+    for (const unsigned factor : {1U, 100'003U}) {
+        auto vertex = [&, group = 0U](bool isInAnother = false) mutable {
+            if (isInAnother) group = unsigned(random() % 1'125) * 8;
+            return (group + unsigned(random() % 8)) * factor;
+        };
+        std::vector<Triangle> triangles(30'000);
+        for (Triangle& t : triangles) t = Triangle{vertex(true), vertex(), vertex()}; // in this order
+        std::vector<Edge> edges(40'003);
+        for (Edge& e : edges) {
+            const Triangle& t = triangles[random() % triangles.size()];
+            e = random() % 9 ? Edge(t[2], t[0]) : Edge{vertex(true), random() % 9 ? vertex() : t[1]};
+        }
+        std::vector<PhysicalSpace::point> points(8'990 * (factor == 1));
+        for (auto& p : points) p = {double(random() % 100), double(random() % 100), random() % 99 ? 0.0 : std::nan("")};
+        const auto grid = surfaceOf(points, triangles);
+        const auto vertices = grid->findVertices(~0);
+        const auto edgeArray = makeMemArray1D(edges);
+        (*(*grid)[SkeletonID(1, 1)])[*vertices]->setPositions(StrongPtr<Field>(new Field(edgeArray, nullptr)));
+
+        std::vector<Edge> expectedTable;
+        std::vector<Triangle> expectedFaces;
+        std::string expectedText;
+        std::vector<bool> expectedFlips;
+        support::forTeamsUpTo(3, [&] {
+            const auto table = makeMemArray1D(fastTable(triangles, edges));
+            const auto faces = makeMemArray1D(std::vector<Triangle>(triangles.size(), Triangle(7, 7, 7)));
+            std::string text;
+            {
+                const Hestra::ScopedListener listener([&](std::string_view said) { text += said; });
+                GenerateFace2EdgesTable(*faces, *table, *makeMemArray1D(triangles), *edgeArray, int(edges.size()),
+                                        int(triangles.size()));
+            }
+            const Hestra::ScopedListener nobody({});
+            const auto flips = EdgeFlipCriterion(0.1).DetectEdges(grid);
+            if (omp_get_max_threads() == 1) {
+                expectedTable = table->base_vector();
+                expectedFaces = faces->base_vector();
+                expectedText = text;
+                expectedFlips = flips;
+                EXPECT_GT(std::count(flips.begin(), flips.end(), true), factor == 1 ? 100 : -1);
+                EXPECT_GT(text.size(), 1000u);
+            }
+            ASSERT_TRUE(table->base_vector() == expectedTable);
+            ASSERT_TRUE(faces->base_vector() == expectedFaces);
+            ASSERT_TRUE(text == expectedText);
+            ASSERT_TRUE(flips == expectedFlips);
+
+            for (const double threshold : {0.0, 52.0, 120.0}) {
+                std::vector<bool> expected;
+                for (const Edge& e : edges) {
+                    const bool isThere = e[0] < points.size() && e[1] < points.size();
+                    const auto d = isThere ? points[e[0]] - points[e[1]] : PhysicalSpace::vector();
+                    expected.push_back(d[0] * d[0] + d[1] * d[1] + d[2] * d[2] > threshold * threshold);
+                }
+                EdgeLengthCriterion criterion(threshold);
+                ASSERT_TRUE(criterion.DetectEdges(grid) == expected) << threshold;
+                ASSERT_EQ(criterion.IllegalEdgesCount(), std::count(expected.begin(), expected.end(), true));
+            }
+        });
+    }
 }
 
 TEST(SurfaceRefinementTest, TablesKeepWithinTheirCounts) {

@@ -1,10 +1,12 @@
 #include <baseop/TangentialVectors.hpp>
 #include <model/vantle/GridKinds.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <numbers>
 #include <random>
+#include <support/Teams.hpp>
 
 namespace {
 
@@ -94,7 +96,43 @@ TEST(TangentialVectorsTest, UnusableCurvesAndSegments) {
     EXPECT_EQ(computed({}, {{0, 1}}).tangents()->nElements(), 0u);
 }
 
-// Curves of many lengths with steps of every kind, one segment at a time by the definition.
+// Both operations beside the definition, one segment after the other, to the last bit.
+template<class Index>
+void expectTheDefinition(const std::vector<PhysicalSpace::point>& points,
+                         const std::vector<std::vector<Index>>& curves) {
+    std::vector<PhysicalSpace::vector> tangents(points.size());
+    std::vector<double> parameters(points.size());
+    double maximalLength = 0.0;
+    for (const auto& curve : curves) {
+        const auto isOutside = [&](Index index) { return index >= points.size(); };
+        if (curve.size() < 2 || std::any_of(curve.begin(), curve.end(), isOutside)) continue;
+        double s = parameters[curve[0]] = 0.0;
+        for (std::size_t i = 1; i < curve.size(); ++i) {
+            const PhysicalSpace::vector step = points[curve[i]] - points[curve[i - 1]];
+            tangents[curve[i]] = step * (1.0 / length(step));
+            if (i == 1) tangents[curve[0]] = tangents[curve[1]];
+            parameters[curve[i]] = s += length(step);
+        }
+        if (s > maximalLength) maximalLength = s;
+    }
+
+    const auto at = makeMemArray1D(points);
+    const auto lists = makeMemArray1D(curves);
+    Computer both;
+    both.compute(*at, *lists);
+    const ArcLengths lengths = ComputeArcLengths(*at, *lists);
+    EXPECT_EQ(both.maximalLength(), maximalLength);
+    EXPECT_EQ(lengths.maximalLength, maximalLength);
+    ASSERT_TRUE(both.tangents()->nElements() == points.size() && lengths.parameters->nElements() == points.size());
+    const auto same = [](double a, double b) { return (std::isnan(a) && std::isnan(b)) || a == b; };
+    for (index_t v = 0; v < points.size(); ++v) {
+        ASSERT_TRUE(same(both.curveParameters()->element(v), parameters[v])) << v << " of " << points.size();
+        ASSERT_TRUE(same(lengths.parameters->element(v), parameters[v])) << v << " of " << points.size();
+        for (int d = 0; d < 3; ++d) ASSERT_TRUE(same(both.tangents()->element(v)[d], tangents[v][d])) << v;
+    }
+}
+
+// Curves of many lengths with steps of every kind.
 TEST(TangentialVectorsTest, IsTheDefinitionToTheLastBit) {
     std::mt19937_64 random(3);
     std::normal_distribution<double> normal;
@@ -108,17 +146,30 @@ TEST(TangentialVectorsTest, IsTheDefinitionToTheLastBit) {
             if (i > 0 && random() % 16 == 0) points[i] = points[i - 1];
             if (count > 200 && i + 9 > count) points[i][0] = special[random() % 7];
         }
-        const Computer fast = computed(points, {curve});
-        double s = 0.0;
-        for (std::size_t i = 1; i < count; ++i) {
-            const PhysicalSpace::vector step = points[i] - points[i - 1];
-            const PhysicalSpace::vector tangent = step * (1.0 / length(step));
-            s += length(step);
-            const auto same = [](double a, double b) { return (std::isnan(a) && std::isnan(b)) || a == b; };
-            ASSERT_TRUE(same(fast.curveParameters()->element(i), s)) << i << " of " << count;
-            for (int d = 0; d < 3; ++d) ASSERT_TRUE(same(fast.tangents()->element(i)[d], tangent[d])) << i;
-        }
+        expectTheDefinition<index_t>(points, {curve});
     }
+}
+
+// Curves one after the other in the vertices, some of them to be passed over; and knotted, each with the next but two,
+// so that a team would change what the last one gave.
+TEST(TangentialVectorsTest, IsTheDefinitionForAnyNumberOfThreads) {
+    std::mt19937_64 random(5);
+    std::normal_distribution<double> normal;
+    std::vector<PhysicalSpace::point> points(400'000);
+    for (auto& point : points) point = {normal(random), normal(random), normal(random)};
+    for (int n = 0; n < 100; ++n) points[random() % points.size()][1] = std::nan("");
+    std::vector<std::vector<unsigned>> curves;
+    for (unsigned next = 0; next + 400 < points.size();) {
+        auto& curve = curves.emplace_back(random() % 400);
+        for (unsigned& index : curve) index = next++;
+        if (random() % 2) std::reverse(curve.begin(), curve.end());
+        if (random() % 9 == 0 && !curve.empty()) curve[random() % curve.size()] = random() % 2 ? ~0U : 400'000;
+        next += static_cast<unsigned>(random() % 3);
+    }
+    support::forTeamsUpTo(3, [&] { expectTheDefinition(points, curves); });
+    for (std::size_t c = 0; c + 3 < curves.size(); ++c)
+        if (!curves[c + 3].empty()) curves[c].push_back(curves[c + 3].front());
+    support::forTeamsUpTo(3, [&] { expectTheDefinition(points, curves); });
 }
 
 template<class Index>
@@ -129,6 +180,12 @@ StrongPtr<Grid> curveGrid() {
     const StrongPtr<MemArray<1, std::vector<Index>>> curves =
         makeMemArray1D(std::vector<std::vector<Index>>{{0, 1}, {1, 2, 0}});
     (void)LineSet(grid, points, curves);
+    return grid;
+}
+
+StrongPtr<Grid> surfaceWithoutCurves() {
+    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    (void)TriangularSurface::create(*grid, {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {{0, 1, 2}});
     return grid;
 }
 
@@ -172,6 +229,24 @@ TEST(TangentialVectorsTest, ResultsAreCachedUntilSomethingMoves) {
     vertices->findField("Tangents")->removeData();
     EXPECT_EQ(messages(*grid, 2 * size), kSome + kComputed);
     EXPECT_EQ(messages(*curveGrid<unsigned int>(), size), kNone + kComputed) << "indices of 32 bits";
+}
+
+TEST(TangentialVectorsTest, ArcLengthsAloneAreKeptForBoth) {
+    const StrongPtr<Grid> grid = curveGrid<index_t>();
+    CaptureStdout();
+    const ArcLengths lengths = getArcLengths(*grid);
+    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_NEAR(lengths.maximalLength, std::sqrt(26.0) + 1.0, 1e-14);
+    EXPECT_EQ(getArcLengths(grid).parameters, lengths.parameters) << "kept";
+    EXPECT_FALSE(grid->getCartesianRepresentation()->findField("Tangents"));
+    EXPECT_EQ(messages(*grid, lengths.maximalLength), kSome + kComputed) << "a part of the results";
+    const ArcLengths ofBoth = getArcLengths(*grid);
+    EXPECT_NE(ofBoth.parameters, lengths.parameters);
+    EXPECT_EQ(ofBoth.maximalLength, lengths.maximalLength);
+    grid->CartesianPositions()->touch();
+    EXPECT_NE(getArcLengths(*grid).parameters, ofBoth.parameters) << "moved";
+    EXPECT_THROW((void)getArcLengths(StrongPtr<Grid>()), Computer::NoVertices);
+    EXPECT_THROW((void)getArcLengths(*surfaceWithoutCurves()), Computer::NoEdges);
 }
 
 // Each part of the grid is missing in turn, in the order in which they are looked for.

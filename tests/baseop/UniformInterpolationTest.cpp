@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <random>
+#include <support/Teams.hpp>
 
 namespace {
 
@@ -59,16 +60,22 @@ TYPED_TEST(UniformInterpolationTest, EqualsTheKernelAtTheQuotient) {
     const auto data = randomArray<TypeParam>(size);
     const UniformCartesianArray grid(size, point(0.1, -0.3, 2.0), PhysicalSpace::vector(0.1, 0.3, 0.7));
     const Orvix::FixedArray<double, 3> offset(0.05, 0.0, -2.5);
-    const auto points = randomPoints(3000, -1.0, 2.5);
-    StrongPtr<Hestra::ChunkBase> output;
-    ASSERT_TRUE(InterpolateUniformData(output, points, grid, data, offset));
-    const auto& values = valuesOf<TypeParam>(output);
-    ASSERT_EQ(values.size(), points.size());
-    for (std::size_t n = 0; n < points.size(); ++n) {
-        Orvix::FixedArray<double, 3> index;
-        for (int d = 0; d < 3; ++d) index[d] = (points[n][d] - (grid.origin()[d] + offset[d])) / grid.spacing()[d];
-        ASSERT_EQ(values[n], (interpolateAt<3, TypeParam>(*data, index))) << n;
-    }
+    const auto points = randomPoints(20'001, -1.0, 2.5);
+    support::forTeamsUpTo(3, [&] {
+        StrongPtr<Hestra::ChunkBase> output;
+        ASSERT_TRUE(InterpolateUniformData(output, points, grid, data, offset));
+        const auto& values = valuesOf<TypeParam>(output);
+        ASSERT_EQ(values.size(), points.size());
+        for (std::size_t n = 0; n < points.size(); ++n) {
+            Orvix::FixedArray<double, 3> index;
+            for (int d = 0; d < 3; ++d) index[d] = (points[n][d] - (grid.origin()[d] + offset[d])) / grid.spacing()[d];
+            ASSERT_EQ(values[n], (interpolateAt<3, TypeParam>(*data, index))) << n;
+        }
+        std::size_t asked = 0; // in order, by this thread
+        ASSERT_TRUE(InterpolateUniformData(output, points, grid, data, offset,
+                                           [&](std::size_t n, const point&) { return n == asked++; }));
+        EXPECT_EQ(asked, points.size());
+    });
 }
 
 TYPED_TEST(UniformInterpolationTest, AChunkOfTheTypeIsUsedAgainAndAFilterKeepsItsElements) {

@@ -1,10 +1,11 @@
 // PLOT3D files written here in every form there is, whole, cut, damaged and changed, and a real one.
 
+#include <dataset/Files.hpp>
+
 #include <algorithm>
 #include <bit>
 #include <charconv>
 #include <cmath>
-#include <dataset/Files.hpp>
 #include <filesystem>
 #include <fstream>
 #include <functional>

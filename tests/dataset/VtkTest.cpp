@@ -1,5 +1,8 @@
 // What the VTK writers leave is read back by a small reader of the format, and failures leave what was there.
 
+#include <dataset/Files.hpp>
+#include <model/vantle/Blanking.hpp>
+
 #include <algorithm>
 #include <array>
 #include <csignal>
@@ -7,7 +10,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <dataset/Files.hpp>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -187,6 +189,13 @@ protected:
         return all;
     }
 
+    // The raw data at an offset, behind their length.
+    static std::string contentsBehind(const fs::path& file, const std::string& offset) {
+        std::ifstream stream(file, std::ios::binary);
+        const std::string all{std::istreambuf_iterator<char>(stream), {}};
+        return all.substr(all.find("\n_") + 2 + std::stoull(offset) + 8);
+    }
+
     const std::vector<std::string> names = {"double", "float", "int", "short", "byte", "vector", "long", "pair", "y"};
     const Hestra::Ref<Grid> grid = Hestra::makeRef<Grid>();
     Hestra::StrongPtr<MemArray<3, vector>> strided;
@@ -302,6 +311,43 @@ TEST_F(VtkGridTest, WhatDoesNotFitIsNamed) {
     const auto none = Hestra::makeRef<Grid>();
     EXPECT_NE(failure([&] { writeVtk(folder / "a.vti", *none, {}); }).find("no vertices"), std::string::npos);
     EXPECT_TRUE(everything().empty());
+}
+
+// Points of no valid cell, and cells that are not valid, are marked as the format wants it; their values stay.
+TEST_F(VtkGridTest, WhatIsBlankedIsHidden) {
+    const MultiIndex<3> size{9, 6, 4};
+    RegularGrid3D image = UniformGrid3D::create(*grid, Orvix::BoundingBox({0, 0, 0}, {1, 1, 1}), size);
+    image.setField("double", sampled<double>(size));
+    const auto write = [&] {
+        writeVtk(folder / "a.vti", *grid, {"double"}, {.compress = false});
+        return Appended(folder / "a.vti");
+    };
+    EXPECT_EQ(write().xml.find("vtkGhostType"), std::string::npos);
+    const auto vertexMask = MemArray<3, int>::create(size);
+    for (index_t n = 0; n < vertexMask->nElements(); ++n) vertexMask->element(n) = n % 5 == 2 || n > 150 ? 0 : -3;
+    image.setField(VertexMaskName, vertexMask);
+    const Appended file = write();
+    expectField<double>(file, "double", "Float64", size.product());
+    // Both arrays have this name: the reader has kept the second one, of the cells.
+    const auto cells = file.values<unsigned char>("vtkGhostType");
+    ASSERT_EQ(cells.size(), 8u * 5u * 3u);
+    std::vector<bool> used(size.product());
+    for (std::size_t n = 0; n < cells.size(); ++n) {
+        const auto cell = MultiIndex<3>::fromLinear(n, {8, 5, 3});
+        bool valid = true;
+        const auto corners = [&](const auto& visit) {
+            for (index_t c = 0; c < 8; ++c)
+                visit(MultiIndex<3>{cell[0] + c % 2, cell[1] + c / 2 % 2, cell[2] + c / 4}.linear(size));
+        };
+        corners([&](index_t v) { valid = valid && vertexMask->element(v) != 0; });
+        EXPECT_EQ(cells[n], valid ? 0 : 32);
+        if (valid) corners([&](index_t v) { used[v] = true; });
+    }
+    EXPECT_NE(std::count(cells.begin(), cells.end(), 0), 0);
+    const std::size_t points = file.xml.find("Name=\"vtkGhostType\""), values = file.xml.find("<PointData>");
+    ASSERT_LT(values, points);
+    const std::string bytes = contentsBehind(folder / "a.vti", attribute(file.xml.substr(points), "offset"));
+    for (std::size_t n = 0; n < used.size(); ++n) EXPECT_EQ(bytes.at(n), used[n] ? 0 : 2) << n;
 }
 
 // Several blocks of different kinds, one of them without the field.

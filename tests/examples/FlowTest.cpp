@@ -69,7 +69,7 @@ TEST(InsideTest, AgreesWithTheShapeOfTheRing) {
     const DataSet data = makeCylinderFlow(cells);
     const Ring ring(cells);
     const Lattice lattice{{61, 53, 23}, {-4.3, -4.4, -0.2}, {0.1411, 0.1663, 0.1303}};
-    const std::vector<bool> inside = positionsInside(*data.grid.positions(), lattice);
+    const std::vector<bool> inside = positionsInside(*data.grid.grid(), lattice);
     index_t total = 0, different = 0;
     for (index_t n = 0; n < lattice.positions(); ++n) {
         total += inside[n];
@@ -83,7 +83,7 @@ TEST(InsideTest, AgreesWithTheShapeOfTheRing) {
 
     // Lines that run exactly along the edges of blocks.
     const Lattice hard{{9, 9, 5}, {-4.0, -4.0, -0.25}, {1.0, 1.0, 0.75}};
-    const std::vector<bool> hardInside = positionsInside(*data.grid.positions(), hard);
+    const std::vector<bool> hardInside = positionsInside(*data.grid.grid(), hard);
     for (index_t n = 0; n < hard.positions(); ++n) {
         const Space::point p = hard.position(n);
         const double radius = std::hypot(p[0], p[1]);

@@ -89,6 +89,17 @@ TEST(BlockMaskTest, IsWhatThePlainRulesSay) {
             do {
                 ASSERT_EQ(mask.isVertexValid(at), plain.around(at, at)) << to_string(size) << to_string(at);
                 const BlockMask::Vertices word = mask.around(at[1], at[2], at[0] / 64);
+                if (at[0] % 64 == 0) {
+                    bool whole = true;
+                    MultiIndex<3> near;
+                    do {
+                        bool isAround = true;
+                        for (int d = 0; d < 3; ++d)
+                            isAround = isAround && near[d] + 1 >= at[d] && near[d] <= at[d] + (d == 0 ? 63 : 0);
+                        whole = whole && (!isAround || plain.cell(near));
+                    } while (near.advance(cells));
+                    EXPECT_EQ(mask.isWhole(at[1], at[2], at[0] / 64), whole) << to_string(size) << to_string(at);
+                }
                 PhysicalSpace::point between(static_cast<double>(at[0]), static_cast<double>(at[1]),
                                              static_cast<double>(at[2]));
                 EXPECT_EQ(mask.has(between), plain.around(at, at));

@@ -226,9 +226,14 @@ TEST(GridKindsTest, UniformRectilinearAndBlocks) {
 TEST(GridKindsTest, SurfaceEdgesAreUniqueInOrderOfAppearance) {
     const StrongPtr<Grid> grid(new Grid);
     EXPECT_FALSE(Edges::getVerticesPerEdge(grid, true));
-    const auto surface = TriangularSurfaceWithEdges::create(*grid, {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}},
-                                                            {Triangle{0u, 1u, 2u}, Triangle{3u, 2u, 0u}});
+    const auto plain = TriangularSurface::create(*grid, {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}},
+                                                 {Triangle{0u, 1u, 2u}, Triangle{3u, 2u, 0u}});
+    EXPECT_FALSE(Edges::getVerticesPerEdge(grid)) << "a mere view makes none";
+    EXPECT_FALSE(TriangularSurface(nullptr).points() || TriangularSurface(Hestra::makeRef<Grid>()).triangles());
+    const TriangularSurfaceWithEdges surface(grid);
     ASSERT_TRUE(surface.edges());
+    EXPECT_EQ(surface.points(), plain.points());
+    EXPECT_EQ(surface.triangles(), plain.triangles());
     std::string text;
     for (index_t e = 0; e < surface.edges()->nElements(); ++e) text += surface.edges()->getElementAsString(e);
     EXPECT_EQ(text, "{0,1}{1,2}{0,2}{2,3}{0,3}");

@@ -58,6 +58,11 @@ void expectDecomposition(const std::array<double, N>& eigenvalues, const Vectors
     std::sort(values.begin(), values.end());
     for (int i = 0; i < N; ++i)
         ASSERT_NEAR(values[i] / scale, expected[static_cast<std::size_t>(i)] / scale, 2 * Precision);
+    if constexpr (N == 3) {
+        ASSERT_TRUE(SortedEigenValues(matrix, values, Precision));
+        for (int i = 0; i < N; ++i)
+            ASSERT_NEAR(values[i] / scale, expected[static_cast<std::size_t>(i)] / scale, Precision / 10);
+    }
 }
 
 struct Spectrum {
@@ -140,6 +145,7 @@ TEST(OrvixEigen, DiagonalZeroAndBrokenMatrices) {
     EXPECT_FALSE((UnsortedEigenVectors<3, double>({2, 0, -3, NAN, 0, 1}, vectors, values, Precision)));
     EXPECT_FALSE((UnsortedEigenVectors<3, double>({2, 0, -3, INFINITY, 0, 1}, vectors, values, Precision)));
     EXPECT_TRUE(std::isnan(values[0]) && std::isnan(values[1]) && std::isnan(values[2]));
+    EXPECT_FALSE(SortedEigenValues({2, 0, -3, NAN, 0, 1}, values, Precision));
     EXPECT_EQ(vectors, unit);
 }
 

@@ -9,6 +9,7 @@
 namespace support {
 
 inline std::atomic<long> allocations{0};
+inline std::atomic<std::size_t> allocatedBytes{0};
 
 /// Allocations, in all threads, while `action` runs.
 template<class Action>
@@ -16,6 +17,14 @@ long allocationsOf(const Action& action) {
     const long before = allocations;
     action();
     return allocations - before;
+}
+
+/// The bytes of these.
+template<class Action>
+std::size_t bytesAllocatedBy(const Action& action) {
+    const std::size_t before = allocatedBytes;
+    action();
+    return allocatedBytes - before;
 }
 
 /// How many allocations succeed before one fails; none fails while this is negative.
@@ -44,6 +53,7 @@ int failEachAllocation(const Attempt& attempt, const Check& check) {
 // inline them: it would take free() for a mismatch of the operator new that it sees.
 [[gnu::noinline]] void* operator new(std::size_t size) {
     ++support::allocations;
+    support::allocatedBytes += size;
     if (support::allocationsBeforeFailure >= 0 && support::allocationsBeforeFailure-- == 0) throw std::bad_alloc();
     if (void* const memory = std::malloc(size ? size : 1)) return memory;
     throw std::bad_alloc();

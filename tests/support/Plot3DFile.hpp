@@ -2,13 +2,14 @@
 
 /// PLOT3D files in any form, for tests of what reads them.
 
+#include <dataset/io/Plot3D.hpp>
+
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
-#include <dataset/io/Plot3D.hpp>
 #include <optional>
 #include <string>
 #include <vector>

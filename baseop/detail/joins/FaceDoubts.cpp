@@ -226,6 +226,8 @@ bool FaceMatcher::liesOn(std::span<const Touch> touches) const {
     const auto at = [&](const ShellFace& f, std::int64_t a, std::int64_t b) -> const Point& {
         return myShells.points[myShells.vertexOf[f.slot(a, b)]];
     };
+    // Along a common rim faces are near each other: most of five have to be.
+    int near = 0;
     for (const auto& [u, v] : {std::pair{2, 2}, {1, 1}, {3, 1}, {1, 3}, {3, 3}}) {
         const std::int64_t a = bounds.a0 + (bounds.a1 - bounds.a0 - 1) * u / 4;
         const std::int64_t b = bounds.b0 + (bounds.b1 - bounds.b0 - 1) * v / 4;
@@ -234,13 +236,14 @@ bool FaceMatcher::liesOn(std::span<const Touch> touches) const {
             middle[d] =
                 0.25 * (at(face, a, b)[d] + at(face, a + 1, b)[d] + at(face, a, b + 1)[d] + at(face, a + 1, b + 1)[d]);
         const double reach = OnFace * myShells.shortestEdge(face, a, b);
-        for (std::int64_t q = otherBounds.b0; q < otherBounds.b1; ++q)
-            for (std::int64_t p = otherBounds.a0; p < otherBounds.a1; ++p)
-                if (distanceTo(middle, at(other, p, q), at(other, p + 1, q), at(other, p, q + 1)) <= reach ||
-                    distanceTo(middle, at(other, p + 1, q + 1), at(other, p + 1, q), at(other, p, q + 1)) <= reach)
-                    return true;
+        bool isNear = false;
+        for (std::int64_t q = otherBounds.b0; q < otherBounds.b1 && !isNear; ++q)
+            for (std::int64_t p = otherBounds.a0; p < otherBounds.a1 && !isNear; ++p)
+                isNear = distanceTo(middle, at(other, p, q), at(other, p + 1, q), at(other, p, q + 1)) <= reach ||
+                         distanceTo(middle, at(other, p + 1, q + 1), at(other, p + 1, q), at(other, p, q + 1)) <= reach;
+        near += isNear;
     }
-    return false;
+    return near > 2;
 }
 
 std::vector<FaceDoubt> FaceMatcher::doubts() const {

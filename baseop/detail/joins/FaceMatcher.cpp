@@ -158,8 +158,7 @@ void FaceMatcher::findPeriodic(const std::vector<Point>& moved, double tolerance
                     const std::uint32_t p = a + corner % 2, q = b + corner / 2, n = myShells.vertexOf[face.slot(p, q)];
                     points[n] = myShells.points[n];
                     points[count + n] = moved[n];
-                    radii[n] = std::max(radii[n], tolerance * myShells.shortestEdge(face, p, q));
-                    radii[count + n] = radii[n];
+                    radii[n] = radii[count + n] = tolerance * myShells.localSizes[n];
                 }
             }
     const VertexClasses classes(points, radii);
@@ -232,7 +231,7 @@ bool FaceMatcher::grow(std::uint32_t face, std::uint32_t a, std::uint32_t b, Fac
         map.originV = map.signV > 0 ? d - t : d + 1 + t;
         isFound = take(pair, a, b);
     }
-    if (!isFound) return false; // the same corners in another order, or too far from each other for their face
+    if (!isFound) return false; // the same corners in another order, or too far from each other
 
     std::int64_t a0 = a, a1 = a, b0 = b, b1 = b;
     const auto takeAll = [&](std::int64_t fromA, std::int64_t toA, std::int64_t fromB, std::int64_t toB) {
@@ -275,11 +274,10 @@ bool FaceMatcher::corresponds(const FacePair& pair, std::int64_t a, std::int64_t
         const std::uint32_t from = first.slot(p, q), to = second.slot(s, t);
         if ((*myFirst.classes)[from] != (*mySecond.classes)[to]) return false;
         if (myTolerance == 0.0) continue;
-        const Point &here = (*myFirst.points)[myShells.vertexOf[from]],
-                    &there = (*mySecond.points)[myShells.vertexOf[to]];
-        if (!(here == there) && !(distance(here, there) <= myTolerance * std::min(myShells.shortestEdge(first, p, q),
-                                                                                  myShells.shortestEdge(second, s, t))))
-            return false;
+        const std::uint32_t n = myShells.vertexOf[from], m = myShells.vertexOf[to];
+        const Point &here = (*myFirst.points)[n], &there = (*mySecond.points)[m];
+        const double reach = myTolerance * std::min(myShells.localSizes[n], myShells.localSizes[m]);
+        if (!(here == there) && !(distance(here, there) <= reach)) return false;
     }
     return true;
 }

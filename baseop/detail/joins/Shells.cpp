@@ -3,6 +3,7 @@
 #include <baseop/detail/joins/Shells.hpp>
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 
 namespace Vantle::detail {
@@ -48,6 +49,25 @@ struct Batch {
     std::size_t layers = 0, vertices = 0;
 };
 
+/// The shortest of the edges that end in a vertex and have more than the length of a rounding error; 0 without any.
+template<class Points>
+double localSize(const Points& points, const MultiIndex<3>& vertex) {
+    const Shells::Point here = points[vertex];
+    const double reach = std::max({std::fabs(here[0]), std::fabs(here[1]), std::fabs(here[2])});
+    double shortest = 0.0;
+    const auto look = [&](MultiIndex<3> other, int d, index_t step) {
+        other[d] += step;
+        if (other[d] >= points.Size()[d]) return; // -1 as well
+        const double edge = distance(here, points[other]);
+        if (edge > 0x1p-50 * reach && (shortest == 0.0 || edge < shortest)) shortest = edge;
+    };
+    for (int d = 0; d < 3; ++d) {
+        look(vertex, d, 1);
+        look(vertex, d, ~index_t{0});
+    }
+    return shortest;
+}
+
 void takePositions(Shells& shells, Batch& batch) {
     inParallel(batch.layers, 8, batch.vertices * SlotBytes, [&](std::size_t begin, std::size_t end) {
         auto at = std::upper_bound(batch.blocks.begin(), batch.blocks.end(), begin,
@@ -58,10 +78,13 @@ void takePositions(Shells& shells, Batch& batch) {
             const MultiIndex<3>& size = shells.sizes[at->block];
             const index_t from = std::max(begin, at->firstLayer) - at->firstLayer;
             const index_t to = std::min<index_t>(end - at->firstLayer, size[2]);
-            auto* out = shells.points.data() + shells.firstVertex[at->block] + numbering.start(from);
+            std::size_t n = shells.firstVertex[at->block] + numbering.start(from);
             const auto take = [&](const auto& points) {
                 for (index_t k = from; k < to; ++k)
-                    numbering.forEach(k, [&](const MultiIndex<3>& vertex) { *out++ = points[vertex]; });
+                    numbering.forEach(k, [&](const MultiIndex<3>& vertex) {
+                        if (!shells.localSizes.empty()) shells.localSizes[n] = localSize(points, vertex);
+                        shells.points[n++] = points[vertex];
+                    });
             };
             std::visit(Overloaded{[](std::monostate) {}, [](const PointSet*) {},
                                   [&](const CurvilinearCoordinates* points) { take(*points); },
@@ -83,13 +106,13 @@ MultiIndex<3> extentsOf(const FragmentCoordinates& coordinates) {
 
 } // namespace
 
-Shells::Shells(const Field& positions, const Blanking& blanking) {
+Shells::Shells(const Field& positions, const Blanking& blanking, bool needsSizes) {
     constexpr std::size_t Most = std::numeric_limits<std::int32_t>::max();
     std::size_t slots = 0;
     Batch batch;
     firstVertex.push_back(0);
     positions.iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        FragmentCoordinates coordinates(creator ? creator->getData() : nullptr);
+        FragmentCoordinates coordinates(creator);
         const MultiIndex<3> size = extentsOf(coordinates);
         const auto block = static_cast<std::uint32_t>(ids.size());
         ids.push_back(id);
@@ -116,6 +139,7 @@ Shells::Shells(const Field& positions, const Blanking& blanking) {
         firstVertex.push_back(firstVertex.back() + static_cast<std::uint32_t>(count));
         if (count == 0) return true;
         points.resize(firstVertex.back());
+        if (needsSizes) localSizes.resize(firstVertex.back());
         batch.blocks.push_back({std::move(coordinates), block, batch.layers});
         batch.layers += size[2];
         batch.vertices += count;
@@ -179,22 +203,6 @@ double Shells::shortestEdge(const ShellFace& face, std::int64_t a, std::int64_t 
     look(b > 0, a, b - 1);
     look(b + 1 < face.nv, a, b + 1);
     return shortest;
-}
-
-std::vector<double> Shells::localSizes() const {
-    std::vector<double> local(points.size());
-    // A vertex has faces of one block only.
-    inParallel(ids.size(), 1, vertexOf.size() * SlotBytes * 4, [&](std::size_t begin, std::size_t end) {
-        auto face = std::lower_bound(faces.begin(), faces.end(), begin,
-                                     [](const ShellFace& f, std::size_t block) { return f.block < block; });
-        for (; face != faces.end() && face->block < end; ++face)
-            for (std::uint32_t b = 0; b < face->nv; ++b)
-                for (std::uint32_t a = 0; a < face->nu; ++a) {
-                    double& size = local[vertexOf[face->slot(a, b)]];
-                    size = std::max(size, shortestEdge(*face, a, b));
-                }
-    });
-    return local;
 }
 
 } // namespace Vantle::detail

@@ -83,8 +83,8 @@ struct ShellFace {
     [[nodiscard]] MultiIndex<3> vertex(std::int64_t a, std::int64_t b) const noexcept {
         MultiIndex<3> place;
         place[axis] = level;
-        place[u] = a;
-        place[v] = b;
+        place[u] = static_cast<index_t>(a);
+        place[v] = static_cast<index_t>(b);
         return place;
     }
 };
@@ -95,7 +95,7 @@ struct Shells {
     using Point = Orvix::PhysicalSpace::point;
 
     /// Failure  std::length_error for more slots than 2^31 - 1; std::invalid_argument for masks that do not fit.
-    Shells(const Field& positions, const Blanking& blanking);
+    Shells(const Field& positions, const Blanking& blanking, bool needsSizes);
 
     [[nodiscard]] std::size_t count() const noexcept { return points.size(); }
     [[nodiscard]] std::uint32_t slots() const noexcept { return static_cast<std::uint32_t>(vertexOf.size()); }
@@ -105,8 +105,6 @@ struct Shells {
     [[nodiscard]] std::uint32_t faceOf(std::uint32_t slot) const noexcept;
     /// Of the edges of a face that end in a vertex the shortest with any length; 0 without any.
     [[nodiscard]] double shortestEdge(const ShellFace& face, std::int64_t a, std::int64_t b) const noexcept;
-    /// The same for each vertex: the longest of those of its faces.
-    [[nodiscard]] std::vector<double> localSizes() const;
 
     std::vector<Hestra::StrongPtr<FragmentID>> ids;
     std::vector<MultiIndex<3>> sizes; ///< all 0 for blocks without cells
@@ -114,6 +112,7 @@ struct Shells {
     std::vector<std::uint32_t> firstVertex; ///< of each block, and the number of all
     std::vector<ShellFace> faces;
     std::vector<Point> points;
+    std::vector<double> localSizes;      ///< of each vertex the shortest edge of its cells, if they were asked for
     std::vector<std::uint32_t> vertexOf; ///< of each slot
     std::vector<bool> isBlanked;         ///< of each quad, by the slot of its lowest vertex; empty when none is
 

@@ -47,9 +47,7 @@ VertexClasses::VertexClasses(const std::vector<Point>& points) : myClass(points.
         if (last - first > 1)
             for (const KeyEntry* at = first; at != last; ++at) myClass[at->id] = first->id;
     };
-    const auto isOne = [&](const KeyEntry& a, const KeyEntry& b) {
-        return points[a.id] == points[b.id] && isFinite(points[a.id]);
-    };
+    const auto isOne = [&](const KeyEntry& a, const KeyEntry& b) { return points[a.id] == points[b.id]; };
     forEachGroup(entries, [&](std::span<KeyEntry> group) {
         if (std::all_of(group.begin() + 1, group.end(), [&](const KeyEntry& e) { return isOne(group[0], e); }))
             return join(group.data(), group.data() + group.size());

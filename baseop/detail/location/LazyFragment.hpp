@@ -35,7 +35,8 @@ public:
         if (const FragmentCoordinates* const there = known()) return there;
         if (!creator) return nullptr;
         // Created outside the lock: what makes the array may itself ask a locator.
-        FragmentCoordinates found(untold.during(hearing != Hearing::Nobody, [this] { return creator->getData(); }));
+        FragmentCoordinates found(
+            untold.during(hearing != Hearing::Nobody, [this] { return getDataInDoublePrecision(*creator); }));
         if (!found.isKnown()) return nullptr;
         const std::lock_guard lock(myMutex);
         if (!myIsKnown.load(std::memory_order_relaxed)) {

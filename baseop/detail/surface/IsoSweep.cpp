@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace Vantle::detail {
@@ -28,8 +29,10 @@ struct alignas(32) CellCase {
     std::uint8_t triangleCount = 0;
     std::uint8_t newCount = 0;
     std::uint8_t newEdges[12] = {};
+    std::uint16_t cutEdges = 0; // a bit each
     std::uint8_t edges[15] = {};
 };
+static_assert(sizeof(CellCase) == 32);
 
 constexpr bool isNew(int e, int border) {
     const EdgeGeometry& edge = edgeGeometry[static_cast<std::size_t>(e)];
@@ -50,6 +53,7 @@ constexpr CellCase cellCase(int rowCase, int border) {
         if (!((seen >> e) & 1) && isNew(e, border)) result.newEdges[result.newCount++] = static_cast<std::uint8_t>(e);
         seen |= 1 << e;
     }
+    result.cutEdges = static_cast<std::uint16_t>(seen);
     result.triangleCount = static_cast<std::uint8_t>(triangleCount(cubeCase));
     return result;
 }
@@ -66,36 +70,74 @@ constexpr std::array<std::array<CellCase, 256>, 8> Cases = {makeCases(0), makeCa
 constexpr int Neighbours[9][3] = {{-1, 0, 0},  {0, -1, 0}, {-1, -1, 0}, {1, -1, 0}, {0, 0, -1},
                                   {-1, 0, -1}, {1, 0, -1}, {0, -1, -1}, {0, 1, -1}};
 
-/// For each edge of a cell, which of these have it, too.
-constexpr std::array<unsigned, 12> makeSharers() {
-    std::array<unsigned, 12> sharers{};
-    for (std::size_t e = 0; e < 12; ++e)
-        for (std::size_t n = 0; n < 9; ++n) {
-            bool shares = true;
-            for (int axis = 0; axis < 3; ++axis) {
-                const EdgeGeometry& edge = edgeGeometry[e];
-                const int step = Neighbours[n][axis];
-                const int across = axis == edge.axis ? 0 : CornerOffset[edge.lower][axis] == 0 ? -1 : 1;
-                shares = shares && (step == 0 || step == across);
+/// The edges, a bit each, that a cell shares with neighbours, a bit each.
+constexpr auto makeSharedEdges() {
+    std::array<std::uint16_t, 512> shared{};
+    for (unsigned neighbours = 0; neighbours < 512; ++neighbours)
+        for (unsigned n = 0; n < 9; ++n)
+            for (unsigned e = 0; e < 12; ++e) {
+                bool shares = (neighbours >> n & 1) != 0;
+                for (int axis = 0; axis < 3; ++axis) {
+                    const EdgeGeometry& edge = edgeGeometry[e];
+                    const int step = Neighbours[n][axis];
+                    const int across = axis == edge.axis ? 0 : CornerOffset[edge.lower][axis] == 0 ? -1 : 1;
+                    shares = shares && (step == 0 || step == across);
+                }
+                if (shares) shared[neighbours] = static_cast<std::uint16_t>(shared[neighbours] | 1U << e);
             }
-            if (shares) sharers[e] |= 1U << n;
-        }
-    return sharers;
+    return shared;
 }
-constexpr std::array<unsigned, 12> Sharers = makeSharers();
+constexpr std::array<std::uint16_t, 512> SharedEdges = makeSharedEdges();
 
-/// The same as the case for a cell that has some of these neighbours only.
-CellCase caseBeside(const CellCase& usual, unsigned neighbours) noexcept {
-    CellCase result = usual;
-    result.newCount = 0;
-    unsigned seen = 0;
-    for (int n = 0; n < 3 * usual.triangleCount; ++n) {
-        const std::uint8_t e = usual.edges[n];
-        if (!(seen >> e & 1) && !(Sharers[e] & neighbours)) result.newEdges[result.newCount++] = e;
-        seen |= 1U << e;
+/// Which earlier neighbours the 64 cells of a word have: a word for each of `Neighbours`, unless all have all.
+struct NeighbourWords {
+    /// Of the cells from 64 * `word` on in row (j, k).
+    NeighbourWords(const BlockMask& mask, std::size_t j, std::size_t k, std::size_t word) noexcept {
+        constexpr std::uint64_t all = ~std::uint64_t{0};
+        const MultiIndex<3>& cells = mask.cells();
+        const std::size_t words = mask.rowWords();
+        const bool isFirst = word == 0, isLast = word + 1 == words;
+        const std::uint64_t behind = isLast && cells[0] % 64 != 0 ? all << (cells[0] % 64) : 0;
+        const std::uint64_t firstCell = isFirst ? 1 : 0;
+        const std::uint64_t lastCell = isLast ? std::uint64_t{1} << ((cells[0] - 1) % 64) : 0;
+        // Of each row, the cells at i, and those at i - 1 and i + 1. Where there are none, the tables know.
+        struct Row {
+            std::uint64_t at = 0, before = 0, after = 0;
+        };
+        const auto load = [&](bool isThere, std::size_t y, std::size_t z) {
+            Row row;
+            if (!isThere) return row;
+            const std::uint64_t* const bits = mask.cellRow(y, z) + word;
+            row.at = *bits;
+            row.before = *bits << 1 | (isFirst ? 0 : bits[-1] >> 63);
+            row.after = *bits >> 1 | (isLast ? 0 : bits[1] << 63);
+            return row;
+        };
+        const bool isBeside = j > 0, isAbove = k > 0;
+        const Row row = load(true, j, k), beside = load(isBeside, j - 1, k), below = load(isAbove, j, k - 1);
+        const Row diagonal = load(isBeside && isAbove, j - 1, k - 1),
+                  other = load(isAbove && j + 1 < cells[1], j + 1, k - 1);
+        const auto sides = [&](const Row& r) { return ~((r.before | firstCell) & (r.after | lastCell)); };
+        missing = ~(row.before | firstCell);
+        if (isBeside) missing |= ~beside.at | sides(beside);
+        if (isAbove) missing |= ~below.at | sides(below);
+        if (isBeside && isAbove) missing |= ~diagonal.at;
+        if (isAbove && j + 1 < cells[1]) missing |= ~other.at;
+        missing &= ~behind;
+        if (missing == 0) return;
+        const std::uint64_t found[9] = {row.before,   beside.at,   beside.before, beside.after, below.at,
+                                        below.before, below.after, diagonal.at,   other.at};
+        std::copy_n(found, 9, valid);
     }
-    return result;
-}
+    [[nodiscard]] unsigned of(int cell) const noexcept {
+        unsigned found = 0;
+        for (unsigned n = 0; n < 9; ++n) found |= static_cast<unsigned>(valid[n] >> cell & 1) << n;
+        return found;
+    }
+
+    std::uint64_t missing = 0; ///< Cells with a neighbour that is blanked.
+    std::uint64_t valid[9];    ///< Set if any is missing.
+};
 
 /// The classified vertices of four rows around a row of cells, for 64 cells and the vertex after the last.
 struct RowWords {
@@ -256,41 +298,6 @@ void IsoSweep<T>::classifyPlane(std::size_t k, std::uint64_t* masks) const noexc
             masks[j * (myVertexWords + 1) + word] = classify(j, k, word);
 }
 
-/// The cells of a word of which an earlier neighbour is blanked.
-template<class T>
-std::uint64_t IsoSweep<T>::cellsBesideBlanked(std::size_t j, std::size_t k, std::size_t word) const noexcept {
-    // Of a row, the cells at i - 1, i and i + 1. Where there is no cell, the tables know.
-    constexpr std::uint64_t all = ~std::uint64_t{0};
-    const auto rowAt = [&](std::size_t y, std::size_t z, bool withSides) {
-        if (y >= mySize[1] - 1 || z >= mySize[2] - 1) return all; // numbers below 0 wrap
-        const std::uint64_t* const row = myMask->cellRow(y, z);
-        const std::uint64_t behind = word + 1 == myCellWords ? ~(all >> (64 * myCellWords - (mySize[0] - 1))) : 0;
-        const std::uint64_t cells = row[word] | behind;
-        if (!withSides) return cells;
-        const std::uint64_t before = word > 0 ? row[word - 1] >> 63 : 1;
-        const std::uint64_t next = word + 1 < myCellWords ? row[word + 1] << 63 : all << 63;
-        return cells & (cells << 1 | before) & (cells >> 1 | next);
-    };
-    const std::uint64_t before = word > 0 ? myMask->cellRow(j, k)[word - 1] >> 63 : 1;
-    const std::uint64_t inRow = myMask->cellRow(j, k)[word] << 1 | before;
-    return ~(inRow & rowAt(j - 1, k, true) & rowAt(j - 1, k - 1, false) & rowAt(j, k - 1, true) &
-             rowAt(j + 1, k - 1, false));
-}
-
-/// Which earlier neighbours a cell has that are not blanked.
-template<class T>
-unsigned IsoSweep<T>::neighboursOf(std::size_t i, std::size_t j, std::size_t k) const noexcept {
-    unsigned found = 0;
-    for (unsigned n = 0; n < 9; ++n) {
-        const auto at = [&](std::size_t from, int axis) {
-            return from + static_cast<std::size_t>(Neighbours[n][axis]);
-        };
-        const MultiIndex<3> cell(at(i, 0), at(j, 1), at(k, 2));
-        if (cell.inside(myMask->cells()) && myMask->isCellValid(cell)) found |= 1U << n;
-    }
-    return found;
-}
-
 // Leaves what layer k adds in myLayers[k + 1].
 template<class T>
 void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks) {
@@ -314,21 +321,27 @@ void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t*
                 std::uint64_t cut = around.cut();
                 if (word + 1 == myCellWords) cut &= lastCells;
                 if (cut == 0) continue;
-                std::uint64_t beside = 0;
-                if (myMask) {
-                    if ((cut &= validCells(j, k, word)) == 0) continue;
-                    beside = cellsBesideBlanked(j, k, word);
-                }
+                if (myMask && (cut &= myMask->cellRow(j, k)[word]) == 0) continue;
                 const std::size_t bit = j * myCellWords + word;
                 active[bit / 64] |= std::uint64_t{1} << (bit % 64);
+                const auto caseOf = [&](int cell, int at) -> const CellCase& {
+                    return Cases[static_cast<std::size_t>(at)][around.rowCase(cell)];
+                };
+                if (myMask) {
+                    const NeighbourWords neighbours(*myMask, j, k, word);
+                    for (std::uint64_t special = cut & neighbours.missing; special != 0; special &= special - 1) {
+                        const int cell = std::countr_zero(special);
+                        const CellCase& found = caseOf(cell, 0);
+                        added.firstVertex += static_cast<index_t>(
+                            std::popcount(static_cast<unsigned>(found.cutEdges & ~SharedEdges[neighbours.of(cell)])));
+                        added.firstTriangle += found.triangleCount;
+                    }
+                    cut &= ~neighbours.missing;
+                }
                 for (; cut != 0; cut &= cut - 1) {
                     const int cell = std::countr_zero(cut);
-                    const bool first = word == 0 && cell == 0;
-                    const CellCase& found = Cases[static_cast<std::size_t>(border + first)][around.rowCase(cell)];
-                    added.firstVertex +=
-                        beside >> cell & 1
-                            ? caseBeside(found, neighboursOf(64 * word + static_cast<std::size_t>(cell), j, k)).newCount
-                            : found.newCount;
+                    const CellCase& found = caseOf(cell, border + (word == 0 && cell == 0));
+                    added.firstVertex += found.newCount;
                     added.firstTriangle += found.triangleCount;
                 }
             }
@@ -441,23 +454,25 @@ void IsoSweep<T>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& ta
         }
         std::uint64_t cut = around.cut();
         if (word + 1 == myCellWords) cut &= lastCells;
-        std::uint64_t beside = 0;
+        std::optional<NeighbourWords> neighbours;
         if (myMask) {
-            cut &= validCells(j, k, word);
-            beside = cellsBesideBlanked(j, k, word);
+            cut &= myMask->cellRow(j, k)[word];
+            neighbours.emplace(*myMask, j, k, word);
         }
+        const std::uint64_t special = neighbours ? neighbours->missing : 0;
 
         const int border = (j == 0 ? 2 : 0) + (k == 0 ? 4 : 0);
         const std::size_t rowStart = (k * mySize[1] + j) * mySize[0];
         for (; cut != 0; cut &= cut - 1) {
             const int cell = std::countr_zero(cut);
             const std::size_t i = 64 * word + static_cast<std::size_t>(cell);
-            const CellCase& usual = Cases[static_cast<std::size_t>(border + (i == 0))][around.rowCase(cell)];
-            CellCase special;
-            if (beside >> cell & 1) special = caseBeside(usual, neighboursOf(i, j, k));
-            const CellCase& found = beside >> cell & 1 ? special : usual;
+            const bool isSpecial = special >> cell & 1; // then all cut edges are looked through
+            const CellCase& found =
+                Cases[isSpecial ? 7 : static_cast<std::size_t>(border + (i == 0))][around.rowCase(cell)];
+            const unsigned shared = isSpecial ? SharedEdges[neighbours->of(cell)] : 0;
             for (int v = 0; v < found.newCount; ++v) {
                 const unsigned int e = found.newEdges[v];
+                if (shared >> e & 1) continue;
                 indices[e][i] = static_cast<unsigned int>(vertex++);
                 if constexpr (Write) queue.push(i, j, rowStart + i, e);
             }

@@ -134,11 +134,6 @@ private:
     }
     [[nodiscard]] std::uint64_t classify(std::size_t j, std::size_t k, std::size_t word) const noexcept;
     void prefetchWord(std::size_t cellWord, std::size_t k) const noexcept;
-    [[nodiscard]] std::uint64_t validCells(std::size_t j, std::size_t k, std::size_t word) const noexcept {
-        return myMask->cellRow(j, k)[word];
-    }
-    [[nodiscard]] std::uint64_t cellsBesideBlanked(std::size_t j, std::size_t k, std::size_t word) const noexcept;
-    [[nodiscard]] unsigned neighboursOf(std::size_t i, std::size_t j, std::size_t k) const noexcept;
     void countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks);
     void classifyPlane(std::size_t k, std::uint64_t* masks) const noexcept;
     template<bool Write, class Positions>

@@ -1,10 +1,11 @@
 #include "io/Gnuplot.hpp"
 
+#include <dataset/io/AtomicFile.hpp>
+#include <dataset/io/FileError.hpp>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <dataset/io/AtomicFile.hpp>
-#include <dataset/io/FileError.hpp>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>

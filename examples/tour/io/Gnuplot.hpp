@@ -3,6 +3,7 @@
 /// Runs gnuplot on one script and puts the picture where it belongs.
 
 #include <dataset/io/Leftover.hpp>
+
 #include <filesystem>
 #include <optional>
 #include <string>

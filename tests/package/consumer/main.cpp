@@ -1,8 +1,8 @@
 #include <baseop/BaseOp.hpp>
+#include <dataset/Files.hpp>
 #include <model/Model.hpp>
 
 #include <cstdio>
-#include <dataset/Files.hpp>
 #include <string>
 
 #if VANTLE_VERSION < 100 || VANTLE_VERSION >= 10000

@@ -1,0 +1,17 @@
+#pragma once
+/// Loops over plain numbers in vector lanes of the widest kind that the processor has; the bits are the same in each.
+
+#include <cstddef>
+
+namespace Vantle::detail {
+
+/// What these kernels may read and write beyond the end of rows: rows have room for a multiple of so many numbers.
+inline constexpr std::size_t MostLanes = 8;
+
+/// Lengths of the vectors (x[i], y[i], z[i]), to the bit as by `length`.
+void lengthsOf(const double* x, const double* y, const double* z, std::size_t count, double* lengths);
+/// The same, and their reciprocals.
+void lengthsOf(const double* x, const double* y, const double* z, std::size_t count, double* lengths,
+               double* reciprocals);
+
+} // namespace Vantle::detail

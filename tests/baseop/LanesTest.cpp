@@ -1,0 +1,138 @@
+// Kernels in vector lanes give the same bits in every width. That they are the right ones is tested with each
+// operation, in the width that this processor takes.
+
+#include <baseop/DataRange.hpp>
+#include <baseop/ExpandBBox.hpp>
+#include <baseop/TangentialVectors.hpp>
+
+#include <bit>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <hwy/targets.h>
+#include <limits>
+#include <random>
+#include <support/Creators.hpp>
+#include <type_traits>
+
+namespace {
+
+using namespace Vantle;
+using Orvix::PhysicalSpace;
+
+/// Lanes of one width while it lives.
+class Lanes {
+public:
+    explicit Lanes(std::int64_t target) { choose(target); }
+    ~Lanes() { choose(0); }
+
+private:
+    static void choose(std::int64_t target) {
+        hwy::SetSupportedTargetsForTest(target); // 0: those of the processor
+        hwy::GetChosenTarget().Update(hwy::SupportedTargets());
+    }
+};
+
+using Bits = std::vector<std::uint64_t>;
+
+template<class T>
+void append(Bits& bits, T value) {
+    std::uint64_t image = 0;
+    std::memcpy(&image, &value, sizeof(T));
+    // Which NaN an operation gives is not promised.
+    if constexpr (std::is_floating_point_v<T>)
+        if (value != value) image = ~std::uint64_t{0};
+    bits.push_back(image);
+}
+
+/// Numbers around 0, with zeros of both signs; of floating point also others that are special, in half of the cases
+/// NaN.
+template<class T>
+T randomNumber(std::mt19937_64& random, bool isWithNaN) {
+    using Limits = std::numeric_limits<T>;
+    if (random() % 8 == 0) {
+        const T specials[] = {T{0}, static_cast<T>(-T{0}), Limits::max(),        Limits::lowest(),
+                              T{1}, Limits::infinity(),    Limits::denorm_min(), Limits::quiet_NaN()};
+        return specials[random() % (isWithNaN ? 8 : 7)];
+    }
+    if constexpr (std::is_floating_point_v<T>) return std::normal_distribution<T>()(random);
+    return static_cast<T>(random());
+}
+
+template<class T>
+void appendRange(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    std::vector<T> numbers(count);
+    for (T& number : numbers) number = randomNumber<T>(random, isWithNaN);
+    const auto creator = support::creatorOf(numbers);
+    const auto range = DataRange<T>::compute(*creator, false, false);
+    append(bits, range->getMin());
+    append(bits, range->getMax());
+}
+
+template<class Point>
+void appendBox(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    std::vector<Point> points(count);
+    for (Point& point : points)
+        for (auto& x : point) x = randomNumber<typename Point::value_type>(random, isWithNaN);
+    Hestra::StrongPtr<Orvix::BoundingBox> box;
+    ASSERT_TRUE(ExpandBBox(box, *support::creatorOf(points)));
+    for (int axis = 0; axis < 3; ++axis) {
+        append(bits, box->minCoord()[axis]);
+        append(bits, box->maxCoord()[axis]);
+    }
+}
+
+void appendTangents(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    std::vector<PhysicalSpace::point> points(count + 1);
+    for (auto& point : points)
+        for (double& x : point) x = randomNumber<double>(random, isWithNaN);
+    std::vector<index_t> curve(count + 1);
+    for (index_t& index : curve) index = random() % points.size();
+    TangentialVectorsAndCurveParameter result;
+    result.compute(*makeMemArray1D(points), *makeMemArray1D(std::vector<std::vector<index_t>>{curve}));
+    for (index_t v = 0; v < points.size(); ++v) {
+        append(bits, result.curveParameters()->element(v));
+        for (const double x : result.tangents()->element(v)) append(bits, x);
+    }
+}
+
+/// What all operations with lanes give, for numbers of elements around each border of lanes and of blocks.
+Bits results() {
+    Bits bits;
+    for (std::size_t count = 1; count < 800; count += count < 140 ? 1 : 41)
+        for (const bool isWithNaN : {false, true}) {
+            appendRange<double>(bits, count, isWithNaN);
+            appendRange<float>(bits, count, isWithNaN);
+            appendRange<unsigned char>(bits, count, isWithNaN);
+            appendRange<unsigned short>(bits, count, isWithNaN);
+            appendBox<PhysicalSpace::point>(bits, count, isWithNaN);
+            appendBox<Orvix::Coordinates<Orvix::Cartesian3D, float>::point>(bits, count, isWithNaN);
+            appendTangents(bits, count, isWithNaN);
+        }
+    return bits;
+}
+
+struct Width {
+    const char* name;
+    std::int64_t target;
+};
+
+class LanesTest : public testing::TestWithParam<Width> {};
+
+TEST_P(LanesTest, GiveTheBitsOfTheWidthThatTheProcessorTakes) {
+    const auto [name, target] = GetParam();
+    if (!(hwy::SupportedTargets() & target)) GTEST_SKIP() << "this processor has no lanes of " << name;
+    const Bits expected = results();
+    const Lanes lanes(target);
+    ASSERT_EQ(hwy::SupportedTargets() & target, target);
+    EXPECT_TRUE(results() == expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Widths, LanesTest,
+                         testing::Values(Width{"Plain", HWY_SCALAR}, Width{"SSE4", HWY_SSE4}, Width{"AVX2", HWY_AVX2},
+                                         Width{"AVX512", HWY_AVX3}, Width{"NEON", HWY_NEON}),
+                         [](const auto& width) { return std::string(width.param.name); });
+
+} // namespace
