@@ -2,15 +2,18 @@
 #include "support/Plot3DFile.hpp"
 #include "support/RoughBlocks.hpp"
 
-#include <baseop/GridEvaluator.hpp>
 #include <dataset/DataSet.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 
+#include <atomic>
 #include <bit>
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <thread>
+#include <unistd.h>
 
 // Whole requests, as people make them, on blocks that are turned and flipped, and one time on real data. What the
 // operations underneath prove is not proved here again.
@@ -433,7 +436,7 @@ TEST(DataSetTest, TakesSinglePrecisionEverywhere) {
     const auto speed = at.sample("magnitude(velocity)"), curl = at.sample("vorticity(velocity)");
     EXPECT_EQ(at.found(), positions.size());
     for (std::size_t k = 0; k < positions.size(); ++k) {
-        EXPECT_NEAR(speed[k], length(swirl(positions[k])), 0.01);
+        EXPECT_NEAR(speed[k], length(swirl(positions[k])), 0.02); // of chords of arcs
         EXPECT_NEAR(curl.vector(k)[2], 3.0, 1e-3);
     }
     EXPECT_LT(flow.threshold("magnitude(velocity)", 2.0).locate(positions).found(), positions.size());
