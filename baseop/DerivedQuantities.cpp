@@ -97,22 +97,12 @@ StrongPtr<Field> makePlaneDistance(const StrongPtr<Field>& positions, const Phys
     return deriveField<double>(positions, cache, [origin, unit](const StrongPtr<MemBase>& data, const auto& creator) {
         StrongPtr<MemBase> made;
         const auto distance = [&](const PhysicalSpace::point& p) { return dot(p - origin, unit); };
-        std::visit(
-            [&](const auto& points) {
-                if constexpr (requires {
-                                  points->Size();
-                                  (*points)[MultiIndex<3>()];
-                              }) {
-                    const auto size = points->Size();
-                    if constexpr (requires { points->data(); })
-                        made = fill<double>(size, creator, [&](index_t n) { return distance(points->element(n)); });
-                    else
-                        made = fill<double>(size, creator, [&](index_t n) {
-                            return distance((*points)[MultiIndex<3>::fromLinear(n, size)]);
-                        });
-                }
-            },
-            detail::FragmentCoordinates(data).kind);
+        const detail::FragmentCoordinates coordinates(data);
+        if (const auto* const points = coordinates.curvilinear())
+            made = fill<double>(points->Size(), creator, [&](index_t n) { return distance(points->element(n)); });
+        coordinates.visitProducts([&](const auto& product) {
+            made = fill<double>(product.Size(), creator, [&](index_t n) { return distance(product.create(n)); });
+        });
         return made;
     });
 }

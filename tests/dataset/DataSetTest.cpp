@@ -182,6 +182,13 @@ TEST(DataSetTest, RangesAndBoxesAreOfNumbersWhateverTheirOrderAndTheThreads) {
             flow.setField("none", "a", std::vector<double>(values.size(), none));
             EXPECT_TRUE(std::isnan(flow.range("none").least));
             EXPECT_TRUE(flow.contour("none", 1.0).isEmpty());
+            // What comes after a NaN must not be taken for all that there is.
+            DataSet halves;
+            halves.addUniformBlock("a", {9, 9, 9}, {{0, 0, 0}, {8, 8, 8}});
+            halves.setField("f", [](const Point& p) {
+                return p == Point(4, 4, 4) ? std::nan("") : p[2] < 4 ? 0.0 : 1.0;
+            });
+            EXPECT_FALSE(halves.contour("f", 0.5).isEmpty());
         }
     omp_set_num_threads(omp_get_num_procs());
 }
@@ -567,6 +574,31 @@ TEST(DataSetTest, KeepsToItsBudgetAndSaysWhatCannotBeMade) {
         EXPECT_LE(lazy.cache()->bytes(), 3 * largest) << name;
     }
     EXPECT_GT(made, 30);
+    // More than is held at a time: one block after the other, whatever the order of the positions.
+    DataSet large;
+    std::vector<Point> positions;
+    for (int b = 0; b < 4; ++b) {
+        const std::string name(1, char('a' + b));
+        large.addUniformBlock(name, {130, 130, 130}, {{2.0 * b, 0, 0}, {2.0 * b + 1, 1, 1}});
+        const auto fill = [b](const Hestra::WeakPtr<Vantle::CreativeArrayBase>& by) {
+            const auto values = MemArray<3, double>::create({130, 130, 130}, by);
+            std::fill_n(values->getPtr(), values->nElements(), b);
+            return Hestra::StrongPtr<Vantle::MemBase>(values);
+        };
+        large.setField("b", name,
+                       Hestra::StrongPtr<Vantle::CreativeArrayBase>(
+                           new Vantle::CreativeArray(fill, typeid(double), Place(130, 130, 130), large.cache())));
+    }
+    for (int k = 0; k < 5000; ++k) positions.push_back(Point(2.0 * (k * 7 % 5) + 0.3, 0.5, k / 5000.0));
+    large.memoryBudget(20'000'000);
+    const auto sorted = large.locate(positions).sample("b", -1.0);
+    for (std::size_t k = 0; k < positions.size(); ++k) {
+        const int b = int(k * 7 % 5);
+        ASSERT_NEAR(sorted[k], b == 4 ? -1.0 : b, 1e-12);
+        ASSERT_EQ(sorted.isFound(k), b != 4);
+    }
+    EXPECT_LT(large.cache()->bytes(), 40'000'000U);
+
     lazy.cache()->clear();
     isBroken = true;
     const DataSet fresh = lazy.atTime(0);
