@@ -147,8 +147,8 @@ TEST_F(Plot3DGridTest, EverythingInSinglePrecision) {
         return FloatVector(float(v[0]), float(v[1]), float(v[2]));
     });
     EXPECT_EQ(getBoundingBox(flow.positions())->maxCoord(), place(kBlocks - 1, kVertices - 1));
-    writeVtk(folder / "flow.vtm", *grid, {"momentum"}, {.compress = false});
-    const support::VtkFile written(folder / "flow" / "flow_4.vts");
+    writeVtk(folder / "out.vtm", *grid, {"momentum"}, {.compress = false});
+    const support::VtkFile written(folder / "out" / "out_4.vts");
     const auto points = written.values<float>("Points");
     ASSERT_EQ(points.size(), 3 * kVertices);
     EXPECT_EQ(points[3 * 100], float(place(4, 100)[0]));
