@@ -20,7 +20,7 @@ std::string oneLine(std::string_view text) {
 }
 
 FileError::FileError(const std::filesystem::path& file, std::string_view place, std::string_view reason)
-    : std::runtime_error(compose(file, place, reason)), myFile(file), myPlace(place), myReason(reason) {}
+    : DataSetError(compose(file, place, reason)), myFile(file), myPlace(place), myReason(reason) {}
 FileError::~FileError() = default;
 
 } // namespace Vantle

@@ -1,17 +1,16 @@
 #pragma once
 /// The one exception of everything that touches files.
 
-#include <dataset/DataSetExport.hpp>
+#include <dataset/DataSetError.hpp>
 
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace Vantle {
 
 /// A file could not be read, understood or written. `what()` is a single line: file, place, reason.
-class VANTLE_DATASET_API FileError : public std::runtime_error {
+class VANTLE_DATASET_API FileError : public DataSetError {
 public:
     FileError(const std::filesystem::path& file, std::string_view place, std::string_view reason);
     ~FileError() override;
