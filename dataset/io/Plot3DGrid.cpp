@@ -25,6 +25,13 @@ public:
     FieldMaker(const RegularGrid3D& grid, const Plot3DFile& file, const Plot3DReading& reading)
         : myGrid(grid), myFile(file), myReading(reading) {}
 
+    template<class Element>
+    static auto readTriples(std::size_t first) {
+        return [first](const Plot3DFile& file, std::size_t block, const Creator& c) {
+            return file.readTriples<Element>(block, first, c);
+        };
+    }
+
     [[nodiscard]] StrongPtr<Field> empty() const {
         return StrongPtr<Field>(new Field(myGrid.positions()->getFragmentIDCollection()));
     }
@@ -78,12 +85,6 @@ private:
         return make(variable + 1, typeid(T), [variable](const Plot3DFile& file, std::size_t block, const Creator& c) {
             return file.read<T>(block, variable, c);
         });
-    }
-    template<class Element>
-    static auto readTriples(std::size_t first) {
-        return [first](const Plot3DFile& file, std::size_t block, const Creator& c) {
-            return file.readTriples<Element>(block, first, c);
-        };
     }
     template<class Element>
     [[nodiscard]] StrongPtr<Field> triples(std::size_t first) const {
