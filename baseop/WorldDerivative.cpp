@@ -187,6 +187,9 @@ public:
         for (index_t i = 0; i < mySize[0]; ++i) place[i] = Point(myAxes[0][i], myAxes[1][j], myAxes[2][k]);
         return place;
     }
+    void prefetch(index_t index) const noexcept {
+        if (isStored) __builtin_prefetch(myPoints + index * myStep);
+    }
     [[nodiscard]] PhysicalSpace::point operator[](index_t index) const noexcept {
         if (isStored) return PhysicalSpace::point(myPoints[index * myStep]);
         const auto at = MultiIndex<3>::fromLinear(index, mySize);
@@ -406,7 +409,14 @@ private:
         index_t step;
         StrongPtr<const BlockMask> mask;
     };
-    /// A neighbour's position and value.
+    /// Where the position and the value of a neighbour are, and what moves them.
+    struct Source {
+        const Block* block;
+        index_t index;
+        const RigidMotion* motion;
+    };
+    /// Of a vertex: the neighbours below and above on each axis, or itself.
+    using Sources = std::array<std::array<Source, 2>, 3>;
     struct Neighbour {
         PhysicalSpace::point position;
         S value;
@@ -455,16 +465,19 @@ private:
 
     void derive(std::vector<Vertex>& waiting, std::size_t begin, std::size_t end, Result<T>* target) {
         const auto stencils = std::make_unique<Stencils<T>>();
+        const auto sources = std::make_unique<std::array<Sources, Lanes>>();
         std::array<std::size_t, Lanes> place;
         index_t count = 0;
+        // What is read lies far apart: it is on its way while the next vertices are looked up.
         const auto finish = [&] {
+            for (index_t n = 0; n < count; ++n)
+                waiting[place[n]].state = gather((*sources)[n], *stencils, n) ? State::Done : State::Collapsed;
             stencils->solve(static_cast<int>(count));
             for (index_t n = 0; n < count; ++n) store<T>(target[waiting[place[n]].index], *stencils, n);
             count = 0;
         };
         for (std::size_t v = begin; v < end; ++v) {
-            waiting[v].state = gather(waiting[v].owner, *stencils, count);
-            if (waiting[v].state != State::Done) continue;
+            if (!find(waiting[v].owner, (*sources)[count])) continue;
             place[count++] = v;
             if (count == Lanes) finish();
         }
@@ -493,10 +506,12 @@ private:
         constexpr int C = Components<T>;
         bool isComplete = true;
         detail::WorldStencil<C, 1> one;
+        Sources sources;
         result = {};
         for (const BlockVertex& vertex : vertices) {
-            want(vertex.block);
-            isComplete = gather(vertex, one, 0) != State::Waiting && isComplete;
+            isComplete = find(vertex, sources) && isComplete;
+            if (!isComplete) continue;
+            (void)gather(sources, one, 0);
             for (int d = 0; d < 3; ++d)
                 for (int m = 0; m < 3; ++m) {
                     const double along = one.edges[3 * d + m][0];
@@ -507,29 +522,48 @@ private:
         return isComplete;
     }
 
-    /// The differences at a vertex, into a lane unless a block is missing.
+    /// The differences at a vertex; false if an edge has no length.
     template<class Lane>
-    State gather(const BlockVertex& at, Lane& stencils, index_t lane) {
+    [[nodiscard]] static bool gather(const Sources& sources, Lane& stencils, index_t lane) noexcept {
         constexpr int C = Components<T>;
-        const auto place = MultiIndex<3>::fromLinear(at.index, myJoins.size(at.block));
-        bool isComplete = true, isCollapsed = false;
+        bool spans = true;
         for (int d = 0; d < 3; ++d) {
-            Neighbour low, high;
-            const bool hasLow = readNext(at, place, d, -1, low), hasHigh = readNext(at, place, d, 1, high);
-            isComplete = isComplete && hasLow && hasHigh; // goes on, to learn of all that are missing
-            isCollapsed = isCollapsed || low.position == high.position;
+            const auto& [below, above] = sources[static_cast<std::size_t>(d)];
+            const Neighbour low = read(below), high = read(above);
+            spans = spans && !(low.position == high.position);
             for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = high.position[m] - low.position[m];
             for (int c = 0; c < C; ++c)
                 stencils.changes[C * d + c][lane] = static_cast<double>(elementComponent(high.value, c)) -
                                                     static_cast<double>(elementComponent(low.value, c));
         }
-        return !isComplete ? State::Waiting : isCollapsed ? State::Collapsed : State::Done;
+        return spans;
     }
-    /// What follows a vertex along an axis, else the vertex itself; false if a block is missing.
-    bool readNext(const BlockVertex& at, const MultiIndex<3>& place, int axis, int direction, Neighbour& result) {
+    [[nodiscard]] static Neighbour read(const Source& source) noexcept {
+        Neighbour result{source.block->positions[source.index],
+                         source.block->values[source.index * source.block->step]};
+        if (source.motion) {
+            result.position = (*source.motion)(result.position);
+            if constexpr (std::is_same_v<T, PhysicalSpace::vector>)
+                result.value = S((*source.motion)(PhysicalSpace::vector(result.value)));
+        }
+        return result;
+    }
+
+    /// Looks up the neighbours of a vertex; false, and the block wanted, if one is missing.
+    [[nodiscard]] bool find(const BlockVertex& at, Sources& sources) {
+        const auto place = MultiIndex<3>::fromLinear(at.index, myJoins.size(at.block));
+        bool isComplete = true;
+        for (int d = 0; d < 3; ++d)
+            for (const bool upper : {false, true}) // goes on, to learn of all that are missing
+                isComplete =
+                    findNext(at, place, d, upper ? 1 : -1, sources[static_cast<std::size_t>(d)][upper]) && isComplete;
+        return isComplete;
+    }
+    /// What follows a vertex along an axis, else the vertex itself.
+    bool findNext(const BlockVertex& at, const MultiIndex<3>& place, int axis, int direction, Source& source) {
         bool isKnown = true;
         if (const auto next = follow(at, place, axis, direction, isKnown))
-            return read(next->vertex, next->motion, result);
+            return locate(next->vertex, next->motion, source);
         // The edge may be one of a block that the vertex is joined with, which goes on where this one ends.
         for (const BlockJoin& join : myJoins.joins(at.block)) {
             const auto d = static_cast<std::size_t>(axis);
@@ -540,9 +574,22 @@ private:
             const MultiIndex<3> other(there[0], there[1], there[2]);
             const BlockVertex copy{join.second.block, other.linear(myJoins.size(join.second.block))};
             if (const auto next = follow(copy, other, join.map.axis[d], join.map.sign[d] * direction, isKnown))
-                return read(next->vertex, next->motion, result);
+                return locate(next->vertex, next->motion, source);
         }
-        return isKnown && read(at, nullptr, result);
+        return isKnown && locate(at, nullptr, source);
+    }
+    /// The owner of a vertex; false if its block is missing.
+    bool locate(const BlockVertex& vertex, const RigidMotion* motion, Source& source) {
+        const BlockVertex owner = myJoins.owner(vertex);
+        const auto& block = myBlocks[owner.block];
+        if (!block) {
+            want(owner.block);
+            return false;
+        }
+        block->positions.prefetch(owner.index);
+        __builtin_prefetch(block->values + owner.index * block->step);
+        source = {&*block, owner.index, motion};
+        return true;
     }
     [[nodiscard]] static bool holds(const BlockJoin& join, const MultiIndex<3>& place) noexcept {
         bool isInside = true;
@@ -567,24 +614,6 @@ private:
         if (block->mask && !block->mask->isEdgeValid(lower, axis)) return std::nullopt;
         const index_t stride = axis == 0 ? 1 : axis == 1 ? size[0] : size[0] * size[1];
         return BlockJoins::Step{{at.block, isUpper ? at.index + stride : at.index - stride}, nullptr};
-    }
-
-    /// Position and value of the owner of a vertex, moved; false if its block is missing.
-    bool read(const BlockVertex& vertex, const RigidMotion* motion, Neighbour& result) {
-        const BlockVertex owner = myJoins.owner(vertex);
-        const auto& block = myBlocks[owner.block];
-        if (!block) {
-            want(owner.block);
-            return false;
-        }
-        result.position = block->positions[owner.index];
-        result.value = block->values[owner.index * block->step];
-        if (motion) {
-            result.position = (*motion)(result.position);
-            if constexpr (std::is_same_v<T, PhysicalSpace::vector>)
-                result.value = S((*motion)(PhysicalSpace::vector(result.value)));
-        }
-        return true;
     }
 
     const Inputs& myInputs;
