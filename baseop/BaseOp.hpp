@@ -5,6 +5,7 @@
 #include <baseop/BlockJoins.hpp>
 #include <baseop/CellSearch.hpp>
 #include <baseop/DataRange.hpp>
+#include <baseop/DerivedQuantities.hpp>
 #include <baseop/EvalGrid.hpp>
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/ExpandBBox.hpp>
@@ -13,10 +14,13 @@
 #include <baseop/Interpolate.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/LocalFromWorldPoint.hpp>
+#include <baseop/LocatedPositions.hpp>
+#include <baseop/NumberRange.hpp>
 #include <baseop/PartialDerivative.hpp>
 #include <baseop/PointCloud.hpp>
 #include <baseop/PointSearch.hpp>
 #include <baseop/ResampleRegularGrid.hpp>
+#include <baseop/SurfaceBorder.hpp>
 #include <baseop/SurfaceRefinement.hpp>
 #include <baseop/TangentialVectors.hpp>
 #include <baseop/TreeCellMapper.hpp>

@@ -259,38 +259,52 @@ void FragmentIsoSurfacer::finish() {
 /// Whether all values of a known range lie on one side of the level.
 template<class Range>
 bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<Range>& range) {
-    if (!range) return false;
-    const double min = range->getMinf(), max = range->getMaxf();
-    myIsAllAbove = min > myLevel;
-    if (!myIsMasked) myReachesAbove = myReachesAbove || min > myLevel || max > myLevel;
-    return myLevel < min || myLevel > max;
+    return range && excludesLevel(range->getMinf(), range->getMaxf());
+}
+
+bool FragmentIsoSurfacer::excludesLevel(double least, double greatest) noexcept {
+    myIsAllAbove = least > myLevel;
+    // What the caller says is of valid values; other ranges are of all.
+    if (!myIsMasked || myRangeOf) myReachesAbove = myReachesAbove || least > myLevel || greatest > myLevel;
+    return myLevel < least || myLevel > greatest;
 }
 
 /// The same of what is known without making the data.
-bool FragmentIsoSurfacer::excludesLevel(const CreativeArrayBase& creator) {
+bool FragmentIsoSurfacer::excludesLevel(const StrongPtr<FragmentID>& id, const CreativeArrayBase& creator) {
+    if (myRangeOf) {
+        const auto range = myRangeOf(id);
+        return !range || excludesLevel(range->first, range->second);
+    }
     return excludesLevel(DataRange<double>::get(creator).lock()) ||
            excludesLevel(DataRange<float>::get(creator).lock());
 }
 
 /// The same of a block whose vertices have values of other blocks, too.
 bool FragmentIsoSurfacer::isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator) {
-    const auto sideOf = [level = myLevel](const auto& range) -> std::optional<bool> {
-        if (range && level < range->getMinf()) return true;
-        if (range && level > range->getMaxf()) return false;
+    const auto sideOf = [level = myLevel](double least, double greatest) -> std::optional<bool> {
+        if (level < least) return true;
+        if (level > greatest) return false;
         return {};
     };
-    const auto isAbove = [&](const CreativeArrayBase& values) {
-        const auto side = sideOf(DataRange<double>::get(values).lock());
-        return side ? side : sideOf(DataRange<float>::get(values).lock());
+    const auto sideOfRange = [&](const auto& range) {
+        return range ? sideOf(range->getMinf(), range->getMaxf()) : std::nullopt;
     };
-    const std::optional<bool> side = isAbove(creator);
+    const auto isAbove = [&](unsigned int ofBlock, const CreativeArrayBase& values) -> std::optional<bool> {
+        if (myRangeOf) {
+            const auto range = myRangeOf(myJoined->joins().fragment(ofBlock));
+            return range ? sideOf(range->first, range->second) : std::nullopt;
+        }
+        const auto side = sideOfRange(DataRange<double>::get(values).lock());
+        return side ? side : sideOfRange(DataRange<float>::get(values).lock());
+    };
+    const std::optional<bool> side = isAbove(block, creator);
     if (!side) return false;
     for (const unsigned int owner : myJoined->ownersOf(block)) {
         const auto other = myJoined->values().getCreator(myJoined->joins().fragment(owner));
-        if (!other || isAbove(*other) != side) return false;
+        if (!other || isAbove(owner, *other) != side) return false;
     }
     myIsAllAbove = *side;
-    myReachesAbove = myReachesAbove || (*side && !myIsMasked);
+    myReachesAbove = myReachesAbove || (*side && (!myIsMasked || myRangeOf));
     return true;
 }
 
@@ -319,7 +333,7 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
     Fragment fragment;
     if (myJoined)
         if (const unsigned int block = myJoined->joins().find(id); myJoined->isJoined(block)) fragment.joined = block;
-    if (fragment.joined ? isJoinedAndExcluded(*fragment.joined, *creator) : excludesLevel(*creator)) {
+    if (fragment.joined ? isJoinedAndExcluded(*fragment.joined, *creator) : excludesLevel(id, *creator)) {
         Console::puts("SKIP Iso");
         noteSkipped(id);
         return true;
@@ -339,7 +353,8 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         }
         const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
         if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
-        if (values == &own && isSkipped<T>(*creator)) return noteSkipped(id); // a range knows of own values only
+        if (!myRangeOf && values == &own && isSkipped<T>(*creator))
+            return noteSkipped(id); // a range knows of own values only
         if (!coordinates) coordinates = findCoordinates(id, fragment);
         if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
         sweep<T>(id, *values, fragment);
@@ -485,7 +500,13 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
                                  triangles.strong());
     surfacer.setBlanking(masks);
     if (joins) surfacer.joinBlocks(joins, field);
-    field->iterate(surfacer);
+    if (options.rangeOf) surfacer.useRanges(options.rangeOf);
+    const std::size_t fragments = field->nFragments();
+    std::size_t done = 0;
+    field->iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (options.progress) options.progress(static_cast<double>(done++) / static_cast<double>(fragments));
+        return surfacer.apply(id, creator);
+    });
     surfacer.finish();
     const bool empty = !surfacer.reachesAbove();
     if (empty) {

@@ -15,8 +15,10 @@
 
 #include <concepts>
 #include <exception>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -233,6 +235,10 @@ public:
     ///
     /// @param values  the field whose fragments will come.
     void joinBlocks(const Hestra::StrongPtr<BlockJoins>& joins, const Hestra::StrongPtr<Field>& values);
+    /// From now on, what a fragment's values reach from and to is asked of `rangeOf`, and the ranges of creators, in
+    /// which a NaN may stand for numbers, count no more; nor are they computed. Nothing stands for no values at all.
+    using RangeOf = std::function<std::optional<std::pair<double, double>>(const Hestra::StrongPtr<FragmentID>&)>;
+    void useRanges(RangeOf rangeOf) { myRangeOf = std::move(rangeOf); }
     /// Called after the last fragment: drops vertices that joining has left without triangles, as where a block is
     /// collapsed.
     void finish();
@@ -273,7 +279,8 @@ private:
     struct Fragment;
     template<class Range>
     bool excludesLevel(const Hestra::StrongPtr<Range>& range);
-    bool excludesLevel(const CreativeArrayBase& creator);
+    bool excludesLevel(double least, double greatest) noexcept;
+    bool excludesLevel(const Hestra::StrongPtr<FragmentID>& id, const CreativeArrayBase& creator);
     bool isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator);
     template<class T>
     bool isSkipped(CreativeArrayBase& creator);
@@ -291,6 +298,7 @@ private:
     Chunk<TriangleCell> myTriangles;
     index_t myRunningOffset;
     bool myReachesAbove = false;
+    RangeOf myRangeOf;
     Blanking myBlanking;
     bool myIsMasked = false;   // the fragment at hand
     bool myIsAllAbove = false; // as its range says
@@ -309,6 +317,11 @@ struct SurfaceOptions {
     /// Whether the surface keeps on which edge each vertex lies, 16 bytes a vertex, so that `EvalFieldOnIsosurface` can
     /// tell values of other fields.
     bool keepEdges = false;
+    /// What the values of a fragment reach from and to, where the caller knows it better than the creators: see
+    /// `FragmentIsoSurfacer::useRanges`.
+    FragmentIsoSurfacer::RangeOf rangeOf;
+    /// Told before each fragment which part of them is done. What it throws ends the computation, as failures do.
+    std::function<void(double)> progress;
 };
 
 /// The surface of a field at a level, as the grid `outputName` of `slice`.

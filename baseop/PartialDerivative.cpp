@@ -90,7 +90,8 @@ void deriveBesideBlanked(Result* target, const S* row, const MultiIndex<3>& size
                 const S& low = *(at - edges.below[axis] * distances[axis]);
                 const double factor = 1.0 - 0.5 * static_cast<double>(edges.above[axis] & edges.below[axis]);
                 for (int c = 0; c < C; ++c)
-                    target[i][axis * C + c] = (elementComponent(high, c) - elementComponent(low, c)) * factor;
+                    target[i][axis * C + c] =
+                        (double{elementComponent(high, c)} - double{elementComponent(low, c)}) * factor;
             }
         });
 }

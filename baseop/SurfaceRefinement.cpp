@@ -59,6 +59,7 @@ public:
         : myCopy(array.stride() == 1 ? nullptr : StrongPtr<MemArray<1, T>>(array.copy())),
           myElements(myCopy ? myCopy->data() : array.data()) {}
     const T& operator[](index_t n) const noexcept { return myElements[n]; }
+    [[nodiscard]] const T* data() const noexcept { return myElements; }
 
 private:
     StrongPtr<MemArray<1, T>> myCopy;
@@ -381,39 +382,31 @@ void GenerateFace2EdgesTable(MemArray<1, Triangle>& faceToEdges, const MemArray<
                                  __PRETTY_FUNCTION__);
     const index_t faces = boundedCount(faceCount, faceToEdges.nElements());
     const index_t edges = boundedCount(edgeCount, edgeToFaces.nElements());
-    // For each slab of edges, how many edges each face has already: those of earlier slabs, and never more than three.
+    // Each thread looks at all edges and enters those of its faces, which neighbouring edges have in common: that costs
+    // less than to count before.
     constexpr unsigned char Full = 3;
-    const std::size_t slabs = slabsFor(edges);
-    std::vector<std::vector<unsigned char>> filled(slabs);
-    forEachSlab(slabs, edges, [&](std::size_t slab, index_t begin, index_t end) {
-        std::vector<unsigned char>& counts = filled[slab];
-        counts.resize(faces);
-        if (slab + 1 == slabs) return; // no slab comes after it
-        for (index_t e = begin; e < end; ++e)
-            for (const unsigned int face : edgeToFaces(e))
-                if (face < faces && counts[face] < Full) ++counts[face];
-    });
-    if (slabs > 1)
-        forEachSlab(slabs, faces, [&](std::size_t, index_t begin, index_t end) {
-            for (index_t f = begin; f < end; ++f) {
-                unsigned char before = 0;
-                for (std::vector<unsigned char>& counts : filled) {
-                    const int after = before + std::exchange(counts[f], before);
-                    before = static_cast<unsigned char>(std::min<int>(Full, after));
+    const Packed<Edge> table(edgeToFaces);
+    std::vector<unsigned char> filled(faces, 0);
+    std::atomic<bool> anyLeftOut{false};
+    forEachSlab(slabsFor(edges), faces, [&](std::size_t, index_t begin, index_t end) {
+        // What is written to bytes may be anything for the compiler, which would read all of these again and again.
+        const Edge* const entries = table.data();
+        Triangle* const rows = faceToEdges.data();
+        const index_t stride = faceToEdges.stride(), last = edges, count = end - begin;
+        unsigned char* const counts = filled.data();
+        bool isAnyLeftOut = false;
+        for (index_t e = 0; e < last; ++e)
+            for (const unsigned int face : entries[e]) {
+                if (face - begin >= count) continue; // also of faces before the first one
+                const int n = counts[face];
+                if (n < Full) {
+                    rows[face * stride][n] = static_cast<unsigned int>(e);
+                    counts[face] = static_cast<unsigned char>(n + 1);
+                } else {
+                    isAnyLeftOut = true;
                 }
             }
-        });
-    std::atomic<bool> anyLeftOut{false};
-    forEachSlab(slabs, edges, [&](std::size_t slab, index_t begin, index_t end) {
-        std::vector<unsigned char>& counts = filled[slab];
-        for (index_t e = begin; e < end; ++e)
-            for (const unsigned int face : edgeToFaces(e)) {
-                if (face >= faces) continue;
-                if (counts[face] < Full)
-                    faceToEdges(face)[counts[face]++] = static_cast<unsigned int>(e);
-                else
-                    anyLeftOut.store(true, std::memory_order_relaxed);
-            }
+        if (isAnyLeftOut) anyLeftOut.store(true, std::memory_order_relaxed);
     });
     if (!anyLeftOut || !Console::isHeard()) return;
 

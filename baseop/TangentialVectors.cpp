@@ -124,10 +124,14 @@ public:
             for (index_t c = myBegins[piece]; c < myBegins[piece + 1]; ++c) {
                 const std::vector<Index>& curve = curves(c);
                 if (!isUsable(curve, points)) continue;
-                for (const Index index : curve) {
-                    range.least = std::min(range.least, index);
-                    range.greatest = std::max(range.greatest, index);
-                }
+                // Nearly always vertices follow each other.
+                Index steps = 0;
+                for (std::size_t i = 0; i < curve.size(); ++i)
+                    steps |= static_cast<Index>(curve[i] - curve[0] - static_cast<Index>(i));
+                const auto [least, greatest] = steps == 0 ? std::pair(curve.begin(), curve.end() - 1)
+                                                          : std::minmax_element(curve.begin(), curve.end());
+                range.least = std::min(range.least, *least);
+                range.greatest = std::max(range.greatest, *greatest);
                 range.isEmpty = false;
             }
             ranges[piece] = range;

@@ -163,8 +163,7 @@ StrongPtr<Orvix::BoundingBox> validBox(const Vertices& vertices) {
     };
     vertices.positions->iterate(
         [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-            const detail::FragmentCoordinates coordinates(vertices.masks.concerns(id) ? creator
-                                                                                      : StrongPtr<CreativeArrayBase>());
+            const detail::FragmentCoordinates coordinates(vertices.masks.concerns(id) ? creator : nullptr);
             const auto size = coordinates.data ? coordinates.data->getDynamicSize().as<3>() : std::nullopt;
             const StrongPtr<const BlockMask> mask = size ? vertices.masks.of(id, *size) : nullptr;
             if (!mask) {

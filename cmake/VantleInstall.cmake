@@ -33,3 +33,4 @@ endfunction()
 
 vantle_pkgconfig(Model "Data model for scientific visualization" "")
 vantle_pkgconfig(BaseOp "Operations for scientific visualization" "vantle-model = ${PROJECT_VERSION}")
+vantle_pkgconfig(DataSet "Data sets and their files for scientific visualization" "vantle-baseop = ${PROJECT_VERSION}")

@@ -1,11 +1,11 @@
 #include "Inside.hpp"
 #include "Steps.hpp"
 #include "io/Progress.hpp"
-#include "io/Vtk.hpp"
 
 #include <baseop/EvalGrid.hpp>
 #include <baseop/LocalFromWorldPoint.hpp>
 #include <baseop/ValidData.hpp>
+#include <dataset/io/Vtk.hpp>
 
 #include <algorithm>
 #include <array>
@@ -270,7 +270,7 @@ void evaluateUniformly(const Tour& tour) {
                              static_cast<int>(lattice.size[2])};
     const std::array<VtkArray, 2> arrays = {VtkArray{data.field, std::span<const double>(best.values)},
                                             VtkArray{"outcome", std::span<const double>(outcomes)}};
-    writeVti(tour.file("uniform.vti"), {extents, origin, spacing}, arrays);
+    writeVti(tour.file("uniform.vti"), {extents, origin, spacing}, arrays, {.compress = false});
     report.row("uniform.vti", data.field + "; outcome: 0 not found, 1 exactly, 2 approximately", watch.lap());
     if (!tour.pictures) return;
     const Progress progress("picture of a slice");

@@ -1,6 +1,6 @@
 #include "Options.hpp"
 
-#include "io/FileError.hpp"
+#include <dataset/io/FileError.hpp>
 
 #include <charconv>
 #include <cmath>
@@ -70,8 +70,8 @@ const std::map<std::string, Store>& optionsWithValue() {
          }},
         {"--precision",
          [](Options& o, const std::string& n, const std::string& v) {
-             o.form.scalar =
-                 oneOf<Plot3DScalar>(n, v, {{"single", Plot3DScalar::float32}, {"double", Plot3DScalar::float64}});
+             o.form.scalar = oneOf<Vantle::Plot3DScalar>(
+                 n, v, {{"single", Vantle::Plot3DScalar::float32}, {"double", Vantle::Plot3DScalar::float64}});
          }},
         {"--records",
          [](Options& o, const std::string& n, const std::string& v) { o.form.recordMarks = yesOrNo(n, v); }},

@@ -2,7 +2,7 @@
 
 /// The command line of the tour.
 
-#include "io/Plot3D.hpp"
+#include <dataset/io/Plot3D.hpp>
 
 #include <filesystem>
 #include <optional>
@@ -21,7 +21,7 @@ public:
 struct Options {
     std::optional<std::filesystem::path> gridFile;     ///< None: the flow past a cylinder.
     std::optional<std::filesystem::path> solutionFile; ///< Only with a grid file.
-    Plot3DOptions form;
+    Vantle::Plot3DOptions form;
     std::string field;           ///< Empty: what suits the data.
     std::optional<double> level; ///< None: what suits the field.
     double heatRatio = 1.4;      ///< Of the heat capacities of the gas, at constant pressure and constant volume.

@@ -1,10 +1,11 @@
 #include "Plot3DFlow.hpp"
 
 #include "CutGrid.hpp"
+#include "Plot3DBlocks.hpp"
 #include "Report.hpp"
-#include "io/FileError.hpp"
 
 #include <baseop/ValidData.hpp>
+#include <dataset/io/FileError.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -130,7 +131,7 @@ DataSet readPlot3DFlow(const Options& options) {
     DataSet data;
     data.title = "PLOT3D grid " + oneLine(file.filename().string());
     if (solution) data.title += ", solution " + oneLine(options.solutionFile->filename().string());
-    data.remarks.push_back("grid: " + describe(grid.form));
+    data.remarks.push_back("grid: " + describe(grid.file.form()));
     if (solution) {
         data.remarks.push_back("solution: " + describe(solution->form));
         data.remarks.push_back("pressure: for a gas whose heat capacities have a ratio of " +

@@ -1,6 +1,6 @@
 #include "Report.hpp"
 
-#include "io/FileError.hpp"
+#include <dataset/io/FileError.hpp>
 
 #include <algorithm>
 #include <array>
@@ -34,7 +34,7 @@ void Report::line(const std::string& text) {
     for (std::size_t written = 0; written < bytes.size();) {
         const ssize_t now = ::write(descriptor_, bytes.data() + written, bytes.size() - written);
         if (now < 0 && errno == EINTR) continue;
-        if (now < 0) throw FileError("standard output", "cannot write", std::strerror(errno));
+        if (now < 0) throw Vantle::FileError("standard output", "cannot write", std::strerror(errno));
         written += static_cast<std::size_t>(now);
     }
 }

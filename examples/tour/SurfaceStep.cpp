@@ -1,8 +1,8 @@
 #include "Steps.hpp"
 #include "io/Progress.hpp"
-#include "io/Vtk.hpp"
 
 #include <baseop/Isosurface.hpp>
+#include <dataset/io/Vtk.hpp>
 
 #include <algorithm>
 #include <array>
@@ -81,7 +81,7 @@ void extractSurface(const Tour& tour) {
     report.row("coloured by", data.colourField, watch.lap());
 
     const std::array<VtkArray, 1> arrays = {VtkArray{data.colourField, std::span<const double>(values)}};
-    writeVtp(tour.file("surface.vtp"), mesh.points, mesh.triangles, arrays);
+    writeVtp(tour.file("surface.vtp"), mesh.points, mesh.triangles, arrays, {.compress = false});
     report.row("surface.vtp", "the surface", watch.lap());
     if (!tour.pictures) return;
 

@@ -4,11 +4,12 @@
 #include "Options.hpp"
 #include "Report.hpp"
 #include "Steps.hpp"
-#include "io/AtomicFile.hpp"
-#include "io/FileError.hpp"
 #include "io/Gnuplot.hpp"
-#include "io/Leftover.hpp"
 #include "io/Progress.hpp"
+
+#include <dataset/io/AtomicFile.hpp>
+#include <dataset/io/FileError.hpp>
+#include <dataset/io/Leftover.hpp>
 
 #include <algorithm>
 #include <cstdio>
@@ -29,9 +30,9 @@ constexpr int kSuccess = 0, kBadData = 1, kBadUsage = 2;
 void prepareFolder(const std::filesystem::path& folder) {
     std::error_code error;
     std::filesystem::create_directories(folder, error);
-    if (error) throw FileError(folder, "", "cannot make this folder: " + error.message());
-    if (!std::filesystem::is_directory(folder)) throw FileError(folder, "", "is not a folder");
-    const AtomicFile attempt(folder / "tour.log");
+    if (error) throw Vantle::FileError(folder, "", "cannot make this folder: " + error.message());
+    if (!std::filesystem::is_directory(folder)) throw Vantle::FileError(folder, "", "is not a folder");
+    const Vantle::AtomicFile attempt(folder / "tour.log");
 }
 
 void run(const Options& options) {
@@ -59,7 +60,7 @@ void run(const Options& options) {
 
     messages.finish();
     const std::string summary = messages.summary();
-    AtomicFile log(tour.file("tour.log"));
+    Vantle::AtomicFile log(tour.file("tour.log"));
     log.write(summary.data(), summary.size());
     log.commit();
     report.line("");
@@ -68,7 +69,7 @@ void run(const Options& options) {
 }
 
 int complain(const std::string& reason, int status) {
-    std::cerr << "tour: " + oneLine(reason) + "\n";
+    std::cerr << "tour: " + Vantle::oneLine(reason) + "\n";
     return status;
 }
 
@@ -79,7 +80,7 @@ int complain(const std::string& reason, int status) {
 int main(int argc, char** argv) {
     using namespace tour;
     try {
-        removeLeftoversOnSignals();
+        Vantle::removeLeftoversOnSignals();
         const Options options = parseOptions({argv + std::min(argc, 1), argv + argc});
         if (options.help)
             std::cout << usage() << std::flush;

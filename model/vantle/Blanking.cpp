@@ -294,30 +294,40 @@ using Numbers = TypeList<double, float, int, unsigned char, short, unsigned shor
 using NumbersAndPlaces = TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int,
                                   unsigned long long, Orvix::PhysicalSpace::point, Orvix::PhysicalSpace::vector>;
 
-/// A field over the fragments of `values`, 1 where `isValid` says so, of elements that are one of these types.
+/// A field over the fragments of `values`, 1 where `isValid` says so, of elements that are one of these types, and
+/// where the vertex mask of `within` agrees, if there is one.
 template<class Types, class F>
-StrongPtr<Field> makeMask(const StrongPtr<Field>& values, Types, const F& isValid) {
+StrongPtr<Field> makeMask(const StrongPtr<Field>& values, Types, const StrongPtr<Representation>& within,
+                          const F& isValid) {
     if (!values) return nullptr;
     const auto refuseElements = [] { throw std::invalid_argument("a mask cannot be made from elements of this type"); };
-    const auto derive = [isValid, refuseElements](const StrongPtr<MemBase>& data,
-                                                  const WeakPtr<CreativeArrayBase>& creator) -> StrongPtr<MemBase> {
-        StrongPtr<MemBase> made;
-        const auto fill = [&](const auto& array) {
-            const auto mask = MemArray<3, unsigned char>::create(array.Size(), creator);
-            for (index_t n = 0; n < mask->nElements(); ++n) mask->element(n) = isValid(array.element(n)) ? 1 : 0;
-            made = mask;
-        };
-        if (!withMemArray<3>(Types(), data, fill)) refuseElements();
-        return made;
-    };
+    const auto masks = within ? StrongPtr<BlankingInput>(new BlankingInput(*within)) : StrongPtr<BlankingInput>();
     const WeakPtr<const Field> source(*values);
-    const StrongPtr<Field> mask = Hestra::makeRef<DerivedField>(source, values->getFragmentIDCollection());
+    const StrongPtr<Field> mask = Hestra::makeRef<DerivedField>(source, values->getFragmentIDCollection(), masks);
     values->iterate(
         [&](const StrongPtr<FragmentID>& fragment, const StrongPtr<CreativeArrayBase>& creator) {
             if (const VantleTypeIndex type = creator->elementType(); type && !isListed(Types(), type)) refuseElements();
-            mask->setCreator(Hestra::makeRef<DerivedArray>(DerivedArray::Source(creator, source, fragment), derive,
-                                                           VantleTypeIndex(typeid(unsigned char)), getSize(*creator),
-                                                           Hestra::Cache::MemCache()),
+            const auto derive = [isValid, refuseElements, masks,
+                                 fragment](const StrongPtr<MemBase>& data,
+                                           const WeakPtr<CreativeArrayBase>& maker) -> StrongPtr<MemBase> {
+                StrongPtr<MemArray<3, unsigned char>> made;
+                const auto fill = [&](const auto& array) {
+                    made = MemArray<3, unsigned char>::create(array.Size(), maker);
+                    for (index_t n = 0; n < made->nElements(); ++n)
+                        made->element(n) = isValid(array.element(n)) ? 1 : 0;
+                };
+                if (!withMemArray<3>(Types(), data, fill)) refuseElements();
+                const StrongPtr<Field> other = masks ? masks->now().vertexMask() : nullptr;
+                withMemArray<3>(Numbers(), other ? other->getData(fragment) : nullptr, [&](const auto& array) {
+                    if (array.Size() != made->Size()) refuseElements();
+                    for (index_t n = 0; n < made->nElements(); ++n)
+                        if (array.element(n) == 0) made->element(n) = 0;
+                });
+                return made;
+            };
+            mask->setCreator(Hestra::makeRef<DerivedArray>(DerivedArray::Source(creator, source, fragment, masks),
+                                                           derive, VantleTypeIndex(typeid(unsigned char)),
+                                                           getSize(*creator), Hestra::Cache::MemCache()),
                              fragment);
             return true;
         },
@@ -327,16 +337,17 @@ StrongPtr<Field> makeMask(const StrongPtr<Field>& values, Types, const F& isVali
 
 } // namespace
 
-StrongPtr<Field> makeMaskOfNumbers(const StrongPtr<Field>& values) {
-    return makeMask(values, NumbersAndPlaces(), []<class T>(const T& value) {
+StrongPtr<Field> makeMaskOfNumbers(const StrongPtr<Field>& values, const StrongPtr<Representation>& within) {
+    return makeMask(values, NumbersAndPlaces(), within, []<class T>(const T& value) {
         for (int c = 0; c < ElementTraits<T>::components; ++c)
             if (!(elementComponent(value, c) == elementComponent(value, c))) return false;
         return true;
     });
 }
 
-StrongPtr<Field> makeMaskOfRange(const StrongPtr<Field>& values, double least, double greatest) {
-    return makeMask(values, Numbers(), [least, greatest](const auto& value) {
+StrongPtr<Field> makeMaskOfRange(const StrongPtr<Field>& values, double least, double greatest,
+                                 const StrongPtr<Representation>& within) {
+    return makeMask(values, Numbers(), within, [least, greatest](const auto& value) {
         const auto number = static_cast<double>(value);
         return number >= least && number <= greatest;
     });

@@ -167,11 +167,15 @@ private:
 /// The result is derived lazily (`DerivedField`) and may be dropped from the cache at any time.
 /// Failure  null for a null handle; std::invalid_argument for other elements than numbers, vectors and points, when it
 ///          is known that there are such.
-[[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<Field> makeMaskOfNumbers(const Hestra::StrongPtr<Field>& values);
+///
+/// @param within  if given, what its vertex mask says to be invalid is so here, too; it is followed like the values.
+[[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<Field>
+makeMaskOfNumbers(const Hestra::StrongPtr<Field>& values, const Hestra::StrongPtr<Representation>& within = {});
 /// The same of a field of numbers: valid from `least` to `greatest`, both included.
 [[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<Field>
 makeMaskOfRange(const Hestra::StrongPtr<Field>& values, double least,
-                double greatest = std::numeric_limits<double>::infinity());
+                double greatest = std::numeric_limits<double>::infinity(),
+                const Hestra::StrongPtr<Representation>& within = {});
 
 // ---------------------------------------------------------------------------------------------------------------------
 

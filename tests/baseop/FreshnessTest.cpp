@@ -20,38 +20,9 @@ using namespace support::families;
 
 using Mask = MemArray<3, unsigned char>;
 
-StrongPtr<FragmentID> blockOf(const World& world, const std::string& name) {
-    return world.positions()->getFragmentID(name);
-}
-
-/// All vertices but the one with this number.
-StrongPtr<Mask> allBut(index_t blanked) {
-    const auto mask = Mask::create({3, 3, 3});
-    for (index_t n = 0; n < mask->nElements(); ++n) mask->element(n) = n != blanked;
-    return mask.strong();
-}
-
-void makeMasked(World& world) {
-    make(world);
-    world.blocks.setField(VertexMaskName, allBut(13), blockOf(world, "A"));
-}
-
 template<class Array>
 StrongPtr<Array> copyOf(const StrongPtr<MemBase>& data) {
     return dynamic_cast<const Array&>(*data).copy().strong();
-}
-
-/// The same data in new arrays, fields and grids: nothing has been kept of them.
-void copy(World& to, const World& from) {
-    rebuild(to, from, [](const auto& array) { return StrongPtr<MemBase>(array.copy()); });
-    for (const char* const name : {VertexMaskName, CellMaskName})
-        if (const StrongPtr<Field> mask = from.blocks.field(name))
-            mask->iterate(
-                [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-                    to.blocks.setField(name, copyOf<Mask>(creator->create()), blockOf(to, id->name()));
-                    return true;
-                },
-                false);
 }
 
 // ------------------------------------------------------------------------------------------------------------- changes
@@ -133,13 +104,13 @@ const Change kChanges[] = {
     // In blocks that the surface goes through.
     {"MaskSet",
      [](World& world) {
-         world.blocks.setField(CellMaskName, Mask::create({2, 2, 2}), blockOf(world, "B"));
+         world.blocks.setField(CellMaskName, Mask::create({2, 2, 2}), world.block("B"));
      }},
     {"MaskWrittenInPlace",
      [](World& world) {
          const auto mask = world.blocks.field(VertexMaskName);
-         Hestra::dynamicCast<Mask>(mask->getData(blockOf(world, "A")))->element(0) = 0;
-         Hestra::dynamicCast<Mask>(mask->getData(blockOf(world, "A")))->element(13) = 1;
+         Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(0) = 0;
+         Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(13) = 1;
          mask->touch();
      }},
     {"MaskReplaced",
@@ -149,7 +120,7 @@ const Change kChanges[] = {
              [](const Hestra::WeakPtr<CreativeArrayBase>&) -> StrongPtr<MemBase> {
                  return Mask::create({3, 3, 3});
              },
-             typeid(unsigned char), MultiIndex<3>::filled(3), blockOf(world, "B"), Field::ReplaceExisting,
+             typeid(unsigned char), MultiIndex<3>::filled(3), world.block("B"), Field::ReplaceExisting,
              Hestra::Cache::MemCache());
          other->setAge(1);
          (*world.blocks.representation())[VertexMaskName] = other;
@@ -189,14 +160,14 @@ struct FreshnessTest : testing::TestWithParam<std::tuple<Kind, Change, Pressure>
 TEST_P(FreshnessTest, TheAnswerIsTheOneAsIfNothingHadEverBeenKept) {
     const auto& [kind, change, pressure] = GetParam();
     World world, untouched;
-    makeMasked(world);
+    make(world);
     const std::string before = answerOf(kind, world);
     EXPECT_EQ(answerOf(kind, world), before);
     if (pressure == Pressure::Before) Hestra::Cache::MemCache()->clear();
     change.make(world);
     if (pressure == Pressure::After) Hestra::Cache::MemCache()->clear();
     const std::string after = answerOf(kind, world);
-    copy(untouched, world);
+    rebuild(untouched, world, [](const auto& array) { return StrongPtr<MemBase>(array.copy()); });
     EXPECT_EQ(after, answerOf(kind, untouched));
     EXPECT_EQ(answerOf(kind, world), after);
     static const std::set<std::string> masked{"UnigridMappers", "ExactLocators", "TreeMappers",
@@ -226,7 +197,7 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
         if (std::string(kind.name) != "Derivative" && std::string(kind.name) != "ResampledField") continue;
         SCOPED_TRACE(kind.name);
         World world;
-        makeMasked(world);
+        make(world);
         const std::string before = answerOf(kind, world);
         const StrongPtr<Field> derived = world.derivative ? world.derivative : (*world.resampled)("values");
         const auto id = derived->getFragmentID("B");
@@ -267,7 +238,7 @@ TEST(DerivedTest, LazyFieldsAreAsOldAsWhatTheyAreDerivedFrom) {
 // happens.
 TEST(FreshnessOf, NamesAndBoxesAreMadeWhenTheyAreAskedFor) {
     World world;
-    makeMasked(world);
+    make(world);
     const CartesianFragments fragments(world.grid);
     EXPECT_EQ(fragments.getFragmentName(3), "D");
     const auto expectAllAfterOne = [&](const auto& query) {
@@ -297,7 +268,7 @@ TEST(FreshnessOf, NamesAndBoxesAreMadeWhenTheyAreAskedFor) {
 TEST(FreshnessOf, WhatACallerHasPutInPlaceStays) {
     const Hestra::ScopedListener silent({});
     World world;
-    makeMasked(world);
+    make(world);
     CartesianFragments fragments(world.grid);
     const auto tree = Hestra::makeRef<Orvix::KDTree<3, int>>();
     tree->insert(Point(), 7);
@@ -324,7 +295,7 @@ TEST(FreshnessOf, WhatACallerHasPutInPlaceStays) {
 TEST(FreshnessOf, LocatorsOfBeforeAndOfAfter) {
     const Hestra::ScopedListener silent({});
     World world;
-    makeMasked(world);
+    make(world);
     const auto target = makeMemArray1D(std::vector<Point>{kBent.at(0.3, 0.4, 0.7)});
     GridEvaluator::Context context;
     context.slice = world.slice;

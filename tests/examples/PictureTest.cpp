@@ -2,7 +2,7 @@
 
 #include "io/Picture.hpp"
 
-#include "io/FileError.hpp"
+#include <dataset/io/FileError.hpp>
 
 #include <cmath>
 #include <cstdlib>
@@ -175,7 +175,7 @@ TEST_F(PictureTest, FailuresSayWhyInOneLine) {
     const auto message = [](const fs::path& png) -> std::string {
         try {
             drawSurface(png, {}, {}, {{}, {}, kSmall});
-        } catch (const FileError& error) {
+        } catch (const Vantle::FileError& error) {
             return error.what();
         }
         return "";

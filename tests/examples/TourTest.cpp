@@ -26,6 +26,8 @@
 namespace {
 
 using namespace tour;
+using support::Plot3DBlock, support::Plot3DSolutionBlock;
+using Vantle::Plot3DForm, Vantle::Plot3DScalar;
 namespace fs = std::filesystem;
 
 std::string contents(const fs::path& file) {

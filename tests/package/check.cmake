@@ -42,7 +42,7 @@ elseif(STEP STREQUAL "find_package")
   run(${again} -DOPTIONAL=Bogus)
   execute_process(COMMAND ${again} -DOPTIONAL= -DREQUIRED=Bogus RESULT_VARIABLE result ERROR_VARIABLE text OUTPUT_QUIET)
   string(REGEX REPLACE "[ \n]+" " " text "${text}")
-  if(result EQUAL 0 OR NOT text MATCHES "Vantle has no component 'Bogus'; its components are Model and BaseOp")
+  if(result EQUAL 0 OR NOT text MATCHES "Vantle has no component 'Bogus'; its components are Model, BaseOp and DataSet")
     message(FATAL_ERROR "the component 'Bogus' was asked for, and this is the answer (${result}): ${text}")
   endif()
 
@@ -53,10 +53,10 @@ elseif(STEP STREQUAL "pkg_config")
     return()
   endif()
   set(ENV{PKG_CONFIG_LIBDIR} "${prefix}/${LIBDIR}/pkgconfig")
-  execute_process(COMMAND "${pkgConfig}" --cflags --libs vantle-baseop
+  execute_process(COMMAND "${pkgConfig}" --cflags --libs vantle-dataset
     OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
   separate_arguments(flags UNIX_COMMAND "${flags}")
-  execute_process(COMMAND "${pkgConfig}" --modversion vantle-baseop
+  execute_process(COMMAND "${pkgConfig}" --modversion vantle-dataset
     OUTPUT_VARIABLE version OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
   run("${CXX}" -std=c++20 "-DPACKAGE_VERSION=\"${version}\"" "${consumer}/main.cpp" ${flags} "-Wl,-rpath,${prefix}/${LIBDIR}" -o "${SCRATCH}/pkg_config_consumer")
   run("${SCRATCH}/pkg_config_consumer")

@@ -16,6 +16,7 @@
 #include <baseop/SurfaceRefinement.hpp>
 #include <baseop/TangentialVectors.hpp>
 #include <baseop/UniformInterpolation.hpp>
+#include <baseop/ValidData.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 
 #include <gtest/gtest.h>
@@ -68,6 +69,7 @@ struct World {
     [[nodiscard]] StrongPtr<Field> values() const { return blocks.field("values"); }
     [[nodiscard]] StrongPtr<Field> velocity() const { return blocks.field("velocity"); }
     [[nodiscard]] StrongPtr<Field> vertices() const { return LineSet(curves).positions(); }
+    [[nodiscard]] StrongPtr<FragmentID> block(const char* name) const { return positions()->getFragmentID(name); }
 };
 
 inline void make(World& world) {
@@ -81,6 +83,9 @@ inline void make(World& world) {
     const StrongPtr<MemArray<1, std::vector<index_t>>> lines =
         makeMemArray1D(std::vector<std::vector<index_t>>{{0, 1, 2, 3}, {3, 1}});
     (void)LineSet(world.curves, points, lines);
+    const auto mask = MemArray<3, unsigned char>::create({3, 3, 3});
+    for (index_t n = 0; n < mask->nElements(); ++n) mask->element(n) = n != 13;
+    world.blocks.setField(VertexMaskName, mask, world.block("A"));
     world.triangles = makeMemArray1D(std::vector<Triangle>{{0, 1, 2}, {2, 1, 3}, {3, 1, 0}, {0, 2, 4}});
     world.edges = makeMemArray1D(std::vector<Edge>{{0, 1}, {1, 2}, {2, 3}, {1, 3}, {0, 4}, {3, 4}});
 }
@@ -103,6 +108,15 @@ void rebuild(World& to, const World& from, const Like& like) {
             to.positions()->makeFragmentID(id->name());
         return true;
     });
+    for (const char* const name : {VertexMaskName, CellMaskName})
+        if (const StrongPtr<Field> mask = from.blocks.field(name))
+            mask->iterate(
+                [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>&) {
+                    to.blocks.setField(name, like(*arrayOf<MemArray<3, unsigned char>>(*mask, id)),
+                                       to.block(id->name().c_str()));
+                    return true;
+                },
+                false);
     const LineSet lines(from.curves);
     const auto points = arrayOf<MemArray<1, Point>>(*lines.positions());
     const auto curves = arrayOf<MemArray<1, std::vector<index_t>>>(*lines.curves());
@@ -283,7 +297,7 @@ inline const Kind kKinds[] = {
 inline const Kind kOtherKinds[] = {
     {"SurfaceOfArrays",
      [](Answer& answer, World& world) {
-         const auto id = world.positions()->getFragmentID("B");
+         const auto id = world.block("B");
          const auto block = arrayOf<Block>(*world.positions(), id);
          const auto surface =
              ComputeIsosurface<double>(3.0, *arrayOf<MemArray<3, double>>(*world.values(), id), *block, 0.0);
@@ -318,7 +332,7 @@ inline const Kind kOtherKinds[] = {
      }},
     {"UniformInterpolation",
      [](Answer& answer, World& world) {
-         const auto id = world.positions()->getFragmentID("B");
+         const auto id = world.block("B");
          const UniformCartesianArray lattice(BoundingBox({0, 0, 0}, {2, 2, 2}), {3, 3, 3});
          StrongPtr<Hestra::ChunkBase> out;
          for (const auto& field : {world.values(), world.velocity()}) {
@@ -326,6 +340,12 @@ inline const Kind kOtherKinds[] = {
                  InterpolateUniformData(out, {{0.25, 1.5, 0.7}, {1, 1, 1}, {9, 0, 0.1}}, lattice, field->getData(id)));
              print(answer, MemBase::findAllocator(out->element_type())->create(DynamicSize(3), out, {}));
          }
+     }},
+    {"ValidData",
+     [](Answer& answer, World& world) {
+         print(answer, getValidBoundingBox(*world.grid));
+         const auto range = ComputeValidRange(*world.grid, "values");
+         answer << range->first << " " << range->second;
      }},
     {"RefinementTables",
      [](Answer& answer, World& world) {

@@ -11,8 +11,25 @@
 #include <map>
 #include <string>
 #include <vector>
+#ifdef VANTLE_TEST_ZLIB
+#    include <zlib.h>
+#endif
 
 namespace support {
+
+/// What became of so many bytes when zlib compressed them.
+inline std::string uncompressed(const std::string& data, std::uint64_t bytes) {
+    std::string result(bytes, '\0');
+#ifdef VANTLE_TEST_ZLIB
+    ::uLongf length = bytes;
+    const int status = ::uncompress(reinterpret_cast<::Bytef*>(result.data()), &length,
+                                    reinterpret_cast<const ::Bytef*>(data.data()), data.size());
+    EXPECT_TRUE(status == Z_OK && length == bytes);
+#else
+    ADD_FAILURE() << "no zlib, but " << data.size() << " compressed bytes";
+#endif
+    return result;
+}
 
 /// The value of an attribute in the text of an XML element; empty without.
 inline std::string attribute(const std::string& element, const std::string& name) {
@@ -23,7 +40,8 @@ inline std::string attribute(const std::string& element, const std::string& name
 }
 
 /// The XML of a file and its appended arrays by name, taken apart after the format's own rules: arrays stand one behind
-/// the other, each at its offset behind the underscore, led by its length in bytes.
+/// the other, each at its offset behind the underscore, led by its length in bytes; or, compressed, by the number of
+/// blocks, their length, that of a shorter last one, and how long each is when it is compressed.
 struct VtkFile {
     explicit VtkFile(const std::filesystem::path& file) {
         std::ifstream stream(file, std::ios::binary);
@@ -38,12 +56,31 @@ struct VtkFile {
             const std::string element = xml.substr(at, xml.find("/>", at) - at);
             const std::size_t offset = std::stoull(attribute(element, "offset"));
             EXPECT_EQ(offset, next) << element;
-            std::uint64_t bytes = 0;
-            for (std::size_t i = 8; i-- > 0;) // little-endian, whatever this machine is
-                bytes = bytes << 8 | static_cast<unsigned char>(all.at(start + offset + i));
-            arrays[attribute(element, "Name")] = all.substr(start + offset + 8, bytes);
+            next = offset;
+            const auto word = [&] {
+                std::uint64_t value = 0;
+                for (std::size_t i = 8; i-- > 0;) // little-endian, whatever this machine is
+                    value = value << 8 | static_cast<unsigned char>(all.at(start + next + i));
+                next += 8;
+                return value;
+            };
+            std::string& array = arrays[attribute(element, "Name")];
             elements[attribute(element, "Name")] = element;
-            next = offset + 8 + bytes;
+            array.clear();
+            if (xml.find("compressor=\"vtkZLibDataCompressor\"") == std::string::npos) {
+                const std::uint64_t bytes = word();
+                array = all.substr(start + next, bytes);
+                next += bytes;
+                continue;
+            }
+            std::vector<std::uint64_t> lengths(word());
+            const std::uint64_t whole = word(), last = word();
+            for (std::uint64_t& length : lengths) length = word();
+            for (std::size_t block = 0; block < lengths.size(); ++block) {
+                const bool isShort = last > 0 && block + 1 == lengths.size();
+                array += uncompressed(all.substr(start + next, lengths[block]), isShort ? last : whole);
+                next += lengths[block];
+            }
         }
         tail = all.substr(start + next);
     }

@@ -1,7 +1,7 @@
 #include "io/Gnuplot.hpp"
 
-#include "io/AtomicFile.hpp"
-#include "io/FileError.hpp"
+#include <dataset/io/AtomicFile.hpp>
+#include <dataset/io/FileError.hpp>
 
 #include <cerrno>
 #include <csignal>
@@ -84,11 +84,11 @@ int spawn(const fs::path& program, std::vector<std::string> arguments, const fs:
 bool gnuplotAvailable() { return !search("gnuplot").empty(); }
 
 Gnuplot::Gnuplot(fs::path png) : png_(std::move(png)) {
-    if (!gnuplotAvailable()) throw FileError(png_, "", "no picture: gnuplot is not installed");
+    if (!gnuplotAvailable()) throw Vantle::FileError(png_, "", "no picture: gnuplot is not installed");
     std::error_code error;
     std::string pattern = (fs::temp_directory_path(error) / "tour-picture-XXXXXX").string();
     if (error || ::mkdtemp(pattern.data()) == nullptr)
-        throw FileError(png_, "", "no picture: cannot create the temporary folder " + pattern);
+        throw Vantle::FileError(png_, "", "no picture: cannot create the temporary folder " + pattern);
     folder_.emplace(pattern);
 }
 
@@ -97,24 +97,25 @@ void Gnuplot::store(const std::string& name, std::string_view bytes) const {
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.close();
     if (!file)
-        throw FileError(png_, "", "no picture: cannot write to the temporary folder " + folder_->path().string());
+        throw Vantle::FileError(png_, "",
+                                "no picture: cannot write to the temporary folder " + folder_->path().string());
 }
 
 void Gnuplot::run(std::string_view script) const {
     store("script", script);
-    AtomicFile target(png_); // before the work, so that a folder that cannot be written is known at once
+    Vantle::AtomicFile target(png_); // before the work, so that a folder that cannot be written is known at once
     int status = 0;
     try {
         // Without the settings of the user, which could change anything.
         status = spawn(search("gnuplot"), {"gnuplot", "--default-settings", "script"}, folder_->path());
     } catch (const std::system_error& error) {
-        throw FileError(png_, "", std::string("no picture: gnuplot cannot be started: ") + error.what());
+        throw Vantle::FileError(png_, "", std::string("no picture: gnuplot cannot be started: ") + error.what());
     }
     const std::string picture = contents(folder_->path() / "picture.png");
     if (status != 0 || !picture.starts_with("\x89PNG"))
-        throw FileError(png_, "",
-                        "no picture: gnuplot failed (status " + std::to_string(status) +
-                            "): " + complaint(folder_->path() / "messages"));
+        throw Vantle::FileError(png_, "",
+                                "no picture: gnuplot failed (status " + std::to_string(status) +
+                                    "): " + complaint(folder_->path() / "messages"));
     target.write(picture.data(), picture.size());
     target.commit();
 }
@@ -122,7 +123,7 @@ void Gnuplot::run(std::string_view script) const {
 std::string Gnuplot::quoted(std::string_view text) {
     // Between single quotes nothing is special but the quote itself.
     std::string result = "'";
-    for (const char c : oneLine(text)) result.append(c == '\'' ? 2 : 1, c);
+    for (const char c : Vantle::oneLine(text)) result.append(c == '\'' ? 2 : 1, c);
     return result + "'";
 }
 

@@ -2,7 +2,7 @@
 
 /// Runs gnuplot on one script and puts the picture where it belongs.
 
-#include "io/Leftover.hpp"
+#include <dataset/io/Leftover.hpp>
 
 #include <filesystem>
 #include <optional>
@@ -34,7 +34,7 @@ public:
 
 private:
     std::filesystem::path png_;
-    std::optional<Leftover> folder_; // there once it is constructed
+    std::optional<Vantle::Leftover> folder_; // there once it is constructed
 };
 
 } // namespace tour

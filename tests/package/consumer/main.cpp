@@ -1,4 +1,5 @@
 #include <baseop/BaseOp.hpp>
+#include <dataset/Files.hpp>
 #include <model/Model.hpp>
 
 #include <cstdio>
@@ -7,6 +8,17 @@
 #if VANTLE_VERSION < 100 || VANTLE_VERSION >= 10000
 #    error "this is for version 0.1 and later ones before 1.0"
 #endif
+
+// An exception of the library, caught out here as what it is.
+template<class Action>
+bool refuses(const Action& action) {
+    try {
+        action();
+    } catch (const Vantle::FileError& error) {
+        return error.file() == "cube.vtp";
+    }
+    return false;
+}
 
 int main() {
     // The macros and the package agree; pkg-config's is told to this program by the one who compiles it.
@@ -20,7 +32,8 @@ int main() {
     // Across the border of the libraries: allocation by run-time type, a template kernel, a box.
     const bool works = version == PACKAGE_VERSION && version == VANTLE_VERSION_STRING && box &&
                        box->maxCoord()[2] == 3.0 && array->MemBase::create({4}, typeid(float)) &&
-                       Vantle::interpolateAt<3, double>(*array, {0.5, 0.5, 0.5}) == 0.0;
+                       Vantle::interpolateAt<3, double>(*array, {0.5, 0.5, 0.5}) == 0.0 &&
+                       refuses([&] { Vantle::writeVtk("cube.vtp", *grid, {}); });
     std::puts(works ? "linked" : "wrong");
     return works ? 0 : 1;
 }

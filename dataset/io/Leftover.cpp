@@ -1,4 +1,4 @@
-#include "io/Leftover.hpp"
+#include <dataset/io/Leftover.hpp>
 
 #include <csignal>
 #include <mutex>
@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-namespace tour {
+namespace Vantle {
 
 namespace {
 
@@ -29,21 +29,21 @@ void removeAll(const std::filesystem::path& path) {
 
 } // namespace
 
-Leftover::Leftover(std::filesystem::path path) : path_(std::move(path)) {
+Leftover::Leftover(std::filesystem::path path) : myPath(std::move(path)) {
     const std::lock_guard lock(registry().mutex);
-    registry().paths.insert(path_);
+    registry().paths.insert(myPath);
 }
 
 Leftover::~Leftover() {
-    if (path_.empty()) return;
-    removeAll(path_);
+    if (myPath.empty()) return;
+    removeAll(myPath);
     keep();
 }
 
 void Leftover::keep() {
     const std::lock_guard lock(registry().mutex);
-    registry().paths.erase(path_);
-    path_.clear();
+    registry().paths.erase(myPath);
+    myPath.clear();
 }
 
 void removeLeftoversOnSignals() {
@@ -65,4 +65,4 @@ void removeLeftoversOnSignals() {
     }).detach();
 }
 
-} // namespace tour
+} // namespace Vantle

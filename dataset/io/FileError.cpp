@@ -1,6 +1,6 @@
-#include "io/FileError.hpp"
+#include <dataset/io/FileError.hpp>
 
-namespace tour {
+namespace Vantle {
 
 namespace {
 
@@ -20,6 +20,7 @@ std::string oneLine(std::string_view text) {
 }
 
 FileError::FileError(const std::filesystem::path& file, std::string_view place, std::string_view reason)
-    : std::runtime_error(compose(file, place, reason)) {}
+    : DataSetError(compose(file, place, reason)), myFile(file), myPlace(place), myReason(reason) {}
+FileError::~FileError() = default;
 
-} // namespace tour
+} // namespace Vantle

@@ -1,0 +1,198 @@
+#include <baseop/Interpolate.hpp>
+#include <baseop/LocatedPositions.hpp>
+#include <baseop/detail/ParallelLoop.hpp>
+#include <model/hestra/Profiler.hpp>
+#include <model/orvix/Quadratic.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <algorithm>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#define VANTLE_SCOPE(name) const Hestra::Profiler scope("baseop/LocatedPositions", __LINE__, name, __PRETTY_FUNCTION__)
+
+namespace Vantle {
+
+using Hestra::StrongPtr;
+using Orvix::PhysicalSpace;
+using point = LocatedPositions::point;
+
+namespace {
+
+using Tensor = Orvix::Quadratic<3, double>;
+using Numbers = TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long>;
+using Elements = TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long,
+                          PhysicalSpace::vector, PhysicalSpace::point, Tensor>;
+
+/// Positions that are located, or evaluated, before anybody is told.
+constexpr std::size_t LocatedAtOnce = std::size_t{1} << 16;
+/// Bytes of arrays made for an evaluation that are held together.
+constexpr std::size_t HeldBytes = std::size_t{32} << 20;
+
+/// The element at a place between vertices. Numbers are interpolated in double precision, whatever they are stored in.
+template<class T>
+auto valueAt(const MultiArrayBase<3, T>& block, const point& at) {
+    if constexpr (std::is_same_v<T, double> || !std::is_arithmetic_v<T>) {
+        return Interpolate<3, T>(block, at).evaluate();
+    } else {
+        double corners[8];
+        Orvix::FixedArray<double, 3> within;
+        const T* lowest = block.storage();
+        index_t step[3], stride = block.stride();
+        for (int d = 0; d < 3; ++d) {
+            const index_t n = block.Size()[d];
+            const InterpolationStep place = InterpolationStep::interpolating(at[d], n);
+            lowest += place.node * stride;
+            step[d] = place.node + 1 < n ? stride : 0;
+            within[d] = place.fraction;
+            stride *= n;
+        }
+        for (std::size_t c = 0; c < 8; ++c)
+            corners[c] = static_cast<double>(lowest[(c & 1) * step[0] + (c >> 1 & 1) * step[1] + (c >> 2) * step[2]]);
+        return Interpolate<3, double>(MultiArrayBase<3, double>(corners, {2, 2, 2}), within).evaluate();
+    }
+}
+
+/// Views of the arrays of some fragments, all of one element type.
+template<class T>
+class Views {
+public:
+    explicit Views(std::span<const StrongPtr<MemBase>> arrays) : myViews(arrays.size()) {
+        for (std::size_t n = 0; n < arrays.size(); ++n) {
+            if (!arrays[n]) continue;
+            if (!withMemArray<3>(TypeList<T>(), arrays[n], [&](const MemArray<3, T>& block) { myViews[n] = block; }))
+                throw std::invalid_argument("a fragment whose elements differ from those of the others, or have not "
+                                            "three indices");
+        }
+    }
+    /// Writes the value at a place in array `n`; false when there is none.
+    bool write(std::size_t n, const point& at, double* target) const {
+        const MultiArrayBase<3, T>& block = myViews[n];
+        if (block.nElements() == 0) return false;
+        const auto value = valueAt(block, at);
+        if constexpr (std::is_arithmetic_v<T>)
+            *target = value;
+        else
+            for (int c = 0; c < ElementTraits<T>::components; ++c) target[c] = value[c];
+        return true;
+    }
+
+private:
+    std::vector<MultiArrayBase<3, T>> myViews;
+};
+
+/// Calls `f` with the first listed type that an element type is; false when it is none.
+template<class... T, class F>
+bool withType(TypeList<T...>, const VantleTypeIndex& type, const F& f) {
+    return ((type == VantleTypeIndex(typeid(T)) && (f(TypeList<T>()), true)) || ...);
+}
+
+/// The numbers of positions, those of each fragment together, and where those begin.
+struct Order {
+    Order(std::span<const std::uint32_t> fragmentOf, std::size_t fragments) : first(fragments + 1) {
+        for (const std::uint32_t n : fragmentOf)
+            if (n != LocatedPositions::Nowhere) ++first[n + 1];
+        for (std::size_t n = 0; n < fragments; ++n) first[n + 1] += first[n];
+    }
+    void sort(std::span<const std::uint32_t> fragmentOf) {
+        std::vector<std::size_t> next(first.begin(), first.end() - 1);
+        numbers.resize(first.back());
+        for (std::size_t k = 0; k < fragmentOf.size(); ++k)
+            if (fragmentOf[k] != LocatedPositions::Nowhere)
+                numbers[next[fragmentOf[k]]++] = static_cast<std::uint32_t>(k);
+    }
+    [[nodiscard]] bool has(std::size_t fragment) const noexcept { return first[fragment] != first[fragment + 1]; }
+
+    std::vector<std::size_t> first;
+    std::vector<std::uint32_t> numbers;
+};
+
+} // namespace
+
+LocatedPositions::LocatedPositions(const LocalFromWorldPoint& locator, std::span<const point> positions,
+                                   const Progress& progress)
+    : mySize(positions.size()), myPlaces(std::make_unique_for_overwrite<point[]>(mySize)),
+      myFragments(std::make_unique_for_overwrite<std::uint32_t[]>(mySize)) {
+    VANTLE_SCOPE("LocatedPositions::LocatedPositions(locator, positions)");
+    constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
+    std::vector<LocalFromWorldPoint::Location> found(std::min(LocatedAtOnce, mySize));
+    for (std::size_t begin = 0; begin < mySize; begin += found.size()) {
+        if (progress) progress(static_cast<double>(begin) / static_cast<double>(mySize));
+        const std::size_t count = std::min(found.size(), mySize - begin);
+        locator.locate(positions.subspan(begin, count), std::span(found).first(count));
+        for (std::size_t k = 0; k < count; ++k) {
+            const bool isFound = static_cast<bool>(found[k]);
+            myPlaces[begin + k] = isFound ? found[k].localCoordinates : point(NaN, NaN, NaN);
+            myFragments[begin + k] = isFound ? found[k].fragment : Nowhere;
+            myFound += isFound ? 1 : 0;
+        }
+    }
+}
+
+int LocatedPositions::components(const VantleTypeIndex& elementType) noexcept {
+    int result = 0;
+    withType(Elements(), elementType,
+             [&]<class T>(TypeList<T>) { result = std::is_arithmetic_v<T> ? 1 : ElementTraits<T>::components; });
+    return result;
+}
+
+void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<FragmentID>> fragments, int components,
+                              std::span<double> values, std::span<unsigned char> mask, const Progress& progress) const {
+    VANTLE_SCOPE("LocatedPositions::sample(field, values)");
+    if (values.size() != mySize * static_cast<std::size_t>(components) || (!mask.empty() && mask.size() != mySize))
+        throw std::invalid_argument("LocatedPositions: a wrong number of values");
+    constexpr std::size_t Chunk = std::numeric_limits<std::uint32_t>::max(); // numbered in 32 bits
+    for (std::size_t chunk = 0; chunk < mySize; chunk += Chunk) {
+        const std::span<const std::uint32_t> fragmentOf =
+            this->fragments().subspan(chunk, std::min(Chunk, mySize - chunk));
+        Order order(fragmentOf, fragments.size());
+        std::vector<StrongPtr<MemBase>> arrays;
+        for (std::size_t first = 0, n = 0; n < fragments.size(); first = n) {
+            std::size_t made = 0;
+            StrongPtr<MemBase> any;
+            arrays.clear();
+            for (; n < fragments.size() && made < HeldBytes; ++n) {
+                arrays.emplace_back();
+                if (!order.has(n)) continue;
+                if (progress) progress(static_cast<double>(chunk + order.first[n]) / static_cast<double>(mySize));
+                const StrongPtr<CreativeArrayBase> creator = field.getCreator(fragments[n]);
+                if (!creator) continue;
+                const bool isThere = creator->hasData();
+                arrays.back() = creator->getData();
+                if (!arrays.back())
+                    throw std::invalid_argument("the data of fragment \"" + FragmentID::Name(fragments[n], {}) +
+                                                "\" cannot be made");
+                any = arrays.back();
+                if (!isThere) made += arrays.back()->memsize();
+            }
+            if (!any) continue;
+            const bool isAll = first == 0 && n == fragments.size();
+            if (!isAll && order.numbers.empty()) order.sort(fragmentOf);
+            const std::size_t begin = isAll ? 0 : order.first[first];
+            const std::size_t count = isAll ? fragmentOf.size() : order.first[n] - begin;
+            const bool isKnown = withType(Elements(), any->elementIndex(), [&]<class T>(TypeList<T>) {
+                if (LocatedPositions::components(typeid(T)) != components)
+                    throw std::invalid_argument("a fragment whose elements have not " + std::to_string(components) +
+                                                " components");
+                const Views<T> views{std::span<const StrongPtr<MemBase>>(arrays)};
+                // A position takes about as long as reading some hundred bytes.
+                constexpr std::size_t Piece = 8192, BytesEach = 256;
+                detail::inParallel(count, Piece, BytesEach * count, [&](std::size_t from, std::size_t to) {
+                    for (std::size_t m = from; m < to; ++m) {
+                        const std::size_t k = isAll ? m : order.numbers[begin + m];
+                        if (fragmentOf[k] == Nowhere) continue;
+                        const bool isWritten =
+                            views.write(fragmentOf[k] - first, myPlaces[chunk + k],
+                                        values.data() + (chunk + k) * static_cast<std::size_t>(components));
+                        if (isWritten && !mask.empty()) mask[chunk + k] = 1;
+                    }
+                });
+            });
+            if (!isKnown) throw std::invalid_argument("elements that cannot be interpolated");
+        }
+    }
+}
+
+} // namespace Vantle

@@ -1,0 +1,586 @@
+#include <baseop/DerivedQuantities.hpp>
+#include <baseop/LocatedPositions.hpp>
+#include <baseop/detail/FragmentCoordinates.hpp>
+#include <baseop/detail/location/Tiling.hpp>
+#include <dataset/detail/DataSetState.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <set>
+#include <sstream>
+
+namespace Vantle {
+
+using detail::DataSetBlock;
+using detail::Meter;
+using detail::quoted;
+using Hestra::StrongPtr;
+
+namespace {
+
+constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
+
+StrongPtr<CreativeArrayBase> creatorOf(const StrongPtr<MemBase>& array) {
+    return array ? StrongPtr<CreativeArrayBase>(new CreativeArray(array)) : StrongPtr<CreativeArrayBase>();
+}
+
+/// The same creators for fragments of a collection.
+StrongPtr<Field> copyOf(const StrongPtr<Field>& field, const StrongPtr<FragmentIDCollection>& collection) {
+    const StrongPtr<Field> copy = Hestra::makeRef<Field>(collection);
+    if (field)
+        field->iterate(
+            [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+                copy->setCreator(creator, id);
+                return true;
+            },
+            false);
+    return copy;
+}
+
+BlockKind kindOf(const StrongPtr<MemBase>& positions) {
+    return std::visit(detail::Overloaded{[](const detail::UniformCoordinates*) { return BlockKind::Uniform; },
+                                         [](const detail::RectilinearCoordinates*) { return BlockKind::Rectilinear; },
+                                         [](detail::CurvilinearCoordinates*) { return BlockKind::Curvilinear; },
+                                         [](const auto&) { return BlockKind::Other; }},
+                      detail::FragmentCoordinates(positions).kind);
+}
+
+BlockKind kindOf(CreativeArrayBase& positions) {
+    const VantleTypeIndex type = positions.elementType();
+    if (!positions.hasData() && type == VantleTypeIndex(typeid(Point))) return BlockKind::Curvilinear;
+    return kindOf(positions.getData());
+}
+
+std::string textOf(double number) {
+    std::ostringstream text;
+    text << number;
+    return text.str();
+}
+
+std::string textOf(const VantleTypeIndex& type) {
+    const int components = LocatedPositions::components(type);
+    return components == 1 ? "numbers" : components == 3 ? "vectors" : components == 9 ? "tensors" : "other elements";
+}
+
+} // namespace
+
+// ---- Making one -----------------------------------------------------------------------------------------------------
+
+DataSet::DataSet(double time) : myState(std::make_shared<State>(Hestra::makeRef<Hestra::Cache>())), myTime(time) {
+    if (std::isnan(time)) throw DataSetError("a time that is no number");
+    myState->steps.push_back(std::make_unique<Step>(time, myState->bundle[time], myState->cache));
+}
+
+DataSet::DataSet(const StrongPtr<Grid>& grid, double time) : DataSet(time) {
+    const StrongPtr<Representation> fields = grid ? grid->getCartesianRepresentation() : nullptr;
+    if (!fields || !fields->Positions()) throw DataSetError("a grid whose vertices have no positions");
+    Step& step = *myState->steps.front();
+    fields->iterate([&](const FieldID& id, const Field& field) {
+        step.representation->setField(id.name(), StrongPtr<Field>(const_cast<Field*>(&field)));
+        return true;
+    });
+}
+
+DataSet DataSet::read(const std::vector<std::filesystem::path>& files, const ReadOptions& options) {
+    const Hestra::ScopedListener silence({});
+    if (files.empty()) throw DataSetError("no files to read");
+    Plot3DReading reading;
+    reading.cache = Hestra::makeRef<Hestra::Cache>();
+    reading.heatRatio = options.heatRatio;
+    const Plot3DFile file = Plot3DFile::openGrid(files.front(), options.form);
+    const StrongPtr<Grid> first = Hestra::makeRef<Grid>();
+    (void)addPlot3DGrid(*first, file, reading);
+    const StrongPtr<Representation> vertices = first->getCartesianRepresentation();
+
+    std::map<double, StrongPtr<Grid>> times;
+    StrongPtr<Grid> now = first;
+    std::vector<Plot3DName> names;
+    for (std::size_t n = 1; n < files.size(); ++n) {
+        if (files[n].extension() == ".nam") {
+            names = readPlot3DNames(files[n]);
+            continue;
+        }
+        const Plot3DFile fields = Plot3DFile::openFields(files[n], file, names, options.form);
+        if (fields.content() == Plot3DContent::solution) {
+            const double time = fields.readFreeStream(0).time;
+            if (!times.empty()) {
+                now = Hestra::makeRef<Grid>();
+                const StrongPtr<Representation> same = now->makeCartesianRepresentation(3);
+                same->setPositions(vertices->Positions());
+                same->setField(VertexMaskName, vertices->findField(VertexMaskName));
+            }
+            if (std::isnan(time) || !times.emplace(time, now).second)
+                throw DataSetError(files[n].string() + ": another solution is of time " + textOf(time) + ", too");
+        }
+        RegularGrid3D grid(now);
+        (void)addPlot3DFields(grid, fields, reading);
+    }
+    if (times.empty()) times.emplace(0.0, first);
+    DataSet result(times.begin()->second, times.begin()->first);
+    result.myState->cache = result.myState->steps.front()->cache = reading.cache;
+    for (const auto& [time, grid] : times)
+        if (time != result.myTime) result.addTime(time, DataSet(grid, time));
+    return result;
+}
+
+DataSet::DataSet(std::shared_ptr<State> state, double time) : myState(std::move(state)), myTime(time) {}
+
+const DataSet::Step& DataSet::step() const { return *myState->find(myTime); }
+
+// The state that others may have stays as it is.
+DataSet DataSet::changed() const {
+    auto state = std::make_shared<State>(myState->cache);
+    for (const auto& step : myState->steps)
+        state->steps.push_back(std::make_unique<Step>(*step, step->time, state->bundle[step->time]));
+    return DataSet(std::move(state), myTime);
+}
+
+MultiIndex<3> DataSet::sizeOf(const std::string& block) const { return step().block(block).size(); }
+
+DataSet::Step& DataSet::ownStep() { return *myState->find(myTime); }
+
+void DataSet::addBlock(const std::string& name, const StrongPtr<MemBase>& positions) {
+    if (!positions || kindOf(positions) == BlockKind::Other || positions->rank() != 3)
+        throw DataSetError("block " + quoted(name) + ": the positions are no points with three indices");
+    addBlock(name, creatorOf(positions));
+}
+
+void DataSet::addBlock(const std::string& name, const StrongPtr<CreativeArrayBase>& positions) {
+    if (name.empty()) throw DataSetError("a block without name");
+    if (!positions) throw DataSetError("block " + quoted(name) + ": no positions");
+    for (const DataSetBlock& block : step().blocks()) {
+        if (block.name() == name) throw DataSetError("there is a block " + quoted(name) + " already");
+        if (!block.id) throw DataSetError("block " + quoted(name) + ": the data set is one block without name");
+    }
+    DataSet result = changed();
+    Step& own = result.ownStep();
+    const StrongPtr<FragmentIDCollection> collection = Hestra::makeRef<FragmentIDCollection>();
+    if (const auto ids = own.positions()->getFragmentIDCollection())
+        for (const StrongPtr<FragmentID>& id : ids->ids()) collection->add(id);
+    const StrongPtr<FragmentID> id = collection->makeFragmentID(name);
+    const StrongPtr<Field> all = copyOf(own.positions(), collection);
+    all->setCreator(positions, id);
+    own.setPositions(all);
+    *this = std::move(result);
+}
+
+void DataSet::addBlock(const std::string& name, const MultiIndex<3>& size, std::vector<Point> positions) {
+    if (size.checkedProduct() != index_t{positions.size()})
+        throw DataSetError("block " + quoted(name) + ": " + std::to_string(positions.size()) + " positions for " +
+                           to_string(size) + " vertices");
+    addBlock(name, StrongPtr<MemBase>(MemArray<3, Point>::makeMemArray(std::move(positions), size)));
+}
+
+void DataSet::addUniformBlock(const std::string& name, const MultiIndex<3>& size, const Box& box) {
+    for (int d = 0; d < 3; ++d)
+        if (!(box.low[d] <= box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] == 0)
+            throw DataSetError("block " + quoted(name) + ": no vertices, or no box, along axis " + std::to_string(d));
+    addBlock(name, StrongPtr<MemBase>(new UniformCartesianArray(Orvix::BoundingBox(box.low, box.high), size)));
+}
+
+void DataSet::addRectilinearBlock(const std::string& name, std::vector<double> x, std::vector<double> y,
+                                  std::vector<double> z) {
+    using Axis = ExplicitCoordinateAxisArray<double>;
+    using Axes = DirectProductMemArray<Point, ExplicitCoordinateAxisArray, 3>;
+    for (const auto* const axis : {&x, &y, &z})
+        if (axis->empty() || !(std::is_sorted(axis->begin(), axis->end(), std::less_equal<>()) ||
+                               std::is_sorted(axis->begin(), axis->end(), std::greater_equal<>())))
+            throw DataSetError("block " + quoted(name) + ": coordinates that neither ascend nor descend");
+    addBlock(name,
+             StrongPtr<MemBase>(new Axes(Axes::Axes{Axis(std::move(x)), Axis(std::move(y)), Axis(std::move(z))})));
+}
+
+void DataSet::setField(const std::string& field, const std::string& block, const StrongPtr<MemBase>& values) {
+    if (!values) throw DataSetError("field " + quoted(field) + ": no values for block " + quoted(block));
+    setField(field, block, creatorOf(values));
+}
+
+void DataSet::setField(const std::string& field, const std::string& block, const StrongPtr<CreativeArrayBase>& values) {
+    const auto refuse = [&](const std::string& why) {
+        throw DataSetError("field " + quoted(field) + ": block " + quoted(block) + ' ' + why);
+    };
+    if (!values) refuse("gets no values");
+    if (field.empty() || field.back() == ')' || Step::isReserved(field))
+        throw DataSetError("field " + quoted(field) + ": a name that means something else");
+    const DataSetBlock at = step().block(block);
+    const MultiIndex<3> size = at.size();
+    StrongPtr<MemBase> data = values->cachedData();
+    const DynamicSize announced = data ? data->getDynamicSize() : getSize(*values);
+    if (announced && announced.as<3>() != size)
+        refuse("has " + to_string(size) + " vertices, the values are " + to_string(announced));
+    const StrongPtr<Field> before = step().representation->findField(field);
+    if (const VantleTypeIndex type = data ? data->elementIndex() : values->elementType()) {
+        if (LocatedPositions::components(type) == 0) refuse("gets elements that are neither numbers nor vectors");
+        if (before)
+            before->iterate(
+                [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& other) {
+                    const VantleTypeIndex known = other->elementType();
+                    if (FragmentID::Name(id, {}) != block && known && !(known == type))
+                        refuse("gets " + textOf(type) + " of another type than the " + textOf(known) + " of block " +
+                               quoted(FragmentID::Name(id, {})));
+                    return true;
+                },
+                false);
+    }
+    DataSet result = changed();
+    Step& own = result.ownStep();
+    const StrongPtr<Field> all = copyOf(before, own.positions()->getFragmentIDCollection());
+    all->setCreator(values, at.id);
+    own.setField(field, all);
+    *this = std::move(result);
+}
+
+void DataSet::removeField(const std::string& field) {
+    if (Step::isReserved(field) || !step().representation->findField(field))
+        throw DataSetError(detail::unknownName("field", field, step().fieldNames()));
+    DataSet result = changed();
+    result.ownStep().setField(field, nullptr);
+    *this = std::move(result);
+}
+
+void DataSet::setMask(const char* mask, const std::string& block, const StrongPtr<MemBase>& array) {
+    detail::request("mask of block " + quoted(block), [&] {
+        const DataSetBlock at = step().block(block);
+        const bool isOfCells = std::string(mask) == CellMaskName;
+        (void)BlockMask(at.size(), isOfCells ? nullptr : array.rawptr(), isOfCells ? array.rawptr() : nullptr, block);
+        DataSet result = changed();
+        Step& own = result.ownStep();
+        const StrongPtr<Field> all =
+            copyOf(own.representation->findField(mask), own.positions()->getFragmentIDCollection());
+        if (array)
+            all->setCreator(creatorOf(array), at.id);
+        else
+            all->removeData(at.id);
+        bool isEmpty = true;
+        all->iterate([&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&) { return isEmpty = false; },
+                     false);
+        own.setMask(mask, isEmpty ? StrongPtr<Field>() : all);
+        *this = std::move(result);
+    });
+}
+
+void DataSet::setVertexMask(const std::string& block, const StrongPtr<MemBase>& mask) {
+    setMask(VertexMaskName, block, mask);
+}
+void DataSet::setCellMask(const std::string& block, const StrongPtr<MemBase>& mask) {
+    setMask(CellMaskName, block, mask);
+}
+
+void DataSet::addTime(double time, const DataSet& step) {
+    if (std::isnan(time)) throw DataSetError("a time that is no number");
+    DataSet result = changed();
+    auto& steps = result.myState->steps;
+    auto at = std::find_if(steps.begin(), steps.end(), [&](const auto& other) { return other->time >= time; });
+    auto made = std::make_unique<Step>(step.step(), time, result.myState->bundle[time]);
+    made->joins = this->step().joins;
+    made->cache = result.myState->cache;
+    if (at != steps.end() && (*at)->time == time)
+        *at = std::move(made);
+    else
+        steps.insert(at, std::move(made));
+    *this = std::move(result);
+}
+
+void DataSet::setJoinOptions(const JoinOptions& options) {
+    detail::request("joins", [&] { options.check(); });
+    DataSet result = changed();
+    for (const auto& step : result.myState->steps) step->setJoins(options);
+    *this = std::move(result);
+}
+
+void DataSet::memoryBudget(std::size_t bytes) { myState->cache->setLimit(bytes); }
+const StrongPtr<Hestra::Cache>& DataSet::cache() const noexcept { return myState->cache; }
+
+// ---- What is there --------------------------------------------------------------------------------------------------
+
+double DataSet::time() const { return step().time; }
+
+std::vector<double> DataSet::times() const {
+    std::vector<double> all;
+    for (const auto& step : myState->steps) all.push_back(step->time);
+    return all;
+}
+
+DataSet DataSet::atTime(double time) const {
+    if (const Step* const found = myState->find(time)) return DataSet(myState, found->time);
+    throw DataSetError("nothing at time " + textOf(time) + "; the first time is " +
+                       textOf(myState->steps.front()->time));
+}
+
+std::vector<BlockInfo> DataSet::blocks() const {
+    const Hestra::ScopedListener silence({});
+    std::vector<BlockInfo> all;
+    for (const DataSetBlock& block : step().blocks())
+        all.push_back({block.name(), block.size(), block.positions ? kindOf(*block.positions) : BlockKind::Other});
+    return all;
+}
+
+std::vector<FieldInfo> DataSet::fields() const {
+    std::vector<FieldInfo> all;
+    for (const std::string& name : step().fieldNames()) {
+        FieldInfo info{name, 0, 0};
+        const StrongPtr<Field> field = step().representation->findField(name);
+        if (!field) continue;
+        field->iterate(
+            [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+                if (info.components == 0) info.components = LocatedPositions::components(creator->elementType());
+                ++info.blocks;
+                return true;
+            },
+            false);
+        all.push_back(info);
+    }
+    return all;
+}
+
+std::vector<Point> DataSet::positions(const std::string& block) const {
+    return detail::request("positions of block " + quoted(block), [&] {
+        const DataSetBlock at = step().block(block);
+        const StrongPtr<MemBase> data = step().data(PositionsName, *step().positions(), at);
+        std::vector<Point> all;
+        std::visit(
+            [&](const auto& points) {
+                if constexpr (requires { (*points)[MultiIndex<3>()]; }) {
+                    const MultiIndex<3> size = points->Size();
+                    all.reserve(static_cast<std::size_t>(size.product()));
+                    MultiIndex<3> n;
+                    if (size.product() != 0) do
+                            all.push_back((*points)[n]);
+                        while (n.advance(size));
+                }
+            },
+            detail::FragmentCoordinates(data).kind);
+        return all;
+    });
+}
+
+StrongPtr<MemBase> DataSet::array(const std::string& field, const std::string& block) const {
+    return detail::request("field " + quoted(field), [&] {
+        const StrongPtr<Field> of = step().field(field);
+        StrongPtr<MemBase> data = step().data(field, *of, step().block(block));
+        if (!data) throw DataSetError("field " + quoted(field) + " has no values in block " + quoted(block));
+        return data;
+    });
+}
+
+Box DataSet::bounds(const Progress& progress) const {
+    return detail::request("bounds", [&] {
+        const auto box = step().boxes(Meter(progress))->all();
+        return box ? Box{box->least, box->greatest} : Box{{NaN, NaN, NaN}, {NaN, NaN, NaN}};
+    });
+}
+
+NumberRange DataSet::range(const std::string& field, const Progress& progress) const {
+    return detail::request("range of field " + quoted(field), [&] {
+        return step().numbers(field, Meter(progress))->all().value_or(NumberRange{NaN, NaN});
+    });
+}
+
+StrongPtr<const BlockJoins> DataSet::joins() const {
+    return detail::request("joins",
+                           [&] { return StrongPtr<const BlockJoins>(BlockJoins::of(*step().grid, step().joins)); });
+}
+
+// ---- Surfaces -------------------------------------------------------------------------------------------------------
+
+Surface DataSet::contour(const std::string& field, double level, const ContourOptions& options) const {
+    return contours(field, std::span<const double>(&level, 1), options).front();
+}
+
+std::vector<Surface> DataSet::contours(const std::string& field, std::span<const double> levels,
+                                       const ContourOptions& options) const {
+    return detail::request("contour of field " + quoted(field), [&] {
+        const Step& now = step();
+        const Meter meter(options.progress);
+        const StrongPtr<Field> of = now.field(field, 1);
+        for (const double level : levels)
+            if (std::isnan(level)) throw DataSetError("contour of field " + quoted(field) + ": a level that is NaN");
+        const auto numbers = now.numbers(field, meter.part(0.0, 0.3));
+        std::vector<Surface> all;
+        for (const double level : levels) {
+            const double from = 0.3 + 0.7 * static_cast<double>(all.size()) / static_cast<double>(levels.size());
+            all.push_back(now.surface(field, of, *numbers, level, options.values, options.normals,
+                                      meter.part(from, from + 0.7 / static_cast<double>(levels.size()))));
+        }
+        return all;
+    });
+}
+
+Surface DataSet::slice(const Plane& plane, const Fields& fields, const Progress& progress) const {
+    return detail::request("slice", [&] {
+        const Step& now = step();
+        const Meter meter(progress);
+        const StrongPtr<Field> distance = makePlaneDistance(now.positions(), plane.origin, plane.normal, now.cache);
+        const double norm = length(plane.normal);
+        const auto boxes = now.boxes(meter.part(0.0, 0.3));
+        detail::FieldNumbers numbers; // what the boxes leave possible
+        for (const auto& box : boxes->blocks) {
+            numbers.blocks.emplace_back();
+            if (!box) continue;
+            double middle = 0.0, reach = 0.0;
+            for (int d = 0; d < 3; ++d) {
+                const double n = plane.normal[d] / norm, low = box->least[d], high = box->greatest[d];
+                middle += n * (0.5 * low + 0.5 * high - plane.origin[d]);
+                reach += std::abs(n) * (0.5 * high - 0.5 * low);
+                reach += 1e-14 * (std::abs(low) + std::abs(high) + std::abs(plane.origin[d])); // all that is rounded
+            }
+            numbers.blocks.back() = {NumberRange{middle - reach, middle + reach}, box->hasNaN};
+        }
+        return now.surface("distance from the plane", distance, numbers, 0.0, fields, false, meter.part(0.3, 1.0));
+    });
+}
+
+Surface DataSet::boundary(const Fields& fields) const {
+    return detail::request("boundary", [&] { return step().hull(fields); });
+}
+
+// ---- Values elsewhere -----------------------------------------------------------------------------------------------
+
+Located DataSet::locate(std::span<const Point> positions, const Progress& progress) const {
+    return detail::request("location", [&] {
+        const Meter meter(progress);
+        const auto locator = step().locator();
+        auto located =
+            std::make_shared<const LocatedPositions>(*locator, positions, [&](double share) { meter(share); });
+        meter(1.0);
+        return Located(std::move(located), *this);
+    });
+}
+
+DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
+                          const Progress& progress) const {
+    return detail::request("resampling", [&] {
+        for (int d = 0; d < 3; ++d)
+            if (!(box.low[d] < box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] < 2)
+                throw DataSetError("resampling: an empty box, or less than two vertices, along axis " +
+                                   std::to_string(d));
+        const Step& now = step();
+        const Meter meter(progress);
+        struct Target {
+            std::string name;
+            StrongPtr<Field> field;
+            int components;
+            StrongPtr<MemBase> array;
+            double* numbers;
+        };
+        std::vector<Target> targets;
+        for (const std::string& name : fields) {
+            Target target{name, now.field(name), 0, nullptr, nullptr};
+            target.components = now.components(*target.field);
+            const auto make = [&]<class T>(T fill) {
+                for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = NaN;
+                const auto array = MemArray<3, T>::create(size);
+                std::fill_n(array->getPtr(), size.product(), fill);
+                target.array = array;
+                target.numbers = reinterpret_cast<double*>(array->getPtr());
+            };
+            switch (target.components) {
+            case 1:
+                make(0.0);
+                break;
+            case 3:
+                make(Vector());
+                break;
+            case 9:
+                make(Orvix::Quadratic<3, double>());
+                break;
+            default:
+                throw DataSetError("resampling: field " + quoted(name) + " cannot be interpolated");
+            }
+            targets.push_back(target);
+        }
+        const auto locator = now.locator();
+        const UniformCartesianArray lattice(Orvix::BoundingBox(box.low, box.high), size);
+        const auto mask = MemArray<3, unsigned char>::create(size);
+        std::size_t found = 0;
+
+        // Slabs of the lattice, as thick as memory allows; within them, neighbours are located together.
+        constexpr index_t AtOnce = index_t{1} << 18;
+        const index_t rows = std::clamp<index_t>(AtOnce / size[0], 1, size[1]);
+        const index_t layers = std::clamp<index_t>(AtOnce / (size[0] * rows), 1, size[2]);
+        std::vector<Point> positions;
+        std::vector<std::size_t> place;
+        std::vector<double> values;
+        for (index_t k = 0; k < size[2]; k += layers)
+            for (index_t j = 0; j < size[1]; j += rows) {
+                const MultiIndex<3> slab(size[0], std::min(rows, size[1] - j), std::min(layers, size[2] - k));
+                const double from = static_cast<double>(j + size[1] * k) / static_cast<double>(size[1] * size[2]);
+                meter(from);
+                positions.clear();
+                place.clear();
+                const detail::Tiling tiling(slab);
+                for (index_t tile = 0; tile < tiling.count(); ++tile)
+                    tiling.forEachIn(tile, [&](std::size_t, const MultiIndex<3>& n) {
+                        const MultiIndex<3> at = n + MultiIndex<3>(0, j, k);
+                        positions.push_back(lattice[at]);
+                        place.push_back(static_cast<std::size_t>(at.linear(size)));
+                    });
+                const LocatedPositions located(*locator, positions, [&](double) { meter(from); });
+                for (std::size_t n = 0; n < place.size(); ++n)
+                    mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;
+                found += located.found();
+                if (located.found() == 0) continue;
+                for (const Target& target : targets) {
+                    const auto components = static_cast<std::size_t>(target.components);
+                    values.assign(components * place.size(), NaN);
+                    now.sample(located, target.name, *target.field, target.components, values, {},
+                               meter.part(from, from));
+                    for (std::size_t n = 0; n < place.size(); ++n)
+                        std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
+                }
+            }
+        DataSet result(now.time);
+        result.addUniformBlock("image", size, box);
+        for (const Target& target : targets) result.setField(target.name, "image", target.array);
+        if (found != size.product()) result.setVertexMask("image", StrongPtr<MemBase>(mask));
+        meter(1.0);
+        return result;
+    });
+}
+
+// ---- Derived fields -------------------------------------------------------------------------------------------------
+
+std::string DataSet::derived(const char* operation, const std::string& field) const {
+    std::string name = std::string(operation) + '(' + field + ')';
+    detail::request(name, [&] { (void)step().field(name); });
+    return name;
+}
+std::string DataSet::gradient(const std::string& field) const { return derived("gradient", field); }
+std::string DataSet::vorticity(const std::string& vector) const { return derived("vorticity", vector); }
+std::string DataSet::divergence(const std::string& vector) const { return derived("divergence", vector); }
+std::string DataSet::qCriterion(const std::string& vector) const { return derived("qCriterion", vector); }
+std::string DataSet::magnitude(const std::string& vector) const { return derived("magnitude", vector); }
+
+DataSet DataSet::threshold(const std::string& field, double low, double high) const {
+    return detail::request("threshold of field " + quoted(field), [&] {
+        const StrongPtr<Field> of = step().field(field, 1);
+        const StrongPtr<Field> mask = makeMaskOfRange(of, low, high, step().representation);
+        DataSet result = changed();
+        Step& own = result.ownStep();
+        const StrongPtr<Field> all = copyOf(mask, own.positions()->getFragmentIDCollection());
+        for (const DataSetBlock& block : own.blocks()) // without values nothing is in range
+            if (!all->getCreator(block.id))
+                all->setCreator(creatorOf(MemArray<3, unsigned char>::create(block.size())), block.id);
+        own.setMask(VertexMaskName, all);
+        return result;
+    });
+}
+
+// ---- Files ----------------------------------------------------------------------------------------------------------
+
+void DataSet::write(const std::filesystem::path& file, const Fields& fields, const VtkOptions& options) const {
+    detail::request("writing " + file.string(), [&] {
+        const StrongPtr<Grid> written = step().view();
+        const Fields all = fields.empty() ? step().fieldNames() : fields;
+        for (const std::string& name : all) written->getCartesianRepresentation()->setField(name, step().field(name));
+        writeVtk(file, *written, all, options);
+    });
+}
+
+// ---- The model underneath -------------------------------------------------------------------------------------------
+
+const StrongPtr<Grid>& DataSet::grid() const { return step().grid; }
+const BundlePtr& DataSet::bundle() const { return myState->bundle; }
+
+} // namespace Vantle

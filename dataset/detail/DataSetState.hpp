@@ -1,0 +1,143 @@
+#pragma once
+/// What data sets are handles to: a bundle with a slice for each time, and what is kept of what was asked.
+
+#include <baseop/LocalFromWorldPoint.hpp>
+#include <baseop/LocatedPositions.hpp>
+#include <baseop/NumberRange.hpp>
+#include <dataset/DataSet.hpp>
+#include <dataset/detail/Request.hpp>
+#include <model/vantle/Blanking.hpp>
+
+#include <map>
+#include <mutex>
+#include <optional>
+
+namespace Vantle {
+
+namespace detail {
+
+/// The numbers of a scalar, block by block.
+struct FieldNumbers {
+    Hestra::Freshness origin; // field and masks
+    std::vector<BlockNumbers> blocks;
+
+    [[nodiscard]] std::optional<NumberRange> all() const;
+    [[nodiscard]] bool hasNaN() const;
+};
+
+/// The boxes of the valid vertices of blocks.
+struct BlockBoxes {
+    Hestra::Freshness origin; // positions and masks
+    std::vector<std::optional<BlockBox>> blocks;
+
+    [[nodiscard]] std::optional<BlockBox> all() const;
+};
+
+/// A field that was derived from another one.
+struct DerivedEntry {
+    Hestra::Freshness origin; // operand and masks
+    Hestra::Freshness place;  // positions
+    Hestra::StrongPtr<Field> field;
+    Hestra::StrongPtr<Field> from; // what the field follows, directly
+    Hestra::StrongPtr<Grid> home;  // what a derivative's blocks are joined in
+};
+
+/// A block of a data set.
+struct DataSetBlock {
+    Hestra::StrongPtr<FragmentID> id;
+    Hestra::StrongPtr<CreativeArrayBase> positions;
+    [[nodiscard]] std::string name() const { return FragmentID::Name(id, {}); }
+    [[nodiscard]] MultiIndex<3> size() const;
+};
+
+/// Which fields make the masks of a grid, as an origin together with what they mask.
+[[nodiscard]] Hestra::Freshness originOf(const Field& what, const Blanking& masks);
+
+} // namespace detail
+
+/// One time. Fields and positions are those of the grid; fields are never changed here once they are in a grid, but
+/// replaced, since others may have them.
+struct DataSet::Step {
+    Step(double time, const Hestra::StrongPtr<Slice>& slice, const Hestra::StrongPtr<Hestra::Cache>& cache);
+    /// The same fields in another slice, and what is known of them.
+    Step(const Step& other, double time, const Hestra::StrongPtr<Slice>& slice);
+
+    /// Names that are no fields of a data set.
+    [[nodiscard]] static bool isReserved(const std::string& name);
+    /// Number of components of a field's elements: as they are announced, else those of the first data.
+    [[nodiscard]] static int components(const Field& field);
+    [[nodiscard]] Hestra::StrongPtr<Field> positions() const { return representation->Positions(); }
+    [[nodiscard]] Blanking masks() const { return Blanking(*representation); }
+    [[nodiscard]] std::vector<detail::DataSetBlock> blocks() const;
+    /// Failure of these: DataSetError for unknown names.
+    [[nodiscard]] detail::DataSetBlock block(const std::string& name) const;
+    [[nodiscard]] Hestra::StrongPtr<Field> field(const std::string& name) const;
+
+    /// The field of a name, which has to be of so many components.
+    [[nodiscard]] Hestra::StrongPtr<Field> field(const std::string& name, int components) const;
+    [[nodiscard]] std::vector<std::string> fieldNames() const;
+    /// The data of a block; null where the field has none. Throws what kept them from being read.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> data(const std::string& name, const Field& field,
+                                                  const detail::DataSetBlock& block) const;
+
+    /// Throws what kept the data of a field, or what it is derived from, from being read from a file, if that happened.
+    void throwReadingFailure(const std::string& name) const;
+
+    [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> numbers(const std::string& name,
+                                                                      const detail::Meter& meter) const;
+    [[nodiscard]] std::shared_ptr<const detail::BlockBoxes> boxes(const detail::Meter& meter) const;
+    [[nodiscard]] std::shared_ptr<const LocalFromWorldPoint> locator() const;
+    /// A grid of the same positions and masks.
+    [[nodiscard]] Hestra::StrongPtr<Grid> view() const;
+
+    /// A surface of a field over the fragments of the positions, of which the numbers are known.
+    [[nodiscard]] Surface surface(const std::string& name, const Hestra::StrongPtr<Field>& field,
+                                  const detail::FieldNumbers& numbers, double level, const Fields& values,
+                                  bool hasNormals, const detail::Meter& meter) const;
+    [[nodiscard]] Surface hull(const Fields& values) const;
+    /// The values of a field at positions, as by `LocatedPositions`.
+    void sample(const LocatedPositions& positions, const std::string& name, const Field& field, int components,
+                std::span<double> values, std::span<unsigned char> mask, const detail::Meter& meter) const;
+
+    // For one thread: what is put there instead, and forgotten.
+    void setPositions(const Hestra::StrongPtr<Field>& positions);
+    void setField(const std::string& name, const Hestra::StrongPtr<Field>& field);
+    void setMask(const char* name, const Hestra::StrongPtr<Field>& mask);
+    void setJoins(const JoinOptions& options);
+
+    double time;
+    Hestra::StrongPtr<Slice> slice;
+    Hestra::StrongPtr<Grid> grid;
+    Hestra::StrongPtr<Representation> representation;
+    Hestra::StrongPtr<Hestra::Cache> cache;
+    JoinOptions joins;
+
+private:
+    [[nodiscard]] Hestra::StrongPtr<Field> derived(const std::string& name) const;
+    [[nodiscard]] detail::DerivedEntry derive(const std::string& operation, const std::string& operand,
+                                              const std::string& name) const;
+
+    mutable std::mutex myMutex; // held for look-ups only
+    mutable std::map<std::string, std::shared_ptr<const detail::FieldNumbers>> myNumbers;
+    mutable std::shared_ptr<const detail::BlockBoxes> myBoxes;
+    mutable std::map<std::string, detail::DerivedEntry> myDerived;
+    /// Shared by times and copies that have the same positions and masks.
+    struct LocatorSlot {
+        std::mutex mutex;
+        std::shared_ptr<const LocalFromWorldPoint> locator;
+    };
+    std::shared_ptr<LocatorSlot> myLocator = std::make_shared<LocatorSlot>();
+};
+
+struct DataSet::State {
+    explicit State(const Hestra::StrongPtr<Hestra::Cache>& kept) : cache(kept) {}
+
+    /// The last one that is not after a time; null before the first one.
+    [[nodiscard]] Step* find(double time) const noexcept;
+
+    BundlePtr bundle = BundlePtr::create();
+    Hestra::StrongPtr<Hestra::Cache> cache;
+    std::vector<std::unique_ptr<Step>> steps; // ascending by time
+};
+
+} // namespace Vantle

@@ -1,0 +1,661 @@
+#include "support/CutBlocks.hpp"
+#include "support/Plot3DFile.hpp"
+#include "support/RoughBlocks.hpp"
+
+#include <baseop/GridEvaluator.hpp>
+#include <dataset/DataSet.hpp>
+
+#include <bit>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <omp.h>
+#include <thread>
+
+// Whole requests, as people make them, on blocks that are turned and flipped, and one time on real data. What the
+// operations underneath prove is not proved here again.
+
+namespace {
+
+using namespace support;
+using Vantle::Box;
+using Vantle::DataSet;
+using Vantle::DataSetError;
+using Vantle::index_t;
+using Vantle::MemArray;
+using Vantle::Plane;
+using Vantle::Surface;
+using Vantle::Vector;
+
+double plane(const Point& p) { return 1.0 + 2.0 * p[0] - 3.0 * p[1] + 0.5 * p[2]; }
+/// A rigid rotation about z with 1.5 radians a second, and a strain along z.
+Vector swirl(const Point& p) { return {-1.5 * p[1], 1.5 * p[0], 0.25 * p[2]}; }
+
+/// A ring around z, cut in turned and flipped blocks.
+DataSet ring(unsigned seed, std::size_t pieces = 7) {
+    std::mt19937_64 random(seed);
+    const BlockPtr uncut = oGrid({33, 8, 9});
+    DataSet flow(CutGrid(*uncut, pieces < 2 ? bisect(uncut->Size(), 1, random)
+                                            : turned(bisect(uncut->Size(), pieces, random), random))
+                     .grid);
+    flow.setField("wave", wave);
+    flow.setField("plane", plane);
+    flow.setField("velocity", swirl);
+    return flow;
+}
+
+/// Positions in blocks, and where they were made.
+std::vector<Point> positionsIn(const DataSet& flow, int count, unsigned seed) {
+    std::vector<Point> all;
+    for (const auto& block : flow.blocks()) {
+        const auto points = Block::makeMemArray(flow.positions(block.name), block.size);
+        for (const Point& index : randomIndices(*points, count, seed)) all.push_back(positionIn(*points, index));
+    }
+    return all;
+}
+
+template<class F>
+std::string errorOf(const F& f) {
+    try {
+        f();
+    } catch (const DataSetError& error) {
+        return error.what();
+    }
+    return "nothing was thrown";
+}
+bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// ---- Making one, and changing it ------------------------------------------------------------------------------------
+
+TEST(DataSetTest, IsAValueWhoseCopiesShareArrays) {
+    const auto points = distortedBlock({5, 4, 3}, 1.0, 0.1, 1);
+    DataSet flow(2.0);
+    flow.addBlock("first", points);
+    flow.addUniformBlock("second", {3, 3, 3}, {{10, 0, 0}, {12, 2, 2}});
+    flow.addRectilinearBlock("third", {20, 21, 23}, {0, 1}, {5, 4, 1});
+    flow.setField("f", plane);
+
+    DataSet other = flow;
+    other.addUniformBlock("fourth", {2, 2, 2}, {{0, 9, 0}, {1, 10, 1}});
+    other.setField("f", "second", std::vector<double>(27, 7.0));
+    other.setField("g", "first", std::vector<float>(60, 1.0F));
+    other.setVertexMask("first", MemArray<3, unsigned char>::create({5, 4, 3}));
+
+    ASSERT_EQ(flow.blocks().size(), 3U);
+    ASSERT_EQ(other.blocks().size(), 4U);
+    using Vantle::BlockKind;
+    const BlockKind kinds[] = {BlockKind::Curvilinear, BlockKind::Uniform, BlockKind::Rectilinear, BlockKind::Uniform};
+    for (std::size_t n = 0; n < 4; ++n) EXPECT_EQ(other.blocks()[n].kind, kinds[n]) << n;
+    EXPECT_EQ(flow.fields().size(), 1U);
+    EXPECT_EQ(other.fields().size(), 2U);
+    EXPECT_EQ(other.fields()[1].blocks, 1U);
+    EXPECT_EQ(flow.array("f", "first").rawptr(), other.array("f", "first").rawptr());
+    EXPECT_NE(flow.array("f", "second").rawptr(), other.array("f", "second").rawptr());
+    EXPECT_EQ(flow.range("f").greatest, plane({23, 0, 5}));
+    EXPECT_LT(flow.bounds().low[0], 1.0);
+    EXPECT_EQ(other.bounds().low[0], 0.0); // without what is blanked
+    const auto positions = flow.grid()->CartesianPositions();
+    EXPECT_EQ(positions->getData(positions->getFragmentID("first")).rawptr(), points.rawptr());
+}
+
+TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
+    DataSet flow;
+    EXPECT_TRUE(has(errorOf([&] { (void)flow.range("p"); }), "no field \"p\"; there are none"));
+    flow.addUniformBlock("front", {4, 3, 2}, {{0, 0, 0}, {3, 2, 1}});
+    for (const char* name : {"density", "presure", "pressures", "temperature"}) flow.setField(name, plane);
+    flow.setField("velocity", swirl);
+    const auto expect = [&](const auto& change, const std::string& part) {
+        const std::string error = errorOf(change);
+        EXPECT_TRUE(has(error, part)) << error;
+    };
+    expect([&] { (void)flow.contour("pressure", 0.0); },
+           "\"pressure\"; there are: \"pressures\", \"presure\", \"density\"");
+    expect([&] { flow.setField("p", "Front ", std::vector<double>(24)); }, "no block \"Front \"; there are: \"front\"");
+    expect([&] { flow.setField("p", "front", std::vector<double>(23)); }, "[4x3x2] vertices, which 23 values");
+    expect([&] { flow.setField("p", "front", MemArray<3, double>::create({4, 2, 3})); }, "the values are [4x2x3]");
+    expect([&] { flow.setField("p", "front", MemArray<3, std::string>::create({4, 3, 2})); }, "neither numbers nor");
+    expect([&] { flow.setField("Positions", plane); }, "a name that means something else");
+    expect([&] { flow.setField("q", [](const Point&) -> double { throw DataSetError("mine"); }); }, "mine");
+    expect([&] { flow.addBlock("front", distortedBlock({2, 2, 2}, 1, 0, 1)); }, "there is a block \"front\" already");
+    expect([&] { flow.addBlock("b", Vantle::makeMemArray1D(std::vector<Point>(8))); }, "no points with three indices");
+    expect([&] { flow.addRectilinearBlock("b", {0, 2, 1}, {0}, {0}); }, "neither ascend nor descend");
+    expect([&] { flow.setCellMask("front", MemArray<3, int>::create({4, 3, 2})); }, "front");
+    expect([&] { (void)flow.atTime(-1.0); }, "the first time is 0");
+    expect([&] { (void)flow.range("velocity"); }, "field \"velocity\" is a vector, not a scalar");
+    expect([&] { (void)flow.vorticity("density"); }, "is a scalar, which has no vorticity");
+    expect([&] { (void)flow.contour("density", std::nan("")); }, "a level that is NaN");
+    expect([&] { (void)flow.resample({4, 4, 4}, {{0, 0, 0}, {1, 0, 1}}, {"density"}); }, "along axis 1");
+    expect([&] { (void)flow.slice({{0, 0, 0}, {0, 0, 0}}); }, "no length");
+    expect([&] { (void)flow.slice(Plane::z(0.5)).values("speed"); }, "no value \"speed\"; there are none");
+
+    DataSet partly = flow;
+    partly.addUniformBlock("back", {2, 2, 2}, {{3, 0, 0}, {4, 2, 1}});
+    expect([&] { (void)partly.gradient("density"); }, "block \"back\" has no values");
+    expect([&] { partly.setField("density", "back", std::vector<Vector>(8)); }, "of another type");
+    EXPECT_FALSE(partly.contour("density", 1.0).isEmpty());
+    const auto there = partly.locate(std::vector<Point>{{1.5, 1, 0.5}, {3.5, 1, 0.5}});
+    EXPECT_EQ(there.found(), 2U);
+    EXPECT_DOUBLE_EQ(there.sample("density")[0], plane({1.5, 1, 0.5}));
+    EXPECT_FALSE(there.sample("density").isFound(1));
+
+    EXPECT_EQ(flow.blocks().size(), 1U);
+    EXPECT_EQ(flow.fields().size(), 5U);
+}
+
+// ---- Numbers --------------------------------------------------------------------------------------------------------
+
+TEST(DataSetTest, RangesAndBoxesAreOfNumbersWhateverTheirOrderAndTheThreads) {
+    const double none = std::nan("");
+    for (const bool isReversed : {false, true})
+        for (const int threads : {1, 5}) {
+            omp_set_num_threads(threads);
+            std::vector<double> values(70 * 70 * 70, 0.0);
+            std::vector<float> others(values.size(), -0.0F);
+            values[300000] = -0.0; // far apart, in pieces of their own
+            values[1000] = none;
+            values[200000] = none;
+            others[7] = 0.0F;
+            std::vector<Point> points(values.size());
+            std::mt19937_64 random(3);
+            for (Point& p : points) p = Point(1 + double(random() % 1000), double(random() % 7), -double(random() % 5));
+            points[0] = Point(none, none, none);
+            points[5][0] = none;
+            if (isReversed) {
+                std::reverse(values.begin(), values.end());
+                std::reverse(points.begin(), points.end());
+            }
+            DataSet flow;
+            flow.addBlock("a", {70, 70, 70}, points);
+            flow.setField("zero", "a", values);
+            flow.setField("single", "a", others);
+            for (const char* field : {"zero", "single"}) {
+                const auto range = flow.range(field);
+                EXPECT_TRUE(range.least == 0.0 && std::signbit(range.least)) << field;
+                EXPECT_TRUE(range.greatest == 0.0 && !std::signbit(range.greatest)) << field;
+            }
+            const Box box = flow.bounds();
+            EXPECT_EQ(box.low, Point(1, 0, -4));
+            EXPECT_EQ(box.high, Point(1000, 6, 0));
+            flow.setField("none", "a", std::vector<double>(values.size(), none));
+            EXPECT_TRUE(std::isnan(flow.range("none").least));
+            EXPECT_TRUE(flow.contour("none", 1.0).isEmpty());
+        }
+    omp_set_num_threads(omp_get_num_procs());
+}
+
+// ---- Surfaces -------------------------------------------------------------------------------------------------------
+
+TEST(DataSetTest, ContoursAndSlicesOfTurnedBlocksAreThoseOfTheUncutRing) {
+    const DataSet uncut = ring(1, 1);
+    const Plane tilted{{0.2, 0.1, 0.7}, {0.4, -1, 0.3}};
+    for (unsigned seed = 1; seed < 5; ++seed) {
+        const DataSet flow = ring(seed);
+        EXPECT_FALSE(flow.joins()->joins().empty());
+        const auto compare = [](const Surface& cut, const Surface& whole) {
+            EXPECT_GT(whole.triangles().size(), 100U);
+            EXPECT_EQ(cut.points().size(), whole.points().size());
+            EXPECT_EQ(cut.triangles().size(), whole.triangles().size());
+            EXPECT_EQ(cut.borderEdges(), whole.borderEdges());
+        };
+        compare(flow.contour("wave", 0.3), uncut.contour("wave", 0.3));
+        compare(flow.slice(tilted), uncut.slice(tilted));
+        const Surface cut = flow.slice(tilted, {"plane", "velocity"});
+        for (std::size_t k = 0; k < cut.points().size(); ++k) {
+            EXPECT_NEAR(dot(cut.points()[k] - tilted.origin, tilted.normal), 0.0, 1e-14);
+            EXPECT_NEAR(cut.values("plane")[k], plane(cut.points()[k]), 1e-13);
+            EXPECT_LT(length(cut.values("velocity").vector(k) - swirl(cut.points()[k])), 1e-13);
+        }
+    }
+}
+
+TEST(DataSetTest, ContoursAreOfTheirLevelsAndHaveNormalsAlongTheGradient) {
+    const DataSet flow = ring(3);
+    const auto surfaces = flow.contours("plane", {0.5, 2.0, 0.5}, {.values = {"plane", "velocity"}, .normals = true});
+    const double levels[] = {0.5, 2.0, 0.5};
+    const Vector gradient = Vector(2, -3, 0.5) * (1 / length(Vector(2, -3, 0.5)));
+    for (std::size_t n = 0; n < 3; ++n) {
+        const Surface& surface = surfaces[n];
+        ASSERT_GT(surface.triangles().size(), 100U);
+        for (std::size_t k = 0; k < surface.points().size(); ++k) {
+            EXPECT_NEAR(plane(surface.points()[k]), levels[n], 1e-13);
+            EXPECT_NEAR(surface.values("plane")[k], levels[n], 1e-13);
+            EXPECT_LT(length(surface.normals().vector(k) - gradient), 1e-10);
+        }
+        // A second handle, by way of the model.
+        EXPECT_EQ(Surface(surface.grid()).points().data(), surface.points().data());
+    }
+    EXPECT_EQ(surfaces[0].points().size(), surfaces[2].points().size());
+    for (const double outside : {-1e3, 1e3, flow.range("plane").greatest + 1e-9}) {
+        const Surface empty = flow.contour("plane", outside, {.values = {"wave"}, .normals = true});
+        EXPECT_TRUE(empty.isEmpty() && empty.isClosed() && empty.hasNormals());
+        EXPECT_EQ(empty.values("wave").size(), 0U);
+    }
+    DataSet ball;
+    ball.addUniformBlock("cube", {17, 17, 17}, {{-1, -1, -1}, {1, 1, 1}});
+    ball.setField("squares", [](const Point& p) { return dot(p - Point(), p - Point()); });
+    EXPECT_TRUE(ball.contour("squares", 0.5).isClosed());
+    EXPECT_FALSE(ball.contour("squares", 1.5).isClosed());
+    // In one octant there are no numbers: as if that were not there. In the others nothing changes.
+    ball.setField("part", [](const Point& p) {
+        return p[0] > 0.3 && p[1] > 0.3 && p[2] > 0.3 ? std::nan("") : dot(p - Point(), p - Point());
+    });
+    const Surface part = ball.contour("part", 0.5), whole = ball.contour("squares", 0.5);
+    EXPECT_GT(part.points().size(), whole.points().size() * 3 / 4);
+    EXPECT_LT(part.points().size(), whole.points().size());
+    for (const Point& p : part.points()) EXPECT_TRUE(p == p);
+}
+
+TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
+    const DataSet flow = ring(5);
+    const DataSet part = flow.threshold("plane", -3.0, 4.0).threshold("wave", -0.2);
+    const auto inside = [](const Point& p) { return plane(p) >= -3.0 && plane(p) <= 4.0 && wave(p) >= -0.2; };
+    double least = HUGE_VAL;
+    for (const auto& block : flow.blocks())
+        for (const Point& p : flow.positions(block.name))
+            if (inside(p)) least = std::min(least, plane(p));
+    EXPECT_GE(part.range("plane").least, least);
+    EXPECT_LE(part.range("plane").greatest, 4.0);
+    EXPECT_GE(part.range("wave").least, -0.2);
+    EXPECT_LT(flow.range("plane").least, -3.0);
+    const auto positions = positionsIn(flow, 100, 3);
+    const auto all = flow.locate(positions), some = part.locate(positions);
+    EXPECT_GT(some.found(), positions.size() / 10);
+    EXPECT_LT(some.found(), all.found());
+    const auto values = some.sample("wave");
+    for (std::size_t k = 0; k < positions.size(); ++k) EXPECT_TRUE(!some.isFound(k) || values[k] >= -0.2 - 1e-12);
+    EXPECT_TRUE(part.contour("plane", 4.5).isEmpty());
+    const Surface cut = part.contour("plane", 1.0);
+    EXPECT_FALSE(cut.isEmpty());
+    EXPECT_LT(cut.triangles().size(), flow.contour("plane", 1.0).triangles().size());
+    EXPECT_TRUE(has(errorOf([&] { (void)flow.threshold("velocity", 0); }), "vector"));
+
+    const Surface hull = flow.boundary({"plane", "velocity"}), whole = ring(5, 1).boundary(), inner = part.boundary();
+    EXPECT_TRUE(hull.isClosed() && inner.isClosed());
+    EXPECT_EQ(hull.triangles().size(), whole.triangles().size());
+    EXPECT_NE(inner.triangles().size(), hull.triangles().size());
+    for (std::size_t k = 0; k < hull.points().size(); ++k) EXPECT_EQ(hull.values("plane")[k], plane(hull.points()[k]));
+    EXPECT_EQ(hull.values("velocity").components(), 3);
+    EXPECT_TRUE(has(errorOf([&] { (void)flow.boundary({"plan"}); }), "\"plane\""));
+}
+
+// ---- Values elsewhere -----------------------------------------------------------------------------------------------
+
+TEST(DataSetTest, FindsPositionsExactlyAndOnlyInside) {
+    DataSet flow = ring(7);
+    flow.addUniformBlock("box", {4, 4, 4}, {{5, 0, 0}, {6, 1, 1}});
+    flow.setField("wave", "box", std::vector<double>(64, 4.0));
+    flow.setField("count", "box", std::vector<int>(64, 3));
+    std::vector<Point> positions = positionsIn(flow, 200, 11);
+    const std::size_t inside = positions.size();
+    for (const Point& p :
+         {Point(0, 0, 0.5), Point(5.5, 0.5, 1.1), Point(4.9, 0.5, 0.5), Point(9, 9, 9), Point(std::nan(""), 0, 0)})
+        positions.push_back(p);
+    const auto at = flow.locate(positions);
+    EXPECT_EQ(at.found(), inside);
+    const auto linear = at.sample("plane", -99.0), constant = at.sample("wave"), velocity = at.sample("velocity");
+    const auto count = at.sample("count");
+    for (std::size_t k = 0; k < positions.size(); ++k) {
+        EXPECT_EQ(at.isFound(k), k < inside);
+        const bool isInBox = k < inside && positions[k][0] >= 5;
+        EXPECT_EQ(constant.isFound(k), k < inside);
+        EXPECT_EQ(linear.isFound(k), k < inside && !isInBox) << "the box has no such field";
+        if (isInBox) {
+            EXPECT_DOUBLE_EQ(constant[k], 4.0);
+            EXPECT_DOUBLE_EQ(count[k], 3.0);
+        } else if (k < inside) {
+            EXPECT_NEAR(linear[k], plane(positions[k]), 1e-8);
+            EXPECT_LT(length(velocity.vector(k) - swirl(positions[k])), 1e-8);
+            EXPECT_FALSE(count.isFound(k));
+        } else {
+            EXPECT_EQ(linear[k], -99.0);
+            EXPECT_TRUE(std::isnan(constant[k]) && std::isnan(velocity.vector(k)[2]));
+            EXPECT_EQ(at.blocks()[k], Vantle::Located::Nowhere);
+        }
+    }
+    // Small blocks of integers are interpolated as numbers, not as what they are stored in.
+    DataSet bytes;
+    bytes.addUniformBlock("b", {2, 2, 2}, {{0, 0, 0}, {1, 1, 1}});
+    bytes.setField("byte", "b", std::vector<unsigned char>{0, 1, 0, 1, 0, 1, 0, 1});
+    EXPECT_DOUBLE_EQ(bytes.locate(std::vector<Point>{{0.25, 0.5, 0.5}}).sample("byte")[0], 0.25);
+}
+
+TEST(DataSetTest, LooksAtTimesAndSamplesThemAtTheSamePlaces) {
+    DataSet flow = ring(2);
+    for (const double time : {2.0, 1.0}) {
+        DataSet later = flow.atTime(0.0);
+        later.setField("plane", [time](const Point& p) { return plane(p) + 10 * time; });
+        flow.addTime(time, later);
+    }
+    DataSet moved;
+    moved.addUniformBlock("box", {3, 3, 3}, {{0, 0, 0}, {1, 1, 1}});
+    moved.setField("plane", plane);
+    flow.addTime(3.0, moved);
+    EXPECT_EQ(flow.times(), (std::vector<double>{0, 1, 2, 3}));
+    const double first = flow.range("plane").least;
+    EXPECT_DOUBLE_EQ(flow.atTime(1.9).range("plane").least, first + 10);
+    EXPECT_EQ(flow.atTime(HUGE_VAL).time(), 3.0);
+    EXPECT_EQ(flow.bundle()[2.0]->time(), 2.0);
+
+    const auto positions = positionsIn(flow, 20, 5);
+    const auto at = flow.locate(positions);
+    const auto now = at.sample("plane"), later = at.atTime(2.5).sample("plane");
+    for (std::size_t k = 0; k < positions.size(); ++k) EXPECT_NEAR(later[k], now[k] + 20, 1e-12);
+    EXPECT_TRUE(has(errorOf([&] { (void)at.atTime(3.0); }), "locate there again"));
+    EXPECT_EQ(flow.atTime(1).grid()->CartesianPositions(), flow.atTime(2).grid()->CartesianPositions());
+}
+
+TEST(DataSetTest, ResamplesWithAMaskOfWhatIsOutside) {
+    const DataSet flow = ring(4);
+    std::vector<double> told;
+    const Box box{{-2.1, -2.1, 0.1}, {2.1, 2.1, 1.4}};
+    const DataSet image = flow.resample({90, 80, 45}, box, {"plane", "velocity"}, [&](double share) {
+        told.push_back(share);
+        return true;
+    });
+    EXPECT_TRUE(std::is_sorted(told.begin(), told.end()) && told.back() == 1.0);
+    const auto points = image.positions("image");
+    const auto at = flow.locate(points);
+    EXPECT_GT(at.found(), points.size() / 3);
+    const auto values = Hestra::dynamicCast<MemArray<3, double>>(image.array("plane", "image"));
+    ASSERT_EQ(values->Size(), Place(90, 80, 45));
+    for (std::size_t k = 0; k < points.size(); ++k) {
+        ASSERT_EQ(std::isnan(values->element(k)), !at.isFound(k)) << k;
+        ASSERT_TRUE(!at.isFound(k) || std::abs(values->element(k) - plane(points[k])) < 1e-8);
+    }
+    EXPECT_EQ(image.range("plane").least, *std::min_element(values->data(), values->data() + values->nElements(),
+                                                            [](double a, double b) { return a < b || b != b; }));
+    EXPECT_EQ(image.locate(std::vector<Point>{{0, 0, 0.5}, {1.5, 0.2, 0.5}}).found(), 1U); // in the hole, and not
+    EXPECT_TRUE(flow.resample({2, 2, 2}, {{1.1, 1.1, 0.5}, {1.2, 1.2, 0.6}}, {})
+                    .grid()
+                    ->getCartesianRepresentation()
+                    ->findField(Vantle::VertexMaskName) == nullptr);
+}
+
+// ---- Derived fields -------------------------------------------------------------------------------------------------
+
+TEST(DataSetTest, DerivesFieldsAcrossJoinedBlocks) {
+    const DataSet flow = ring(6), uncut = ring(6, 1);
+    const auto at = flow.locate(positionsIn(flow, 50, 9));
+    const auto gradient = at.sample(flow.gradient("plane")), curl = at.sample(flow.vorticity("velocity"));
+    const auto jacobian = at.sample("gradient(velocity)"), divergence = at.sample(flow.divergence("velocity"));
+    const auto q = at.sample(flow.qCriterion("velocity")), size = at.sample("magnitude(vorticity(velocity))");
+    ASSERT_EQ(jacobian.components(), 9);
+    for (std::size_t k = 0; k < at.size(); ++k) {
+        EXPECT_LT(length(gradient.vector(k) - Vector(2, -3, 0.5)), 1e-10);
+        EXPECT_LT(length(curl.vector(k) - Vector(0, 0, 3)), 1e-10);
+        EXPECT_NEAR(jacobian.numbers()[9 * k + 1], 1.5, 1e-10); // of v along x
+        EXPECT_NEAR(divergence[k], 0.25, 1e-10);
+        EXPECT_NEAR(q[k], 1.5 * 1.5 - 0.5 * 0.25 * 0.25, 1e-9); // half of (2 * 1.5^2 + 2 * 1.5^2 ... - 0.25^2)
+        EXPECT_NEAR(size[k], 3.0, 1e-10);
+    }
+    // No seam where blocks meet: the contour of a derived field is that of the uncut ring.
+    const std::string steepness = flow.magnitude(flow.gradient("wave"));
+    const Surface surface = flow.contour(steepness, 1.5), whole = uncut.contour(steepness, 1.5);
+    EXPECT_GT(whole.triangles().size(), 100U);
+    EXPECT_EQ(surface.triangles().size(), whole.triangles().size());
+    EXPECT_EQ(surface.borderEdges(), whole.borderEdges());
+    EXPECT_EQ(flow.fields().size(), 3U);
+    DataSet changed = flow;
+    changed.setField("plane", [](const Point& p) { return 2 * p[0]; });
+    EXPECT_NEAR(changed.range("magnitude(gradient(plane))").greatest, 2.0, 1e-10);
+    EXPECT_NEAR(flow.range("magnitude(gradient(plane))").greatest, std::sqrt(13.25), 1e-10);
+}
+
+// ---- Cancelling, budgets, threads, silence --------------------------------------------------------------------------
+
+using Request = std::function<std::size_t(const DataSet&, const Vantle::Progress&)>;
+const std::vector<std::pair<const char*, Request>>& requests() {
+    static const std::vector<Point> line = [] {
+        std::vector<Point> points;
+        for (int k = 0; k < 20000; ++k) points.push_back(Point(2.2 * k / 20000, 0.3, 0.5));
+        return points;
+    }();
+    static const std::vector<std::pair<const char*, Request>> all{
+        {"range",
+         [](const DataSet& flow, const auto& p) { return std::bit_cast<std::size_t>(flow.range("wave", p).least); }},
+        {"bounds",
+         [](const DataSet& flow, const auto& p) { return std::bit_cast<std::size_t>(flow.bounds(p).high[0]); }},
+        {"contour",
+         [](const DataSet& flow, const auto& p) {
+             return flow.contour("wave", 0.2, {.values = {"plane"}, .normals = true, .progress = p}).triangles().size();
+         }},
+        {"slice",
+         [](const DataSet& flow, const auto& p) { return flow.slice(Plane::x(0.1), {"wave"}, p).points().size(); }},
+        {"locate", [](const DataSet& flow, const auto& p) { return flow.locate(line, p).found(); }},
+        {"sample",
+         [](const DataSet& flow, const auto& p) {
+             return std::bit_cast<std::size_t>(flow.locate(line).sample("qCriterion(velocity)", 0.0, p)[15000]);
+         }},
+        {"resample",
+         [](const DataSet& flow, const auto& p) {
+             const DataSet image = flow.resample({50, 50, 10}, {{-2, -2, 0}, {2, 2, 1}}, {"wave"}, p);
+             return std::bit_cast<std::size_t>(image.range("wave").greatest);
+         }},
+    };
+    return all;
+}
+
+TEST(DataSetTest, CanBeCancelledAtEachWordAndIsAsItWas) {
+    for (const auto& [name, request] : requests()) {
+        SCOPED_TRACE(name);
+        const std::size_t result = request(ring(8), {});
+        const DataSet flow = ring(8);
+        int words = 0;
+        for (bool isCancelled = true; isCancelled; ++words) {
+            ASSERT_LT(words, 200);
+            int left = words;
+            double before = 0.0;
+            isCancelled = false;
+            try {
+                EXPECT_EQ(request(flow,
+                                  [&](double share) {
+                                      EXPECT_GE(share, before);
+                                      EXPECT_LE(share, 1.0);
+                                      before = share;
+                                      return left-- > 0;
+                                  }),
+                          result);
+            } catch (const Vantle::Cancelled&) {
+                isCancelled = true;
+                EXPECT_EQ(flow.fields().size(), 3U);
+            }
+        }
+        EXPECT_GT(words, 1);
+        // What a caller's function throws comes back as it is.
+        struct Mine {};
+        EXPECT_THROW(request(ring(8), [](double) -> bool { throw Mine(); }), Mine);
+    }
+}
+
+TEST(DataSetTest, AnswersAnyNumberOfThreadsAsItAnswersOneWithoutAWord) {
+    std::vector<std::size_t> expected;
+    for (const auto& [name, request] : requests()) expected.push_back(request(ring(9), {}));
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    for (int round = 0; round < 3; ++round) {
+        const DataSet flow = ring(9);
+        std::vector<std::thread> threads;
+        std::vector<std::vector<std::size_t>> answers(4);
+        for (std::size_t t = 0; t < answers.size(); ++t)
+            threads.emplace_back([&flow, t, &answer = answers[t]] {
+                DataSet mine = flow; // changed meanwhile
+                for (std::size_t n = 0; n < requests().size(); ++n) {
+                    mine.setField("other" + std::to_string(n), plane);
+                    answer.push_back(requests()[(n + t) % requests().size()].second(n % 2 ? flow : mine, {}));
+                }
+            });
+        for (std::thread& thread : threads) thread.join();
+        for (std::size_t t = 0; t < answers.size(); ++t)
+            for (std::size_t n = 0; n < expected.size(); ++n)
+                EXPECT_EQ(answers[t][n], expected[(n + t) % expected.size()])
+                    << requests()[(n + t) % expected.size()].first;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(DataSetTest, KeepsToItsBudgetAndSaysWhatCannotBeMade) {
+    const DataSet ready = ring(10);
+    DataSet lazy;
+    std::atomic<int> made{0};
+    std::atomic<bool> isBroken{false};
+    const auto creator = [&](const Hestra::StrongPtr<Vantle::MemBase>& array) {
+        return Hestra::StrongPtr<Vantle::CreativeArrayBase>(new Vantle::CreativeArray(
+            [&, array](const Hestra::WeakPtr<Vantle::CreativeArrayBase>& by) -> Hestra::StrongPtr<Vantle::MemBase> {
+                ++made;
+                if (isBroken) return nullptr;
+                return dynamic_cast<const Vantle::MemArrayBase<3>&>(*array).createSubArray(
+                    {}, *array->getDynamicSize().as<3>(), by);
+            },
+            array->elementIndex(), array->getDynamicSize(), lazy.cache()));
+    };
+    std::size_t bytes = 0, largest = 0;
+    for (const auto& block : ready.blocks()) {
+        const auto points = Block::makeMemArray(ready.positions(block.name), block.size);
+        bytes += points->memsize();
+        largest = std::max(largest, points->memsize());
+        lazy.addBlock(block.name, creator(points.strong()));
+        for (const char* field : {"wave", "plane", "velocity"})
+            lazy.setField(field, block.name, creator(ready.array(field, block.name)));
+    }
+    EXPECT_EQ(made, 0);
+    lazy.memoryBudget(largest * 3 / 2);
+    for (const auto& [name, request] : requests()) {
+        EXPECT_EQ(request(lazy, {}), request(ready, {})) << name;
+        // What the last insertion brought stays, however large.
+        EXPECT_LE(lazy.cache()->bytes(), 3 * largest) << name;
+    }
+    EXPECT_GT(made, 30);
+    lazy.cache()->clear();
+    isBroken = true;
+    const DataSet fresh = lazy.atTime(0);
+    for (const char* what : {"plane", "magnitude(gradient(plane))"}) {
+        const std::string error = errorOf([&] { (void)fresh.range(what); });
+        EXPECT_TRUE(has(error, what) && has(error, "block")) << error;
+    }
+}
+
+// ---- Files ----------------------------------------------------------------------------------------------------------
+
+class DataSetFilesTest : public testing::Test {
+protected:
+    void SetUp() override { std::filesystem::create_directories(folder); }
+    void TearDown() override { std::filesystem::remove_all(folder); }
+    std::filesystem::path store(const std::string& name, const std::string& bytes) const {
+        std::ofstream(folder / name, std::ios::binary) << bytes;
+        return folder / name;
+    }
+    const std::filesystem::path folder =
+        std::filesystem::path(testing::TempDir()) / ("DataSet" + std::to_string(getpid()));
+};
+
+/// A data set as files: "wave" as density, at two times.
+TEST_F(DataSetFilesTest, AreReadWhenNeededAndSaidToBeGoneThen) {
+    const DataSet ready = ring(3);
+    const Vantle::Plot3DForm form{.multiBlock = true, .scalar = Vantle::Plot3DScalar::float64};
+    std::vector<Plot3DBlock> grid;
+    std::vector<Plot3DSolutionBlock> flow[2];
+    for (const auto& block : ready.blocks()) {
+        const std::array extents{int(block.size[0]), int(block.size[1]), int(block.size[2])};
+        Plot3DBlock& at = grid.emplace_back();
+        at.extents = extents;
+        for (int step = 0; step < 2; ++step) {
+            Plot3DSolutionBlock& state = flow[step].emplace_back();
+            state.extents = extents;
+            state.time = step == 0 ? 2.5 : 0.5;
+            for (const Point& p : ready.positions(block.name)) {
+                const double values[] = {wave(p) + 3 + step, 1.0, p[0], 0.0, 9.0};
+                for (std::size_t f = 0; f < 5; ++f) state.fields[f].values.push_back(values[f]);
+                if (step == 1) continue;
+                at.x.push_back(p[0]);
+                at.y.push_back(p[1]);
+                at.z.push_back(p[2]);
+            }
+        }
+    }
+    const auto xyz = store("ring.xyz", gridBytes(form, grid));
+    const auto late = store("late.q", solutionBytes(form, flow[0])),
+               early = store("early.q", solutionBytes(form, flow[1]));
+    const DataSet read = DataSet::read({xyz, late, early});
+    EXPECT_EQ(read.cache()->bytes(), 0U);
+    EXPECT_EQ(read.times(), (std::vector<double>{0.5, 2.5}));
+    EXPECT_EQ(read.blocks()[1].name, "block2");
+    EXPECT_EQ(read.cache()->bytes(), 0U) << "nothing was needed yet";
+    const Surface cut = read.atTime(2.5).contour("density", 3.3), same = ready.contour("wave", 0.3);
+    EXPECT_EQ(cut.points().size(), same.points().size());
+    EXPECT_EQ(cut.borderEdges(), same.borderEdges());
+    EXPECT_NEAR(read.range("density").least, ready.range("wave").least + 4, 1e-12);
+    EXPECT_EQ(read.locate(std::vector<Point>{{1.5, 0.2, 0.5}}).atTime(9.0).sample("momentum").components(), 3);
+
+    cut.write(folder / "cut.vtp");
+    read.write(folder / "ring.vtm", {"density", "magnitude(velocity)"});
+    EXPECT_GT(std::filesystem::file_size(folder / "cut.vtp"), 1000U);
+    EXPECT_TRUE(std::filesystem::exists(folder / "ring.vtm"));
+    EXPECT_TRUE(has(errorOf([&] { read.write(folder / "x.vtm", {"densty"}); }), "\"density\""));
+    EXPECT_THROW((void)DataSet::read({xyz, late, late}), DataSetError);
+    EXPECT_THROW((void)DataSet::read({folder / "none.xyz"}), Vantle::FileError);
+
+    // Shorter by one block: what is to be read again says so, and names the file; what was read stays.
+    const DataSet fresh = DataSet::read({xyz, late});
+    (void)fresh.bounds();
+    store("late.q", solutionBytes(form, {flow[0].begin(), flow[0].end() - 1}));
+    const auto at = fresh.locate(ready.positions(ready.blocks().front().name));
+    EXPECT_EQ(at.found(), at.size());
+    const std::vector<std::function<void()>> needing{
+        [&] { (void)fresh.range("density"); },
+        [&] { (void)fresh.contour("density", 3.3); },
+        [&] { (void)at.sample("density"); },
+        [&] { (void)at.sample("gradient(density)"); },
+        [&] { (void)fresh.slice(Plane::z(0.6), {"vorticity(velocity)"}); },
+        [&] { (void)fresh.boundary({"density"}); },
+        [&] {
+            (void)fresh.resample({9, 9, 9}, {{-2, -2, 0}, {2, 2, 1}}, {"density"});
+        },
+        [&] { fresh.write(folder / "fresh.vtm"); },
+    };
+    testing::internal::CaptureStderr();
+    for (std::size_t n = 0; n < needing.size(); ++n) {
+        const std::string error = errorOf(needing[n]);
+        EXPECT_TRUE(has(error, "late.q")) << n << ": " << error;
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_FALSE(std::filesystem::exists(folder / "fresh.vtm"));
+    EXPECT_GT(read.atTime(2.5).range("density").greatest, 3.0);
+    EXPECT_FALSE(fresh.slice(Plane::z(0.6)).isEmpty());
+}
+
+// ---- Real data ------------------------------------------------------------------------------------------------------
+
+TEST(DataSetTest, TheBluntFinInTurnedBlocksIsTheBluntFin) {
+    const BlockPtr block = bluntFin(VANTLE_TEST_DATA);
+    if (!block) GTEST_SKIP() << "no folder of real data";
+    std::mt19937_64 random(12);
+    CutGrid cut(*block, turned(cutAtPlanes(block->Size(), {{{20}, {16}, {16}}}), random));
+    cut.setField("density", *bluntFinDensity(VANTLE_TEST_DATA));
+    const DataSet flow(cut.grid);
+    ASSERT_EQ(flow.blocks().size(), 8U);
+    const Surface shock = flow.contour("density", 2.0);
+    // One block whose own faces are not joined has 1783 and 214: on the plate two rows of vertices are the same.
+    EXPECT_EQ(shock.points().size(), 1782U);
+    EXPECT_EQ(shock.borderEdges(), 213U);
+
+    DataSet whole;
+    whole.addBlock("fin", block);
+    whole.setField("density", "fin", bluntFinDensity(VANTLE_TEST_DATA));
+    EXPECT_EQ(whole.contour("density", 2.0).points().size(), shock.points().size());
+    EXPECT_EQ(whole.bounds().high, flow.bounds().high);
+    const Box box{{-1, 0.1, 0.1}, {3, 3, 2}};
+    const DataSet one = whole.resample({40, 30, 20}, box, {"density"}),
+                  other = flow.resample({40, 30, 20}, box, {"density"});
+    const auto a = Hestra::dynamicCast<MemArray<3, double>>(one.array("density", "image"));
+    const auto b = Hestra::dynamicCast<MemArray<3, double>>(other.array("density", "image"));
+    std::size_t inside = 0;
+    for (index_t n = 0; n < a->nElements(); ++n) {
+        ASSERT_EQ(std::isnan(a->element(n)), std::isnan(b->element(n)));
+        if (std::isnan(a->element(n))) continue;
+        ASSERT_NEAR(a->element(n), b->element(n), 1e-9);
+        ++inside;
+    }
+    EXPECT_GT(inside, 5000U);
+}
+
+} // namespace
