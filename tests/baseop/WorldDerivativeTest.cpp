@@ -403,7 +403,7 @@ TEST(WorldDerivativeTest, PositionsAndVectorsInSinglePrecisionAreThoseNumbers) {
     const auto points =
         fieldOn(*ring, [](const Point& p) { return FloatPoint(float(p[0]), float(p[1]), float(p[2])); });
     const auto vectors =
-        fieldOn(*ring, [](const Point& p) { return FloatVector(float(p[0] * p[1]), float(p[0] * p[2]), 0.5F); });
+        fieldOn(*ring, [](const Point& p) { return FloatVector(float(p[0] * p[0]), float(p[0] * p[2]), 0.5F); });
     const auto both = [&](const StrongPtr<MemBase>& positions, const StrongPtr<MemBase>& values) {
         Scene scene;
         const auto id = scene.blocks.addBlock("ring", positions);
