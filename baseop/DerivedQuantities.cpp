@@ -35,10 +35,14 @@ StrongPtr<Field> deriveField(const StrongPtr<Field>& source, const StrongPtr<Hes
                              const Derive& derive) {
     if (!source) return nullptr;
     const WeakPtr<const Field> weak(*source);
+    const auto deriveDoubles = [derive](const StrongPtr<MemBase>& data, const WeakPtr<CreativeArrayBase>& creator) {
+        const StrongPtr<MemBase> converted = data ? convertToDoublePrecision(*data) : nullptr;
+        return derive(converted ? converted : data, creator);
+    };
     const StrongPtr<Field> result = Hestra::makeRef<DerivedField>(weak, source->getFragmentIDCollection());
     source->iterate(
         [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-            result->setCreator(Hestra::makeRef<DerivedArray>(DerivedArray::Source(creator, weak, id), derive,
+            result->setCreator(Hestra::makeRef<DerivedArray>(DerivedArray::Source(creator, weak, id), deriveDoubles,
                                                              VantleTypeIndex(typeid(R)), getSize(*creator), cache),
                                id);
             return true;
@@ -91,6 +95,7 @@ StrongPtr<Field> makePlaneDistance(const StrongPtr<Field>& positions, const Phys
     const PhysicalSpace::vector unit = normal * (1.0 / norm);
     return deriveField<double>(positions, cache, [origin, unit](const StrongPtr<MemBase>& data, const auto& creator) {
         StrongPtr<MemBase> made;
+        const detail::FragmentCoordinates coordinates(data);
         const auto distance = [&](const PhysicalSpace::point& p) { return dot(p - origin, unit); };
         std::visit(
             [&](const auto& points) {
@@ -107,7 +112,7 @@ StrongPtr<Field> makePlaneDistance(const StrongPtr<Field>& positions, const Phys
                         });
                 }
             },
-            detail::FragmentCoordinates(data).kind);
+            coordinates.kind);
         return made;
     });
 }
