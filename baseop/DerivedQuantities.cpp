@@ -3,6 +3,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/orvix/Quadratic.hpp>
 #include <model/vantle/Derived.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <cmath>
@@ -35,14 +36,14 @@ StrongPtr<Field> deriveField(const StrongPtr<Field>& source, const StrongPtr<Hes
                              const Derive& derive) {
     if (!source) return nullptr;
     const WeakPtr<const Field> weak(*source);
-    const auto deriveDoubles = [derive](const StrongPtr<MemBase>& data, const WeakPtr<CreativeArrayBase>& creator) {
-        const StrongPtr<MemBase> converted = data ? convertToDoublePrecision(*data) : nullptr;
+    const auto fromDoubles = [derive](const StrongPtr<MemBase>& data, const WeakPtr<CreativeArrayBase>& creator) {
+        const StrongPtr<MemBase> converted = convertToDoublePrecision(*data);
         return derive(converted ? converted : data, creator);
     };
     const StrongPtr<Field> result = Hestra::makeRef<DerivedField>(weak, source->getFragmentIDCollection());
     source->iterate(
         [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-            result->setCreator(Hestra::makeRef<DerivedArray>(DerivedArray::Source(creator, weak, id), deriveDoubles,
+            result->setCreator(Hestra::makeRef<DerivedArray>(DerivedArray::Source(creator, weak, id), fromDoubles,
                                                              VantleTypeIndex(typeid(R)), getSize(*creator), cache),
                                id);
             return true;

@@ -3,6 +3,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/orvix/Quadratic.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <algorithm>
@@ -133,7 +134,7 @@ LocatedPositions::LocatedPositions(const LocalFromWorldPoint& locator, std::span
 
 int LocatedPositions::components(const VantleTypeIndex& elementType) noexcept {
     int result = 0;
-    withType(Elements(), elementType,
+    withType(Elements(), inDoublePrecision(elementType),
              [&]<class T>(TypeList<T>) { result = std::is_arithmetic_v<T> ? 1 : ElementTraits<T>::components; });
     return result;
 }
@@ -160,7 +161,7 @@ void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<Frag
                 const StrongPtr<CreativeArrayBase> creator = field.getCreator(fragments[n]);
                 if (!creator) continue;
                 const bool isThere = creator->hasData();
-                arrays.back() = creator->getData();
+                arrays.back() = getDataInDoublePrecision(*creator);
                 if (!arrays.back())
                     throw std::invalid_argument("the data of fragment \"" + FragmentID::Name(fragments[n], {}) +
                                                 "\" cannot be made");

@@ -3,6 +3,7 @@
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/location/Tiling.hpp>
 #include <dataset/detail/DataSetState.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -39,16 +40,17 @@ StrongPtr<Field> copyOf(const StrongPtr<Field>& field, const StrongPtr<FragmentI
 }
 
 BlockKind kindOf(const StrongPtr<MemBase>& positions) {
-    return std::visit(detail::Overloaded{[](const detail::UniformCoordinates*) { return BlockKind::Uniform; },
-                                         [](const detail::RectilinearCoordinates*) { return BlockKind::Rectilinear; },
-                                         [](detail::CurvilinearCoordinates*) { return BlockKind::Curvilinear; },
-                                         [](const auto&) { return BlockKind::Other; }},
-                      detail::FragmentCoordinates(positions).kind);
+    const MemBase* const array = positions.rawptr();
+    if (!array || array->rank() != 3 || !(inDoublePrecision(array->elementIndex()) == VantleTypeIndex(typeid(Point))))
+        return BlockKind::Other;
+    return dynamic_cast<const detail::UniformCoordinates*>(array)       ? BlockKind::Uniform
+           : dynamic_cast<const detail::RectilinearCoordinates*>(array) ? BlockKind::Rectilinear
+                                                                        : BlockKind::Curvilinear;
 }
 
 BlockKind kindOf(CreativeArrayBase& positions) {
-    const VantleTypeIndex type = positions.elementType();
-    if (!positions.hasData() && type == VantleTypeIndex(typeid(Point))) return BlockKind::Curvilinear;
+    if (!positions.hasData() && inDoublePrecision(positions.elementType()) == VantleTypeIndex(typeid(Point)))
+        return BlockKind::Curvilinear;
     return kindOf(positions.getData());
 }
 
@@ -141,7 +143,7 @@ MultiIndex<3> DataSet::sizeOf(const std::string& block) const { return step().bl
 DataSet::Step& DataSet::ownStep() { return *myState->find(myTime); }
 
 void DataSet::addBlock(const std::string& name, const StrongPtr<MemBase>& positions) {
-    if (!positions || kindOf(positions) == BlockKind::Other || positions->rank() != 3)
+    if (kindOf(positions) == BlockKind::Other)
         throw DataSetError("block " + quoted(name) + ": the positions are no points with three indices");
     addBlock(name, creatorOf(positions));
 }
@@ -337,7 +339,7 @@ std::vector<FieldInfo> DataSet::fields() const {
 std::vector<Point> DataSet::positions(const std::string& block) const {
     return detail::request("positions of block " + quoted(block), [&] {
         const DataSetBlock at = step().block(block);
-        const StrongPtr<MemBase> data = step().data(PositionsName, *step().positions(), at);
+        (void)step().data(PositionsName, *step().positions(), at);
         std::vector<Point> all;
         std::visit(
             [&](const auto& points) {
@@ -350,7 +352,7 @@ std::vector<Point> DataSet::positions(const std::string& block) const {
                         while (n.advance(size));
                 }
             },
-            detail::FragmentCoordinates(data).kind);
+            detail::FragmentCoordinates(at.positions).kind);
         return all;
     });
 }

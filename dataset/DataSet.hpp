@@ -115,9 +115,9 @@ public:
     ///          later: FileError from what needs it, while data that were read stay what they are.
     [[nodiscard]] static DataSet read(const std::vector<std::filesystem::path>& files, const ReadOptions& options = {});
 
-    /// Adds a block. `positions` are points with three indices (`MemArray<3, Point>`, adopted memory included), a
-    /// `UniformCartesianArray`, or another direct product; they are shared.
-    /// Failure  DataSetError for a name that is taken, and for other arrays.
+    /// Adds a block. `positions` are points with three indices (`MemArray<3, Point>`, or `FloatPoint`; adopted memory,
+    /// too), a `UniformCartesianArray`, or another direct product; they are shared. Failure  DataSetError for a name
+    /// that is taken, and for other arrays.
     void addBlock(const std::string& name, const Hestra::StrongPtr<MemBase>& positions);
     /// The same with positions that are made when they are needed.
     void addBlock(const std::string& name, const Hestra::StrongPtr<CreativeArrayBase>& positions);

@@ -1,5 +1,6 @@
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/Derived.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/Grid.hpp>
 #include <model/vantle/MemArray.hpp>
 
@@ -291,8 +292,9 @@ BlankingInput::age_t BlankingInput::age() const noexcept {
 namespace {
 
 using Numbers = TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long>;
-using NumbersAndPlaces = TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int,
-                                  unsigned long long, Orvix::PhysicalSpace::point, Orvix::PhysicalSpace::vector>;
+using NumbersAndPlaces =
+    TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long,
+             Orvix::PhysicalSpace::point, Orvix::PhysicalSpace::vector, FloatPoint, FloatVector>;
 
 /// A field over the fragments of `values`, 1 where `isValid` says so, of elements that are one of these types, and
 /// where the vertex mask of `within` agrees, if there is one.

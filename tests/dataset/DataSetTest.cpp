@@ -2,14 +2,18 @@
 #include "support/Plot3DFile.hpp"
 #include "support/RoughBlocks.hpp"
 
-#include <baseop/GridEvaluator.hpp>
 #include <dataset/DataSet.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
+#include <atomic>
 #include <bit>
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <thread>
+#include <unistd.h>
 
 // Whole requests, as people make them, on blocks that are turned and flipped, and one time on real data. What the
 // operations underneath prove is not proved here again.
@@ -398,6 +402,44 @@ TEST(DataSetTest, DerivesFieldsAcrossJoinedBlocks) {
     changed.setField("plane", [](const Point& p) { return 2 * p[0]; });
     EXPECT_NEAR(changed.range("magnitude(gradient(plane))").greatest, 2.0, 1e-10);
     EXPECT_NEAR(flow.range("magnitude(gradient(plane))").greatest, std::sqrt(13.25), 1e-10);
+}
+
+// What most files have: points and vectors in single precision, and scalars.
+TEST(DataSetTest, TakesSinglePrecisionEverywhere) {
+    const DataSet ready = ring(11);
+    DataSet flow;
+    for (const auto& block : ready.blocks()) {
+        const auto points = MemArray<3, Vantle::FloatPoint>::create(block.size);
+        const auto velocity = MemArray<3, Vantle::FloatVector>::create(block.size);
+        std::vector<float> values;
+        index_t n = 0;
+        for (const Point& p : ready.positions(block.name)) {
+            for (int d = 0; d < 3; ++d) points->element(n)[d] = static_cast<float>(p[d]);
+            for (int d = 0; d < 3; ++d) velocity->element(n)[d] = static_cast<float>(swirl(p)[d]);
+            values.push_back(static_cast<float>(wave(p)));
+            ++n;
+        }
+        flow.addBlock(block.name, points);
+        flow.setField("wave", block.name, values);
+        flow.setField("velocity", block.name, velocity);
+    }
+    EXPECT_EQ(flow.blocks().front().kind, Vantle::BlockKind::Curvilinear);
+    EXPECT_EQ(flow.joins()->joins().size(), ready.joins()->joins().size());
+    const Surface one = flow.contour("wave", 0.3, {.values = {"velocity"}, .normals = true});
+    EXPECT_EQ(one.triangles().size(), ready.contour("wave", 0.3).triangles().size());
+    for (std::size_t k = 0; k < one.points().size(); ++k)
+        ASSERT_LT(length(one.values("velocity").vector(k) - swirl(one.points()[k])), 1e-5);
+    EXPECT_EQ(flow.slice(Plane::z(0.33)).triangles().size(), ready.slice(Plane::z(0.33)).triangles().size());
+    EXPECT_TRUE(flow.boundary({"velocity"}).isClosed());
+    const auto positions = positionsIn(flow, 30, 2);
+    const auto at = flow.locate(positions);
+    const auto speed = at.sample("magnitude(velocity)"), curl = at.sample("vorticity(velocity)");
+    EXPECT_EQ(at.found(), positions.size());
+    for (std::size_t k = 0; k < positions.size(); ++k) {
+        EXPECT_NEAR(speed[k], length(swirl(positions[k])), 0.02); // of chords of arcs
+        EXPECT_NEAR(curl.vector(k)[2], 3.0, 1e-3);
+    }
+    EXPECT_LT(flow.threshold("magnitude(velocity)", 2.0).locate(positions).found(), positions.size());
 }
 
 // ---- Cancelling, budgets, threads, silence --------------------------------------------------------------------------
