@@ -5,7 +5,7 @@
 /// Blocks are the fragments of a field of positions with coordinates of rank 3, numbered in its order from 0; fragments
 /// of other kinds count, and have no faces. Two faces are joined where their vertices coincide, cell by cell, in any of
 /// the eight orientations: face against face, part against part, a face against another one of the same block (O- and
-/// C-grids). Vertices of one face may coincide as well: it is collapsed to a line or a point there (poles). Quads of
+/// C-grids). All vertices of a face along an axis may coincide: it is collapsed to a line or a point (poles). Quads of
 /// faces that are blanked take no part.
 ///
 /// Coincidence  of coordinates: equal (-0 equals 0, NaN and infinities equal nothing), or within a tolerance.
@@ -14,8 +14,10 @@
 /// Doubtful     faces whose vertices coincide only here and there, or with another spacing, that more than two blocks
 ///              have, or whose blocks lie on top of one another: reported, and not joined there. Faces that have an
 ///              edge or a vertex in common touch: no join, no doubt.
-/// Owner        of vertices that are one, by joins or by collapsed quads: the lowest (block, index). What a vertex is,
-///              position and values, its owner's copy says, wherever copies differ.
+/// Owner        of vertices that are one, by joins or because their face is collapsed: the lowest (block, index). What
+/// a
+///              vertex is, position and values, its owner's copy says, wherever copies differ. Where only some cells of
+///              a face have no thickness, its vertices stay apart.
 /// Periodic     pairs of faces that coincide after a motion are known as such: stencils cross them; they have no
 ///              common owner and nothing is merged.
 

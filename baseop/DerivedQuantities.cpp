@@ -96,8 +96,8 @@ StrongPtr<Field> makePlaneDistance(const StrongPtr<Field>& positions, const Phys
     const PhysicalSpace::vector unit = normal * (1.0 / norm);
     return deriveField<double>(positions, cache, [origin, unit](const StrongPtr<MemBase>& data, const auto& creator) {
         StrongPtr<MemBase> made;
-        const auto distance = [&](const PhysicalSpace::point& p) { return dot(p - origin, unit); };
         const detail::FragmentCoordinates coordinates(data);
+        const auto distance = [&](const PhysicalSpace::point& p) { return dot(p - origin, unit); };
         if (const auto* const points = coordinates.curvilinear())
             made = fill<double>(points->Size(), creator, [&](index_t n) { return distance(points->element(n)); });
         coordinates.visitProducts([&](const auto& product) {

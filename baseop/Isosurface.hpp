@@ -363,8 +363,8 @@ VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeIsosurface(double level, const 
                                                             double parameter, const SurfaceOptions& options);
 
 /// Values of a field at the vertices of a surface of its grid: f(lower) + weight * (f(upper) - f(lower)) on the edge of
-/// each, which is exact where the field is linear along the edge. An array of rank 1: double for scalars of any type,
-/// vectors and points as they are. The field of positions gives the vertices themselves.
+/// each, which is exact where the field is linear along the edge. An array of rank 1, in double precision: scalars of
+/// any type, vectors or points. The field of positions gives the vertices themselves.
 ///
 /// Joined      owners' values, as the surface has, computed from the end with the lower owner.
 /// Degenerate  NaN on fragments where the field has no data. Null when the surface was not made with `keepEdges`, or

@@ -1,6 +1,6 @@
 #include <baseop/PartialDerivative.hpp>
 #include <baseop/detail/BesideBlanked.hpp>
-#include <baseop/detail/ParallelLoop.hpp>
+#include <baseop/detail/RowResult.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Derived.hpp>
 #include <model/vantle/DoublePrecision.hpp>
@@ -24,9 +24,6 @@ using Orvix::PhysicalSpace;
 // ------------------------------------------------------------------------------------------------------------ kernels
 
 namespace {
-
-/// Bytes of the result that are made at a time: they are filled while they are still in a core's own cache.
-constexpr index_t BlockBytes = index_t{128} << 10;
 
 /// The two nodes whose difference is the derivative at node `m` of an axis, and the factor: 1.0 changes no bit.
 struct Stencil {
@@ -110,21 +107,15 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
     const Hestra::Profiler scope("baseop/PartialDerivative", __LINE__, "Derivative::compute(array)",
                                  __PRETTY_FUNCTION__);
     const MultiIndex<3> size = source.Size();
-    const Ref<Hestra::TypedChunk<Result>> chunk = Hestra::makeRef<Hestra::TypedChunk<Result>>();
-    std::vector<Result>& result = chunk->base_vector();
     const index_t nodes = source.nElements();
-    if (nodes == 0) return MemArray<3, Result>::makeMemArray(chunk, size);
-    if (nodes > result.max_size()) throw std::length_error("derivative: too many elements");
-    Hestra::reserveLargeArray(result, static_cast<std::size_t>(nodes));
+    if (nodes == 0) return MemArray<3, Result>::create(size);
 
     const S* const elements = source.storage();
     const index_t step = source.stride();
     // Across an axis with one node this row is subtracted from itself, which also does for infinite elements.
     const std::vector<S> zeros(size[1] > 1 && size[2] > 1 ? 0 : static_cast<std::size_t>((size[0] - 1) * step + 1));
-    Result* const target = result.data();
-
     const auto rowAt = [&](index_t j, index_t k) { return elements + (k * size[1] + j) * size[0] * step; };
-    const auto fillRow = [&](index_t r) {
+    const auto fillRow = [&](Result* target, index_t r) {
         const index_t j = r % size[1], k = r / size[1];
         RowPair<S> axis1{zeros.data(), zeros.data(), 1.0}, axis2 = axis1;
         if (const Stencil at(j, size[1]); size[1] > 1) axis1 = {rowAt(at.low, k), rowAt(at.high, k), at.factor};
@@ -136,27 +127,10 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
         if (mask) deriveBesideBlanked(target + r * size[0], rowAt(j, k), size, j, k, step, *mask);
     };
 
-    // Making all elements before filling them would send the result through memory twice. So each thread makes the next
-    // block, one after the other, and fills it while others make and fill theirs. There is room: nothing moves.
-    const index_t rows = size[1] * size[2];
-    const index_t blockRows = std::max<index_t>(1, BlockBytes / (size[0] * sizeof(Result)));
-    index_t madeRows = 0;
-    const auto threads =
-        static_cast<int>(detail::teamFor(static_cast<std::size_t>(nodes) * (sizeof(S) + sizeof(Result))));
-#pragma omp parallel default(shared) num_threads(threads) if (threads > 1)
-    for (;;) {
-        index_t begin, end;
-#pragma omp critical(VantlePartialDerivativeBlock)
-        {
-            begin = madeRows;
-            end = madeRows = std::min(rows, begin + blockRows);
-            result.resize(static_cast<std::size_t>(end * size[0]));
-        }
-        if (begin == end) break;
-        Hestra::populateLargeArrayAhead(target + begin * size[0], target + end * size[0], target + nodes);
-        for (index_t r = begin; r < end; ++r) fillRow(r);
-    }
-    return MemArray<3, Result>::makeMemArray(chunk, size);
+    return detail::makeByRows<Result>(size, static_cast<std::size_t>(nodes) * (sizeof(S) + sizeof(Result)),
+                                      [&](Result* target, index_t begin, index_t end) {
+                                          for (index_t r = begin; r < end; ++r) fillRow(target, r);
+                                      });
 }
 
 template struct Derivative<PhysicalSpace::vector>;

@@ -5,6 +5,7 @@
 #include <baseop/detail/WorldStencil.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Derived.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/Representation.hpp>
 
 #include <algorithm>
@@ -759,9 +760,13 @@ StrongPtr<CreativeArrayBase> derivativeOf(const std::shared_ptr<const Inputs>& i
 StrongPtr<MemBase> WorldDerivative(const StrongPtr<MemBase>& values, const StrongPtr<MemBase>& positions,
                                    const BlockMask* mask) {
     const Hestra::Profiler scope("baseop/WorldDerivative", __LINE__, "WorldDerivative(arrays)", __PRETTY_FUNCTION__);
+    const auto wide = [](const StrongPtr<MemBase>& data) {
+        const StrongPtr<MemBase> converted = data ? convertToDoublePrecision(*data) : nullptr;
+        return converted ? converted : data;
+    };
     StrongPtr<MemBase> made;
-    withMemArray<3>(DerivableTypes(), values, [&](const auto& array) {
-        if (positions) made = deriveBlock(array, BlockPositions(positions), mask, false);
+    withMemArray<3>(DerivableTypes(), wide(values), [&](const auto& array) {
+        if (positions) made = deriveBlock(array, BlockPositions(wide(positions)), mask, false);
     });
     return made;
 }

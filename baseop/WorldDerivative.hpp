@@ -42,9 +42,8 @@ struct VANTLE_BASEOP_API WorldDerivativeOptions {
     JoinOptions joins;
 };
 
-/// A new array with the derivative of one block: `MemArray<3, double>` and `MemArray<3, float>` give `MemArray<3,
-/// PhysicalSpace::vector>`, `MemArray<3, PhysicalSpace::vector>` gives `MemArray<3, Quadratic<3, double>>`. Null for
-/// everything else.
+/// A new array with the derivative of one block: numbers, `double` or `float`, give `MemArray<3,
+/// PhysicalSpace::vector>`, vectors in either precision `MemArray<3, Quadratic<3, double>>`. Null for everything else.
 ///
 /// @param positions  of the vertices, with the same extents: curvilinear, rectilinear or uniform.
 /// @param mask       what is valid, with the same extents; null where everything is.

@@ -92,9 +92,9 @@ void cutGrid(Plot3DGrid& grid, Plot3DSolution* solution, std::size_t count) {
         if (whole.blanking) blocks.back().blanking = turned.of(*whole.blanking);
         if (!solution) continue;
         const Plot3DSolutionBlock& flow = solution->blocks[piece.block];
-        solutions.push_back({turned.extents, flow.mach, flow.alpha, flow.reynolds, flow.time, {}});
+        solutions.push_back({flow.time, {}});
         for (std::size_t f = 0; f < flow.fields.size(); ++f)
-            solutions.back().fields[f] = {flow.fields[f].name, turned.of(flow.fields[f].values)};
+            solutions.back().fields[f].values = turned.of(flow.fields[f].values);
     }
     grid.blocks = std::move(blocks);
     if (solution) solution->blocks = std::move(solutions);

@@ -2,7 +2,7 @@
 
 /// A PLOT3D data set in more blocks, as another program might have written it.
 
-#include "io/Plot3D.hpp"
+#include "Plot3DBlocks.hpp"
 
 namespace tour {
 

@@ -3,13 +3,11 @@
 #include "support/RoughBlocks.hpp"
 #include "support/Surfaces.hpp"
 
-#include <baseop/EvalGrid.hpp>
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/LocalFromWorldPoint.hpp>
 #include <baseop/PartialDerivative.hpp>
-#include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/ValidData.hpp>
 #include <model/hestra/Console.hpp>
@@ -69,11 +67,6 @@ struct MaskedScene : Scene {
           mask(new BlockMask(block->Size(), vertexMask.rawptr(), cellMask.rawptr())) {
         if (vertexMask) blocks.setField(VertexMaskName, vertexMask, id);
         if (cellMask) blocks.setField(CellMaskName, cellMask, id);
-    }
-    [[nodiscard]] LocalFromWorldPoint locator(CellLocator kind) const {
-        LocatorOptions options;
-        options.cellLocator = kind;
-        return LocalFromWorldPoint(slice, grid, PositionsName, options);
     }
 };
 

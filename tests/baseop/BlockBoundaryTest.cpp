@@ -52,7 +52,7 @@ Scene sceneOf(const BlockPtr& block) {
 TEST(BlockBoundaryTest, OfCutAndTurnedBlocksIsThatOfTheUncutOne) {
     std::mt19937_64 random(21);
     for (const Shape& shape : shapes())
-        for (const std::size_t count : {1, 2, 5, 12}) {
+        for (const std::size_t count : {1U, 2U, 5U, 12U}) {
             const Place n(9, 8, 10);
             const BlockPtr uncut = makeBlock(shape, n);
             const Hull whole(sceneOf(uncut));
@@ -119,8 +119,8 @@ TEST(BlockBoundaryTest, BlankedCellsAreOutside) {
                                       },
                                       true},
                                      size);
-    for (const std::size_t count : {1, 6})
-        for (const unsigned part : {0, 5, 1000}) {
+    for (const std::size_t count : {1U, 6U})
+        for (const unsigned part : {0U, 5U, 1000U}) {
             const auto vertexMask = MemArray<3, unsigned char>::create(size);
             for (index_t n = 0; n < uncut->nElements(); ++n) vertexMask->element(n) = random() % 100 >= part;
             CutGrid cut(*uncut, turned(bisect(size, count, random), random));

@@ -97,7 +97,7 @@ TEST_P(LocateInShapes, PositionsOnJoinedFacesBelongToTheLowestFragment) {
     const auto uncut = support::makeBlock(GetParam(), {9, 8, 10});
     const auto wave = support::fieldOn(*uncut, support::wave);
     int answers = 0, byStep = 0;
-    for (const std::size_t count : {2, 5, 12}) {
+    for (const std::size_t count : {2U, 5U, 12U}) {
         support::CutGrid cut(*uncut, support::turned(support::bisect(uncut->Size(), count, random), random));
         cut.setField("wave", *wave);
         std::vector<std::unique_ptr<LocalFromWorldPoint>> locators;

@@ -3,6 +3,7 @@
 
 #include <baseop/WorldDerivative.hpp>
 #include <model/hestra/Cache.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <gtest/gtest.h>
 #include <limits>
@@ -221,7 +222,7 @@ void expectUncut(CutGrid& cut, const Block& uncut, const Array<T>& values, const
 TEST(WorldDerivativeTest, OfCutAndTurnedBlocksIsThatOfTheUncutOne) {
     std::mt19937_64 random(11);
     for (const Shape& shape : shapes())
-        for (const std::size_t count : {2, 5, 12}) {
+        for (const std::size_t count : {2U, 5U, 12U}) {
             const BlockPtr uncut = makeBlock(shape, {9, 8, 10});
             CutGrid cut(*uncut, turned(bisect(uncut->Size(), count, random), random));
             const auto noise = noiseOn(*uncut, static_cast<unsigned>(random()));
@@ -239,7 +240,7 @@ TEST(WorldDerivativeTest, JoinedBlocksKeepToWhatIsValid) {
     std::mt19937_64 random(15);
     const BlockPtr uncut = makeBlock(shapes()[2], {11, 6, 7});
     const auto values = fieldOn(*uncut, wave);
-    for (const index_t last : {3, 4, 5, 3, 3, 3}) {
+    for (const index_t last : {3U, 4U, 5U, 3U, 3U, 3U}) {
         CutGrid cut(*uncut, turned(cutAtPlanes(uncut->Size(), {{{3, 6, 8}, {}, {}}}), random));
         const auto mask = MemArray<3, int>::create(uncut->Size()); // of the second layer of blocks, or of a part of it
         Place at;
@@ -330,7 +331,7 @@ TEST(WorldDerivativeTest, BlocksThatMeetThemselves) {
 TEST(WorldDerivativeTest, PolesHaveDerivatives) {
     for (const double inner : {0.0, 0.5}) {
         double error[2];
-        for (const index_t refined : {1, 2}) {
+        for (const index_t refined : {1U, 2U}) {
             const BlockPtr ball = sphere(inner, {4 * refined + 1, 8 * refined + 1, 16 * refined + 1});
             Scene scene;
             const auto id = scene.blocks.addBlock("ball", ball);
@@ -365,7 +366,9 @@ TEST(WorldDerivativeTest, PolesHaveDerivatives) {
 
 // The first and the last vertices of a periodic block are inside of three such blocks in a row.
 TEST(WorldDerivativeTest, CrossesPeriodicPairs) {
-    for (const auto& [block, motion] : {periodicSlab(), periodicSector()}) {
+    for (const PeriodicBlock& periodic : {periodicSlab(), periodicSector()}) {
+        const BlockPtr& block = periodic.block;
+        const RigidMotion& motion = periodic.motion;
         const index_t n = block->Size()[0] - 1;
         const auto field = fieldOn(*block, swirl); // any values, if the last are the first, moved
         for (index_t k = 0; k < block->Size()[2]; ++k)
@@ -393,6 +396,29 @@ TEST(WorldDerivativeTest, CrossesPeriodicPairs) {
         const auto alone = derived<Tensor>(field, block);
         EXPECT_FALSE(isNear((*found)(n, 2, 2), (*alone)(n, 2, 2), largest(*whole)));
     }
+}
+
+TEST(WorldDerivativeTest, PositionsAndVectorsInSinglePrecisionAreThoseNumbers) {
+    const BlockPtr ring = oGrid();
+    const auto points =
+        fieldOn(*ring, [](const Point& p) { return FloatPoint(float(p[0]), float(p[1]), float(p[2])); });
+    const auto vectors =
+        fieldOn(*ring, [](const Point& p) { return FloatVector(float(p[0] * p[0]), float(p[0] * p[2]), 0.5F); });
+    const auto both = [&](const StrongPtr<MemBase>& positions, const StrongPtr<MemBase>& values) {
+        Scene scene;
+        const auto id = scene.blocks.addBlock("ring", positions);
+        scene.blocks.setField("values", values, id);
+        return std::pair(cast<Tensor>(derive(scene, "values")->getData(id)),
+                         cast<Tensor>(WorldDerivative(values, positions)));
+    };
+    const auto [joined, alone] = both(points, vectors);
+    const auto [wideJoined, wideAlone] = both(convertToDoublePrecision(*points), convertToDoublePrecision(*vectors));
+    ASSERT_TRUE(joined && alone && wideJoined && wideAlone);
+    for (index_t n = 0; n < ring->nElements(); ++n) {
+        EXPECT_TRUE(std::equal(joined->element(n).begin(), joined->element(n).end(), wideJoined->element(n).begin()));
+        EXPECT_TRUE(std::equal(alone->element(n).begin(), alone->element(n).end(), wideAlone->element(n).begin()));
+    }
+    EXPECT_NE(elementText(joined->element(0)), elementText(alone->element(0)));
 }
 
 TEST(WorldDerivativeTest, FollowsValuesAndPositionsOfAllBlocks) {

@@ -97,9 +97,9 @@ void FaceMatcher::classify(const VertexClasses& classes) {
             const std::uint32_t last = face.first + face.nu * face.nv;
             for (std::uint32_t slot = face.first; slot < last; ++slot)
                 myClassOf[slot] = classes[myShells.vertexOf[slot]];
-            const auto pinch = [&](std::uint32_t a, std::uint32_t b) {
-                if (myClassOf[a] == myClassOf[b]) pinchesOf[f].emplace_back(myShells.vertexOf[a], myShells.vertexOf[b]);
-            };
+            // Whether the face is collapsed along an axis as a whole: some cells without thickness make no pole.
+            bool isCollapsed[2] = {true, true};
+            bool hasQuads = false;
             for (std::uint32_t b = 0; b + 1 < face.nv; ++b)
                 for (std::uint32_t a = 0; a + 1 < face.nu; ++a) {
                     const std::uint32_t slot = face.slot(a, b), above = slot + face.nu;
@@ -108,13 +108,13 @@ void FaceMatcher::classify(const VertexClasses& classes) {
                         continue;
                     }
                     const QuadShape shape = shapeOf(myClassOf.data(), slot, face.nu);
-                    if (shape.collapsed) {
-                        pinch(slot, slot + 1);
-                        pinch(slot, above);
-                        pinch(above + 1, slot + 1);
-                        pinch(above + 1, above);
-                        collapsedOf[f] += shape.collapsed > 1;
-                    }
+                    const auto isOne = [&](std::uint32_t from, std::uint32_t to) {
+                        return myClassOf[from] == myClassOf[to];
+                    };
+                    isCollapsed[0] = isCollapsed[0] && isOne(slot, slot + 1) && isOne(above, above + 1);
+                    isCollapsed[1] = isCollapsed[1] && isOne(slot, above) && isOne(slot + 1, above + 1);
+                    hasQuads = true;
+                    collapsedOf[f] += shape.collapsed > 1;
                     // Two quads have two vertices in common at most: where a face is folded, or two of a block meet.
                     if (shape.alone > 2) continue;
                     if (shape.isFlat)
@@ -123,6 +123,14 @@ void FaceMatcher::classify(const VertexClasses& classes) {
                         quadsOf[f].push_back({keyOf(sortedCorners(myClassOf.data(), slot, face.nu)), slot,
                                               static_cast<std::uint32_t>(f)});
                 }
+            const auto pinch = [&](std::uint32_t from, std::uint32_t to) {
+                if (myClassOf[from] == myClassOf[to])
+                    pinchesOf[f].emplace_back(myShells.vertexOf[from], myShells.vertexOf[to]);
+            };
+            for (std::uint32_t slot = face.first; hasQuads && slot < last; ++slot) {
+                if (isCollapsed[0] && (slot - face.first) % face.nu + 1 < face.nu) pinch(slot, slot + 1);
+                if (isCollapsed[1] && slot + face.nu < last) pinch(slot, slot + face.nu);
+            }
         }
     });
     myPinches = together(pinchesOf);

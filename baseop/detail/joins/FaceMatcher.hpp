@@ -54,7 +54,7 @@ struct FaceDoubt {
 /// Collapsed quads are joined where their neighbours are.
 class FaceMatcher {
 public:
-    /// Two vertices that are one because a quad is collapsed there.
+    /// Two vertices that are one because their face is collapsed.
     using Pinch = std::pair<std::uint32_t, std::uint32_t>;
     using Point = Shells::Point;
 

@@ -1,5 +1,6 @@
 #include <baseop/detail/surface/JoinedBlocks.hpp>
 #include <baseop/detail/surface/SurfaceEdges.hpp>
+#include <model/vantle/DoublePrecision.hpp>
 
 #include <limits>
 #include <stdexcept>
@@ -43,7 +44,7 @@ Hestra::StrongPtr<MemBase> SurfaceEdges::evaluate(const Field& field) const {
         const unsigned int block = joins ? joins->find(piece.fragment) : 0;
         const bool shares = joins && block < joins->blocks() && joins->isShared(block);
         const Hestra::StrongPtr<MemBase> data =
-            shares ? ownersData(*joins, field, block) : field.getData(piece.fragment);
+            shares ? ownersData(*joins, field, block) : getDataInDoublePrecision(field, piece.fragment);
         if (!data) continue;
         const bool known = withMemArray<3>(Elements(), data, [&]<class T>(const MemArray<3, T>& array) {
             using Value = ValueOf<T>;
