@@ -72,19 +72,24 @@ constexpr int Neighbours[9][3] = {{-1, 0, 0},  {0, -1, 0}, {-1, -1, 0}, {1, -1, 
 
 /// The edges, a bit each, that a cell shares with neighbours, a bit each.
 constexpr auto makeSharedEdges() {
-    std::array<std::uint16_t, 512> shared{};
-    for (unsigned neighbours = 0; neighbours < 512; ++neighbours)
-        for (unsigned n = 0; n < 9; ++n)
-            for (unsigned e = 0; e < 12; ++e) {
-                bool shares = (neighbours >> n & 1) != 0;
-                for (int axis = 0; axis < 3; ++axis) {
-                    const EdgeGeometry& edge = edgeGeometry[e];
-                    const int step = Neighbours[n][axis];
-                    const int across = axis == edge.axis ? 0 : CornerOffset[edge.lower][axis] == 0 ? -1 : 1;
-                    shares = shares && (step == 0 || step == across);
-                }
-                if (shares) shared[neighbours] = static_cast<std::uint16_t>(shared[neighbours] | 1U << e);
+    std::array<unsigned, 9> with{}; // one neighbour
+    for (std::size_t n = 0; n < 9; ++n)
+        for (unsigned e = 0; e < 12; ++e) {
+            const EdgeGeometry& edge = edgeGeometry[e];
+            bool shares = true;
+            for (int axis = 0; axis < 3; ++axis) {
+                const int step = Neighbours[n][axis];
+                const int across = axis == edge.axis ? 0 : CornerOffset[edge.lower][axis] == 0 ? -1 : 1;
+                shares = shares && (step == 0 || step == across);
             }
+            if (shares) with[n] |= 1U << e;
+        }
+    std::array<std::uint16_t, 512> shared{};
+    for (unsigned neighbours = 0; neighbours < 512; ++neighbours) {
+        unsigned edges = 0;
+        for (std::size_t n = 0; n < 9; ++n) edges |= (neighbours >> n & 1) != 0 ? with[n] : 0;
+        shared[neighbours] = static_cast<std::uint16_t>(edges);
+    }
     return shared;
 }
 constexpr std::array<std::uint16_t, 512> SharedEdges = makeSharedEdges();
