@@ -41,8 +41,8 @@ public:
     /// The fractional index there; NaN where there is no fragment.
     [[nodiscard]] std::span<const point> places() const noexcept { return {myPlaces.get(), mySize}; }
 
-    /// Number of components of a field's elements: 1 for numbers, 3 for vectors of either precision, 9 for tensors; 0 for all others, and
-    /// when that cannot be known.
+    /// Number of components of a field's elements: 1 for numbers, 3 for vectors of either precision, 9 for tensors; 0
+    /// for all others, and when that cannot be known.
     [[nodiscard]] static int components(const VantleTypeIndex& elementType) noexcept;
 
     /// The values of a field over the fragments of the locator, interpolated in double precision. Where there is no

@@ -27,7 +27,8 @@ int main() {
     flow.setField("pressure", [](const Vantle::Point& p) { return p[0] * p[1] + p[2]; });
 
     const Vantle::Surface surface = flow.contour("pressure", 0.5, {.values = {"pressure"}, .normals = true});
-    const Vantle::Samples values = flow.locate(std::vector<Vantle::Point>{{1.5, 0, 0.5}, {0, 0, 0.5}}).sample("pressure");
+    const Vantle::Samples values =
+        flow.locate(std::vector<Vantle::Point>{{1.5, 0, 0.5}, {0, 0, 0.5}}).sample("pressure");
     const Vantle::DataSet image = flow.resample({64, 64, 16}, flow.bounds(), {"pressure"});
     const Vantle::NumberRange steepness = flow.range(flow.magnitude(flow.gradient("pressure")));
 

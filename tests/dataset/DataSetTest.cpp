@@ -557,10 +557,9 @@ TEST(DataSetTest, KeepsToItsBudgetAndSaysWhatCannotBeMade) {
             },
             array->elementIndex(), array->getDynamicSize(), lazy.cache()));
     };
-    std::size_t bytes = 0, largest = 0;
+    std::size_t largest = 0;
     for (const auto& block : ready.blocks()) {
         const auto points = Block::makeMemArray(ready.positions(block.name), block.size);
-        bytes += points->memsize();
         largest = std::max(largest, points->memsize());
         lazy.addBlock(block.name, creator(points.strong()));
         for (const char* field : {"wave", "plane", "velocity"})
