@@ -81,17 +81,15 @@ struct ContourOptions {
 /// A value: copies share arrays, positions and what is derived from them, cost nothing, and are changed independently.
 /// It looks at one of its times, the first one unless `atTime` says otherwise; everything below is about that time.
 ///
-/// Names        of fields also understood, everywhere: "gradient(f)", "vorticity(f)", "divergence(f)", "qCriterion(f)"
-/// and
-///              "magnitude(f)" of a field f, which are derived when they are first needed, across joined blocks.
-/// Missing      a field may be missing in some blocks: there is no contour of it there, and no value. Derivatives need
-/// it
-///              everywhere.
+/// Names        of fields also understood, everywhere: "gradient(f)", "vorticity(f)", "divergence(f)",
+///              "qCriterion(f)" and "magnitude(f)" of a field f, which are derived when they are first needed, across
+///              joined blocks.
+/// Missing      a field may be missing in some blocks: there is no contour of it there, and no value. Derivatives
+///              need it everywhere.
 /// Failure      DataSetError, or FileError from data that are read from files; what fails, and what is cancelled, has
 ///              changed nothing. A name that is unknown is answered with those that there are, the nearest first.
 /// Concurrency  const members from any number of threads, of one object and of copies of it. Members that change it
-/// need
-///              it for themselves, but not its copies. Everything uses all cores.
+///              need it for themselves, but not its copies. Everything uses all cores.
 /// Messages     none.
 class VANTLE_DATASET_API DataSet {
 public:
@@ -111,13 +109,12 @@ public:
     ///
     /// Several solutions are as many times, those that they say; functions belong to the solution before them.
     /// Failure  FileError; DataSetError for no files, and for two solutions of one time. A file that changes or goes
-    /// away
-    ///          later: FileError from what needs it, while data that were read stay what they are.
+    ///          away later: FileError from what needs it, while data that were read stay what they are.
     [[nodiscard]] static DataSet read(const std::vector<std::filesystem::path>& files, const ReadOptions& options = {});
 
     /// Adds a block. `positions` are points with three indices (`MemArray<3, Point>`, or `FloatPoint`; adopted memory,
-    /// too), a `UniformCartesianArray`, or another direct product; they are shared. Failure  DataSetError for a name
-    /// that is taken, and for other arrays.
+    /// too), a `UniformCartesianArray`, or another direct product; they are shared.
+    /// Failure  DataSetError for a name that is taken, and for other arrays.
     void addBlock(const std::string& name, const Hestra::StrongPtr<MemBase>& positions);
     /// The same with positions that are made when they are needed.
     void addBlock(const std::string& name, const Hestra::StrongPtr<CreativeArrayBase>& positions);
@@ -130,8 +127,8 @@ public:
                              std::vector<double> z);
 
     /// Sets the values of a field at the vertices of a block: numbers or vectors, with the extents of the block. They
-    /// are shared. A field that there is gets these values here, and keeps those of other blocks. Failure  DataSetError
-    /// for an unknown block, other extents, other elements than elsewhere in the field, and names
+    /// are shared. A field that there is gets these values here, and keeps those of other blocks.
+    /// Failure  DataSetError for an unknown block, other extents, other elements than elsewhere in the field, and names
     ///          that mean something else.
     void setField(const std::string& field, const std::string& block, const Hestra::StrongPtr<MemBase>& values);
     /// The same with values that are made when they are needed.
@@ -213,8 +210,7 @@ public:
 
     // ---- Values elsewhere
 
-    /// Finds positions in the blocks, and keeps where they are. Neighbours in their order should be neighbours in
-    /// space.
+    /// Finds positions in the blocks, and keeps where they are. Neighbours in order should be neighbours in space.
     ///
     /// Ties    the first block has a position on a common face.
     /// Memory  28 bytes a position; search structures of some 13 bytes a cell of curvilinear blocks are kept.

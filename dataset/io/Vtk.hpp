@@ -42,8 +42,7 @@ struct VtkOptions {
 /// is replaced as a whole, if it has no other files than such.
 ///
 /// Masks        blocks in which not everything is valid (`Blanking`) say so by arrays "vtkGhostType" of their points
-/// and
-///              cells, so that viewers leave out what is blanked; it keeps its values.
+///              and cells, so that viewers leave out what is blanked; it keeps its values.
 /// Fields       of numbers and of elements made of them, such as points and vectors; components as they lie in memory.
 ///              Blocks where a field has no data are written without it.
 /// Failure      also an extension that does not fit; no field of a name (the error names those that there are), a

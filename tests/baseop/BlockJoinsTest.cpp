@@ -503,7 +503,7 @@ std::size_t distinctOwners(const BlockJoins& joins) {
 
 TEST(BlockJoins, OfTheBluntFinAreItsCuts) {
     const BlockPtr fin = bluntFin(VANTLE_TEST_DATA);
-    if (!fin) GTEST_SKIP() << "no folder with real data";
+    if (!fin) GTEST_SKIP() << "no real data";
     std::mt19937_64 random(1);
     const Place size = fin->Size();
     const auto whole = joinsOf(fin);

@@ -700,7 +700,7 @@ TEST_F(DataSetFilesTest, AreReadWhenNeededAndSaidToBeGoneThen) {
 
 TEST(DataSetTest, TheBluntFinInTurnedBlocksIsTheBluntFin) {
     const BlockPtr block = bluntFin(VANTLE_TEST_DATA);
-    if (!block) GTEST_SKIP() << "no folder of real data";
+    if (!block) GTEST_SKIP() << "no real data";
     std::mt19937_64 random(12);
     CutGrid cut(*block, turned(cutAtPlanes(block->Size(), {{{20}, {16}, {16}}}), random));
     cut.setField("density", *bluntFinDensity(VANTLE_TEST_DATA));
