@@ -265,19 +265,23 @@ StrongPtr<Field> DataSet::Step::derived(const std::string& name) const {
     if (!formula) return nullptr;
     const StrongPtr<Field> operand = field(formula->operand);
     const Blanking blanking = masks();
+    const auto isFor = [&](const detail::DerivedEntry& entry) {
+        return entry.field && entry.place.isFor(positions().rawptr()) &&
+               entry.origin.isFor(operand.rawptr(), blanking.vertexMask().rawptr(), blanking.cellMask().rawptr());
+    };
     {
         const std::lock_guard lock(myMutex);
         const auto known = myDerived.find(name);
-        if (known != myDerived.end() && known->second.place.isFor(positions().rawptr()) &&
-            known->second.origin.isFor(operand.rawptr(), blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
-            return known->second.field;
+        if (known != myDerived.end() && isFor(known->second)) return known->second.field;
     }
     detail::DerivedEntry made = derive(formula->operation, formula->operand, name);
     made.origin = detail::originOf(*operand, blanking);
     made.place = Freshness(positions().rawptr());
+    // What another thread has made meanwhile stays: somebody may use it, and it lives by its entry.
     const std::lock_guard lock(myMutex);
-    myDerived[name] = made;
-    return made.field;
+    detail::DerivedEntry& kept = myDerived[name];
+    if (!isFor(kept)) kept = made;
+    return kept.field;
 }
 
 detail::DerivedEntry DataSet::Step::derive(const std::string& operation, const std::string& operand,
