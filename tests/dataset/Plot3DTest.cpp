@@ -219,7 +219,7 @@ TEST_F(Plot3DTest, EveryCutIsAnError) {
         plain.blanking = false;
         const std::string withoutBlanking = gridBytes(plain, samples.grid);
         // Every cut of the header, and some of the rest.
-        const auto step = [&](std::size_t length) { return length < 80 ? 0 : form.text ? std::size_t{12} : 4; };
+        const auto step = [&](std::size_t length) { return length < 80 ? 0 : form.text ? std::size_t{48} : 16; };
         auto file = store("grid", whole);
         const auto grid = Plot3DFile::openGrid(file);
         for (std::size_t length = sureCut(form, whole); length-- > 0; length -= step(length)) {
