@@ -20,8 +20,8 @@
 //
 // What keeps the bits the same: sums of the same number of terms in every width, or of none; no MulAdd and its like,
 // which round once where the processor can (`Mul` and `Add` stay two, by -ffp-contract=off); `IfThenElse` instead of
-// `Min` and `Max` wherever NaN or the sign of zero matters, since these follow the processor; `Eq`, `Lt` and `Gt` but not
-// `Ne`, which in some widths says that NaN does not differ from itself.
+// `Min` and `Max` wherever NaN or the sign of zero matters, since these follow the processor; `Eq`, `Lt` and `Gt` but
+// not `Ne`, which in some widths says that NaN does not differ from itself.
 
 // Of x86: plain code, SSE4, AVX2 and AVX-512. Between these lie steps that have nothing kernels here would use.
 #ifndef HWY_DISABLED_TARGETS

@@ -209,8 +209,7 @@ TriangularSurfaceWithEdges::TriangularSurfaceWithEdges(const StrongPtr<Grid>& gr
 
 TriangularSurfaceWithEdges TriangularSurfaceWithEdges::create(Grid& grid, std::vector<PhysicalSpace::point> points,
                                                               std::vector<Triangle> triangles) {
-    return TriangularSurfaceWithEdges(
-        TriangularSurface::create(grid, std::move(points), std::move(triangles)).grid());
+    return TriangularSurfaceWithEdges(TriangularSurface::create(grid, std::move(points), std::move(triangles)).grid());
 }
 
 LineSet::LineSet(const StrongPtr<Grid>& grid_, const StrongPtr<Points>& points,
