@@ -1,4 +1,5 @@
 #include <baseop/BlockBoundary.hpp>
+#include <baseop/detail/QuadCut.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
@@ -158,30 +159,6 @@ StrongPtr<MemBase> elementsAt(const BlockJoins& joins, const VertexNumbers& vert
     return joined;
 }
 
-/// Cuts a quad along its shorter diagonal, or that through the corner that is least by x, y and z: wherever a quad is
-/// met, in whatever order of its corners, it is cut the same way.
-template<class Take>
-void cutQuad(const std::array<unsigned int, 4>& quad, const std::vector<point>& points, const Take& take) {
-    const point &a = points[quad[0]], &b = points[quad[1]], &c = points[quad[2]], &d = points[quad[3]];
-    const double ac = normSquared(c - a), bd = normSquared(d - b);
-    const auto least = [](const point& p, const point& q) {
-        return std::lexicographical_compare(q.begin(), q.end(), p.begin(), p.end()) ? q : p;
-    };
-    const point ofAC = least(a, c), ofBD = least(b, d);
-    const bool isFirst =
-        ac < bd || (ac == bd && !std::lexicographical_compare(ofBD.begin(), ofBD.end(), ofAC.begin(), ofAC.end()));
-    const auto add = [&](unsigned int p, unsigned int q, unsigned int r) {
-        if (p != q && q != r && r != p) take(TriangleCell(p, q, r));
-    };
-    if (isFirst) {
-        add(quad[0], quad[1], quad[2]);
-        add(quad[0], quad[2], quad[3]);
-    } else {
-        add(quad[1], quad[2], quad[3]);
-        add(quad[1], quad[3], quad[0]);
-    }
-}
-
 /// For each block the lowest one that it hangs together with.
 std::vector<unsigned int> components(const BlockJoins& joins) {
     std::vector<unsigned int> lowest(joins.blocks());
@@ -238,7 +215,7 @@ Hull hullOf(const Blocks& blocks, const VertexNumbers& vertices, const std::vect
         blocks.forOpenQuads(b, [&](const Quad& quad) {
             std::array<unsigned int, 4> numbers;
             for (std::size_t c = 0; c < 4; ++c) numbers[isMirrored ? 3 - c : c] = vertices(quad[c]);
-            cutQuad(numbers, points, [&](const TriangleCell& triangle) { hull.triangles.push_back(triangle); });
+            detail::cutQuad(numbers, points, [&](const TriangleCell& triangle) { hull.triangles.push_back(triangle); });
         });
         hull.ends.push_back(hull.triangles.size());
     }

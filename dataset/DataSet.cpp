@@ -433,6 +433,10 @@ Surface DataSet::slice(const Plane& plane, const Fields& fields, const Progress&
     });
 }
 
+Surface DataSet::slice(const IndexPlane& plane, const Fields& fields, const Progress& progress) const {
+    return detail::request("slice", [&] { return step().layer(plane, fields, Meter(progress)); });
+}
+
 Surface DataSet::boundary(const Fields& fields) const {
     return detail::request("boundary", [&] { return step().hull(fields); });
 }

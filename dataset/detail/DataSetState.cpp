@@ -4,6 +4,7 @@
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/WorldDerivative.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
+#include <baseop/detail/QuadCut.hpp>
 #include <dataset/detail/DataSetState.hpp>
 #include <dataset/io/FileArray.hpp>
 
@@ -393,6 +394,94 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
                 }
             });
         vertices->setField(valueName, Hestra::makeRef<Field>(array, StrongPtr<FragmentIDCollection>()));
+    }
+    meter(1.0);
+    return Surface(made);
+}
+
+Surface DataSet::Step::layer(const IndexPlane& plane, const Fields& values, const Meter& meter) const {
+    const DataSetBlock at = block(plane.block);
+    const MultiIndex<3> size = at.size();
+    const std::string where = "block " + quoted(plane.block);
+    if (plane.axis < 0 || plane.axis > 2) throw DataSetError(where + ": no axis " + std::to_string(plane.axis));
+    const int d = plane.axis, u = (d + 1) % 3, v = (d + 2) % 3;
+    if (plane.index >= size[d])
+        throw DataSetError(where + " has " + to_string(size) + " vertices, and no layer " +
+                           std::to_string(plane.index) + " along axis " + std::to_string(d));
+    std::vector<std::pair<std::string, StrongPtr<Field>>> wanted;
+    for (const std::string& value : values) {
+        wanted.emplace_back(value, field(value));
+        if (!wanted.back().second->getCreator(at.id))
+            throw DataSetError("field " + quoted(value) + " has no values in " + where);
+    }
+    meter(0.0);
+
+    // The vertices of the layer, and what a field has there.
+    std::vector<index_t> vertices;
+    MultiIndex<3> vertex;
+    vertex[d] = plane.index;
+    for (vertex[v] = 0; vertex[v] < size[v]; ++vertex[v])
+        for (vertex[u] = 0; vertex[u] < size[u]; ++vertex[u]) vertices.push_back(vertex.linear(size));
+    const auto elementsAt = [&](const std::string& name, const Field& of, const std::vector<index_t>& indices) {
+        const StrongPtr<MemBase> elements =
+            data(name, of, at)
+                ->gather(*makeMemArray1D(std::vector<index_t>(indices)), DynamicSize(index_t{indices.size()}), 1);
+        if (!elements) throw DataSetError("field " + quoted(name) + ": elements that cannot be copied");
+        const StrongPtr<MemBase> converted = convertToDoublePrecision(*elements);
+        return converted ? converted : elements;
+    };
+    const auto places = Hestra::dynamicCast<MemArray<1, Point>>(elementsAt(PositionsName, *positions(), vertices));
+    if (!places) throw DataSetError(where + ": the positions are no points");
+    const std::span<const Point> points(places->data(), vertices.size());
+
+    // Triangles between them, and then between those that are used.
+    std::vector<TriangleCell> triangles;
+    const StrongPtr<const BlockMask> mask = masks().of(at.id, size);
+    const auto isValid = [&](index_t u0, index_t v0) {
+        if (!mask) return true;
+        MultiIndex<3> cell;
+        cell[u] = u0, cell[v] = v0;
+        for (index_t n = plane.index == 0 ? 0 : plane.index - 1; n <= plane.index && n < mask->cells()[d]; ++n) {
+            cell[d] = n;
+            if (mask->isCellValid(cell)) return true;
+        }
+        return false;
+    };
+    for (index_t v0 = 0; v0 + 1 < size[v]; ++v0)
+        for (index_t u0 = 0; u0 + 1 < size[u]; ++u0) {
+            if (!isValid(u0, v0)) continue;
+            const auto first = static_cast<unsigned int>(u0 + size[u] * v0), row = static_cast<unsigned int>(size[u]);
+            const std::array<unsigned int, 4> quad{first, first + 1, first + row + 1, first + row};
+            if (std::any_of(quad.begin(), quad.end(), [&](unsigned int n) { return !(points[n] == points[n]); }))
+                continue;
+            detail::cutQuad(quad, points, [&](const TriangleCell& t) {
+                if (!(points[t[0]] == points[t[1]] || points[t[1]] == points[t[2]] || points[t[2]] == points[t[0]]))
+                    triangles.push_back(t);
+            });
+        }
+    std::vector<unsigned int> numbers(vertices.size());
+    for (const TriangleCell& t : triangles)
+        for (int c = 0; c < 3; ++c) numbers[t[c]] = 1;
+    std::vector<index_t> used;
+    std::vector<Point> usedPoints;
+    for (std::size_t n = 0; n < numbers.size(); ++n) {
+        if (numbers[n] == 0) continue;
+        numbers[n] = static_cast<unsigned int>(used.size());
+        used.push_back(vertices[n]);
+        usedPoints.push_back(points[n]);
+    }
+    for (TriangleCell& t : triangles)
+        for (int c = 0; c < 3; ++c) t[c] = numbers[t[c]];
+
+    const StrongPtr<Grid> made = Hestra::makeRef<Grid>();
+    const StrongPtr<Representation> inSpace = made->makeCartesianRepresentation(2);
+    inSpace->setPositions(Hestra::makeRef<Field>(makeMemArray1D(std::move(usedPoints))));
+    (*(*made)[SkeletonID(2, 1)])[*made->findVertices(2)]->setPositions(
+        Hestra::makeRef<Field>(makeMemArray1D(std::move(triangles))));
+    for (std::size_t n = 0; n < wanted.size(); ++n) {
+        meter(static_cast<double>(n + 1) / static_cast<double>(wanted.size() + 1));
+        const auto& [name, of] = wanted[n];
+        inSpace->setField(name, Hestra::makeRef<Field>(elementsAt(name, *of, used), StrongPtr<FragmentIDCollection>()));
     }
     meter(1.0);
     return Surface(made);

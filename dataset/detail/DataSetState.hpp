@@ -94,6 +94,7 @@ struct DataSet::Step {
     [[nodiscard]] Surface surface(const std::string& name, const Hestra::StrongPtr<Field>& field,
                                   const detail::FieldNumbers& numbers, double level, const Fields& values,
                                   bool hasNormals, const detail::Meter& meter) const;
+    [[nodiscard]] Surface layer(const IndexPlane& plane, const Fields& values, const detail::Meter& meter) const;
     [[nodiscard]] Surface hull(const Fields& values) const;
     /// The values of a field at positions, as by `LocatedPositions`.
     void sample(const LocatedPositions& positions, const std::string& name, const Field& field, int components,

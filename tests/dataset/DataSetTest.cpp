@@ -26,6 +26,7 @@ using Vantle::DataSet;
 using Vantle::DataSetError;
 using Vantle::index_t;
 using Vantle::MemArray;
+using Vantle::MultiIndex;
 using Vantle::Plane;
 using Vantle::Surface;
 using Vantle::Vector;
@@ -216,6 +217,56 @@ TEST(DataSetTest, ContoursAndSlicesOfTurnedBlocksAreThoseOfTheUncutRing) {
             EXPECT_LT(length(cut.values("velocity").vector(k) - swirl(cut.points()[k])), 1e-13);
         }
     }
+}
+
+// All six ends of a block enclose it; in one with holes, a layer has the faces that valid cells have.
+TEST(DataSetTest, LayersOfBlocksHaveTheFacesOfValidCells) {
+    const auto sixfoldVolume = [](const Surface& layer) {
+        double sum = 0;
+        for (const auto& t : layer.triangles())
+            sum += dot(layer.points()[t[0]] - Point(),
+                       cross(layer.points()[t[1]] - Point(), layer.points()[t[2]] - Point()));
+        return sum;
+    };
+    DataSet flow = ring(3);
+    const MultiIndex<3> size{4, 5, 6};
+    flow.addBlock("rough", distortedBlock(size, 1.0, 0.2, 7));
+    flow.addUniformBlock("sheet", {9, 1, 5}, {{0, 0, 0}, {8, 0, 4}});
+    flow.setField("plane", plane);
+    flow.setField("count", "rough", std::vector<float>(120, 2.5F));
+    double ends = 0;
+    for (int axis = 0; axis < 3; ++axis)
+        for (const bool upper : {false, true}) {
+            const Surface end = flow.slice({"rough", axis, upper ? size[axis] - 1 : 0}, {"plane", "count"});
+            ends += (upper ? 1 : -1) * sixfoldVolume(end);
+            for (std::size_t k = 0; k < end.points().size(); ++k)
+                ASSERT_EQ(end.values("plane")[k], plane(end.points()[k]));
+            EXPECT_EQ(end.values("count")[0], 2.5);
+        }
+    DataSet rough;
+    rough.addBlock("rough", size, flow.positions("rough"));
+    EXPECT_NEAR(ends, sixfoldVolume(rough.boundary()), 1e-9);
+    EXPECT_EQ(flow.slice(Vantle::IndexPlane::j("sheet", 0)).triangles().size(), 64U);
+    EXPECT_TRUE(flow.slice(Vantle::IndexPlane::i("sheet", 3)).isEmpty());
+
+    const auto cells = MemArray<3, int>::create({3, 4, 5});
+    for (index_t n = 0; n < cells->nElements(); ++n) cells->element(n) = n * 7 % 5 > 2;
+    flow.setCellMask("rough", cells);
+    for (index_t at = 0; at < 4; ++at) {
+        std::size_t faces = 0;
+        for (index_t k = 0; k < 5; ++k)
+            for (index_t j = 0; j < 4; ++j)
+                faces += (at > 0 && (*cells)[{at - 1, j, k}]) || (at < 3 && (*cells)[{at, j, k}]);
+        const Surface layer = flow.slice(Vantle::IndexPlane::i("rough", at), {"plane"});
+        EXPECT_EQ(layer.triangles().size(), 2 * faces);
+        for (std::size_t k = 0; k < layer.points().size(); ++k)
+            ASSERT_EQ(layer.values("plane")[k], plane(layer.points()[k]));
+    }
+    const auto errorAt = [&](const Vantle::IndexPlane& at) { return errorOf([&] { (void)flow.slice(at, {"wave"}); }); };
+    EXPECT_TRUE(has(errorAt({"rouhg", 0, 0}), "\"rough\""));
+    EXPECT_TRUE(has(errorAt({"rough", 1, 5}), "[4x5x6] vertices, and no layer 5 along axis 1"));
+    EXPECT_TRUE(has(errorAt({"rough", 3, 0}), "no axis 3"));
+    EXPECT_TRUE(has(errorAt({"rough", 1, 0}), "\"wave\" has no values in block \"rough\""));
 }
 
 TEST(DataSetTest, ContoursAreOfTheirLevelsAndHaveNormalsAlongTheGradient) {
