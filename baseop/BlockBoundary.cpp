@@ -3,6 +3,7 @@
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/hestra/Pulse.hpp>
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/ElementTypes.hpp>
@@ -110,7 +111,8 @@ struct Blocks {
             };
             // Between blanked and other cells there are quads everywhere.
             const index_t step = mask ? 1 : size[d] - 1;
-            for (index_t layer = 0; layer < size[d]; layer += step)
+            for (index_t layer = 0; layer < size[d]; layer += step) {
+                Hestra::Pulse::beat((d + static_cast<double>(layer) / static_cast<double>(size[d])) / 3.0);
                 for (lowest[v] = 0; lowest[v] + 1 < size[v]; ++lowest[v])
                     for (lowest[u] = 0; lowest[u] + 1 < size[u]; ++lowest[u]) {
                         lowest[d] = layer;
@@ -118,6 +120,7 @@ struct Blocks {
                         const bool isEnd = layer == 0 || layer + 1 == size[d];
                         if (below != above && (!isEnd || joins->isOpen({block, d, below}, lowest))) add(below);
                     }
+            }
         }
     }
 };
@@ -211,6 +214,7 @@ Hull hullOf(const Blocks& blocks, const VertexNumbers& vertices, const std::vect
     const BlockJoins& joins = *blocks.joins;
     Hull hull;
     for (unsigned int b = 0; b < joins.blocks(); ++b) {
+        const Hestra::Pulse::Part part(0.5 + 0.5 * b / joins.blocks(), 0.5 + 0.5 * (b + 1) / joins.blocks());
         const bool isMirrored = joins.isOrientable() && joins.isMirrored(b);
         blocks.forOpenQuads(b, [&](const Quad& quad) {
             std::array<unsigned int, 4> numbers;
@@ -281,10 +285,12 @@ StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::
 
     const Blocks blocks(joins, blanking);
     VertexNumbers vertices(*joins);
-    for (unsigned int b = 0; b < joins->blocks(); ++b)
+    for (unsigned int b = 0; b < joins->blocks(); ++b) {
+        const Hestra::Pulse::Part part(0.5 * b / joins->blocks(), 0.5 * (b + 1) / joins->blocks());
         blocks.forOpenQuads(b, [&](const Quad& quad) {
             for (const BlockVertex& corner : quad) vertices.take(corner);
         });
+    }
     detail::checkVertexCount(vertices.count());
     StrongPtr<MemBase> points = elementsAt(*joins, vertices, *positions, PositionsName);
     if (!points) points = makeMemArray1D(std::vector<point>());

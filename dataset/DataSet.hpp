@@ -194,7 +194,7 @@ public:
     /// Least and greatest number of a scalar at valid vertices, -0 before +0; NaN when there are none.
     [[nodiscard]] NumberRange range(const std::string& field, const Progress& progress = {}) const;
     /// Which faces of which blocks are the same; blocks are numbered as by `blocks`.
-    [[nodiscard]] Hestra::StrongPtr<const BlockJoins> joins() const;
+    [[nodiscard]] Hestra::StrongPtr<const BlockJoins> joins(const Progress& progress = {}) const;
 
     // ---- Surfaces
 
@@ -227,7 +227,7 @@ public:
 
     /// The outer hull of all blocks, of what is valid: all faces that are joined to no other, with the values of fields
     /// there. Triangles show outward. Failure: also for a field that a block of the hull has not.
-    [[nodiscard]] Surface boundary(const Fields& fields = {}) const;
+    [[nodiscard]] Surface boundary(const Fields& fields = {}, const Progress& progress = {}) const;
 
     // ---- Values elsewhere
 
