@@ -230,11 +230,13 @@ void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<Frag
             std::size_t made = 0;
             StrongPtr<MemBase> any;
             arrays.clear();
+            // Arrays that have to be made take the first half, for all one knows.
+            const double start = share(chunk + order.first[first], mySize);
+            const auto half = [&](std::size_t to) { return 0.5 * (start + share(chunk + to, mySize)); };
             for (; n < fragments.size() && made < HeldBytes; ++n) {
                 arrays.emplace_back();
                 if (!order.has(n)) continue;
-                const double done = share(chunk + order.first[n], mySize);
-                const Hestra::Pulse::Part part(done, done); // the arrays take what they take
+                const Hestra::Pulse::Part part(half(order.first[n]), half(order.first[n + 1]));
                 Hestra::Pulse::beat(0.0);
                 const StrongPtr<CreativeArrayBase> creator = field.getCreator(fragments[n]);
                 if (!creator) continue;
@@ -251,7 +253,8 @@ void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<Frag
             if (!isAll && order.numbers.empty()) order.sort(fragmentOf);
             const std::size_t begin = isAll ? 0 : order.first[first];
             const std::size_t count = isAll ? fragmentOf.size() : order.first[n] - begin;
-            const Hestra::Pulse::Part part(share(chunk + begin, mySize), share(chunk + begin + count, mySize));
+            const double middle = made == 0 ? start : half(order.first[n]);
+            const Hestra::Pulse::Part part(middle, share(chunk + order.first[n], mySize));
             const bool isKnown = withType(Elements(), any->elementIndex(), [&]<class T>(TypeList<T>) {
                 if (LocatedPositions::components(typeid(T)) != components)
                     throw std::invalid_argument("a fragment whose elements have not " + std::to_string(components) +

@@ -5,6 +5,7 @@
 #include <dataset/DataSetError.hpp>
 #include <dataset/Progress.hpp>
 #include <model/hestra/Console.hpp>
+#include <model/hestra/CreationFailure.hpp>
 #include <model/hestra/Pulse.hpp>
 
 #include <algorithm>
@@ -19,7 +20,12 @@ namespace Vantle::detail {
 template<class F>
 auto request(const std::string& what, const F& f) {
     const Hestra::ScopedListener silence({});
-    const auto fail = [&](const char* why) { throw DataSetError(what + ": " + why); };
+    const Hestra::ScopedCreationFailure failure;
+    const auto fail = [&](const std::string& why) {
+        const std::string& reason = failure.reason();
+        const bool isSaid = reason.empty() || why.find(reason) != std::string::npos;
+        throw DataSetError(what + ": " + why + (isSaid ? "" : " (" + reason + ')'));
+    };
     try {
         return f();
     } catch (const std::invalid_argument& problem) {
