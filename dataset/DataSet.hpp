@@ -169,7 +169,7 @@ public:
     /// How much memory is kept, together with all copies, of what can be had again: what was read from files, or was
     /// derived. Beyond that, what was not used for longest goes. Unlimited by default.
     void memoryBudget(std::size_t bytes);
-    /// What the budget is about: for creators of a caller's own.
+    /// What the budget is about, masks and what is converted included: for creators of a caller's own.
     [[nodiscard]] const Hestra::StrongPtr<Hestra::Cache>& cache() const noexcept;
 
     // ---- What is there
@@ -234,12 +234,15 @@ public:
     /// Finds positions in the blocks, and keeps where they are. Neighbours in order should be neighbours in space.
     ///
     /// Ties    the first block has a position on a common face.
-    /// Memory  28 bytes a position; search structures of some 13 bytes a cell of curvilinear blocks are kept.
+    /// Memory  28 bytes a position; search structures of some 13 bytes a cell of curvilinear blocks are kept, with the
+    ///         positions that they view. Where these exceed the budget, blocks are searched one by one and nothing is
+    ///         kept.
     [[nodiscard]] Located locate(std::span<const Point> positions, const Progress& progress = {}) const;
     /// Fields at the vertices of a uniform block that spans a box: NaN outside of all blocks, where the result is
     /// masked.
     ///
-    /// Memory   the result and some 20 MB. Failure: also for a box with an axis of no extent, and for less than two
+    /// Memory   the result and some 20 MB, by tiles; 40 MB where blocks are located one by one. Failure: also for a box
+    /// with an axis of no extent, and for less than two
     ///          vertices along an axis.
     [[nodiscard]] DataSet resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
                                    const Progress& progress = {}) const;
