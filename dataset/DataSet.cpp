@@ -462,7 +462,7 @@ Surface DataSet::boundary(const Fields& fields, const Progress& progress) const 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
 
 Located DataSet::locate(std::span<const Point> positions, const Progress& progress) const {
-    return detail::request("location", progress, [&] {
+    return detail::request("location of " + std::to_string(positions.size()) + " positions", progress, [&] {
         auto located =
             step().reading({}, [&] { return std::make_shared<const LocatedPositions>(step().locate(positions)); });
         return Located(std::move(located), *this);
@@ -471,7 +471,7 @@ Located DataSet::locate(std::span<const Point> positions, const Progress& progre
 
 DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
                           const Progress& progress) const {
-    return detail::request("resampling", progress, [&] {
+    return detail::request("resampling to " + to_string(size) + " vertices", progress, [&] {
         for (int d = 0; d < 3; ++d)
             if (!(box.low[d] < box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] < 2)
                 throw DataSetError("resampling: an empty box, or less than two vertices, along axis " +

@@ -97,7 +97,8 @@ struct ContourOptions {
 ///              joined blocks.
 /// Missing      a field may be missing in some blocks: there is no contour of it there, and no value. Derivatives
 ///              need it everywhere.
-/// Failure      DataSetError, or FileError from data that are read from files; what fails, and what is cancelled, has
+/// Failure      DataSetError, lack of memory included, or FileError from data that are read from files; what fails, and
+/// what is cancelled, has
 ///              changed nothing. A name that is unknown is answered with those that there are, the nearest first.
 /// Concurrency  const members from any number of threads, of one object and of copies of it. Members that change it
 ///              need it for themselves, but not its copies. Everything uses all cores.
