@@ -297,6 +297,17 @@ TEST(LocalFromWorldPointTest, MissingPiecesMakeEveryQueryFail) {
               1);
 }
 
+// The null fragment id stands for unfragmented data, in the result and in the storage.
+TEST(LocalFromWorldPointTest, UnfragmentedGridsHaveTheNullFragment) {
+    const Scene scene;
+    const auto block = support::makeBlock(support::shapes()[1], {6, 6, 6});
+    RegularGrid3D::create(*scene.grid, block);
+    LocalPoint found;
+    EXPECT_TRUE(scene.locator()->get(support::positionIn(*block, {2.5, 1.25, 3.75}), found));
+    EXPECT_FALSE(found.fragment);
+    EXPECT_TRUE(PointSearch::hasLookupFragment(PointSearch(scene.slice, scene.grid).helperField(), nullptr));
+}
+
 // A structure that cannot be built is reported at every query, and the other fragments answer all the same.
 TEST(LocalFromWorldPointTest, ReportsWhatCannotBeBuiltAndGoesOn) {
     const Scene scene;

@@ -33,6 +33,7 @@ TEST(FieldTest, IterationVisitsEveryFragmentInOrderOfCreation) {
     EXPECT_EQ(firstOf(field.getFirstData()), 1.0);
     EXPECT_EQ(firstOf(field.getDataByNumericalID(2)), 1.0);
     EXPECT_FALSE(field.getDataByNumericalID(4));
+    EXPECT_FALSE(field.makeFragmentID("") || field.getFragmentID("")) << "the null id is that of unfragmented data";
 }
 
 TEST(FieldTest, IterationStopsOnFalseAndSurvivesChanges) {
