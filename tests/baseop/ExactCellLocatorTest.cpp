@@ -4,6 +4,7 @@
 #include <baseop/Interpolate.hpp>
 
 #include <gtest/gtest.h>
+#include <thread>
 
 namespace {
 
@@ -187,6 +188,26 @@ TEST(ExactCellLocatorTest, ManyCellsAtOnePlace) {
     for (const CellLocation& each : found) {
         ASSERT_TRUE(each);
         EXPECT_LT(support::distance(each.local, Point(0.25, 0.5, 398.125)), 1e-12);
+    }
+}
+
+TEST(ExactCellLocatorTest, AnswersManyThreadsAsOne) {
+    const BlockPtr block = makeBlock(shapes()[2], {20, 20, 20});
+    const ExactCellLocator locator(block);
+    std::vector<Point> points; // neighbours share their searches
+    for (int k = 0; k < 20000; ++k) points.push_back(positionIn(*block, Point(9.5e-4 * k, 9.3, 4.7 + 5e-4 * k)));
+    std::vector<CellLocation> parallel(points.size());
+    std::vector<std::thread> threads;
+    for (std::size_t t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            const std::size_t part = points.size() / 4;
+            locator.locate(std::span(points).subspan(t * part, part), std::span(parallel).subspan(t * part, part));
+        });
+    for (std::thread& thread : threads) thread.join();
+    for (std::size_t k = 0; k < points.size(); ++k) {
+        const CellLocation each = locator.locate(points[k]);
+        EXPECT_EQ(parallel[k].result, each.result);
+        EXPECT_TRUE(!each || same(parallel[k].local, each.local));
     }
 }
 
