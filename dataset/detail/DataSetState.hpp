@@ -83,6 +83,9 @@ struct DataSet::Step {
     /// Throws what kept the data of a field, or what it is derived from, from being read from a file, if that happened.
     void throwReadingFailure(const std::string& name) const;
 
+    /// Null when they are still to be computed.
+    [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> knownNumbers(const std::string& name,
+                                                                           const Field& of) const;
     [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> numbers(const std::string& name,
                                                                       const detail::Meter& meter) const;
     [[nodiscard]] std::shared_ptr<const detail::BlockBoxes> boxes(const detail::Meter& meter) const;

@@ -1,10 +1,10 @@
 #pragma once
-/// What every request of the layer goes through: silence, progress, one style of errors.
+/// What every request of the layer goes through: who hears it, progress, one style of errors.
 
 #include <baseop/Isosurface.hpp>
 #include <dataset/DataSetError.hpp>
+#include <dataset/Messages.hpp>
 #include <dataset/Progress.hpp>
-#include <model/hestra/Console.hpp>
 
 #include <algorithm>
 #include <exception>
@@ -48,10 +48,13 @@ private:
     double myFrom = 0.0, myTo = 1.0;
 };
 
-/// Does what is requested with nobody listening, and says what was requested when it fails.
+/// Who hears the requests of this thread: the innermost `ScopedMessages`, else nobody.
+[[nodiscard]] const Hestra::Console::Listener& messages() noexcept;
+
+/// Does what is requested, heard by nobody else, and says what was requested when it fails.
 template<class F>
 auto request(const std::string& what, const F& f) {
-    const Hestra::ScopedListener silence({});
+    const Hestra::ScopedListener heard(messages());
     const auto fail = [&](const char* why) { throw DataSetError(what + ": " + why); };
     try {
         return f();
@@ -70,7 +73,7 @@ auto request(const std::string& what, const F& f) {
 }
 
 /// "no field "presure"; there are: "pressure", "density"", the nearest name first.
-[[nodiscard]] std::string unknownName(const std::string& kind, const std::string& name, std::vector<std::string> known);
+[[nodiscard]] UnknownName unknownName(const std::string& kind, const std::string& name, std::vector<std::string> known);
 
 /// A name in quotes.
 [[nodiscard]] inline std::string quoted(const std::string& name) { return '"' + name + '"'; }
