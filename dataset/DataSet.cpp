@@ -387,6 +387,14 @@ StrongPtr<MemBase> DataSet::maskOf(const char* mask, const std::string& block) c
 StrongPtr<MemBase> DataSet::vertexMask(const std::string& block) const { return maskOf(VertexMaskName, block); }
 StrongPtr<MemBase> DataSet::cellMask(const std::string& block) const { return maskOf(CellMaskName, block); }
 
+bool DataSet::hasValues(const std::string& field, const std::string& block) const {
+    return detail::request("field " + quoted(field), [&] {
+        const DataSetBlock at = step().block(block);
+        const StrongPtr<Field> of = step().field(field);
+        return static_cast<bool>(of->getCreator(at.id));
+    });
+}
+
 StrongPtr<MemBase> DataSet::array(const std::string& field, const std::string& block) const {
     return detail::request("field " + quoted(field), [&] {
         const StrongPtr<Field> of = step().field(field);

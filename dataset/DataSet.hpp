@@ -186,6 +186,8 @@ public:
     /// The masks of a block as they were set; null where nothing is masked.
     [[nodiscard]] Hestra::StrongPtr<MemBase> vertexMask(const std::string& block) const;
     [[nodiscard]] Hestra::StrongPtr<MemBase> cellMask(const std::string& block) const;
+    /// Whether a field, or one that is derived, has values in a block. Failure: also for an unknown field.
+    [[nodiscard]] bool hasValues(const std::string& field, const std::string& block) const;
     /// The array of a field, or of a field that is derived, in a block.
     [[nodiscard]] Hestra::StrongPtr<MemBase> array(const std::string& field, const std::string& block) const;
 
