@@ -103,7 +103,7 @@ def surface(
         normal = np.divide(normal, length, out=np.zeros_like(normal), where=length > 0)
         up, around = np.radians(view[0] + 15), np.radians(view[1] - 20)
         light = np.array([np.cos(up) * np.cos(around), np.cos(up) * np.sin(around), np.sin(up)])
-        brightness = 0.35 + 0.65 * np.abs(normal @ light)  # seen from both sides
+        brightness = 0.5 + 0.5 * np.abs(normal @ light)  # seen from both sides
         base = np.tile((0.62, 0.72, 0.84, 1.0), (len(triangles), 1))
         if values is not None:
             base = shades.to_rgba(values[triangles].mean(axis=1))

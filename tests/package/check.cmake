@@ -73,6 +73,11 @@ elseif(STEP STREQUAL "pkg_config")
     endif()
   endforeach()
 
+elseif(STEP STREQUAL "python")
+  # The module and its libraries are those that were installed, and moved.
+  set(ENV{PYTHONPATH} "${prefix}/${MODULES}")
+  run("${PYTHON}" "${CMAKE_CURRENT_LIST_DIR}/session.py" "${prefix}")
+
 else()
   message(FATAL_ERROR "unknown step '${STEP}'")
 endif()
