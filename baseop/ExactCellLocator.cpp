@@ -1,6 +1,7 @@
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/detail/location/CellBoxTree.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
+#include <baseop/detail/location/SpatialOrder.hpp>
 #include <baseop/detail/location/TrilinearCell.hpp>
 #include <model/hestra/Profiler.hpp>
 
@@ -165,27 +166,34 @@ CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell, const B
 
 void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocation> found,
                               const BlockMask* mask) const {
+    detail::locateNeighbours<CellBoxTree::Matches::MaximalPoints>(
+        points, found, [&](std::span<const point> now, std::span<CellLocation> theirs, const auto&) {
+            locateNeighbours(now, theirs, mask);
+        });
+}
+
+void ExactCellLocator::locateNeighbours(std::span<const point> points, std::span<CellLocation> found,
+                                        const BlockMask* mask) const {
     const Search& search = *mySearch;
     CellBoxTree::Matches matches;
-    for (std::size_t count; !points.empty(); points = points.subspan(count), found = found.subspan(count)) {
-        count = std::min(points.size(), CellBoxTree::Matches::MaximalPoints);
-        const std::span<const point> now = points.first(count);
-        const bool areMatched =
-            std::all_of(now.begin(), now.end(), [&](const point& p) { return search.canHave(p); }) &&
-            search.tree.match(now, matches);
-        for (std::size_t n = 0; n < count; ++n) {
-            if (!areMatched) {
-                found[n] = locate(now[n], nullptr, mask);
-                continue;
-            }
-            found[n].result = LocationResult::NotFound;
-            found[n].isSilent = true;
-            for (const CellOfBlock& cell : matches.of(n)) {
-                if (mask && !mask->isCellValid(cell.index())) continue;
-                if (!solve(search.vertices, cell.index(), now[n], found[n].local)) continue;
-                found[n].result = LocationResult::Found;
-                break;
-            }
+    const bool areMatched =
+        std::all_of(points.begin(), points.end(), [&](const point& p) { return search.canHave(p); }) &&
+        search.tree.match(points, matches);
+    if (areMatched && matches.areScattered())
+        for (const CellOfBlock& cell : matches.all())
+            search.vertices.prefetchCell(search.vertices.address(cell.index()));
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        if (!areMatched) {
+            found[n] = locate(points[n], nullptr, mask);
+            continue;
+        }
+        found[n].result = LocationResult::NotFound;
+        found[n].isSilent = true;
+        for (const CellOfBlock& cell : matches.of(n)) {
+            if (mask && !mask->isCellValid(cell.index())) continue;
+            if (!solve(search.vertices, cell.index(), points[n], found[n].local)) continue;
+            found[n].result = LocationResult::Found;
+            break;
         }
     }
 }

@@ -62,6 +62,8 @@ public:
 private:
     struct Search;
 
+    void locateNeighbours(std::span<const point> points, std::span<CellLocation> found, const BlockMask* mask) const;
+
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;
     std::unique_ptr<const Search> mySearch;
 };

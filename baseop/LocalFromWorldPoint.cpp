@@ -7,6 +7,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/location/GridLock.hpp>
 #include <baseop/detail/location/LazyFragment.hpp>
+#include <baseop/detail/location/SpatialOrder.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
@@ -577,12 +578,19 @@ void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Loc
     VANTLE_SCOPE("LocalFromWorldPoint::locate(positions, found)");
     // A position takes about as long as reading some kilobytes.
     constexpr std::size_t BytesEach = 2048, Neighbours = 64, Piece = 16 * Neighbours;
-    detail::inParallel(positions.size(), Piece, BytesEach * positions.size(), [&](std::size_t begin, std::size_t end) {
-        for (std::size_t first = begin; first < end; first += Neighbours) {
-            const std::size_t count = std::min(Neighbours, end - first);
-            search<Neighbours>(positions.subspan(first, count), found.subspan(first, count), wayOfOptions(),
-                               numbers.empty() ? numbers : numbers.subspan(first, count));
-        }
+    // Positions in any order are put in one by large pieces, of which every thread has one.
+    const std::size_t share = positions.size() / detail::teamSize() + 1;
+    const std::size_t piece =
+        detail::SpatialOrder::pays(positions) ? std::clamp(share, Piece, detail::SpatialOrder::MostPositions) : Piece;
+    detail::inParallel(positions.size(), piece, BytesEach * positions.size(), [&](std::size_t begin, std::size_t end) {
+        detail::locateNeighbours<Neighbours>(
+            positions.subspan(begin, end - begin), found.subspan(begin, end - begin),
+            [&](std::span<const point> now, std::span<Location> theirs, const auto& number) {
+                std::size_t theirNumbers[Neighbours];
+                const std::size_t count = numbers.empty() ? 0 : now.size();
+                for (std::size_t m = 0; m < count; ++m) theirNumbers[m] = numbers[begin + number(m)];
+                search<Neighbours>(now, theirs, wayOfOptions(), std::span<const std::size_t>(theirNumbers, count));
+            });
     });
 }
 

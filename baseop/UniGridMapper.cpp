@@ -3,6 +3,7 @@
 #include <baseop/detail/location/LinearReach.hpp>
 #include <baseop/detail/location/LinearSolve.hpp>
 #include <baseop/detail/location/Narrator.hpp>
+#include <baseop/detail/location/SpatialOrder.hpp>
 #include <baseop/detail/location/Unigrid.hpp>
 #include <baseop/detail/location/ValidPlace.hpp>
 #include <model/hestra/Profiler.hpp>
@@ -483,11 +484,10 @@ unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, po
 void UniGridMapper::locate(std::span<const point> points, std::span<CellLocation> found, double grid_epsilon,
                            const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(points)");
-    constexpr std::size_t most = CellBoxTree::Matches::MaximalPoints;
-    for (std::size_t begin = 0; begin < points.size(); begin += most) {
-        const std::size_t count = std::min(most, points.size() - begin);
-        locateNeighbours(points.subspan(begin, count), found.subspan(begin, count), grid_epsilon, mask);
-    }
+    Vantle::detail::locateNeighbours<CellBoxTree::Matches::MaximalPoints>(
+        points, found, [&](std::span<const point> now, std::span<CellLocation> theirs, const auto&) {
+            locateNeighbours(now, theirs, grid_epsilon, mask);
+        });
 }
 
 void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<CellLocation> found, double grid_epsilon,
@@ -510,6 +510,8 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<Ce
     };
     Step steps[CellBoxTree::Matches::Capacity];
     const std::span<const CellBoxTree::Matches::Cell> cells = matches.all();
+    if (matches.areScattered())
+        for (const CellOfBlock& cell : cells) search.vertices.prefetchCell(search.vertices.address(cell.index()));
     for (std::size_t c = 0; c < cells.size(); ++c)
         steps[c].outcome = linear::firstStep(steps[c].at, points[cells[c].point], cells[c].index(), search.vertices,
                                              myPrecision, linear::Everywhere);

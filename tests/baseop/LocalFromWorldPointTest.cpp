@@ -180,7 +180,9 @@ TEST(LocalFromWorldPointTest, UniformAndRectilinearBlocksAreComputed) {
 // Many at once, one by one, heard and unheard: the same fragments, coordinates and codes, from fresh structures each
 // time; and a word is said of exactly those positions that have one.
 TEST(LocalFromWorldPointTest, NeitherListenersNorNeighboursChangeAnAnswer) {
-    const std::vector<Point> positions = support::mixedPositions(60, 12);
+    std::vector<Point> positions = support::mixedPositions(60, 12);
+    std::shuffle(positions.begin(), positions.end(), std::mt19937_64(5)); // so many that they are put in order
+    ASSERT_GT(positions.size(), 1024U);
     for (const CellLocator kind : {CellLocator::Newton, CellLocator::Exact, CellLocator::Projective}) {
         const Scene one(support::mixedScene()), many(support::mixedScene()), aloud(support::mixedScene());
         std::unique_ptr<LocalFromWorldPoint> first, second, heard;

@@ -96,6 +96,16 @@ public:
             for (index_t y = j; y < std::min(j + 3, mySize[1]); ++y) __builtin_prefetch(address(i, y, z) + middle);
 #endif
     }
+    /// Sends for the corners of a cell.
+    void prefetchCell([[maybe_unused]] const double* lowest) const noexcept {
+#if defined(__GNUC__)
+        if (!myIsLarge) return;
+        for (int row = 0; row < 8; row += 2) {
+            __builtin_prefetch(corner(lowest, row));
+            __builtin_prefetch(corner(lowest, row + 1) + 2);
+        }
+#endif
+    }
     /// The extremes of all coordinates that are numbers; false if some are not.
     bool findExtremes(Orvix::PhysicalSpace::point& lowest, Orvix::PhysicalSpace::point& highest) const noexcept {
         constexpr double infinite = std::numeric_limits<double>::infinity();

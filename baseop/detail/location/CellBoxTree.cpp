@@ -414,45 +414,102 @@ bool CellBoxTree::gather(Surroundings& surroundings, std::span<const point> poin
     return isAll;
 }
 
-bool CellBoxTree::match(std::span<const point> points, Matches& matches) const {
+/// Which points are to be looked for in which groups, in the order of the points.
+struct CellBoxTree::Pairs {
+    static constexpr std::size_t Capacity = 512;
+    struct Pair {
+        std::uint32_t point;
+        Place lowestCell;
+        const Bottom* group;
+    };
+    Pair all[Capacity];
+    std::size_t count = 0;
+};
+
+bool CellBoxTree::pairNeighbours(std::span<const point> points, const float (*x)[4], Pairs& pairs) const {
     Surroundings surroundings;
     if (!gather(surroundings, points)) return false;
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        if (pairs.count + Surroundings::Capacity + 2 > Pairs::Capacity) return false;
+        auto mask = surroundings.myBoxes.membersIn(x[n], x[n], surroundings.myCount);
+        // Mostly there are one or two: both are written anyhow, and counted if they are there.
+        do {
+            for (int g = 0; g < 2; ++g) {
+                const auto& entry = surroundings.myGroups[std::countr_zero(mask) % Surroundings::Capacity];
+                pairs.all[pairs.count] = {static_cast<std::uint32_t>(n), entry.lowestCell, entry.group};
+                pairs.count += mask != 0 ? 1 : 0;
+                mask &= mask - 1;
+            }
+        } while (mask);
+    }
+    return true;
+}
+
+bool CellBoxTree::pairScattered(std::size_t count, const float (*x)[4], Pairs& pairs) const {
+    // All points go down together, so that what each needs next is on its way while the others are looked at.
+    struct Visit {
+        std::uint32_t point;
+        Place place;
+    };
+    Visit visits[2][Pairs::Capacity];
+    Visit* now = visits[0];
+    Visit* below = visits[1];
+    for (std::size_t n = 0; n < count; ++n) now[n] = {static_cast<std::uint32_t>(n), {{0, 0, 0}}};
+    for (int level = myTop; level > 0; --level) {
+        std::size_t found = 0;
+        for (std::size_t v = 0; v < count; ++v) {
+            const auto& at = x[now[v].point];
+            for (auto mask = membersIn(level, now[v].place, at, at); mask; mask &= mask - 1) {
+                if (found == Pairs::Capacity) return false;
+                below[found] = {now[v].point, now[v].place.template member<4>(std::countr_zero(mask))};
+                prefetch(level - 1, below[found++].place);
+            }
+        }
+        std::swap(now, below);
+        count = found;
+    }
+    for (std::size_t v = 0; v < count; ++v)
+        pairs.all[v] = {now[v].point, now[v].place.template member<2>(0), &myBottom[number(0, now[v].place)]};
+    pairs.count = count;
+    return true;
+}
+
+bool CellBoxTree::areNear(const float (*x)[4], std::size_t count) const noexcept {
+    // Groups are about as large as if they were spread evenly.
+    float groups = static_cast<float>(myLevels[0].total());
+    for (int d = 0; d < 3; ++d) {
+        float low = x[0][d], high = low;
+        for (std::size_t n = 1; n < count; ++n) {
+            low = std::min(low, x[n][d]);
+            high = std::max(high, x[n][d]);
+        }
+        groups *= high - low;
+    }
+    return groups < static_cast<float>(4 * Surroundings::Capacity);
+}
+
+bool CellBoxTree::match(std::span<const point> points, Matches& matches) const {
+    if (myTop < 0) return false;
     float x[Matches::MaximalPoints][4];
     for (std::size_t n = 0; n < points.size(); ++n) {
         for (int d = 0; d < 3; ++d) x[n][d] = toFloat(points[n][d], d);
         x[n][3] = 0.0F;
     }
-    struct Pair {
-        std::uint16_t point, group;
-    };
-    constexpr std::size_t MaximalPairs = 512;
-    Pair pairs[MaximalPairs];
-    std::size_t pairCount = 0;
-    for (std::size_t n = 0; n < points.size(); ++n) {
-        if (pairCount + Surroundings::Capacity + 2 > MaximalPairs) return false;
-        auto mask = surroundings.myBoxes.membersIn(x[n], x[n], surroundings.myCount);
-        // Mostly there are one or two: both are written anyhow, and counted if they are there.
-        do {
-            for (int g = 0; g < 2; ++g) {
-                pairs[pairCount] = {static_cast<std::uint16_t>(n), static_cast<std::uint16_t>(std::countr_zero(mask))};
-                pairCount += mask != 0 ? 1 : 0;
-                mask &= mask - 1;
-            }
-        } while (mask);
-    }
+    Pairs pairs;
+    matches.myAreScattered = !areNear(x, points.size()) || !pairNeighbours(points, x, pairs);
+    if (matches.myAreScattered && !pairScattered(points.size(), x, pairs)) return false;
 
-    unsigned char cells[MaximalPairs];
-    for (std::size_t p = 0; p < pairCount; ++p)
-        cells[p] =
-            static_cast<unsigned char>(surroundings.myGroups[pairs[p].group].group->membersAt(x[pairs[p].point]));
+    unsigned char cells[Pairs::Capacity];
+    for (std::size_t p = 0; p < pairs.count; ++p)
+        cells[p] = static_cast<unsigned char>(pairs.all[p].group->membersAt(x[pairs.all[p].point]));
 
     std::size_t count = 0, pair = 0;
     for (std::size_t n = 0; n < points.size(); ++n) {
         const std::size_t first = count;
         matches.myFirst[n] = static_cast<std::uint16_t>(count);
-        for (; pair < pairCount && pairs[pair].point == n; ++pair) {
+        for (; pair < pairs.count && pairs.all[pair].point == n; ++pair) {
             if (count + Bottom::Members > Matches::Capacity) return false;
-            const Place& lowest = surroundings.myGroups[pairs[pair].group].lowestCell;
+            const Place& lowest = pairs.all[pair].lowestCell;
             // Mostly there is one or none: written anyhow, and counted if it is there.
             unsigned mask = cells[pair];
             do {

@@ -197,11 +197,14 @@ public:
         }
         /// Those of all points, one after the other.
         [[nodiscard]] std::span<const Cell> all() const noexcept { return {myCells, myCount}; }
+        /// Whether the points were far from each other, and so are the cells in memory.
+        [[nodiscard]] bool areScattered() const noexcept { return myAreScattered; }
         static constexpr std::size_t Capacity = 256;
 
     private:
         friend class CellBoxTree;
         std::size_t myCount = 0;
+        bool myAreScattered = false;
         std::uint16_t myFirst[MaximalPoints + 1];
         Cell myCells[Capacity];
     };
@@ -255,6 +258,10 @@ private:
     /// The same below a group of level `top`, or for that group itself.
     template<class F>
     bool forEachGroupBelow(int top, const Place& start, const float (&low)[4], const float (&high)[4], F& f) const;
+    struct Pairs;
+    [[nodiscard]] bool areNear(const float (*x)[4], std::size_t count) const noexcept;
+    [[nodiscard]] bool pairNeighbours(std::span<const point> points, const float (*x)[4], Pairs& pairs) const;
+    [[nodiscard]] bool pairScattered(std::size_t count, const float (*x)[4], Pairs& pairs) const;
     struct LevelBoxes;
     template<int Edges>
     void buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& boxes);
