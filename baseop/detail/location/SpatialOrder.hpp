@@ -31,12 +31,12 @@ private:
 };
 
 /// Calls `f(points, number)` for up to `Most` positions at a time, near each other as far as may be, of which the m-th
-/// is number `number(m)` of all.
+/// is number `number(m)` of all. Of those that come in a good order, `together` are taken at a time.
 template<std::size_t Most, class F>
-void forEachNeighbours(std::span<const SpatialOrder::point> points, const F& f) {
+void forEachNeighbours(std::span<const SpatialOrder::point> points, const F& f, std::size_t together = Most) {
     if (!SpatialOrder::pays(points)) {
-        for (std::size_t begin = 0; begin < points.size(); begin += Most)
-            f(points.subspan(begin, std::min(Most, points.size() - begin)),
+        for (std::size_t begin = 0; begin < points.size(); begin += together)
+            f(points.subspan(begin, std::min(together, points.size() - begin)),
               [begin](std::size_t m) { return begin + m; });
         return;
     }
