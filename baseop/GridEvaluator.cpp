@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <mutex>
 #include <utility>
 
@@ -58,6 +59,8 @@ public:
         using Points = TypeList<point, FloatPoint>;
         const auto take = [this](const auto& elements, const MultiIndex<3>& extents) {
             myExtents = extents;
+            if constexpr (std::is_same_v<std::decay_t<decltype(elements.element(0))>, point>)
+                if (elements.stride() == 1) myPoints = elements.data();
             myRead = [&vectors = elements.getIterator()](std::size_t first, std::span<point> out) {
                 for (std::size_t m = 0; m < out.size(); ++m) {
                     const auto& v = vectors[first + m];
@@ -92,26 +95,38 @@ public:
         myRead(k, std::span(&p, 1));
         return p;
     }
-    /// Calls `f(first, points)` for pieces of positions in their order.
+    /// Some of them, read into `room` unless they are points in memory anyway.
+    [[nodiscard]] std::span<const point> get(std::size_t first, std::size_t count, std::vector<point>& room) const {
+        if (myPoints) return {myPoints + first, count};
+        room.resize(count);
+        myRead(first, room);
+        return room;
+    }
+    /// Calls `f(first, points)` for pieces of up to `MostAtOnce` positions in their order.
     template<class F>
     void forEachPiece(std::size_t begin, std::size_t end, const F& f) const {
-        constexpr std::size_t Most = 256;
-        point points[Most];
-        for (std::size_t first = begin; first < end; first += Most) {
-            const std::span<point> piece(points, std::min(Most, end - first));
-            myRead(first, piece);
-            f(first, std::span<const point>(piece));
+        point room[MostAtOnce];
+        for (std::size_t first = begin; first < end; first += MostAtOnce) {
+            const std::size_t count = std::min(MostAtOnce, end - first);
+            if (!myPoints) myRead(first, std::span(room, count));
+            f(first, std::span<const point>(myPoints ? myPoints + first : room, count));
         }
+    }
+    static constexpr std::size_t MostAtOnce = 256;
+    /// Whether those that follow each other are far from each other, as far as that can be told at once.
+    [[nodiscard]] bool areScattered() const noexcept {
+        return myPoints && detail::SpatialOrder::pays({myPoints, size()});
     }
 
 private:
     StrongPtr<MemBase> myOwner;
     MultiIndex<3> myExtents;
+    const point* myPoints = nullptr; // where they are points without gaps
     std::function<void(std::size_t, std::span<point>)> myRead;
 };
 
 bool isNumber(const FractionalIndex& index) noexcept {
-    return index[0] == index[0] && index[1] == index[1] && index[2] == index[2];
+    return (index[0] == index[0]) & (index[1] == index[1]) & (index[2] == index[2]); // no branches
 }
 
 /// No bounds: a uniform fragment claims every position.
@@ -133,6 +148,31 @@ bool claims(const detail::RectilinearCoordinates& fragment, const BlockMask* mas
     if (mask && !mask->has(found)) return false;
     index = found;
     return true;
+}
+
+/// The fractional indices of positions that a fragment has claimed: to the bit what `claims` gives.
+void indicesOf(const detail::UniformCoordinates& fragment, std::span<const point> points, FractionalIndex* indices) {
+    // Two positions at a time: then divisions go in pairs.
+    double origin[6], spacing[6];
+    bool isFlat = false;
+    for (int c = 0; c < 6; ++c) {
+        origin[c] = fragment.axis(c % 3).origin();
+        spacing[c] = fragment.axis(c % 3).spacing();
+        isFlat |= spacing[c] == 0.0;
+    }
+    std::size_t m = 0;
+    for (; m + 2 <= points.size() && !isFlat; m += 2) {
+        double x[6];
+        std::memcpy(x, &points[m], sizeof x);
+        for (int c = 0; c < 6; ++c) x[c] = (x[c] - origin[c]) / spacing[c];
+        std::memcpy(&indices[m], x, sizeof x);
+    }
+    for (; m < points.size(); ++m) indices[m] = fragment.getIndex(points[m]);
+}
+
+void indicesOf(const detail::RectilinearCoordinates& fragment, std::span<const point> points,
+               FractionalIndex* indices) {
+    for (std::size_t m = 0; m < points.size(); ++m) indices[m] = fragment.getFractionalIndex(points[m]);
 }
 
 /// The masks of the grid that a search is about.
@@ -502,26 +542,27 @@ struct GridEvaluator::Found {
         myPlaces = nullptr;
         myMemory.reset();
     }
-    /// Calls `f(k, end, number, at)` for positions that follow each other in one fragment; `at(k)` is the fractional
-    /// index.
+    /// Calls `f(k, end, number, at)` for positions that follow each other in one fragment; `at` are their fractional
+    /// indices.
     template<class F>
     void forEachRun(std::size_t begin, std::size_t end, const F& f) const {
         const FractionalIndex* const there = myPlaces.load(std::memory_order_acquire);
         positions.forEachPiece(first + begin, first + end, [&](std::size_t from, std::span<const point> points) {
             from -= first;
+            FractionalIndex indices[Positions::MostAtOnce];
             for (std::size_t k = from, next = from; k < from + points.size(); k = next) {
                 const Word word = words[k];
                 while (++next < from + points.size() && words[next] == word) {
                 }
                 const std::uint32_t number = word.fragment();
                 if (number == noFragment) continue;
-                const point* const p = points.data() - from;
-                if (number >= computed.size())
-                    f(k, next, number, [there](std::size_t n) { return there[n]; });
-                else
-                    computed[number].visitProducts([&](const auto& product) {
-                        f(k, next, number, [&product, p](std::size_t n) { return product.getFractionalIndex(p[n]); });
-                    });
+                if (number >= computed.size()) {
+                    f(k, next, number, there + k);
+                    continue;
+                }
+                computed[number].visitProducts(
+                    [&](const auto& product) { indicesOf(product, points.subspan(k - from, next - k), indices); });
+                f(k, next, number, static_cast<const FractionalIndex*>(indices));
             }
         });
     }
@@ -538,8 +579,8 @@ struct GridEvaluator::Found {
         const std::lock_guard lock(myMutex);
         if (myIndices) return myIndices;
         auto made = Indices::create(MultiIndex<1>(count));
-        forEachRun(0, count, [&](std::size_t begin, std::size_t end, std::uint32_t, const auto& at) {
-            for (std::size_t k = begin; k < end; ++k) made->element(k) = at(k);
+        forEachRun(0, count, [&](std::size_t begin, std::size_t end, std::uint32_t, const FractionalIndex* at) {
+            for (std::size_t k = begin; k < end; ++k) made->element(k) = at[k - begin];
         });
         return myIndices = made;
     }
@@ -646,10 +687,9 @@ private:
         constexpr std::size_t Together = 32, Least = 64 * Together;
         const std::size_t piece = std::clamp(n / detail::teamSize() + 1, Least, detail::SpatialOrder::MostPositions);
         detail::inParallel(n, piece, bytesEach * n, [&](std::size_t begin, std::size_t end) {
-            std::vector<point> points(end - begin);
-            myPositions.read(myFound->first + begin, points);
+            std::vector<point> room;
             detail::forEachNeighbours<Tiling::MaximalTile>(
-                points,
+                myPositions.get(myFound->first + begin, end - begin, room),
                 [&](std::span<const point> now, const auto& number) {
                     findTogether(now, [&](std::size_t m) { return begin + number(m); });
                 },
@@ -756,6 +796,23 @@ struct GridEvaluator::Blocks {
         }
         return true;
     }
+    /// Sends for the four rows of elements around a fractional index.
+    static void prefetch([[maybe_unused]] const MultiArrayBase<N, T>& block,
+                         [[maybe_unused]] const Orvix::FixedArray<double, N>& at) noexcept {
+#if defined(__GNUC__)
+        const auto* corner = block.storage();
+        if (!corner) return;
+        index_t stride = block.stride(), up[N] = {};
+        for (int d = 0; d < N; ++d) {
+            const index_t n = block.Size()[d];
+            const double last = static_cast<double>(n - 1);
+            corner += stride * static_cast<index_t>(at[d] > 0.0 ? static_cast<long long>(std::min(at[d], last)) : 0);
+            up[d] = at[d] >= 0.0 && at[d] < last ? stride : 0;
+            stride *= n;
+        }
+        for (int row = 0; row < 4; ++row) __builtin_prefetch(corner + (row & 1 ? up[1] : 0) + (row & 2 ? up[2] : 0));
+#endif
+    }
     /// Writes the value at a fractional index; none where that is no number.
     static void write(const MultiArrayBase<N, T>& block, const Orvix::FixedArray<double, N>& at, T& out) {
         bool isPosition = true;
@@ -781,14 +838,23 @@ bool GridEvaluator::collect(Blocks<N, T>& blocks, const Field& source) const {
 
 template<class T>
 void GridEvaluator::interpolate(T* out, const Found& found, const Blocks<3, T>& blocks) {
-    detail::inParallel(
-        found.count, EvaluatedPiece, EvaluatedBytes * found.count, [&](std::size_t from, std::size_t to) {
-            found.forEachRun(from, to, [&](std::size_t begin, std::size_t end, std::uint32_t number, const auto& at) {
-                const MultiArrayBase<3, T>& block = blocks.views[number];
-                if (block.nElements() == 0) return;
-                for (std::size_t k = begin; k < end; ++k) Blocks<3, T>::write(block, at(k), out[k]);
-            });
-        });
+    constexpr std::size_t NearCaches = std::size_t{1} << 20;
+    const bool areScattered = found.positions.areScattered();
+    const auto evaluate = [&](std::size_t begin, std::size_t end, std::uint32_t number, const FractionalIndex* at) {
+        const MultiArrayBase<3, T>& block = blocks.views[number];
+        if (block.nElements() == 0) return;
+        const bool isFar = areScattered && block.nElements() * sizeof(T) > NearCaches;
+        constexpr std::size_t OnTheWay = 32;
+        for (std::size_t k = begin; k < end; k += OnTheWay) {
+            const std::size_t last = std::min(end, k + OnTheWay);
+            if (isFar)
+                for (std::size_t n = k; n < last; ++n) Blocks<3, T>::prefetch(block, at[n - begin]);
+            // Indices of what was found are numbers.
+            for (std::size_t n = k; n < last; ++n) out[n] = Interpolate<3, T>(block, at[n - begin]).evaluate();
+        }
+    };
+    detail::inParallel(found.count, EvaluatedPiece, EvaluatedBytes * found.count,
+                       [&](std::size_t from, std::size_t to) { found.forEachRun(from, to, evaluate); });
 }
 
 template<int N, class T>
