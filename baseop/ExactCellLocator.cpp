@@ -1,6 +1,7 @@
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/detail/location/CellBoxTree.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
+#include <baseop/detail/location/RowKernels.hpp>
 #include <baseop/detail/location/SpatialOrder.hpp>
 #include <baseop/detail/location/TrilinearCell.hpp>
 #include <model/hestra/Profiler.hpp>
@@ -32,52 +33,23 @@ using detail::TrilinearCell;
 class CellImages final : public CellBoxTree::Shapes {
 public:
     CellImages(const BlockVertices& vertices, const CellBoxTree& tree)
-        : myVertices(vertices), myTree(&tree), mySums(4 * static_cast<std::size_t>(vertices.size()[0])) {}
+        : myVertices(vertices), myTree(&tree), myPitch(CellBoxTree::roomFor(vertices.size()[0])), mySums(12 * myPitch) {
+    }
 
     [[nodiscard]] int edges() const noexcept override { return 7; }
     void fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row) override {
         const auto n = static_cast<std::size_t>(myVertices.size()[0]);
-        // Over the four vertices at each i: their sum, and the differences along j, along k and along both.
-        double* const sum = mySums.data();
-        double* const alongJ = sum + n;
-        double* const alongK = sum + 2 * n;
-        double* const alongBoth = sum + 3 * n;
-        for (int d = 0; d < 3; ++d) {
-            myVertices.sumAcrossRow<true>(j, k, d, sum);
-            const double scale = myTree->scale(d);
-            // A sum of numbers may be too large for one; differences of corners that are numbers hardly are.
-            constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-            for (std::size_t i = 0; i + 1 < n; ++i) {
-                const double centre = (sum[i] + sum[i + 1]) * 0.125;
-                const double edge[7] = {(sum[i + 1] - sum[i]) * 0.125,
-                                        (alongJ[i] + alongJ[i + 1]) * 0.125,
-                                        (alongK[i] + alongK[i + 1]) * 0.125,
-                                        (alongJ[i + 1] - alongJ[i]) * 0.125,
-                                        (alongK[i + 1] - alongK[i]) * 0.125,
-                                        (alongBoth[i] + alongBoth[i + 1]) * 0.125,
-                                        (alongBoth[i + 1] - alongBoth[i]) * 0.125};
-                row.centre[d][i] = myTree->toFloat(centre * 0.0 == 0.0 ? centre : nan, d);
-                for (int g = 0; g < 7; ++g) row.edge[g][d][i] = static_cast<float>(edge[g] * scale);
-            }
-        }
-        for (std::size_t i = 0; i + 1 < n; ++i) {
-            double sides = 0.0;
-            for (int d = 0; d < 3; ++d)
-                for (int g = 0; g < 3; ++g)
-                    sides += std::fabs(static_cast<double>(row.edge[g][d][i])) / myTree->scale(d);
-            const float check = row.centre[0][i] * 0.0F + row.centre[1][i] * 0.0F + row.centre[2][i] * 0.0F;
-            for (int d = 0; d < 3; ++d) {
-                row.slack[d][i] = static_cast<float>(16.0 * TrilinearCell::Tolerance * sides * myTree->scale(d));
-                row.centre[d][i] += check;
-            }
-        }
+        const detail::RowSums sums =
+            detail::sumAcrossRow<true>(myVertices.rowsAround(j, k, myRows).of, n, mySums.data(), myPitch);
+        detail::fillImages(sums, n - 1, 16.0 * TrilinearCell::Tolerance, *myTree, row);
     }
     [[nodiscard]] std::unique_ptr<Shapes> clone() const override { return std::make_unique<CellImages>(*this); }
 
 private:
     const BlockVertices myVertices;
     const CellBoxTree* myTree;
-    std::vector<double> mySums;
+    std::size_t myPitch;
+    std::vector<double> mySums, myRows;
 };
 
 /// Solves in one cell; false, with `uvw` untouched, when it has no such point.

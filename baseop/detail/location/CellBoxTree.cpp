@@ -260,13 +260,13 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
     std::vector<Worker> workers(static_cast<std::size_t>(std::max(omp_get_max_threads(), 1)));
     for (Worker& worker : workers) {
         worker.shapes = shapes.clone();
-        worker.memory.resize(4 * width * Arrays);
+        worker.memory.resize(4 * roomFor(width) * Arrays);
         worker.bounds.resize(2 * width); // low and high ones of one axis
         float* next = worker.memory.data();
         const auto take = [&](float*(&vector)[3]) {
             for (float*& component : vector) {
                 component = next;
-                next += width;
+                next += roomFor(width);
             }
         };
         for (Row& row : worker.rows) {

@@ -42,8 +42,17 @@ class CellBoxTree {
 public:
     using point = Orvix::PhysicalSpace::point;
 
+    /// Rows may be read and written in vectors of up to so many numbers.
+    static constexpr std::size_t RowLanes = 8;
+    /// The room that `count` numbers need, and one more behind them, when they are.
+    [[nodiscard]] static constexpr std::size_t roomFor(std::size_t count) noexcept {
+        return (count + 2 * RowLanes - 1) / RowLanes * RowLanes;
+    }
+    /// Whatever is farther away counts as so far: all bounds are numbers.
+    static constexpr double Farthest = 1e30;
+
     /// The sets of the cells of one row: centre + sum over g of t_g edge_g, |t_g| <= 1, widened by `slack` along each
-    /// axis; all relative to the tree's scale. A centre of NaN makes an empty set.
+    /// axis; all relative to the tree's scale. A centre of NaN makes an empty set. There is `roomFor` them.
     struct Row {
         static constexpr int MaximalEdges = 7;
         float* centre[3];
@@ -83,6 +92,8 @@ public:
         const double scaled = (x - myOrigin[axis]) * myScale[axis];
         return static_cast<float>(std::min(std::max(scaled, -Farthest), Farthest));
     }
+    /// The world coordinate that it sees as 0.
+    [[nodiscard]] double origin(int axis) const noexcept { return myOrigin[axis]; }
     /// Factor from world lengths to those of the tree.
     [[nodiscard]] double scale(int axis) const noexcept { return myScale[axis]; }
 
@@ -98,9 +109,6 @@ public:
     void forEachGroupAt(const point& P, F&& f) const;
 
 private:
-    /// Whatever is farther away counts as so far: all bounds are numbers.
-    static constexpr double Farthest = 1e30;
-
     /// Boxes by axis, of which those with bounds the wrong way round are empty.
     template<std::size_t N>
     struct Boxes {
