@@ -1,6 +1,7 @@
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/detail/location/CellBoxTree.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
+#include <baseop/detail/location/CellTrail.hpp>
 #include <baseop/detail/location/RowKernels.hpp>
 #include <baseop/detail/location/SpatialOrder.hpp>
 #include <baseop/detail/location/TrilinearCell.hpp>
@@ -67,6 +68,7 @@ struct ExactCellLocator::Search {
     BlockVertices vertices;
     point lowest, highest; // of all positions that may be found
     CellBoxTree tree;
+    const std::uint64_t identity = detail::CellTrail::newNumber();
 
     explicit Search(const MultiArrayBase<3, point>& view) : vertices(view) {
         if (vertices.cells().product() == 0) return;
@@ -133,6 +135,29 @@ CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell, const B
         }
         return false;
     });
+    return found;
+}
+
+CellLocation ExactCellLocator::locate(const point& P, detail::CellTrail& trail, const BlockMask* mask) const {
+    const Search& search = *mySearch;
+    CellLocation found;
+    if (!search.canHave(P)) return found;
+    CellCandidates cells(search.vertices.cells(), 0);
+    const bool isNear = trail.reaches(search.identity, search.tree, P);
+    if (isNear)
+        search.tree.forEachAt(trail.cells(), P,
+                              [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { cells.add(i, j, k); });
+    if (!isNear || !cells.areAll()) {
+        found = locate(P, nullptr, mask);
+    } else {
+        for (const CellOfBlock& cell : cells) {
+            if ((mask && !mask->isCellValid(cell.index())) || !solve(search.vertices, cell.index(), P, found.local))
+                continue;
+            found.result = LocationResult::Found;
+            break;
+        }
+    }
+    if (found) trail.note(search.identity, search.vertices, found.local);
     return found;
 }
 

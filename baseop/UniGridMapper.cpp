@@ -1,5 +1,6 @@
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
+#include <baseop/detail/location/CellTrail.hpp>
 #include <baseop/detail/location/LinearReach.hpp>
 #include <baseop/detail/location/LinearSolve.hpp>
 #include <baseop/detail/location/Narrator.hpp>
@@ -81,6 +82,7 @@ struct UniGridMapper::Search {
         return MultiIndex3::fromLinear(number, vertices.cells());
     }
 
+    const std::uint64_t identity = Vantle::detail::CellTrail::newNumber();
     mutable std::once_flag longestOnce;
     mutable int longest = 0;
 
@@ -466,6 +468,37 @@ CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, const po
                                    const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(p)");
     return Query(*this, p, grid_epsilon, start, mask).find();
+}
+
+CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, Vantle::detail::CellTrail& trail,
+                                   const Vantle::BlockMask* mask) const {
+    const Search& search = *mySearch;
+    const point start(-1.0, -1.0, -1.0);
+    Query query(*this, p, grid_epsilon, start, mask);
+    CellLocation found;
+    CellCandidates cells(search.vertices.cells(), 0);
+    const bool isNear = search.unigrid.isFinite && query.canUseTrees() && search.unigrid.inside(p) &&
+                        trail.reaches(search.identity, search.effects, p);
+    if (isNear)
+        search.effects.forEachAt(trail.cells(), p,
+                                 [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { cells.add(i, j, k); });
+    if (!isNear || !cells.areAll()) {
+        found = query.find();
+    } else {
+        found = query.find(
+            cells,
+            [&](const CellOfBlock& cell, point& at) {
+                return linear::firstStep(at, p, cell.index(), search.vertices, myPrecision, linear::Everywhere);
+            },
+            [&](auto&& f) {
+                if (const auto* const near = trail.nearMisses(search.nearMisses); !near)
+                    search.nearMisses.forEachGroupAt(p, f);
+                else if (!near->empty())
+                    search.nearMisses.forEachGroupAt(*near, p, f);
+            });
+    }
+    if (found) trail.note(search.identity, search.vertices, found.local);
+    return found;
 }
 
 unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon,

@@ -15,6 +15,7 @@
 #include <model/hestra/Console.hpp>
 #include <model/vantle/GridKinds.hpp>
 
+#include <algorithm>
 #include <benchmark/benchmark.h>
 #include <cmath>
 #include <cstdio>
@@ -202,10 +203,10 @@ void LocateNeighbours(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * data.positions->nElements()));
 }
 
-/// What remains when the cell of each position is known: a solve, and an interpolation.
-void KnownCells(benchmark::State& state) {
+/// What remains when the cell of each position is known: a solve, and an interpolation if asked for.
+template<class At>
+void inKnownCells(benchmark::State& state, long long n, const At& at, bool isEvaluated) {
     const Fixture& data = fixture();
-    const auto n = static_cast<long long>(data.positions->nElements());
     struct Known {
         const Block* block;
         const ExactCellLocator* exact;
@@ -231,7 +232,7 @@ void KnownCells(benchmark::State& state) {
         exactLocators.push_back(Hestra::makeRef<ExactCellLocator>(Hestra::dynamicCast<Block>(keptAlive[2 * b])));
     }
     for (long long k = 0; k < n; ++k) {
-        const Point p = data.positions->create(static_cast<index_t>(k));
+        const Point p = at(static_cast<std::size_t>(k));
         const auto found = locator.locate(p);
         if (!found) continue;
         MultiIndex<3> cell;
@@ -246,18 +247,71 @@ void KnownCells(benchmark::State& state) {
     for (auto _ : state) {
 #pragma omp parallel for schedule(dynamic, 2048)
         for (long long k = 0; k < count; ++k) {
-            const Known& at = known[static_cast<std::size_t>(k)];
+            const Known& it = known[static_cast<std::size_t>(k)];
             Point uvw;
             if (isExact)
-                at.exact->localInCell(at.position, at.cell, uvw);
+                it.exact->localInCell(it.position, it.cell, uvw);
             else
-                UniGridMapper::localCellCoordinatesFromCell(uvw, at.position, at.cell, *at.block, last, precision);
-            out[static_cast<std::size_t>(k)] = Interpolate<3, double>(*at.values, uvw).evaluate();
+                UniGridMapper::localCellCoordinatesFromCell(uvw, it.position, it.cell, *it.block, last, precision);
+            out[static_cast<std::size_t>(k)] =
+                isEvaluated ? Interpolate<3, double>(*it.values, uvw).evaluate() : uvw[0] + uvw[1] + uvw[2];
         }
         benchmark::DoNotOptimize(out.data());
         benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(state.iterations() * n);
+}
+
+void KnownCells(benchmark::State& state) {
+    const Fixture& data = fixture();
+    inKnownCells(
+        state, static_cast<long long>(data.positions->nElements()),
+        [&](std::size_t k) { return data.positions->create(k); }, true);
+}
+
+/// Positions on the path of a particle, some ten a cell, through all blocks.
+const std::vector<Point>& path() {
+    static const std::vector<Point> made = [] {
+        std::vector<Point> points;
+        for (int k = 0; k < 1000000; ++k) {
+            const double t = 1e-3 * k;
+            points.push_back(
+                {0.6 + 0.3 * std::sin(0.7 * t), 0.5 + 0.3 * std::cos(1.1 * t), 0.5 + 0.2 * std::sin(0.3 * t)});
+        }
+        return points;
+    }();
+    return made;
+}
+void PathInKnownCells(benchmark::State& state) {
+    inKnownCells(
+        state, static_cast<long long>(path().size()), [](std::size_t k) { return path()[k]; }, false);
+}
+template<class Locate>
+void alongPath(benchmark::State& state, const Locate& locate) {
+    const Fixture& data = fixture();
+    ToFile file;
+    const LocalFromWorldPoint locator(data.slice, data.source, "Positions", optionsOf(state.range(0) != 0));
+    std::vector<LocalFromWorldPoint::Location> found(path().size());
+    for (auto _ : state) locate(locator, found);
+    const auto count = std::count_if(found.begin(), found.end(), [](const auto& each) { return bool(each); });
+    state.counters["found"] = static_cast<double>(count) / static_cast<double>(found.size());
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * found.size()));
+}
+void PathOneByOne(benchmark::State& state) {
+    alongPath(state, [](const LocalFromWorldPoint& locator, std::span<LocalFromWorldPoint::Location> found) {
+        for (std::size_t k = 0; k < found.size(); ++k) found[k] = locator.locate(path()[k]);
+    });
+}
+void PathTogether(benchmark::State& state) {
+    alongPath(state, [](const LocalFromWorldPoint& locator, std::span<LocalFromWorldPoint::Location> found) {
+        locator.locate(path(), found);
+    });
+}
+void PathWithHint(benchmark::State& state) {
+    alongPath(state, [](const LocalFromWorldPoint& locator, std::span<LocalFromWorldPoint::Location> found) {
+        LocationHint hint;
+        locator.locate(path(), found, hint);
+    });
 }
 
 /// The whole request, its new field included.
@@ -415,6 +469,10 @@ void UniformEvaluator(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(data.positions->nElements()));
 }
 
+BENCHMARK(PathInKnownCells)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(PathOneByOne)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(PathTogether)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(PathWithHint)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(KnownCells)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(Locate)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(LocateNeighbours)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();

@@ -222,7 +222,9 @@ public:
     /// Finds the cells for up to `MaximalPoints` such points; false when there are too many. Each stage is done for all
     /// points before the next, since searches one by one spend their time waiting for their own results.
     [[nodiscard]] bool match(std::span<const point> points, Matches& matches) const;
-    /// As `forEachGroupAt`, for points that the surroundings were gathered for.
+    /// As `forEachAt` and `forEachGroupAt`, for points in the box that the surroundings were gathered for.
+    template<class F>
+    void forEachAt(const Surroundings& surroundings, const point& P, F&& f) const;
     template<class F>
     void forEachGroupAt(const Surroundings& surroundings, const point& P, F&& f) const;
 
@@ -456,6 +458,16 @@ void CellBoxTree::forEachGroupAt(const point& P, F&& f) const {
         f(2 * place.at[0], 2 * place.at[1], 2 * place.at[2]);
         return true;
     });
+}
+
+template<class F>
+void CellBoxTree::forEachAt(const Surroundings& surroundings, const point& P, F&& f) const {
+    const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
+    if (surroundings.empty()) return;
+    for (auto mask = surroundings.myBoxes.membersIn(x, x, surroundings.myCount); mask; mask &= mask - 1) {
+        const Surroundings::Entry& entry = surroundings.myGroups[std::countr_zero(mask)];
+        visit(*entry.group, entry.lowestCell, x, f);
+    }
 }
 
 template<class F>
