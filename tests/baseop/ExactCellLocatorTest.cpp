@@ -147,8 +147,15 @@ TEST(ExactCellLocatorTest, SurvivesRoughBlocks) {
     for (const auto& [name, block] : roughBlocks()) {
         const ExactCellLocator locator(block);
         const std::vector<Point> points = probes(*block, 120, 77);
-        std::vector<CellLocation> together(points.size());
+        std::vector<CellLocation> together(points.size()), inOrder(16 * points.size());
         locator.locate(points, together);
+        std::vector<Point> many; // are put in order first
+        for (std::size_t k = 0; k < inOrder.size(); ++k) many.push_back(points[k % points.size()]);
+        locator.locate(many, inOrder);
+        for (std::size_t k = 0; k < inOrder.size(); ++k) {
+            const CellLocation& each = together[k % points.size()];
+            EXPECT_TRUE(inOrder[k].result == each.result && (!each || same(inOrder[k].local, each.local))) << name;
+        }
         for (std::size_t k = 0; k < points.size(); ++k) {
             const Point& P = points[k];
             MultiIndex<3> cell;

@@ -2,8 +2,12 @@
 // operation, in the width that this processor takes.
 
 #include <baseop/DataRange.hpp>
+#include <baseop/ExactCellLocator.hpp>
 #include <baseop/ExpandBBox.hpp>
+#include <baseop/Interpolate.hpp>
 #include <baseop/TangentialVectors.hpp>
+#include <baseop/UniGridMapper.hpp>
+#include <model/hestra/Console.hpp>
 
 #include <hwy/targets.h>
 #include <support/Creators.hpp>
@@ -90,8 +94,37 @@ void appendTangents(Bits& bits, std::size_t count, bool isWithNaN) {
     }
 }
 
+/// Where positions in rough blocks are, by search trees that were built with these lanes: cells that the trees leave
+/// out would be missing, whatever else the trees say.
+void appendLocations(Bits& bits, std::size_t count) {
+    std::mt19937_64 random(count);
+    std::normal_distribution<double> normal(0.0, 0.15);
+    const auto block = MemArray<3, PhysicalSpace::point>::create({count + 1, 4, 3});
+    MultiIndex<3> i;
+    do
+        for (int d = 0; d < 3; ++d) (*block)[i][d] = static_cast<double>(i[d]) + normal(random);
+    while (i.advance(block->Size()));
+    std::vector<PhysicalSpace::point> positions;
+    for (int k = 0; k < 400; ++k)
+        positions.push_back(interpolateAt<3, PhysicalSpace::point>(
+            *block, PhysicalSpace::point(static_cast<double>(random() % (1000 * count)) * 1e-3,
+                                         static_cast<double>(random() % 3000) * 1e-3,
+                                         static_cast<double>(random() % 2000) * 1e-3)));
+    const UniGridMapper linear(block, 1.0, 0.01);
+    const auto spoiled = MemArray<3, PhysicalSpace::point>::create(block->Size());
+    for (index_t k = 0; k < block->nElements(); ++k) spoiled->element(k) = block->element(k);
+    spoiled->element(random() % spoiled->nElements()) = {std::numeric_limits<double>::quiet_NaN(), 1e30, 0.0};
+    const ExactCellLocator exact(spoiled);
+    for (const auto& p : positions)
+        for (const CellLocation& found : {exact.locate(p), linear.locate(p, 0.02)}) {
+            append(bits, static_cast<int>(found.result));
+            for (const double x : found.local) append(bits, found ? x : 0.0);
+        }
+}
+
 /// What all operations with lanes give, for numbers of elements around each border of lanes and of blocks.
 Bits results() {
+    const Hestra::ScopedListener nobody({});
     Bits bits;
     for (std::size_t count = 1; count < 800; count += count < 140 ? 1 : 41)
         for (const bool isWithNaN : {false, true}) {
@@ -102,6 +135,7 @@ Bits results() {
             appendBox<point>(bits, count, isWithNaN);
             appendBox<Orvix::Coordinates<Orvix::Cartesian3D, float>::point>(bits, count, isWithNaN);
             appendTangents(bits, count, isWithNaN);
+            if (count < 24 && isWithNaN) appendLocations(bits, count);
         }
     return bits;
 }

@@ -166,7 +166,9 @@ TEST(LocalFromWorldPointTest, UniformAndRectilinearBlocksAreComputed) {
 // Many at once, one by one, heard and unheard: the same fragments, coordinates and codes, from fresh structures each
 // time; and a word is said of exactly those positions that have one.
 TEST(LocalFromWorldPointTest, NeitherListenersNorNeighboursChangeAnAnswer) {
-    const std::vector<Point> positions = support::mixedPositions(60, 12);
+    std::vector<Point> positions = support::mixedPositions(60, 12);
+    std::shuffle(positions.begin(), positions.end(), std::mt19937_64(5)); // so many that they are put in order
+    ASSERT_GT(positions.size(), 1024U);
     for (const CellLocator kind : {CellLocator::Newton, CellLocator::Exact, CellLocator::Projective}) {
         const Scene one(support::mixedScene()), many(support::mixedScene()), aloud(support::mixedScene());
         std::unique_ptr<LocalFromWorldPoint> first, second, heard;
@@ -206,6 +208,54 @@ TEST(LocalFromWorldPointTest, NeitherListenersNorNeighboursChangeAnAnswer) {
         EXPECT_GT(codes[0], 800);
         EXPECT_GT(said, kind == CellLocator::Exact ? 0 : 20);
     }
+}
+
+// Paths of all paces, out of blocks and back, in blocks that are coarse, fine, overlapping or with holes; one hint for
+// several locators in turn.
+TEST(LocalFromWorldPointTest, HintsChangeNoAnswer) {
+    const Hestra::ScopedListener nobody({});
+    std::mt19937_64 random(17);
+    std::normal_distribution<double> normal;
+    std::vector<Scene> scenes{support::mixedScene()};
+    for (const support::Shape& shape : support::shapes()) {
+        scenes.emplace_back(shape, 2, MultiIndex<3>(6, 5, 7));
+        scenes.emplace_back(shape, 2, MultiIndex<3>(33, 29, 31));
+        const auto mask = MemArray<3, unsigned char>::create({33, 29, 31});
+        for (index_t k = 0; k < mask->nElements(); ++k) mask->element(k) = random() % 40 != 0;
+        scenes.back().blocks.setField(VertexMaskName, mask, scenes.back().blocks.positions()->getFragmentID("B"));
+    }
+    LocationHint hint;
+    int codes[3] = {};
+    for (const Scene& scene : scenes) {
+        const auto newton = scene.locator(), exact = scene.locator(options(CellLocator::Exact));
+        for (int walk = 0; walk < 60; ++walk) {
+            const support::BlockPtr block = scene.block(walk % 2 ? "A" : "B");
+            Point p =
+                support::positionIn(*block, support::randomIndices(*block, 1, static_cast<unsigned>(random()))[0]);
+            const Point next = support::positionIn(*block, Point(1, 1, 1)), first = block->element(0);
+            const double step = std::pow(10.0, -1.5 * double(random() % 3)) * support::distance(first, next);
+            PhysicalSpace::vector direction;
+            for (int k = 0; k < 120; ++k) {
+                const auto& locator = k / 40 == 1 ? exact : newton;
+                const auto each = locator->locate(p), found = locator->locate(p, hint);
+                ++codes[static_cast<int>(each.code)];
+                ASSERT_EQ(found.code, each.code) << p;
+                ASSERT_EQ(found.isSilent, each.isSilent) << p;
+                if (each) {
+                    ASSERT_EQ(found.fragment, each.fragment) << p;
+                    ASSERT_EQ(found.localCoordinates, each.localCoordinates) << p;
+                }
+                for (int d = 0; d < 3; ++d) {
+                    direction[d] = 0.9 * direction[d] + 0.4 * normal(random);
+                    p[d] += step * direction[d];
+                }
+            }
+            EXPECT_FALSE(newton->locate(Point(0, nan, 0), hint));
+        }
+    }
+    EXPECT_GT(codes[0], 5000);
+    EXPECT_GT(codes[1], 20000);
+    EXPECT_GT(codes[2], 300);
 }
 
 TEST(LocalFromWorldPointTest, TellsWhatItMakesOnce) {
