@@ -30,7 +30,7 @@ double magnitude(std::span<const double> components) {
     return std::sqrt(squares);
 }
 
-// Of a flow that is known exactly, how far its gradient is from that.
+// Of a flow that is known exactly, the gradient is how far it is from that.
 struct Derivatives {
     Statistics gradient, vorticity, divergence;
     double atBorder = 0.0; // the largest gradient there, where differences are one-sided

@@ -107,9 +107,10 @@ void drawSlice(const Tour& tour, const Lattice& lattice) {
     Picture picture(box, {-plane.normal, normal == 2 ? Vector(0, 1, 0) : Vector(0, 0, 1), false});
     if (!slice.isEmpty()) picture.add(slice, slice.values(tour.flow.field));
     picture.addAxes();
-    for (const BlockInfo& block : data.blocks()) { // where the plane cuts its hull
-        const Surface hull = data.block(block.name).boundary();
-        for (const Triangle& t : hull.triangles()) {
+    const std::vector<BlockInfo> blocks = data.blocks();
+    for (std::size_t b = 0; blocks.size() <= kBlocksDrawn && b < blocks.size(); ++b) {
+        const Surface hull = data.block(blocks[b].name).boundary();
+        for (const Triangle& t : hull.triangles()) { // where the plane cuts it
             std::vector<Point> cut;
             for (int n = 0; n < 3; ++n) {
                 const Point &p = hull.points()[t[n]], &q = hull.points()[t[(n + 1) % 3]];
@@ -134,16 +135,13 @@ void evaluateUniformly(const Tour& tour) {
     report.row("positions", sizeText(lattice.size) + " = " + count(lattice.size.product()));
     Stopwatch watch;
     const std::vector<bool> inside = positionsInside(tour.hull, lattice);
-    const auto several = static_cast<std::size_t>(std::count(inside.begin(), inside.end(), true));
-    report.row("inside the blocks", count(several) + ", by lines that cross their hull", watch);
+    const long several = std::count(inside.begin(), inside.end(), true);
+    report.row("inside the blocks", count(std::size_t(several)) + ", by lines that cross their hull", watch);
 
-    DataSet data = flow.data; // its positions, as a field, say how far a place is from where it should be
-    data.grid()->CartesianPositions()->iterate([&](const auto& id, const auto& creator) {
-        data.setField("position", FragmentID::Name(id, {}), creator);
-        return true;
-    });
+    // Positions as a field say how far a place is from where it should be.
+    flow.data.grid()->getCartesianRepresentation()->setField("position", flow.data.grid()->CartesianPositions());
     Progress progress("evaluation");
-    DataSet image = data.resample(lattice.size, lattice.box, {flow.field, "position"}, std::ref(progress));
+    DataSet image = flow.data.resample(lattice.size, lattice.box, {flow.field, "position"}, std::ref(progress));
     const double seconds = watch.lap();
     const Values values(image.array(flow.field, "image")), places(image.array("position", "image"));
     std::vector<unsigned char> outcome;
@@ -166,18 +164,17 @@ void evaluateUniformly(const Tour& tour) {
     report.row("found in cells", count(found));
     report.row("  inside, not found", count(lost));
     report.row("  outside, but found", count(surplus));
-    report.row("  farthest off", number(farthest, 3));
+    report.row("  farthest off", number(farthest, 3) + ", a position from the place found for it");
     if (flow.exact) {
         report.row("  largest error", number(largest, 3));
         report.row("  mean error", number(sum / double(std::max<index_t>(1, found)), 3));
     }
     report.row("  values", "with search structures, which are kept", seconds);
-    if (found == 0) report.line("  no position was found in a block: there are no values");
 
     watch.lap();
     image.setField("outcome", "image", std::move(outcome));
     image.write(tour.file("uniform.vti"), {flow.field, "outcome"}, {.compress = false});
-    report.row("uniform.vti", flow.field + "; outcome: 0 not found, 1 found", watch);
+    report.row("uniform.vti", flow.field + "; outcome: 1 found, 0 not", watch);
     if (!tour.pictures) return;
     drawSlice(tour, lattice);
     report.row("slice.png", "a picture of the slice through the middle", watch);

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <utility>
 
 namespace tour {
 
@@ -13,21 +12,21 @@ using namespace Vantle;
 
 namespace {
 
-constexpr RingCells kQuickRing = {6, 8, 12, 8};
 constexpr double kFarthest = 1e100; // squares and cubes stay finite
 
 // The coordinates as fields, which are read when they are needed.
-void addCoordinates(DataSet& data, const Plot3DFile& file) {
-    std::size_t b = 0;
-    for (const BlockInfo& block : data.blocks()) {
-        for (const int axis : {0, 1, 2}) {
+void addCoordinates(const DataSet& data, const Plot3DFile& file) {
+    const auto vertices = data.grid()->getCartesianRepresentation();
+    for (const int axis : {0, 1, 2}) {
+        const auto field = Hestra::makeRef<Field>(vertices->Positions()->getFragmentIDCollection());
+        for (std::size_t b = 0; b < file.blocks(); ++b) {
             const auto read = [=](const Hestra::WeakPtr<CreativeArrayBase>& creator) {
                 return file.read<double>(b, static_cast<std::size_t>(axis), creator);
             };
-            data.setField(std::string(1, "xyz"[axis]), block.name,
-                          Hestra::makeRef<FileArray>(read, typeid(double), block.size, data.cache()).strong());
+            field->setCreator(Hestra::makeRef<FileArray>(read, typeid(double), file.extents(b), data.cache()),
+                              vertices->Positions()->getFragmentID("block" + std::to_string(b + 1)));
         }
-        ++b;
+        vertices->setField(std::string(1, "xyz"[axis]), field);
     }
 }
 
@@ -159,11 +158,12 @@ std::string placeText(const Point& p) { return "(" + number(p[0]) + ", " + numbe
 
 std::string borderText(const Surface& surface) {
     const std::size_t border = surface.borderEdges();
-    return border == 0 ? "closed" : "ends at " + count(border) + " edges";
+    return border == 0 ? "closed" : "with a border of " + count(border) + " edges";
 }
 
 Flow makeFlow(const Options& options) {
-    Flow flow = options.files.empty() ? makeCylinderFlow(options.quick ? kQuickRing : RingCells()) : readFlow(options);
+    Flow flow = options.files.empty() ? makeCylinderFlow(options.quick ? RingCells{6, 8, 12, 8} : RingCells())
+                                      : readFlow(options);
     const std::string usual = flow.field;
     flow.field = varyingField(flow, usual, "");
     if (!options.field.empty()) {

@@ -13,7 +13,6 @@ using namespace Vantle;
 namespace {
 
 constexpr Colour kWallColour = 0xb8b8b8;
-constexpr std::size_t kBlocksDrawn = 200;
 
 Surface wallsOf(const Flow& flow, const Surface& hull) {
     const auto isWall = [&](unsigned int n) { return flow.isWall(hull.points()[n], hull.values("speed")[n]); };
@@ -26,7 +25,6 @@ Surface wallsOf(const Flow& flow, const Surface& hull) {
 }
 
 void draw(const Tour& tour, const Surface& surface, const std::string& title) {
-    const Progress progress("picture of the surface");
     const Flow& flow = tour.flow;
     Picture picture(flow.data.bounds(), {flow.viewDirection});
     if (!surface.isEmpty()) picture.add(surface, surface.values(flow.colourField));
@@ -64,12 +62,11 @@ void extractSurface(const Tour& tour) {
                     (least < greatest ? " goes from " + number(least, 6) + " to " + number(greatest, 6)
                                       : " is " + number(least, 6) + " everywhere"));
     report.row("vertices", count(surface.points().size()));
-    report.row("coloured by", flow.colourField, watch);
+    report.row("coloured by", flow.colourField);
     const DataSet part = flow.data.threshold(flow.field, level);
-    const CellCount cells = countCells(part);
-    report.row("at least that",
-               count(cells.valid) + " of " + count(cells.all) +
-                   " cells, the others blanked; their hull: " + borderText(part.boundary()),
+    report.row("threshold",
+               count(countCells(part).valid) +
+                   " cells are there or above; their hull: " + borderText(part.boundary({}, std::ref(progress))),
                watch);
     surface.write(tour.file("surface.vtp"), {.compress = false});
     report.row("surface.vtp", "the surface", watch);

@@ -33,8 +33,8 @@ void survey(Tour& tour) {
     for (const std::string& name : flow.scalars) report.row(name, text(data.range(name, std::ref(progress))), watch);
     const std::vector<BlockInfo> blocks = data.blocks();
     const CellCount cells = countCells(data);
-    report.row("blocks", count(blocks.size()) + ", of " + count(cells.all) + " cells", watch);
-    report.row("blanked", count(cells.all - cells.valid) + " cells", watch);
+    report.row("blocks", count(blocks.size()) + ", of " + count(cells.all) + " cells");
+    report.row("blanked", count(cells.all - cells.valid) + " cells");
     const auto joins = data.joins();
     report.row("joins",
                count(joins->joins().size()) + " found in " + count(joins->blocks()) + " blocks, " +
@@ -42,7 +42,7 @@ void survey(Tour& tour) {
                watch);
     for (std::size_t n = 0; n < std::min(joins->doubtful().size(), kDoubtsListed); ++n)
         report.line("    " + joins->doubtful()[n].reason);
-    tour.hull = data.boundary(flow.isWall ? DataSet::Fields{"speed"} : DataSet::Fields{});
+    tour.hull = data.boundary(flow.isWall ? DataSet::Fields{"speed"} : DataSet::Fields{}, std::ref(progress));
     report.row("hull", count(tour.hull.triangles().size()) + " triangles, " + borderText(tour.hull), watch);
 
     report.columns({"  name", "vertices", flow.field, "box"});

@@ -53,10 +53,8 @@ struct Flow {
 ///
 /// Coordinates  have to be finite, and not farther than 1e100.
 /// Blanking     vertices that files blank, and those with a value that is not finite, belong to no cell.
-/// Fields       of a solution: density, pressure, speed, energy; of functions: those that it has; of a grid alone: x,
-/// y,
-///              z. Unless the options name one, it is one that is not constant, if there is one; the surface is
-///              coloured by another.
+/// Fields       a solution has density, pressure, speed, energy; a grid alone has x, y, z. Unless the options name one,
+///              it is one that is not constant, if there is one; the surface is coloured by another.
 /// Memory       data of files are read block by block when they are needed, and dropped beyond the budget.
 /// Failure      FileError, also when no cell counts; UsageError for a field that there is not.
 Flow makeFlow(const Options& options);
@@ -74,14 +72,13 @@ struct CellCount {
     Vantle::index_t all = 0, valid = 0;
 };
 CellCount countCells(const Vantle::DataSet& data);
-/// 0 without a second vertex along each axis.
 Vantle::index_t countCells(const Vantle::MultiIndex<3>& block);
 
 /// "17 x 33 x 25".
 std::string sizeText(const Vantle::MultiIndex<3>& size);
 /// "(0.5, -1, 0)".
 std::string placeText(const Point& place);
-/// "closed", or at how many edges a surface ends.
+/// "closed", or how long the border of a surface is.
 std::string borderText(const Vantle::Surface& surface);
 
 struct Tour {

@@ -5,7 +5,6 @@
 
 #include <dataset/Files.hpp>
 
-#include <algorithm>
 #include <iostream>
 #include <new>
 #include <omp.h>
@@ -30,8 +29,7 @@ void run(const Options& options) {
 
     Tour tour{flow, options, report, gnuplotAvailable()};
     if (!tour.pictures) report.line("  no pictures: there is no gnuplot on the search path");
-    Vantle::AtomicFile log(
-        tour.file("tour.log")); // before the work, so that it is known at once whether it can be made
+    Vantle::AtomicFile log(tour.file("tour.log")); // before the work: whether it can be made is known at once
     survey(tour);
     extractSurface(tour);
     evaluateUniformly(tour);
@@ -39,6 +37,7 @@ void run(const Options& options) {
 
     log.write(report.text().data(), report.text().size());
     log.commit();
+    report.line("");
     report.row("tour.log", "this table");
 }
 
@@ -51,12 +50,11 @@ int complain(const std::string& reason, int status) {
 
 } // namespace tour
 
-// Exit status as --help says.
 int main(int argc, char** argv) {
     using namespace tour;
     try {
         Vantle::removeLeftoversOnSignals();
-        const Options options = parseOptions({argv + std::min(argc, 1), argv + argc});
+        const Options options = parseOptions({argv + (argc > 0), argv + argc});
         options.help ? void(std::cout << usage() << std::flush) : run(options);
         return 0;
     } catch (const UsageError& error) {

@@ -17,6 +17,7 @@ using Vantle::Point;
 using Vantle::Vector;
 using Colour = std::uint32_t; ///< 0xRRGGBB
 inline constexpr Colour kEdgeColour = 0x404040;
+inline constexpr std::size_t kBlocksDrawn = 200; ///< More of them would hide what they surround.
 
 /// From where a scene is looked at, by parallel projection.
 struct View {
