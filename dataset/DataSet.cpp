@@ -402,6 +402,43 @@ bool DataSet::hasValues(const std::string& field, const std::string& block) cons
     });
 }
 
+std::vector<std::vector<Point>> DataSet::edges(const std::string& block) const {
+    const std::vector<Point> all = positions(block);
+    const MultiIndex<3> size = sizeOf(block);
+    std::vector<std::vector<Point>> lines;
+    for (int axis = 0; axis < 3 && !all.empty(); ++axis)
+        for (const int edge : {0, 1, 2, 3}) {
+            MultiIndex<3> n;
+            for (const int side : {0, 1})
+                if (edge >> side & 1) n[(axis + 1 + side) % 3] = size[(axis + 1 + side) % 3] - 1;
+            std::vector<Point>& line = lines.emplace_back();
+            for (; n[axis] < size[axis]; ++n[axis]) line.push_back(all[n.linear(size)]);
+        }
+    return lines;
+}
+
+DataSet DataSet::block(const std::string& name) const {
+    const DataSetBlock only = step().block(name);
+    DataSet result(step().time);
+    Step& own = result.ownStep();
+    result.myState->cache = own.cache = step().cache;
+    own.joins = step().joins;
+    const StrongPtr<FragmentIDCollection> collection = Hestra::makeRef<FragmentIDCollection>();
+    const StrongPtr<FragmentID> id = only.id ? StrongPtr<FragmentID>(collection->makeFragmentID(name)) : nullptr;
+    step().representation->iterate([&](const FieldID& field, const Field& all) {
+        const StrongPtr<CreativeArrayBase> creator = all.getCreator(only.id);
+        if (!creator) return true;
+        const StrongPtr<Field> one = Hestra::makeRef<Field>(collection);
+        one->setCreator(creator, id);
+        if (field.name() == PositionsName)
+            own.setPositions(one);
+        else
+            own.setField(field.name(), one);
+        return true;
+    });
+    return result;
+}
+
 StrongPtr<MemBase> DataSet::array(const std::string& field, const std::string& block) const {
     return detail::request("field " + quoted(field), [&] {
         const StrongPtr<Field> of = step().field(field);

@@ -200,6 +200,11 @@ public:
     [[nodiscard]] Hestra::StrongPtr<MemBase> cellMask(const std::string& block) const;
     /// Whether a field, or one that is derived, has values in a block. Failure: also for an unknown field.
     [[nodiscard]] bool hasValues(const std::string& field, const std::string& block) const;
+    /// The edges of a block as lines through its vertices, for pictures: four along each axis, those along axis 0
+    /// first. Where a block is flat, some are the same, or points.
+    [[nodiscard]] std::vector<std::vector<Point>> edges(const std::string& block) const;
+    /// A block by itself, with its fields and masks, at the present time. Everything is shared, and the budget, too.
+    [[nodiscard]] DataSet block(const std::string& name) const;
     /// The array of a field, or of a field that is derived, in a block.
     [[nodiscard]] Hestra::StrongPtr<MemBase> array(const std::string& field, const std::string& block) const;
 
