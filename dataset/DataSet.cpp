@@ -92,7 +92,7 @@ DataSet::DataSet(const StrongPtr<Grid>& grid, double time) : DataSet(time) {
 }
 
 DataSet DataSet::read(const std::vector<std::filesystem::path>& files, const ReadOptions& options) {
-    const Hestra::ScopedListener silence({});
+    const Hestra::ScopedListener heard(detail::messages());
     if (files.empty()) throw DataSetError("no files to read");
     Plot3DReading reading;
     reading.cache = Hestra::makeRef<Hestra::Cache>();
@@ -242,7 +242,7 @@ void DataSet::setField(const std::string& field, const std::string& block, const
 
 void DataSet::removeField(const std::string& field) {
     if (Step::isReserved(field) || !step().representation->findField(field))
-        throw DataSetError(detail::unknownName("field", field, step().fieldNames()));
+        throw detail::unknownName("field", field, step().fieldNames());
     DataSet result = changed();
     result.ownStep().setField(field, nullptr);
     *this = std::move(result);
@@ -318,7 +318,7 @@ DataSet DataSet::atTime(double time) const {
 }
 
 std::vector<BlockInfo> DataSet::blocks() const {
-    const Hestra::ScopedListener silence({});
+    const Hestra::ScopedListener heard(detail::messages());
     std::vector<BlockInfo> all;
     for (const DataSetBlock& block : step().blocks())
         all.push_back({block.name(), block.size(), block.positions ? kindOf(*block.positions) : BlockKind::Other});
@@ -364,6 +364,81 @@ std::vector<Point> DataSet::positions(const std::string& block) const {
     });
 }
 
+StrongPtr<MemBase> DataSet::positionArray(const std::string& block) const {
+    return detail::request("positions of block " + quoted(block),
+                           [&] { return step().data(PositionsName, *step().positions(), step().block(block)); });
+}
+
+std::array<std::vector<double>, 3> DataSet::axes(const std::string& block) const {
+    const detail::FragmentCoordinates positions(positionArray(block));
+    std::array<std::vector<double>, 3> all;
+    bool isProduct = false;
+    positions.visitProducts([&](const auto& points) {
+        isProduct = true;
+        for (int d = 0; d < 3; ++d) {
+            MultiIndex<3> n;
+            for (; n[d] < points.Size()[d]; ++n[d]) all[static_cast<std::size_t>(d)].push_back(points[n][d]);
+        }
+    });
+    if (!isProduct) throw DataSetError("block " + quoted(block) + " is curvilinear, and has no coordinate axes");
+    return all;
+}
+
+StrongPtr<MemBase> DataSet::maskOf(const char* mask, const std::string& block) const {
+    return detail::request("mask of block " + quoted(block), [&] {
+        const DataSetBlock at = step().block(block);
+        const StrongPtr<Field> of = step().representation->findField(mask);
+        return of ? readData(*of, at.id) : StrongPtr<MemBase>();
+    });
+}
+StrongPtr<MemBase> DataSet::vertexMask(const std::string& block) const { return maskOf(VertexMaskName, block); }
+StrongPtr<MemBase> DataSet::cellMask(const std::string& block) const { return maskOf(CellMaskName, block); }
+
+bool DataSet::hasValues(const std::string& field, const std::string& block) const {
+    return detail::request("field " + quoted(field), [&] {
+        const DataSetBlock at = step().block(block);
+        const StrongPtr<Field> of = step().field(field);
+        return static_cast<bool>(of->getCreator(at.id));
+    });
+}
+
+std::vector<std::vector<Point>> DataSet::edges(const std::string& block) const {
+    const std::vector<Point> all = positions(block);
+    const MultiIndex<3> size = sizeOf(block);
+    std::vector<std::vector<Point>> lines;
+    for (int axis = 0; axis < 3 && !all.empty(); ++axis)
+        for (const int edge : {0, 1, 2, 3}) {
+            MultiIndex<3> n;
+            for (const int side : {0, 1})
+                if (edge >> side & 1) n[(axis + 1 + side) % 3] = size[(axis + 1 + side) % 3] - 1;
+            std::vector<Point>& line = lines.emplace_back();
+            for (; n[axis] < size[axis]; ++n[axis]) line.push_back(all[n.linear(size)]);
+        }
+    return lines;
+}
+
+DataSet DataSet::block(const std::string& name) const {
+    const DataSetBlock only = step().block(name);
+    DataSet result(step().time);
+    Step& own = result.ownStep();
+    result.myState->cache = own.cache = step().cache;
+    own.joins = step().joins;
+    const StrongPtr<FragmentIDCollection> collection = Hestra::makeRef<FragmentIDCollection>();
+    const StrongPtr<FragmentID> id = only.id ? StrongPtr<FragmentID>(collection->makeFragmentID(name)) : nullptr;
+    step().representation->iterate([&](const FieldID& field, const Field& all) {
+        const StrongPtr<CreativeArrayBase> creator = all.getCreator(only.id);
+        if (!creator) return true;
+        const StrongPtr<Field> one = Hestra::makeRef<Field>(collection);
+        one->setCreator(creator, id);
+        if (field.name() == PositionsName)
+            own.setPositions(one);
+        else
+            own.setField(field.name(), one);
+        return true;
+    });
+    return result;
+}
+
 StrongPtr<MemBase> DataSet::array(const std::string& field, const std::string& block) const {
     return detail::request("field " + quoted(field), [&] {
         const StrongPtr<Field> of = step().field(field);
@@ -385,6 +460,19 @@ NumberRange DataSet::range(const std::string& field, const Progress& progress) c
         const auto numbers = step().reading({field}, [&] { return step().numbers(field); });
         return numbers->all().value_or(NumberRange{NaN, NaN});
     });
+}
+
+std::optional<NumberRange> DataSet::knownRange(const std::string& field) const {
+    const StrongPtr<Field> of = step().representation->findField(field);
+    const auto known = of ? step().knownNumbers(field, *of) : nullptr;
+    return known ? std::optional(known->all().value_or(NumberRange{NaN, NaN})) : std::nullopt;
+}
+
+StrongPtr<const BlockJoins> DataSet::knownJoins() const {
+    const StrongPtr<Field> positions = step().positions();
+    const auto kept = positions->findInterface<BlockJoins>();
+    return kept && kept->options() == step().joins ? BlockJoins::of(*step().grid, step().joins)
+                                                   : StrongPtr<const BlockJoins>();
 }
 
 StrongPtr<const BlockJoins> DataSet::joins(const Progress& progress) const {

@@ -10,15 +10,18 @@
 #include <dataset/DataSetError.hpp>
 #include <dataset/Files.hpp>
 #include <dataset/Located.hpp>
+#include <dataset/Messages.hpp>
 #include <dataset/Progress.hpp>
 #include <dataset/Surface.hpp>
 #include <dataset/Values.hpp>
 #include <model/vantle/Bundle.hpp>
 
+#include <array>
 #include <filesystem>
 #include <functional>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <type_traits>
@@ -102,7 +105,7 @@ struct ContourOptions {
 ///              changed nothing. A name that is unknown is answered with those that there are, the nearest first.
 /// Concurrency  const members from any number of threads, of one object and of copies of it. Members that change it
 ///              need it for themselves, but not its copies. Everything uses all cores.
-/// Messages     none.
+/// Messages     none, unless there are `ScopedMessages`.
 class VANTLE_DATASET_API DataSet {
 public:
     using Fields = std::vector<std::string>;
@@ -187,6 +190,21 @@ public:
     [[nodiscard]] std::vector<FieldInfo> fields() const;
     /// The positions of a block's vertices, axis 0 fastest.
     [[nodiscard]] std::vector<Point> positions(const std::string& block) const;
+    /// The array that has them: of points in double or single precision, or computed.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> positionArray(const std::string& block) const;
+    /// The coordinates along x, y and z that the positions of a uniform or rectilinear block are made of. Failure: also
+    /// for other blocks.
+    [[nodiscard]] std::array<std::vector<double>, 3> axes(const std::string& block) const;
+    /// The masks of a block as they were set; null where nothing is masked.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> vertexMask(const std::string& block) const;
+    [[nodiscard]] Hestra::StrongPtr<MemBase> cellMask(const std::string& block) const;
+    /// Whether a field, or one that is derived, has values in a block. Failure: also for an unknown field.
+    [[nodiscard]] bool hasValues(const std::string& field, const std::string& block) const;
+    /// The edges of a block as lines through its vertices, for pictures: four along each axis, those along axis 0
+    /// first. Where a block is flat, some are the same, or points.
+    [[nodiscard]] std::vector<std::vector<Point>> edges(const std::string& block) const;
+    /// A block by itself, with its fields and masks, at the present time. Everything is shared, and the budget, too.
+    [[nodiscard]] DataSet block(const std::string& name) const;
     /// The array of a field, or of a field that is derived, in a block.
     [[nodiscard]] Hestra::StrongPtr<MemBase> array(const std::string& field, const std::string& block) const;
 
@@ -194,8 +212,12 @@ public:
     [[nodiscard]] Box bounds(const Progress& progress = {}) const;
     /// Least and greatest number of a scalar at valid vertices, -0 before +0; NaN when there are none.
     [[nodiscard]] NumberRange range(const std::string& field, const Progress& progress = {}) const;
+    /// The same if it is known by now, because it was asked for; else nothing. No data are looked at.
+    [[nodiscard]] std::optional<NumberRange> knownRange(const std::string& field) const;
     /// Which faces of which blocks are the same; blocks are numbered as by `blocks`.
     [[nodiscard]] Hestra::StrongPtr<const BlockJoins> joins(const Progress& progress = {}) const;
+    /// The same if they are known by now; else null.
+    [[nodiscard]] Hestra::StrongPtr<const BlockJoins> knownJoins() const;
 
     // ---- Surfaces
 
@@ -291,6 +313,7 @@ private:
     Step& ownStep();
     void setMask(const char* mask, const std::string& block, const Hestra::StrongPtr<MemBase>& array);
     [[nodiscard]] std::string derived(const char* operation, const std::string& field) const;
+    [[nodiscard]] Hestra::StrongPtr<MemBase> maskOf(const char* mask, const std::string& block) const;
     [[nodiscard]] MultiIndex<3> sizeOf(const std::string& block) const;
 
     std::shared_ptr<State> myState;
