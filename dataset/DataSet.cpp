@@ -92,7 +92,7 @@ DataSet::DataSet(const StrongPtr<Grid>& grid, double time) : DataSet(time) {
 }
 
 DataSet DataSet::read(const std::vector<std::filesystem::path>& files, const ReadOptions& options) {
-    const Hestra::ScopedListener silence({});
+    const Hestra::ScopedListener heard(detail::messages());
     if (files.empty()) throw DataSetError("no files to read");
     Plot3DReading reading;
     reading.cache = Hestra::makeRef<Hestra::Cache>();
@@ -242,7 +242,7 @@ void DataSet::setField(const std::string& field, const std::string& block, const
 
 void DataSet::removeField(const std::string& field) {
     if (Step::isReserved(field) || !step().representation->findField(field))
-        throw DataSetError(detail::unknownName("field", field, step().fieldNames()));
+        throw detail::unknownName("field", field, step().fieldNames());
     DataSet result = changed();
     result.ownStep().setField(field, nullptr);
     *this = std::move(result);
@@ -318,7 +318,7 @@ DataSet DataSet::atTime(double time) const {
 }
 
 std::vector<BlockInfo> DataSet::blocks() const {
-    const Hestra::ScopedListener silence({});
+    const Hestra::ScopedListener heard(detail::messages());
     std::vector<BlockInfo> all;
     for (const DataSetBlock& block : step().blocks())
         all.push_back({block.name(), block.size(), block.positions ? kindOf(*block.positions) : BlockKind::Other});
@@ -361,6 +361,44 @@ std::vector<Point> DataSet::positions(const std::string& block) const {
             },
             detail::FragmentCoordinates(at.positions).kind);
         return all;
+    });
+}
+
+StrongPtr<MemBase> DataSet::positionArray(const std::string& block) const {
+    return detail::request("positions of block " + quoted(block),
+                           [&] { return step().data(PositionsName, *step().positions(), step().block(block)); });
+}
+
+std::array<std::vector<double>, 3> DataSet::axes(const std::string& block) const {
+    const detail::FragmentCoordinates positions(positionArray(block));
+    std::array<std::vector<double>, 3> all;
+    bool isProduct = false;
+    positions.visitProducts([&](const auto& points) {
+        isProduct = true;
+        for (int d = 0; d < 3; ++d) {
+            MultiIndex<3> n;
+            for (; n[d] < points.Size()[d]; ++n[d]) all[static_cast<std::size_t>(d)].push_back(points[n][d]);
+        }
+    });
+    if (!isProduct) throw DataSetError("block " + quoted(block) + " is curvilinear, and has no coordinate axes");
+    return all;
+}
+
+StrongPtr<MemBase> DataSet::maskOf(const char* mask, const std::string& block) const {
+    return detail::request("mask of block " + quoted(block), [&] {
+        const DataSetBlock at = step().block(block);
+        const StrongPtr<Field> of = step().representation->findField(mask);
+        return of ? readData(*of, at.id) : StrongPtr<MemBase>();
+    });
+}
+StrongPtr<MemBase> DataSet::vertexMask(const std::string& block) const { return maskOf(VertexMaskName, block); }
+StrongPtr<MemBase> DataSet::cellMask(const std::string& block) const { return maskOf(CellMaskName, block); }
+
+bool DataSet::hasValues(const std::string& field, const std::string& block) const {
+    return detail::request("field " + quoted(field), [&] {
+        const DataSetBlock at = step().block(block);
+        const StrongPtr<Field> of = step().field(field);
+        return static_cast<bool>(of->getCreator(at.id));
     });
 }
 
@@ -422,6 +460,19 @@ NumberRange DataSet::range(const std::string& field, const Progress& progress) c
         const auto numbers = step().reading({field}, [&] { return step().numbers(field); });
         return numbers->all().value_or(NumberRange{NaN, NaN});
     });
+}
+
+std::optional<NumberRange> DataSet::knownRange(const std::string& field) const {
+    const StrongPtr<Field> of = step().representation->findField(field);
+    const auto known = of ? step().knownNumbers(field, *of) : nullptr;
+    return known ? std::optional(known->all().value_or(NumberRange{NaN, NaN})) : std::nullopt;
+}
+
+StrongPtr<const BlockJoins> DataSet::knownJoins() const {
+    const StrongPtr<Field> positions = step().positions();
+    const auto kept = positions->findInterface<BlockJoins>();
+    return kept && kept->options() == step().joins ? BlockJoins::of(*step().grid, step().joins)
+                                                   : StrongPtr<const BlockJoins>();
 }
 
 StrongPtr<const BlockJoins> DataSet::joins(const Progress& progress) const {
@@ -499,7 +550,7 @@ Surface DataSet::boundary(const Fields& fields, const Progress& progress) const 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
 
 Located DataSet::locate(std::span<const Point> positions, const Progress& progress) const {
-    return detail::request("location", progress, [&] {
+    return detail::request("location of " + std::to_string(positions.size()) + " positions", progress, [&] {
         auto located =
             step().reading({}, [&] { return std::make_shared<const LocatedPositions>(step().locate(positions)); });
         return Located(std::move(located), *this);
@@ -508,7 +559,7 @@ Located DataSet::locate(std::span<const Point> positions, const Progress& progre
 
 DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
                           const Progress& progress) const {
-    return detail::request("resampling", progress, [&] {
+    return detail::request("resampling to " + to_string(size) + " vertices", progress, [&] {
         for (int d = 0; d < 3; ++d)
             if (!(box.low[d] < box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] < 2)
                 throw DataSetError("resampling: an empty box, or less than two vertices, along axis " +
@@ -551,44 +602,53 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
         const auto mask = MemArray<3, unsigned char>::create(size);
         std::size_t found = 0;
 
-        // Slabs of the lattice, as thick as memory allows; within them, neighbours are located together.
+        // Tiles of the lattice, as even as may be, so that each has to do with few blocks; within them, neighbours are
+        // located together.
         const index_t atOnce = index_t{1} << (now.isLocatedByBlocks() ? 19 : 18); // blocks are read again for each
-        const index_t rows = std::clamp<index_t>(atOnce / size[0], 1, size[1]);
-        const index_t layers = std::clamp<index_t>(atOnce / (size[0] * rows), 1, size[2]);
+        MultiIndex<3> step = size;
+        while (step.product() > atOnce) {
+            int longest = 0;
+            for (int d = 1; d < 3; ++d)
+                if (step[d] > step[longest]) longest = d;
+            step[longest] = (step[longest] + 1) / 2;
+        }
         std::vector<Point> positions;
         std::vector<std::size_t> place;
         std::vector<double> values;
-        for (index_t k = 0; k < size[2]; k += layers)
-            for (index_t j = 0; j < size[1]; j += rows) {
-                const MultiIndex<3> slab(size[0], std::min(rows, size[1] - j), std::min(layers, size[2] - k));
-                const auto share = [&](index_t rowsDone) {
-                    return static_cast<double>(rowsDone) / static_cast<double>(size[1] * size[2]);
-                };
-                const Pulse::Part part(share(j + size[1] * k), share(j + size[1] * k + slab[1] * slab[2]));
-                positions.clear();
-                place.clear();
-                const detail::Tiling tiling(slab);
-                for (index_t tile = 0; tile < tiling.count(); ++tile)
-                    tiling.forEachIn(tile, [&](std::size_t, const MultiIndex<3>& n) {
-                        const MultiIndex<3> at = n + MultiIndex<3>(0, j, k);
-                        positions.push_back(lattice[at]);
-                        place.push_back(static_cast<std::size_t>(at.linear(size)));
-                    });
-                const LocatedPositions located =
-                    now.reading({}, [&] { return within(0.0, 0.7, [&] { return now.locate(positions); }); });
-                const Pulse::Part sampling(0.7, 1.0);
-                for (std::size_t n = 0; n < place.size(); ++n)
-                    mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;
-                found += located.found();
-                if (located.found() == 0) continue;
-                for (const Target& target : targets) {
-                    const auto components = static_cast<std::size_t>(target.components);
-                    values.assign(components * place.size(), NaN);
-                    now.sample(located, target.name, *target.field, target.components, values, {});
+        double done = 0.0;
+        MultiIndex<3> start;
+        for (start[2] = 0; start[2] < size[2]; start[2] += step[2])
+            for (start[1] = 0; start[1] < size[1]; start[1] += step[1])
+                for (start[0] = 0; start[0] < size[0]; start[0] += step[0]) {
+                    MultiIndex<3> extents;
+                    for (int d = 0; d < 3; ++d) extents[d] = std::min(step[d], size[d] - start[d]);
+                    const double each = static_cast<double>(extents.product()) / static_cast<double>(size.product());
+                    const Pulse::Part part(done, done + each);
+                    done += each;
+                    positions.clear();
+                    place.clear();
+                    const detail::Tiling tiling(extents);
+                    for (index_t tile = 0; tile < tiling.count(); ++tile)
+                        tiling.forEachIn(tile, [&](std::size_t, const MultiIndex<3>& n) {
+                            const MultiIndex<3> at = n + start;
+                            positions.push_back(lattice[at]);
+                            place.push_back(static_cast<std::size_t>(at.linear(size)));
+                        });
+                    const LocatedPositions located =
+                        now.reading({}, [&] { return within(0.0, 0.7, [&] { return now.locate(positions); }); });
+                    const Pulse::Part sampling(0.7, 1.0);
                     for (std::size_t n = 0; n < place.size(); ++n)
-                        std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
+                        mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;
+                    found += located.found();
+                    if (located.found() == 0) continue;
+                    for (const Target& target : targets) {
+                        const auto components = static_cast<std::size_t>(target.components);
+                        values.assign(components * place.size(), NaN);
+                        now.sample(located, target.name, *target.field, target.components, values, {});
+                        for (std::size_t n = 0; n < place.size(); ++n)
+                            std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
+                    }
                 }
-            }
         DataSet result(now.time);
         result.addUniformBlock("image", size, box);
         for (const Target& target : targets) result.setField(target.name, "image", target.array);

@@ -144,7 +144,7 @@ DataSetBlock DataSet::Step::block(const std::string& name) const {
         known.push_back(block.name());
         if (known.back() == name) return std::move(block);
     }
-    throw DataSetError(detail::unknownName("block", name, std::move(known)));
+    throw detail::unknownName("block", name, std::move(known));
 }
 
 std::vector<std::string> DataSet::Step::fieldNames() const {
@@ -160,7 +160,7 @@ StrongPtr<Field> DataSet::Step::field(const std::string& name) const {
     if (!isReserved(name))
         if (const StrongPtr<Field> set = representation->findField(name)) return set;
     if (StrongPtr<Field> made = derived(name)) return made;
-    throw DataSetError(detail::unknownName("field", name, fieldNames()));
+    throw detail::unknownName("field", name, fieldNames());
 }
 
 StrongPtr<Field> DataSet::Step::field(const std::string& name, int wanted) const {
@@ -201,16 +201,21 @@ void DataSet::Step::throwReadingFailures(const Fields& names) const {
 
 // What is known of the numbers of a field, and of the box of a block, is what it was derived from that decides.
 
+std::shared_ptr<const detail::FieldNumbers> DataSet::Step::knownNumbers(const std::string& name,
+                                                                        const Field& of) const {
+    const Blanking blanking = masks();
+    const std::lock_guard lock(myMutex);
+    const auto known = myNumbers.find(name);
+    return known != myNumbers.end() &&
+                   known->second->origin.isFor(&of, blanking.vertexMask().rawptr(), blanking.cellMask().rawptr())
+               ? known->second
+               : nullptr;
+}
+
 std::shared_ptr<const detail::FieldNumbers> DataSet::Step::numbers(const std::string& name) const {
     const StrongPtr<Field> of = field(name, 1);
+    if (auto known = knownNumbers(name, *of)) return known;
     const Blanking blanking = masks();
-    {
-        const std::lock_guard lock(myMutex);
-        const auto known = myNumbers.find(name);
-        if (known != myNumbers.end() &&
-            known->second->origin.isFor(of.rawptr(), blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
-            return known->second;
-    }
     auto made = std::make_shared<detail::FieldNumbers>();
     made->origin = detail::originOf(*of, blanking);
     const std::vector<DataSetBlock> all = blocks();

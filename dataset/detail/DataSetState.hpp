@@ -108,6 +108,9 @@ struct DataSet::Step {
         }
     }
 
+    /// Null when they are still to be computed.
+    [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> knownNumbers(const std::string& name,
+                                                                           const Field& of) const;
     [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> numbers(const std::string& name) const;
     [[nodiscard]] std::shared_ptr<const detail::BlockBoxes> boxes() const;
     /// Where positions are: with structures that are kept, or, where they would not fit into the budget, with those of

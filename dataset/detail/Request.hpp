@@ -1,8 +1,9 @@
 #pragma once
-/// What every request of the layer goes through: silence, progress, one style of errors.
+/// What every request of the layer goes through: who hears it, progress, one style of errors.
 
 #include <baseop/Isosurface.hpp>
 #include <dataset/DataSetError.hpp>
+#include <dataset/Messages.hpp>
 #include <dataset/Progress.hpp>
 #include <model/hestra/Console.hpp>
 #include <model/hestra/CreationFailure.hpp>
@@ -16,10 +17,13 @@
 
 namespace Vantle::detail {
 
-/// Does what is requested with nobody listening, and says what was requested when it fails.
+/// Who hears the requests of this thread: the innermost `ScopedMessages`, else nobody.
+[[nodiscard]] const Hestra::Console::Listener& messages() noexcept;
+
+/// Does what is requested, heard by nobody else, and says what was requested when it fails.
 template<class F>
 auto request(const std::string& what, const F& f) {
-    const Hestra::ScopedListener silence({});
+    const Hestra::ScopedListener heard(messages());
     const Hestra::ScopedCreationFailure failure;
     const auto fail = [&](const std::string& why) {
         const std::string& reason = failure.reason();
@@ -36,6 +40,8 @@ auto request(const std::string& what, const F& f) {
         fail(problem.what());
     } catch (const char* problem) {
         fail(problem);
+    } catch (const std::bad_alloc&) {
+        fail("there is not enough memory");
     }
     std::terminate(); // not reached
 }
@@ -60,7 +66,7 @@ auto request(const std::string& what, const Progress& progress, const F& f) {
 }
 
 /// "no field "presure"; there are: "pressure", "density"", the nearest name first.
-[[nodiscard]] std::string unknownName(const std::string& kind, const std::string& name, std::vector<std::string> known);
+[[nodiscard]] UnknownName unknownName(const std::string& kind, const std::string& name, std::vector<std::string> known);
 
 /// A name in quotes.
 [[nodiscard]] inline std::string quoted(const std::string& name) { return '"' + name + '"'; }
