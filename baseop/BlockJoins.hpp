@@ -73,7 +73,7 @@ public:
     /// Nothing moves.
     RigidMotion() = default;
     [[nodiscard]] static RigidMotion translation(const vector& by);
-    /// About the axis through `center`, right-handed, by an angle in radians. Failure  std::invalid_argument for an
+    /// About the axis through `center`, right-handed, by an angle in radians. Failure: std::invalid_argument for an
     /// axis without length.
     [[nodiscard]] static RigidMotion rotation(const point& center, const vector& axis, double angle);
 

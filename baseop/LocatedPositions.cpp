@@ -8,6 +8,7 @@
 #include <model/vantle/MemArray.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
@@ -29,7 +30,7 @@ using Numbers = TypeList<double, float, int, unsigned char, short, unsigned shor
 using Elements = TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long,
                           PhysicalSpace::vector, PhysicalSpace::point, Tensor>;
 
-/// Positions that are located, or evaluated, before anybody is told.
+/// Positions that are located in one block at a time.
 constexpr std::size_t LocatedAtOnce = std::size_t{1} << 16;
 /// Bytes of arrays made for an evaluation that are held together.
 constexpr std::size_t HeldBytes = std::size_t{32} << 20;
@@ -121,19 +122,24 @@ LocatedPositions::LocatedPositions(const LocalFromWorldPoint& locator, std::span
       myFragments(std::make_unique_for_overwrite<std::uint32_t[]>(mySize)) {
     VANTLE_SCOPE("LocatedPositions::LocatedPositions(locator, positions)");
     constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
-    std::vector<LocalFromWorldPoint::Location> found(std::min(LocatedAtOnce, mySize));
-    for (std::size_t begin = 0; begin < mySize; begin += found.size()) {
-        const std::size_t count = std::min(found.size(), mySize - begin);
-        const Hestra::Pulse::Part part(share(begin, mySize), share(begin + count, mySize));
-        locator.prepare(positions.subspan(begin, count));
-        locator.locate(positions.subspan(begin, count), std::span(found).first(count));
-        for (std::size_t k = 0; k < count; ++k) {
-            const bool isFound = static_cast<bool>(found[k]);
-            myPlaces[begin + k] = isFound ? found[k].localCoordinates : point(NaN, NaN, NaN);
-            myFragments[begin + k] = isFound ? found[k].fragment : Nowhere;
-            myFound += isFound ? 1 : 0;
+    locator.prepare(positions);
+    // Pieces are located and taken by the same thread; a position takes about as long as reading some kilobytes.
+    constexpr std::size_t Piece = 4096, BytesEach = 2048;
+    std::atomic<std::size_t> all{0};
+    detail::inParallel(mySize, Piece, BytesEach * mySize, [&](std::size_t begin, std::size_t end) {
+        std::vector<LocalFromWorldPoint::Location> found(end - begin);
+        locator.locate(positions.subspan(begin, end - begin), found);
+        std::size_t count = 0;
+        for (std::size_t k = begin; k < end; ++k) {
+            const LocalFromWorldPoint::Location& location = found[k - begin];
+            const bool isFound = static_cast<bool>(location);
+            myPlaces[k] = isFound ? location.localCoordinates : point(NaN, NaN, NaN);
+            myFragments[k] = isFound ? location.fragment : Nowhere;
+            count += isFound ? 1 : 0;
         }
-    }
+        all += count;
+    });
+    myFound = all;
 }
 
 LocatedPositions::LocatedPositions(std::span<const std::optional<BlockBox>> boxes, const LocatorOf& locatorOf,

@@ -402,6 +402,43 @@ bool DataSet::hasValues(const std::string& field, const std::string& block) cons
     });
 }
 
+std::vector<std::vector<Point>> DataSet::edges(const std::string& block) const {
+    const std::vector<Point> all = positions(block);
+    const MultiIndex<3> size = sizeOf(block);
+    std::vector<std::vector<Point>> lines;
+    for (int axis = 0; axis < 3 && !all.empty(); ++axis)
+        for (const int edge : {0, 1, 2, 3}) {
+            MultiIndex<3> n;
+            for (const int side : {0, 1})
+                if (edge >> side & 1) n[(axis + 1 + side) % 3] = size[(axis + 1 + side) % 3] - 1;
+            std::vector<Point>& line = lines.emplace_back();
+            for (; n[axis] < size[axis]; ++n[axis]) line.push_back(all[n.linear(size)]);
+        }
+    return lines;
+}
+
+DataSet DataSet::block(const std::string& name) const {
+    const DataSetBlock only = step().block(name);
+    DataSet result(step().time);
+    Step& own = result.ownStep();
+    result.myState->cache = own.cache = step().cache;
+    own.joins = step().joins;
+    const StrongPtr<FragmentIDCollection> collection = Hestra::makeRef<FragmentIDCollection>();
+    const StrongPtr<FragmentID> id = only.id ? StrongPtr<FragmentID>(collection->makeFragmentID(name)) : nullptr;
+    step().representation->iterate([&](const FieldID& field, const Field& all) {
+        const StrongPtr<CreativeArrayBase> creator = all.getCreator(only.id);
+        if (!creator) return true;
+        const StrongPtr<Field> one = Hestra::makeRef<Field>(collection);
+        one->setCreator(creator, id);
+        if (field.name() == PositionsName)
+            own.setPositions(one);
+        else
+            own.setField(field.name(), one);
+        return true;
+    });
+    return result;
+}
+
 StrongPtr<MemBase> DataSet::array(const std::string& field, const std::string& block) const {
     return detail::request("field " + quoted(field), [&] {
         const StrongPtr<Field> of = step().field(field);
@@ -513,7 +550,7 @@ Surface DataSet::boundary(const Fields& fields, const Progress& progress) const 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
 
 Located DataSet::locate(std::span<const Point> positions, const Progress& progress) const {
-    return detail::request("location", progress, [&] {
+    return detail::request("location of " + std::to_string(positions.size()) + " positions", progress, [&] {
         auto located =
             step().reading({}, [&] { return std::make_shared<const LocatedPositions>(step().locate(positions)); });
         return Located(std::move(located), *this);
@@ -522,7 +559,7 @@ Located DataSet::locate(std::span<const Point> positions, const Progress& progre
 
 DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
                           const Progress& progress) const {
-    return detail::request("resampling", progress, [&] {
+    return detail::request("resampling to " + to_string(size) + " vertices", progress, [&] {
         for (int d = 0; d < 3; ++d)
             if (!(box.low[d] < box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] < 2)
                 throw DataSetError("resampling: an empty box, or less than two vertices, along axis " +
@@ -565,44 +602,53 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
         const auto mask = MemArray<3, unsigned char>::create(size);
         std::size_t found = 0;
 
-        // Slabs of the lattice, as thick as memory allows; within them, neighbours are located together.
+        // Tiles of the lattice, as even as may be, so that each has to do with few blocks; within them, neighbours are
+        // located together.
         const index_t atOnce = index_t{1} << (now.isLocatedByBlocks() ? 19 : 18); // blocks are read again for each
-        const index_t rows = std::clamp<index_t>(atOnce / size[0], 1, size[1]);
-        const index_t layers = std::clamp<index_t>(atOnce / (size[0] * rows), 1, size[2]);
+        MultiIndex<3> step = size;
+        while (step.product() > atOnce) {
+            int longest = 0;
+            for (int d = 1; d < 3; ++d)
+                if (step[d] > step[longest]) longest = d;
+            step[longest] = (step[longest] + 1) / 2;
+        }
         std::vector<Point> positions;
         std::vector<std::size_t> place;
         std::vector<double> values;
-        for (index_t k = 0; k < size[2]; k += layers)
-            for (index_t j = 0; j < size[1]; j += rows) {
-                const MultiIndex<3> slab(size[0], std::min(rows, size[1] - j), std::min(layers, size[2] - k));
-                const auto share = [&](index_t rowsDone) {
-                    return static_cast<double>(rowsDone) / static_cast<double>(size[1] * size[2]);
-                };
-                const Pulse::Part part(share(j + size[1] * k), share(j + size[1] * k + slab[1] * slab[2]));
-                positions.clear();
-                place.clear();
-                const detail::Tiling tiling(slab);
-                for (index_t tile = 0; tile < tiling.count(); ++tile)
-                    tiling.forEachIn(tile, [&](std::size_t, const MultiIndex<3>& n) {
-                        const MultiIndex<3> at = n + MultiIndex<3>(0, j, k);
-                        positions.push_back(lattice[at]);
-                        place.push_back(static_cast<std::size_t>(at.linear(size)));
-                    });
-                const LocatedPositions located =
-                    now.reading({}, [&] { return within(0.0, 0.7, [&] { return now.locate(positions); }); });
-                const Pulse::Part sampling(0.7, 1.0);
-                for (std::size_t n = 0; n < place.size(); ++n)
-                    mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;
-                found += located.found();
-                if (located.found() == 0) continue;
-                for (const Target& target : targets) {
-                    const auto components = static_cast<std::size_t>(target.components);
-                    values.assign(components * place.size(), NaN);
-                    now.sample(located, target.name, *target.field, target.components, values, {});
+        double done = 0.0;
+        MultiIndex<3> start;
+        for (start[2] = 0; start[2] < size[2]; start[2] += step[2])
+            for (start[1] = 0; start[1] < size[1]; start[1] += step[1])
+                for (start[0] = 0; start[0] < size[0]; start[0] += step[0]) {
+                    MultiIndex<3> extents;
+                    for (int d = 0; d < 3; ++d) extents[d] = std::min(step[d], size[d] - start[d]);
+                    const double each = static_cast<double>(extents.product()) / static_cast<double>(size.product());
+                    const Pulse::Part part(done, done + each);
+                    done += each;
+                    positions.clear();
+                    place.clear();
+                    const detail::Tiling tiling(extents);
+                    for (index_t tile = 0; tile < tiling.count(); ++tile)
+                        tiling.forEachIn(tile, [&](std::size_t, const MultiIndex<3>& n) {
+                            const MultiIndex<3> at = n + start;
+                            positions.push_back(lattice[at]);
+                            place.push_back(static_cast<std::size_t>(at.linear(size)));
+                        });
+                    const LocatedPositions located =
+                        now.reading({}, [&] { return within(0.0, 0.7, [&] { return now.locate(positions); }); });
+                    const Pulse::Part sampling(0.7, 1.0);
                     for (std::size_t n = 0; n < place.size(); ++n)
-                        std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
+                        mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;
+                    found += located.found();
+                    if (located.found() == 0) continue;
+                    for (const Target& target : targets) {
+                        const auto components = static_cast<std::size_t>(target.components);
+                        values.assign(components * place.size(), NaN);
+                        now.sample(located, target.name, *target.field, target.components, values, {});
+                        for (std::size_t n = 0; n < place.size(); ++n)
+                            std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
+                    }
                 }
-            }
         DataSet result(now.time);
         result.addUniformBlock("image", size, box);
         for (const Target& target : targets) result.setField(target.name, "image", target.array);

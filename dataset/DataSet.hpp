@@ -100,7 +100,8 @@ struct ContourOptions {
 ///              joined blocks.
 /// Missing      a field may be missing in some blocks: there is no contour of it there, and no value. Derivatives
 ///              need it everywhere.
-/// Failure      DataSetError, or FileError from data that are read from files; what fails, and what is cancelled, has
+/// Failure      DataSetError, lack of memory included, or FileError from data that are read from files; what fails, and
+/// what is cancelled, has
 ///              changed nothing. A name that is unknown is answered with those that there are, the nearest first.
 /// Concurrency  const members from any number of threads, of one object and of copies of it. Members that change it
 ///              need it for themselves, but not its copies. Everything uses all cores.
@@ -172,7 +173,7 @@ public:
     /// How much memory is kept, together with all copies, of what can be had again: what was read from files, or was
     /// derived. Beyond that, what was not used for longest goes. Unlimited by default.
     void memoryBudget(std::size_t bytes);
-    /// What the budget is about: for creators of a caller's own.
+    /// What the budget is about, masks and what is converted included: for creators of a caller's own.
     [[nodiscard]] const Hestra::StrongPtr<Hestra::Cache>& cache() const noexcept;
 
     // ---- What is there
@@ -199,6 +200,11 @@ public:
     [[nodiscard]] Hestra::StrongPtr<MemBase> cellMask(const std::string& block) const;
     /// Whether a field, or one that is derived, has values in a block. Failure: also for an unknown field.
     [[nodiscard]] bool hasValues(const std::string& field, const std::string& block) const;
+    /// The edges of a block as lines through its vertices, for pictures: four along each axis, those along axis 0
+    /// first. Where a block is flat, some are the same, or points.
+    [[nodiscard]] std::vector<std::vector<Point>> edges(const std::string& block) const;
+    /// A block by itself, with its fields and masks, at the present time. Everything is shared, and the budget, too.
+    [[nodiscard]] DataSet block(const std::string& name) const;
     /// The array of a field, or of a field that is derived, in a block.
     [[nodiscard]] Hestra::StrongPtr<MemBase> array(const std::string& field, const std::string& block) const;
 
@@ -251,12 +257,15 @@ public:
     /// Finds positions in the blocks, and keeps where they are. Neighbours in order should be neighbours in space.
     ///
     /// Ties    the first block has a position on a common face.
-    /// Memory  28 bytes a position; search structures of some 13 bytes a cell of curvilinear blocks are kept.
+    /// Memory  28 bytes a position; search structures of some 13 bytes a cell of curvilinear blocks are kept, with the
+    ///         positions that they view. Where these exceed the budget, blocks are searched one by one and nothing is
+    ///         kept.
     [[nodiscard]] Located locate(std::span<const Point> positions, const Progress& progress = {}) const;
     /// Fields at the vertices of a uniform block that spans a box: NaN outside of all blocks, where the result is
     /// masked.
     ///
-    /// Memory   the result and some 20 MB. Failure: also for a box with an axis of no extent, and for less than two
+    /// Memory   the result and some 20 MB, by tiles; 40 MB where blocks are located one by one. Failure: also for a box
+    /// with an axis of no extent, and for less than two
     ///          vertices along an axis.
     [[nodiscard]] DataSet resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
                                    const Progress& progress = {}) const;

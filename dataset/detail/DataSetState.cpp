@@ -137,6 +137,8 @@ std::vector<DataSetBlock> DataSet::Step::blocks() const {
 }
 
 DataSetBlock DataSet::Step::block(const std::string& name) const {
+    if (const StrongPtr<FragmentID> id = name.empty() ? nullptr : positions()->getFragmentID(name))
+        if (StrongPtr<CreativeArrayBase> creator = positions()->getCreator(id)) return {id, std::move(creator)};
     std::vector<std::string> known;
     for (DataSetBlock& block : blocks()) {
         known.push_back(block.name());

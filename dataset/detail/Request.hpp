@@ -40,6 +40,8 @@ auto request(const std::string& what, const F& f) {
         fail(problem.what());
     } catch (const char* problem) {
         fail(problem);
+    } catch (const std::bad_alloc&) {
+        fail("there is not enough memory");
     }
     std::terminate(); // not reached
 }

@@ -1,17 +1,7 @@
 #include <baseop/DataRange.hpp>
-#include <model/vantle/DirectProduct.hpp>
 
-#include <bit>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <limits>
-#include <omp.h>
-#include <random>
 #include <support/Creators.hpp>
-#include <support/Teams.hpp>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
+#include <support/Testing.hpp>
 
 namespace {
 
@@ -169,7 +159,7 @@ TEST(DataRange, IsAttachedAndPublishedAndFreshUntilTheCreatorGetsOlderData) {
 
 TEST(DataRange, MakesDataOnlyWhenAllowed) {
     int runs = 0;
-    const StrongPtr<Hestra::Cache> cache = Hestra::makeRef<Hestra::Cache>();
+    const StrongPtr<Hestra::Cache> cache = makeRef<Hestra::Cache>();
     const auto creator = support::countingCreator(std::vector<float>{2, -1, 5}, runs, cache);
 
     EXPECT_FALSE(DataRange<float>::compute(*creator, false, true));
@@ -206,12 +196,12 @@ TEST(DataRange, IsEmptyWhereThereIsNoSuchRange) {
     none(support::creatorOf(std::vector<int>{1, 2}), double{});
     none(support::creatorOf(std::vector<float>{1, 2}), double{});
     none(support::creatorOf(std::vector<short>{1, 2}), short{});
-    none(support::creatorOf(std::vector<Orvix::PhysicalSpace::vector>(3)), double{});
+    none(support::creatorOf(std::vector<vector>(3)), double{});
     none(support::creatorOf(std::vector<double>{}), double{});
     none(support::creatorOf(StrongPtr<MemBase>()), double{});
 
     const auto failing = [](StrongPtr<MemBase> (*make)()) {
-        return Hestra::makeRef<CreativeArray>([make](const auto&) { return make(); }, VantleTypeIndex(typeid(double)));
+        return makeRef<CreativeArray>([make](const auto&) { return make(); }, VantleTypeIndex(typeid(double)));
     };
     none(failing([] { return StrongPtr<MemBase>(); }), double{});
     none(failing([]() -> StrongPtr<MemBase> { throw std::runtime_error("no data today"); }), double{});
@@ -219,17 +209,17 @@ TEST(DataRange, IsEmptyWhereThereIsNoSuchRange) {
     none(failing([] { return StrongPtr<MemBase>(makeMemArray1D(std::vector<int>{1})); }), double{});
     using Axis = LinearCoordinateAxisArray<double>;
     none(failing([] {
-             return StrongPtr<MemBase>(Hestra::makeRef<DirectProductMemArray<double, LinearCoordinateAxisArray, 1>>(
+             return StrongPtr<MemBase>(makeRef<DirectProductMemArray<double, LinearCoordinateAxisArray, 1>>(
                  std::array<Axis, 1>{Axis(0.0, 1.0, 3)}));
          }),
          double{});
 }
 
 TEST(DataRange, ExpandsByRangesOfItsOwnTypeOnly) {
-    const auto range = Hestra::makeRef<DataRange<double>>(1.0, 2.0);
+    const auto range = makeRef<DataRange<double>>(1.0, 2.0);
     range->setAge(5);
     const auto by = [&range](double min, double max, Hestra::Ageable::age_t age) {
-        const auto other = Hestra::makeRef<DataRange<double>>(min, max);
+        const auto other = makeRef<DataRange<double>>(min, max);
         other->setAge(age);
         range->expandRange(other);
         return range->getFloatDataRange();
@@ -239,7 +229,7 @@ TEST(DataRange, ExpandsByRangesOfItsOwnTypeOnly) {
     EXPECT_EQ(by(0.0, 7.0, 9), std::make_pair(-3.0, 7.0));
     EXPECT_EQ(range->age(), 9);
 
-    const auto other = Hestra::makeRef<DataRange<float>>(-100.0f, 100.0f);
+    const auto other = makeRef<DataRange<float>>(-100.0f, 100.0f);
     other->touch();
     range->expandRange(other);
     range->expandRange({});

@@ -12,6 +12,7 @@
 #include <random>
 #include <set>
 #include <support/Surfaces.hpp>
+#include <support/Teams.hpp>
 
 using namespace Vantle;
 using Hestra::StrongPtr;
@@ -23,15 +24,6 @@ namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
-class ThreadCount {
-public:
-    explicit ThreadCount(int threads) { omp_set_num_threads(threads); }
-    ~ThreadCount() { omp_set_num_threads(myBefore); }
-
-private:
-    int myBefore = omp_get_max_threads();
-};
 
 template<class T>
 StrongPtr<MemArray<3, T>> fill(const MultiIndex<3>& size, const std::function<double(const MultiIndex<3>&)>& value) {
@@ -88,23 +80,6 @@ private:
 
 // ---- Tables and identifiers -----------------------------------------------------------------------------------------
 
-/// The sides of its triangles that lie on the faces of a cell, as pairs of edges in the direction of the triangles;
-/// `inner` counts those that no other triangle of the cell goes along in the other direction but lie on no face.
-std::set<std::pair<int, int>> freeSides(int cubeCase) {
-    std::set<std::pair<int, int>> sides;
-    for (int t = 0; t < detail::triangleCount(cubeCase); ++t)
-        for (int c = 0; c < 3; ++c) {
-            const int a = detail::triTable[cubeCase][3 * t + c], b = detail::triTable[cubeCase][3 * t + (c + 1) % 3];
-            if (!sides.erase({b, a})) sides.insert({a, b});
-        }
-    return sides;
-}
-
-bool isOnFace(int edge, int axis, int side) {
-    return detail::CornerOffset[detail::EdgeCorners[edge][0]][axis] == side &&
-           detail::CornerOffset[detail::EdgeCorners[edge][1]][axis] == side;
-}
-
 TEST(IsosurfaceTablesTest, AreTheClassicOnes) {
     std::uint32_t triangles = 0, edges = 0;
     int count = 0;
@@ -121,51 +96,6 @@ TEST(IsosurfaceTablesTest, AreTheClassicOnes) {
     EXPECT_EQ(triangles, 1254848904U);
     EXPECT_EQ(edges, 3464161280U);
     EXPECT_EQ(count, 820);
-}
-
-// Whatever the two cases: where cells meet, the sides of their triangles are the same, in opposite directions.
-TEST(IsosurfaceTablesTest, NeighboursAgreeOnEveryFace) {
-    for (int axis = 0; axis < 3; ++axis) {
-        const auto across = [axis](int edge) { // the same edge as seen by the next cell along the axis
-            for (int other = 0; other < 12; ++other) {
-                bool same =
-                    detail::edgeGeometry[std::size_t(other)].axis == detail::edgeGeometry[std::size_t(edge)].axis;
-                for (int d = 0; d < 3; ++d)
-                    same &=
-                        detail::CornerOffset[detail::edgeGeometry[std::size_t(other)].lower][d] ==
-                        detail::CornerOffset[detail::edgeGeometry[std::size_t(edge)].lower][d] - (d == axis ? 1 : 0);
-                if (same) return other;
-            }
-            return -1;
-        };
-        const auto onFace = [axis](int cubeCase, int side) {
-            std::set<std::pair<int, int>> found;
-            for (const auto& [a, b] : freeSides(cubeCase))
-                if (isOnFace(a, axis, side) && isOnFace(b, axis, side)) found.insert({a, b});
-            return found;
-        };
-        const auto pattern = [axis](int cubeCase, int side) {
-            std::set<std::array<int, 2>> inside; // places on the face of the corners below the level
-            for (int c = 0; c < 8; ++c)
-                if (((cubeCase >> c) & 1) && detail::CornerOffset[c][axis] == side)
-                    inside.insert({detail::CornerOffset[c][(axis + 1) % 3], detail::CornerOffset[c][(axis + 2) % 3]});
-            return inside;
-        };
-        for (int low = 0; low < 256; ++low)
-            for (int high = 0; high < 256; ++high) {
-                if (pattern(low, 1) != pattern(high, 0)) continue;
-                std::set<std::pair<int, int>> expected;
-                for (const auto& [a, b] : onFace(low, 1)) expected.insert({across(b), across(a)});
-                ASSERT_EQ(onFace(high, 0), expected) << "cases " << low << " and " << high << " along axis " << axis;
-            }
-    }
-    for (int c = 0; c < 256; ++c) // and inside a cell nothing is left open
-        for (const auto& [a, b] : freeSides(c)) {
-            bool onSomeFace = false;
-            for (int face = 0; face < 6; ++face)
-                onSomeFace |= isOnFace(a, face / 2, face % 2) && isOnFace(b, face / 2, face % 2);
-            EXPECT_TRUE(onSomeFace) << "case " << c;
-        }
 }
 
 // Identifiers count the edges without gaps, and evaluation finds the ends of each again.
@@ -325,7 +255,7 @@ TYPED_TEST(IsosurfaceSweepTest, DoesNotDependOnTheNumberOfThreads) {
     const Blobs blobs(size, 14);
     const auto smooth = fill<TypeParam>(size, [&](const MultiIndex<3>& at) { return 100 + 100 * blobs(at); });
     for (int threads = 1; threads <= 4; ++threads) {
-        const ThreadCount count(threads);
+        const support::ThreadCount count(threads);
         SCOPED_TRACE(threads);
         this->expectPlain(*noise, 3.0); // few cells are whole
         this->expectPlain(*smooth, 100.5);
@@ -355,17 +285,6 @@ TEST(IsosurfaceTest, ClosedFieldsGiveClosedSurfaces) {
     const auto surface = ComputeIsosurface<float>(0.5, *noise, *bentPositions(size), 0.0);
     const TriangleCell* const first = surface.second->data();
     EXPECT_EQ(support::openEdges({first, first + surface.second->nElements()}), 0U);
-}
-
-// The vertices of a linear field lie where it has the level.
-TEST(IsosurfaceTest, LiesWhereTheFieldHasTheLevel) {
-    const MultiIndex<3> size(12, 13, 14);
-    const UniformCartesianArray positions(point(-1, -1, -1), size, point(1, 2, 3));
-    const auto f = [](const point& p) { return 2 * p[0] - 3 * p[1] + 0.5 * p[2]; };
-    const auto data = fill<double>(size, [&](const MultiIndex<3>& at) { return f(positions[at]); });
-    const auto points = ComputeIsosurfaceT(FieldExplorer(*data, 0.3), positions, 0.0).first;
-    ASSERT_GT(points->nElements(), 100U);
-    for (index_t n = 0; n < points->nElements(); ++n) ASSERT_NEAR(f(points->element(n)), 0.3, 1e-12);
 }
 
 TEST(IsosurfaceTest, ReportsAndRethrowsWhatGoesWrongInside) {

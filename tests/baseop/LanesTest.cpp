@@ -9,19 +9,11 @@
 #include <baseop/UniGridMapper.hpp>
 #include <model/hestra/Console.hpp>
 
-#include <bit>
-#include <cstring>
-#include <gtest/gtest.h>
 #include <hwy/targets.h>
-#include <limits>
-#include <random>
 #include <support/Creators.hpp>
-#include <type_traits>
+#include <support/Testing.hpp>
 
 namespace {
-
-using namespace Vantle;
-using Orvix::PhysicalSpace;
 
 /// Lanes of one width while it lives.
 class Lanes {
@@ -79,7 +71,7 @@ void appendBox(Bits& bits, std::size_t count, bool isWithNaN) {
     std::vector<Point> points(count);
     for (Point& point : points)
         for (auto& x : point) x = randomNumber<typename Point::value_type>(random, isWithNaN);
-    Hestra::StrongPtr<Orvix::BoundingBox> box;
+    StrongPtr<BoundingBox> box;
     ASSERT_TRUE(ExpandBBox(box, *support::creatorOf(points)));
     for (int axis = 0; axis < 3; ++axis) {
         append(bits, box->minCoord()[axis]);
@@ -89,9 +81,9 @@ void appendBox(Bits& bits, std::size_t count, bool isWithNaN) {
 
 void appendTangents(Bits& bits, std::size_t count, bool isWithNaN) {
     std::mt19937_64 random(count);
-    std::vector<PhysicalSpace::point> points(count + 1);
-    for (auto& point : points)
-        for (double& x : point) x = randomNumber<double>(random, isWithNaN);
+    std::vector<point> points(count + 1);
+    for (point& p : points)
+        for (double& x : p) x = randomNumber<double>(random, isWithNaN);
     std::vector<index_t> curve(count + 1);
     for (index_t& index : curve) index = random() % points.size();
     TangentialVectorsAndCurveParameter result;
@@ -140,7 +132,7 @@ Bits results() {
             appendRange<float>(bits, count, isWithNaN);
             appendRange<unsigned char>(bits, count, isWithNaN);
             appendRange<unsigned short>(bits, count, isWithNaN);
-            appendBox<PhysicalSpace::point>(bits, count, isWithNaN);
+            appendBox<point>(bits, count, isWithNaN);
             appendBox<Orvix::Coordinates<Orvix::Cartesian3D, float>::point>(bits, count, isWithNaN);
             appendTangents(bits, count, isWithNaN);
             if (count < 24 && isWithNaN) appendLocations(bits, count);

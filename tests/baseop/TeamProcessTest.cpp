@@ -9,18 +9,13 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <iterator>
-#include <omp.h>
 #include <support/Creators.hpp>
+#include <support/Testing.hpp>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
-
-using namespace Vantle;
-using point = Orvix::PhysicalSpace::point;
 
 std::ptrdiff_t threads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), std::filesystem::directory_iterator());
@@ -31,7 +26,7 @@ index_t runAll(index_t n) {
     const auto data = MemArray<3, double>::create({n, n, n});
     for (index_t k = 0; k < data->nElements(); ++k) data->element(k) = static_cast<double>(k % n);
     (void)DataRange<double>::compute(*support::creatorOf(data.strong()), false, false);
-    (void)Derivative<Orvix::PhysicalSpace::vector>::compute(*data);
+    (void)Derivative<vector>::compute(*data);
     (void)ResampleArray<3, double>::rescale({1.0, 1.0, 1.0}, data.strong(), {});
     const auto points = MemArray<3, point>::create({n, n, n});
     const auto surface = ComputeIsosurface<double>(0.5, *data, *points, 0.0);
