@@ -29,6 +29,7 @@ namespace Vantle {
 namespace detail {
 class JoinedBlocks;
 class PlacedBlocks;
+struct PlaneDistance;
 struct SurfacePiece;
 } // namespace detail
 
@@ -239,6 +240,10 @@ public:
     /// which a NaN may stand for numbers, count no more; nor are they computed. Nothing stands for no values at all.
     using RangeOf = std::function<std::optional<std::pair<double, double>>(const Hestra::StrongPtr<FragmentID>&)>;
     void useRanges(RangeOf rangeOf) { myRangeOf = std::move(rangeOf); }
+    /// From now on, surfaces are those of the distances from a plane, positive where its normal shows, at level 0: the
+    /// fragments that come are of the positions, and the distances are computed where the sweep asks for them.
+    /// Failure  std::invalid_argument for a normal without length.
+    void cutByPlane(const Orvix::PhysicalSpace::point& origin, const Orvix::PhysicalSpace::vector& normal);
     /// Called after the last fragment: drops vertices that joining has left without triangles, as where a block is
     /// collapsed.
     void finish();
@@ -286,8 +291,9 @@ private:
     bool isSkipped(CreativeArrayBase& creator);
     void noteSkipped(const Hestra::StrongPtr<FragmentID>& id);
     Hestra::StrongPtr<MemBase> findCoordinates(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment) const;
-    template<class T>
-    void sweep(const Hestra::StrongPtr<FragmentID>& id, const MultiArray<3, T>& data, const Fragment& fragment);
+    void cut(const Hestra::StrongPtr<FragmentID>& id, CreativeArrayBase& positions, Fragment& fragment);
+    template<class Values>
+    void sweep(const Hestra::StrongPtr<FragmentID>& id, const Values& values, const Fragment& fragment);
 
     double myLevel;
     double myParameter;
@@ -300,8 +306,9 @@ private:
     bool myReachesAbove = false;
     RangeOf myRangeOf;
     Blanking myBlanking;
-    bool myIsMasked = false;   // the fragment at hand
-    bool myIsAllAbove = false; // as its range says
+    bool myIsMasked = false;                              // the fragment at hand
+    bool myIsAllAbove = false;                            // as its range says
+    std::unique_ptr<const detail::PlaneDistance> myPlane; // null: surfaces of values
     std::unique_ptr<detail::PlacedBlocks> myPlaced;
     std::unique_ptr<detail::JoinedBlocks> myJoined; // null unless they are to be joined
     std::vector<detail::SurfacePiece> myPieces;
@@ -320,8 +327,6 @@ struct SurfaceOptions {
     /// What the values of a fragment reach from and to, where the caller knows it better than the creators: see
     /// `FragmentIsoSurfacer::useRanges`.
     FragmentIsoSurfacer::RangeOf rangeOf;
-    /// Told before each fragment which part of them is done. What it throws ends the computation, as failures do.
-    std::function<void(double)> progress;
 };
 
 /// The surface of a field at a level, as the grid `outputName` of `slice`.
@@ -361,6 +366,17 @@ VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputeIsosurface(double level, const 
                                                             const Grid& inputGrid, const std::string& fieldName,
                                                             Slice& slice, const std::string& outputName,
                                                             double parameter, const SurfaceOptions& options);
+
+/// The cut of a grid by a plane, as the grid `outputName` of `slice`: the surface, at level 0, of the distances of the
+/// positions from the plane, positive where its normal shows, of which no array is made. All else is as with fields;
+/// `SurfaceOptions::rangeOf` tells of distances, without which no fragment is passed over.
+///
+/// Failure     also std::invalid_argument for a normal without length.
+VANTLE_BASEOP_API Hestra::StrongPtr<Grid> ComputePlaneCut(const Orvix::PhysicalSpace::point& origin,
+                                                          const Orvix::PhysicalSpace::vector& normal,
+                                                          const Hestra::Ageable& requestedAge, const Grid& inputGrid,
+                                                          Slice& slice, const std::string& outputName,
+                                                          const SurfaceOptions& options = {});
 
 /// Values of a field at the vertices of a surface of its grid: f(lower) + weight * (f(upper) - f(lower)) on the edge of
 /// each, which is exact where the field is linear along the edge. An array of rank 1, in double precision: scalars of

@@ -70,6 +70,17 @@ struct VANTLE_DATASET_API Plane {
     [[nodiscard]] static Plane z(double at) { return {{0, 0, at}, {0, 0, 1}}; }
 };
 
+/// A layer of vertices of a block: all that have this index along one axis.
+struct VANTLE_DATASET_API IndexPlane {
+    std::string block;
+    int axis = 2;
+    index_t index = 0;
+
+    [[nodiscard]] static IndexPlane i(const std::string& block, index_t at) { return {block, 0, at}; }
+    [[nodiscard]] static IndexPlane j(const std::string& block, index_t at) { return {block, 1, at}; }
+    [[nodiscard]] static IndexPlane k(const std::string& block, index_t at) { return {block, 2, at}; }
+};
+
 /// What a contour is asked to have beside points and triangles.
 struct ContourOptions {
     /// Fields whose values are wanted at the points.
@@ -198,7 +209,7 @@ public:
     /// The same if it is known by now, because it was asked for; else nothing. No data are looked at.
     [[nodiscard]] std::optional<NumberRange> knownRange(const std::string& field) const;
     /// Which faces of which blocks are the same; blocks are numbered as by `blocks`.
-    [[nodiscard]] Hestra::StrongPtr<const BlockJoins> joins() const;
+    [[nodiscard]] Hestra::StrongPtr<const BlockJoins> joins(const Progress& progress = {}) const;
     /// The same if they are known by now; else null.
     [[nodiscard]] Hestra::StrongPtr<const BlockJoins> knownJoins() const;
 
@@ -221,9 +232,19 @@ public:
     /// Degenerate  a plane that only touches the blocks from within gives an empty surface.
     [[nodiscard]] Surface slice(const Plane& plane, const Fields& fields = {}, const Progress& progress = {}) const;
 
+    /// A layer of a block, with the values of fields at its vertices: `slice(IndexPlane::k("wing", 0), {"pressure"})`.
+    /// Of faces between four of its vertices, those that a valid cell has. Triangles show along the axis where the
+    /// block's indices are right-handed. A block with one vertex along an axis is itself a layer.
+    ///
+    /// Degenerate  sides of no length, as at poles, leave one triangle of a face, or none; faces with a vertex that is
+    ///             nowhere (NaN) are left out.
+    /// Failure     also for a layer that there is not, and for a field that the block has not.
+    [[nodiscard]] Surface slice(const IndexPlane& plane, const Fields& fields = {},
+                                const Progress& progress = {}) const;
+
     /// The outer hull of all blocks, of what is valid: all faces that are joined to no other, with the values of fields
     /// there. Triangles show outward. Failure: also for a field that a block of the hull has not.
-    [[nodiscard]] Surface boundary(const Fields& fields = {}) const;
+    [[nodiscard]] Surface boundary(const Fields& fields = {}, const Progress& progress = {}) const;
 
     // ---- Values elsewhere
 

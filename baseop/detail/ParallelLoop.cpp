@@ -1,5 +1,6 @@
 #include <baseop/Threads.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
+#include <model/hestra/Pulse.hpp>
 
 #include <algorithm>
 #include <atomic>
@@ -54,6 +55,10 @@ void runInParallel(std::size_t count, std::size_t piece, std::size_t bytes,
     const auto threads = std::min(static_cast<long long>(teamFor(bytes)), pieces);
     const auto run = [&](long long n) {
         const std::size_t begin = static_cast<std::size_t>(n) * piece;
+        const auto share = [pieces](long long m) { return static_cast<double>(m) / static_cast<double>(pieces); };
+        if (!Hestra::Pulse::isHeard()) return call(function, begin, std::min(begin + piece, count));
+        Hestra::Pulse::beat(share(n));
+        const Hestra::Pulse::Part part(share(n), share(n + 1));
         call(function, begin, std::min(begin + piece, count));
     };
     if (threads < 2) {

@@ -1,6 +1,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/MarchingCubesTables.hpp>
+#include <model/hestra/Pulse.hpp>
 
 #include <algorithm>
 #include <bit>
@@ -194,8 +195,8 @@ EdgeNumbering::EdgeNumbering(const MultiIndex<3>& extents, const MultiIndex<3>& 
 }
 
 /// What a thread remembers of two planes of vertices: indices of surface vertices, and classifications made so far.
-template<class T>
-class IsoSweep<T>::Planes {
+template<class Values>
+class IsoSweep<Values>::Planes {
 public:
     explicit Planes(const IsoSweep& sweep)
         : myRow(sweep.mySize[0]), myPlane(sweep.mySize[0] * sweep.mySize[1]), myWords(sweep.myVertexWords),
@@ -254,13 +255,11 @@ private:
     std::size_t myLower = 0;
 };
 
-template<class T>
-IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level, const BlockMask* mask)
-    : myValues(data.data()),
-      myStride(static_cast<std::size_t>(data.stride())), mySize{static_cast<std::size_t>(data.Size()[0]),
-                                                                static_cast<std::size_t>(data.Size()[1]),
-                                                                static_cast<std::size_t>(data.Size()[2])},
-      myLevel(level), myTest(level), myMask(mask) {
+template<class Values>
+IsoSweep<Values>::IsoSweep(const Values& values, const BlockMask* mask)
+    : myValues(values), mySize{static_cast<std::size_t>(values.size()[0]), static_cast<std::size_t>(values.size()[1]),
+                               static_cast<std::size_t>(values.size()[2])},
+      myMask(mask) {
     if (mySize[0] < 2 || mySize[1] < 2 || mySize[2] < 2) return;
     myVertexWords = (mySize[0] + 63) / 64;
     myCellWords = (mySize[0] - 1 + 63) / 64;
@@ -280,38 +279,36 @@ IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level, const BlockMas
     }
 }
 
-template<class T>
-std::uint64_t IsoSweep<T>::classify(std::size_t j, std::size_t k, std::size_t word) const noexcept {
-    return myTest.below(row(j, k) + 64 * word * myStride, std::min<std::size_t>(64, mySize[0] - 64 * word), myStride);
+template<class Values>
+std::uint64_t IsoSweep<Values>::classify(std::size_t j, std::size_t k, std::size_t word) const noexcept {
+    return myValues.below(row(j, k) + 64 * word, std::min<std::size_t>(64, mySize[0] - 64 * word));
 }
 
-/// Asks for the values that the word of cells is the first to need: in most cases, only its last row. Inline, or the
-/// compiler takes it for a function without effect and drops the call.
-template<class T>
-[[gnu::always_inline]] inline void IsoSweep<T>::prefetchWord(std::size_t cellWord, std::size_t k) const noexcept {
+/// Asks for the values that the word of cells is the first to need: in most cases, only its last row.
+template<class Values>
+[[gnu::always_inline]] inline void IsoSweep<Values>::prefetchWord(std::size_t cellWord, std::size_t k) const noexcept {
     const std::size_t j = cellWord / myCellWords, word = cellWord % myCellWords;
-    const T* const values = row(j + 1, k + 1) + 64 * word * myStride;
-    const std::size_t count = std::min<std::size_t>(64, mySize[0] - 64 * word) * myStride;
-    for (std::size_t at = 0; at < count; at += 64 / sizeof(T)) __builtin_prefetch(values + at);
+    myValues.prefetch(row(j + 1, k + 1) + 64 * word, std::min<std::size_t>(64, mySize[0] - 64 * word));
 }
 
 // Rows end with an empty word, so that every word has a next one.
-template<class T>
-void IsoSweep<T>::classifyPlane(std::size_t k, std::uint64_t* masks) const noexcept {
+template<class Values>
+void IsoSweep<Values>::classifyPlane(std::size_t k, std::uint64_t* masks) const noexcept {
     for (std::size_t j = 0; j < mySize[1]; ++j)
         for (std::size_t word = 0; word < myVertexWords; ++word)
             masks[j * (myVertexWords + 1) + word] = classify(j, k, word);
 }
 
 // Leaves what layer k adds in myLayers[k + 1].
-template<class T>
-void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks) {
+template<class Values>
+void IsoSweep<Values>::countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks) {
     if (begin == end) return;
     const std::size_t words = myVertexWords + 1, rows = mySize[1] - 1;
     const std::uint64_t lastCells = ~std::uint64_t{0} >> (64 * myCellWords - (mySize[0] - 1));
     std::uint64_t *lower = masks, *upper = masks + words * mySize[1];
     classifyPlane(begin, lower);
     for (std::size_t k = begin; k < end; ++k, std::swap(lower, upper)) {
+        Hestra::Pulse::beat(static_cast<double>(k - begin) / static_cast<double>(end - begin));
         classifyPlane(k + 1, upper);
         std::uint64_t* const active = myActive.data() + k * myActiveWords;
         Layer added;
@@ -356,9 +353,9 @@ void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t*
 }
 
 /// Evaluates the vertices of a layer some time after they were found, when what they need has come from memory.
-template<class T>
+template<class Values>
 template<class Positions>
-class IsoSweep<T>::VertexQueue {
+class IsoSweep<Values>::VertexQueue {
 public:
     VertexQueue(const IsoSweep& sweep, std::size_t k, const SweepTarget& target, const EdgeNumbering& numbering,
                 const Positions& positions)
@@ -399,10 +396,10 @@ private:
         const EdgeGeometry& edge = edgeGeometry[e];
         const auto value = [&](int corner) {
             const std::size_t at = entry.cell + myCorner[static_cast<std::size_t>(corner)];
-            return static_cast<double>(mySweep.myValues[at * mySweep.myStride]);
+            return mySweep.myValues[at];
         };
         const double weight =
-            edgeWeight(mySweep.myLevel, value(EdgeCorners[e][0]), value(EdgeCorners[e][1]), edge.reversed);
+            edgeWeight(mySweep.myValues.level(), value(EdgeCorners[e][0]), value(EdgeCorners[e][1]), edge.reversed);
         const auto lower = static_cast<std::size_t>(edge.lower);
         const Extents at = {entry.i + static_cast<std::size_t>(CornerOffset[lower][0]),
                             entry.j + static_cast<std::size_t>(CornerOffset[lower][1]),
@@ -425,10 +422,10 @@ private:
     Entry myRing[Capacity];
 };
 
-template<class T>
+template<class Values>
 template<bool Write, class Positions>
-void IsoSweep<T>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& target, const EdgeNumbering& numbering,
-                            const Positions& positions) const {
+void IsoSweep<Values>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& target,
+                                 const EdgeNumbering& numbering, const Positions& positions) const {
     const std::size_t plane = mySize[0] * mySize[1];
     const std::uint64_t lastCells = ~std::uint64_t{0} >> (64 * myCellWords - (mySize[0] - 1));
     index_t vertex = target.firstVertex + myLayers[k].firstVertex;
@@ -452,10 +449,10 @@ void IsoSweep<T>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& ta
         };
         RowWords around{classified(0, 0), classified(1, 0), classified(0, 1), classified(1, 1)};
         if (word + 1 < myVertexWords) {
-            const T* const next = row(j, k) + 64 * (word + 1) * myStride;
+            const std::size_t next = row(j, k) + 64 * (word + 1);
             for (unsigned r = 0; r < 4; ++r)
-                around.next |=
-                    static_cast<unsigned>(myTest.below(next[((r & 1) * mySize[0] + (r >> 1) * plane) * myStride])) << r;
+                around.next |= static_cast<unsigned>(myValues.isBelow(next + (r & 1) * mySize[0] + (r >> 1) * plane))
+                               << r;
         }
         std::uint64_t cut = around.cut();
         if (word + 1 == myCellWords) cut &= lastCells;
@@ -491,23 +488,26 @@ void IsoSweep<T>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& ta
     queue.finish();
 }
 
-template<class T>
+template<class Values>
 template<class Positions>
-void IsoSweep<T>::fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
-                             const EdgeNumbering& numbering, const Positions& positions) const {
+void IsoSweep<Values>::fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
+                                  const EdgeNumbering& numbering, const Positions& positions) const {
     if (begin == end) return;
     if (begin > 0) { // for the indices on the plane below
         fillLayer<false>(begin - 1, planes, target, numbering, positions);
         planes.advance();
     }
-    for (std::size_t k = begin; k < end; ++k, planes.advance())
+    for (std::size_t k = begin; k < end; ++k, planes.advance()) {
+        Hestra::Pulse::beat(static_cast<double>(k - begin) / static_cast<double>(end - begin));
         if (myLayers[k + 1].firstTriangle != myLayers[k].firstTriangle)
             fillLayer<true>(k, planes, target, numbering, positions);
+    }
 }
 
-template<class T>
+template<class Values>
 template<class Positions>
-void IsoSweep<T>::fill(const SweepTarget& target, const EdgeNumbering& numbering, const Positions& positions) const {
+void IsoSweep<Values>::fill(const SweepTarget& target, const EdgeNumbering& numbering,
+                            const Positions& positions) const {
     if (!hasCells() || triangles() == 0) return;
     const std::size_t slabs = slabCount(mySize);
     std::vector<Planes> planes;
@@ -531,14 +531,23 @@ void IsoSweep<T>::fill(const SweepTarget& target, const EdgeNumbering& numbering
 }
 
 #define VANTLE_INSTANTIATE_SWEEP(T)                                                                                    \
-    template class IsoSweep<T>;                                                                                        \
-    template void IsoSweep<T>::fill(const SweepTarget&, const EdgeNumbering&, const StoredPositions&) const;           \
-    template void IsoSweep<T>::fill(const SweepTarget&, const EdgeNumbering&, const ProductPositions&) const;
+    template class IsoSweep<StoredValues<T>>;                                                                          \
+    template void IsoSweep<StoredValues<T>>::fill(const SweepTarget&, const EdgeNumbering&, const StoredPositions&)    \
+        const;                                                                                                         \
+    template void IsoSweep<StoredValues<T>>::fill(const SweepTarget&, const EdgeNumbering&, const ProductPositions&)   \
+        const;
 VANTLE_INSTANTIATE_SWEEP(double)
 VANTLE_INSTANTIATE_SWEEP(float)
 VANTLE_INSTANTIATE_SWEEP(unsigned char)
 VANTLE_INSTANTIATE_SWEEP(short)
 VANTLE_INSTANTIATE_SWEEP(unsigned short)
 #undef VANTLE_INSTANTIATE_SWEEP
+#define VANTLE_INSTANTIATE_CUT(Positions)                                                                              \
+    template class IsoSweep<PlaneDistances<Positions>>;                                                                \
+    template void IsoSweep<PlaneDistances<Positions>>::fill(const SweepTarget&, const EdgeNumbering&,                  \
+                                                            const Positions&) const;
+VANTLE_INSTANTIATE_CUT(StoredPositions)
+VANTLE_INSTANTIATE_CUT(ProductPositions)
+#undef VANTLE_INSTANTIATE_CUT
 
 } // namespace Vantle::detail

@@ -102,12 +102,120 @@ struct ProductPositions {
     }
 };
 
-/// The sweep over one block of data at one level.
+/// Values that lie in memory, and a level. The data outlive this.
 template<class T>
+class StoredValues {
+public:
+    StoredValues(const MultiArray<3, T>& data, double level)
+        : mySize(data.Size()), myValues(data.data()), myStride(static_cast<std::size_t>(data.stride())), myLevel(level),
+          myTest(level) {}
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return myLevel; }
+    /// The value of the vertex with this index.
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        return static_cast<double>(myValues[vertex * myStride]);
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return myTest.below(myValues[vertex * myStride]); }
+    /// Which of up to 64 vertices of a row have values below the level, from this vertex on.
+    [[nodiscard]] std::uint64_t below(std::size_t vertex, std::size_t count) const noexcept {
+        return myTest.below(myValues + vertex * myStride, count, myStride);
+    }
+    /// Asks for what `below` will need. Inline, or the compiler takes it for a function without effect and drops the
+    /// call.
+    [[gnu::always_inline]] void prefetch(std::size_t vertex, std::size_t count) const noexcept {
+        const T* const values = myValues + vertex * myStride;
+        for (std::size_t at = 0; at < count * myStride; at += 64 / sizeof(T)) __builtin_prefetch(values + at);
+    }
+
+private:
+    MultiIndex<3> mySize;
+    const T* myValues;
+    std::size_t myStride;
+    double myLevel;
+    LevelTest<T> myTest;
+};
+
+/// A plane in space, and the distances of positions from it: positive where the normal shows.
+struct PlaneDistance {
+    Point origin;
+    Orvix::PhysicalSpace::vector unit; ///< the normal, of length 1
+
+    [[nodiscard]] double operator()(const Point& p) const noexcept { return dot(p - origin, unit); }
+};
+
+/// Distances of vertices from a plane, computed where they are asked for; the level is 0. The positions outlive this.
+template<class Positions>
+class PlaneDistances;
+
+template<>
+class PlaneDistances<StoredPositions> {
+public:
+    PlaneDistances(const PlaneDistance& plane, const StoredPositions& positions, const MultiIndex<3>& size)
+        : myPlane(plane), myPositions(positions), mySize(size) {}
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return 0.0; }
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        return myPlane(myPositions.points[vertex * myPositions.stride]);
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return (*this)[vertex] < 0.0; }
+    [[nodiscard]] std::uint64_t below(std::size_t vertex, std::size_t count) const noexcept {
+        std::uint64_t bits = 0;
+        for (std::size_t i = 0; i < count; ++i) bits |= std::uint64_t{isBelow(vertex + i)} << i;
+        return bits;
+    }
+    [[gnu::always_inline]] void prefetch(std::size_t vertex, std::size_t count) const noexcept {
+        const Point* const points = myPositions.points + vertex * myPositions.stride;
+        for (std::size_t at = 0; at < count * myPositions.stride; at += 2) __builtin_prefetch(points + at);
+    }
+
+private:
+    PlaneDistance myPlane;
+    StoredPositions myPositions;
+    MultiIndex<3> mySize;
+};
+
+/// Sums of three terms, each of one axis.
+template<>
+class PlaneDistances<ProductPositions> {
+public:
+    PlaneDistances(const PlaneDistance& plane, const ProductPositions& positions, const MultiIndex<3>& size)
+        : mySize(size) {
+        for (std::size_t d = 0; d < 3; ++d)
+            for (const double at : positions.axes[d])
+                myTerms[d].push_back((at - plane.origin[static_cast<int>(d)]) * plane.unit[static_cast<int>(d)]);
+    }
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return 0.0; }
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        const MultiIndex<3> at = MultiIndex<3>::fromLinear(vertex, mySize);
+        return (myTerms[0][at[0]] + myTerms[1][at[1]]) + myTerms[2][at[2]];
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return (*this)[vertex] < 0.0; }
+    [[nodiscard]] std::uint64_t below(std::size_t vertex, std::size_t count) const noexcept {
+        const MultiIndex<3> at = MultiIndex<3>::fromLinear(vertex, mySize);
+        const double* const x = myTerms[0].data() + at[0];
+        const double y = myTerms[1][at[1]], z = myTerms[2][at[2]];
+        std::uint64_t bits = 0;
+        for (std::size_t i = 0; i < count; ++i) bits |= std::uint64_t{(x[i] + y) + z < 0.0} << i;
+        return bits;
+    }
+    void prefetch(std::size_t, std::size_t) const noexcept {}
+
+private:
+    MultiIndex<3> mySize;
+    std::array<std::vector<double>, 3> myTerms;
+};
+
+/// The sweep over one block of values at one level: `StoredValues` or `PlaneDistances`.
+template<class Values>
 class IsoSweep {
 public:
-    /// Classifies and counts. The data outlive the sweep, and so does the mask, which has their extents, if any.
-    IsoSweep(const MultiArray<3, T>& data, double level, const BlockMask* mask = nullptr);
+    /// Classifies and counts. What the values view outlives the sweep, and so does the mask, which has their extents,
+    /// if any.
+    explicit IsoSweep(const Values& values, const BlockMask* mask = nullptr);
 
     /// Whether the block has cells at all.
     [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
@@ -129,8 +237,9 @@ private:
     class VertexQueue;
 
     [[nodiscard]] std::size_t layerCount() const noexcept { return mySize[2] - 1; }
-    [[nodiscard]] const T* row(std::size_t j, std::size_t k) const noexcept {
-        return myValues + (k * mySize[1] + j) * mySize[0] * myStride;
+    /// The first vertex of a row.
+    [[nodiscard]] std::size_t row(std::size_t j, std::size_t k) const noexcept {
+        return (k * mySize[1] + j) * mySize[0];
     }
     [[nodiscard]] std::uint64_t classify(std::size_t j, std::size_t k, std::size_t word) const noexcept;
     void prefetchWord(std::size_t cellWord, std::size_t k) const noexcept;
@@ -143,11 +252,8 @@ private:
     void fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
                     const EdgeNumbering& numbering, const Positions& positions) const;
 
-    const T* myValues;
-    std::size_t myStride;
+    Values myValues;
     std::array<std::size_t, 3> mySize; // vertices
-    double myLevel;
-    LevelTest<T> myTest;
     const BlockMask* myMask;
     std::size_t myVertexWords = 0;       // words of 64 vertices in a row
     std::size_t myCellWords = 0;         // words of 64 cells in a row
