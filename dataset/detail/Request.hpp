@@ -5,6 +5,7 @@
 #include <dataset/DataSetError.hpp>
 #include <dataset/Messages.hpp>
 #include <dataset/Progress.hpp>
+#include <model/hestra/Console.hpp>
 #include <model/hestra/CreationFailure.hpp>
 #include <model/hestra/Pulse.hpp>
 
