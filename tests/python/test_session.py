@@ -142,7 +142,7 @@ def test_progress_is_told_and_ends_what_it_says(ring):
     for bar in (Bar(200), Bar(None)):
         ring.locate(points, progress=bar)
         assert bar.n == pytest.approx(bar.total)
-    for count in range(len(shares)):
+    for count in (0, 1, 3):
         told = iter(range(count))
         with pytest.raises(vt.Cancelled):
             ring.locate(points, progress=lambda share: next(told, None) is not None)
