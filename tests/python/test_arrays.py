@@ -210,7 +210,7 @@ def test_functions_make_what_is_needed_and_again_when_it_was_dropped():
 
     block["plane"] = fails
     for ask in (lambda: flow.contour("plane", 1.0), lambda: flow.locate([[1.5, -0.1, 0.5]]).sample("plane"), lambda: block["plane"],
-                lambda: flow.range("gradient(plane)"), lambda: flow.resample((9, 9, 9), fields="plane")):  # fmt: skip
+                lambda: flow.range("magnitude(gradient(plane))"), lambda: flow.resample((9, 9, 9), fields="plane")):  # fmt: skip
         with pytest.raises(LookupError, match="not today"):
             ask()
     for each in flow.blocks.values():  # what a field is, too, is not known then
