@@ -575,7 +575,7 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
         std::vector<Target> targets;
         for (const std::string& name : fields) {
             Target target{name, now.field(name), 0, nullptr, nullptr};
-            target.components = now.components(*target.field);
+            target.components = now.knownComponents(name, *target.field);
             const auto make = [&]<class T>(T fill) {
                 for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = NaN;
                 const auto array = MemArray<3, T>::create(size);

@@ -29,7 +29,7 @@ Samples Located::sample(const std::string& field, double outside, const Progress
         const DataSet::Step& step = myDataSet->step();
         if (!myOrigin.isCurrent()) throw DataSetError("blocks have changed since the positions were located");
         const StrongPtr<Field> of = step.field(field);
-        const int components = DataSet::Step::components(*of);
+        const int components = step.knownComponents(field, *of);
         auto mask = std::make_shared<std::vector<unsigned char>>(size());
         const auto take = [&]<class T>(T fill) {
             for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = outside;

@@ -1,7 +1,7 @@
 """A short walk over the library by way of Python: a flow, a surface, a uniform grid, files and pictures of them.
 
-Without files the potential flow past a cylinder, stretched along its axis, in eight blocks that make a ring; else a PLOT3D
-grid and its solutions.
+Without files the potential flow past a cylinder, stretched along its axis, in eight blocks that make a ring; else a
+PLOT3D grid and its solutions.
 """
 
 import argparse
@@ -21,7 +21,8 @@ def velocity(p):
     """Uniform flow along x past a cylinder of radius 1 about z, drawn out along z; without divergence and vorticity."""
     plane = p[..., 0] + 1j * p[..., 1]
     plane = 1 - 1 / plane**2 + STRAIN / plane
-    return np.stack([plane.real - STRAIN * p[..., 0], -plane.imag - STRAIN * p[..., 1], 2 * STRAIN * p[..., 2]], axis=-1)
+    x, y, z = np.moveaxis(STRAIN * p, -1, 0)
+    return np.stack([plane.real - x, -plane.imag - y, 2 * z], axis=-1)
 
 
 def potential(p):
@@ -53,8 +54,8 @@ def main():
     parser.add_argument("files", nargs="*", metavar="FILE", help="a PLOT3D grid, and its solutions and functions")
     parser.add_argument("--field", help="the scalar field to look at")
     parser.add_argument("--level", type=float, help="the value on the surface")
-    parser.add_argument("--resolution", type=int, default=80, help="positions of the uniform grid along its longest axis")
-    parser.add_argument("--output", type=pathlib.Path, default=pathlib.Path("tour-output"), help="folder for files and pictures")
+    parser.add_argument("--resolution", type=int, default=80, help="positions of the image along its longest axis")
+    parser.add_argument("--output", type=pathlib.Path, default="tour-output", help="folder for files and pictures")
     given = parser.parse_args()
     given.output.mkdir(parents=True, exist_ok=True)
     began = time.perf_counter()
@@ -76,7 +77,8 @@ def main():
     done("read" if given.files else "made", f"{field} from {low:.6g} to {high:.6g}")
 
     surface = flow.contour(field, level, values=[other], normals=True)
-    done("contour", f"{field} = {level:.6g}: {len(surface.triangles)} triangles, {'closed' if surface.is_closed else 'open'}")
+    border = "closed" if surface.is_closed else "open"
+    done("contour", f"{field} = {level:.6g}: {len(surface.triangles)} triangles, {border}")
     surface.save(given.output / "surface.vtp")
     done("surface.vtp", f"the surface, with {other} and normals")
     if not surface.is_empty:
@@ -98,7 +100,8 @@ def main():
     image.plot(field, given.output / "slice.png")
     done("slice.png", "a picture of its middle")
     if "velocity" in flow.fields:
-        for derived in (flow.divergence("velocity"), flow.magnitude(flow.vorticity("velocity")), flow.q_criterion("velocity")):
+        spin = flow.magnitude(flow.vorticity("velocity"))
+        for derived in (flow.divergence("velocity"), spin, flow.q_criterion("velocity")):
             least, greatest = flow.range(derived)
             done("derived", f"{derived} from {least:.3g} to {greatest:.3g}")
 

@@ -127,6 +127,12 @@ int DataSet::Step::components(const Field& field) {
     return known;
 }
 
+int DataSet::Step::knownComponents(const std::string& name, const Field& field) const {
+    const int known = components(field);
+    if (known == 0) throwReadingFailures({name}); // which may be why
+    return known;
+}
+
 std::vector<DataSetBlock> DataSet::Step::blocks() const {
     std::vector<DataSetBlock> all;
     positions()->iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
@@ -165,7 +171,7 @@ StrongPtr<Field> DataSet::Step::field(const std::string& name) const {
 
 StrongPtr<Field> DataSet::Step::field(const std::string& name, int wanted) const {
     StrongPtr<Field> found = field(name);
-    const int has = components(*found);
+    const int has = knownComponents(name, *found);
     if (has != wanted) throw DataSetError("field " + quoted(name) + " is " + kindOf(has) + ", not " + kindOf(wanted));
     return found;
 }
@@ -368,7 +374,7 @@ detail::DerivedEntry DataSet::Step::derive(const std::string& operation, const s
                                            const std::string& name) const {
     detail::DerivedEntry made;
     made.from = field(operand);
-    const int has = components(*made.from);
+    const int has = knownComponents(operand, *made.from);
     if (has != 3 && !(has == 1 && operation == "gradient"))
         throw DataSetError("field " + quoted(operand) + " is " + kindOf(has) + ", which has no " + operation);
     if (operation == "magnitude") {

@@ -77,6 +77,8 @@ struct DataSet::Step {
     [[nodiscard]] static bool isReserved(const std::string& name);
     /// Number of components of a field's elements: as they are announced, else those of the first data.
     [[nodiscard]] static int components(const Field& field);
+    /// The same; throws what kept the data from being read if that is why it is not known.
+    [[nodiscard]] int knownComponents(const std::string& name, const Field& field) const;
     [[nodiscard]] Hestra::StrongPtr<Field> positions() const { return representation->Positions(); }
     [[nodiscard]] Blanking masks() const { return Blanking(*representation); }
     [[nodiscard]] std::vector<detail::DataSetBlock> blocks() const;

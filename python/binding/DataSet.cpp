@@ -50,17 +50,19 @@ std::vector<double> listOf(const py::object& axis) {
     return py::array_t<double, py::array::c_style | py::array::forcecast>(axis).cast<std::vector<double>>();
 }
 
-/// Adds a block as `add` says, and its masks: both or neither.
+/// Adds a block of this size as `add` says, and its masks: all or nothing. From the copy on nothing of Python is
+/// called, so that no other thread can change the data set meanwhile.
 template<class Add>
-BlockObject addBlock(const py::object& self, const std::string& name, const py::object& valid,
-                     const py::object& validCells, bool isCopied, const Add& add) {
-    DataSet changed = self.cast<DataSetObject&>().value;
-    const MultiIndex<3> size = add(changed);
-    if (!valid.is_none())
-        changed.setVertexMask(name, adopt(valid, Use::Mask, size, isCopied, "mask of block \"" + name + '"'));
+BlockObject addBlock(const py::object& self, const std::string& name, const MultiIndex<3>& size,
+                     const py::object& valid, const py::object& validCells, bool isCopied, const Add& add) {
+    StrongPtr<Vantle::MemBase> vertices, cells;
+    if (!valid.is_none()) vertices = adopt(valid, Use::Mask, size, isCopied, "mask of block \"" + name + '"');
     if (!validCells.is_none())
-        changed.setCellMask(name,
-                            adopt(validCells, Use::Mask, std::nullopt, isCopied, "cell mask of block \"" + name + '"'));
+        cells = adopt(validCells, Use::Mask, std::nullopt, isCopied, "cell mask of block \"" + name + '"');
+    DataSet changed = self.cast<DataSetObject&>().value;
+    add(changed);
+    if (vertices) changed.setVertexMask(name, vertices);
+    if (cells) changed.setCellMask(name, cells);
     self.cast<DataSetObject&>().value = std::move(changed);
     giveBack();
     return {self, name};
@@ -69,18 +71,18 @@ BlockObject addBlock(const py::object& self, const std::string& name, const py::
 BlockObject addPoints(const py::object& self, const std::string& name, const py::object& points,
                       const py::object& valid, const py::object& validCells, bool isCopied,
                       const std::optional<std::array<py::ssize_t, 3>>& shape) {
-    return addBlock(self, name, valid, validCells, isCopied, [&](DataSet& data) {
-        const std::string what = "points of block \"" + name + '"';
-        if (PyCallable_Check(points.ptr()) != 0) {
-            if (!shape) throw py::value_error(what + ": a function needs the shape (nk, nj, ni) beside it");
-            const MultiIndex<3> size = sizeOf({(*shape)[2], (*shape)[1], (*shape)[0]});
-            data.addBlock(name, makeLater(points, Use::Points, size, isCopied, what, data.cache()));
-            return size;
-        }
-        const StrongPtr<Vantle::MemBase> array = adopt(points, Use::Points, std::nullopt, isCopied, what);
-        data.addBlock(name, array);
-        return *array->getDynamicSize().as<3>();
-    });
+    const std::string what = "points of block \"" + name + '"';
+    if (PyCallable_Check(points.ptr()) != 0) {
+        if (!shape) throw py::value_error(what + ": a function needs the shape (nk, nj, ni) beside it");
+        const MultiIndex<3> size = sizeOf({(*shape)[2], (*shape)[1], (*shape)[0]});
+        const auto creator =
+            makeLater(points, Use::Points, size, isCopied, what, self.cast<const DataSetObject&>().value.cache());
+        return addBlock(self, name, size, valid, validCells, isCopied,
+                        [&](DataSet& data) { data.addBlock(name, creator); });
+    }
+    const StrongPtr<Vantle::MemBase> array = adopt(points, Use::Points, std::nullopt, isCopied, what);
+    return addBlock(self, name, *array->getDynamicSize().as<3>(), valid, validCells, isCopied,
+                    [&](DataSet& data) { data.addBlock(name, array); });
 }
 
 } // namespace
@@ -122,10 +124,9 @@ copy         takes arrays of any layout, and of other types, and copies them.)do
             "add_uniform_block",
             [](const py::object& self, const std::string& name, const std::array<py::ssize_t, 3>& size,
                const py::object& bounds, const py::object& valid, const py::object& cells, bool isCopied) {
-                return addBlock(self, name, valid, cells, isCopied, [&](DataSet& data) {
-                    data.addUniformBlock(name, sizeOf(size), boxOf(bounds));
-                    return sizeOf(size);
-                });
+                const Vantle::Box box = boxOf(bounds);
+                return addBlock(self, name, sizeOf(size), valid, cells, isCopied,
+                                [&](DataSet& data) { data.addUniformBlock(name, sizeOf(size), box); });
             },
             py::arg("name"), py::arg("size"), py::arg("bounds"), py::kw_only(), py::arg("valid") = py::none(),
             py::arg("valid_cells") = py::none(), py::arg("copy") = false,
@@ -134,11 +135,10 @@ copy         takes arrays of any layout, and of other types, and copies them.)do
             "add_rectilinear_block",
             [](const py::object& self, const std::string& name, const py::object& x, const py::object& y,
                const py::object& z, const py::object& valid, const py::object& cells, bool isCopied) {
-                return addBlock(self, name, valid, cells, isCopied, [&](DataSet& data) {
-                    std::vector<double> axes[] = {listOf(x), listOf(y), listOf(z)};
-                    const MultiIndex<3> size(axes[0].size(), axes[1].size(), axes[2].size());
+                std::vector<double> axes[] = {listOf(x), listOf(y), listOf(z)};
+                const MultiIndex<3> size(axes[0].size(), axes[1].size(), axes[2].size());
+                return addBlock(self, name, size, valid, cells, isCopied, [&](DataSet& data) {
                     data.addRectilinearBlock(name, std::move(axes[0]), std::move(axes[1]), std::move(axes[2]));
-                    return size;
                 });
             },
             py::arg("name"), py::arg("x"), py::arg("y"), py::arg("z"), py::kw_only(), py::arg("valid") = py::none(),

@@ -1,5 +1,7 @@
 #include "Classes.hpp"
 
+#include <algorithm>
+#include <cmath>
 #include <pybind11/stl/filesystem.h>
 
 namespace VantlePython {
@@ -34,12 +36,23 @@ SurfaceObject contour(const DataSetObject& self, const std::string& field,
 }
 
 SurfaceObject slice(const DataSetObject& self, const std::variant<std::string, std::array<double, 3>>& normal,
-                    double at, const std::optional<std::array<double, 3>>& origin, const std::optional<Names>& fields,
+                    double at, const std::optional<std::array<double, 3>>& origin,
+                    const std::optional<std::string>& block, const std::optional<Names>& fields,
                     const py::object& progress) {
+    const DataSet data = self.value;
+    if (block) {
+        const auto* const name = std::get_if<std::string>(&normal);
+        const std::size_t axis = name && name->size() == 1 ? std::string("ijk").find(*name) : std::string::npos;
+        if (axis == std::string::npos || origin || !(at >= 0.0) || at != std::floor(at) || at > 1e15)
+            throw py::value_error("slice: a layer of a block is (\"i\", \"j\" or \"k\", number, block=name)");
+        const Vantle::IndexPlane layer{*block, static_cast<int>(axis), static_cast<Vantle::index_t>(at)};
+        return {run(progress, [&](const Progress& tell) { return data.slice(layer, listOf(fields), tell); })};
+    }
     Plane plane;
     if (const auto* const axis = std::get_if<std::string>(&normal)) {
         if (*axis != "x" && *axis != "y" && *axis != "z")
-            throw py::value_error("slice: expected \"x\", \"y\", \"z\" or a normal, got \"" + *axis + '"');
+            throw py::value_error("slice: expected \"x\", \"y\", \"z\", a normal, or a layer of a block=..., got \"" +
+                                  *axis + '"');
         if (origin) throw py::value_error("slice: an origin goes with a normal, not with \"" + *axis + '"');
         plane = *axis == "x" ? Plane::x(at) : *axis == "y" ? Plane::y(at) : Plane::z(at);
     } else {
@@ -48,7 +61,6 @@ SurfaceObject slice(const DataSetObject& self, const std::variant<std::string, s
         const auto o = origin.value_or(std::array<double, 3>());
         plane = {{o[0], o[1], o[2]}, {n[0], n[1], n[2]}};
     }
-    const DataSet data = self.value;
     return {run(progress, [&](const Progress& tell) { return data.slice(plane, listOf(fields), tell); })};
 }
 
@@ -139,7 +151,7 @@ void defineQueries(DataSetClass& dataSet) {
             "joins",
             [](const DataSetObject& self) {
                 const DataSet data = self.value;
-                return joins(data, run([&] { return data.joins(); }));
+                return joins(data, run(py::none(), [&](const Progress& tell) { return data.joins(tell); }));
             },
             "Which faces of which blocks are the same: a list of `Join`.")
         .def_property_readonly(
@@ -155,7 +167,7 @@ void defineQueries(DataSetClass& dataSet) {
             [](const DataSetObject& self) {
                 const DataSet data = self.value;
                 std::vector<std::string> all;
-                const auto found = run([&] { return data.joins(); });
+                const auto found = run(py::none(), [&](const Progress& tell) { return data.joins(tell); });
                 for (const auto& face : found->doubtful()) all.push_back(face.reason);
                 return all;
             },
@@ -171,17 +183,20 @@ normals  whether normals are wanted: the direction of the field's gradient.)doc"
         .def("contours", &contours, py::arg("field"), py::arg("levels"), py::kw_only(), py::arg("values") = py::none(),
              py::arg("normals") = false, py::arg("progress") = py::none(), "As `contour`: one surface for each level.")
         .def("slice", &slice, py::arg("normal"), py::arg("at") = 0.0, py::kw_only(), py::arg("origin") = py::none(),
-             py::arg("fields") = py::none(), py::arg("progress") = py::none(),
-             R"doc(The cut of all blocks by a plane, with the values of fields.
+             py::arg("block") = py::none(), py::arg("fields") = py::none(), py::arg("progress") = py::none(),
+             R"doc(The cut of all blocks by a plane, or a layer of one block, with the values of fields.
 
-``slice("z", 0.1)``, or by a normal and a point: ``slice((1, 1, 0), origin=(0, 0, 2))``.)doc")
+``slice("z", 0.1)``, or by a normal and a point: ``slice((1, 1, 0), origin=(0, 0, 2))``. The vertices of a block that have
+an index: ``slice("k", 3, block="wing")``.)doc")
         .def(
             "boundary",
-            [](const DataSetObject& self, const std::optional<Names>& fields) {
+            [](const DataSetObject& self, const std::optional<Names>& fields, const py::object& progress) {
                 const DataSet data = self.value;
-                return SurfaceObject{run([&] { return data.boundary(listOf(fields)); })};
+                return SurfaceObject{
+                    run(progress, [&](const Progress& tell) { return data.boundary(listOf(fields), tell); })};
             },
-            py::arg("fields") = py::none(), "The outer hull of all blocks: faces that are joined to no other one.")
+            py::arg("fields") = py::none(), py::kw_only(), py::arg("progress") = py::none(),
+            "The outer hull of all blocks: faces that are joined to no other one.")
 
         .def(
             "locate",
@@ -229,6 +244,13 @@ of all fields.)doc")
                 return viewOf(run([&] { return data.array(field, blocks.front().name); }), false);
             },
             py::arg("field"), "Values of a field of a data set of one block: as of the block.")
+        .def(
+            "__contains__",
+            [](const DataSetObject& self, const std::string& field) {
+                const auto fields = self.value.fields();
+                return std::any_of(fields.begin(), fields.end(), [&](const auto& info) { return info.name == field; });
+            },
+            py::arg("field"), "Whether there is a field that was set.")
         .def("__repr__", [](const DataSetObject& self) {
             const DataSet data = self.value;
             const auto blocks = run([&] { return data.blocks(); });

@@ -4,8 +4,8 @@
     shock = flow.contour("pressure", 0.7, values=["density"])
     rho = flow.locate(points).sample("density")
 
-Arrays are those of NumPy, shared with the library: shape (nk, nj, ni) of scalars, (nk, nj, ni, 3) of positions and vectors.
-Numbers of vertices are (ni, nj, nk). See `DataSet`.
+Arrays are those of NumPy, shared with the library: shape (nk, nj, ni) of scalars, (nk, nj, ni, 3) of positions and
+vectors. Numbers of vertices are (ni, nj, nk). See `DataSet`.
 """
 
 from . import _display, _plot, vtk

@@ -32,7 +32,8 @@ def data_set(self: DataSet) -> str:
     for name, info in self.fields.items():
         known = self.known_range(name)
         everywhere = "" if info.blocks == len(blocks) else f"{info.blocks} of {len(blocks)}"
-        fields.append((name, _KINDS.get(info.components, ""), f"{known[0]:.6g} … {known[1]:.6g}" if known else "", everywhere))
+        span = f"{known[0]:.6g} … {known[1]:.6g}" if known else ""
+        fields.append((name, _KINDS.get(info.components, ""), span, everywhere))
     if fields:
         text += _table(("field", "", "range, as far as known", "blocks, if not all"), fields)
     joins = self.known_joins

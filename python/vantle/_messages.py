@@ -6,8 +6,10 @@ from typing import Callable, Optional, Union
 from . import _vantle
 
 
-def messages(to: Union[None, bool, str, logging.Logger, Callable[[str], object]] = True, level: int = logging.INFO) -> None:
-    """Sends what operations say while they work, from now on and for all threads, to `logging`; by default nobody hears it.
+def messages(
+    to: Union[None, bool, str, logging.Logger, Callable[[str], object]] = True, level: int = logging.INFO
+) -> None:
+    """Sends what operations say while they work, from now on and for all threads, to `logging`; by default to nobody.
 
     to     True: the logger "vantle"; a logger, or its name; a function of a line; None or False: nobody.
     level  the level of the lines.

@@ -92,7 +92,8 @@ def surface(
                 points[:, u], points[:, v], triangles, np.nan_to_num(values, nan=low),
                 shading="gouraud", cmap=cmap, norm=shades.norm, mask=np.isnan(values)[triangles].any(axis=1),
             )  # fmt: skip
-        axes.set(xlabel=_AXES[u], ylabel=_AXES[v], aspect="equal", title=title or f"{_AXES[flat]} = {points[0, flat]:.6g}")
+        where = f"{_AXES[flat]} = {points[0, flat]:.6g}"
+        axes.set(xlabel=_AXES[u], ylabel=_AXES[v], aspect="equal", title=title or where)
     else:
         from mpl_toolkits.mplot3d.art3d import Poly3DCollection
 
@@ -128,7 +129,7 @@ def data_set(
     at: Optional[float] = None,
     **options: Any,
 ) -> "Figure":
-    """Draws the cut by the plane where `normal` ("x", "y" or "z") is `at`, by default in the middle, coloured by a field.
+    """Draws the cut by the plane where `normal` ("x", "y", "z") is `at`, by default in the middle, coloured by a field.
 
     `options` are those of `Surface.plot`.
     """

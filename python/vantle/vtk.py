@@ -1,7 +1,7 @@
 """Objects of VTK, in and out, over the same memory where that is possible.
 
-VTK is imported when it is first used: Debian's python3-vtk9, or whatever `vtkmodules` there is. Objects of pyvista are objects
-of VTK, and are taken and given likewise; where pyvista is, `mesh.vantle` is a data set of a mesh.
+VTK is imported when it is first used: Debian's python3-vtk9, or whatever `vtkmodules` there is. Objects of pyvista are
+objects of VTK, and are taken and given likewise; where pyvista is, `mesh.vantle` is a data set of a mesh.
 """
 
 import logging
@@ -76,24 +76,25 @@ def _leaves(thing: Any, name: str, report: Report) -> Iterator[Tuple[str, Any]]:
     """The grids of an object, however deep, and their names."""
     if thing is None:
         return
-    if thing.IsA("vtkMultiBlockDataSet") or thing.IsA("vtkMultiPieceDataSet"):
-        count = thing.GetNumberOfBlocks() if thing.IsA("vtkMultiBlockDataSet") else thing.GetNumberOfPieces()
-        get = thing.GetBlock if thing.IsA("vtkMultiBlockDataSet") else thing.GetPiece
-        parts = [(thing.GetMetaData(n) if thing.HasMetaData(n) else None, get(n)) for n in range(count)]
-    elif thing.IsA("vtkPartitionedDataSetCollection"):
-        count = thing.GetNumberOfPartitionedDataSets()
-        parts = [(thing.GetMetaData(n) if thing.HasMetaData(n) else None, thing.GetPartitionedDataSet(n)) for n in range(count)]
-    elif thing.IsA("vtkPartitionedDataSet"):
-        parts = [(None, thing.GetPartition(n)) for n in range(thing.GetNumberOfPartitions())]
-    elif thing.IsA("vtkCompositeDataSet"):  # others, such as those of adaptive refinement: whatever can be walked over
-        iterator = thing.NewIterator()
+    for kind, part in (
+        ("vtkMultiBlockDataSet", "Block"),
+        ("vtkMultiPieceDataSet", "Piece"),
+        ("vtkPartitionedDataSetCollection", "PartitionedDataSet"),
+        ("vtkPartitionedDataSet", "Partition"),
+    ):
+        if thing.IsA(kind):
+            count, get = getattr(thing, f"GetNumberOf{part}s")(), getattr(thing, f"Get{part}")
+            parts = [(thing.GetMetaData(n) if thing.HasMetaData(n) else None, get(n)) for n in range(count)]
+            break
+    else:
+        if not thing.IsA("vtkCompositeDataSet"):
+            yield name, thing
+            return
+        iterator = thing.NewIterator()  # others, such as those of adaptive refinement: whatever can be walked over
         parts = []
         while not iterator.IsDoneWithTraversal():
             parts.append((None, iterator.GetCurrentDataObject()))
             iterator.GoToNextItem()
-    else:
-        yield name, thing
-        return
     key = _vtk("vtkCommonDataModel").vtkCompositeDataSet.NAME()
     for n, (data, part) in enumerate(parts):
         own = data.Get(key) if data is not None and data.Has(key) else None
@@ -154,7 +155,8 @@ class _Reader:
             valid = (marks & blanked) == 0
             if not valid.all():
                 masks[key] = np.ascontiguousarray(valid.reshape(of))
-                self.report.add(f'block "{name}", {_GHOSTS} of {"cells" if key == "valid_cells" else "points"}', "copied", "made a mask")
+                whose = "cells" if key == "valid_cells" else "points"
+                self.report.add(f'block "{name}", {_GHOSTS} of {whose}', "copied", "made a mask")
         return masks
 
     def block(self, name: str, grid: Any, size: Tuple[int, int, int], masks: Dict[str, Any]) -> Block:
@@ -171,13 +173,13 @@ class _Reader:
             self.report.add(what, "copied", "a turned or mirrored image")
             return self.flow.add_block(name, points.reshape(size[::-1] + (3,)), **masks)
         if grid.IsA("vtkRectilinearGrid"):
-            axes = [_numpy_of(axis).astype(float) for axis in (grid.GetXCoordinates(), grid.GetYCoordinates(), grid.GetZCoordinates())]
+            axes = [_numpy_of(getattr(grid, f"Get{axis}Coordinates")()).astype(float) for axis in "XYZ"]
             self.report.add(what, "copied", "three lists of coordinates")
             return self.flow.add_rectilinear_block(name, axes[0], axes[1], axes[2], **masks)
         points = _numpy_of(grid.GetPoints().GetData()).reshape(size[::-1] + (3,))
-        copied = self.copy or not _fits(points)
-        self.report.add(what, "copied" if copied else "shared", "" if not copied else "on request" if self.copy else _why(points))
-        return self.flow.add_block(name, points, copy=copied, **masks)
+        copied = self.why_copied(points)
+        self.report.add(what, "copied" if copied else "shared", copied)
+        return self.flow.add_block(name, points, copy=bool(copied), **masks)
 
     def field(self, block: Block, array: Any, shape: Tuple[int, ...], number: str) -> None:
         name = array.GetName() or number
@@ -198,13 +200,23 @@ class _Reader:
 
     def give(self, block: Block, name: str, values: Any, made: str) -> None:
         what = f'block "{block.name}", field "{name}"'
-        copied = bool(made) or self.copy or not _fits(values)
+        copied = self.why_copied(values)
         try:
-            block.set(name, values, copy=copied and not made)
+            block.set(name, values, copy=bool(copied))
         except ValueError as reason:
             self.report.add(what, "left out", str(reason))
-            return
-        self.report.add(what, "copied" if copied else "shared", made or (("on request" if self.copy else _why(values)) if copied else ""))
+        else:
+            self.report.add(what, "copied" if copied or made else "shared", made or copied)
+
+    def why_copied(self, values: Any) -> str:
+        """Nothing where the library takes an array as it is: numbers of types that it knows, in C order."""
+        known = values.dtype.kind == "f" and values.dtype.itemsize in (4, 8)
+        known = known or values.ndim == 3 and values.dtype.name in _NUMBERS
+        if not known or values.ndim == 5 and values.dtype != np.float64:
+            return f"of {values.dtype.name}"
+        if not values.flags.c_contiguous or not values.flags.aligned:
+            return "another order"
+        return "on request" if self.copy else ""
 
     def cells_of(self, name: str, grid: Any, shape: Tuple[int, ...]) -> List[Tuple[str, Any]]:
         """Cell data, averaged to the vertices if that is wanted."""
@@ -242,18 +254,7 @@ def _to_vertices(cells: Any, shape: Tuple[int, ...]) -> Any:
     return total / count.reshape(shape + (1,) * (cells.ndim - 3))
 
 
-def _fits(values: Any) -> bool:
-    """Whether the library takes an array as it is: types of numbers that it knows, in C order."""
-    known = values.dtype.kind == "f" and values.dtype.itemsize in (4, 8) or values.ndim == 3 and values.dtype.name in _NUMBERS
-    tensor = values.ndim == 5 and values.dtype != np.float64
-    return bool(known and not tensor and values.flags.c_contiguous and values.flags.aligned)
-
-
 _NUMBERS = ("int16", "int32", "uint8", "uint16", "uint32", "uint64")
-
-
-def _why(values: Any) -> str:
-    return "another order" if not values.flags.c_contiguous else f"of {values.dtype.name}"
 
 
 def _class_of(array: Any) -> str:
@@ -265,10 +266,10 @@ def from_vtk(thing: Any, *, cell_data: str = "leave", copy: bool = False, report
 
     cell_data  "leave" leaves data of cells out, "average" takes their averages at the vertices.
     copy       copies arrays that could be shared.
-    report     is told what was shared, copied or left out, and why; what is left out is also said to the logger "vantle.vtk".
+    report     is told what was shared, copied or left out, and why; the logger "vantle.vtk" hears what is left out.
 
-    Blocks are called as they are there, parts of parts "outer/inner", nameless ones by their numbers. Points that are hidden and
-    cells that are hidden or duplicated are not valid. Whoever changes a shared array sets the field again.
+    Blocks are called as they are there, parts of parts "outer/inner", nameless ones by their numbers. Points that are
+    hidden and cells that are hidden or duplicated are not valid. Whoever changes a shared array sets the field again.
 
     TypeError for what is no object of VTK; ValueError, which says why, if nothing can be taken.
     """
@@ -288,7 +289,8 @@ def from_vtk(thing: Any, *, cell_data: str = "leave", copy: bool = False, report
 
 _READERS = {
     ".vti": "vtkXMLImageDataReader", ".vtr": "vtkXMLRectilinearGridReader", ".vts": "vtkXMLStructuredGridReader",
-    ".vtm": "vtkXMLMultiBlockDataReader", ".vtpc": "vtkXMLPartitionedDataSetCollectionReader", ".vtpd": "vtkXMLPartitionedDataSetReader",
+    ".vtm": "vtkXMLMultiBlockDataReader", ".vtpd": "vtkXMLPartitionedDataSetReader",
+    ".vtpc": "vtkXMLPartitionedDataSetCollectionReader",
     ".pvti": "vtkXMLPImageDataReader", ".pvtr": "vtkXMLPRectilinearGridReader", ".pvts": "vtkXMLPStructuredGridReader",
 }  # fmt: skip
 
@@ -392,8 +394,8 @@ def _of_block(block: Block, fields: Dict[str, Any]) -> Any:
         made.SetDimensions(size)
         made.SetPoints(_points(block.points))
     for name, values in fields.items():
-        count = size[0] * size[1] * size[2]
-        made.GetPointData().AddArray(_array(values.reshape(count, -1) if values.ndim > 3 else values.reshape(count), name))
+        flat = (size[0] * size[1] * size[2],) + ((-1,) if values.ndim > 3 else ())
+        made.GetPointData().AddArray(_array(values.reshape(flat), name))
     for valid, hidden, target in (
         (block.valid, _HIDDEN_POINT, made.GetPointData()),
         (block.valid_cells, _HIDDEN_CELL, made.GetCellData()),
@@ -416,8 +418,8 @@ def _fields_of(flow: DataSet, block: Block, wanted: Optional[List[str]]) -> Dict
 def to_vtk(self: Union[Block, DataSet, Surface], fields: Optional[List[str]] = None) -> Any:
     """An object of VTK over the same memory: VTK must not write into it where it is a data set's.
 
-    Surfaces are vtkPolyData; blocks vtkImageData, vtkRectilinearGrid or vtkStructuredGrid; data sets the same of their only
-    block, or a vtkMultiBlockDataSet of several. Masks become arrays vtkGhostType.
+    Surfaces are vtkPolyData; blocks vtkImageData, vtkRectilinearGrid or vtkStructuredGrid; data sets the same of their
+    only block, or a vtkMultiBlockDataSet of several. Masks become arrays vtkGhostType.
 
     fields  of a data set or block: which, derived ones, too; by default all that were set. KeyError for unknown names.
     """
@@ -459,7 +461,7 @@ class _Accessor:
 
 
 def register_accessor(library: Any = None) -> bool:
-    """Registers `mesh.vantle` for the data sets of pyvista, where that has been imported and has a registry of accessors.
+    """Registers `mesh.vantle` for the data sets of pyvista, where that was imported and has a registry of accessors.
 
     Called when `vantle` is imported; to be called again if pyvista was imported later. Says whether it is registered.
     """

@@ -209,8 +209,16 @@ def test_functions_make_what_is_needed_and_again_when_it_was_dropped():
         raise LookupError("not today")
 
     block["plane"] = fails
-    with pytest.raises(LookupError, match="not today"):
-        flow.contour("plane", 1.0)
+    for ask in (lambda: flow.contour("plane", 1.0), lambda: flow.locate([[1.5, -0.1, 0.5]]).sample("plane"), lambda: block["plane"],
+                lambda: flow.range("magnitude(gradient(plane))"), lambda: flow.resample((9, 9, 9), fields="plane")):  # fmt: skip
+        with pytest.raises(LookupError, match="not today"):
+            ask()
+    for each in flow.blocks.values():  # what a field is, too, is not known then
+        each["unknown"] = fails
+    for ask in (lambda: flow.magnitude("unknown"), lambda: flow.resample((9, 9, 9), fields="unknown"), lambda: flow.slice("z", 0.5, fields="unknown")):
+        with pytest.raises(LookupError, match="not today"):
+            ask()
+    flow.remove_field("unknown")
     block["plane"] = lambda: np.zeros((2, 2, 2))
     with pytest.raises(ValueError, match='field "plane" of block "3": expected an array of shape'):
         flow.locate([[1.5, 0.1, 0.5]]).sample("plane"), flow.range("plane")
