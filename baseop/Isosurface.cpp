@@ -310,7 +310,7 @@ bool FragmentIsoSurfacer::isJoinedAndExcluded(unsigned int block, const Creative
 
 /// Whether the range of data that exist excludes the level.
 template<class T>
-bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
+bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator, [[maybe_unused]] const MultiArray<3, T>& data) {
     if constexpr (std::is_same_v<T, double>) {
         if (DataRange<double>::get(creator)) return false; // asked before the data were made
         const auto range = DataRange<double>::compute(creator, false, false).lock();
@@ -319,7 +319,10 @@ bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
                        myLevel);
         return true;
     } else if constexpr (std::is_same_v<T, unsigned char>) {
-        return excludesLevel(DataRange<unsigned char>::compute(creator, false, false).lock());
+        const auto known = DataRange<unsigned char>::get(creator).lock();
+        return excludesLevel(known && detail::ValueBricks<T>::find(creator, data)
+                                 ? known
+                                 : DataRange<unsigned char>::compute(creator, false, false).lock());
     } else if constexpr (std::is_same_v<T, unsigned short>) {
         return excludesLevel(DataRange<unsigned short>::retrieve(creator, false, false).lock());
     } else {
@@ -353,11 +356,12 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         }
         const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
         if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
-        if (!myRangeOf && values == &own && isSkipped<T>(*creator))
+        if (!myRangeOf && values == &own && isSkipped<T>(*creator, own))
             return noteSkipped(id); // a range knows of own values only
         if (!coordinates) coordinates = findCoordinates(id, fragment);
         if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
-        sweep<T>(id, *values, fragment);
+        const auto bricks = values == &own ? detail::ValueBricks<T>::of(*creator, own) : nullptr;
+        sweep<T>(id, *values, bricks.rawptr(), fragment);
     });
     if (!supported) {
         findCoordinates(id, fragment);
@@ -396,13 +400,13 @@ StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<Fragment
 
 template<class T>
 void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const MultiArray<3, T>& data,
-                                const Fragment& fragment) {
+                                const detail::ValueBricks<T>* bricks, const Fragment& fragment) {
     const detail::SurfaceArrays surface{myIdentifiers->base_vector(), myWeights->base_vector(), myPoints->base_vector(),
                                         myTriangles->base_vector()};
     const std::size_t firstVertex = surface.identifiers.size(), firstTriangle = surface.triangles.size();
 
     const BlockMask* const mask = fragment.mask.rawptr();
-    const IsoSweep<T> sweep(data, myLevel, mask);
+    const IsoSweep<T> sweep(data, myLevel, mask, bricks);
     detail::checkVertexCount(firstVertex + sweep.vertices());
     // Cells without a surface are all below or all not: then the first value tells for all.
     const bool below =

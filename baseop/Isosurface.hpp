@@ -30,6 +30,8 @@ namespace detail {
 class JoinedBlocks;
 class PlacedBlocks;
 struct SurfacePiece;
+template<class T>
+class ValueBricks;
 } // namespace detail
 
 // ---- The polygonizer ------------------------------------------------------------------------------------------------
@@ -283,11 +285,12 @@ private:
     bool excludesLevel(const Hestra::StrongPtr<FragmentID>& id, const CreativeArrayBase& creator);
     bool isJoinedAndExcluded(unsigned int block, const CreativeArrayBase& creator);
     template<class T>
-    bool isSkipped(CreativeArrayBase& creator);
+    bool isSkipped(CreativeArrayBase& creator, const MultiArray<3, T>& data);
     void noteSkipped(const Hestra::StrongPtr<FragmentID>& id);
     Hestra::StrongPtr<MemBase> findCoordinates(const Hestra::StrongPtr<FragmentID>& id, Fragment& fragment) const;
     template<class T>
-    void sweep(const Hestra::StrongPtr<FragmentID>& id, const MultiArray<3, T>& data, const Fragment& fragment);
+    void sweep(const Hestra::StrongPtr<FragmentID>& id, const MultiArray<3, T>& data,
+               const detail::ValueBricks<T>* bricks, const Fragment& fragment);
 
     double myLevel;
     double myParameter;

@@ -94,8 +94,10 @@ void expectPlainSurface(const MultiIndex<3>& size, double part, unsigned seed, b
     MaskedScene scene(block, vertexMask, cellMask);
     const auto random = noise(size, seed + 1);
     const auto data = MemArray<3, T>::create(size);
-    for (index_t n = 0; n < data->nElements(); ++n) // smooth in places, so that there are words without surface
-        data->element(n) = static_cast<T>(n / 100 % 3 == 0 ? 50.0 : 50.0 + 40.0 * random->element(n));
+    // Smooth in places, so that there are words without surface, and in large blocks bricks.
+    const index_t smooth = size.product() > 40000 ? 17 * size[0] * size[1] : 0;
+    for (index_t n = 0; n < data->nElements(); ++n)
+        data->element(n) = static_cast<T>(n < smooth || n / 100 % 3 == 0 ? 50.0 : 50.0 + 40.0 * random->element(n));
     const double level = 60.0;
     Surface plain;
     plain.addPlainly<T>(*data, level, *block, index_t{3} << 60, scene.mask.rawptr());

@@ -45,6 +45,14 @@ void expectPlainResult(CreativeArrayBase& creator, const std::vector<T>& element
     const auto [min, max] = plainRange(elements, static_cast<std::size_t>(omp_get_max_threads()));
     const auto range = DataRange<T>::compute(creator, false, false);
     ASSERT_TRUE(range);
+    if (elements.size() >= 20000) { // a block has bricks
+        std::vector<T> part(elements.begin(), elements.begin() + 20000);
+        const auto [low, high] = plainRange(part, static_cast<std::size_t>(omp_get_max_threads()));
+        const auto block =
+            Hestra::makeRef<CreativeArray>(MemArray<3, T>::makeMemArray(std::move(part), {50, 20, 20}).strong());
+        const auto ofBlock = DataRange<T>::compute(*block, false, false);
+        ASSERT_TRUE(sameBits(ofBlock->getMin(), low) && sameBits(ofBlock->getMax(), high));
+    }
     ASSERT_TRUE(sameBits(range->getMin(), min) && sameBits(range->getMax(), max))
         << elements.size() << " elements, " << omp_get_max_threads() << " threads: [" << +range->getMin() << ", "
         << +range->getMax() << "] instead of [" << +min << ", " << +max << "]";
