@@ -4,6 +4,7 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/ExpandBBox.hpp>
 #include <baseop/Isosurface.hpp>
+#include <baseop/PartialDerivative.hpp>
 #include <baseop/TangentialVectors.hpp>
 #include <baseop/detail/ValueBricks.hpp>
 
@@ -119,6 +120,15 @@ void appendBlock(Bits& bits, std::size_t count, bool isWithNaN) {
         for (const auto corner : triangles->element(t)) append(bits, corner);
 }
 
+void appendGradient(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const auto field = MemArray<3, double>::create({count, 3, 2});
+    for (index_t n = 0; n < field->nElements(); ++n) field->element(n) = randomNumber<double>(random, isWithNaN);
+    const auto gradient = Hestra::dynamicCast<MemArray<3, PhysicalSpace::vector>>(PartialDerivative(field));
+    for (index_t n = 0; n < gradient->nElements(); ++n)
+        for (const double x : gradient->element(n)) append(bits, x);
+}
+
 /// What all operations with lanes give, for numbers of elements around each border of lanes and of blocks.
 Bits results() {
     Bits bits;
@@ -131,6 +141,7 @@ Bits results() {
             appendBox<PhysicalSpace::point>(bits, count, isWithNaN);
             appendBox<Orvix::Coordinates<Orvix::Cartesian3D, float>::point>(bits, count, isWithNaN);
             appendTangents(bits, count, isWithNaN);
+            appendGradient(bits, count, isWithNaN);
             if (count < 2 || (count > 75 && count % 5 != 0)) continue;
             appendBlock<double>(bits, count, isWithNaN);
             appendBlock<float>(bits, count, isWithNaN);
