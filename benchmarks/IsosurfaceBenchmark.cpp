@@ -297,9 +297,13 @@ struct HandWritten {
 
 void HandWrittenSweep(benchmark::State& state) {
     const Block& block = Block::of(state.range(0));
-    const Memory memory(state.range(1) != 0);
+    const bool isKept = state.range(1) != 0;
+    const Memory memory(isKept);
+    HandWritten made;
     for (auto _ : state) {
-        HandWritten made;
+        if (!isKept) made = {};
+        made.points.clear();
+        made.triangles.clear();
         made.sweep(block.values->data(), block.values->Size(), block.positions->data(), 0.5);
         state.counters["triangles"] = double(made.triangles.size());
     }

@@ -31,7 +31,7 @@ public:
     /// Cells of a brick along each axis.
     static constexpr index_t Side = 8;
     /// Smaller blocks are read as fast as their bricks are found.
-    static constexpr index_t FewestVertices = index_t{1} << 14;
+    static constexpr index_t FewestVertices = index_t{1} << 16;
 
     /// Whether bricks are worth their while: of blocks with cells, whose elements follow each other.
     [[nodiscard]] static bool suit(const MultiArray<3, T>& block) noexcept;
