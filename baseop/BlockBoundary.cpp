@@ -1,7 +1,9 @@
 #include <baseop/BlockBoundary.hpp>
+#include <baseop/detail/QuadCut.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/hestra/Pulse.hpp>
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/ElementTypes.hpp>
@@ -109,7 +111,8 @@ struct Blocks {
             };
             // Between blanked and other cells there are quads everywhere.
             const index_t step = mask ? 1 : size[d] - 1;
-            for (index_t layer = 0; layer < size[d]; layer += step)
+            for (index_t layer = 0; layer < size[d]; layer += step) {
+                Hestra::Pulse::beat((d + static_cast<double>(layer) / static_cast<double>(size[d])) / 3.0);
                 for (lowest[v] = 0; lowest[v] + 1 < size[v]; ++lowest[v])
                     for (lowest[u] = 0; lowest[u] + 1 < size[u]; ++lowest[u]) {
                         lowest[d] = layer;
@@ -117,6 +120,7 @@ struct Blocks {
                         const bool isEnd = layer == 0 || layer + 1 == size[d];
                         if (below != above && (!isEnd || joins->isOpen({block, d, below}, lowest))) add(below);
                     }
+            }
         }
     }
 };
@@ -156,30 +160,6 @@ StrongPtr<MemBase> elementsAt(const BlockJoins& joins, const VertexNumbers& vert
         });
     if (!joined && !parts.empty()) refuse("field \"" + name + "\" has elements of an unknown type");
     return joined;
-}
-
-/// Cuts a quad along its shorter diagonal, or that through the corner that is least by x, y and z: wherever a quad is
-/// met, in whatever order of its corners, it is cut the same way.
-template<class Take>
-void cutQuad(const std::array<unsigned int, 4>& quad, const std::vector<point>& points, const Take& take) {
-    const point &a = points[quad[0]], &b = points[quad[1]], &c = points[quad[2]], &d = points[quad[3]];
-    const double ac = normSquared(c - a), bd = normSquared(d - b);
-    const auto least = [](const point& p, const point& q) {
-        return std::lexicographical_compare(q.begin(), q.end(), p.begin(), p.end()) ? q : p;
-    };
-    const point ofAC = least(a, c), ofBD = least(b, d);
-    const bool isFirst =
-        ac < bd || (ac == bd && !std::lexicographical_compare(ofBD.begin(), ofBD.end(), ofAC.begin(), ofAC.end()));
-    const auto add = [&](unsigned int p, unsigned int q, unsigned int r) {
-        if (p != q && q != r && r != p) take(TriangleCell(p, q, r));
-    };
-    if (isFirst) {
-        add(quad[0], quad[1], quad[2]);
-        add(quad[0], quad[2], quad[3]);
-    } else {
-        add(quad[1], quad[2], quad[3]);
-        add(quad[1], quad[3], quad[0]);
-    }
 }
 
 /// For each block the lowest one that it hangs together with.
@@ -234,11 +214,12 @@ Hull hullOf(const Blocks& blocks, const VertexNumbers& vertices, const std::vect
     const BlockJoins& joins = *blocks.joins;
     Hull hull;
     for (unsigned int b = 0; b < joins.blocks(); ++b) {
+        const Hestra::Pulse::Part part(0.5 + 0.5 * b / joins.blocks(), 0.5 + 0.5 * (b + 1) / joins.blocks());
         const bool isMirrored = joins.isOrientable() && joins.isMirrored(b);
         blocks.forOpenQuads(b, [&](const Quad& quad) {
             std::array<unsigned int, 4> numbers;
             for (std::size_t c = 0; c < 4; ++c) numbers[isMirrored ? 3 - c : c] = vertices(quad[c]);
-            cutQuad(numbers, points, [&](const TriangleCell& triangle) { hull.triangles.push_back(triangle); });
+            detail::cutQuad(numbers, points, [&](const TriangleCell& triangle) { hull.triangles.push_back(triangle); });
         });
         hull.ends.push_back(hull.triangles.size());
     }
@@ -304,10 +285,12 @@ StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::
 
     const Blocks blocks(joins, blanking);
     VertexNumbers vertices(*joins);
-    for (unsigned int b = 0; b < joins->blocks(); ++b)
+    for (unsigned int b = 0; b < joins->blocks(); ++b) {
+        const Hestra::Pulse::Part part(0.5 * b / joins->blocks(), 0.5 * (b + 1) / joins->blocks());
         blocks.forOpenQuads(b, [&](const Quad& quad) {
             for (const BlockVertex& corner : quad) vertices.take(corner);
         });
+    }
     detail::checkVertexCount(vertices.count());
     StrongPtr<MemBase> points = elementsAt(*joins, vertices, *positions, PositionsName);
     if (!points) points = makeMemArray1D(std::vector<point>());

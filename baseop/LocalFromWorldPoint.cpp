@@ -568,6 +568,46 @@ LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p) const 
     return found;
 }
 
+// Structures are built best by the thread that asks: it has a team for that, and a pulse. So before positions are dealt
+// out, it looks for some in each block that has none yet.
+void LocalFromWorldPoint::prepare(std::span<const point> positions) const {
+    constexpr std::size_t MostTries = 8;
+    std::size_t next = positions.size(); // none looked at yet
+    BBSelectorMemoryTree::Box region;
+    for (std::size_t n = 0; n < myBoxes.size(); ++n) {
+        const auto isReady = [&] {
+            const FragmentCoordinates* const known = myFragments[n].known();
+            return known && (!known->curvilinear() || isBuilt(static_cast<unsigned int>(n)));
+        };
+        if (isReady()) continue;
+        if (std::exchange(next, 0) != 0)
+            for (const point& p : positions)
+                for (int d = 0; d < 3; ++d) {
+                    region.min[d] = &p == positions.data() ? p[d] : std::min(region.min[d], p[d]);
+                    region.max[d] = &p == positions.data() ? p[d] : std::max(region.max[d], p[d]);
+                }
+        const BBSelectorMemoryTree::Box& box = myBoxes[n];
+        bool isApart = false; // never by a NaN
+        for (int d = 0; d < 3; ++d) isApart |= region.max[d] < box.min[d] || region.min[d] > box.max[d];
+        if (isApart) continue;
+        std::size_t tries = 0;
+        for (std::size_t k = 0; k < positions.size() && tries < MostTries && !isReady(); ++k) {
+            const point& p = positions[k];
+            bool isInside = true;
+            for (int d = 0; d < 3; ++d) isInside &= p[d] >= box.min[d] && p[d] <= box.max[d];
+            if (!isInside) continue;
+            (void)locate(p);
+            ++tries;
+        }
+    }
+}
+
+bool LocalFromWorldPoint::isBuilt(unsigned int n) const {
+    Fragment& fragment = myFragments[n];
+    return wayOfOptions() == Way::Exact ? fragment.slot<ExactCellLocator>().ready.load() != nullptr
+                                        : fragment.slot<UniGridMapper>().ready.load() != nullptr;
+}
+
 void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found) const {
     locate(positions, found, {});
 }

@@ -245,6 +245,10 @@ public:
     /// few cells of each other. Both sequences have the same length.
     void locate(std::span<const point> positions, std::span<Location> found) const;
 
+    /// Builds structures that locating these positions will need, by the calling thread and its team, which tells its
+    /// pulse: while positions are dealt out, whoever comes first builds, alone. Locates a few of them.
+    void prepare(std::span<const point> positions) const;
+
     /// Whether coordinates and masks are still those that this locator was made with: if not, its answers are those of
     /// before, in part, and another one is to be made.
     [[nodiscard]] bool isCurrent() const;
@@ -282,6 +286,7 @@ private:
 
     template<class Structure>
     const Structure* structure(unsigned int number, detail::Hearing hearing) const;
+    [[nodiscard]] bool isBuilt(unsigned int number) const;
     [[nodiscard]] Way wayOfOptions() const noexcept;
     void ask(Way way, unsigned int number, std::span<const point> points, std::span<CellLocation> found,
              const BlockMask* mask, detail::Hearing hearing) const;

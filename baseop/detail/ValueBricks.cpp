@@ -114,11 +114,16 @@ public:
     KeptBricks(const StrongPtr<ValueBricks<T>>& kept, Hestra::Ageable::age_t ageOfData)
         : bricks(kept), age(ageOfData) {}
     ~KeptBricks() override {
-        if (const StrongPtr<ValueBricks<T>> kept = bricks.lock()) Hestra::Cache::MemCache()->release(*kept);
+        const StrongPtr<ValueBricks<T>> kept = bricks.lock();
+        const StrongPtr<Hestra::Cache> cache = myCache.lock(); // which may be gone when the process ends
+        if (kept && cache) cache->release(*kept);
     }
 
     const Hestra::WeakPtr<ValueBricks<T>> bricks;
     const Hestra::Ageable::age_t age;
+
+private:
+    const Hestra::WeakPtr<Hestra::Cache> myCache{Hestra::Cache::MemCache()};
 };
 
 } // namespace

@@ -142,7 +142,7 @@ Bits results() {
             appendBox<Orvix::Coordinates<Orvix::Cartesian3D, float>::point>(bits, count, isWithNaN);
             appendTangents(bits, count, isWithNaN);
             appendGradient(bits, count, isWithNaN);
-            if (count < 2 || (count > 75 && count % 5 != 0)) continue;
+            if (count < 2 || count > 75) continue;
             appendBlock<double>(bits, count, isWithNaN);
             appendBlock<float>(bits, count, isWithNaN);
             appendBlock<unsigned char>(bits, count, isWithNaN);

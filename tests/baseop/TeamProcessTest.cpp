@@ -4,6 +4,7 @@
 #include <baseop/Isosurface.hpp>
 #include <baseop/PartialDerivative.hpp>
 #include <baseop/ResampleRegularGrid.hpp>
+#include <baseop/Threads.hpp>
 
 #include <chrono>
 #include <csignal>
@@ -38,7 +39,7 @@ index_t runAll(index_t n) {
 }
 
 TEST(TeamTest, IsNotOpenedForLittleWorkNorAwaitedInAChild) {
-    omp_set_num_threads(4);
+    const ScopedThreads four(4);
     const auto before = threads();
     EXPECT_EQ(runAll(20), 2 * 19 * 19u);
     EXPECT_EQ(threads(), before) << "little work";
@@ -47,7 +48,10 @@ TEST(TeamTest, IsNotOpenedForLittleWorkNorAwaitedInAChild) {
     const index_t expected = runAll(kMany);
     EXPECT_GT(threads(), before) << "enough work for a team";
     const pid_t child = fork();
-    if (child == 0) _exit(runAll(kMany) == expected ? 0 : 1);
+    if (child == 0) {
+        const ScopedThreads wanted(4); // of which there are none any more
+        _exit(runAll(kMany) == expected && ScopedThreads::count() == 1 ? 0 : 1);
+    }
     ASSERT_GT(child, 0);
     int status = -1;
     pid_t ended = 0;

@@ -1,6 +1,8 @@
 #include <baseop/detail/location/CellBoxTree.hpp>
 #include <model/hestra/Chunk.hpp>
+#include <model/hestra/Pulse.hpp>
 
+#include <atomic>
 #include <cmath>
 #include <limits>
 #include <omp.h>
@@ -280,8 +282,16 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
         least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
 
     const auto planes = static_cast<std::ptrdiff_t>(bottom.size[2]);
+    std::atomic<bool> isEnded{false};
 #pragma omp parallel for schedule(dynamic) num_threads(static_cast <int>(workers.size()))
     for (std::ptrdiff_t plane = 0; plane < planes; ++plane) {
+        if (isEnded.load(std::memory_order_relaxed)) continue;
+        try {
+            Hestra::Pulse::beat(static_cast<double>(plane) / static_cast<double>(planes));
+        } catch (const Hestra::Interruption&) { // which may not leave the region
+            isEnded = true;
+            continue;
+        }
         Worker& worker = workers[static_cast<std::size_t>(omp_get_thread_num())];
         const auto z = static_cast<std::size_t>(plane);
         for (std::size_t y = 0; y < bottom.size[1]; ++y) {
@@ -326,6 +336,7 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
             }
         }
     }
+    if (isEnded) throw Hestra::Interruption();
 }
 
 void CellBoxTree::buildUpper(LevelBoxes& boxes) {

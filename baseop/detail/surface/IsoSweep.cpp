@@ -1,6 +1,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/MarchingCubesTables.hpp>
+#include <model/hestra/Pulse.hpp>
 
 #include <algorithm>
 #include <bit>
@@ -173,9 +174,68 @@ EdgeNumbering::EdgeNumbering(const MultiIndex<3>& extents, const MultiIndex<3>& 
     }
 }
 
-/// What a thread remembers of two planes of vertices: indices of surface vertices on the edges.
 template<class T>
-class IsoSweep<T>::Planes {
+StoredValues<T>::StoredValues(const MultiArray<3, T>& data, double level, const ValueBricks<T>* bricks)
+    : mySize(data.Size()), myValues(data.data()), myStride(static_cast<std::size_t>(data.stride())), myLevel(level),
+      myTest(level), myWords((static_cast<std::size_t>(mySize[0]) + 63) / 64) {
+    if (bricks) ask(*bricks);
+}
+
+/// Notes what bricks tell of their vertices, unless most would have to be read anyway.
+template<class T>
+void StoredValues<T>::ask(const ValueBricks<T>& bricks) {
+    constexpr std::size_t Group = ValueBricks<T>::Side, InWord = 64 / Group;
+    const auto row = static_cast<std::size_t>(mySize[0]);
+    const std::size_t inRow = static_cast<std::size_t>(bricks.Size()[0]), rows = bricks.least().size() / inRow;
+    const std::size_t groups = (row + Group - 1) / Group; // the last vertex of a brick may be all of a group
+    std::size_t cut = 0, cutWords = 0;
+    myKnown.assign(rows * myWords, KnownWord{0, 0});
+    for (std::size_t r = 0; r < rows; ++r) {
+        KnownWord* const words = myKnown.data() + r * myWords;
+        for (std::size_t g = 0; g < groups; ++g) {
+            const std::size_t brick = r * inRow + std::min(g, inRow - 1);
+            const bool isSomeBelow = myTest.below(bricks.least()[brick]);
+            const bool isAllBelow = myTest.below(bricks.greatest()[brick]);
+            const std::uint64_t ones = std::uint64_t{0xff} << (Group * (g % InWord));
+            if (isSomeBelow != isAllBelow) words[g / InWord].toRead |= ones, ++cut;
+            if (isAllBelow) words[g / InWord].below |= ones;
+        }
+        if (row % 64 != 0) words[myWords - 1].below &= ~(~std::uint64_t{0} << (row % 64));
+    }
+    if (2 * cut > rows * groups) return myKnown.clear();
+    for (const KnownWord& word : myKnown) cutWords += word.toRead != 0;
+    myMostCutWords = Group * Group * cutWords;
+    myBricks = {static_cast<std::size_t>(bricks.Size()[1]), static_cast<std::size_t>(bricks.Size()[2])};
+}
+
+template<class T>
+void StoredValues<T>::classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
+    const auto count = static_cast<std::size_t>(mySize[0]), rows = static_cast<std::size_t>(mySize[1]);
+    const auto layers = static_cast<std::size_t>(mySize[2]);
+    const T* const plane = myValues + k * rows * count * myStride;
+    if (myStride != 1) {
+        T gathered[64];
+        for (std::size_t j = 0; j < rows; ++j)
+            for (std::size_t word = 0; word < myWords; ++word) {
+                const std::size_t some = std::min<std::size_t>(64, count - 64 * word);
+                for (std::size_t i = 0; i < some; ++i) gathered[i] = plane[(j * count + 64 * word + i) * myStride];
+                classifyRows(myTest, ValueRows<T>{gathered, some}, nullptr, words + j * wordStep + word, wordStep);
+            }
+        return;
+    }
+    if (myKnown.empty()) return classifyRows(myTest, ValueRows<T>{plane, count, rows, count}, nullptr, words, wordStep);
+    constexpr std::size_t Side = ValueBricks<T>::Side;
+    for (std::size_t b = 0; b < myBricks[0]; ++b) {
+        const std::size_t begin = Side * b, end = b + 1 < myBricks[0] ? begin + Side : rows;
+        classifyRows(myTest, ValueRows<T>{plane + begin * count, count, end - begin, count},
+                     known(b, std::min(k / Side, myBricks[1] - 1)), words + begin * wordStep, wordStep,
+                     k + 1 < layers ? count * rows : 0);
+    }
+}
+
+/// What a thread remembers of two planes of vertices: indices of surface vertices on the edges.
+template<class Values>
+class IsoSweep<Values>::Planes {
 public:
     explicit Planes(const IsoSweep& sweep)
         : myRow(sweep.mySize[0]), myPlane(sweep.mySize[0] * sweep.mySize[1]),
@@ -203,18 +263,15 @@ private:
     std::size_t myLower = 0;
 };
 
-template<class T>
-IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level, const BlockMask* mask, const ValueBricks<T>* bricks)
-    : myValues(data.data()),
-      myStride(static_cast<std::size_t>(data.stride())), mySize{static_cast<std::size_t>(data.Size()[0]),
-                                                                static_cast<std::size_t>(data.Size()[1]),
-                                                                static_cast<std::size_t>(data.Size()[2])},
-      myLevel(level), myTest(level), myMask(mask) {
+template<class Values>
+IsoSweep<Values>::IsoSweep(const Values& values, const BlockMask* mask)
+    : myValues(values), mySize{static_cast<std::size_t>(values.size()[0]), static_cast<std::size_t>(values.size()[1]),
+                               static_cast<std::size_t>(values.size()[2])},
+      myMask(mask) {
     if (mySize[0] < 2 || mySize[1] < 2 || mySize[2] < 2) return;
     myVertexWords = (mySize[0] + 63) / 64;
     myCellWords = (mySize[0] - 1 + 63) / 64;
     myLayers.resize(layerCount() + 1);
-    if (bricks) ask(*bricks);
 
     const std::size_t slabs = slabCount(mySize), plane = 2 * (myVertexWords + 1) * mySize[1];
     const auto masks = std::make_unique<std::uint64_t[]>(slabs * plane);
@@ -230,80 +287,29 @@ IsoSweep<T>::IsoSweep(const MultiArray<3, T>& data, double level, const BlockMas
     }
 }
 
-/// Notes what bricks tell of their vertices, unless most would have to be read anyway.
-template<class T>
-void IsoSweep<T>::ask(const ValueBricks<T>& bricks) {
-    constexpr std::size_t Group = ValueBricks<T>::Side, InWord = 64 / Group;
-    const std::size_t inRow = static_cast<std::size_t>(bricks.Size()[0]), rows = bricks.least().size() / inRow;
-    const std::size_t groups = (mySize[0] + Group - 1) / Group; // the last vertex of a brick may be all of a group
-    std::size_t cut = 0;
-    myKnown.assign(rows * myVertexWords, KnownWord{0, 0});
-    for (std::size_t r = 0; r < rows; ++r) {
-        KnownWord* const words = myKnown.data() + r * myVertexWords;
-        for (std::size_t g = 0; g < groups; ++g) {
-            const std::size_t brick = r * inRow + std::min(g, inRow - 1);
-            const bool isSomeBelow = myTest.below(bricks.least()[brick]);
-            const bool isAllBelow = myTest.below(bricks.greatest()[brick]);
-            const std::uint64_t ones = std::uint64_t{0xff} << (Group * (g % InWord));
-            if (isSomeBelow != isAllBelow) words[g / InWord].toRead |= ones, ++cut;
-            if (isAllBelow) words[g / InWord].below |= ones;
-        }
-        if (mySize[0] % 64 != 0) words[myVertexWords - 1].below &= ~(~std::uint64_t{0} << (mySize[0] % 64));
-    }
-    if (2 * cut > rows * groups) myKnown.clear();
-    myBricks = {static_cast<std::size_t>(bricks.Size()[1]), static_cast<std::size_t>(bricks.Size()[2])};
-}
-
-// Rows end with an empty word, so that every word has a next one.
-template<class T>
-void IsoSweep<T>::classifyPlane(std::size_t k, std::uint64_t* masks) const noexcept {
-    const std::size_t words = myVertexWords + 1;
-    if (myStride != 1) {
-        T gathered[64];
-        for (std::size_t j = 0; j < mySize[1]; ++j)
-            for (std::size_t word = 0; word < myVertexWords; ++word) {
-                const std::size_t count = std::min<std::size_t>(64, mySize[0] - 64 * word);
-                for (std::size_t i = 0; i < count; ++i) gathered[i] = row(j, k)[(64 * word + i) * myStride];
-                classifyRows(myTest, ValueRows<T>{gathered, count}, nullptr, masks + j * words + word, words);
-            }
-        return;
-    }
-    if (myKnown.empty())
-        return classifyRows(myTest, ValueRows<T>{row(0, k), mySize[0], mySize[1], mySize[0]}, nullptr, masks, words);
-    constexpr std::size_t Side = ValueBricks<T>::Side;
-    for (std::size_t b = 0; b < myBricks[0]; ++b) {
-        const std::size_t begin = Side * b, end = b + 1 < myBricks[0] ? begin + Side : mySize[1];
-        classifyRows(myTest, ValueRows<T>{row(begin, k), mySize[0], end - begin, mySize[0]},
-                     known(b, std::min(k / Side, myBricks[1] - 1)), masks + begin * words, words,
-                     k + 1 < mySize[2] ? mySize[0] * mySize[1] : 0);
-    }
-}
-
-// Leaves what layer k adds in myLayers[k + 1].
-template<class T>
-void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks,
-                              std::vector<CutWord>& cutWords) {
+// Leaves what layer k adds in myLayers[k + 1]. Rows of masks end with an empty word, so that every word has a next one.
+template<class Values>
+void IsoSweep<Values>::countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks,
+                                   std::vector<CutWord>& cutWords) {
     if (begin == end) return;
     const std::size_t words = myVertexWords + 1, rows = mySize[1] - 1;
     const std::uint64_t lastCells = ~std::uint64_t{0} >> (64 * myCellWords - (mySize[0] - 1));
     std::uint64_t *lower = masks, *upper = masks + words * mySize[1];
     std::vector<std::size_t> firstWords;
-    // As many as bricks leave possible: what is not used of it is never touched.
-    cutWords.reserve(static_cast<std::size_t>(std::count_if(myKnown.begin(), myKnown.end(),
-                                                            [](const KnownWord& word) { return word.toRead != 0; })) *
-                     64 * (end - begin) / layerCount());
-    classifyPlane(begin, lower);
+    // What is not used of it is never touched.
+    cutWords.reserve(myValues.mostCutWords() * (end - begin) / layerCount());
+    myValues.classifyPlane(begin, lower, words);
     for (std::size_t k = begin; k < end; ++k, std::swap(lower, upper)) {
-        classifyPlane(k + 1, upper);
+        Hestra::Pulse::beat(static_cast<double>(k - begin) / static_cast<double>(end - begin));
+        myValues.classifyPlane(k + 1, upper, words);
         firstWords.push_back(cutWords.size());
         Layer added;
         for (std::size_t j = 0; j < rows; ++j) {
-            const KnownWord* const before = known(j / ValueBricks<T>::Side, k / ValueBricks<T>::Side);
             const int border = (j == 0 ? 2 : 0) + (k == 0 ? 4 : 0);
             const std::uint64_t *const a = lower + j * words, *const b = a + words;
             const std::uint64_t *const c = upper + j * words, *const d = c + words;
             for (std::size_t word = 0; word < myCellWords; ++word) {
-                if (before && before[word].toRead == 0) continue;
+                if (myValues.isUncut(j, k, word)) continue;
                 const RowWords around{a[word], b[word], c[word], d[word],
                                       static_cast<unsigned>((a[word + 1] & 1) | (b[word + 1] & 1) << 1 |
                                                             (c[word + 1] & 1) << 2 | (d[word + 1] & 1) << 3)};
@@ -343,9 +349,9 @@ void IsoSweep<T>::countLayers(std::size_t begin, std::size_t end, std::uint64_t*
 }
 
 /// Evaluates the vertices of a layer some time after they were found, when what they need has come from memory.
-template<class T>
+template<class Values>
 template<class Positions>
-class IsoSweep<T>::VertexQueue {
+class IsoSweep<Values>::VertexQueue {
 public:
     VertexQueue(const IsoSweep& sweep, std::size_t k, const SweepTarget& target, const EdgeNumbering& numbering,
                 const Positions& positions)
@@ -385,8 +391,8 @@ public:
             const Edge& edge = myEdges[entry.e];
             const std::size_t lower = entry.cell + edge.lower;
             const std::size_t upper = lower + myStep[static_cast<std::size_t>(edge.axis)];
-            __builtin_prefetch(mySweep.myValues + lower * mySweep.myStride);
-            __builtin_prefetch(mySweep.myValues + upper * mySweep.myStride);
+            mySweep.myValues.prefetch(lower);
+            mySweep.myValues.prefetch(upper);
             myPositions.prefetch(lower, upper);
             if (myAsked - myBegin >= Delay) evaluate();
         }
@@ -416,10 +422,9 @@ private:
     void evaluate() noexcept {
         const Entry& entry = myRing[myBegin++ % Capacity];
         const Edge& edge = myEdges[entry.e];
-        const auto value = [&](std::size_t corner) {
-            return static_cast<double>(mySweep.myValues[(entry.cell + corner) * mySweep.myStride]);
-        };
-        const double weight = edgeWeight(mySweep.myLevel, value(edge.first), value(edge.second), edge.reversed);
+        const auto& values = mySweep.myValues;
+        const double weight = edgeWeight(values.level(), values[entry.cell + edge.first],
+                                         values[entry.cell + edge.second], edge.reversed);
         const Extents at = {entry.i + edge.offset[0], entry.j + edge.offset[1], myLayer + edge.offset[2]};
         myTarget.points[myNext] = myPositions.onEdge(edge.axis, at, entry.cell + edge.lower, myStep, weight);
         if (myTarget.weights) myTarget.weights[myNext] = weight;
@@ -438,10 +443,11 @@ private:
     Entry myRing[Capacity];
 };
 
-template<class T>
+template<class Values>
 template<bool Write, class Positions>
-void IsoSweep<T>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& target, const EdgeNumbering& numbering,
-                            const Positions& positions, [[maybe_unused]] const TriangleCell* end) const {
+void IsoSweep<Values>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& target,
+                                 const EdgeNumbering& numbering, const Positions& positions,
+                                 [[maybe_unused]] const TriangleCell* end) const {
     index_t vertex = target.firstVertex + myLayers[k].firstVertex;
     [[maybe_unused]] TriangleCell* triangle = target.triangles + myLayers[k].firstTriangle;
     VertexQueue<Positions> queue(*this, k, target, numbering, positions);
@@ -500,24 +506,27 @@ void IsoSweep<T>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& ta
     if constexpr (Write) queue.finish();
 }
 
-template<class T>
+template<class Values>
 template<class Positions>
-void IsoSweep<T>::fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
-                             const EdgeNumbering& numbering, const Positions& positions) const {
+void IsoSweep<Values>::fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
+                                  const EdgeNumbering& numbering, const Positions& positions) const {
     if (begin == end) return;
     const TriangleCell* const last = target.triangles + myLayers[end].firstTriangle;
     if (begin > 0) { // for the indices on the plane below
         fillLayer<false>(begin - 1, planes, target, numbering, positions, last);
         planes.advance();
     }
-    for (std::size_t k = begin; k < end; ++k, planes.advance())
+    for (std::size_t k = begin; k < end; ++k, planes.advance()) {
+        Hestra::Pulse::beat(static_cast<double>(k - begin) / static_cast<double>(end - begin));
         if (myLayers[k + 1].firstTriangle != myLayers[k].firstTriangle)
             fillLayer<true>(k, planes, target, numbering, positions, last);
+    }
 }
 
-template<class T>
+template<class Values>
 template<class Positions>
-void IsoSweep<T>::fill(const SweepTarget& target, const EdgeNumbering& numbering, const Positions& positions) const {
+void IsoSweep<Values>::fill(const SweepTarget& target, const EdgeNumbering& numbering,
+                            const Positions& positions) const {
     if (!hasCells() || triangles() == 0) return;
     const std::size_t slabs = slabCount(mySize);
     std::vector<Planes> planes;
@@ -541,14 +550,24 @@ void IsoSweep<T>::fill(const SweepTarget& target, const EdgeNumbering& numbering
 }
 
 #define VANTLE_INSTANTIATE_SWEEP(T)                                                                                    \
-    template class IsoSweep<T>;                                                                                        \
-    template void IsoSweep<T>::fill(const SweepTarget&, const EdgeNumbering&, const StoredPositions&) const;           \
-    template void IsoSweep<T>::fill(const SweepTarget&, const EdgeNumbering&, const ProductPositions&) const;
+    template class StoredValues<T>;                                                                                    \
+    template class IsoSweep<StoredValues<T>>;                                                                          \
+    template void IsoSweep<StoredValues<T>>::fill(const SweepTarget&, const EdgeNumbering&, const StoredPositions&)    \
+        const;                                                                                                         \
+    template void IsoSweep<StoredValues<T>>::fill(const SweepTarget&, const EdgeNumbering&, const ProductPositions&)   \
+        const;
 VANTLE_INSTANTIATE_SWEEP(double)
 VANTLE_INSTANTIATE_SWEEP(float)
 VANTLE_INSTANTIATE_SWEEP(unsigned char)
 VANTLE_INSTANTIATE_SWEEP(short)
 VANTLE_INSTANTIATE_SWEEP(unsigned short)
 #undef VANTLE_INSTANTIATE_SWEEP
+#define VANTLE_INSTANTIATE_CUT(Positions)                                                                              \
+    template class IsoSweep<PlaneDistances<Positions>>;                                                                \
+    template void IsoSweep<PlaneDistances<Positions>>::fill(const SweepTarget&, const EdgeNumbering&,                  \
+                                                            const Positions&) const;
+VANTLE_INSTANTIATE_CUT(StoredPositions)
+VANTLE_INSTANTIATE_CUT(ProductPositions)
+#undef VANTLE_INSTANTIATE_CUT
 
 } // namespace Vantle::detail

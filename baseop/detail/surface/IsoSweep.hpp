@@ -21,6 +21,7 @@
 #include <model/vantle/MultiArray.hpp>
 #include <model/vantle/Simplex.hpp>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -109,6 +110,137 @@ struct ProductPositions {
     }
 };
 
+/// Values that lie in memory, and a level. The data outlive this.
+template<class T>
+class StoredValues {
+public:
+    /// @param bricks  those of the data, or null; asked here, and not later.
+    StoredValues(const MultiArray<3, T>& data, double level, const ValueBricks<T>* bricks = nullptr);
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return myLevel; }
+    /// The value of the vertex with this index.
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        return static_cast<double>(myValues[vertex * myStride]);
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return myTest.below(myValues[vertex * myStride]); }
+    /// Which vertices of plane k have values below the level: words of 64, whose rows begin `wordStep` words apart.
+    void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept;
+    /// Whether it is known that the level crosses none of 64 cells, the `word`-th of row (j, k).
+    [[nodiscard]] bool isUncut(std::size_t j, std::size_t k, std::size_t word) const noexcept {
+        return !myKnown.empty() && known(j / ValueBricks<T>::Side, k / ValueBricks<T>::Side)[word].toRead == 0;
+    }
+    /// The most words of cells that the level can cross, or 0 if nothing is known.
+    [[nodiscard]] std::size_t mostCutWords() const noexcept { return myMostCutWords; }
+    void prefetch(std::size_t vertex) const noexcept { __builtin_prefetch(myValues + vertex * myStride); }
+
+private:
+    void ask(const ValueBricks<T>& bricks);
+    [[nodiscard]] const KnownWord* known(std::size_t brickRow, std::size_t brickLayer) const noexcept {
+        return myKnown.data() + (brickLayer * myBricks[0] + brickRow) * myWords;
+    }
+
+    MultiIndex<3> mySize;
+    const T* myValues;
+    std::size_t myStride;
+    double myLevel;
+    LevelTest<T> myTest;
+    std::size_t myWords; // of 64 vertices in a row
+    std::array<std::size_t, 2> myBricks{};
+    std::vector<KnownWord> myKnown; // of rows of bricks, along axes 1 and 2, or none
+    std::size_t myMostCutWords = 0;
+};
+
+/// A plane in space, and the distances of positions from it: positive where the normal shows.
+struct PlaneDistance {
+    Point origin;
+    Orvix::PhysicalSpace::vector unit; ///< the normal, of length 1
+
+    [[nodiscard]] double operator()(const Point& p) const noexcept { return dot(p - origin, unit); }
+};
+
+/// As `StoredValues::classifyPlane`, of values that know 64 of them.
+template<class Values>
+void classifyByWords(const Values& values, std::size_t k, std::uint64_t* words, std::size_t wordStep) noexcept {
+    const auto row = static_cast<std::size_t>(values.size()[0]), rows = static_cast<std::size_t>(values.size()[1]);
+    for (std::size_t j = 0; j < rows; ++j)
+        for (std::size_t begin = 0; begin < row; begin += 64)
+            words[j * wordStep + begin / 64] =
+                values.below((k * rows + j) * row + begin, std::min<std::size_t>(64, row - begin));
+}
+
+/// Distances of vertices from a plane, computed where they are asked for; the level is 0. The positions outlive this.
+template<class Positions>
+class PlaneDistances;
+
+template<>
+class PlaneDistances<StoredPositions> {
+public:
+    PlaneDistances(const PlaneDistance& plane, const StoredPositions& positions, const MultiIndex<3>& size)
+        : myPlane(plane), myPositions(positions), mySize(size) {}
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return 0.0; }
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        return myPlane(myPositions.points[vertex * myPositions.stride]);
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return (*this)[vertex] < 0.0; }
+    [[nodiscard]] std::uint64_t below(std::size_t vertex, std::size_t count) const noexcept {
+        std::uint64_t bits = 0;
+        for (std::size_t i = 0; i < count; ++i) bits |= std::uint64_t{isBelow(vertex + i)} << i;
+        return bits;
+    }
+    void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
+        classifyByWords(*this, k, words, wordStep);
+    }
+    [[nodiscard]] bool isUncut(std::size_t, std::size_t, std::size_t) const noexcept { return false; }
+    [[nodiscard]] std::size_t mostCutWords() const noexcept { return 0; }
+    void prefetch(std::size_t) const noexcept {} // positions are asked for
+
+private:
+    PlaneDistance myPlane;
+    StoredPositions myPositions;
+    MultiIndex<3> mySize;
+};
+
+/// Sums of three terms, each of one axis.
+template<>
+class PlaneDistances<ProductPositions> {
+public:
+    PlaneDistances(const PlaneDistance& plane, const ProductPositions& positions, const MultiIndex<3>& size)
+        : mySize(size) {
+        for (std::size_t d = 0; d < 3; ++d)
+            for (const double at : positions.axes[d])
+                myTerms[d].push_back((at - plane.origin[static_cast<int>(d)]) * plane.unit[static_cast<int>(d)]);
+    }
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return 0.0; }
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        const MultiIndex<3> at = MultiIndex<3>::fromLinear(vertex, mySize);
+        return (myTerms[0][at[0]] + myTerms[1][at[1]]) + myTerms[2][at[2]];
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return (*this)[vertex] < 0.0; }
+    [[nodiscard]] std::uint64_t below(std::size_t vertex, std::size_t count) const noexcept {
+        const MultiIndex<3> at = MultiIndex<3>::fromLinear(vertex, mySize);
+        const double* const x = myTerms[0].data() + at[0];
+        const double y = myTerms[1][at[1]], z = myTerms[2][at[2]];
+        std::uint64_t bits = 0;
+        for (std::size_t i = 0; i < count; ++i) bits |= std::uint64_t{(x[i] + y) + z < 0.0} << i;
+        return bits;
+    }
+    void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
+        classifyByWords(*this, k, words, wordStep);
+    }
+    [[nodiscard]] bool isUncut(std::size_t, std::size_t, std::size_t) const noexcept { return false; }
+    [[nodiscard]] std::size_t mostCutWords() const noexcept { return 0; }
+    void prefetch(std::size_t) const noexcept {}
+
+private:
+    MultiIndex<3> mySize;
+    std::array<std::vector<double>, 3> myTerms;
+};
+
 /// The classified vertices of four rows around 64 cells of a row, and the vertices after the last.
 struct RowWords {
     std::uint64_t lowLow, highLow, lowHigh, highHigh; // (j, k), (j+1, k), (j, k+1), (j+1, k+1)
@@ -131,15 +263,13 @@ struct RowWords {
     }
 };
 
-/// The sweep over one block of data at one level.
-template<class T>
+/// The sweep over one block of values at one level: `StoredValues` or `PlaneDistances`.
+template<class Values>
 class IsoSweep {
 public:
-    /// Classifies and counts. The data outlive the sweep, and so does the mask, which has their extents, if any.
-    ///
-    /// @param bricks  those of the data, or null.
-    IsoSweep(const MultiArray<3, T>& data, double level, const BlockMask* mask = nullptr,
-             const ValueBricks<T>* bricks = nullptr);
+    /// Classifies and counts. What the values view outlives the sweep, and so does the mask, which has their extents,
+    /// if any.
+    explicit IsoSweep(const Values& values, const BlockMask* mask = nullptr);
 
     /// Whether the block has cells at all.
     [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
@@ -168,15 +298,7 @@ private:
     class VertexQueue;
 
     [[nodiscard]] std::size_t layerCount() const noexcept { return mySize[2] - 1; }
-    [[nodiscard]] const T* row(std::size_t j, std::size_t k) const noexcept {
-        return myValues + (k * mySize[1] + j) * mySize[0] * myStride;
-    }
-    void ask(const ValueBricks<T>& bricks);
-    [[nodiscard]] const KnownWord* known(std::size_t brickRow, std::size_t brickLayer) const noexcept {
-        return myKnown.empty() ? nullptr : myKnown.data() + (brickLayer * myBricks[0] + brickRow) * myVertexWords;
-    }
     void countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks, std::vector<CutWord>& cutWords);
-    void classifyPlane(std::size_t k, std::uint64_t* masks) const noexcept;
     template<bool Write, class Positions>
     void fillLayer(std::size_t k, Planes& planes, const SweepTarget& target, const EdgeNumbering& numbering,
                    const Positions& positions, const TriangleCell* end) const;
@@ -184,16 +306,11 @@ private:
     void fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
                     const EdgeNumbering& numbering, const Positions& positions) const;
 
-    const T* myValues;
-    std::size_t myStride;
+    Values myValues;
     std::array<std::size_t, 3> mySize; // vertices
-    double myLevel;
-    LevelTest<T> myTest;
     const BlockMask* myMask;
-    std::size_t myVertexWords = 0; // words of 64 vertices in a row
-    std::size_t myCellWords = 0;   // words of 64 cells in a row
-    std::array<std::size_t, 2> myBricks{};
-    std::vector<KnownWord> myKnown;               // of rows of bricks, along axes 1 and 2, or none
+    std::size_t myVertexWords = 0;                // words of 64 vertices in a row
+    std::size_t myCellWords = 0;                  // words of 64 cells in a row
     std::vector<Layer> myLayers;                  // one more than there are layers
     std::vector<std::vector<CutWord>> myCutWords; // as the threads have found them
 };
