@@ -331,7 +331,7 @@ bool FragmentIsoSurfacer::isJoinedAndExcluded(unsigned int block, const Creative
 
 /// Whether the range of data that exist excludes the level.
 template<class T>
-bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
+bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator, [[maybe_unused]] const MultiArray<3, T>& data) {
     if constexpr (std::is_same_v<T, double>) {
         if (DataRange<double>::get(creator)) return false; // asked before the data were made
         const auto range = DataRange<double>::compute(creator, false, false).lock();
@@ -340,7 +340,10 @@ bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
                        myLevel);
         return true;
     } else if constexpr (std::is_same_v<T, unsigned char>) {
-        return excludesLevel(DataRange<unsigned char>::compute(creator, false, false).lock());
+        const auto known = DataRange<unsigned char>::get(creator).lock();
+        return excludesLevel(known && detail::ValueBricks<T>::find(creator, data)
+                                 ? known
+                                 : DataRange<unsigned char>::compute(creator, false, false).lock());
     } else if constexpr (std::is_same_v<T, unsigned short>) {
         return excludesLevel(DataRange<unsigned short>::retrieve(creator, false, false).lock());
     } else {
@@ -375,11 +378,12 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         }
         const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
         if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
-        if (!myRangeOf && values == &own && isSkipped<T>(*creator))
+        if (!myRangeOf && values == &own && isSkipped<T>(*creator, own))
             return noteSkipped(id); // a range knows of own values only
         if (!coordinates) coordinates = findCoordinates(id, fragment);
         if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
-        sweep(id, StoredValues<T>(*values, myLevel), fragment);
+        const auto bricks = values == &own ? detail::ValueBricks<T>::of(*creator, own) : nullptr;
+        sweep(id, StoredValues<T>(*values, myLevel, bricks.rawptr()), fragment);
     });
     if (!supported) {
         findCoordinates(id, fragment);

@@ -2,6 +2,7 @@
 #include <baseop/Isosurface.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/MarchingCubesTables.hpp>
+#include <model/hestra/Console.hpp>
 #include <model/vantle/GridKinds.hpp>
 
 #include <cmath>
@@ -194,7 +195,6 @@ public:
         expectOn(rectilinear);
     }
 
-private:
     template<class U>
     static std::vector<U> asVector(const MemArray<1, U>& array) {
         return std::vector<U>(array.data(), array.data() + array.nElements());
@@ -259,6 +259,53 @@ TYPED_TEST(IsosurfaceSweepTest, DoesNotDependOnTheNumberOfThreads) {
         SCOPED_TRACE(threads);
         this->expectPlain(*noise, 3.0); // few cells are whole
         this->expectPlain(*smooth, 100.5);
+    }
+}
+
+// Of several levels of one field, where most bricks are passed over; of others in its place; and of bricks that the
+// cache has dropped. The last vertices of an axis are the last ones of bricks, first ones, or in between.
+TYPED_TEST(IsosurfaceSweepTest, EqualsThePlainSweepWhereBricksArePassedOver) {
+    const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
+    for (const MultiIndex<3>& size : {MultiIndex<3>(65, 33, 33), MultiIndex<3>(70, 34, 32)}) {
+        SCOPED_TRACE(to_string(size));
+        const auto positions = bentPositions(size);
+        const auto data = fill<TypeParam>(size, [](const MultiIndex<3>& at) {
+            return 3 * length(PhysicalSpace::vector(double(at[0]) - 36, double(at[1]) - 13, double(at[2]) - 12));
+        });
+        const auto slice = Hestra::makeRef<Slice>();
+        RegularGrid3D regular(slice->newGrid("grid"));
+        const auto id = regular.addBlock("block", positions);
+        const auto field = regular.setField("f", data, id);
+        Hestra::Ageable request;
+        const auto expectPlainAt = [&](double level) {
+            SCOPED_TRACE(level);
+            Surface plain;
+            plain.addPlainly<TypeParam>(*data, level, *positions);
+            request.touch();
+            const TriangularSurface made(
+                ComputeIsosurface(level, request, *regular.grid(), "f", *slice, "surface", 0.0));
+            const auto points = this->asVector(*made.points());
+            EXPECT_TRUE(support::sameBits(plain.points, points));
+            EXPECT_EQ(plain.triangles, this->asVector(*made.triangles()));
+        };
+        for (const double level : {9.0, 14.5, 20.0, -1.0, 0.0, 110.0, 300.0}) expectPlainAt(level);
+
+        const auto change = [&](const MultiIndex<3>& at, double value) {
+            (*data)[at] = static_cast<TypeParam>(value);
+            field->getCreator(id)->touch();
+            field->touch();
+        };
+        change({1, 1, 1}, 5);
+        expectPlainAt(20.0);
+        if constexpr (std::is_floating_point_v<TypeParam>) {
+            change({64, 32, 31}, kNaN); // among larger ones, which it is outside with
+            change({37, 13, 12}, kNaN); // among smaller ones
+            expectPlainAt(50.0);
+            change({20, 8, 8}, -kInfinity);
+            for (const double level : {20.0, -kInfinity, kNaN}) expectPlainAt(level);
+        }
+        Hestra::Cache::MemCache()->clear();
+        expectPlainAt(14.5);
     }
 }
 

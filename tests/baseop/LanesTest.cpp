@@ -5,8 +5,11 @@
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/ExpandBBox.hpp>
 #include <baseop/Interpolate.hpp>
+#include <baseop/Isosurface.hpp>
+#include <baseop/PartialDerivative.hpp>
 #include <baseop/TangentialVectors.hpp>
 #include <baseop/UniGridMapper.hpp>
+#include <baseop/detail/ValueBricks.hpp>
 #include <model/hestra/Console.hpp>
 
 #include <hwy/targets.h>
@@ -122,6 +125,34 @@ void appendLocations(Bits& bits, std::size_t count) {
         }
 }
 
+/// Bricks of a block with rows of `count` values, and where a level crosses it.
+template<class T>
+void appendBlock(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const MultiIndex<3> size(count, 10, 3);
+    const auto block = MemArray<3, T>::create(size);
+    for (index_t n = 0; n < block->nElements(); ++n) block->element(n) = randomNumber<T>(random, isWithNaN);
+    const detail::ValueBricks<T> bricks(*block);
+    for (const auto* const values : {&bricks.least(), &bricks.greatest()})
+        for (const T value : *values) append(bits, value);
+    append(bits, bricks.hasNaN());
+    append(bits, bricks.hasNegativeZero());
+    const auto grid = UniformCartesianArray({0, 0, 0}, size, {1, 1, 1});
+    const FieldExplorer<MultiArray<3, T>> explorer(*block, 0.3);
+    const auto triangles = ComputeIsosurfaceT(explorer, grid, 0.0).second;
+    for (index_t t = 0; t < triangles->nElements(); ++t)
+        for (const auto corner : triangles->element(t)) append(bits, corner);
+}
+
+void appendGradient(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const auto field = MemArray<3, double>::create({count, 3, 2});
+    for (index_t n = 0; n < field->nElements(); ++n) field->element(n) = randomNumber<double>(random, isWithNaN);
+    const auto gradient = Hestra::dynamicCast<MemArray<3, PhysicalSpace::vector>>(PartialDerivative(field));
+    for (index_t n = 0; n < gradient->nElements(); ++n)
+        for (const double x : gradient->element(n)) append(bits, x);
+}
+
 /// What all operations with lanes give, for numbers of elements around each border of lanes and of blocks.
 Bits results() {
     const Hestra::ScopedListener nobody({});
@@ -136,6 +167,13 @@ Bits results() {
             appendBox<Orvix::Coordinates<Orvix::Cartesian3D, float>::point>(bits, count, isWithNaN);
             appendTangents(bits, count, isWithNaN);
             if (count < 24 && isWithNaN) appendLocations(bits, count);
+            appendGradient(bits, count, isWithNaN);
+            if (count < 2 || count > 75) continue;
+            appendBlock<double>(bits, count, isWithNaN);
+            appendBlock<float>(bits, count, isWithNaN);
+            appendBlock<unsigned char>(bits, count, isWithNaN);
+            appendBlock<short>(bits, count, isWithNaN);
+            appendBlock<unsigned short>(bits, count, isWithNaN);
         }
     return bits;
 }
