@@ -22,4 +22,11 @@ public:
     ~UnknownName() override;
 };
 
+/// A request whose result, or what it needs meanwhile, does not fit into memory.
+class VANTLE_DATASET_API OutOfMemory : public DataSetError {
+public:
+    using DataSetError::DataSetError;
+    ~OutOfMemory() override;
+};
+
 } // namespace Vantle

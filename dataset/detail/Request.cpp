@@ -8,6 +8,7 @@ namespace Vantle {
 // Here, so that each is one class for all libraries.
 DataSetError::~DataSetError() = default;
 UnknownName::~UnknownName() = default;
+OutOfMemory::~OutOfMemory() = default;
 
 namespace detail {
 

@@ -41,7 +41,7 @@ auto request(const std::string& what, const F& f) {
     } catch (const char* problem) {
         fail(problem);
     } catch (const std::bad_alloc&) {
-        fail("there is not enough memory");
+        throw OutOfMemory(what + ": there is not enough memory");
     }
     std::terminate(); // not reached
 }

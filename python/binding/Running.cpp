@@ -118,6 +118,8 @@ void registerExceptions() {
             set("Cancelled", error.what());
         } catch (const Vantle::UnknownName& error) {
             set("UnknownName", error.what());
+        } catch (const Vantle::OutOfMemory& error) {
+            PyErr_SetString(PyExc_MemoryError, error.what());
         } catch (const Vantle::FileError& error) {
             setFileError(error);
         } catch (const Vantle::DataSetError& error) {

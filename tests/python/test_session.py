@@ -95,7 +95,7 @@ def test_errors_are_pythons_own(ring, tmp_path):
     for ask in (lambda: ring.contour("plane", "high"), lambda: ring.contour(3, 4), lambda: ring.locate([[0, 0, 0]], progress=3), lambda: vt.messages(3.5)):
         with pytest.raises(TypeError):
             ask()
-    with pytest.raises(MemoryError):
+    with pytest.raises(MemoryError, match="resampling"):
         ring.resample((10**6, 10**6, 1000), fields="plane")
     missing = str(tmp_path / "missing.xyz")
     with pytest.raises(FileNotFoundError) as failure:
