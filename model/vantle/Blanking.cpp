@@ -134,24 +134,25 @@ namespace {
 class MadeMasks : public Hestra::Interface<MadeMasks> {
 public:
     struct Entry {
-        Freshness origin;
         DynamicSize vertices;
         StrongPtr<const BlockMask> mask;
     };
-    [[nodiscard]] std::optional<Entry> find(const std::string& fragment) const {
+    [[nodiscard]] std::optional<Entry> find(const std::string& fragment, const Freshness& origin) const {
         const std::lock_guard lock(myMutex);
-        const auto found = myEntries.find(fragment);
+        const auto found = myOrigin == origin ? myEntries.find(fragment) : myEntries.end();
         return found == myEntries.end() ? std::optional<Entry>() : found->second;
     }
-    /// Lets go of what was made from other masks, which the same names would not replace.
-    void store(const std::string& fragment, const Entry& entry) {
+    /// Lets go of what was made from other masks.
+    void store(const std::string& fragment, const Freshness& origin, const Entry& entry) {
         const std::lock_guard lock(myMutex);
-        std::erase_if(myEntries, [&](const auto& other) { return !(other.second.origin == entry.origin); });
+        if (!(myOrigin == origin)) myEntries.clear();
+        myOrigin = origin;
         myEntries.insert_or_assign(fragment, entry);
     }
 
 private:
     mutable std::mutex myMutex;
+    Freshness myOrigin; // of all entries
     std::map<std::string, Entry> myEntries;
 };
 
@@ -205,9 +206,9 @@ StrongPtr<const BlockMask> Blanking::find(const StrongPtr<FragmentID>& fragment,
     const std::string name = FragmentID::Name(fragment, "");
     const Freshness origin = freshness();
     const auto isFor = [&](const MadeMasks::Entry& entry) {
-        return entry.origin == origin && (!vertices || entry.vertices == DynamicSize(*vertices));
+        return !vertices || entry.vertices == DynamicSize(*vertices);
     };
-    if (const auto known = made.find(name); known && isFor(*known)) return known->mask;
+    if (const auto known = made.find(name, origin); known && isFor(*known)) return known->mask;
 
     // Made without a lock: who makes the masks may itself ask.
     const StrongPtr<MemBase> vertexMask = dataOf(VertexMaskName, myVertexMask, fragment),
@@ -223,7 +224,7 @@ StrongPtr<const BlockMask> Blanking::find(const StrongPtr<FragmentID>& fragment,
     }
     StrongPtr<const BlockMask> mask(new BlockMask(size, vertexMask.rawptr(), cellMask.rawptr(), name));
     if (mask->isEverythingValid()) mask = nullptr;
-    made.store(name, {origin, size, mask});
+    made.store(name, origin, {size, mask});
     return mask;
 }
 

@@ -70,7 +70,7 @@ struct StoredPositions {
     std::size_t stride;
 
     /// Asks for what `onEdge` will need.
-    void prefetch(std::size_t lower, std::size_t upper) const noexcept {
+    [[gnu::always_inline]] void prefetch(std::size_t lower, std::size_t upper) const noexcept {
         for (const std::size_t at : {lower, upper}) { // which may lie in two lines each
             __builtin_prefetch(&points[at * stride][0]);
             __builtin_prefetch(&points[at * stride][2]);
@@ -132,7 +132,10 @@ public:
     }
     /// The most words of cells that the level can cross, or 0 if nothing is known.
     [[nodiscard]] std::size_t mostCutWords() const noexcept { return myMostCutWords; }
-    void prefetch(std::size_t vertex) const noexcept { __builtin_prefetch(myValues + vertex * myStride); }
+    /// Asks for a value. Inline, or the compiler takes it for a function without effect and drops the call.
+    [[gnu::always_inline]] void prefetch(std::size_t vertex) const noexcept {
+        __builtin_prefetch(myValues + vertex * myStride);
+    }
 
 private:
     void ask(const ValueBricks<T>& bricks);
