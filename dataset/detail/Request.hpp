@@ -70,7 +70,8 @@ auto request(const std::string& what, const F& f) {
 }
 
 /// "no field "presure"; there are: "pressure", "density"", the nearest name first.
-[[nodiscard]] std::string unknownName(const std::string& kind, const std::string& name, std::vector<std::string> known);
+[[nodiscard]] VANTLE_DATASET_API std::string unknownName(const std::string& kind, const std::string& name,
+                                                        std::vector<std::string> known);
 
 /// A name in quotes.
 [[nodiscard]] inline std::string quoted(const std::string& name) { return '"' + name + '"'; }
