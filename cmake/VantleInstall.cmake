@@ -3,6 +3,9 @@ include(CMakePackageConfigHelpers)
 
 set(packageDir "${CMAKE_INSTALL_LIBDIR}/cmake/Vantle")
 install(EXPORT VantleTargets NAMESPACE Vantle:: DESTINATION "${packageDir}")
+if(VANTLE_BUILD_PARALLEL) # by itself: who does not ask for it needs no MPI
+  install(EXPORT VantleParallelTargets NAMESPACE Vantle:: DESTINATION "${packageDir}")
+endif()
 configure_package_config_file(
   "${PROJECT_SOURCE_DIR}/cmake/VantleConfig.cmake.in" "${PROJECT_BINARY_DIR}/VantleConfig.cmake"
   INSTALL_DESTINATION "${packageDir}")

@@ -3,7 +3,7 @@ include(GenerateExportHeader)
 # vantle_library(<name> [<own header>...]): the shared library Vantle::<name> from all sources below the current directory.
 #
 # Headers are public, are found relative to the root of the source tree, and must compile on their own, but for the own
-# ones, which are not installed. The macro that exports a symbol is VANTLE_<NAME>_API, in <folder>/<name>Export.hpp.
+# ones, which are not installed. Targets are exported with the package, or with the component VANTLE_EXPORT_SET. The macro that exports a symbol is VANTLE_<NAME>_API, in <folder>/<name>Export.hpp.
 function(vantle_library name)
   set(target Vantle${name})
   string(TOUPPER ${name} upper)
@@ -58,8 +58,12 @@ function(vantle_library name)
     endif()
   endif()
 
+  set(exportSet VantleTargets)
+  if(VANTLE_EXPORT_SET)
+    set(exportSet ${VANTLE_EXPORT_SET})
+  endif()
   install(TARGETS ${target}
-    EXPORT VantleTargets
+    EXPORT ${exportSet}
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
     ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
     RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
