@@ -150,6 +150,10 @@ ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields,
     });
 }
 
+ParallelSurface ParallelDataSet::boundary(const Fields& fields) const {
+    return detail::request("boundary", [&] { return myData->hull(fields); });
+}
+
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
 
 ParallelLocated ParallelDataSet::locate(std::span<const Point> positions, const Progress& progress) const {

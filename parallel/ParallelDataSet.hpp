@@ -99,6 +99,7 @@ public:
                                                         const ContourOptions& options = {}) const;
     [[nodiscard]] ParallelSurface slice(const Plane& plane, const Fields& fields = {},
                                         const Progress& progress = {}) const;
+    [[nodiscard]] ParallelSurface boundary(const Fields& fields = {}) const;
 
     // ---- Values elsewhere
 

@@ -74,6 +74,7 @@ struct ParallelDataSet::Data {
     [[nodiscard]] ParallelSurface surface(const std::string& name, const Hestra::StrongPtr<Field>& of,
                                           const detail::AllNumbers& numbers, double level, const Fields& values,
                                           bool hasNormals, const detail::Meter& meter);
+    [[nodiscard]] ParallelSurface hull(const Fields& values);
     [[nodiscard]] std::shared_ptr<detail::LocatedParts> locate(const std::shared_ptr<Data>& self,
                                                                std::span<const Point> positions,
                                                                const detail::Meter& meter);

@@ -231,6 +231,8 @@ TEST_P(ParallelDataSetTest, GivesTheBitsOfOneProcess) {
     expectSame(many.slice({middle, {0.3, -0.2, 1.0}}, {"wave"}), one.slice({middle, {0.3, -0.2, 1.0}}, {"wave"}));
     expectSame(many.slice(Plane::z(middle[2])), one.slice(Plane::z(middle[2])));
 
+    expectSame(many.boundary({"wave", "velocity"}), one.boundary({"wave", "velocity"}));
+
     // Derivatives, at all vertices of own blocks.
     for (const std::string& name : {many.gradient("wave"), many.gradient("velocity"), many.qCriterion("velocity"),
                                     many.gradient(many.divergence("velocity"))}) {
