@@ -298,4 +298,115 @@ StrongPtr<MemBase> ParallelDataSet::array(const std::string& field, const std::s
     return detail::request("field " + detail::quoted(field), [&] { return myData->knownArray(field, block); });
 }
 
+// ---- Files ----------------------------------------------------------------------------------------------------------
+
+void ParallelDataSet::write(const std::filesystem::path& file, const Fields& fields, const VtkOptions& options) const {
+    namespace fs = std::filesystem;
+    detail::request("writing " + file.string(), [&] {
+        detail::Exchange& exchange = *myData->exchange;
+        exchange.attempt([&] {
+            if (file.extension() != ".vtm")
+                throw DataSetError("writing " + file.string() + ": data sets of several ranks are .vtm files");
+        });
+        Fields names = fields;
+        if (names.empty())
+            for (const FieldInfo& field : myData->fields) names.push_back(field.name);
+        const StrongPtr<Grid> written = Hestra::makeRef<Grid>();
+        const StrongPtr<Representation> vertices = written->makeCartesianRepresentation(3);
+        vertices->setPositions(myData->representation->Positions());
+        for (const char* mask : {VertexMaskName, CellMaskName})
+            vertices->setField(mask, myData->representation->findField(mask));
+        for (const std::string& name : names) vertices->setField(name, myData->quantity(name).field);
+
+        const std::string stem = file.stem().string() + '_' + std::to_string(exchange.rank());
+        detail::Writer mine;
+        exchange.attempt([&] {
+            if (myData->all.own.empty()) return;
+            DataSet(written, myData->time).write(file.parent_path() / (stem + ".vtm"), names, options);
+            for (std::size_t n = 0; n < myData->all.own.size(); ++n)
+                for (const char* extension : {".vti", ".vtr", ".vts"}) {
+                    const std::string name = stem + '/' + stem + '_' + std::to_string(n) + extension;
+                    if (!fs::exists(file.parent_path() / name)) continue;
+                    mine.put(myData->all.own[n]);
+                    mine.putText(name);
+                }
+        });
+        const auto gathered = exchange.gather(mine.bytes);
+        exchange.attempt([&] {
+            if (exchange.rank() != 0) return;
+            std::vector<std::string> files(myData->all.blocks.size());
+            for (const auto& bytes : gathered)
+                for (detail::Reader reader(bytes); !reader.isAtEnd();) {
+                    const auto block = reader.get<std::uint32_t>();
+                    files[block] = reader.getText();
+                }
+            std::string text = "<?xml version=\"1.0\"?>\n<VTKFile type=\"vtkMultiBlockDataSet\" version=\"1.0\" "
+                               "byte_order=\"LittleEndian\" header_type=\"UInt64\">\n<vtkMultiBlockDataSet>\n";
+            for (std::uint32_t block = 0; block < files.size(); ++block)
+                text += "<DataSet index=\"" + std::to_string(block) + "\" name=\"" +
+                        detail::escaped(myData->nameOf(block)) + "\" file=\"" + detail::escaped(files[block]) +
+                        "\"/>\n";
+            text += "</vtkMultiBlockDataSet>\n</VTKFile>\n";
+            AtomicFile head(file);
+            head.write(text.data(), text.size());
+            head.commit();
+        });
+        exchange.agree();
+    });
+}
+
+ParallelDataSet ParallelDataSet::read(MPI_Comm comm, const std::vector<std::filesystem::path>& files,
+                                      const ReadOptions& reading, const ParallelOptions& options) {
+    auto exchange = std::make_shared<detail::Exchange>(comm, options.budget);
+    DataSet mine;
+    ParallelOptions numbered = options;
+    exchange->attempt([&] {
+        const DataSet whole = DataSet::read(files, reading);
+        whole.cache()->setLimit(options.memory);
+        const std::vector<BlockInfo> blocks = whole.blocks();
+        std::vector<std::size_t> largestFirst(blocks.size());
+        std::iota(largestFirst.begin(), largestFirst.end(), std::size_t{0});
+        std::stable_sort(largestFirst.begin(), largestFirst.end(), [&](std::size_t a, std::size_t b) {
+            return blocks[a].size.product() > blocks[b].size.product();
+        });
+        std::vector<index_t> load(static_cast<std::size_t>(exchange->ranks()), 0);
+        numbered.numbers.clear();
+        for (const std::size_t n : largestFirst) {
+            const auto least = std::min_element(load.begin(), load.end());
+            *least += blocks[n].size.product();
+            if (least - load.begin() == exchange->rank()) numbered.numbers.push_back(n);
+        }
+        std::sort(numbered.numbers.begin(), numbered.numbers.end());
+        const StrongPtr<FragmentIDCollection> ids = Hestra::makeRef<FragmentIDCollection>();
+        for (const std::uint64_t n : numbered.numbers) (void)ids->makeFragmentID(blocks[n].name);
+
+        // Times that share positions still do.
+        std::map<const Field*, StrongPtr<Field>> taken;
+        const auto take = [&](const Field& from) {
+            StrongPtr<Field>& to = taken[&from];
+            if (to) return to;
+            to = Hestra::makeRef<Field>(ids);
+            for (const StrongPtr<FragmentID>& id : ids->ids())
+                if (const auto creator = from.getCreator(id)) to->setCreator(creator, id);
+            return to;
+        };
+        bool isFirst = true;
+        for (const double time : whole.times()) {
+            const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+            const StrongPtr<Representation> fields = grid->makeCartesianRepresentation(3);
+            whole.atTime(time).grid()->getCartesianRepresentation()->iterate([&](const FieldID& id, const Field& field) {
+                fields->setField(id.name(), take(field));
+                return true;
+            });
+            if (std::exchange(isFirst, false))
+                mine = DataSet(grid, time);
+            else
+                mine.addTime(time, DataSet(grid, time));
+        }
+        mine.memoryBudget(options.memory);
+    });
+    exchange->agree();
+    return ParallelDataSet(std::make_shared<Data>(exchange, mine, numbered));
+}
+
 } // namespace Vantle

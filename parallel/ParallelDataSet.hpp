@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <limits>
 #include <memory>
 #include <mpi.h>
 #include <span>
@@ -24,6 +25,8 @@ struct ParallelOptions {
     JoinOptions joins = {};
     /// What a rank sends at once where much is to be sent: 256 MiB.
     std::size_t budget = std::size_t{1} << 28;
+    /// What a rank keeps of files that `ParallelDataSet::read` has opened; unlimited by default.
+    std::size_t memory = std::numeric_limits<std::size_t>::max();
 };
 
 /// A block of any rank.
@@ -71,6 +74,12 @@ public:
     /// Failure  ParallelError for a name or a number that is there twice, blocks without name, fields that are scalars
     ///          on one rank and vectors on another one, and different times; ranks without blocks have any.
     explicit ParallelDataSet(MPI_Comm comm, const DataSet& local, const ParallelOptions& options = {});
+
+    /// PLOT3D files, as by `DataSet::read`, of which each rank reads its share of the blocks when it needs them. Block n
+    /// is the n-th in order; largest blocks are dealt first, each to the rank that has the fewest vertices. Collective;
+    /// all ranks see the files. `numbers` of the options do not count. Failure: ParallelError.
+    [[nodiscard]] static ParallelDataSet read(MPI_Comm comm, const std::vector<std::filesystem::path>& files,
+                                              const ReadOptions& reading = {}, const ParallelOptions& options = {});
 
     [[nodiscard]] int rank() const noexcept;
     [[nodiscard]] int ranks() const noexcept;
@@ -121,6 +130,15 @@ public:
     /// The data of a field, also a derived one, in a block of this rank. Not collective: what is derived across joins
     /// must have been named to a collective operation before.
     [[nodiscard]] Hestra::StrongPtr<MemBase> array(const std::string& field, const std::string& block) const;
+
+    // ---- Files
+
+    /// Writes the blocks of all ranks, those of each as the files of a folder "<stem>_<rank>" (and "<stem>_<rank>.vtm",
+    /// which names these), and on rank 0 `file`, which names all in their order (.vtm). The same fields as
+    /// `DataSet::write`.
+    ///
+    /// Failure  ParallelError; the head file is written last, and only if all ranks have written theirs.
+    void write(const std::filesystem::path& file, const Fields& fields = {}, const VtkOptions& options = {}) const;
 
 private:
     struct Data;

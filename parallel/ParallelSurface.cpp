@@ -34,6 +34,13 @@ void withKind(ValueKind kind, const F& f) {
 
 } // namespace
 
+std::string escaped(const std::string& text) {
+    std::string result;
+    for (const char c : text)
+        result += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '"' ? "&quot;" : std::string(1, c);
+    return result;
+}
+
 Surface makeSurface(std::vector<Point> points, std::vector<Triangle> triangles,
                     const std::map<std::string, StrongPtr<MemBase>>& values) {
     const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
@@ -205,14 +212,12 @@ void ParallelSurface::write(const std::filesystem::path& file, const VtkOptions&
             const int components = kind == detail::ValueKind::Tensor                                    ? 9
                                    : kind == detail::ValueKind::Vector || kind == detail::ValueKind::Point ? 3
                                                                                                            : 1;
-            std::string escaped;
-            for (const char c : name)
-                escaped += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '"' ? "&quot;" : std::string(1, c);
-            text += "<PDataArray type=\"Float64\" Name=\"" + escaped + "\" NumberOfComponents=\"" +
+            text += "<PDataArray type=\"Float64\" Name=\"" + detail::escaped(name) + "\" NumberOfComponents=\"" +
                     std::to_string(components) + "\"/>\n";
         }
         text += "</PPointData>\n";
-        for (int rank = 0; rank < exchange.ranks(); ++rank) text += "<Piece Source=\"" + pieceName(rank) + "\"/>\n";
+        for (int rank = 0; rank < exchange.ranks(); ++rank) 
+            text += "<Piece Source=\"" + detail::escaped(pieceName(rank)) + "\"/>\n";
         text += "</PPolyData>\n</VTKFile>\n";
         AtomicFile head(file);
         head.write(text.data(), text.size());

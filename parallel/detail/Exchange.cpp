@@ -28,6 +28,8 @@ std::string textOf(const std::exception_ptr& failure) {
     const auto error = [](const std::string& why) { return static_cast<char>(FailureKind::Error) + why; };
     try {
         std::rethrow_exception(failure);
+    } catch (const Passing& passing) { // a caller's own
+        return textOf(passing.what);
     } catch (const Cancelled&) {
         return std::string(1, static_cast<char>(FailureKind::Cancelled));
     } catch (const std::exception& problem) {

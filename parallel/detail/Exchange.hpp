@@ -44,7 +44,7 @@ public:
 };
 
 /// Takes values from bytes in the order in which they were put there. Failure: std::length_error beyond the end.
-class Reader {
+class VANTLE_PARALLEL_API Reader {
 public:
     Reader() = default;
     explicit Reader(std::span<const std::byte> bytes) : myBytes(bytes) {}
@@ -75,7 +75,7 @@ private:
 };
 
 /// What goes to which rank, as messages from one block to another.
-class Outbox {
+class VANTLE_PARALLEL_API Outbox {
 public:
     explicit Outbox(int ranks) : myBytes(static_cast<std::size_t>(ranks)) {}
     /// Blocks by their global order; what they mean is the business of whoever exchanges.
@@ -87,7 +87,7 @@ private:
 };
 
 /// What has come from other ranks, and from this one.
-class Inbox {
+class VANTLE_PARALLEL_API Inbox {
 public:
     struct Message {
         int rank;

@@ -1,11 +1,14 @@
 #include "support/CutBlocks.hpp"
+#include "support/Plot3DFile.hpp"
 #include "support/RoughBlocks.hpp"
 
 #include <parallel/ParallelDataSet.hpp>
+#include <parallel/detail/BoxTree.hpp>
 
 #include <cmath>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <numbers>
 #include <unistd.h>
@@ -295,6 +298,218 @@ TEST_P(ParallelDataSetTest, GivesTheBitsOfOneProcess) {
 INSTANTIATE_TEST_SUITE_P(Scenes, ParallelDataSetTest,
                          testing::Combine(testing::Values(ring, ball, wake, rough, loose, periodic, bricks, fin),
                                           testing::Values(Deal::Random, Deal::AllOnLast, Deal::InTurn)));
+
+// ---- What goes wrong, and nothing -----------------------------------------------------------------------------------
+
+/// What all ranks throw: the same, whoever of them has failed.
+template<class F>
+std::string errorOf(const F& f) {
+    try {
+        f();
+    } catch (const Vantle::DataSetError& error) {
+        return error.what();
+    }
+    return "nothing was thrown";
+}
+#define EXPECT_ERROR(part, ...)                                                                                        \
+    {                                                                                                                  \
+        const std::string error = errorOf([&] { __VA_ARGS__; });                                                       \
+        EXPECT_NE(error.find(part), std::string::npos) << error;                                                       \
+    }
+
+DataSet brick(const std::string& name, double at) {
+    DataSet flow;
+    flow.addUniformBlock(name, {5, 5, 5}, {{at, 0, 0}, {at + 1, 1, 1}});
+    return withFields(flow);
+}
+
+TEST(ParallelFailureTest, IsThatOfAllRanksWhichCanGoOn) {
+    const int rank = rankOfWorld(), last = ranksOfWorld() - 1;
+    const std::string who = "rank " + std::to_string(last);
+    DataSet mine = brick("brick " + std::to_string(rank), rank);
+    const ParallelDataSet many(MPI_COMM_WORLD, mine);
+    EXPECT_EQ(many.blocks().size(), static_cast<std::size_t>(ranksOfWorld()));
+
+    EXPECT_ERROR("no field \"wawe\"; there are: \"wave\"", (void)many.range("wawe"));
+    EXPECT_ERROR("is a vector, not a scalar", (void)many.contour("velocity", 0.0));
+    EXPECT_ERROR("gathering a surface on rank 99", (void)many.contour("wave", 0.0).gather(99));
+    const auto cancel = [&](double share) { return rank != last || share < 0.2; };
+    EXPECT_THROW((void)many.contour("wave", 0.1, {.progress = cancel}), Vantle::Cancelled);
+    const auto own = [&](double) -> bool {
+        if (rank == last) throw std::runtime_error("a caller's own");
+        return true;
+    };
+    EXPECT_ERROR(who + ": a caller's own", (void)many.slice(Plane::y(0.5), {}, own));
+
+    // Data that one rank cannot make; what does not need them goes on.
+    if (rank == last)
+        mine.setField("broken", "brick " + std::to_string(rank),
+                      Hestra::StrongPtr<Vantle::CreativeArrayBase>(new Vantle::CreativeArray(
+                          Vantle::CreativeArray::CreationFunction([](const auto&) { return nullptr; }),
+                          Vantle::VantleTypeIndex(typeid(double)), Vantle::MultiIndex<3>(5, 5, 5))));
+    else
+        mine.setField("broken", [](const Point&) { return 1.0; });
+    const ParallelDataSet partly(MPI_COMM_WORLD, mine);
+    for (int again = 0; again < 2; ++again)
+        EXPECT_ERROR(who + ": field \"broken\": block \"brick " + std::to_string(last), (void)partly.range("broken"));
+    const std::vector<Point> centre{{0.5, 0.5, 0.5}};
+    const auto located = partly.locate(centre);
+    EXPECT_EQ(located.found(), 1U);
+    EXPECT_EQ(located.blocks()[0], 0U);
+    EXPECT_EQ(partly.contour("wave", 0.25).gather(0).isEmpty(), rank != 0);
+
+    // Blocks that do not go together.
+    if (last == 0) return;
+    EXPECT_ERROR("block \"same\" is there twice", ParallelDataSet(MPI_COMM_WORLD, brick("same", rank)));
+    EXPECT_ERROR("have the same number, 4",
+                 ParallelDataSet(MPI_COMM_WORLD, brick(std::to_string(rank), rank), {.numbers = {4}}));
+    EXPECT_ERROR("2 numbers for 1 blocks",
+                 ParallelDataSet(MPI_COMM_WORLD, brick(std::to_string(rank), rank), {.numbers = {4, 5}}));
+    DataSet other = brick(std::to_string(rank), rank);
+    other.removeField("velocity");
+    other.setField("velocity", [&](const Point& p) { return p[0]; });
+    EXPECT_ERROR("is a vector on rank", ParallelDataSet(MPI_COMM_WORLD, rank ? brick(std::to_string(rank), 1) : other));
+    DataSet later(3.0);
+    later.addUniformBlock("later", {2, 2, 2}, {{0, 0, 0}, {1, 1, 1}});
+    EXPECT_ERROR("other times", ParallelDataSet(MPI_COMM_WORLD, rank ? brick(std::to_string(rank), 1) : later));
+}
+
+TEST(ParallelFailureTest, NothingAtAllIsFine) {
+    const ParallelDataSet none(MPI_COMM_WORLD, DataSet());
+    EXPECT_TRUE(std::isnan(none.bounds().low[0]));
+    EXPECT_TRUE(none.joins().joins.empty());
+    EXPECT_TRUE(none.boundary().piece().isEmpty());
+    EXPECT_EQ(none.slice(Plane::x(0)).triangles(), 0U);
+    const std::vector<Point> somewhere{{0, 0, 0}};
+    EXPECT_EQ(none.locate(somewhere).found(), 0U);
+}
+
+TEST(ParallelExchangeTest, BringsAllMessagesInPiecesOfAnySize) {
+    using Vantle::detail::Outbox;
+    using Vantle::detail::Writer;
+    const int rank = rankOfWorld(), ranks = ranksOfWorld();
+    const auto text = [](int from, int to) { return std::string(static_cast<std::size_t>(13 * from + 7 * to), 'x'); };
+    for (const std::size_t most : {std::size_t{1}, std::size_t{7}, std::size_t{1} << 20}) {
+        Vantle::detail::Exchange exchange(MPI_COMM_WORLD, 1, most);
+        Outbox outbox(ranks);
+        for (int to = 0; to < ranks; ++to)
+            for (const int key : {0, 1}) {
+                Writer writer;
+                writer.putText(text(rank + key, to));
+                outbox.add(to, static_cast<std::uint32_t>(key), 5, writer.bytes);
+            }
+        const auto inbox = exchange.round(std::move(outbox));
+        auto messages = inbox.messages();
+        ASSERT_EQ(messages.size(), static_cast<std::size_t>(2 * ranks));
+        for (std::size_t n = 0; n < messages.size(); ++n) {
+            EXPECT_EQ(messages[n].rank, static_cast<int>(n / 2));
+            EXPECT_EQ(messages[n].content.getText(), text(static_cast<int>(n / 2 + n % 2), rank));
+        }
+        Writer own;
+        own.putText(text(rank, 3));
+        const auto all = exchange.gather(own.bytes);
+        for (int r = 0; r < ranks; ++r)
+            EXPECT_EQ(Vantle::detail::Reader(all[static_cast<std::size_t>(r)]).getText(), text(r, 3));
+        EXPECT_EQ(exchange.greatest(static_cast<std::uint64_t>(rank)), static_cast<std::uint64_t>(ranks - 1));
+    }
+}
+
+TEST(ParallelExchangeTest, TreesOfBoxesFindWhatALookAtEachFinds) {
+    std::mt19937_64 random(5);
+    std::uniform_real_distribution<double> at(0.0, 10.0), size(0.0, 1.5);
+    std::vector<Box> boxes(500);
+    for (Box& box : boxes) {
+        box.low = {at(random), at(random), at(random)};
+        box.high = box.low + Vector(size(random), size(random), size(random));
+    }
+    boxes[17].high[1] = std::nan("");
+    const Vantle::detail::BoxTree tree(boxes);
+    for (const Box& box : boxes) {
+        std::vector<std::uint32_t> found, expected;
+        tree.forEach(box, [&](std::uint32_t n) { found.push_back(n); });
+        for (std::uint32_t n = 0; n < boxes.size(); ++n)
+            if (Vantle::detail::touch(box, boxes[n])) expected.push_back(n);
+        std::sort(found.begin(), found.end());
+        EXPECT_EQ(found, expected);
+    }
+}
+
+// ---- Files ----------------------------------------------------------------------------------------------------------
+
+TEST(ParallelFilesTest, AreReadInSharesAndWrittenInPieces) {
+    namespace fs = std::filesystem;
+    const int rank = rankOfWorld();
+    std::array<char, 64> name{};
+    if (rank == 0) std::snprintf(name.data(), name.size(), "parallel_files_%d", static_cast<int>(getpid()));
+    MPI_Bcast(name.data(), static_cast<int>(name.size()), MPI_CHAR, 0, MPI_COMM_WORLD);
+    const fs::path folder = fs::temp_directory_path() / name.data();
+    const DataSet made = ring().flow;
+    if (rank == 0) {
+        fs::create_directories(folder);
+        std::vector<Plot3DBlock> grid;
+        std::vector<Plot3DFunctionBlock> functions;
+        for (const auto& block : made.blocks()) {
+            Plot3DBlock& at = grid.emplace_back();
+            for (int d = 0; d < 3; ++d) at.extents[static_cast<std::size_t>(d)] = static_cast<int>(block.size[d]);
+            Plot3DFunctionBlock& of = functions.emplace_back();
+            of.extents = at.extents;
+            of.fields.resize(1);
+            for (const Point& p : made.positions(block.name)) {
+                at.x.push_back(p[0]);
+                at.y.push_back(p[1]);
+                at.z.push_back(p[2]);
+                of.fields[0].values.push_back(wave(p));
+            }
+        }
+        Vantle::Plot3DForm form;
+        form.multiBlock = true;
+        form.scalar = Vantle::Plot3DScalar::float64;
+        std::ofstream(folder / "ring.xyz", std::ios::binary) << gridBytes(form, grid);
+        std::ofstream(folder / "ring.f", std::ios::binary) << functionBytes(form, functions);
+    }
+    MPI_Barrier(MPI_COMM_WORLD);
+    const std::vector<fs::path> files{folder / "ring.xyz", folder / "ring.f"};
+    const DataSet one = DataSet::read(files);
+    const ParallelDataSet many = ParallelDataSet::read(MPI_COMM_WORLD, files, {}, {.memory = 50000});
+    const std::string field = one.fields().front().name;
+    std::size_t vertices = 0, mine = 0;
+    for (const auto& block : many.blocks()) {
+        vertices += static_cast<std::size_t>(block.size.product());
+        if (block.rank == rank) mine += static_cast<std::size_t>(block.size.product());
+    }
+    EXPECT_LT(static_cast<double>(mine), 0.3 * static_cast<double>(vertices) +
+                                             static_cast<double>(vertices) / ranksOfWorld());
+    const auto surface = many.contour(field, 0.1, {.values = {field}});
+    expectSame(surface, one.contour(field, 0.1, {.values = {field}}));
+
+    many.write(folder / "flow.vtm");
+    surface.write(folder / "surface.pvtp");
+    EXPECT_ERROR("rank 0", many.write(folder / "nowhere" / "flow.vtm"));
+    if (rank == 0) {
+        const auto textOf = [&](const char* file) {
+            std::ifstream stream(folder / file);
+            return std::string(std::istreambuf_iterator<char>(stream), {});
+        };
+        std::size_t at = 0, blocks = 0, pieces = 0;
+        const std::string head = textOf("flow.vtm"), pieceHead = textOf("surface.pvtp");
+        while ((at = head.find("file=\"", at)) != std::string::npos) {
+            at += 6;
+            const std::string file = head.substr(at, head.find('"', at) - at);
+            EXPECT_TRUE(fs::exists(folder / file)) << file;
+            ++blocks;
+        }
+        EXPECT_EQ(blocks, many.blocks().size());
+        EXPECT_LT(head.find("name=\"block1\""), head.find("name=\"block2\""));
+        for (at = 0; (at = pieceHead.find("Source=\"", at)) != std::string::npos; ++pieces) {
+            at += 8;
+            EXPECT_TRUE(fs::exists(folder / pieceHead.substr(at, pieceHead.find('"', at) - at)));
+        }
+        EXPECT_EQ(pieces, static_cast<std::size_t>(ranksOfWorld()));
+    }
+    MPI_Barrier(MPI_COMM_WORLD);
+    if (rank == 0) fs::remove_all(folder);
+    EXPECT_ERROR("rank 0: ", (void)ParallelDataSet::read(MPI_COMM_WORLD, files));
+}
 
 } // namespace
 
