@@ -1,11 +1,11 @@
 #include <baseop/DerivedQuantities.hpp>
 #include <dataset/io/AtomicFile.hpp>
 #include <model/orvix/Quadratic.hpp>
-#include <parallel/detail/ParallelState.hpp>
 
 #include <algorithm>
 #include <cmath>
 #include <numeric>
+#include <parallel/detail/ParallelState.hpp>
 
 namespace Vantle {
 
@@ -56,7 +56,7 @@ std::vector<ParallelBlockInfo> ParallelDataSet::blocks() const {
 const std::vector<FieldInfo>& ParallelDataSet::fields() const noexcept { return myData->fields; }
 
 Box ParallelDataSet::bounds(const Progress& progress) const {
-    return detail::request("bounds", [&] {
+    return detail::collective("bounds", [&] {
         myData->makeBoxes(Meter(progress));
         std::optional<Box> around;
         for (const auto& box : myData->validBoxes) {
@@ -72,10 +72,8 @@ Box ParallelDataSet::bounds(const Progress& progress) const {
 }
 
 NumberRange ParallelDataSet::range(const std::string& field, const Progress& progress) const {
-    return detail::request("range of field " + detail::quoted(field), [&] {
-        const auto isLess = [](double a, double b) {
-            return a < b || (a == b && std::signbit(a) && !std::signbit(b));
-        };
+    return detail::collective("range of field " + detail::quoted(field), [&] {
+        const auto isLess = [](double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); };
         std::optional<NumberRange> range;
         for (const BlockNumbers& block : myData->numbers(field, Meter(progress))) {
             if (!block.range) continue;
@@ -88,7 +86,7 @@ NumberRange ParallelDataSet::range(const std::string& field, const Progress& pro
 }
 
 ParallelJoins ParallelDataSet::joins() const {
-    return detail::request("joins", [&] {
+    return detail::collective("joins", [&] {
         const detail::Halo& halo = myData->halo();
         return ParallelJoins{halo.allJoins(), halo.allDoubts(), halo.isOrientable()};
     });
@@ -103,7 +101,7 @@ ParallelSurface ParallelDataSet::contour(const std::string& field, double level,
 std::vector<ParallelSurface> ParallelDataSet::contours(const std::string& field, const std::vector<double>& levels,
                                                        const ContourOptions& options) const {
     const std::string what = "contour of field " + detail::quoted(field);
-    return detail::request(what, [&] {
+    return detail::collective(what, [&] {
         const Meter meter(options.progress);
         myData->exchange->attempt([&] {
             if (std::any_of(levels.begin(), levels.end(), [](double level) { return std::isnan(level); }))
@@ -112,6 +110,7 @@ std::vector<ParallelSurface> ParallelDataSet::contours(const std::string& field,
         const detail::Quantity of = myData->quantity(field, 1);
         const detail::AllNumbers& numbers = myData->numbers(field, meter.part(0.0, 0.3));
         std::vector<ParallelSurface> all;
+        if (levels.empty()) myData->exchange->agree();
         const double share = 0.7 / static_cast<double>(levels.size());
         for (const double level : levels) {
             const double from = 0.3 + share * static_cast<double>(all.size());
@@ -123,7 +122,7 @@ std::vector<ParallelSurface> ParallelDataSet::contours(const std::string& field,
 }
 
 ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields, const Progress& progress) const {
-    return detail::request("slice", [&] {
+    return detail::collective("slice", [&] {
         const Meter meter(progress);
         myData->makeBoxes(meter.part(0.0, 0.3));
         StrongPtr<Field> distance;
@@ -151,19 +150,19 @@ ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields,
 }
 
 ParallelSurface ParallelDataSet::boundary(const Fields& fields) const {
-    return detail::request("boundary", [&] { return myData->hull(fields); });
+    return detail::collective("boundary", [&] { return myData->hull(fields); });
 }
 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
 
 ParallelLocated ParallelDataSet::locate(std::span<const Point> positions, const Progress& progress) const {
-    return detail::request("location",
-                           [&] { return ParallelLocated(myData->locate(myData, positions, Meter(progress))); });
+    return detail::collective("location",
+                              [&] { return ParallelLocated(myData->locate(myData, positions, Meter(progress))); });
 }
 
 ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& box, const Fields& fields, int root,
                                         const Progress& progress) const {
-    return detail::request("resampling", [&] {
+    return detail::collective("resampling", [&] {
         detail::Exchange& exchange = *myData->exchange;
         const Meter meter(progress);
         exchange.attempt([&] {
@@ -175,7 +174,8 @@ ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& bo
         exchange.agree();
         const auto ranks = static_cast<index_t>(exchange.ranks()), rank = static_cast<index_t>(exchange.rank());
         const bool isWhole = root >= 0 && root < exchange.ranks();
-        const index_t first = isWhole ? 0 : size[2] * rank / ranks, end = isWhole ? size[2] : size[2] * (rank + 1) / ranks;
+        const index_t first = isWhole ? 0 : size[2] * rank / ranks,
+                      end = isWhole ? size[2] : size[2] * (rank + 1) / ranks;
         const index_t layers = isWhole && root != exchange.rank() ? 0 : end - first;
         const MultiIndex<3> slab(size[0], size[1], layers);
         const UniformCartesianArray lattice(Orvix::BoundingBox(box.low, box.high), size);
@@ -277,7 +277,7 @@ namespace {
 template<class Make>
 std::string derived(const char* operation, const std::string& field, const Make& make) {
     std::string name = std::string(operation) + '(' + field + ')';
-    detail::request(name, [&] { make(name); });
+    detail::collective(name, [&] { make(name); });
     return name;
 }
 
@@ -285,7 +285,10 @@ std::string derived(const char* operation, const std::string& field, const Make&
 
 #define VANTLE_DERIVED(operation)                                                                                      \
     std::string ParallelDataSet::operation(const std::string& field) const {                                           \
-        return derived(#operation, field, [&](const std::string& name) { (void)myData->quantity(name); });             \
+        return derived(#operation, field, [&](const std::string& name) {                                               \
+            (void)myData->quantity(name);                                                                              \
+            myData->exchange->agree();                                                                                 \
+        });                                                                                                            \
     }
 VANTLE_DERIVED(gradient)
 VANTLE_DERIVED(vorticity)
@@ -302,7 +305,7 @@ StrongPtr<MemBase> ParallelDataSet::array(const std::string& field, const std::s
 
 void ParallelDataSet::write(const std::filesystem::path& file, const Fields& fields, const VtkOptions& options) const {
     namespace fs = std::filesystem;
-    detail::request("writing " + file.string(), [&] {
+    detail::collective("writing " + file.string(), [&] {
         detail::Exchange& exchange = *myData->exchange;
         exchange.attempt([&] {
             if (file.extension() != ".vtm")
@@ -394,10 +397,11 @@ ParallelDataSet ParallelDataSet::read(MPI_Comm comm, const std::vector<std::file
         for (const double time : whole.times()) {
             const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
             const StrongPtr<Representation> fields = grid->makeCartesianRepresentation(3);
-            whole.atTime(time).grid()->getCartesianRepresentation()->iterate([&](const FieldID& id, const Field& field) {
-                fields->setField(id.name(), take(field));
-                return true;
-            });
+            whole.atTime(time).grid()->getCartesianRepresentation()->iterate(
+                [&](const FieldID& id, const Field& field) {
+                    fields->setField(id.name(), take(field));
+                    return true;
+                });
             if (std::exchange(isFirst, false))
                 mine = DataSet(grid, time);
             else

@@ -2,15 +2,15 @@
 /// Data sets whose blocks are dealt to the ranks of MPI: the same answers as those of one process with all blocks.
 
 #include <dataset/DataSet.hpp>
-#include <parallel/ParallelLocated.hpp>
-#include <parallel/ParallelSurface.hpp>
-#include <parallel/detail/Exchange.hpp>
 
 #include <cstdint>
 #include <filesystem>
 #include <limits>
 #include <memory>
 #include <mpi.h>
+#include <parallel/ParallelLocated.hpp>
+#include <parallel/ParallelSurface.hpp>
+#include <parallel/detail/Exchange.hpp>
 #include <span>
 #include <string>
 #include <vector>
@@ -44,7 +44,7 @@ struct ParallelJoins {
 
 /// A part of an image that has been sampled.
 struct ParallelImage {
-    DataSet part;             ///< one block "image"; without blocks where a rank has no layer
+    DataSet part;                  ///< one block "image"; without blocks where a rank has no layer
     index_t first = 0, layers = 0; ///< of the image along its last axis
 };
 
@@ -75,9 +75,9 @@ public:
     ///          on one rank and vectors on another one, and different times; ranks without blocks have any.
     explicit ParallelDataSet(MPI_Comm comm, const DataSet& local, const ParallelOptions& options = {});
 
-    /// PLOT3D files, as by `DataSet::read`, of which each rank reads its share of the blocks when it needs them. Block n
-    /// is the n-th in order; largest blocks are dealt first, each to the rank that has the fewest vertices. Collective;
-    /// all ranks see the files. `numbers` of the options do not count. Failure: ParallelError.
+    /// PLOT3D files, as by `DataSet::read`, of which each rank reads its share of the blocks when it needs them. Block
+    /// n is the n-th in order; largest blocks are dealt first, each to the rank that has the fewest vertices.
+    /// Collective; all ranks see the files. `numbers` of the options do not count. Failure: ParallelError.
     [[nodiscard]] static ParallelDataSet read(MPI_Comm comm, const std::vector<std::filesystem::path>& files,
                                               const ReadOptions& reading = {}, const ParallelOptions& options = {});
 
@@ -116,8 +116,8 @@ public:
     [[nodiscard]] ParallelLocated locate(std::span<const Point> positions, const Progress& progress = {}) const;
     /// The image that `DataSet::resample` gives: each rank has a slab of its layers, or `root`, if that is a rank, all.
     /// Slabs are rectilinear blocks with the vertices of the image.
-    [[nodiscard]] ParallelImage resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
-                                         int root = -1, const Progress& progress = {}) const;
+    [[nodiscard]] ParallelImage resample(const MultiIndex<3>& size, const Box& box, const Fields& fields, int root = -1,
+                                         const Progress& progress = {}) const;
 
     // ---- Derived fields, by names that are understood wherever a name is; computed now, on all ranks
 

@@ -2,8 +2,8 @@
 /// What collective operations throw.
 
 #include <dataset/DataSetError.hpp>
-#include <parallel/ParallelExport.hpp>
 
+#include <parallel/ParallelExport.hpp>
 #include <string>
 
 namespace Vantle {
@@ -13,13 +13,15 @@ namespace Vantle {
 class VANTLE_PARALLEL_API ParallelError : public DataSetError {
 public:
     ParallelError(int rank, const std::string& reason)
-        : DataSetError("rank " + std::to_string(rank) + ": " + reason), myRank(rank) {}
+        : DataSetError("rank " + std::to_string(rank) + ": " + reason), myRank(rank), myReason(reason) {}
     ~ParallelError() override;
 
     [[nodiscard]] int rank() const noexcept { return myRank; }
+    [[nodiscard]] const std::string& reason() const noexcept { return myReason; }
 
 private:
     int myRank;
+    std::string myReason;
 };
 
 } // namespace Vantle

@@ -1,8 +1,8 @@
 #include <model/orvix/Quadratic.hpp>
 #include <model/vantle/MemArray.hpp>
-#include <parallel/detail/ParallelState.hpp>
 
 #include <algorithm>
+#include <parallel/detail/ParallelState.hpp>
 #include <unordered_map>
 
 namespace Vantle {
@@ -15,11 +15,15 @@ using Hestra::StrongPtr;
 
 namespace {
 
+/// Neighbours in order are neighbours in space: what is near all of so many positions is looked up at once, unless that
+/// is more boxes than are looked at one by one.
+constexpr std::size_t LookedUpAtOnce = 64, FewBoxes = 12;
+
 /// What is sent and answered for a position, about: what the budget has to be enough for.
 constexpr std::size_t BytesEach = 64;
 
 struct Answer {
-    std::uint32_t block; // among all
+    std::uint32_t block;    // among all
     std::uint32_t position; // of those that were asked for
     Point place;
 };
@@ -34,13 +38,34 @@ std::shared_ptr<LocatedParts> ParallelDataSet::Data::locate(const std::shared_pt
     made->data = self;
     std::size_t atOnce = 1;
     detail::BoxTree tree;
+    std::vector<Box> boxes;
     exchange->attempt([&] {
         constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
         made->blocks.assign(positions.size(), ParallelLocated::Nowhere);
         made->places.assign(positions.size(), Point(NaN, NaN, NaN));
         atOnce = std::clamp<std::size_t>(exchange->budget() / BytesEach, 1, std::size_t{1} << 31);
-        tree = detail::BoxTree(searchBoxes());
+        boxes = searchBoxes();
+        tree = detail::BoxTree(boxes);
     });
+    if (ranks == 1) { // nobody to ask
+        exchange->attempt([&] {
+            LocatedParts::Batch whole;
+            whole.found = LocatedPositions(search, positions, [&](double share) { meter(share); });
+            made->found = whole.found.found();
+            whole.given.resize(1);
+            whole.taken.resize(1);
+            for (std::size_t k = 0; k < positions.size(); ++k) {
+                const std::uint32_t fragment = whole.found.fragments()[k];
+                if (fragment == LocatedPositions::Nowhere) continue;
+                made->blocks[k] = all.own[fragment];
+                made->places[k] = whole.found.places()[k];
+            }
+            made->batches.push_back(std::move(whole));
+            meter(1.0);
+        });
+        exchange->agree();
+        return made;
+    }
     const std::size_t own = (positions.size() + atOnce - 1) / atOnce;
     const auto batches = static_cast<std::size_t>(exchange->greatest(own));
     std::vector<std::vector<std::size_t>> asked(ranks); // of this rank's positions
@@ -54,15 +79,36 @@ std::shared_ptr<LocatedParts> ParallelDataSet::Data::locate(const std::shared_pt
             std::vector<std::vector<Point>> sent(ranks);
             for (auto& of : asked) of.clear();
             std::vector<int> to;
-            for (std::size_t k = begin; k < end; ++k) {
-                to.clear();
-                tree.forEach({positions[k], positions[k]}, [&](std::uint32_t block) {
-                    const int rank = all.blocks[block].rank;
-                    if (std::find(to.begin(), to.end(), rank) == to.end()) to.push_back(rank);
-                });
-                for (const int rank : to) {
-                    asked[static_cast<std::size_t>(rank)].push_back(k);
-                    sent[static_cast<std::size_t>(rank)].push_back(positions[k]);
+            std::vector<std::uint32_t> near;
+            for (std::size_t first = begin; first < end; first += LookedUpAtOnce) {
+                const std::size_t last = std::min(first + LookedUpAtOnce, end);
+                Box around{positions[first], positions[first]};
+                for (std::size_t k = first; k < last; ++k)
+                    for (int d = 0; d < 3; ++d) { // NaN widens nothing, and is in no box
+                        around.low[d] = std::min(around.low[d], positions[k][d]);
+                        around.high[d] = std::max(around.high[d], positions[k][d]);
+                    }
+                near.clear();
+                bool isFew = around.low == around.low && around.high == around.high;
+                if (isFew) tree.forEach(around, [&](std::uint32_t block) { near.push_back(block); });
+                isFew = isFew && near.size() <= FewBoxes;
+                for (std::size_t k = first; k < last; ++k) {
+                    const Box here{positions[k], positions[k]};
+                    const auto take = [&](std::uint32_t block) {
+                        const int rank = all.blocks[block].rank;
+                        if (std::find(to.begin(), to.end(), rank) == to.end()) to.push_back(rank);
+                    };
+                    to.clear();
+                    if (isFew) {
+                        for (const std::uint32_t block : near)
+                            if (detail::touch(boxes[block], here)) take(block);
+                    } else {
+                        tree.forEach(here, take);
+                    }
+                    for (const int rank : to) {
+                        asked[static_cast<std::size_t>(rank)].push_back(k);
+                        sent[static_cast<std::size_t>(rank)].push_back(positions[k]);
+                    }
                 }
             }
             for (std::size_t r = 0; r < ranks; ++r) {
@@ -161,6 +207,19 @@ void ParallelDataSet::Data::sample(const LocatedParts& at, const std::string& na
     const auto components = static_cast<std::size_t>(of.components);
     std::vector<StrongPtr<FragmentID>> fragments;
     for (const std::uint32_t block : all.own) fragments.push_back(idOf(block));
+    if (exchange->ranks() == 1) {
+        exchange->attempt([&] {
+            try {
+                at.batches.front().found.sample(*of.field, fragments, of.components, values, mask,
+                                                [&](double share) { meter(share); });
+            } catch (const std::invalid_argument&) {
+                for (const std::uint32_t block : all.own) (void)data(name, *of.field, block); // which says why
+                throw;
+            }
+        });
+        exchange->agree();
+        return;
+    }
     std::size_t done = 0;
     for (const LocatedParts::Batch& batch : at.batches) {
         const double share = static_cast<double>(done++) / static_cast<double>(at.batches.size());
@@ -230,8 +289,9 @@ std::span<const Point> ParallelLocated::places() const noexcept { return myParts
 
 Samples ParallelLocated::sample(const std::string& field, double outside, const Progress& progress) const {
     ParallelDataSet::Data& data = *myParts->data;
-    return detail::request("sampling of field " + detail::quoted(field), [&] {
+    return detail::collective("sampling of field " + detail::quoted(field), [&] {
         const detail::Quantity of = data.quantity(field);
+        data.exchange->agree();
         auto mask = std::make_shared<std::vector<unsigned char>>(size());
         const Meter meter(progress);
         const auto take = [&]<class T>(T fill) {

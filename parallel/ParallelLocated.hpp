@@ -2,10 +2,10 @@
 /// Positions that the blocks of all ranks have been searched for.
 
 #include <dataset/Located.hpp>
-#include <parallel/ParallelError.hpp>
 
 #include <limits>
 #include <memory>
+#include <parallel/ParallelError.hpp>
 #include <span>
 #include <string>
 

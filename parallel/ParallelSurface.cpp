@@ -2,11 +2,11 @@
 #include <dataset/io/AtomicFile.hpp>
 #include <model/orvix/Quadratic.hpp>
 #include <model/vantle/MemArray.hpp>
-#include <parallel/ParallelSurface.hpp>
-#include <parallel/detail/SurfaceParts.hpp>
 
 #include <algorithm>
 #include <limits>
+#include <parallel/ParallelSurface.hpp>
+#include <parallel/detail/SurfaceParts.hpp>
 
 namespace Vantle {
 
@@ -118,7 +118,8 @@ Surface ParallelSurface::gather(int rank) const {
     exchange.agree();
 
     // Rounds of what all ranks together may send to one of them.
-    const std::size_t most = std::max<std::size_t>(exchange.budget() / static_cast<std::size_t>(exchange.ranks()), 4096);
+    const std::size_t most =
+        std::max<std::size_t>(exchange.budget() / static_cast<std::size_t>(exchange.ranks()), 4096);
     std::size_t part = 0, point = 0, triangle = 0;   // that come next
     std::uint64_t sentPoints = 0, sentTriangles = 0; // of the part at hand
     const std::size_t parts = own.parts.size();
@@ -204,19 +205,20 @@ void ParallelSurface::write(const std::filesystem::path& file, const VtkOptions&
     exchange.agree();
     exchange.attempt([&] {
         if (exchange.rank() != 0) return;
-        std::string text = "<?xml version=\"1.0\"?>\n<VTKFile type=\"PPolyData\" version=\"1.0\" "
-                           "byte_order=\"LittleEndian\" header_type=\"UInt64\">\n<PPolyData GhostLevel=\"0\">\n"
-                           "<PPoints><PDataArray type=\"Float64\" Name=\"Points\" NumberOfComponents=\"3\"/></PPoints>\n"
-                           "<PPointData>\n";
+        std::string text =
+            "<?xml version=\"1.0\"?>\n<VTKFile type=\"PPolyData\" version=\"1.0\" "
+            "byte_order=\"LittleEndian\" header_type=\"UInt64\">\n<PPolyData GhostLevel=\"0\">\n"
+            "<PPoints><PDataArray type=\"Float64\" Name=\"Points\" NumberOfComponents=\"3\"/></PPoints>\n"
+            "<PPointData>\n";
         for (const auto& [name, kind] : own.values) {
-            const int components = kind == detail::ValueKind::Tensor                                    ? 9
+            const int components = kind == detail::ValueKind::Tensor                                       ? 9
                                    : kind == detail::ValueKind::Vector || kind == detail::ValueKind::Point ? 3
                                                                                                            : 1;
             text += "<PDataArray type=\"Float64\" Name=\"" + detail::escaped(name) + "\" NumberOfComponents=\"" +
                     std::to_string(components) + "\"/>\n";
         }
         text += "</PPointData>\n";
-        for (int rank = 0; rank < exchange.ranks(); ++rank) 
+        for (int rank = 0; rank < exchange.ranks(); ++rank)
             text += "<Piece Source=\"" + detail::escaped(pieceName(rank)) + "\"/>\n";
         text += "</PPolyData>\n</VTKFile>\n";
         AtomicFile head(file);

@@ -2,11 +2,11 @@
 /// Surfaces of which each rank has a piece.
 
 #include <dataset/Surface.hpp>
-#include <parallel/ParallelError.hpp>
 
 #include <cstdint>
 #include <filesystem>
 #include <memory>
+#include <parallel/ParallelError.hpp>
 #include <span>
 #include <vector>
 

@@ -3,17 +3,17 @@
 // usage: parallel_growth [BOXES]      BOXES: a text file, six numbers a line (low and high corner of a block)
 //
 // Without a file: bent lattices of 10 k, 100 k and 1 M blocks of 33^3 vertices whose boxes overlap a little. Blocks are
-// dealt in compact pieces, or at random, to up to 10,000 ranks. The tree, the neighbourhoods and the routes of positions
-// are those of the library; sizes of messages are those that it sends.
+// dealt in compact pieces, or at random, to up to 10,000 ranks. The tree, the neighbourhoods and the routes of
+// positions are those of the library; sizes of messages are those that it sends.
 
 #include <dataset/DataSet.hpp>
-#include <parallel/detail/BoxTree.hpp>
 
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <parallel/detail/BoxTree.hpp>
 #include <random>
 #include <set>
 
@@ -21,13 +21,13 @@ using namespace Vantle;
 
 namespace {
 
-constexpr double Vertices = 33;                                      // of a block, along each axis
-constexpr double ShellBytes = 24 * (6 * Vertices * Vertices) + 9;    // positions of its faces
-constexpr double BoxBytes = 112, RangeBytes = 24, CountBytes = 32;   // of each block, told to all
-constexpr double JoinBytes = 160, JoinsOfBlock = 3;                  // told to all
-constexpr double NameBytes = 32, NumberBytes = 8;                    // of a vertex on a common face
-constexpr double SurfaceOnFace = 1.4 * Vertices;                     // vertices of a surface there
-constexpr double ValueBytes = 8 * Vertices * Vertices / 2;           // of a common face, on average to one side
+constexpr double Vertices = 33;                                    // of a block, along each axis
+constexpr double ShellBytes = 24 * (6 * Vertices * Vertices) + 9;  // positions of its faces
+constexpr double BoxBytes = 112, RangeBytes = 24, CountBytes = 32; // of each block, told to all
+constexpr double JoinBytes = 160, JoinsOfBlock = 3;                // told to all
+constexpr double NameBytes = 32, NumberBytes = 8;                  // of a vertex on a common face
+constexpr double SurfaceOnFace = 1.4 * Vertices;                   // vertices of a surface there
+constexpr double ValueBytes = 8 * Vertices * Vertices / 2;         // of a common face, on average to one side
 constexpr double QuestionBytes = 24, AnswerBytes = 32, ChoiceBytes = 1.0 / 8, SampleBytes = 8;
 constexpr double BlocksWithSurface = 0.3;
 constexpr int Positions = 100000; // of each rank
@@ -73,7 +73,8 @@ void simulate(const std::vector<Box>& boxes) {
     const auto n = boxes.size();
     std::printf("\n%zu blocks: tree built in %.0f ms; known everywhere: %.1f MB of boxes, names and sizes, %.1f MB of "
                 "joins\n",
-                n, 1e3 * built, static_cast<double>(n) * 200 / 1e6, static_cast<double>(n) * JoinBytes * JoinsOfBlock / 1e6);
+                n, 1e3 * built, static_cast<double>(n) * 200 / 1e6,
+                static_cast<double>(n) * JoinBytes * JoinsOfBlock / 1e6);
     std::printf("%7s %8s | %12s %12s | %12s %12s | %12s %9s %9s | %9s\n", "ranks", "deal", "joins MB", "of that all",
                 "contour MB", "of that all", "locate MB", "asked of", "us/pos.", "peers");
     std::mt19937_64 random(2);
@@ -98,7 +99,8 @@ void simulate(const std::vector<Box>& boxes) {
                         if (rankOf[other] == rank) return;
                         receivers.insert(rankOf[other]);
                         double apart = 0.0; // one lattice step: a common face
-                        for (int d = 0; d < 3; ++d) apart += std::fabs(std::round(boxes[k].low[d] - boxes[other].low[d]));
+                        for (int d = 0; d < 3; ++d)
+                            apart += std::fabs(std::round(boxes[k].low[d] - boxes[other].low[d]));
                         faces += apart == 1.0 ? 1.0 : 0.0;
                     });
                     shells += ShellBytes * static_cast<double>(receivers.size());
@@ -125,14 +127,15 @@ void simulate(const std::vector<Box>& boxes) {
                 routes += Tried;
                 took += since(begin);
             }
-            const double all = static_cast<double>(n), perLook = 1.0 / Looked, counts = 8.0 * static_cast<double>(ranks);
+            const double all = static_cast<double>(n), perLook = 1.0 / Looked,
+                         counts = 8.0 * static_cast<double>(ranks);
             const double joinsAll = all * (BoxBytes + JoinBytes * JoinsOfBlock);
             const double contourAll = all * (RangeBytes + BlocksWithSurface * CountBytes);
             const double candidates = asked / routes;
             const double locate = Positions * (candidates * QuestionBytes + AnswerBytes + ChoiceBytes + SampleBytes);
             std::printf("%7zu %8s | %12.3f %12.3f | %12.3f %12.3f | %12.3f %9.2f %9.2f | %9.1f\n", ranks,
-                        isCompact ? "compact" : "random", (shells * perLook + joinsAll + 4 * counts) / 1e6, joinsAll / 1e6,
-                        (names * perLook + contourAll + 5 * counts) / 1e6, contourAll / 1e6,
+                        isCompact ? "compact" : "random", (shells * perLook + joinsAll + 4 * counts) / 1e6,
+                        joinsAll / 1e6, (names * perLook + contourAll + 5 * counts) / 1e6, contourAll / 1e6,
                         (locate + 4 * counts) / 1e6, candidates, 1e6 * took / routes, peersOf * perLook);
         }
 }
@@ -148,9 +151,10 @@ int main(int argc, char** argv) {
         simulate(boxes);
         return 0;
     }
-    std::printf("What a rank receives for an operation: joins (once), a contour, %d positions of its own located and "
-                "sampled.\n\"of that all\": what is told to every rank. Rounds do not depend on blocks or ranks: 4, 5 and 4.\n",
-                Positions);
+    std::printf(
+        "What a rank receives for an operation: joins (once), a contour, %d positions of its own located and "
+        "sampled.\n\"of that all\": what is told to every rank. Rounds do not depend on blocks or ranks: 4, 5 and 4.\n",
+        Positions);
     for (const int perAxis : {22, 46, 100}) simulate(lattice(perAxis));
     return 0;
 }

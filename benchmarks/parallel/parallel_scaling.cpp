@@ -4,14 +4,13 @@
 //
 // Times are the least of some repeats in turns, each the longest of all ranks; with OMP_NUM_THREADS=1 ranks are cores.
 
-#include <parallel/ParallelDataSet.hpp>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <parallel/ParallelDataSet.hpp>
 #include <random>
 
 using namespace Vantle;
@@ -24,7 +23,8 @@ Point place(double x, double y, double z) {
     return {radius * std::cos(angle), radius * std::sin(angle), z + 0.1 * x * x};
 }
 
-DataSet blocksOf(int perAxis, int vertices, const std::function<bool(int)>& isOwn, std::vector<std::uint64_t>& numbers) {
+DataSet blocksOf(int perAxis, int vertices, const std::function<bool(int)>& isOwn,
+                 std::vector<std::uint64_t>& numbers) {
     DataSet flow;
     for (int b = 0; b < perAxis * perAxis * perAxis; ++b) {
         if (!isOwn(b)) continue;
@@ -40,9 +40,8 @@ DataSet blocksOf(int perAxis, int vertices, const std::function<bool(int)>& isOw
         flow.addBlock("block" + std::to_string(b), {n, n, n}, std::move(points));
         numbers.push_back(static_cast<std::uint64_t>(b));
     }
-    flow.setField("wave", [](const Point& p) {
-        return std::sin(9 * p[0]) * std::cos(7 * p[1]) + 0.5 * std::sin(11 * p[2]);
-    });
+    flow.setField("wave",
+                  [](const Point& p) { return std::sin(9 * p[0]) * std::cos(7 * p[1]) + 0.5 * std::sin(11 * p[2]); });
     return flow;
 }
 
@@ -112,8 +111,9 @@ int main(int argc, char** argv) {
             return seconds([&] { (void)fresh.range("wave"); }, comm);
         };
         if (rank == 0)
-            std::printf("%d blocks of %d^3 vertices, %d ranks\n%-32s %10s %10s %10s %8s %8s %10s %7s\n", count, vertices,
-                        ranks, "", "data set", "one rank", "all ranks", "x 1", "speedup", "bytes/unit", "rounds");
+            std::printf("%d blocks of %d^3 vertices, %d ranks\n%-32s %10s %10s %10s %8s %8s %10s %7s\n", count,
+                        vertices, ranks, "", "data set", "one rank", "all ranks", "x 1", "speedup", "bytes/unit",
+                        "rounds");
         for (const Task& task : tasks) {
             double dataSet = 1e9, one = 1e9, all = 1e9;
             std::uint64_t units = 0;

@@ -5,13 +5,12 @@
 // Without files: a vortex in a ring of 16 blocks. Leaves vortex.pvtp and its pieces, one a rank, vortex.vtp, which is
 // the same surface in one file, and slice.ppm, the magnitude of the velocity in the middle.
 
-#include <parallel/ParallelDataSet.hpp>
-
 #include <algorithm>
 #include <cmath>
 #include <fstream>
 #include <iostream>
 #include <numbers>
+#include <parallel/ParallelDataSet.hpp>
 
 using namespace Vantle;
 
@@ -27,8 +26,8 @@ std::vector<Point> sector(int number, const MultiIndex<3>& size) {
             for (index_t i = 0; i < size[0]; ++i) {
                 // The last vertices of a block are, bit for bit, the first ones of the next.
                 const auto step = (static_cast<index_t>(number) * (size[0] - 1) + i) % (Blocks * (size[0] - 1));
-                const double angle = 2 * std::numbers::pi * static_cast<double>(step) /
-                                     static_cast<double>(Blocks * (size[0] - 1));
+                const double angle =
+                    2 * std::numbers::pi * static_cast<double>(step) / static_cast<double>(Blocks * (size[0] - 1));
                 const double radius = 1 + static_cast<double>(j) / static_cast<double>(size[1] - 1);
                 points.emplace_back(radius * std::cos(angle), radius * std::sin(angle),
                                     static_cast<double>(k) / static_cast<double>(size[2] - 1) - 0.5);
@@ -58,19 +57,23 @@ ParallelDataSet makeFlow(int rank, int ranks) {
 
 /// The first layer of an image, from blue to red; what is outside is white.
 void writePicture(const DataSet& image, const std::string& field, const MultiIndex<3>& size) {
-    const Values values(Hestra::StrongPtr<MemBase>(
-        image.array(field, "image")->gather(*makeMemArray1D([&] {
-            std::vector<index_t> first(size[0] * size[1]);
-            for (index_t n = 0; n < first.size(); ++n) first[n] = n;
-            return first;
-        }()), DynamicSize(size[0] * size[1]), 1)));
+    const Values values(Hestra::StrongPtr<MemBase>(image.array(field, "image")
+                                                       ->gather(*makeMemArray1D([&] {
+                                                           std::vector<index_t> first(size[0] * size[1]);
+                                                           for (index_t n = 0; n < first.size(); ++n) first[n] = n;
+                                                           return first;
+                                                       }()),
+                                                                DynamicSize(size[0] * size[1]), 1)));
     const NumberRange range = image.range(field);
     std::ofstream file("slice.ppm", std::ios::binary);
     file << "P6 " << size[0] << ' ' << size[1] << " 255\n";
     for (std::size_t n = 0; n < values.size(); ++n) {
         const double at = (values[n] - range.least) / (range.greatest - range.least);
-        const auto part = [&](double x) { return static_cast<char>(std::isnan(at) ? 255.0 : 255 * std::clamp(x, 0.0, 1.0)); };
-        file << part(1.5 - std::abs(4 * at - 3)) << part(1.5 - std::abs(4 * at - 2)) << part(1.5 - std::abs(4 * at - 1));
+        const auto part = [&](double x) {
+            return static_cast<char>(std::isnan(at) ? 255.0 : 255 * std::clamp(x, 0.0, 1.0));
+        };
+        file << part(1.5 - std::abs(4 * at - 3)) << part(1.5 - std::abs(4 * at - 2))
+             << part(1.5 - std::abs(4 * at - 1));
     }
 }
 
@@ -83,8 +86,8 @@ int main(int argc, char** argv) {
     MPI_Comm_size(MPI_COMM_WORLD, &ranks);
     int result = 0;
     try {
-        const ParallelDataSet flow = argc > 1 ? ParallelDataSet::read(MPI_COMM_WORLD, {argv + 1, argv + argc})
-                                              : makeFlow(rank, ranks);
+        const ParallelDataSet flow =
+            argc > 1 ? ParallelDataSet::read(MPI_COMM_WORLD, {argv + 1, argv + argc}) : makeFlow(rank, ranks);
         const auto say = [&](const auto&... what) {
             if (rank == 0) ((std::cout << what), ...) << '\n';
         };
@@ -94,8 +97,8 @@ int main(int argc, char** argv) {
         const std::string q = flow.qCriterion("velocity");
         const NumberRange range = flow.range(q);
         const ParallelSurface vortex = flow.contour(q, 0.3 * range.greatest, {.values = {"velocity"}, .normals = true});
-        say("vortex: ", vortex.points(), " points, ", vortex.triangles(), " triangles; hull: ",
-            flow.boundary().triangles(), " triangles");
+        say("vortex: ", vortex.points(), " points, ", vortex.triangles(),
+            " triangles; hull: ", flow.boundary().triangles(), " triangles");
         vortex.write("vortex.pvtp");
         const Surface whole = vortex.gather(0);
         if (rank == 0) {

@@ -1,8 +1,8 @@
 #include <dataset/detail/Request.hpp>
-#include <parallel/detail/Exchange.hpp>
 
 #include <algorithm>
 #include <limits>
+#include <parallel/detail/Exchange.hpp>
 #include <stdexcept>
 
 namespace Vantle {
@@ -42,6 +42,8 @@ std::string textOf(const std::exception_ptr& failure) {
 }
 
 } // namespace
+
+void Writer::put(std::span<const std::byte> more) { bytes.insert(bytes.end(), more.begin(), more.end()); }
 
 std::span<const std::byte> Reader::take(std::size_t count) {
     if (count > myBytes.size()) throw std::length_error("a message between ranks is shorter than what it should say");

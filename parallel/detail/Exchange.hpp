@@ -1,13 +1,12 @@
 #pragma once
 /// What ranks tell each other: the only code that calls MPI.
 
-#include <parallel/ParallelError.hpp>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <exception>
 #include <mpi.h>
+#include <parallel/ParallelError.hpp>
 #include <span>
 #include <type_traits>
 #include <vector>
@@ -24,13 +23,11 @@ struct Traffic {
 namespace detail {
 
 /// Appends values to bytes.
-class Writer {
+class VANTLE_PARALLEL_API Writer {
 public:
     template<class T>
     requires std::is_trivially_copyable_v<T>
-    void put(const T& value) {
-        put(std::as_bytes(std::span(&value, 1)));
-    }
+    void put(const T& value) { put(std::as_bytes(std::span(&value, 1))); }
     template<class T>
     requires std::is_trivially_copyable_v<T>
     void putAll(std::span<const T> values) {
@@ -38,7 +35,7 @@ public:
         put(std::as_bytes(values));
     }
     void putText(const std::string& text) { putAll(std::span<const char>(text)); }
-    void put(std::span<const std::byte> more) { bytes.insert(bytes.end(), more.begin(), more.end()); }
+    void put(std::span<const std::byte> more);
 
     std::vector<std::byte> bytes;
 };

@@ -2,11 +2,11 @@
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/MemArray.hpp>
-#include <parallel/detail/Halo.hpp>
 
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <parallel/detail/Halo.hpp>
 #include <tuple>
 
 namespace Vantle::detail {
@@ -36,7 +36,9 @@ void putElements(Writer& writer, const StrongPtr<MemBase>& data, std::vector<ind
         ++code;
         if (!isKnown && taken && withMemArray<1>(TypeList<T>(), taken, [&](const MemArray<1, T>& elements) {
                 writer.put(code);
-                for (index_t n = 0; n < elements.nElements(); ++n) writer.put(elements.element(n));
+                if (elements.nElements() != 0)
+                    writer.put(
+                        std::as_bytes(std::span(elements.data(), static_cast<std::size_t>(elements.nElements()))));
             }))
             isKnown = true;
     };
@@ -275,8 +277,8 @@ void Halo::gatherJoins() {
             if (isOwn(join.first.block)) {
                 SentJoin sent;
                 std::memset(static_cast<void*>(&sent), 0, sizeof(sent));
-                sent = {global(join.first), global(join.second), listed(join.low), listed(join.high), join.map,
-                        join.motion, join.inverse, join.largestDistance};
+                sent = {global(join.first), global(join.second), listed(join.low), listed(join.high),
+                        join.map,           join.motion,         join.inverse,     join.largestDistance};
                 joins.push_back(sent);
             }
         writer.putAll(std::span<const SentJoin>(joins));
@@ -387,8 +389,7 @@ void Halo::listShared() {
         for (const BlockJoins::Shared& shared : myJoins->shared(copy))
             if (isOwn(shared.owner.block) == isGiven) indices[shared.owner.block].push_back(shared.owner.index);
         for (auto& [owner, of] : indices)
-            lists.push_back(
-                {rankOf(isGiven ? copy : owner), myMembers[copy], myMembers[owner], std::move(of)});
+            lists.push_back({rankOf(isGiven ? copy : owner), myMembers[copy], myMembers[owner], std::move(of)});
     };
     myGiven.clear();
     myTaken.clear();
@@ -451,7 +452,7 @@ std::vector<StrongPtr<Field>> Halo::extend(const std::vector<StrongPtr<Field>>& 
             }
         }
     });
-    myExchange.agree();
+    extended.resize(fields.size()); // null where this has failed, of which the next exchange tells
     return extended;
 }
 
@@ -481,7 +482,6 @@ StrongPtr<Field> Halo::extendShells(const StrongPtr<Field>& field, const ShellSo
                                      id(memberOf(message.from)));
             });
     });
-    myExchange.agree();
     return extended;
 }
 

@@ -10,13 +10,13 @@
 #include <dataset/DataSet.hpp>
 #include <model/hestra/Cache.hpp>
 #include <model/vantle/Representation.hpp>
-#include <parallel/detail/BoxTree.hpp>
-#include <parallel/detail/Exchange.hpp>
 
 #include <algorithm>
 #include <functional>
 #include <map>
 #include <optional>
+#include <parallel/detail/BoxTree.hpp>
+#include <parallel/detail/Exchange.hpp>
 #include <set>
 #include <string>
 #include <vector>
@@ -65,9 +65,9 @@ public:
     extend(const std::vector<Hestra::StrongPtr<Field>>& fields) const;
     /// The same of one field, where stand-ins have all values of their shells: those that their vertices' owners have,
     /// as `joined`, the extended field, tells. Collective.
-    [[nodiscard]] Hestra::StrongPtr<Field> extendShells(const Hestra::StrongPtr<Field>& field,
-                                                        const std::function<Hestra::StrongPtr<MemBase>(
-                                                            std::uint32_t)>& shells) const;
+    [[nodiscard]] Hestra::StrongPtr<Field>
+    extendShells(const Hestra::StrongPtr<Field>& field,
+                 const std::function<Hestra::StrongPtr<MemBase>(std::uint32_t)>& shells) const;
 
     [[nodiscard]] const Hestra::StrongPtr<Grid>& grid() const noexcept { return myGrid; }
     [[nodiscard]] const Hestra::StrongPtr<BlockJoins>& joins() const noexcept { return myJoins; }
@@ -78,7 +78,9 @@ public:
     [[nodiscard]] unsigned int memberOf(std::uint32_t block) const;
     [[nodiscard]] bool isOwn(unsigned int member) const { return isOwnMember[member]; }
     [[nodiscard]] int rankOf(unsigned int member) const { return myAll.blocks[myMembers[member]].rank; }
-    [[nodiscard]] const Hestra::StrongPtr<FragmentID>& id(unsigned int member) const { return myJoins->fragment(member); }
+    [[nodiscard]] const Hestra::StrongPtr<FragmentID>& id(unsigned int member) const {
+        return myJoins->fragment(member);
+    }
 
     /// Calls `take(rank)` for the other ranks that have a vertex, given by its owner in the grid, each once.
     template<class Take>
@@ -97,7 +99,7 @@ private:
     /// Vertices of one block that another one has, too.
     struct SharedList {
         int rank;
-        std::uint32_t to, from; // the block that has copies, and that which owns
+        std::uint32_t to, from;       // the block that has copies, and that which owns
         std::vector<index_t> indices; // in the owner, in the order of the copies
     };
     /// A rank that has a vertex which others have, too.

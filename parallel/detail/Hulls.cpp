@@ -1,10 +1,10 @@
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/surface/OpenQuads.hpp>
 #include <model/vantle/DoublePrecision.hpp>
-#include <parallel/detail/ParallelState.hpp>
 
 #include <algorithm>
 #include <numeric>
+#include <parallel/detail/ParallelState.hpp>
 
 namespace Vantle {
 

@@ -2,13 +2,13 @@
 #include <baseop/WorldDerivative.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/GridKinds.hpp>
-#include <parallel/detail/ParallelState.hpp>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <limits>
 #include <numeric>
+#include <parallel/detail/ParallelState.hpp>
 #include <set>
 
 namespace Vantle {
@@ -140,8 +140,9 @@ void ParallelDataSet::Data::gatherBlocks() {
                 field.blocks = static_cast<std::size_t>(reader.get<std::uint64_t>());
                 FieldInfo& info = known.emplace(field.name, FieldInfo{field.name, 0, 0}).first->second;
                 if (info.components && field.components && info.components != field.components)
-                    throw DataSetError("field " + detail::quoted(field.name) + " is " + kindOf(field.components) + " on rank " +
-                                       std::to_string(rank) + ", and " + kindOf(info.components) + " before");
+                    throw DataSetError("field " + detail::quoted(field.name) + " is " + kindOf(field.components) +
+                                       " on rank " + std::to_string(rank) + ", and " + kindOf(info.components) +
+                                       " before");
                 info.components = std::max(info.components, field.components);
                 info.blocks += field.blocks;
             }
@@ -152,16 +153,16 @@ void ParallelDataSet::Data::gatherBlocks() {
         for (std::uint32_t n = 0; n < all.blocks.size(); ++n) {
             const detail::GlobalBlock& block = all.blocks[n];
             if (n > 0 && all.blocks[n - 1].number == block.number)
-                throw DataSetError("blocks " + detail::quoted(all.blocks[n - 1].info.name) + " and " + detail::quoted(block.info.name) +
-                                   " have the same number, " + std::to_string(block.number));
+                throw DataSetError("blocks " + detail::quoted(all.blocks[n - 1].info.name) + " and " +
+                                   detail::quoted(block.info.name) + " have the same number, " +
+                                   std::to_string(block.number));
             if (block.rank == exchange->rank()) all.own.push_back(n);
         }
     });
     exchange->agree();
 }
 
-StrongPtr<MemBase> ParallelDataSet::Data::data(const std::string& name, const Field& field,
-                                               std::uint32_t block) const {
+StrongPtr<MemBase> ParallelDataSet::Data::data(const std::string& name, const Field& field, std::uint32_t block) const {
     const StrongPtr<CreativeArrayBase> creator = field.getCreator(idOf(block));
     if (!creator) return nullptr;
     if (StrongPtr<MemBase> made = creator->getData()) {
@@ -176,7 +177,8 @@ StrongPtr<MemBase> ParallelDataSet::Data::data(const std::string& name, const Fi
     for (auto of = parse(name); of; of = parse(of->second))
         if (!parse(of->second)) (void)local.array(of->second, nameOf(block));
     if (!parse(name) && name != PositionsName) (void)local.array(name, nameOf(block));
-    throw DataSetError("field " + detail::quoted(name) + ": block " + detail::quoted(nameOf(block)) + ": the data cannot be made");
+    throw DataSetError("field " + detail::quoted(name) + ": block " + detail::quoted(nameOf(block)) +
+                       ": the data cannot be made");
 }
 
 StrongPtr<MemBase> ParallelDataSet::Data::knownArray(const std::string& name, const std::string& block) const {
@@ -189,7 +191,8 @@ StrongPtr<MemBase> ParallelDataSet::Data::knownArray(const std::string& name, co
         derivedField != myDerived.end() ? derivedField->second.field : representation->findField(name);
     StrongPtr<MemBase> found;
     if (field) found = data(name, *field, all.own[static_cast<std::size_t>(at - names.begin())]);
-    if (!found) throw DataSetError("field " + detail::quoted(name) + " has no values in block " + detail::quoted(block));
+    if (!found)
+        throw DataSetError("field " + detail::quoted(name) + " has no values in block " + detail::quoted(block));
     return found;
 }
 
@@ -207,8 +210,7 @@ void ParallelDataSet::Data::makeBoxes(const Meter& meter) {
         const StrongPtr<Field> positions = representation->Positions();
         const Blanking blanking(*representation);
         for (const std::uint32_t block : all.own) {
-            meter(static_cast<double>(writer.bytes.size()) /
-                  static_cast<double>(sizeof(Sent) * all.own.size()));
+            meter(static_cast<double>(writer.bytes.size()) / static_cast<double>(sizeof(Sent) * all.own.size()));
             const StrongPtr<MemBase> points = data(PositionsName, *positions, block);
             const StrongPtr<FragmentID> id = idOf(block);
             const auto mask = blanking.of(id, all.blocks[block].info.size);
@@ -242,8 +244,8 @@ void ParallelDataSet::Data::makeBoxes(const Meter& meter) {
 }
 
 const detail::AllNumbers& ParallelDataSet::Data::numbers(const std::string& name, const Meter& meter) {
-    const detail::Quantity of = quantity(name, 1);
     if (const auto known = myNumbers.find(name); known != myNumbers.end()) return known->second;
+    const detail::Quantity of = quantity(name, 1);
     struct Sent {
         std::uint32_t block;
         std::uint16_t hasRange, hasNaN;
@@ -295,16 +297,17 @@ const detail::Halo& ParallelDataSet::Data::deepHalo() {
     const StrongPtr<Field> positions = shallow.extend({representation->Positions()}).front();
     detail::HaloRequest deep = request();
     deep.depth = 2;
-    myDeepHalo = std::make_unique<detail::Halo>(
-        *exchange, all, *representation, deep, local.cache(),
-        [&](std::uint32_t block) { return ownersData(*shallow.joins(), *positions, shallow.memberOf(block)); });
+    myDeepHalo =
+        std::make_unique<detail::Halo>(*exchange, all, *representation, deep, local.cache(), [&](std::uint32_t block) {
+            return ownersData(*shallow.joins(), *positions, shallow.memberOf(block));
+        });
     return *myDeepHalo;
 }
 
 const LocalFromWorldPoint& ParallelDataSet::Data::locator() {
     makeBoxes(Meter({}));
+    if (myLocator) return *myLocator;
     exchange->attempt([&] {
-        if (myLocator) return;
         LocatorOptions exact;
         exact.cellLocator = CellLocator::Exact;
         myLocator = std::make_unique<const LocalFromWorldPoint>(slice, grid, PositionsName, exact);
@@ -342,11 +345,11 @@ detail::Quantity ParallelDataSet::Data::quantity(const std::string& name, int wa
         for (const FieldInfo& field : fields) names.push_back(field.name);
         exchange->attempt([&] { throw DataSetError(detail::unknownName("field", name, names)); });
     }
-    exchange->attempt([&] {
+    exchange->attempt([&] { // the next exchange tells
         if (wanted && found.components != wanted)
-            throw DataSetError("field " + detail::quoted(name) + " is " + kindOf(found.components) + ", not " + kindOf(wanted));
+            throw DataSetError("field " + detail::quoted(name) + " is " + kindOf(found.components) + ", not " +
+                               kindOf(wanted));
     });
-    exchange->agree();
     return found;
 }
 
@@ -389,9 +392,8 @@ detail::Quantity ParallelDataSet::Data::derive(const std::string& operation, con
         const StrongPtr<Representation> there = around.grid()->getCartesianRepresentation();
         there->setField(operand, extended);
         std::string problems;
-        const StrongPtr<Field> everywhere =
-            WorldDerivative(*around.grid(), operand, name, problems, {.joinBlocks = true, .joins = options.joins},
-                            local.cache());
+        const StrongPtr<Field> everywhere = WorldDerivative(
+            *around.grid(), operand, name, problems, {.joinBlocks = true, .joins = options.joins}, local.cache());
         if (!everywhere)
             throw DataSetError("field " + detail::quoted(operand) + " has no gradient" +
                                (problems.empty() ? std::string() : ": " + problems));

@@ -6,17 +6,30 @@
 #include <baseop/NumberRange.hpp>
 #include <dataset/detail/Request.hpp>
 #include <model/vantle/Blanking.hpp>
-#include <parallel/ParallelDataSet.hpp>
-#include <parallel/detail/Halo.hpp>
-#include <parallel/detail/SurfaceParts.hpp>
 
 #include <map>
 #include <memory>
 #include <optional>
+#include <parallel/ParallelDataSet.hpp>
+#include <parallel/detail/Halo.hpp>
+#include <parallel/detail/SurfaceParts.hpp>
 
 namespace Vantle {
 
 namespace detail {
+
+/// Does what is requested of all ranks, and says what was requested when one of them fails.
+template<class F>
+auto collective(const std::string& what, const F& f) {
+    return request(what, [&] {
+        try {
+            return f();
+        } catch (const ParallelError& problem) {
+            if (problem.reason().compare(0, what.size(), what) == 0) throw;
+            throw ParallelError(problem.rank(), what + ": " + problem.reason());
+        }
+    });
+}
 
 /// A field over the blocks of this rank, some of which may lack it.
 struct Quantity {
@@ -75,9 +88,8 @@ struct ParallelDataSet::Data {
                                           const detail::AllNumbers& numbers, double level, const Fields& values,
                                           bool hasNormals, const detail::Meter& meter);
     [[nodiscard]] ParallelSurface hull(const Fields& values);
-    [[nodiscard]] std::shared_ptr<detail::LocatedParts> locate(const std::shared_ptr<Data>& self,
-                                                               std::span<const Point> positions,
-                                                               const detail::Meter& meter);
+    [[nodiscard]] std::shared_ptr<detail::LocatedParts>
+    locate(const std::shared_ptr<Data>& self, std::span<const Point> positions, const detail::Meter& meter);
     /// Values, and their mask unless that is empty, at positions of this rank; elsewhere both stay.
     void sample(const detail::LocatedParts& at, const std::string& name, const detail::Quantity& of,
                 std::span<double> values, std::span<unsigned char> mask, const detail::Meter& meter);

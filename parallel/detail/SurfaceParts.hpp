@@ -2,9 +2,9 @@
 /// What surfaces of several ranks are made of, and how their vertices are numbered.
 
 #include <dataset/Surface.hpp>
-#include <parallel/detail/Exchange.hpp>
 
 #include <map>
+#include <parallel/detail/Exchange.hpp>
 #include <string>
 #include <vector>
 
@@ -12,7 +12,7 @@ namespace Vantle::detail {
 
 /// The triangles of one own block, and the points that belong to it.
 struct SurfacePart {
-    std::uint32_t block;                     // its number among all
+    std::uint32_t block;                       // its number among all
     std::size_t endPoint = 0, endTriangle = 0; // in the piece: those of the parts before it come first
     std::uint64_t firstPoint = 0, firstTriangle = 0, ownPoints = 0; // among those of all ranks
 };

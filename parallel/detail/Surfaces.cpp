@@ -2,10 +2,10 @@
 #include <baseop/detail/surface/JoinedBlocks.hpp>
 #include <baseop/detail/surface/SurfaceEdges.hpp>
 #include <model/hestra/Chunk.hpp>
-#include <parallel/detail/ParallelState.hpp>
 
 #include <algorithm>
 #include <numeric>
+#include <parallel/detail/ParallelState.hpp>
 #include <unordered_map>
 
 namespace Vantle {
@@ -195,7 +195,7 @@ private:
     detail::Exchange& myExchange;
     const std::vector<detail::GlobalBlock>& myBlocks;
     RankSurface& mySurface;
-    std::vector<std::vector<NamedVertex>> myNames;   // for each rank
+    std::vector<std::vector<NamedVertex>> myNames;    // for each rank
     std::vector<std::vector<std::size_t>> myVertices; // which these are
     std::vector<std::vector<std::size_t>> myAsked;    // by each rank: vertices here, or none
 };
@@ -369,7 +369,6 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                 made->triangles += count.triangles;
             }
         });
-        exchange->agree();
         if (together.hasNaN && !isAgain && together.reachesAbove) {
             mask(representation->Positions()); // vertices that are nowhere: beside them, too, there is no surface
             continue;
