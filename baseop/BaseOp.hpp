@@ -23,6 +23,7 @@
 #include <baseop/SurfaceBorder.hpp>
 #include <baseop/SurfaceRefinement.hpp>
 #include <baseop/TangentialVectors.hpp>
+#include <baseop/Threads.hpp>
 #include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/UniformCell.hpp>

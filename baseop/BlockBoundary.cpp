@@ -1,8 +1,10 @@
 #include <baseop/BlockBoundary.hpp>
+#include <baseop/detail/QuadCut.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/OpenQuads.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/hestra/Pulse.hpp>
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/ElementTypes.hpp>
@@ -19,7 +21,6 @@
 namespace Vantle {
 
 using detail::components;
-using detail::cutQuad;
 using detail::Quad;
 using Hestra::Freshness;
 using Hestra::StrongPtr;
@@ -145,11 +146,12 @@ Hull hullOf(const detail::OpenQuads& blocks, const VertexNumbers& vertices, cons
     const BlockJoins& joins = *blocks.joins;
     Hull hull;
     for (unsigned int b = 0; b < joins.blocks(); ++b) {
+        const Hestra::Pulse::Part part(0.5 + 0.5 * b / joins.blocks(), 0.5 + 0.5 * (b + 1) / joins.blocks());
         const bool isMirrored = joins.isOrientable() && joins.isMirrored(b);
         blocks.forOpenQuads(b, [&](const Quad& quad) {
             std::array<unsigned int, 4> numbers;
             for (std::size_t c = 0; c < 4; ++c) numbers[isMirrored ? 3 - c : c] = vertices(quad[c]);
-            cutQuad(numbers, points, [&](const TriangleCell& triangle) { hull.triangles.push_back(triangle); });
+            detail::cutQuad(numbers, points, [&](const TriangleCell& triangle) { hull.triangles.push_back(triangle); });
         });
         hull.ends.push_back(hull.triangles.size());
     }
@@ -215,10 +217,12 @@ StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::
 
     const detail::OpenQuads blocks(joins, blanking);
     VertexNumbers vertices(*joins);
-    for (unsigned int b = 0; b < joins->blocks(); ++b)
+    for (unsigned int b = 0; b < joins->blocks(); ++b) {
+        const Hestra::Pulse::Part part(0.5 * b / joins->blocks(), 0.5 * (b + 1) / joins->blocks());
         blocks.forOpenQuads(b, [&](const Quad& quad) {
             for (const BlockVertex& corner : quad) vertices.take(corner);
         });
+    }
     detail::checkVertexCount(vertices.count());
     StrongPtr<MemBase> points = elementsAt(*joins, vertices, *positions, PositionsName);
     if (!points) points = makeMemArray1D(std::vector<point>());

@@ -403,11 +403,13 @@ StrongPtr<BlockJoins> BlockJoins::of(const Grid& grid, const JoinOptions& option
         kept->myData->masks.isFor(blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
         return kept;
     const bool needsSizes = options.tolerance > 0.0 || !options.motions.empty();
-    auto data = std::make_unique<Data>(detail::Shells(*positions, blanking, needsSizes), options);
+    detail::Shells shells(*positions, blanking, needsSizes);
+    const bool isComplete = shells.isComplete; // else a block is missing that there may be next time
+    auto data = std::make_unique<Data>(std::move(shells), options);
     data->origin = origin;
     data->masks = masks;
     const StrongPtr<BlockJoins> made(new BlockJoins(std::move(data)));
-    if (origin.isCurrent() && masks.isCurrent()) positions->addInterface(made);
+    if (isComplete && origin.isCurrent() && masks.isCurrent()) positions->addInterface(made);
     return made;
 }
 

@@ -73,7 +73,7 @@ public:
     /// Nothing moves.
     RigidMotion() = default;
     [[nodiscard]] static RigidMotion translation(const vector& by);
-    /// About the axis through `center`, right-handed, by an angle in radians. Failure  std::invalid_argument for an
+    /// About the axis through `center`, right-handed, by an angle in radians. Failure: std::invalid_argument for an
     /// axis without length.
     [[nodiscard]] static RigidMotion rotation(const point& center, const vector& axis, double angle);
 
@@ -156,7 +156,8 @@ public:
     /// The joins of the blocks of `grid`, at its Cartesian positions: those found last while positions, masks and
     /// options are the same, else found now and kept with the positions in their place.
     ///
-    /// Degenerate   blocks without cells have no faces; null when there is no field of positions.
+    /// Degenerate   blocks without cells have no faces; null when there is no field of positions. Blocks whose
+    ///              positions cannot be made count as such, and the joins are not kept.
     /// Failure      std::invalid_argument for unusable options and masks; std::length_error for more than 2^31 - 1
     ///              vertices of faces.
     /// Concurrency  from any number of threads, as long as nobody changes the grid.

@@ -4,7 +4,8 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <map>
+#include <optional>
+#include <set>
 #include <stdexcept>
 #include <type_traits>
 
@@ -58,26 +59,19 @@ StrongPtr<MemBase> dataOf(const BlockJoins& joins, const Field& field, unsigned 
 }
 
 /// Calls `function(shared, element, owner's element)` for the vertices of a block that somebody else owns, where both
-/// have data.
+/// have data: owner by owner, so that the data of one are held at a time.
 template<class T, class F>
 void forEachCopy(const BlockJoins& joins, const Field& field, unsigned int block, const CreativeIterator<T>& elements,
                  const F& function) {
-    std::map<unsigned int, std::pair<StrongPtr<MemBase>, std::optional<CreativeIterator<T>>>> owners;
-    const CreativeIterator<T>* owned = nullptr; // of the block that owned the last one, as often the next one
-    unsigned int owner = joins.blocks();
-    for (const BlockJoins::Shared& shared : joins.shared(block)) {
-        if (shared.owner.block != owner) {
-            owner = shared.owner.block;
-            const auto [at, isNew] = owners.try_emplace(owner);
-            auto& [array, known] = at->second;
-            if (isNew) {
-                array = dataOf(joins, field, owner);
-                if (array) known = elementsOf<T>(*array);
-                if (array && !known) refuse(joins, owner, "other elements than those of a neighbour");
-            }
-            owned = known ? &*known : nullptr;
-        }
-        if (owned) function(shared, elements[shared.index], (*owned)[shared.owner.index]);
+    std::set<unsigned int> owners;
+    for (const BlockJoins::Shared& shared : joins.shared(block)) owners.insert(shared.owner.block);
+    for (const unsigned int owner : owners) {
+        const StrongPtr<MemBase> array = dataOf(joins, field, owner);
+        if (!array) continue;
+        const std::optional<CreativeIterator<T>> owned = elementsOf<T>(*array);
+        if (!owned) refuse(joins, owner, "other elements than those of a neighbour");
+        for (const BlockJoins::Shared& shared : joins.shared(block))
+            if (shared.owner.block == owner) function(shared, elements[shared.index], (*owned)[shared.owner.index]);
     }
 }
 

@@ -1,14 +1,17 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/detail/Extremes.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
+#include <baseop/detail/ValueBricks.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/CreativeArray.hpp>
+#include <model/vantle/MemArray.hpp>
 #include <model/vantle/TypedArray.hpp>
 
 #include <algorithm>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <type_traits>
 #include <vector>
 
@@ -122,6 +125,19 @@ MinMax<T> rangeOf(const Iterator<T>& elements) {
     return result;
 }
 
+/// The same as the range of the bricks of a block, which are kept for others. Not of other arrays, nor where the order
+/// of the elements counts: with NaN, and for the sign of a zero.
+template<class T>
+std::optional<MinMax<T>> rangeOfBricks(CreativeArrayBase& creator, const MemBase& data) {
+    const auto* const block = dynamic_cast<const MemArray<3, T>*>(&data);
+    const auto bricks = block ? detail::ValueBricks<T>::make(creator, *block) : nullptr;
+    if (!bricks || bricks->hasNaN()) return {};
+    const MinMax<T> found{*std::min_element(bricks->least().begin(), bricks->least().end()),
+                          *std::max_element(bricks->greatest().begin(), bricks->greatest().end())};
+    if (bricks->hasNegativeZero() && (found.min == T{} || found.max == T{})) return {};
+    return found;
+}
+
 } // namespace
 
 namespace {
@@ -159,7 +175,8 @@ WeakPtr<DataRange<T>> DataRange<T>::compute(CreativeArrayBase& creator, bool req
     const auto* const array = dynamic_cast<const TypedArray<T>*>(data.rawptr());
     if (!array || !suits(array->getVantleType()) || array->getIterator().empty()) return {};
 
-    const MinMax<T> found = rangeOf<T>(array->getIterator());
+    const std::optional<MinMax<T>> known = rangeOfBricks<T>(creator, *data);
+    const MinMax<T> found = known ? *known : rangeOf<T>(array->getIterator());
     const StrongPtr<DataRange> range(new DataRange(found.min, found.max));
     creator.addInterface(range);
     range->raiseAge(creator.age());

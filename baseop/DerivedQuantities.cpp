@@ -1,13 +1,9 @@
 #include <baseop/DerivedQuantities.hpp>
-#include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/orvix/Quadratic.hpp>
 #include <model/vantle/Derived.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/MemArray.hpp>
-
-#include <cmath>
-#include <stdexcept>
 
 namespace Vantle {
 
@@ -86,24 +82,6 @@ StrongPtr<Field> makeQCriterion(const StrongPtr<Field>& gradient, const StrongPt
         // |W|^2 - |S|^2 is minus the trace of the square.
         const double diagonal = d(0, 0) * d(0, 0) + d(1, 1) * d(1, 1) + d(2, 2) * d(2, 2);
         return -0.5 * diagonal - (d(0, 1) * d(1, 0) + d(0, 2) * d(2, 0) + d(1, 2) * d(2, 1));
-    });
-}
-
-StrongPtr<Field> makePlaneDistance(const StrongPtr<Field>& positions, const PhysicalSpace::point& origin,
-                                   const PhysicalSpace::vector& normal, const StrongPtr<Hestra::Cache>& cache) {
-    const double norm = length(normal);
-    if (!(norm > 0.0) || !std::isfinite(norm)) throw std::invalid_argument("a plane whose normal has no length");
-    const PhysicalSpace::vector unit = normal * (1.0 / norm);
-    return deriveField<double>(positions, cache, [origin, unit](const StrongPtr<MemBase>& data, const auto& creator) {
-        StrongPtr<MemBase> made;
-        const detail::FragmentCoordinates coordinates(data);
-        const auto distance = [&](const PhysicalSpace::point& p) { return dot(p - origin, unit); };
-        if (const auto* const points = coordinates.curvilinear())
-            made = fill<double>(points->Size(), creator, [&](index_t n) { return distance(points->element(n)); });
-        coordinates.visitProducts([&](const auto& product) {
-            made = fill<double>(product.Size(), creator, [&](index_t n) { return distance(product.create(n)); });
-        });
-        return made;
     });
 }
 

@@ -36,11 +36,4 @@ makeDivergence(const Hestra::StrongPtr<Field>& gradient,
 makeQCriterion(const Hestra::StrongPtr<Field>& gradient,
                const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
 
-/// The distances of positions from a plane, positive where its normal points. Positions are of any kind: curvilinear,
-/// rectilinear, uniform. Failure: std::invalid_argument for a normal without length.
-[[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<Field>
-makePlaneDistance(const Hestra::StrongPtr<Field>& positions, const Orvix::PhysicalSpace::point& origin,
-                  const Orvix::PhysicalSpace::vector& normal,
-                  const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
-
 } // namespace Vantle

@@ -131,8 +131,7 @@ bool EvalFragment::apply(const StrongPtr<FragmentID>& id, const StrongPtr<Creati
     const StrongPtr<MemBase> positions = positionsCreator->getData();
     if (!positions || positions->nElements() == 0) return true;
     if (!myEvaluator || Console::isHeard()) myEvaluator = std::make_unique<GridEvaluator>();
-    if (!myEvaluator->find(positions, *mySourcePositions, myContext)) return true;
-    const StrongPtr<MemBase> values = myEvaluator->evalKnownDataTypes(positions, *mySourceField);
+    const StrongPtr<MemBase> values = myEvaluator->evaluate(positions, *mySourcePositions, myContext, *mySourceField);
     if (!values) return true;
     myTarget->setPersistentData(values, id);
     ++myEvaluated;

@@ -1,6 +1,9 @@
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/detail/location/CellBoxTree.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
+#include <baseop/detail/location/CellTrail.hpp>
+#include <baseop/detail/location/RowKernels.hpp>
+#include <baseop/detail/location/SpatialOrder.hpp>
 #include <baseop/detail/location/TrilinearCell.hpp>
 #include <model/hestra/Profiler.hpp>
 
@@ -31,52 +34,23 @@ using detail::TrilinearCell;
 class CellImages final : public CellBoxTree::Shapes {
 public:
     CellImages(const BlockVertices& vertices, const CellBoxTree& tree)
-        : myVertices(vertices), myTree(&tree), mySums(4 * static_cast<std::size_t>(vertices.size()[0])) {}
+        : myVertices(vertices), myTree(&tree), myPitch(CellBoxTree::roomFor(vertices.size()[0])), mySums(12 * myPitch) {
+    }
 
     [[nodiscard]] int edges() const noexcept override { return 7; }
     void fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row) override {
         const auto n = static_cast<std::size_t>(myVertices.size()[0]);
-        // Over the four vertices at each i: their sum, and the differences along j, along k and along both.
-        double* const sum = mySums.data();
-        double* const alongJ = sum + n;
-        double* const alongK = sum + 2 * n;
-        double* const alongBoth = sum + 3 * n;
-        for (int d = 0; d < 3; ++d) {
-            myVertices.sumAcrossRow<true>(j, k, d, sum);
-            const double scale = myTree->scale(d);
-            // A sum of numbers may be too large for one; differences of corners that are numbers hardly are.
-            constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-            for (std::size_t i = 0; i + 1 < n; ++i) {
-                const double centre = (sum[i] + sum[i + 1]) * 0.125;
-                const double edge[7] = {(sum[i + 1] - sum[i]) * 0.125,
-                                        (alongJ[i] + alongJ[i + 1]) * 0.125,
-                                        (alongK[i] + alongK[i + 1]) * 0.125,
-                                        (alongJ[i + 1] - alongJ[i]) * 0.125,
-                                        (alongK[i + 1] - alongK[i]) * 0.125,
-                                        (alongBoth[i] + alongBoth[i + 1]) * 0.125,
-                                        (alongBoth[i + 1] - alongBoth[i]) * 0.125};
-                row.centre[d][i] = myTree->toFloat(centre * 0.0 == 0.0 ? centre : nan, d);
-                for (int g = 0; g < 7; ++g) row.edge[g][d][i] = static_cast<float>(edge[g] * scale);
-            }
-        }
-        for (std::size_t i = 0; i + 1 < n; ++i) {
-            double sides = 0.0;
-            for (int d = 0; d < 3; ++d)
-                for (int g = 0; g < 3; ++g)
-                    sides += std::fabs(static_cast<double>(row.edge[g][d][i])) / myTree->scale(d);
-            const float check = row.centre[0][i] * 0.0F + row.centre[1][i] * 0.0F + row.centre[2][i] * 0.0F;
-            for (int d = 0; d < 3; ++d) {
-                row.slack[d][i] = static_cast<float>(16.0 * TrilinearCell::Tolerance * sides * myTree->scale(d));
-                row.centre[d][i] += check;
-            }
-        }
+        const detail::RowSums sums =
+            detail::sumAcrossRow<true>(myVertices.rowsAround(j, k, myRows).of, n, mySums.data(), myPitch);
+        detail::fillImages(sums, n - 1, 16.0 * TrilinearCell::Tolerance, *myTree, row);
     }
     [[nodiscard]] std::unique_ptr<Shapes> clone() const override { return std::make_unique<CellImages>(*this); }
 
 private:
     const BlockVertices myVertices;
     const CellBoxTree* myTree;
-    std::vector<double> mySums;
+    std::size_t myPitch;
+    std::vector<double> mySums, myRows;
 };
 
 /// Solves in one cell; false, with `uvw` untouched, when it has no such point.
@@ -94,6 +68,7 @@ struct ExactCellLocator::Search {
     BlockVertices vertices;
     point lowest, highest; // of all positions that may be found
     CellBoxTree tree;
+    const std::uint64_t identity = detail::CellTrail::newNumber();
 
     explicit Search(const MultiArrayBase<3, point>& view) : vertices(view) {
         if (vertices.cells().product() == 0) return;
@@ -163,29 +138,59 @@ CellLocation ExactCellLocator::locate(const point& P, MultiIndex3* cell, const B
     return found;
 }
 
+CellLocation ExactCellLocator::locate(const point& P, detail::CellTrail& trail, const BlockMask* mask) const {
+    const Search& search = *mySearch;
+    CellLocation found;
+    if (!search.canHave(P)) return found;
+    CellCandidates cells(search.vertices.cells(), 0);
+    const bool isNear = trail.reaches(search.identity, search.tree, P);
+    if (isNear)
+        search.tree.forEachAt(trail.cells(), P,
+                              [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { cells.add(i, j, k); });
+    if (!isNear || !cells.areAll()) {
+        found = locate(P, nullptr, mask);
+    } else {
+        for (const CellOfBlock& cell : cells) {
+            if ((mask && !mask->isCellValid(cell.index())) || !solve(search.vertices, cell.index(), P, found.local))
+                continue;
+            found.result = LocationResult::Found;
+            break;
+        }
+    }
+    if (found) trail.note(search.identity, search.vertices, found.local);
+    return found;
+}
+
 void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocation> found,
                               const BlockMask* mask) const {
+    detail::locateNeighbours<CellBoxTree::Matches::MaximalPoints>(
+        points, found, [&](std::span<const point> now, std::span<CellLocation> theirs, const auto&) {
+            locateNeighbours(now, theirs, mask);
+        });
+}
+
+void ExactCellLocator::locateNeighbours(std::span<const point> points, std::span<CellLocation> found,
+                                        const BlockMask* mask) const {
     const Search& search = *mySearch;
     CellBoxTree::Matches matches;
-    for (std::size_t count; !points.empty(); points = points.subspan(count), found = found.subspan(count)) {
-        count = std::min(points.size(), CellBoxTree::Matches::MaximalPoints);
-        const std::span<const point> now = points.first(count);
-        const bool areMatched =
-            std::all_of(now.begin(), now.end(), [&](const point& p) { return search.canHave(p); }) &&
-            search.tree.match(now, matches);
-        for (std::size_t n = 0; n < count; ++n) {
-            if (!areMatched) {
-                found[n] = locate(now[n], nullptr, mask);
-                continue;
-            }
-            found[n].result = LocationResult::NotFound;
-            found[n].isSilent = true;
-            for (const CellOfBlock& cell : matches.of(n)) {
-                if (mask && !mask->isCellValid(cell.index())) continue;
-                if (!solve(search.vertices, cell.index(), now[n], found[n].local)) continue;
-                found[n].result = LocationResult::Found;
-                break;
-            }
+    const bool areMatched =
+        std::all_of(points.begin(), points.end(), [&](const point& p) { return search.canHave(p); }) &&
+        search.tree.match(points, matches);
+    if (areMatched && matches.areScattered())
+        for (const CellOfBlock& cell : matches.all())
+            search.vertices.prefetchCell(search.vertices.address(cell.index()));
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        if (!areMatched) {
+            found[n] = locate(points[n], nullptr, mask);
+            continue;
+        }
+        found[n].result = LocationResult::NotFound;
+        found[n].isSilent = true;
+        for (const CellOfBlock& cell : matches.of(n)) {
+            if (mask && !mask->isCellValid(cell.index())) continue;
+            if (!solve(search.vertices, cell.index(), points[n], found[n].local)) continue;
+            found[n].result = LocationResult::Found;
+            break;
         }
     }
 }

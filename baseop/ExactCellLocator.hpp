@@ -12,6 +12,11 @@
 
 namespace Vantle {
 
+class LocalFromWorldPoint;
+namespace detail {
+class CellTrail;
+}
+
 /// Finds the cell of a curvilinear block that contains a point, and inverts the trilinear map of that cell.
 ///
 /// Every position within the block is found, whatever the shape of its cells, as long as they are not degenerate. A
@@ -60,7 +65,11 @@ public:
     [[nodiscard]] const Hestra::StrongPtr<CoordsArray_t>& coordinates() const noexcept { return myCoordinates; }
 
 private:
+    friend class LocalFromWorldPoint;
     struct Search;
+
+    [[nodiscard]] CellLocation locate(const point& P, detail::CellTrail& trail, const BlockMask* mask) const;
+    void locateNeighbours(std::span<const point> points, std::span<CellLocation> found, const BlockMask* mask) const;
 
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;
     std::unique_ptr<const Search> mySearch;

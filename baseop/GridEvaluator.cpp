@@ -3,11 +3,13 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/location/GridLock.hpp>
 #include <baseop/detail/location/LazyFragment.hpp>
+#include <baseop/detail/location/SpatialOrder.hpp>
 #include <baseop/detail/location/Tiling.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <mutex>
 #include <utility>
 
@@ -31,8 +33,100 @@ namespace {
 
 constexpr std::uint32_t noFragment = ~std::uint32_t{0};
 
+/// What is known of a position in one word: the number of its fragment, and how it was found.
+class Word {
+public:
+    Word() = default;
+    Word(std::uint32_t fragment, LocationResult result) noexcept
+        : myBits(result == LocationResult::NotFound ? 0U : fragment << 2 | static_cast<std::uint32_t>(result)) {}
+    [[nodiscard]] explicit operator bool() const noexcept { return myBits != 0; }
+    [[nodiscard]] bool operator==(const Word&) const = default;
+    [[nodiscard]] LocationResult result() const noexcept { return static_cast<LocationResult>(myBits & 3U); }
+    /// `noFragment` when not found.
+    [[nodiscard]] std::uint32_t fragment() const noexcept { return myBits ? myBits >> 2 : noFragment; }
+
+private:
+    std::uint32_t myBits; // 0 when not found
+};
+
+/// Positions of any kind that can be evaluated at, read in pieces.
+class Positions {
+public:
+    /// None when the array is of another kind.
+    explicit Positions(const StrongPtr<MemBase>& array) : myOwner(array) {
+        using V3 = Orvix::Vector<double, 3>;
+        using V2 = Orvix::Vector<double, 2>;
+        using Points = TypeList<point, FloatPoint>;
+        const auto take = [this](const auto& elements, const MultiIndex<3>& extents) {
+            myExtents = extents;
+            if constexpr (std::is_same_v<std::decay_t<decltype(elements.element(0))>, point>)
+                if (elements.stride() == 1) myPoints = elements.data();
+            myRead = [&vectors = elements.getIterator()](std::size_t first, std::span<point> out) {
+                for (std::size_t m = 0; m < out.size(); ++m) {
+                    const auto& v = vectors[first + m];
+                    if constexpr (std::is_same_v<std::decay_t<decltype(v)>, V2>)
+                        out[m] = point(v[0], v[1], 0.0);
+                    else
+                        out[m] = point(v[0], v[1], v[2]);
+                }
+            };
+        };
+        const auto takeLine = [&](const auto& line) { take(line, {line.nElements(), 1, 1}); };
+        const auto takeSurface = [&](const auto& surface) { take(surface, {surface.Size()[0], surface.Size()[1], 1}); };
+        if (const auto* const uniform = dynamic_cast<const detail::UniformCoordinates*>(array.rawptr())) {
+            myExtents = uniform->Size();
+            myRead = [uniform](std::size_t first, std::span<point> out) {
+                MultiIndex<3> at = MultiIndex<3>::fromLinear(first, uniform->Size());
+                for (point& p : out) {
+                    p = (*uniform)[at];
+                    at.advance(uniform->Size());
+                }
+            };
+        } else if (!withMemArray<1>(Points(), array, takeLine) && !withMemArray<2>(Points(), array, takeSurface)) {
+            withMemArray<1>(TypeList<V3, V2>(), array, takeLine);
+        }
+    }
+    [[nodiscard]] explicit operator bool() const noexcept { return static_cast<bool>(myRead); }
+    [[nodiscard]] const MultiIndex<3>& extents() const noexcept { return myExtents; }
+    [[nodiscard]] std::size_t size() const noexcept { return myExtents.product(); }
+    void read(std::size_t first, std::span<point> out) const { myRead(first, out); }
+    [[nodiscard]] point operator[](std::size_t k) const {
+        point p;
+        myRead(k, std::span(&p, 1));
+        return p;
+    }
+    /// Some of them, read into `room` unless they are points in memory anyway.
+    [[nodiscard]] std::span<const point> get(std::size_t first, std::size_t count, std::vector<point>& room) const {
+        if (myPoints) return {myPoints + first, count};
+        room.resize(count);
+        myRead(first, room);
+        return room;
+    }
+    /// Calls `f(first, points)` for pieces of up to `MostAtOnce` positions in their order.
+    template<class F>
+    void forEachPiece(std::size_t begin, std::size_t end, const F& f) const {
+        point room[MostAtOnce];
+        for (std::size_t first = begin; first < end; first += MostAtOnce) {
+            const std::size_t count = std::min(MostAtOnce, end - first);
+            if (!myPoints) myRead(first, std::span(room, count));
+            f(first, std::span<const point>(myPoints ? myPoints + first : room, count));
+        }
+    }
+    static constexpr std::size_t MostAtOnce = 256;
+    /// Whether those that follow each other are far from each other, as far as that can be told at once.
+    [[nodiscard]] bool areScattered() const noexcept {
+        return myPoints && detail::SpatialOrder::pays({myPoints, size()});
+    }
+
+private:
+    StrongPtr<MemBase> myOwner;
+    MultiIndex<3> myExtents;
+    const point* myPoints = nullptr; // where they are points without gaps
+    std::function<void(std::size_t, std::span<point>)> myRead;
+};
+
 bool isNumber(const FractionalIndex& index) noexcept {
-    return index[0] == index[0] && index[1] == index[1] && index[2] == index[2];
+    return (index[0] == index[0]) & (index[1] == index[1]) & (index[2] == index[2]); // no branches
 }
 
 /// No bounds: a uniform fragment claims every position.
@@ -54,6 +148,31 @@ bool claims(const detail::RectilinearCoordinates& fragment, const BlockMask* mas
     if (mask && !mask->has(found)) return false;
     index = found;
     return true;
+}
+
+/// The fractional indices of positions that a fragment has claimed: to the bit what `claims` gives.
+void indicesOf(const detail::UniformCoordinates& fragment, std::span<const point> points, FractionalIndex* indices) {
+    // Two positions at a time: then divisions go in pairs.
+    double origin[6], spacing[6];
+    bool isFlat = false;
+    for (int c = 0; c < 6; ++c) {
+        origin[c] = fragment.axis(c % 3).origin();
+        spacing[c] = fragment.axis(c % 3).spacing();
+        isFlat |= spacing[c] == 0.0;
+    }
+    std::size_t m = 0;
+    for (; m + 2 <= points.size() && !isFlat; m += 2) {
+        double x[6];
+        std::memcpy(x, &points[m], sizeof x);
+        for (int c = 0; c < 6; ++c) x[c] = (x[c] - origin[c]) / spacing[c];
+        std::memcpy(&indices[m], x, sizeof x);
+    }
+    for (; m < points.size(); ++m) indices[m] = fragment.getIndex(points[m]);
+}
+
+void indicesOf(const detail::RectilinearCoordinates& fragment, std::span<const point> points,
+               FractionalIndex* indices) {
+    for (std::size_t m = 0; m < points.size(); ++m) indices[m] = fragment.getFractionalIndex(points[m]);
 }
 
 /// The masks of the grid that a search is about.
@@ -168,6 +287,25 @@ public:
         }
     }
 
+    /// Whether the first fragment is known, and claims all positions that are numbers.
+    [[nodiscard]] bool claimsAllNumbers() const noexcept {
+        const FragmentCoordinates* const first = mySize != 0 ? myFragments[0].known() : nullptr;
+        const auto* const uniform = first ? std::get_if<const detail::UniformCoordinates*>(&first->kind) : nullptr;
+        if (!uniform || (*uniform)->nElements() == 0 || myMasks || myFragments[0].untold.isPending()) return false;
+        // With these of numbers, an index is no number only where the position is none.
+        double sum = 0.0;
+        for (int d = 0; d < 3; ++d) sum += (*uniform)->axis(d).origin() * 0.0 + (*uniform)->axis(d).spacing() * 0.0;
+        return sum == 0.0;
+    }
+    /// The fragments whose fractional indices can be had from a position, by their numbers.
+    [[nodiscard]] std::vector<FragmentCoordinates> computedFragments() const {
+        std::vector<FragmentCoordinates> computed(mySize);
+        for (std::size_t n = 0; n < mySize; ++n)
+            if (const FragmentCoordinates* const known = myFragments[n].known())
+                known->visitProducts([&](const auto&) { computed[n] = *known; });
+        return computed;
+    }
+
     /// Says what there is to be said about a position that was found so.
     void tell(const point& p, const Hit& hit) const {
         for (std::size_t n = 0; n < mySize && n != hit.fragment; ++n) {
@@ -211,6 +349,7 @@ public:
             }
             myEnds.push_back(myText.size());
         }
+        [[nodiscard]] bool areEmpty() const noexcept { return myText.empty(); }
         void say(detail::Recital& recital, const Hit& hit, std::size_t times) {
             const bool isLocation = mySearch.isLocation(hit);
             const std::size_t fragment = isLocation ? myFirst : std::min<std::size_t>(hit.fragment, mySearch.mySize);
@@ -261,17 +400,6 @@ private:
     mutable std::once_flag myOthersOnce;
     mutable std::vector<std::size_t> myOthers;
 };
-
-/// An array of so many elements: the one that is held, if nobody else has it or its memory, or a new one.
-template<class Array>
-StrongPtr<Array> takeOrCreate(StrongPtr<Array>& held, std::size_t count) {
-    const StrongPtr<Array> taken = std::exchange(held, nullptr);
-    if (taken && taken->strongCount() == 1 && taken->nElements() == count) {
-        const auto chunk = taken->getChunk();
-        if (chunk && chunk->strongCount() == 2) return taken; // owned by the array, and here
-    }
-    return Array::create(MultiIndex<1>(count));
-}
 
 /// Whether the source says that its elements are no `T`.
 template<class T>
@@ -381,130 +509,266 @@ int FragmentSearch<point>::Contains(const point& p, const StrongPtr<CreativeArra
     return isLocated ? GridEvaluator::Located : GridEvaluator::NotLocated;
 }
 
-GridEvaluator::GridEvaluator() = default;
-GridEvaluator::~GridEvaluator() = default;
+/// Where some positions are that follow each other.
+struct GridEvaluator::Found {
+    Positions positions;
+    std::size_t first = 0, count = 0;
+    std::unique_ptr<Word[]> words;
+    std::vector<bool> isUsed; // by number of the fragment: whether it has any
+    std::vector<StrongPtr<FragmentID>> table;
+    /// Of the first fragments in the table, those that fractional indices can be computed of.
+    std::vector<FragmentCoordinates> computed;
 
-bool GridEvaluator::find(const StrongPtr<MemBase>& destinationPositions, const Field& sourcePositions,
-                         const Context& context) {
-    VANTLE_SCOPE("GridEvaluator::find(positions, source, context)");
-    using V3 = Orvix::Vector<double, 3>;
-    using V2 = Orvix::Vector<double, 2>;
-    const auto search = [&](const MultiIndex<3>& extents, const auto& at) {
-        findForSpecificDestinationPositions(extents, at, sourcePositions, context);
-    };
-    using Points = TypeList<point, FloatPoint>;
-    const auto searchPoints = [&](const auto& points, const MultiIndex<3>& extents) {
-        search(extents, [&](std::size_t k, const MultiIndex<3>&) { return point(points[k]); });
-    };
-    const auto searchVectors = [&]<class Vector>(const MemArray<1, Vector>& line) {
-        search({line.nElements(), 1, 1}, [&vectors = line.getIterator()](std::size_t k, const MultiIndex<3>&) {
-            const Vector& v = vectors[k];
-            if constexpr (std::is_same_v<Vector, V2>)
-                return point(v[0], v[1], 0.0);
-            else
-                return point(v[0], v[1], v[2]);
-        });
-    };
-    if (const auto* const uniform = dynamic_cast<const detail::UniformCoordinates*>(destinationPositions.rawptr())) {
-        search(uniform->Size(), [&](std::size_t, const MultiIndex<3>& index) { return (*uniform)[index]; });
-        return true;
+    explicit Found(const Positions& of) : positions(of) {}
+
+    /// Room for the fractional indices that cannot be computed, made when there is the first.
+    [[nodiscard]] FractionalIndex* places() {
+        FractionalIndex* ready = myPlaces.load(std::memory_order_acquire);
+        if (ready) return ready;
+        const std::lock_guard lock(myMutex);
+        if (!myMemory) {
+            myMemory = std::make_unique_for_overwrite<double[]>(3 * room);
+            myPlaces.store(reinterpret_cast<FractionalIndex*>(myMemory.get()), std::memory_order_release);
+        }
+        return myPlaces.load(std::memory_order_relaxed);
     }
-    return withMemArray<1>(Points(), destinationPositions,
-                           [&](const auto& line) {
-                               searchPoints(line.getIterator(), {line.nElements(), 1, 1});
-                           }) ||
-           withMemArray<2>(Points(), destinationPositions,
-                           [&](const auto& surface) {
-                               searchPoints(surface.getIterator(), {surface.Size()[0], surface.Size()[1], 1});
-                           }) ||
-           withMemArray<1>(TypeList<V3, V2>(), destinationPositions, searchVectors);
-}
+    /// Forgets what was found, and has room for other positions.
+    void reset(std::size_t begin, std::size_t number) {
+        first = begin;
+        count = number;
+        if (number <= room) return;
+        room = number;
+        words = std::make_unique_for_overwrite<Word[]>(number);
+        myPlaces = nullptr;
+        myMemory.reset();
+    }
+    /// Calls `f(k, end, number, at)` for positions that follow each other in one fragment; `at` are their fractional
+    /// indices.
+    template<class F>
+    void forEachRun(std::size_t begin, std::size_t end, const F& f) const {
+        const FractionalIndex* const there = myPlaces.load(std::memory_order_acquire);
+        positions.forEachPiece(first + begin, first + end, [&](std::size_t from, std::span<const point> points) {
+            from -= first;
+            FractionalIndex indices[Positions::MostAtOnce];
+            for (std::size_t k = from, next = from; k < from + points.size(); k = next) {
+                const Word word = words[k];
+                while (++next < from + points.size() && words[next] == word) {
+                }
+                const std::uint32_t number = word.fragment();
+                if (number == noFragment) continue;
+                if (number >= computed.size()) {
+                    f(k, next, number, there + k);
+                    continue;
+                }
+                computed[number].visitProducts(
+                    [&](const auto& product) { indicesOf(product, points.subspan(k - from, next - k), indices); });
+                f(k, next, number, static_cast<const FractionalIndex*>(indices));
+            }
+        });
+    }
 
-template<class Positions>
-void GridEvaluator::findForSpecificDestinationPositions(const MultiIndex<3>& extents, const Positions& positions,
-                                                        const Field& sourcePositions, const Context& context) {
-    const std::size_t n = extents.product();
-    if (n == 0) return;
-    const Blanking masks = checkedMasksOf(context);
-    if (!mySearch || !mySearch->serves(context)) mySearch = std::make_unique<FragmentSearch<point>>(context);
+    /// Arrays for callers, made when first asked for.
+    [[nodiscard]] const StrongPtr<Statuses>& statuses() {
+        const std::lock_guard lock(myMutex);
+        if (myStatuses) return myStatuses;
+        auto made = Statuses::create(MultiIndex<1>(count));
+        for (std::size_t k = 0; k < count; ++k) made->element(k) = words[k] ? Located : NotLocated;
+        return myStatuses = made;
+    }
+    [[nodiscard]] const StrongPtr<Indices>& indices() {
+        const std::lock_guard lock(myMutex);
+        if (myIndices) return myIndices;
+        auto made = Indices::create(MultiIndex<1>(count));
+        forEachRun(0, count, [&](std::size_t begin, std::size_t end, std::uint32_t, const FractionalIndex* at) {
+            for (std::size_t k = begin; k < end; ++k) made->element(k) = at[k - begin];
+        });
+        return myIndices = made;
+    }
 
-    // From here on the former results are gone.
-    const StrongPtr<Statuses> statuses = takeOrCreate(myStatuses, n);
-    const StrongPtr<Indices> indices = takeOrCreate(myIndices, n);
-    std::vector<LocationResult> codes = std::move(myCodes);
-    std::vector<std::uint32_t> numbers = std::move(myFragmentNumbers);
-    codes.resize(n);
-    numbers.resize(n);
-    int* const status = statuses->data();
-    FractionalIndex* const index = indices->data();
+private:
+    std::size_t room = 0;
+    std::mutex myMutex;
+    std::atomic<FractionalIndex*> myPlaces{nullptr};
+    std::unique_ptr<double[]> myMemory;
+    StrongPtr<Statuses> myStatuses;
+    StrongPtr<Indices> myIndices;
+};
 
-    const bool isHeard = Hestra::Console::isHeard();
-    std::vector<unsigned char> isSilent(isHeard ? n : 0);
-    std::atomic<bool> hasLocations{false};
-    const SourceSearch search(sourcePositions, *mySearch, masks, isHeard);
-    const Tiling tiling(extents);
-    const auto findTile = [&](index_t tile) {
+/// One request: positions that are looked for in a source, all at once or one part after the other.
+class GridEvaluator::Finder {
+public:
+    Finder(const Positions& positions, const Field& source, FragmentSearchBase& base, const Blanking& masks)
+        : myPositions(positions), myIsHeard(Hestra::Console::isHeard()), mySearch(source, base, masks, myIsHeard) {}
+
+    /// Finds the positions from number `first` on that have these extents, and has said what there is to be said.
+    void find(Found& found, std::size_t first, const MultiIndex<3>& extents) {
+        const std::size_t n = extents.product();
+        found.reset(first, n);
+        myFound = &found;
+        myIsSilent.assign(myIsHeard ? n : 0, 1);
+        // A few alone: what is made for them may be made on all cores then. A position takes about as long as reading
+        // some kilobytes.
+        constexpr std::size_t BytesEach = 2048, Piece = 16;
+        const bool isLine = extents[1] * extents[2] == 1;
+        const Tiling tiling(extents);
+        findTile(tiling, 0);
+        if (mySearch.claimsAllNumbers()) {
+            constexpr std::size_t LongPiece = 8192, FewBytes = 64;
+            detail::inParallel(n, LongPiece, FewBytes * n,
+                               [&](std::size_t begin, std::size_t end) { claimNumbers(begin, end); });
+        } else if (isLine) {
+            findLine(n, BytesEach);
+        } else {
+            detail::inParallel(tiling.count() - 1, Piece, BytesEach * n, [&](std::size_t begin, std::size_t end) {
+                for (std::size_t tile = begin; tile < end; ++tile) findTile(tiling, 1 + tile);
+            });
+        }
+        if (myIsHeard) tell();
+
+        found.table = mySearch.fragmentTable(myHasLocations);
+        found.computed = mySearch.computedFragments();
+        found.isUsed.assign(found.table.size(), false);
+        Word last(0, LocationResult::NotFound);
+        for (std::size_t k = 0; k < n; ++k) {
+            if (found.words[k] == last) continue;
+            last = found.words[k];
+            if (last) found.isUsed[last.fragment()] = true;
+        }
+    }
+    [[nodiscard]] bool isHeard() const noexcept { return myIsHeard; }
+
+private:
+    /// Finds up to a tile of positions; `number(m)` is that of the m-th among those that are found now.
+    template<class Number>
+    void findTogether(std::span<const point> points, const Number& number) {
+        std::size_t numbers[Tiling::MaximalTile];
+        Hit hits[Tiling::MaximalTile];
+        for (std::size_t m = 0; m < points.size(); ++m) numbers[m] = myFound->first + number(m);
+        mySearch.find(points, std::span(hits, points.size()), std::span<const std::size_t>(numbers, points.size()));
+        FractionalIndex* places = nullptr;
+        for (std::size_t m = 0; m < points.size(); ++m) {
+            const std::size_t k = number(m);
+            myFound->words[k] = Word(hits[m].fragment, hits[m].result);
+            if (myIsHeard) myIsSilent[k] = hits[m].isSilent;
+            if (!mySearch.isLocation(hits[m])) continue;
+            if (!places) places = myFound->places();
+            places[k] = hits[m].index;
+        }
+        if (places) myHasLocations.store(true, std::memory_order_relaxed);
+    }
+    void findTile(const Tiling& tiling, index_t tile) {
         std::size_t members[Tiling::MaximalTile];
         point points[Tiling::MaximalTile];
-        Hit hits[Tiling::MaximalTile];
         std::size_t count = 0;
-        tiling.forEachIn(tile, [&](std::size_t k, const MultiIndex<3>& at) {
-            members[count] = k;
-            points[count++] = positions(k, at);
+        tiling.forEachRowIn(tile, [&](std::size_t k, const MultiIndex<3>&, std::size_t length) {
+            myPositions.read(myFound->first + k, std::span(points + count, length));
+            for (std::size_t m = 0; m < length; ++m) members[count++] = k + m;
         });
-        search.find(std::span<const point>(points, count), std::span(hits, count), std::span(members, count));
-        bool isLocation = false;
-        for (std::size_t m = 0; m < count; ++m) {
-            const Hit& hit = hits[m];
-            const std::size_t k = members[m];
-            status[k] = hit ? Located : NotLocated;
-            index[k] = hit ? hit.index : FractionalIndex();
-            codes[k] = hit.result;
-            numbers[k] = hit.fragment;
-            isLocation |= search.isLocation(hit);
-            if (isHeard) isSilent[k] = hit.isSilent;
-        }
-        if (isLocation) hasLocations.store(true, std::memory_order_relaxed);
-    };
-    // The first one alone: what it makes may be made on all cores then. A position takes about as long as reading some
-    // kilobytes.
-    constexpr std::size_t BytesEach = 2048, Piece = 16;
-    findTile(0);
-    detail::inParallel(tiling.count() - 1, Piece, BytesEach * n, [&](std::size_t begin, std::size_t end) {
-        for (std::size_t tile = begin; tile < end; ++tile) findTile(1 + tile);
-    });
-
-    if (isHeard) {
+        findTogether(std::span<const point>(points, count), [&](std::size_t m) { return members[m]; });
+    }
+    /// Of positions that the first fragment claims, if they are numbers.
+    void claimNumbers(std::size_t begin, std::size_t end) {
+        const Word claimed(0, LocationResult::Found);
+        const std::size_t first = myFound->first;
+        myPositions.forEachPiece(first + begin, first + end, [&](std::size_t from, std::span<const point> points) {
+            Word* const words = myFound->words.get() + (from - first);
+            bool areAll = true;
+            for (std::size_t m = 0; m < points.size(); ++m) {
+                words[m] = claimed;
+                areAll &= isNumber(points[m]);
+            }
+            for (std::size_t m = 0; m < points.size() && !areAll; ++m)
+                if (!isNumber(points[m]))
+                    findTogether(points.subspan(m, 1), [&](std::size_t) { return from - first + m; });
+        });
+    }
+    /// Of positions on a line, which may be in any order in space.
+    void findLine(std::size_t n, std::size_t bytesEach) {
+        constexpr std::size_t Together = 32, Least = 64 * Together;
+        const std::size_t piece = std::clamp(n / detail::teamSize() + 1, Least, detail::SpatialOrder::MostPositions);
+        detail::inParallel(n, piece, bytesEach * n, [&](std::size_t begin, std::size_t end) {
+            std::vector<point> room;
+            detail::forEachNeighbours<Tiling::MaximalTile>(
+                myPositions.get(myFound->first + begin, end - begin, room),
+                [&](std::span<const point> now, const auto& number) {
+                    findTogether(now, [&](std::size_t m) { return begin + number(m); });
+                },
+                Together);
+        });
+    }
+    void tell() {
+        const Found& found = *myFound;
         detail::Recital recital;
-        SourceSearch::Texts texts(search);
-        search.forEachDue([&](std::size_t k) { isSilent[k] = 0; });
-        for (std::size_t k = 0; k < n; ++k) {
-            const Hit hit{codes[k], true, numbers[k], {}};
-            if (!isSilent[k]) {
-                recital.let([&] { search.tell(positions(k, MultiIndex<3>::fromLinear(k, extents)), hit); });
+        SourceSearch::Texts texts(mySearch);
+        mySearch.forEachDue([&](std::size_t k) { myIsSilent[k - found.first] = 0; });
+        const auto hitOf = [&](std::size_t k) {
+            return Hit{found.words[k].result(), true, found.words[k].fragment(), {}};
+        };
+        for (std::size_t k = 0; k < found.count; ++k) {
+            if (!myIsSilent[k]) {
+                recital.let([&] { mySearch.tell(myPositions[found.first + k], hitOf(k)); });
                 continue;
             }
+            if (texts.areEmpty()) continue;
             // Mostly the next ones have the same to be said of them.
+            const Hit hit = hitOf(k);
             std::size_t same = 1;
-            while (search.isLocation(hit) && k + same < n && isSilent[k + same] &&
-                   search.isLocation({codes[k + same], true, numbers[k + same], {}}))
+            while (mySearch.isLocation(hit) && k + same < found.count && myIsSilent[k + same] &&
+                   mySearch.isLocation(hitOf(k + same)))
                 ++same;
             texts.say(recital, hit, same);
             k += same - 1;
         }
     }
-    myFragmentTable = search.fragmentTable(hasLocations);
-    myStatuses = statuses;
-    myIndices = indices;
-    myCodes = std::move(codes);
-    myFragmentNumbers = std::move(numbers);
+
+    const Positions& myPositions;
+    bool myIsHeard;
+    SourceSearch mySearch;
+    Found* myFound = nullptr;
+    std::vector<unsigned char> myIsSilent;
+    std::atomic<bool> myHasLocations{false};
+};
+
+GridEvaluator::GridEvaluator() = default;
+GridEvaluator::~GridEvaluator() = default;
+
+Blanking GridEvaluator::prepare(const Context& context) {
+    const Blanking masks = checkedMasksOf(context);
+    if (!mySearch || !mySearch->serves(context)) mySearch = std::make_unique<FragmentSearch<point>>(context);
+    // From here on the former results are gone.
+    myFound.reset();
+    return masks;
 }
 
+bool GridEvaluator::find(const StrongPtr<MemBase>& destinationPositions, const Field& sourcePositions,
+                         const Context& context) {
+    VANTLE_SCOPE("GridEvaluator::find(positions, source, context)");
+    const Positions positions(destinationPositions);
+    if (!positions || positions.size() == 0) return static_cast<bool>(positions);
+    const Blanking masks = prepare(context);
+    auto found = std::make_unique<Found>(positions);
+    Finder(positions, sourcePositions, *mySearch, masks).find(*found, 0, positions.extents());
+    myFound = std::move(found);
+    return true;
+}
+
+const StrongPtr<GridEvaluator::Statuses>& GridEvaluator::statuses() const {
+    static const StrongPtr<Statuses> none;
+    return myFound ? myFound->statuses() : none;
+}
+
+const StrongPtr<GridEvaluator::Indices>& GridEvaluator::fractionalIndices() const {
+    static const StrongPtr<Indices> none;
+    return myFound ? myFound->indices() : none;
+}
+
+LocationResult GridEvaluator::resultCode(std::size_t k) const { return myFound->words[k].result(); }
+
 StrongPtr<GridEvaluator::Fragments> GridEvaluator::fragments() const {
-    if (!myStatuses) return nullptr;
-    std::vector<FragmentIDContainer> containers(myFragmentNumbers.size());
+    if (!myFound) return nullptr;
+    std::vector<FragmentIDContainer> containers(myFound->count);
     for (std::size_t k = 0; k < containers.size(); ++k)
-        if (myFragmentNumbers[k] != noFragment) containers[k].add(myFragmentTable[myFragmentNumbers[k]]);
+        if (const Word word = myFound->words[k]) containers[k].add(myFound->table[word.fragment()]);
     return makeMemArray1D(std::move(containers));
 }
 
@@ -515,62 +779,109 @@ StrongPtr<GridEvaluator::Fragments> GridEvaluator::fragments() const {
 template<int N, class T>
 struct GridEvaluator::Blocks {
     std::vector<StrongPtr<MemBase>> keptAlive;
+    std::vector<bool> isKnown;
     std::vector<MultiArrayBase<N, T>> views;
+
+    // False when the elements are no `T` in a fragment that has a position.
+    [[nodiscard]] bool collect(const Found& found, const Field& source) {
+        views.resize(found.table.size());
+        isKnown.resize(found.table.size());
+        for (std::size_t number = 0; number < found.table.size(); ++number) {
+            if (!found.isUsed[number] || isKnown[number]) continue;
+            isKnown[number] = true;
+            const StrongPtr<MemBase> data = getDataInDoublePrecision(source, found.table[number]);
+            const auto take = [&](const MemArray<N, T>& block) { views[number] = block; };
+            if (!withMemArray<N>(TypeList<T>(), data, take)) return false;
+            keptAlive.push_back(data);
+        }
+        return true;
+    }
+    /// Sends for the four rows of elements around a fractional index.
+    static void prefetch([[maybe_unused]] const MultiArrayBase<N, T>& block,
+                         [[maybe_unused]] const Orvix::FixedArray<double, N>& at) noexcept {
+#if defined(__GNUC__)
+        const auto* corner = block.storage();
+        if (!corner) return;
+        index_t stride = block.stride(), up[N] = {};
+        for (int d = 0; d < N; ++d) {
+            const index_t n = block.Size()[d];
+            const double last = static_cast<double>(n - 1);
+            corner += stride * static_cast<index_t>(at[d] > 0.0 ? static_cast<long long>(std::min(at[d], last)) : 0);
+            up[d] = at[d] >= 0.0 && at[d] < last ? stride : 0;
+            stride *= n;
+        }
+        for (int row = 0; row < 4; ++row) __builtin_prefetch(corner + (row & 1 ? up[1] : 0) + (row & 2 ? up[2] : 0));
+#endif
+    }
+    /// Writes the value at a fractional index; none where that is no number.
+    static void write(const MultiArrayBase<N, T>& block, const Orvix::FixedArray<double, N>& at, T& out) {
+        bool isPosition = true;
+        for (int d = 0; d < N; ++d) isPosition = isPosition && at[d] == at[d];
+        if (isPosition) out = Interpolate<N, T>(block, at).evaluate();
+    }
 };
 
-// False when the elements are no `T`: in a fragment that has a position, or, if none has, as the source says.
+namespace {
+
+// A position takes about as long as reading some hundred bytes.
+constexpr std::size_t EvaluatedPiece = 8192, EvaluatedBytes = 256;
+
+} // namespace
+
+// Once, instead of for each number of indices: false when some fragment with positions has other elements, or, if none
+// has any, as the source says.
 template<int N, class T>
 bool GridEvaluator::collect(Blocks<N, T>& blocks, const Field& source) const {
-    if (!myStatuses) return false;
-    std::vector<bool> isKnown(myFragmentTable.size());
-    blocks.views.resize(myFragmentTable.size());
-    std::uint32_t last = noFragment; // neighbours mostly lie in one fragment
-    for (const std::uint32_t number : myFragmentNumbers) {
-        if (number == last || number == noFragment) continue;
-        last = number;
-        if (isKnown[number]) continue;
-        isKnown[number] = true;
-        const StrongPtr<MemBase> data = getDataInDoublePrecision(source, myFragmentTable[number]);
-        if (!withMemArray<N>(TypeList<T>(), data, [&](const MemArray<N, T>& block) { blocks.views[number] = block; }))
-            return false;
-        blocks.keptAlive.push_back(data);
-    }
-    return last != noFragment || !declines<T>(source);
+    const bool isAnyUsed = std::find(myFound->isUsed.begin(), myFound->isUsed.end(), true) != myFound->isUsed.end();
+    return blocks.collect(*myFound, source) && (isAnyUsed || !declines<T>(source));
 }
 
-template<int N, class T>
-void GridEvaluator::interpolate(std::vector<T>& out, const CreativeIterator<Orvix::FixedArray<double, N>>& indices,
-                                const Blocks<N, T>& blocks) const {
-    // A position takes about as long as reading some hundred bytes.
-    constexpr std::size_t Piece = 8192, BytesEach = 256;
-    detail::inParallel(out.size(), Piece, BytesEach * out.size(), [&](std::size_t begin, std::size_t end) {
-        for (std::size_t k = begin; k < end; ++k) {
-            const std::uint32_t number = myFragmentNumbers[k];
-            if (number == noFragment) continue;
-            const MultiArrayBase<N, T>& block = blocks.views[number];
-            const Orvix::FixedArray<double, N> at = indices[k];
-            bool isPosition = block.nElements() > 0;
-            for (int d = 0; d < N; ++d) isPosition = isPosition && at[d] == at[d];
-            if (isPosition) out[k] = Interpolate<N, T>(block, at).evaluate();
+template<class T>
+void GridEvaluator::interpolate(T* out, const Found& found, const Blocks<3, T>& blocks) {
+    constexpr std::size_t NearCaches = std::size_t{1} << 20;
+    const bool areScattered = found.positions.areScattered();
+    const auto evaluate = [&](std::size_t begin, std::size_t end, std::uint32_t number, const FractionalIndex* at) {
+        const MultiArrayBase<3, T>& block = blocks.views[number];
+        if (block.nElements() == 0) return;
+        const bool isFar = areScattered && block.nElements() * sizeof(T) > NearCaches;
+        constexpr std::size_t OnTheWay = 32;
+        for (std::size_t k = begin; k < end; k += OnTheWay) {
+            const std::size_t last = std::min(end, k + OnTheWay);
+            if (isFar)
+                for (std::size_t n = k; n < last; ++n) Blocks<3, T>::prefetch(block, at[n - begin]);
+            // Indices of what was found are numbers.
+            for (std::size_t n = k; n < last; ++n) out[n] = Interpolate<3, T>(block, at[n - begin]).evaluate();
         }
-    });
+    };
+    detail::inParallel(found.count, EvaluatedPiece, EvaluatedBytes * found.count,
+                       [&](std::size_t from, std::size_t to) { found.forEachRun(from, to, evaluate); });
 }
 
 template<int N, class T>
 bool GridEvaluator::evalFloatIndices(std::vector<T>& out, const CreativeIterator<Orvix::FixedArray<double, N>>& indices,
                                      const Field& source) const {
     VANTLE_SCOPE("GridEvaluator::evalFloatIndices(out, indices, source)");
-    if (!myStatuses) return false;
+    if (!myFound) return false;
     if (out.empty()) return !declines<T>(source);
     Blocks<N, T> blocks;
-    if (myStatuses->nElements() != out.size() || indices.size() != out.size() || !collect(blocks, source)) return false;
-    interpolate(out, indices, blocks);
+    if (myFound->count != out.size() || indices.size() != out.size() || !collect(blocks, source)) return false;
+    detail::inParallel(
+        out.size(), EvaluatedPiece, EvaluatedBytes * out.size(), [&](std::size_t begin, std::size_t end) {
+            for (std::size_t k = begin; k < end; ++k)
+                if (const Word word = myFound->words[k]; word && blocks.views[word.fragment()].nElements() != 0)
+                    Blocks<N, T>::write(blocks.views[word.fragment()], indices[k], out[k]);
+        });
     return true;
 }
 
 template<class T>
 bool GridEvaluator::evalType(std::vector<T>& out, const Field& source) const {
-    return myIndices && evalFloatIndices<3, T>(out, myIndices->creativeIterator(), source);
+    if (!myFound) return false;
+    if (out.empty()) return !declines<T>(source);
+    Blocks<3, T> blocks;
+    if (myFound->count != out.size() || !collect(blocks, source)) return false;
+    interpolate(out.data(), *myFound, blocks);
+    return true;
 }
 
 template<int N, class T>
@@ -578,11 +889,10 @@ StrongPtr<MemBase> GridEvaluator::evalDimensionalDestType(const MultiIndex<N>& e
     // Known before an array is made in vain.
     Blocks<3, T> blocks;
     const index_t count = extents.product();
-    if (!myStatuses ||
-        (count == 0 ? declines<T>(source) : myStatuses->nElements() != count || !collect(blocks, source)))
+    if (!myFound || (count == 0 ? declines<T>(source) : myFound->count != count || !collect(blocks, source)))
         return nullptr;
     const auto values = MemArray<N, T>::create(extents);
-    if (count != 0) interpolate(values->base_vector(), myIndices->creativeIterator(), blocks);
+    if (count != 0) interpolate(values->data(), *myFound, blocks);
     return values;
 }
 
@@ -605,6 +915,101 @@ StrongPtr<MemBase> GridEvaluator::evalKnownDataTypes(const StrongPtr<MemBase>& d
     if (StrongPtr<MemBase> values = evalFromCompatibleData<double>(destinationPositions, source)) return values;
     if (StrongPtr<MemBase> values = evalFromCompatibleData<float>(destinationPositions, source)) return values;
     return evalFromCompatibleData<PhysicalSpace::vector>(destinationPositions, source);
+}
+
+namespace {
+
+/// Whether nothing has to be made for the data of a field: then nothing is said of that either.
+bool hasAllData(const Field& field) {
+    bool hasAll = true;
+    field.iterate([&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+        return hasAll = !creator || creator->hasData();
+    });
+    return hasAll;
+}
+
+/// How much of positions is evaluated at a time: whole planes, rows or tiles of them. Where they are takes 28 bytes a
+/// position, the values as little as 4: so it is a quarter of them, but enough to keep all cores busy.
+MultiIndex<3> partOf(const MultiIndex<3>& extents) {
+    constexpr index_t Least = index_t{1} << 14, Most = index_t{1} << 18, Tile = 8;
+    const index_t positions = std::clamp(extents.product() / 4, Least, Most);
+    MultiIndex<3> part = extents;
+    const int axis = extents[2] > 1 ? 2 : extents[1] > 1 ? 1 : 0;
+    const index_t each = extents.product() / extents[axis];
+    const index_t whole = positions / each;
+    part[axis] = std::min(extents[axis], whole >= Tile ? whole / Tile * Tile : std::max<index_t>(whole, 1));
+    return part;
+}
+
+} // namespace
+
+template<class T>
+StrongPtr<MemBase> GridEvaluator::evaluateParts(Finder& finder, Found& found, const StrongPtr<MemBase>& positions,
+                                                const Field& source) {
+    const auto make = [&]<int N>(const MultiIndex<N>& extents) -> std::pair<StrongPtr<MemBase>, T*> {
+        const auto made = MemArray<N, T>::create(extents);
+        return {made, made->data()};
+    };
+    std::pair<StrongPtr<MemBase>, T*> values;
+    if (const auto* const volume = dynamic_cast<const MemArrayBase<3>*>(positions.rawptr()))
+        values = make(MultiIndex<3>(volume->getSize()));
+    else if (const auto* const surface = dynamic_cast<const MemArrayBase<2>*>(positions.rawptr()))
+        values = make(MultiIndex<2>(surface->getSize()));
+    else if (const auto* const line = dynamic_cast<const MemArrayBase<1>*>(positions.rawptr()))
+        values = make(MultiIndex<1>(line->getSize()));
+    else
+        return nullptr;
+    Blocks<3, T> blocks;
+    do {
+        if (values.first && !blocks.collect(found, source)) values.first = nullptr;
+        if (values.first) interpolate(values.second + found.first, found, blocks);
+        // What is found is told, whatever becomes of the values.
+    } while ((values.first || finder.isHeard()) && findNextPart(finder, found));
+    return values.first;
+}
+
+bool GridEvaluator::findNextPart(Finder& finder, Found& found) {
+    const MultiIndex<3>& all = found.positions.extents();
+    MultiIndex<3> part = partOf(all);
+    const std::size_t next = found.first + found.count;
+    if (next == found.positions.size()) return false;
+    const int axis = all[2] > 1 ? 2 : all[1] > 1 ? 1 : 0;
+    const index_t each = all.product() / all[axis];
+    part[axis] = std::min(part[axis], all[axis] - next / each);
+    finder.find(found, next, part);
+    return true;
+}
+
+StrongPtr<MemBase> GridEvaluator::evaluate(const StrongPtr<MemBase>& destinationPositions, const Field& sourcePositions,
+                                           const Context& context, const Field& source) {
+    VANTLE_SCOPE("GridEvaluator::evaluate(positions, sourcePositions, context, source)");
+    const Positions positions(destinationPositions);
+    // What is said while data are made comes after what is said of all positions.
+    if (!positions || positions.size() == 0 || (Hestra::Console::isHeard() && !hasAllData(source)))
+        return find(destinationPositions, sourcePositions, context) ? evalKnownDataTypes(destinationPositions, source)
+                                                                    : nullptr;
+    const Blanking masks = prepare(context);
+    Found found(positions);
+    Finder finder(positions, sourcePositions, *mySearch, masks);
+    // The elements are those of the first fragment that has a position; if none has, what the source says.
+    const auto firstUsed = [&] { return std::find(found.isUsed.begin(), found.isUsed.end(), true); };
+    while (findNextPart(finder, found) && firstUsed() == found.isUsed.end()) {
+    }
+    const bool isAnyUsed = firstUsed() != found.isUsed.end();
+    const StrongPtr<MemBase> data =
+        isAnyUsed ? getDataInDoublePrecision(source,
+                                             found.table[static_cast<std::size_t>(firstUsed() - found.isUsed.begin())])
+                  : nullptr;
+    const auto isOf = [&]<class T>(TypeList<T>) {
+        return isAnyUsed ? withMemArray<3>(TypeList<T>(), data, [](const auto&) {}) : !declines<T>(source);
+    };
+    if (isOf(TypeList<double>())) return evaluateParts<double>(finder, found, destinationPositions, source);
+    if (isOf(TypeList<float>())) return evaluateParts<float>(finder, found, destinationPositions, source);
+    if (isOf(TypeList<PhysicalSpace::vector>()))
+        return evaluateParts<PhysicalSpace::vector>(finder, found, destinationPositions, source);
+    while (finder.isHeard() && findNextPart(finder, found)) {
+    }
+    return nullptr;
 }
 
 #define VANTLE_DEFINE_EVALUATION(T)                                                                                    \

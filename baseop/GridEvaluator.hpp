@@ -9,7 +9,6 @@
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/MemArray.hpp>
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -44,9 +43,11 @@ struct VANTLE_BASEOP_API EvaluationOptions : LocatorOptions {
 /// Concurrency  `find` from one thread at a time, and while nothing is evaluated; it searches on all cores. Evaluation
 ///              may come from any number of threads. Any number of evaluators may work on one source at the same time,
 ///              as long as nobody changes it.
-/// Cost         `find`: a location each position; 41 bytes each are kept. With somebody listening, 25 to 50 bytes of
-///              text each position and curvilinear fragment tried. Evaluation: one interpolation each position, on all
-///              cores; a field's arrays are looked up once a fragment.
+/// Lifetime     positions are kept, not copied: they must stay as they are until values have been taken.
+/// Cost         `find`: a location each position; 4 bytes each are kept, and another 24 once any position is in a
+///              curvilinear fragment. With somebody listening, 25 to 50 bytes of text each position and curvilinear
+///              fragment tried. Evaluation: one interpolation each position, on all cores; a field's arrays are looked
+///              up once a fragment. `evaluate` keeps nothing, and needs some 10 MB meanwhile.
 class VANTLE_BASEOP_API GridEvaluator {
 public:
     using point = Orvix::PhysicalSpace::point;
@@ -123,39 +124,42 @@ public:
                                         const CreativeIterator<Orvix::FixedArray<double, N>>& indices,
                                         const Field& source) const;
 
-    // Arrays of results are used again by the next `find`, unless somebody else holds them then.
+    /// `find` and `evalKnownDataTypes` at once, part after part of the positions: where they are is forgotten as soon
+    /// as their values are there, as are the results of the last `find`. Null where one of the two would fail.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> evaluate(const Hestra::StrongPtr<MemBase>& destinationPositions,
+                                                      const Field& sourcePositions, const Context& context,
+                                                      const Field& source);
+
+    // Arrays of results are made when first asked for, and let go by the next `find`.
 
     /// Whether each position of the last `find` was found: `Located` or `NotLocated`. Null before the first.
-    [[nodiscard]] const Hestra::StrongPtr<Statuses>& statuses() const noexcept { return myStatuses; }
+    [[nodiscard]] const Hestra::StrongPtr<Statuses>& statuses() const;
     /// Where, in fractional indices of the fragment; 0 where not located. Null before the first `find`.
-    [[nodiscard]] const Hestra::StrongPtr<Indices>& fractionalIndices() const noexcept { return myIndices; }
+    [[nodiscard]] const Hestra::StrongPtr<Indices>& fractionalIndices() const;
     /// In which fragment: a new array, of containers of none or one. The one is null for unfragmented data. Null
     /// before the first `find`.
     [[nodiscard]] Hestra::StrongPtr<Fragments> fragments() const;
     /// How position `k` was found.
-    [[nodiscard]] LocationResult resultCode(std::size_t k) const { return myCodes[k]; }
+    [[nodiscard]] LocationResult resultCode(std::size_t k) const;
 
 private:
+    struct Found;
+    class Finder;
     template<int N, class T>
     struct Blocks;
 
-    template<class Positions>
-    void findForSpecificDestinationPositions(const MultiIndex<3>& extents, const Positions& positions,
-                                             const Field& sourcePositions, const Context& context);
-
+    [[nodiscard]] Blanking prepare(const Context& context);
     template<int N, class T>
     [[nodiscard]] bool collect(Blocks<N, T>& blocks, const Field& source) const;
-    template<int N, class T>
-    void interpolate(std::vector<T>& out, const CreativeIterator<Orvix::FixedArray<double, N>>& indices,
-                     const Blocks<N, T>& blocks) const;
+    template<class T>
+    static void interpolate(T* out, const Found& found, const Blocks<3, T>& blocks);
+    template<class T>
+    [[nodiscard]] static Hestra::StrongPtr<MemBase>
+    evaluateParts(Finder& finder, Found& found, const Hestra::StrongPtr<MemBase>& positions, const Field& source);
+    [[nodiscard]] static bool findNextPart(Finder& finder, Found& found);
 
     std::unique_ptr<FragmentSearch<point>> mySearch;
-    Hestra::StrongPtr<Statuses> myStatuses;
-    Hestra::StrongPtr<Indices> myIndices;
-    std::vector<LocationResult> myCodes;
-    /// Numbers in the table of fragments; the containers that they stand for are made when asked for.
-    std::vector<std::uint32_t> myFragmentNumbers;
-    std::vector<Hestra::StrongPtr<FragmentID>> myFragmentTable;
+    std::unique_ptr<Found> myFound;
 };
 
 /// What searches have in common: the point location of the source grid, made when first needed.

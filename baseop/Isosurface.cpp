@@ -8,10 +8,13 @@
 #include <model/hestra/Console.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/hestra/Pulse.hpp>
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <optional>
+#include <stdexcept>
 #include <typeinfo>
 #include <variant>
 
@@ -19,8 +22,11 @@ namespace Vantle {
 
 using detail::EdgeNumbering;
 using detail::IsoSweep;
+using detail::PlaneDistance;
+using detail::PlaneDistances;
 using detail::ProductPositions;
 using detail::StoredPositions;
+using detail::StoredValues;
 using detail::SweepTarget;
 using Hestra::Console;
 using Hestra::StrongPtr;
@@ -121,32 +127,43 @@ StrongPtr<Field> discardable(const StrongPtr<MemBase>& array) {
     return field;
 }
 
+/// Whether values may be those of a block with such positions: distances are of their own.
+template<class Values, class Positions>
+constexpr bool goTogether = !std::is_same_v<Positions, std::monostate>;
+template<class Own, class Positions>
+constexpr bool goTogether<PlaneDistances<Own>, Positions> = std::is_same_v<Own, Positions>;
+
+PlaneDistance planeOf(const PhysicalSpace::point& origin, const PhysicalSpace::vector& normal) {
+    const double norm = length(normal);
+    if (!(norm > 0.0) || !std::isfinite(norm)) throw std::invalid_argument("a plane whose normal has no length");
+    return {origin, normal * (1.0 / norm)};
+}
+
 /// Whether there is a value above the level. Looks at pieces that vector lanes take at once.
-template<class T>
-bool anyAbove(const MultiArray<3, T>& data, double level) {
+template<class Values>
+bool anyAbove(const Values& values) {
     constexpr std::size_t Piece = 1024;
-    const auto stride = static_cast<std::size_t>(data.stride()), count = static_cast<std::size_t>(data.nElements());
+    const auto count = static_cast<std::size_t>(values.size().product());
     for (std::size_t begin = 0; begin < count; begin += Piece) {
         const std::size_t end = std::min(count, begin + Piece);
         bool above = false;
-        for (std::size_t n = begin; n < end; ++n) above |= static_cast<double>(data.data()[n * stride]) > level;
+        for (std::size_t n = begin; n < end; ++n) above |= values[n] > values.level();
         if (above) return true;
     }
     return false;
 }
 
 /// The same among vertices that are valid.
-template<class T>
-bool anyAbove(const MultiArray<3, T>& data, double level, const BlockMask& mask) {
-    const MultiIndex<3>& size = data.Size();
+template<class Values>
+bool anyAbove(const Values& values, const BlockMask& mask) {
+    const MultiIndex<3>& size = values.size();
     for (index_t k = 0; k < size[2]; ++k)
         for (index_t j = 0; j < size[1]; ++j) {
-            const T* const row = data.data() + (k * size[1] + j) * size[0] * data.stride();
+            const index_t row = (k * size[1] + j) * size[0];
             for (index_t word = 0; 64 * word < size[0]; ++word)
-                for (std::uint64_t bits = mask.around(j, k, word).vertices; bits != 0; bits &= bits - 1) {
-                    const index_t i = 64 * word + static_cast<index_t>(std::countr_zero(bits));
-                    if (static_cast<double>(row[i * data.stride()]) > level) return true;
-                }
+                for (std::uint64_t bits = mask.around(j, k, word).vertices; bits != 0; bits &= bits - 1)
+                    if (values[row + 64 * word + static_cast<index_t>(std::countr_zero(bits))] > values.level())
+                        return true;
         }
     return false;
 }
@@ -160,7 +177,7 @@ IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<Data>& explorer, const C
     try {
         if (coordinates.Size() != explorer.Size()) throw IsoException(3);
         const auto positions = positionsOf(coordinates);
-        const IsoSweep<typename Data::value_type> sweep(explorer.data(), explorer.level());
+        const IsoSweep sweep(StoredValues<typename Data::value_type>(explorer.data(), explorer.level()));
         detail::checkVertexCount(sweep.vertices());
         std::vector<PhysicalSpace::point> points;
         std::vector<TriangleCell> triangles;
@@ -249,6 +266,10 @@ void FragmentIsoSurfacer::joinBlocks(const StrongPtr<BlockJoins>& joins, const S
 
 bool FragmentIsoSurfacer::hasDropped() const noexcept { return myJoined && myJoined->hasDropped(); }
 
+void FragmentIsoSurfacer::cutByPlane(const PhysicalSpace::point& origin, const PhysicalSpace::vector& normal) {
+    myPlane = std::make_unique<const PlaneDistance>(planeOf(origin, normal));
+}
+
 void FragmentIsoSurfacer::finish() {
     if (!hasDropped()) return;
     std::vector<std::size_t*> ends;
@@ -312,7 +333,7 @@ bool FragmentIsoSurfacer::isJoinedAndExcluded(unsigned int block, const Creative
 
 /// Whether the range of data that exist excludes the level.
 template<class T>
-bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
+bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator, [[maybe_unused]] const MultiArray<3, T>& data) {
     if constexpr (std::is_same_v<T, double>) {
         if (DataRange<double>::get(creator)) return false; // asked before the data were made
         const auto range = DataRange<double>::compute(creator, false, false).lock();
@@ -321,7 +342,10 @@ bool FragmentIsoSurfacer::isSkipped(CreativeArrayBase& creator) {
                        myLevel);
         return true;
     } else if constexpr (std::is_same_v<T, unsigned char>) {
-        return excludesLevel(DataRange<unsigned char>::compute(creator, false, false).lock());
+        const auto known = DataRange<unsigned char>::get(creator).lock();
+        return excludesLevel(known && detail::ValueBricks<T>::find(creator, data)
+                                 ? known
+                                 : DataRange<unsigned char>::compute(creator, false, false).lock());
     } else if constexpr (std::is_same_v<T, unsigned short>) {
         return excludesLevel(DataRange<unsigned short>::retrieve(creator, false, false).lock());
     } else {
@@ -340,6 +364,7 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         noteSkipped(id);
         return true;
     }
+    if (myPlane) return cut(id, *creator, fragment), true;
     const StrongPtr<MemBase> data = creator->getData();
     if (!data) return true;
     const auto* const regular = dynamic_cast<const MemArrayBase<3>*>(data.rawptr());
@@ -355,17 +380,33 @@ bool FragmentIsoSurfacer::apply(const StrongPtr<FragmentID>& id, const StrongPtr
         }
         const auto* const values = owners ? dynamic_cast<const MemArray<3, T>*>(owners.rawptr()) : &own;
         if (!values) throw std::invalid_argument("isosurface: joined fragments with values of several types");
-        if (!myRangeOf && values == &own && isSkipped<T>(*creator))
+        if (!myRangeOf && values == &own && isSkipped<T>(*creator, own))
             return noteSkipped(id); // a range knows of own values only
         if (!coordinates) coordinates = findCoordinates(id, fragment);
         if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
-        sweep<T>(id, *values, fragment);
+        const auto bricks = values == &own ? detail::ValueBricks<T>::of(*creator, own) : nullptr;
+        sweep(id, StoredValues<T>(*values, myLevel, bricks.rawptr()), fragment);
     });
     if (!supported) {
         findCoordinates(id, fragment);
         throw IsoException(4);
     }
     return true;
+}
+
+/// The surface of distances from the plane.
+void FragmentIsoSurfacer::cut(const StrongPtr<FragmentID>& id, CreativeArrayBase& positions, Fragment& fragment) {
+    const StrongPtr<MemBase> data = getDataInDoublePrecision(positions);
+    if (!data) return;
+    if (!data->getDynamicSize().get(fragment.size)) throw static_cast<const char*>("Isodata are not 3D");
+    const StrongPtr<MemBase> coordinates = findCoordinates(id, fragment);
+    if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
+    std::visit(
+        [&]<class Positions>(const Positions& found) {
+            if constexpr (!std::is_same_v<Positions, std::monostate>)
+                sweep(id, PlaneDistances<Positions>(*myPlane, found, fragment.size), fragment);
+        },
+        fragment.positions);
 }
 
 /// Of a masked fragment the range does not tell whether a valid value lies above the level, unless all do.
@@ -396,20 +437,18 @@ StrongPtr<MemBase> FragmentIsoSurfacer::findCoordinates(const StrongPtr<Fragment
     return array;
 }
 
-template<class T>
-void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const MultiArray<3, T>& data,
-                                const Fragment& fragment) {
+template<class Values>
+void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const Values& values, const Fragment& fragment) {
     const detail::SurfaceArrays surface{myIdentifiers->base_vector(), myWeights->base_vector(), myPoints->base_vector(),
                                         myTriangles->base_vector()};
     const std::size_t firstVertex = surface.identifiers.size(), firstTriangle = surface.triangles.size();
 
     const BlockMask* const mask = fragment.mask.rawptr();
-    const IsoSweep<T> sweep(data, myLevel, mask);
+    const IsoSweep sweep(values, mask);
     detail::checkVertexCount(firstVertex + sweep.vertices());
     // Cells without a surface are all below or all not: then the first value tells for all.
-    const bool below =
-        !mask && sweep.hasCells() && sweep.vertices() == 0 && myLevel > static_cast<double>(*data.data());
-    if (!myReachesAbove && !below) myReachesAbove = mask ? anyAbove(data, myLevel, *mask) : anyAbove(data, myLevel);
+    const bool below = !mask && sweep.hasCells() && sweep.vertices() == 0 && values.isBelow(0);
+    if (!myReachesAbove && !below) myReachesAbove = mask ? anyAbove(values, *mask) : anyAbove(values);
     extend(surface.identifiers, sweep.vertices());
     extend(surface.weights, sweep.vertices());
     extend(surface.points, sweep.vertices());
@@ -422,10 +461,10 @@ void FragmentIsoSurfacer::sweep(const StrongPtr<FragmentID>& id, const MultiArra
     const EdgeNumbering numbering(piece.extents, piece.place, piece.identifierOffset);
     std::visit(
         [&](const auto& positions) {
-            if constexpr (!std::is_same_v<std::decay_t<decltype(positions)>, std::monostate>) {
+            if constexpr (goTogether<Values, std::decay_t<decltype(positions)>>) {
                 sweep.fill(target, numbering, positions);
                 if (!fragment.joined || sweep.vertices() == 0) return;
-                const auto value = [&](index_t n) { return static_cast<double>(data.element(n)); };
+                const auto value = [&](index_t n) { return values[n]; };
                 const auto point = [&](index_t n) { return positions.at(n, fragment.size); };
                 if (myJoined->joins().isMirrored(*fragment.joined))
                     for (std::size_t t = firstTriangle; t < surface.triangles.size(); ++t)
@@ -464,13 +503,17 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     return ComputeIsosurface(level, requestedAge, inputGrid, fieldName, slice, outputName, parameter, {});
 }
 
-StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requestedAge, const Grid& inputGrid,
-                                  const std::string& fieldName, Slice& slice, const std::string& outputName,
-                                  double parameter, const SurfaceOptions& options) {
+namespace {
+
+/// The surface, at a level, of the field that `findField(positions)` gives, by a surfacer that `prepare` has seen.
+template<class FindField, class Prepare>
+StrongPtr<Grid> computeSurface(double level, const Hestra::Ageable& requestedAge, const Grid& inputGrid, Slice& slice,
+                               const std::string& outputName, double parameter, const SurfaceOptions& options,
+                               const FindField& findField, const Prepare& prepare) {
     if (options.joinBlocks) options.joins.check();
     const StrongPtr<Field> positions = inputGrid.CartesianPositions();
     if (!positions) throw IsoException(1);
-    const StrongPtr<Field> field = inputGrid(fieldName);
+    const StrongPtr<Field> field = findField(positions);
     if (!field) throw IsoException(2);
 
     const auto age = std::max(field->age(), requestedAge.age());
@@ -501,12 +544,16 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     FragmentIsoSurfacer surfacer(level, parameter, positions, identifiers.strong(), weights.strong(), points.strong(),
                                  triangles.strong());
     surfacer.setBlanking(masks);
+    prepare(surfacer);
     if (joins) surfacer.joinBlocks(joins, field);
     if (options.rangeOf) surfacer.useRanges(options.rangeOf);
     const std::size_t fragments = field->nFragments();
     std::size_t done = 0;
+    const auto share = [fragments](std::size_t n) { return static_cast<double>(n) / static_cast<double>(fragments); };
     field->iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-        if (options.progress) options.progress(static_cast<double>(done++) / static_cast<double>(fragments));
+        const Hestra::Pulse::Part part(share(done), share(done + 1));
+        ++done;
+        Hestra::Pulse::beat(0.0);
         return surfacer.apply(id, creator);
     });
     surfacer.finish();
@@ -533,6 +580,26 @@ StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requested
     }
     surface.points->addInterface(edges);
     return output;
+}
+
+} // namespace
+
+StrongPtr<Grid> ComputeIsosurface(double level, const Hestra::Ageable& requestedAge, const Grid& inputGrid,
+                                  const std::string& fieldName, Slice& slice, const std::string& outputName,
+                                  double parameter, const SurfaceOptions& options) {
+    return computeSurface(
+        level, requestedAge, inputGrid, slice, outputName, parameter, options,
+        [&](const StrongPtr<Field>&) { return inputGrid(fieldName); }, [](FragmentIsoSurfacer&) {});
+}
+
+StrongPtr<Grid> ComputePlaneCut(const PhysicalSpace::point& origin, const PhysicalSpace::vector& normal,
+                                const Hestra::Ageable& requestedAge, const Grid& inputGrid, Slice& slice,
+                                const std::string& outputName, const SurfaceOptions& options) {
+    (void)planeOf(origin, normal);
+    return computeSurface(
+        0.0, requestedAge, inputGrid, slice, outputName, 0.0, options,
+        [](const StrongPtr<Field>& positions) { return positions; },
+        [&](FragmentIsoSurfacer& surfacer) { surfacer.cutByPlane(origin, normal); });
 }
 
 StrongPtr<MemBase> EvalFieldOnIsosurface(const Grid& surface, const Field& field) {

@@ -5,8 +5,10 @@
 #include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
+#include <baseop/detail/location/CellTrail.hpp>
 #include <baseop/detail/location/GridLock.hpp>
 #include <baseop/detail/location/LazyFragment.hpp>
+#include <baseop/detail/location/SpatialOrder.hpp>
 #include <model/hestra/Profiler.hpp>
 
 #include <algorithm>
@@ -160,7 +162,8 @@ LocalFromWorldPoint::LocalFromWorldPoint(const detail::Given<Slice>& slice, cons
 
 LocalFromWorldPoint::LocalFromWorldPoint(const detail::Given<Slice>& slice, const detail::Given<Grid>& givenGrid,
                                          const std::string& coordinateField, const LocatorOptions& options)
-    : mySearch(makeSearch(slice.handle(), givenGrid.handle(), coordinateField)), myOptions(options) {
+    : mySearch(makeSearch(slice.handle(), givenGrid.handle(), coordinateField)), myOptions(options),
+      myNumber(detail::CellTrail::newNumber()) {
     const StrongPtr<Grid>& grid = givenGrid.handle();
     if (!grid) {
         Console::puts(tell::invalidGrid);
@@ -568,6 +571,46 @@ LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p) const 
     return found;
 }
 
+// Structures are built best by the thread that asks: it has a team for that, and a pulse. So before positions are dealt
+// out, it looks for some in each block that has none yet.
+void LocalFromWorldPoint::prepare(std::span<const point> positions) const {
+    constexpr std::size_t MostTries = 8;
+    std::size_t next = positions.size(); // none looked at yet
+    BBSelectorMemoryTree::Box region;
+    for (std::size_t n = 0; n < myBoxes.size(); ++n) {
+        const auto isReady = [&] {
+            const FragmentCoordinates* const known = myFragments[n].known();
+            return known && (!known->curvilinear() || isBuilt(static_cast<unsigned int>(n)));
+        };
+        if (isReady()) continue;
+        if (std::exchange(next, 0) != 0)
+            for (const point& p : positions)
+                for (int d = 0; d < 3; ++d) {
+                    region.min[d] = &p == positions.data() ? p[d] : std::min(region.min[d], p[d]);
+                    region.max[d] = &p == positions.data() ? p[d] : std::max(region.max[d], p[d]);
+                }
+        const BBSelectorMemoryTree::Box& box = myBoxes[n];
+        bool isApart = false; // never by a NaN
+        for (int d = 0; d < 3; ++d) isApart |= region.max[d] < box.min[d] || region.min[d] > box.max[d];
+        if (isApart) continue;
+        std::size_t tries = 0;
+        for (std::size_t k = 0; k < positions.size() && tries < MostTries && !isReady(); ++k) {
+            const point& p = positions[k];
+            bool isInside = true;
+            for (int d = 0; d < 3; ++d) isInside &= p[d] >= box.min[d] && p[d] <= box.max[d];
+            if (!isInside) continue;
+            (void)locate(p);
+            ++tries;
+        }
+    }
+}
+
+bool LocalFromWorldPoint::isBuilt(unsigned int n) const {
+    Fragment& fragment = myFragments[n];
+    return wayOfOptions() == Way::Exact ? fragment.slot<ExactCellLocator>().ready.load() != nullptr
+                                        : fragment.slot<UniGridMapper>().ready.load() != nullptr;
+}
+
 void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found) const {
     locate(positions, found, {});
 }
@@ -577,13 +620,109 @@ void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Loc
     VANTLE_SCOPE("LocalFromWorldPoint::locate(positions, found)");
     // A position takes about as long as reading some kilobytes.
     constexpr std::size_t BytesEach = 2048, Neighbours = 64, Piece = 16 * Neighbours;
-    detail::inParallel(positions.size(), Piece, BytesEach * positions.size(), [&](std::size_t begin, std::size_t end) {
-        for (std::size_t first = begin; first < end; first += Neighbours) {
-            const std::size_t count = std::min(Neighbours, end - first);
-            search<Neighbours>(positions.subspan(first, count), found.subspan(first, count), wayOfOptions(),
-                               numbers.empty() ? numbers : numbers.subspan(first, count));
-        }
+    // Positions in any order are put in one by large pieces, of which every thread has one.
+    const std::size_t share = positions.size() / detail::teamSize() + 1;
+    const std::size_t piece =
+        detail::SpatialOrder::pays(positions) ? std::clamp(share, Piece, detail::SpatialOrder::MostPositions) : Piece;
+    detail::inParallel(positions.size(), piece, BytesEach * positions.size(), [&](std::size_t begin, std::size_t end) {
+        detail::locateNeighbours<Neighbours>(
+            positions.subspan(begin, end - begin), found.subspan(begin, end - begin),
+            [&](std::span<const point> now, std::span<Location> theirs, const auto& number) {
+                std::size_t theirNumbers[Neighbours];
+                const std::size_t count = numbers.empty() ? 0 : now.size();
+                for (std::size_t m = 0; m < count; ++m) theirNumbers[m] = numbers[begin + number(m)];
+                search<Neighbours>(now, theirs, wayOfOptions(), std::span<const std::size_t>(theirNumbers, count));
+            });
     });
+}
+
+/// The fragments whose boxes meet a box about the last position that it was moved to, in order.
+struct LocationHint::State {
+    static constexpr std::size_t MostFragments = 4;
+
+    std::uint64_t locator = 0;
+    BBSelectorMemoryTree::Box region{};
+    std::size_t count = 0;
+    bool areAll = false;
+    struct {
+        unsigned int number = 0;
+        detail::CellTrail trail;
+    } fragments[MostFragments];
+
+    [[nodiscard]] bool isIn(const BBSelectorMemoryTree::Box& box, const PhysicalSpace::point& p) const noexcept {
+        bool isInside = true;
+        for (int d = 0; d < 3; ++d) isInside &= p[d] >= box.min[d] && p[d] <= box.max[d];
+        return isInside;
+    }
+};
+
+LocationHint::LocationHint() = default;
+LocationHint::~LocationHint() = default;
+LocationHint::LocationHint(LocationHint&&) noexcept = default;
+LocationHint& LocationHint::operator=(LocationHint&&) noexcept = default;
+
+LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p, LocationHint& hint) const {
+    if (!hint.myState) hint.myState = std::make_unique<LocationHint::State>();
+    LocationHint::State& near = *hint.myState;
+    const Way way = wayOfOptions();
+    // Other ways have nothing to remember.
+    if (!myTree || !(p[0] * 0.0 + p[1] * 0.0 + p[2] * 0.0 == 0.0) || (way != Way::Newton && way != Way::Exact))
+        return locate(p);
+    if (near.locator != myNumber || !near.isIn(near.region, p)) {
+        // A small part of the largest fragment's box, on all axes.
+        near.locator = myNumber;
+        double width = 0.0;
+        for (int d = 0; d < 3; ++d) width = std::max(width, myHalfWidths[d] / 32);
+        for (int d = 0; d < 3; ++d) {
+            near.region.min[d] = p[d] - width;
+            near.region.max[d] = p[d] + width;
+        }
+        BBSelectorMemoryTree selector(*myTree, myHalfWidths, myBoxes, near.region);
+        near.count = 0;
+        for (unsigned int n = selector.getNext(); n != BBSelectorMemoryTree::End; n = selector.getNext()) {
+            near.areAll = near.count < LocationHint::State::MostFragments;
+            if (!near.areAll) break;
+            near.fragments[near.count++].number = n;
+        }
+        near.areAll = near.areAll || near.count == 0;
+    }
+    if (!near.areAll) return locate(p);
+
+    Location found;
+    for (std::size_t f = 0; f < near.count && !found; ++f) {
+        const unsigned int n = near.fragments[f].number;
+        if (!near.isIn(myBoxes[n], p)) continue;
+        const FragmentCoordinates* coordinates = myFragments[n].coordinates(Hearing::Nobody);
+        const BlockMask* const mask = coordinates ? myFragments[n].mask(myMasks, Hearing::Nobody) : nullptr;
+        if (!coordinates || (mask && mask->isNothingValid())) continue;
+        CellLocation inCell;
+        detail::CellTrail& trail = near.fragments[f].trail;
+        if (!coordinates->curvilinear()) {
+            if (isInComputed(*coordinates, p, inCell.local, mask)) inCell.result = LocationResult::Found;
+        } else if (way == Way::Exact) {
+            if (const auto* const locator = structure<ExactCellLocator>(n, Hearing::Nobody))
+                inCell = locator->locate(p, trail, mask);
+            else
+                inCell.isSilent = false;
+        } else {
+            if (const auto* const mapper = structure<UniGridMapper>(n, Hearing::Nobody))
+                inCell = mapper->locate(p, myOptions.gridEpsilon, trail, mask);
+            else
+                inCell.isSilent = false;
+        }
+        found.isSilent = found.isSilent && inCell.isSilent;
+        if (!inCell) continue;
+        found.localCoordinates = inCell.local;
+        found.code = inCell.result;
+        found.fragment = n;
+    }
+    return found;
+}
+
+void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found,
+                                 LocationHint& hint) const {
+    VANTLE_SCOPE("LocalFromWorldPoint::locate(positions, found, hint)");
+    for (std::size_t k = 0; k < positions.size(); ++k) found[k] = locate(positions[k], hint);
 }
 
 bool LocalFromWorldPoint::get(const point& p, LocalPoint& result, Way way) const {

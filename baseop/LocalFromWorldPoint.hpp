@@ -15,6 +15,7 @@
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/DirectProduct.hpp>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
@@ -172,6 +173,23 @@ private:
     std::size_t myNext = 0;
 };
 
+/// What `LocalFromWorldPoint::locate` remembers of a position for the next one of the same path: which fragments and
+/// cells are near. About 20 kB. It may be used with any locator, also after the last one is gone.
+///
+/// Concurrency  one thread at a time.
+class VANTLE_BASEOP_API LocationHint {
+public:
+    LocationHint();
+    ~LocationHint();
+    LocationHint(LocationHint&&) noexcept;
+    LocationHint& operator=(LocationHint&&) noexcept;
+
+private:
+    friend class LocalFromWorldPoint;
+    struct State;
+    std::unique_ptr<State> myState;
+};
+
 /// The point location over one coordinate field of one grid.
 ///
 /// Blanking     cells that the grid's masks make invalid contain no position, in any way of searching: it goes on to
@@ -241,9 +259,18 @@ public:
 
     /// What `get` finds, without a word and without counting references.
     [[nodiscard]] Location locate(const point& p) const;
+    /// The same for a position that is near the last one that was located with this hint, as on the path of a particle:
+    /// while that stays within some three cells, only what is near is looked at. The answer is that without a hint.
+    [[nodiscard]] Location locate(const point& p, LocationHint& hint) const;
+    /// Positions that follow each other, on the caller's thread. Both sequences have the same length.
+    void locate(std::span<const point> positions, std::span<Location> found, LocationHint& hint) const;
     /// The same for many positions at once, on all cores. Searches share much if 64 positions in a row lie within a
     /// few cells of each other. Both sequences have the same length.
     void locate(std::span<const point> positions, std::span<Location> found) const;
+
+    /// Builds structures that locating these positions will need, by the calling thread and its team, which tells its
+    /// pulse: while positions are dealt out, whoever comes first builds, alone. Locates a few of them.
+    void prepare(std::span<const point> positions) const;
 
     /// Whether coordinates and masks are still those that this locator was made with: if not, its answers are those of
     /// before, in part, and another one is to be made.
@@ -282,6 +309,7 @@ private:
 
     template<class Structure>
     const Structure* structure(unsigned int number, detail::Hearing hearing) const;
+    [[nodiscard]] bool isBuilt(unsigned int number) const;
     [[nodiscard]] Way wayOfOptions() const noexcept;
     void ask(Way way, unsigned int number, std::span<const point> points, std::span<CellLocation> found,
              const BlockMask* mask, detail::Hearing hearing) const;
@@ -308,6 +336,7 @@ private:
     std::unique_ptr<Fragment[]> myFragments;
     bool myIsComplete = true; // whether every fragment has its place in the fragment coordinates
     LocatorOptions myOptions;
+    std::uint64_t myNumber; // that no other locator has
 };
 
 } // namespace Vantle

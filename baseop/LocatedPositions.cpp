@@ -2,11 +2,14 @@
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/hestra/Profiler.hpp>
+#include <model/hestra/Pulse.hpp>
 #include <model/orvix/Quadratic.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <algorithm>
+#include <atomic>
+#include <cmath>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -27,7 +30,7 @@ using Numbers = TypeList<double, float, int, unsigned char, short, unsigned shor
 using Elements = TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long,
                           PhysicalSpace::vector, PhysicalSpace::point, Tensor>;
 
-/// Positions that are located, or evaluated, before anybody is told.
+/// Positions that are located in one block at a time.
 constexpr std::size_t LocatedAtOnce = std::size_t{1} << 16;
 /// Bytes of arrays made for an evaluation that are held together.
 constexpr std::size_t HeldBytes = std::size_t{32} << 20;
@@ -55,6 +58,8 @@ auto valueAt(const MultiArrayBase<3, T>& block, const point& at) {
         return Interpolate<3, double>(MultiArrayBase<3, double>(corners, {2, 2, 2}), within).evaluate();
     }
 }
+
+double share(std::size_t part, std::size_t whole) { return static_cast<double>(part) / static_cast<double>(whole); }
 
 /// Views of the arrays of some fragments, all of one element type.
 template<class T>
@@ -112,23 +117,100 @@ struct Order {
 
 } // namespace
 
-LocatedPositions::LocatedPositions(const LocalFromWorldPoint& locator, std::span<const point> positions,
-                                   const Progress& progress)
+LocatedPositions::LocatedPositions(const LocalFromWorldPoint& locator, std::span<const point> positions)
     : mySize(positions.size()), myPlaces(std::make_unique_for_overwrite<point[]>(mySize)),
       myFragments(std::make_unique_for_overwrite<std::uint32_t[]>(mySize)) {
     VANTLE_SCOPE("LocatedPositions::LocatedPositions(locator, positions)");
     constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
-    std::vector<LocalFromWorldPoint::Location> found(std::min(LocatedAtOnce, mySize));
-    for (std::size_t begin = 0; begin < mySize; begin += found.size()) {
-        if (progress) progress(static_cast<double>(begin) / static_cast<double>(mySize));
-        const std::size_t count = std::min(found.size(), mySize - begin);
-        locator.locate(positions.subspan(begin, count), std::span(found).first(count));
-        for (std::size_t k = 0; k < count; ++k) {
-            const bool isFound = static_cast<bool>(found[k]);
-            myPlaces[begin + k] = isFound ? found[k].localCoordinates : point(NaN, NaN, NaN);
-            myFragments[begin + k] = isFound ? found[k].fragment : Nowhere;
-            myFound += isFound ? 1 : 0;
+    locator.prepare(positions);
+    // Pieces are located and taken by the same thread; a position takes about as long as reading some kilobytes.
+    constexpr std::size_t Piece = 4096, BytesEach = 2048;
+    std::atomic<std::size_t> all{0};
+    detail::inParallel(mySize, Piece, BytesEach * mySize, [&](std::size_t begin, std::size_t end) {
+        std::vector<LocalFromWorldPoint::Location> found(end - begin);
+        locator.locate(positions.subspan(begin, end - begin), found);
+        std::size_t count = 0;
+        for (std::size_t k = begin; k < end; ++k) {
+            const LocalFromWorldPoint::Location& location = found[k - begin];
+            const bool isFound = static_cast<bool>(location);
+            myPlaces[k] = isFound ? location.localCoordinates : point(NaN, NaN, NaN);
+            myFragments[k] = isFound ? location.fragment : Nowhere;
+            count += isFound ? 1 : 0;
         }
+        all += count;
+    });
+    myFound = all;
+}
+
+LocatedPositions::LocatedPositions(std::span<const std::optional<BlockBox>> boxes, const LocatorOf& locatorOf,
+                                   std::span<const point> positions)
+    : mySize(positions.size()), myPlaces(std::make_unique_for_overwrite<point[]>(mySize)),
+      myFragments(std::make_unique_for_overwrite<std::uint32_t[]>(mySize)) {
+    VANTLE_SCOPE("LocatedPositions::LocatedPositions(boxes, locatorOf, positions)");
+    constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
+    constexpr std::size_t Together = 4096; // positions with a box of their own
+    std::fill_n(myPlaces.get(), mySize, point(NaN, NaN, NaN));
+    std::fill_n(myFragments.get(), mySize, Nowhere);
+    struct Bounds {
+        point low, high;
+    };
+    std::vector<Bounds> parts;
+    for (std::size_t begin = 0; begin < mySize; begin += Together) {
+        constexpr double Infinity = std::numeric_limits<double>::infinity();
+        Bounds part{point(Infinity, Infinity, Infinity), point(-Infinity, -Infinity, -Infinity)};
+        for (const point& p : positions.subspan(begin, std::min(Together, mySize - begin)))
+            for (int d = 0; d < 3; ++d) {
+                part.low[d] = std::min(part.low[d], p[d]); // a NaN changes nothing
+                part.high[d] = std::max(part.high[d], p[d]);
+            }
+        parts.push_back(part);
+    }
+    std::vector<std::size_t> numbers;
+    std::vector<point> points;
+    std::vector<LocalFromWorldPoint::Location> found;
+    for (std::size_t n = 0; n < boxes.size(); ++n) {
+        const Hestra::Pulse::Part progress(share(n, boxes.size()), share(n + 1, boxes.size()));
+        Hestra::Pulse::beat(0.0);
+        if (!boxes[n]) continue;
+        Bounds box{boxes[n]->least, boxes[n]->greatest};
+        for (int d = 0; d < 3; ++d) {
+            constexpr double Rim = 1e-6;
+            const double rim = Rim * (box.high[d] - box.low[d] + std::abs(box.low[d]) + std::abs(box.high[d]));
+            box.low[d] -= rim;
+            box.high[d] += rim;
+        }
+        std::shared_ptr<const LocalFromWorldPoint> locator;
+        const auto flush = [&](std::size_t done) {
+            if (numbers.empty()) return;
+            if (!locator) locator = locatorOf(static_cast<std::uint32_t>(n));
+            const Hestra::Pulse::Part chunk(share(done, mySize), share(done, mySize));
+            found.resize(points.size());
+            locator->prepare(points);
+            locator->locate(points, found);
+            for (std::size_t k = 0; k < points.size(); ++k) {
+                if (!found[k]) continue;
+                myPlaces[numbers[k]] = found[k].localCoordinates;
+                myFragments[numbers[k]] = static_cast<std::uint32_t>(n);
+                ++myFound;
+            }
+            numbers.clear();
+            points.clear();
+        };
+        for (std::size_t part = 0; part < parts.size(); ++part) {
+            bool isApart = false;
+            for (int d = 0; d < 3; ++d) isApart |= parts[part].high[d] < box.low[d] || parts[part].low[d] > box.high[d];
+            if (isApart) continue;
+            const std::size_t end = std::min(mySize, (part + 1) * Together);
+            for (std::size_t k = part * Together; k < end; ++k) {
+                bool isInside = myFragments[k] == Nowhere;
+                for (int d = 0; d < 3; ++d) isInside &= positions[k][d] >= box.low[d] && positions[k][d] <= box.high[d];
+                if (!isInside) continue;
+                numbers.push_back(k);
+                points.push_back(positions[k]);
+            }
+            if (numbers.size() >= LocatedAtOnce) flush(end);
+        }
+        flush(mySize);
     }
 }
 
@@ -140,7 +222,7 @@ int LocatedPositions::components(const VantleTypeIndex& elementType) noexcept {
 }
 
 void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<FragmentID>> fragments, int components,
-                              std::span<double> values, std::span<unsigned char> mask, const Progress& progress) const {
+                              std::span<double> values, std::span<unsigned char> mask) const {
     VANTLE_SCOPE("LocatedPositions::sample(field, values)");
     if (values.size() != mySize * static_cast<std::size_t>(components) || (!mask.empty() && mask.size() != mySize))
         throw std::invalid_argument("LocatedPositions: a wrong number of values");
@@ -154,10 +236,14 @@ void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<Frag
             std::size_t made = 0;
             StrongPtr<MemBase> any;
             arrays.clear();
+            // Arrays that have to be made take the first half, for all one knows.
+            const double start = share(chunk + order.first[first], mySize);
+            const auto half = [&](std::size_t to) { return 0.5 * (start + share(chunk + to, mySize)); };
             for (; n < fragments.size() && made < HeldBytes; ++n) {
                 arrays.emplace_back();
                 if (!order.has(n)) continue;
-                if (progress) progress(static_cast<double>(chunk + order.first[n]) / static_cast<double>(mySize));
+                const Hestra::Pulse::Part part(half(order.first[n]), half(order.first[n + 1]));
+                Hestra::Pulse::beat(0.0);
                 const StrongPtr<CreativeArrayBase> creator = field.getCreator(fragments[n]);
                 if (!creator) continue;
                 const bool isThere = creator->hasData();
@@ -173,6 +259,8 @@ void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<Frag
             if (!isAll && order.numbers.empty()) order.sort(fragmentOf);
             const std::size_t begin = isAll ? 0 : order.first[first];
             const std::size_t count = isAll ? fragmentOf.size() : order.first[n] - begin;
+            const double middle = made == 0 ? start : half(order.first[n]);
+            const Hestra::Pulse::Part part(middle, share(chunk + order.first[n], mySize));
             const bool isKnown = withType(Elements(), any->elementIndex(), [&]<class T>(TypeList<T>) {
                 if (LocatedPositions::components(typeid(T)) != components)
                     throw std::invalid_argument("a fragment whose elements have not " + std::to_string(components) +

@@ -3,11 +3,13 @@
 
 #include <baseop/BaseOpExport.hpp>
 #include <baseop/LocalFromWorldPoint.hpp>
+#include <baseop/NumberRange.hpp>
 #include <model/vantle/Field.hpp>
 
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 
 namespace Vantle {
@@ -25,13 +27,19 @@ public:
     using point = Orvix::PhysicalSpace::point;
     /// The number of the fragment of a position that is in none.
     static constexpr std::uint32_t Nowhere = ~std::uint32_t{0};
-    /// Told from time to time, by the calling thread, which part is done. What it throws ends the operation.
-    using Progress = std::function<void(double)>;
 
     LocatedPositions() = default;
     /// Neighbours in the order of the positions should be neighbours in space: they share searches.
-    LocatedPositions(const LocalFromWorldPoint& locator, std::span<const point> positions,
-                     const Progress& progress = {});
+    LocatedPositions(const LocalFromWorldPoint& locator, std::span<const point> positions);
+    /// The same where the structures of all fragments are too much at once: `locatorOf(n)` gives the locator of a grid
+    /// that has fragment `n` alone. It is asked for those whose box has positions that no fragment before has, one by
+    /// one, and what it gives is dropped before the next one is asked for.
+    ///
+    /// @param boxes  of the fragments, in the order of the coordinate field: nothing is outside, with a rim for what is
+    ///               rounded. Nothing is in a fragment without box.
+    using LocatorOf = std::function<std::shared_ptr<const LocalFromWorldPoint>(std::uint32_t fragment)>;
+    LocatedPositions(std::span<const std::optional<BlockBox>> boxes, const LocatorOf& locatorOf,
+                     std::span<const point> positions);
 
     [[nodiscard]] std::size_t size() const noexcept { return mySize; }
     /// How many are in a fragment.
@@ -55,7 +63,7 @@ public:
     ///
     /// @param values  as many as there are positions, times the components: those of a position follow each other.
     void sample(const Field& field, std::span<const Hestra::StrongPtr<FragmentID>> fragments, int components,
-                std::span<double> values, std::span<unsigned char> mask, const Progress& progress = {}) const;
+                std::span<double> values, std::span<unsigned char> mask) const;
 
 private:
     std::size_t mySize = 0, myFound = 0;

@@ -1,5 +1,6 @@
 #include <baseop/PartialDerivative.hpp>
 #include <baseop/detail/BesideBlanked.hpp>
+#include <baseop/detail/LaneKernels.hpp>
 #include <baseop/detail/RowResult.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Derived.hpp>
@@ -10,6 +11,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <type_traits>
 #include <typeinfo>
 #include <utility>
 #include <vector>
@@ -59,9 +61,17 @@ void deriveRow(Result* __restrict target, const S* row, const RowPair<S>& axis1,
     };
     if (extent > 1) difference(target[0], 0, row[step], row[0], 1.0);
     across(0);
-    for (index_t i = 1; i + 1 < extent; ++i) {
-        difference(target[i], 0, row[(i + 1) * step], row[(i - 1) * step], 0.5);
-        across(i);
+    if constexpr (Step == 1 && std::is_same_v<S, double>) {
+        if (extent > 2)
+            detail::interleaveDifferences({{row, row + 2, 0.5},
+                                           {axis1.low + 1, axis1.high + 1, axis1.factor},
+                                           {axis2.low + 1, axis2.high + 1, axis2.factor}},
+                                          static_cast<std::size_t>(extent - 2), &target[1][0]);
+    } else {
+        for (index_t i = 1; i + 1 < extent; ++i) {
+            difference(target[i], 0, row[(i + 1) * step], row[(i - 1) * step], 0.5);
+            across(i);
+        }
     }
     if (extent > 1) {
         difference(target[extent - 1], 0, row[(extent - 1) * step], row[(extent - 2) * step], 1.0);
@@ -121,16 +131,19 @@ Ref<MemArray<N, Result>> Derivative<Result>::compute(const MemArray<N, T>& sourc
         if (const Stencil at(j, size[1]); size[1] > 1) axis1 = {rowAt(at.low, k), rowAt(at.high, k), at.factor};
         if (const Stencil at(k, size[2]); size[2] > 1) axis2 = {rowAt(j, at.low), rowAt(j, at.high), at.factor};
         if (step == 1)
-            deriveRow<1>(target + r * size[0], rowAt(j, k), axis1, axis2, size[0], step);
+            deriveRow<1>(target, rowAt(j, k), axis1, axis2, size[0], step);
         else
-            deriveRow<0>(target + r * size[0], rowAt(j, k), axis1, axis2, size[0], step);
-        if (mask) deriveBesideBlanked(target + r * size[0], rowAt(j, k), size, j, k, step, *mask);
+            deriveRow<0>(target, rowAt(j, k), axis1, axis2, size[0], step);
+        if (mask) deriveBesideBlanked(target, rowAt(j, k), size, j, k, step, *mask);
     };
 
-    return detail::makeByRows<Result>(size, static_cast<std::size_t>(nodes) * (sizeof(S) + sizeof(Result)),
-                                      [&](Result* target, index_t begin, index_t end) {
-                                          for (index_t r = begin; r < end; ++r) fillRow(target, r);
-                                      });
+    constexpr auto Way =
+        ElementTraits<T>::components == 1 ? detail::OneThread::Appends : detail::OneThread::FillsPlaces;
+    return detail::makeByRows<Result, Way>(size, static_cast<std::size_t>(nodes) * (sizeof(S) + sizeof(Result)),
+                                           [&](Result* target, index_t begin, index_t end) {
+                                               for (index_t r = begin; r < end; ++r, target += size[0])
+                                                   fillRow(target, r);
+                                           });
 }
 
 template struct Derivative<PhysicalSpace::vector>;

@@ -1,8 +1,10 @@
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
+#include <baseop/detail/location/CellTrail.hpp>
 #include <baseop/detail/location/LinearReach.hpp>
 #include <baseop/detail/location/LinearSolve.hpp>
 #include <baseop/detail/location/Narrator.hpp>
+#include <baseop/detail/location/SpatialOrder.hpp>
 #include <baseop/detail/location/Unigrid.hpp>
 #include <baseop/detail/location/ValidPlace.hpp>
 #include <model/hestra/Profiler.hpp>
@@ -80,6 +82,7 @@ struct UniGridMapper::Search {
         return MultiIndex3::fromLinear(number, vertices.cells());
     }
 
+    const std::uint64_t identity = Vantle::detail::CellTrail::newNumber();
     mutable std::once_flag longestOnce;
     mutable int longest = 0;
 
@@ -467,6 +470,37 @@ CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, const po
     return Query(*this, p, grid_epsilon, start, mask).find();
 }
 
+CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, Vantle::detail::CellTrail& trail,
+                                   const Vantle::BlockMask* mask) const {
+    const Search& search = *mySearch;
+    const point start(-1.0, -1.0, -1.0);
+    Query query(*this, p, grid_epsilon, start, mask);
+    CellLocation found;
+    CellCandidates cells(search.vertices.cells(), 0);
+    const bool isNear = search.unigrid.isFinite && query.canUseTrees() && search.unigrid.inside(p) &&
+                        trail.reaches(search.identity, search.effects, p);
+    if (isNear)
+        search.effects.forEachAt(trail.cells(), p,
+                                 [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { cells.add(i, j, k); });
+    if (!isNear || !cells.areAll()) {
+        found = query.find();
+    } else {
+        found = query.find(
+            cells,
+            [&](const CellOfBlock& cell, point& at) {
+                return linear::firstStep(at, p, cell.index(), search.vertices, myPrecision, linear::Everywhere);
+            },
+            [&](auto&& f) {
+                if (const auto* const near = trail.nearMisses(search.nearMisses); !near)
+                    search.nearMisses.forEachGroupAt(p, f);
+                else if (!near->empty())
+                    search.nearMisses.forEachGroupAt(*near, p, f);
+            });
+    }
+    if (found) trail.note(search.identity, search.vertices, found.local);
+    return found;
+}
+
 unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon,
                                                               const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(p, uvw, grid_epsilon)");
@@ -483,11 +517,10 @@ unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, po
 void UniGridMapper::locate(std::span<const point> points, std::span<CellLocation> found, double grid_epsilon,
                            const Vantle::BlockMask* mask) const {
     VANTLE_SCOPE("UniGridMapper::localCellCoordinatesFromCurviGrid(points)");
-    constexpr std::size_t most = CellBoxTree::Matches::MaximalPoints;
-    for (std::size_t begin = 0; begin < points.size(); begin += most) {
-        const std::size_t count = std::min(most, points.size() - begin);
-        locateNeighbours(points.subspan(begin, count), found.subspan(begin, count), grid_epsilon, mask);
-    }
+    Vantle::detail::locateNeighbours<CellBoxTree::Matches::MaximalPoints>(
+        points, found, [&](std::span<const point> now, std::span<CellLocation> theirs, const auto&) {
+            locateNeighbours(now, theirs, grid_epsilon, mask);
+        });
 }
 
 void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<CellLocation> found, double grid_epsilon,
@@ -510,6 +543,8 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<Ce
     };
     Step steps[CellBoxTree::Matches::Capacity];
     const std::span<const CellBoxTree::Matches::Cell> cells = matches.all();
+    if (matches.areScattered())
+        for (const CellOfBlock& cell : cells) search.vertices.prefetchCell(search.vertices.address(cell.index()));
     for (std::size_t c = 0; c < cells.size(); ++c)
         steps[c].outcome = linear::firstStep(steps[c].at, points[cells[c].point], cells[c].index(), search.vertices,
                                              myPrecision, linear::Everywhere);

@@ -12,6 +12,13 @@
 #include <memory>
 #include <span>
 
+namespace Vantle {
+class LocalFromWorldPoint;
+namespace detail {
+class CellTrail;
+}
+} // namespace Vantle
+
 /// Finds the cell of a curvilinear block that contains a point, and the point's coordinates in the block.
 ///
 /// A coarse uniform grid (the unigrid) lies over the box of the block. Each of its cells (unicells) has the list of the
@@ -139,8 +146,12 @@ public:
     [[nodiscard]] int maximalListLength() const;
 
 private:
+    friend class Vantle::LocalFromWorldPoint;
     struct Search;
     class Query;
+
+    [[nodiscard]] Vantle::CellLocation locate(const point& p, double grid_epsilon, Vantle::detail::CellTrail& trail,
+                                              const Vantle::BlockMask* mask) const;
 
     void locateNeighbours(std::span<const point> points, std::span<Vantle::CellLocation> found, double grid_epsilon,
                           const Vantle::BlockMask* mask) const;

@@ -29,8 +29,9 @@ ComputeValidRange(const Grid& grid, const std::string& fieldName,
 /// (`getFragmentBBox`).
 ///
 /// Failure      null without positions, and where no vertex is valid. Fragments whose box cannot be had are passed
-/// over. Concurrency  boxes of fragments are attached: one thread at a time. One pass over masked curvilinear
-/// fragments.
+///              over.
+/// Concurrency  boxes of fragments are attached: one thread at a time.
+/// Cost         one pass over masked curvilinear fragments.
 [[nodiscard]] VANTLE_BASEOP_API Hestra::StrongPtr<Orvix::BoundingBox>
 getValidBoundingBox(const Grid& grid, const Hestra::StrongPtr<Chart>& chart);
 /// The same in the default Cartesian chart.

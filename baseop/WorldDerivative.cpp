@@ -243,7 +243,7 @@ Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& val
     const auto fillRows = [&](Result<T>* target, index_t begin, index_t end) {
         const auto stencils = std::make_unique<Stencils<T>>();
         std::vector<Point> made(positions.axes() ? static_cast<std::size_t>(5 * size[0]) : 0);
-        for (index_t r = begin; r < end; ++r) {
+        for (index_t r = begin; r < end; ++r, target += size[0]) {
             const auto pointsAt = [&](index_t j, index_t k, index_t n) {
                 return positions.row(j, k, made.data() + n * size[0]);
             };
@@ -255,9 +255,9 @@ Ref<ReferencingMemArray<3, Result<T>>> deriveGenerally(const MemArray<3, T>& val
             Strip<T> strip{points, row, positions.step(), values.stride(), 0, 0, size[0], absent};
             for (; strip.begin < size[0]; strip.begin += Lanes) {
                 strip.count = std::min(Lanes, size[0] - strip.begin);
-                kernel(strip, *stencils, target + r * size[0]);
+                kernel(strip, *stencils, target);
             }
-            if (mask) deriveBesideBlanked(*mask, r % size[1], r / size[1], strip, *stencils, target + r * size[0]);
+            if (mask) deriveBesideBlanked(*mask, r % size[1], r / size[1], strip, *stencils, target);
         }
     };
     return detail::makeByRows<Result<T>>(size, BytesPerVertex<T> * size.product(), fillRows);
@@ -279,7 +279,7 @@ Ref<ReferencingMemArray<3, Result<T>>> deriveAlongAxes(const MemArray<3, T>& val
     const unsigned absent = absentAxes(size);
     const index_t step = values.stride();
     const auto fillRows = [&](Result<T>* target, index_t begin, index_t end) {
-        for (index_t r = begin; r < end; ++r) {
+        for (index_t r = begin; r < end; ++r, target += size[0]) {
             const index_t j = r % size[1], k = r / size[1];
             const Rows<S> row(j, k, size, [&](index_t y, index_t z, index_t) {
                 return values.storage() + (z * size[1] + y) * size[0] * step;
@@ -290,7 +290,7 @@ Ref<ReferencingMemArray<3, Result<T>>> deriveAlongAxes(const MemArray<3, T>& val
                     {row.low[0] + i * step, row.high[0] + i * step},
                     {row.low[1] + i * step, row.high[1] + i * step}};
                 const double factors[3] = {perLength[0][i], perLength[1][j], perLength[2][k]};
-                Result<T>& derivative = target[r * size[0] + i];
+                Result<T>& derivative = target[i];
                 for (int d = 0; d < 3; ++d)
                     for (int c = 0; c < C; ++c)
                         derivative[C * d + c] = (absent >> d & 1) != 0

@@ -1,14 +1,17 @@
-// Locating and sampling by a data set, beside an evaluator with nobody listening; a contour, beside the operation
-// below.
+// Data sets beside the operations below, with nobody listening: ratios of shortest times, both taken in turn.
 
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Isosurface.hpp>
 #include <dataset/DataSet.hpp>
 #include <model/hestra/Console.hpp>
 
+#include <algorithm>
 #include <benchmark/benchmark.h>
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <ctime>
+#include <omp.h>
 
 namespace {
 
@@ -55,42 +58,86 @@ const Fixture& fixture() {
     return made;
 }
 
-void Evaluator(benchmark::State& state) {
-    const Fixture& f = fixture();
-    const Hestra::ScopedListener nobody({});
-    GridEvaluator::Context context;
-    context.slice = f.flow.bundle()[0.0];
-    context.grid = f.flow.grid();
-    context.cellLocator = CellLocator::Exact;
-    for (auto _ : state) {
-        GridEvaluator evaluator;
-        if (!evaluator.find(f.array, *f.flow.grid()->CartesianPositions(), context)) std::abort();
-        benchmark::DoNotOptimize(evaluator.evalKnownDataTypes(f.array, *(*f.flow.grid())("f")));
-    }
-}
-void LocateAndSample(benchmark::State& state) {
-    const Fixture& f = fixture();
-    for (auto _ : state) benchmark::DoNotOptimize(f.flow.locate(f.positions).sample("f").size());
-}
-void Surface_(benchmark::State& state) {
-    const Fixture& f = fixture();
-    const Hestra::ScopedListener nobody({});
-    for (auto _ : state) {
-        Slice slice;
-        SurfaceOptions options;
-        options.joinBlocks = true;
-        benchmark::DoNotOptimize(
-            ComputeIsosurface(0.6, Hestra::Ageable(), *f.flow.grid(), "f", slice, "s", 0.0, options));
-    }
-}
-void Contour(benchmark::State& state) {
-    const Fixture& f = fixture();
-    for (auto _ : state) benchmark::DoNotOptimize(f.flow.contour("f", 0.6).points().size());
+double processorSeconds() {
+    timespec now;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
-BENCHMARK(Evaluator)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(LocateAndSample)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(Surface_)->Name("ComputeIsosurface")->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(Contour)->Unit(benchmark::kMillisecond)->UseRealTime();
+/// The shortest times that something took, real and of all processors.
+struct Shortest {
+    double real = HUGE_VAL, processor = HUGE_VAL;
+
+    template<class F>
+    void take(const F& f) {
+        const double before = processorSeconds();
+        const auto start = std::chrono::steady_clock::now();
+        f();
+        real = std::min(real, std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
+        processor = std::min(processor, processorSeconds() - before);
+    }
+};
+
+/// Both in turn, by so many threads: the ratios of their shortest times.
+template<class F, class G>
+void compare(benchmark::State& state, const F& ours, const G& below) {
+    const Hestra::ScopedListener nobody({});
+    omp_set_num_threads(static_cast<int>(state.range(0)));
+    ours(); // ranges, joins and structures are known
+    below();
+    Shortest a, b;
+    for (auto _ : state) {
+        a.take(ours);
+        b.take(below);
+    }
+    state.counters["ms"] = 1e3 * a.real;
+    state.counters["ms below"] = 1e3 * b.real;
+    state.counters["ratio"] = a.real / b.real;
+    state.counters["processor ratio"] = a.processor / b.processor;
+    omp_set_num_threads(omp_get_num_procs());
+}
+
+void LocateAndSample(benchmark::State& state) {
+    const Fixture& f = fixture();
+    compare(
+        state, [&] { benchmark::DoNotOptimize(f.flow.locate(f.positions).sample("f").size()); },
+        [&] {
+            GridEvaluator::Context context;
+            context.slice = f.flow.bundle()[0.0];
+            context.grid = f.flow.grid();
+            context.cellLocator = CellLocator::Exact;
+            GridEvaluator evaluator;
+            if (!evaluator.find(f.array, *f.flow.grid()->CartesianPositions(), context)) std::abort();
+            benchmark::DoNotOptimize(evaluator.evalKnownDataTypes(f.array, *(*f.flow.grid())("f")));
+        });
+}
+
+StrongPtr<Grid> surfaceBelow(const std::string& field, double level) {
+    Slice slice;
+    SurfaceOptions options;
+    options.joinBlocks = true;
+    return ComputeIsosurface(level, Hestra::Ageable(), *fixture().flow.grid(), field, slice, "s", 0.0, options);
+}
+
+void Contour(benchmark::State& state) {
+    compare(
+        state, [] { benchmark::DoNotOptimize(fixture().flow.contour("f", 0.6).points().size()); },
+        [] { benchmark::DoNotOptimize(surfaceBelow("f", 0.6)); });
+}
+
+/// Beside the surface of distances that are there already.
+void PlaneCut(benchmark::State& state) {
+    const Plane plane{{0.5, 0.5, 0.5}, {1, 1, 1}};
+    DataSet distances = fixture().flow;
+    const Vector unit = plane.normal * (1 / length(plane.normal));
+    distances.setField("distance", [&](const Point& p) { return dot(p - plane.origin, unit); });
+    compare(
+        state, [&] { benchmark::DoNotOptimize(distances.slice(plane).points().size()); },
+        [&] { benchmark::DoNotOptimize(distances.contour("distance", 0.0).points().size()); });
+}
+
+BENCHMARK(LocateAndSample)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(Contour)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(PlaneCut)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace

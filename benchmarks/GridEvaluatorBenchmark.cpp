@@ -1,7 +1,11 @@
 // A scalar of eight distorted curvilinear blocks, evaluated at the vertices of a uniform grid: location, location and
 // interpolation, beside the solve and interpolation that remain when the cells are known beforehand.
 //
+// A scalar of a uniform grid at a million positions and more, beside a plain loop.
+//
 // Messages of the searches go to a temporary file, or to nobody.
+
+#include "Settings.hpp"
 
 #include <baseop/EvalGrid.hpp>
 #include <baseop/ExactCellLocator.hpp>
@@ -11,11 +15,16 @@
 #include <model/hestra/Console.hpp>
 #include <model/vantle/GridKinds.hpp>
 
+#include <algorithm>
 #include <benchmark/benchmark.h>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
+#include <memory>
 #include <optional>
+#include <random>
+#include <string>
 #include <unistd.h>
 
 namespace {
@@ -194,10 +203,10 @@ void LocateNeighbours(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * data.positions->nElements()));
 }
 
-/// What remains when the cell of each position is known: a solve, and an interpolation.
-void KnownCells(benchmark::State& state) {
+/// What remains when the cell of each position is known: a solve, and an interpolation if asked for.
+template<class At>
+void inKnownCells(benchmark::State& state, long long n, const At& at, bool isEvaluated) {
     const Fixture& data = fixture();
-    const auto n = static_cast<long long>(data.positions->nElements());
     struct Known {
         const Block* block;
         const ExactCellLocator* exact;
@@ -223,7 +232,7 @@ void KnownCells(benchmark::State& state) {
         exactLocators.push_back(Hestra::makeRef<ExactCellLocator>(Hestra::dynamicCast<Block>(keptAlive[2 * b])));
     }
     for (long long k = 0; k < n; ++k) {
-        const Point p = data.positions->create(static_cast<index_t>(k));
+        const Point p = at(static_cast<std::size_t>(k));
         const auto found = locator.locate(p);
         if (!found) continue;
         MultiIndex<3> cell;
@@ -238,18 +247,71 @@ void KnownCells(benchmark::State& state) {
     for (auto _ : state) {
 #pragma omp parallel for schedule(dynamic, 2048)
         for (long long k = 0; k < count; ++k) {
-            const Known& at = known[static_cast<std::size_t>(k)];
+            const Known& it = known[static_cast<std::size_t>(k)];
             Point uvw;
             if (isExact)
-                at.exact->localInCell(at.position, at.cell, uvw);
+                it.exact->localInCell(it.position, it.cell, uvw);
             else
-                UniGridMapper::localCellCoordinatesFromCell(uvw, at.position, at.cell, *at.block, last, precision);
-            out[static_cast<std::size_t>(k)] = Interpolate<3, double>(*at.values, uvw).evaluate();
+                UniGridMapper::localCellCoordinatesFromCell(uvw, it.position, it.cell, *it.block, last, precision);
+            out[static_cast<std::size_t>(k)] =
+                isEvaluated ? Interpolate<3, double>(*it.values, uvw).evaluate() : uvw[0] + uvw[1] + uvw[2];
         }
         benchmark::DoNotOptimize(out.data());
         benchmark::ClobberMemory();
     }
     state.SetItemsProcessed(state.iterations() * n);
+}
+
+void KnownCells(benchmark::State& state) {
+    const Fixture& data = fixture();
+    inKnownCells(
+        state, static_cast<long long>(data.positions->nElements()),
+        [&](std::size_t k) { return data.positions->create(k); }, true);
+}
+
+/// Positions on the path of a particle, some ten a cell, through all blocks.
+const std::vector<Point>& path() {
+    static const std::vector<Point> made = [] {
+        std::vector<Point> points;
+        for (int k = 0; k < 1000000; ++k) {
+            const double t = 1e-3 * k;
+            points.push_back(
+                {0.6 + 0.3 * std::sin(0.7 * t), 0.5 + 0.3 * std::cos(1.1 * t), 0.5 + 0.2 * std::sin(0.3 * t)});
+        }
+        return points;
+    }();
+    return made;
+}
+void PathInKnownCells(benchmark::State& state) {
+    inKnownCells(
+        state, static_cast<long long>(path().size()), [](std::size_t k) { return path()[k]; }, false);
+}
+template<class Locate>
+void alongPath(benchmark::State& state, const Locate& locate) {
+    const Fixture& data = fixture();
+    ToFile file;
+    const LocalFromWorldPoint locator(data.slice, data.source, "Positions", optionsOf(state.range(0) != 0));
+    std::vector<LocalFromWorldPoint::Location> found(path().size());
+    for (auto _ : state) locate(locator, found);
+    const auto count = std::count_if(found.begin(), found.end(), [](const auto& each) { return bool(each); });
+    state.counters["found"] = static_cast<double>(count) / static_cast<double>(found.size());
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * found.size()));
+}
+void PathOneByOne(benchmark::State& state) {
+    alongPath(state, [](const LocalFromWorldPoint& locator, std::span<LocalFromWorldPoint::Location> found) {
+        for (std::size_t k = 0; k < found.size(); ++k) found[k] = locator.locate(path()[k]);
+    });
+}
+void PathTogether(benchmark::State& state) {
+    alongPath(state, [](const LocalFromWorldPoint& locator, std::span<LocalFromWorldPoint::Location> found) {
+        locator.locate(path(), found);
+    });
+}
+void PathWithHint(benchmark::State& state) {
+    alongPath(state, [](const LocalFromWorldPoint& locator, std::span<LocalFromWorldPoint::Location> found) {
+        LocationHint hint;
+        locator.locate(path(), found, hint);
+    });
 }
 
 /// The whole request, its new field included.
@@ -269,6 +331,148 @@ void EvaluateGrid(benchmark::State& state) {
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * lattice * lattice * lattice));
 }
 
+/// How much of the process is in memory, in bytes: now, or at most since it was forgotten.
+double bytesInMemory(const char* entry) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with(entry)) return 1024.0 * std::strtod(line.c_str() + line.find(':') + 1, nullptr);
+    return 0.0;
+}
+
+/// The same with search structures made by it, or the memory that it needs beyond what was there.
+void EvaluateGridOnce(benchmark::State& state) {
+    double peak = 0.0;
+    ToFile file;
+    for (auto _ : state) {
+        state.PauseTiming();
+        file.rewind();
+        {
+            Fixture data;
+            const auto destination = [&](const char* name) {
+                const StrongPtr<Grid> made = data.slice->newGrid(name);
+                UniformGrid3D::create(*made, Orvix::BoundingBox({0.25, 0.1, 0.2}, {0.95, 0.95, 0.95}),
+                                      MultiIndex<3>::filled(lattice));
+                return made;
+            };
+            const StrongPtr<Grid> first = destination("first"), second = destination("second");
+            state.ResumeTiming();
+            if (!EvalGrid(*first, *data.source, "scalar", *data.slice, {}, state.range(0) != 0)) std::abort();
+            state.PauseTiming();
+            malloc_trim(0);
+            std::ofstream("/proc/self/clear_refs") << "5";
+            const double before = bytesInMemory("VmRSS");
+            if (!EvalGrid(*second, *data.source, "scalar", *data.slice, {}, state.range(0) != 0)) std::abort();
+            peak = std::max(peak, bytesInMemory("VmHWM") - before);
+        }
+        state.ResumeTiming();
+    }
+    state.counters["peak_MiB"] = peak / (1 << 20);
+}
+
+/// A scalar on a uniform grid, and positions in it, in any order or along the rows of a lattice.
+struct UniformFixture {
+    StrongPtr<Slice> slice = Hestra::makeRef<Slice>();
+    StrongPtr<Grid> grid = slice->newGrid("uniform");
+    StrongPtr<MemArray<3, double>> values = MemArray<3, double>::create(MultiIndex<3>::filled(lattice));
+    StrongPtr<Field> positionsOfSource, field;
+    StrongPtr<MemArray<1, Point>> positions;
+
+    UniformFixture(std::size_t count, bool isInOrder) {
+        const UniformGrid3D source =
+            UniformGrid3D::create(*grid, Orvix::BoundingBox({-1, 0, 2}, {3, 1, 7}), MultiIndex<3>::filled(lattice));
+        for (index_t k = 0; k < values->nElements(); ++k) values->element(k) = std::sin(0.1 * static_cast<double>(k));
+        RegularGrid3D(grid).setField("scalar", values);
+        positionsOfSource = grid->CartesianPositions();
+        field = RegularGrid3D(grid).field("scalar");
+        std::vector<Point> points(count);
+        std::mt19937_64 random(7);
+        std::uniform_real_distribution<double> unit(0.0, 1.0);
+        const auto side = static_cast<std::size_t>(std::cbrt(static_cast<double>(count)) + 0.5);
+        for (std::size_t k = 0; k < count; ++k) {
+            const double s = 1.0 / static_cast<double>(side);
+            double u = s * static_cast<double>(k % side), v = s * static_cast<double>(k / side % side),
+                   w = s * static_cast<double>(k / side / side);
+            if (!isInOrder) {
+                u = unit(random);
+                v = unit(random);
+                w = unit(random);
+            }
+            points[k] = Point(-1 + 4 * u, v, 2 + 5 * w);
+        }
+        positions = makeMemArray1D(std::move(points));
+    }
+};
+
+UniformFixture& uniformFixture(benchmark::State& state) {
+    static std::unique_ptr<UniformFixture> kept;
+    static std::pair<std::int64_t, std::int64_t> which;
+    if (const auto wanted = std::make_pair(state.range(0), state.range(1)); !kept || which != wanted) {
+        kept.reset();
+        kept = std::make_unique<UniformFixture>(static_cast<std::size_t>(wanted.first), wanted.second != 0);
+        which = wanted;
+    }
+    return *kept;
+}
+
+/// What remains to be done at the least: an index, a trilinear interpolation and a store.
+void UniformPlainLoop(benchmark::State& state) {
+    UniformFixture& data = uniformFixture(state);
+    const auto n = static_cast<long long>(data.positions->nElements());
+    const Point* const positions = data.positions->data();
+    const double* const values = data.values->data();
+    const Memory memory(state.range(2) != 0);
+    for (auto _ : state) {
+        std::vector<double> out(static_cast<std::size_t>(n));
+        const double origin[3] = {-1, 0, 2},
+                     spacing[3] = {4.0 / (lattice - 1), 1.0 / (lattice - 1), 5.0 / (lattice - 1)};
+#pragma omp parallel for num_threads(static_cast <int>(state.range(3)))
+        for (long long k = 0; k < n; ++k) {
+            double t[3];
+            std::size_t i[3], step[3] = {1, lattice, lattice * lattice};
+            for (int d = 0; d < 3; ++d) {
+                const double x = std::min(std::max((positions[k][d] - origin[d]) / spacing[d], 0.0), lattice - 1.0);
+                i[d] = static_cast<std::size_t>(static_cast<long long>(x));
+                t[d] = x - static_cast<double>(i[d]);
+                if (i[d] + 1 == lattice) step[d] = 0;
+            }
+            const double* const at = values + i[0] + lattice * (i[1] + lattice * i[2]);
+            const auto row = [&](std::size_t o) { return at[o] * (1 - t[0]) + at[o + step[0]] * t[0]; };
+            const auto plane = [&](std::size_t o) { return row(o) * (1 - t[1]) + row(o + step[1]) * t[1]; };
+            out[static_cast<std::size_t>(k)] = plane(0) * (1 - t[2]) + plane(step[2]) * t[2];
+        }
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    state.SetItemsProcessed(state.iterations() * n);
+}
+
+/// `find` and the values, of an evaluator that is made for it.
+void UniformEvaluator(benchmark::State& state) {
+    UniformFixture& data = uniformFixture(state);
+    const TeamOf team(state.range(3));
+    const Memory memory(state.range(2) != 0);
+    GridEvaluator::Context context;
+    context.slice = data.slice;
+    context.grid = data.grid;
+    for (auto _ : state) {
+        GridEvaluator evaluator;
+        evaluator.find(data.positions, *data.positionsOfSource, context);
+        benchmark::DoNotOptimize(evaluator.evalKnownDataTypes(data.positions, *data.field));
+    }
+    const auto before = mallinfo2();
+    GridEvaluator evaluator;
+    evaluator.find(data.positions, *data.positionsOfSource, context);
+    const auto after = mallinfo2();
+    const auto n = static_cast<double>(data.positions->nElements());
+    state.counters["bytes_a_position"] =
+        (static_cast<double>(after.uordblks + after.hblkhd) - static_cast<double>(before.uordblks + before.hblkhd)) / n;
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(data.positions->nElements()));
+}
+
+BENCHMARK(PathInKnownCells)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(PathOneByOne)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(PathTogether)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(PathWithHint)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(KnownCells)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(Locate)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(LocateNeighbours)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -276,5 +480,14 @@ BENCHMARK_CAPTURE(Find, heard, true)->ArgName("exact")->Arg(0)->Arg(1)->Unit(ben
 BENCHMARK_CAPTURE(Find, unheard, false)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(FindAndEvaluate)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(EvaluateGrid)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(EvaluateGridOnce)->ArgName("exact")->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+#define VANTLE_UNIFORM(name)                                                                                           \
+    BENCHMARK(name)                                                                                                    \
+        ->ArgNames({"positions", "in_order", "kept", "threads"})                                                       \
+        ->ArgsProduct({{1000000, 10000000}, {0, 1}, {0, 1}, {1, 2}})                                                   \
+        ->Unit(benchmark::kMillisecond)                                                                                \
+        ->UseRealTime()
+VANTLE_UNIFORM(UniformPlainLoop);
+VANTLE_UNIFORM(UniformEvaluator);
 
 } // namespace

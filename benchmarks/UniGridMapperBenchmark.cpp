@@ -169,6 +169,38 @@ void ExactQuery(benchmark::State& state) {
     run(state, [](const Fixture& f, std::size_t k) { return bool(f.exact.locate(f.positions[k])); });
 }
 
+/// The same, many positions at once.
+template<class Locate>
+void runTogether(benchmark::State& state, const Locate& locate) {
+    const Fixture* const f = fixture(state);
+    if (!f) return;
+    const auto count = static_cast<std::ptrdiff_t>(f->positions.size());
+    constexpr std::ptrdiff_t Piece = 1 << 18;
+    long found = 0;
+    for (auto _ : state) {
+        found = 0;
+#pragma omp parallel for num_threads(static_cast <int>(state.range(1))) reduction(+ : found)
+        for (std::ptrdiff_t begin = 0; begin < count; begin += Piece) {
+            const auto n = static_cast<std::size_t>(std::min(Piece, count - begin));
+            std::vector<Vantle::CellLocation> places(n);
+            locate(*f, std::span(f->positions).subspan(static_cast<std::size_t>(begin), n), places);
+            for (std::size_t k = 0; k < n; ++k) found += bool(places[k]);
+        }
+    }
+    state.SetItemsProcessed(state.iterations() * count);
+    state.counters["found"] = static_cast<double>(found) / static_cast<double>(count);
+}
+void UniGridQueryTogether(benchmark::State& state) {
+    runTogether(state, [](const Fixture& f, std::span<const Point> points, std::span<Vantle::CellLocation> found) {
+        f.mapper.locate(points, found, Epsilon);
+    });
+}
+void ExactQueryTogether(benchmark::State& state) {
+    runTogether(state, [](const Fixture& f, std::span<const Point> points, std::span<Vantle::CellLocation> found) {
+        f.exact.locate(points, found);
+    });
+}
+
 BENCHMARK(BoxOfVertices)->ArgName("cells")->Arg(128)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BuildUniGridMapper)->ArgName("cells")->Arg(128)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BuildExactCellLocator)->ArgName("cells")->Arg(128)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -183,7 +215,9 @@ BENCHMARK(BuildTreeCellMapper)->ArgName("cells")->Arg(128)->Unit(benchmark::kMil
         ->UseRealTime()
 VANTLE_QUERY(SolveInKnownCell);
 VANTLE_QUERY(UniGridQuery);
+VANTLE_QUERY(UniGridQueryTogether);
 VANTLE_QUERY(ExactSolveInKnownCell);
 VANTLE_QUERY(ExactQuery);
+VANTLE_QUERY(ExactQueryTogether);
 
 } // namespace

@@ -2,16 +2,13 @@
 include(CMakePackageConfigHelpers)
 
 set(packageDir "${CMAKE_INSTALL_LIBDIR}/cmake/Vantle")
-install(EXPORT VantleTargets NAMESPACE Vantle:: DESTINATION "${packageDir}")
-if(VANTLE_BUILD_PARALLEL) # by itself: who does not ask for it needs no MPI
-  install(EXPORT VantleParallelTargets NAMESPACE Vantle:: DESTINATION "${packageDir}")
-endif()
+install(EXPORT VantleTargets NAMESPACE Vantle:: DESTINATION "${packageDir}" COMPONENT development)
 configure_package_config_file(
   "${PROJECT_SOURCE_DIR}/cmake/VantleConfig.cmake.in" "${PROJECT_BINARY_DIR}/VantleConfig.cmake"
   INSTALL_DESTINATION "${packageDir}")
 write_basic_package_version_file("${PROJECT_BINARY_DIR}/VantleConfigVersion.cmake" COMPATIBILITY SameMinorVersion)
 install(FILES "${PROJECT_BINARY_DIR}/VantleConfig.cmake" "${PROJECT_BINARY_DIR}/VantleConfigVersion.cmake"
-  DESTINATION "${packageDir}")
+  DESTINATION "${packageDir}" COMPONENT development)
 
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
   set(pcPrefix "${CMAKE_INSTALL_PREFIX}")
@@ -31,7 +28,8 @@ function(vantle_pkgconfig name description requires)
   set(pcDescription "${description}")
   set(pcRequires "${requires}")
   configure_file("${PROJECT_SOURCE_DIR}/cmake/vantle.pc.in" "${PROJECT_BINARY_DIR}/vantle-${lower}.pc" @ONLY)
-  install(FILES "${PROJECT_BINARY_DIR}/vantle-${lower}.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+  install(FILES "${PROJECT_BINARY_DIR}/vantle-${lower}.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
+    COMPONENT development)
 endfunction()
 
 vantle_pkgconfig(Model "Data model for scientific visualization" "")

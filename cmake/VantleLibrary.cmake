@@ -1,10 +1,22 @@
 include(GenerateExportHeader)
 
-# vantle_library(<name> [<own header>...]): the shared library Vantle::<name> from all sources below the current directory.
+# vantle_library(<name> [PART <part>] [OWN <header>...]): the shared library Vantle::<name> from all sources below the
+# current directory.
 #
 # Headers are public, are found relative to the root of the source tree, and must compile on their own, but for the own
-# ones, which are not installed. Targets are exported with the package, or with the component VANTLE_EXPORT_SET. The macro that exports a symbol is VANTLE_<NAME>_API, in <folder>/<name>Export.hpp.
+# ones, which are not installed. The macro that exports a symbol is VANTLE_<NAME>_API, in <folder>/<name>Export.hpp.
+#
+# What needs more than the base does is a part: it is installed by components of its own, <part>-runtime and
+# <part>-development beside the base's `runtime` and `development`, and its targets are in Vantle<name>Targets.cmake,
+# which the package reads only for those who ask for the component <name>.
 function(vantle_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "PART" "OWN")
+  set(component "")
+  set(export VantleTargets)
+  if(arg_PART)
+    set(component "${arg_PART}-")
+    set(export Vantle${name}Targets)
+  endif()
   set(target Vantle${name})
   string(TOUPPER ${name} upper)
   string(TOLOWER ${name} lower)
@@ -12,7 +24,7 @@ function(vantle_library name)
 
   file(GLOB_RECURSE sources CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.cpp")
   file(GLOB_RECURSE headers CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*.hpp")
-  foreach(own IN LISTS ARGN)
+  foreach(own IN LISTS arg_OWN)
     list(REMOVE_ITEM headers "${CMAKE_CURRENT_SOURCE_DIR}/${own}")
   endforeach()
   if(NOT sources)
@@ -58,15 +70,16 @@ function(vantle_library name)
     endif()
   endif()
 
-  set(exportSet VantleTargets)
-  if(VANTLE_EXPORT_SET)
-    set(exportSet ${VANTLE_EXPORT_SET})
-  endif()
   install(TARGETS ${target}
-    EXPORT ${exportSet}
+    EXPORT ${export}
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
-    FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/vantle"
-    FILE_SET generated DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/vantle")
+      COMPONENT ${component}runtime NAMELINK_COMPONENT ${component}development
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT ${component}development
+    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT ${component}runtime
+    FILE_SET HEADERS DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/vantle" COMPONENT ${component}development
+    FILE_SET generated DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/vantle" COMPONENT ${component}development)
+  if(arg_PART)
+    install(EXPORT ${export} NAMESPACE Vantle:: DESTINATION "${CMAKE_INSTALL_LIBDIR}/cmake/Vantle"
+      COMPONENT ${component}development)
+  endif()
 endfunction()

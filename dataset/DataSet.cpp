@@ -1,4 +1,3 @@
-#include <baseop/DerivedQuantities.hpp>
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/location/Tiling.hpp>
@@ -14,16 +13,16 @@
 namespace Vantle {
 
 using detail::DataSetBlock;
-using detail::Meter;
 using detail::quoted;
+using Hestra::Pulse;
 using Hestra::StrongPtr;
 
 namespace {
 
 constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
 
-StrongPtr<CreativeArrayBase> creatorOf(const StrongPtr<MemBase>& array) {
-    return array ? StrongPtr<CreativeArrayBase>(new CreativeArray(array)) : StrongPtr<CreativeArrayBase>();
+StrongPtr<CreativeArrayBase> creatorOf(const StrongPtr<MemBase>& array, const StrongPtr<Hestra::Cache>& cache) {
+    return array ? StrongPtr<CreativeArrayBase>(new detail::GivenArray(array, cache)) : StrongPtr<CreativeArrayBase>();
 }
 
 /// The same creators for fragments of a collection.
@@ -52,6 +51,14 @@ BlockKind kindOf(CreativeArrayBase& positions) {
     if (!positions.hasData() && inDoublePrecision(positions.elementType()) == VantleTypeIndex(typeid(Point)))
         return BlockKind::Curvilinear;
     return kindOf(positions.getData());
+}
+
+/// What `f` gives, as a part of what is going on.
+template<class F>
+auto within(double from, double to, const F& f) {
+    const Pulse::Part part(from, to);
+    Pulse::beat(0.0);
+    return f();
 }
 
 std::string textOf(double number) {
@@ -85,7 +92,7 @@ DataSet::DataSet(const StrongPtr<Grid>& grid, double time) : DataSet(time) {
 }
 
 DataSet DataSet::read(const std::vector<std::filesystem::path>& files, const ReadOptions& options) {
-    const Hestra::ScopedListener silence({});
+    const Hestra::ScopedListener heard(detail::messages());
     if (files.empty()) throw DataSetError("no files to read");
     Plot3DReading reading;
     reading.cache = Hestra::makeRef<Hestra::Cache>();
@@ -145,7 +152,7 @@ DataSet::Step& DataSet::ownStep() { return *myState->find(myTime); }
 void DataSet::addBlock(const std::string& name, const StrongPtr<MemBase>& positions) {
     if (kindOf(positions) == BlockKind::Other)
         throw DataSetError("block " + quoted(name) + ": the positions are no points with three indices");
-    addBlock(name, creatorOf(positions));
+    addBlock(name, creatorOf(positions, cache()));
 }
 
 void DataSet::addBlock(const std::string& name, const StrongPtr<CreativeArrayBase>& positions) {
@@ -195,7 +202,7 @@ void DataSet::addRectilinearBlock(const std::string& name, std::vector<double> x
 
 void DataSet::setField(const std::string& field, const std::string& block, const StrongPtr<MemBase>& values) {
     if (!values) throw DataSetError("field " + quoted(field) + ": no values for block " + quoted(block));
-    setField(field, block, creatorOf(values));
+    setField(field, block, creatorOf(values, cache()));
 }
 
 void DataSet::setField(const std::string& field, const std::string& block, const StrongPtr<CreativeArrayBase>& values) {
@@ -235,7 +242,7 @@ void DataSet::setField(const std::string& field, const std::string& block, const
 
 void DataSet::removeField(const std::string& field) {
     if (Step::isReserved(field) || !step().representation->findField(field))
-        throw DataSetError(detail::unknownName("field", field, step().fieldNames()));
+        throw detail::unknownName("field", field, step().fieldNames());
     DataSet result = changed();
     result.ownStep().setField(field, nullptr);
     *this = std::move(result);
@@ -251,7 +258,7 @@ void DataSet::setMask(const char* mask, const std::string& block, const StrongPt
         const StrongPtr<Field> all =
             copyOf(own.representation->findField(mask), own.positions()->getFragmentIDCollection());
         if (array)
-            all->setCreator(creatorOf(array), at.id);
+            all->setCreator(creatorOf(array, cache()), at.id);
         else
             all->removeData(at.id);
         bool isEmpty = true;
@@ -311,7 +318,7 @@ DataSet DataSet::atTime(double time) const {
 }
 
 std::vector<BlockInfo> DataSet::blocks() const {
-    const Hestra::ScopedListener silence({});
+    const Hestra::ScopedListener heard(detail::messages());
     std::vector<BlockInfo> all;
     for (const DataSetBlock& block : step().blocks())
         all.push_back({block.name(), block.size(), block.positions ? kindOf(*block.positions) : BlockKind::Other});
@@ -339,7 +346,7 @@ std::vector<FieldInfo> DataSet::fields() const {
 std::vector<Point> DataSet::positions(const std::string& block) const {
     return detail::request("positions of block " + quoted(block), [&] {
         const DataSetBlock at = step().block(block);
-        (void)step().data(PositionsName, *step().positions(), at);
+        (void)step().reading({}, [&] { return step().data(PositionsName, *step().positions(), at); });
         std::vector<Point> all;
         std::visit(
             [&](const auto& points) {
@@ -357,31 +364,122 @@ std::vector<Point> DataSet::positions(const std::string& block) const {
     });
 }
 
+StrongPtr<MemBase> DataSet::positionArray(const std::string& block) const {
+    return detail::request("positions of block " + quoted(block),
+                           [&] { return step().data(PositionsName, *step().positions(), step().block(block)); });
+}
+
+std::array<std::vector<double>, 3> DataSet::axes(const std::string& block) const {
+    const detail::FragmentCoordinates positions(positionArray(block));
+    std::array<std::vector<double>, 3> all;
+    bool isProduct = false;
+    positions.visitProducts([&](const auto& points) {
+        isProduct = true;
+        for (int d = 0; d < 3; ++d) {
+            MultiIndex<3> n;
+            for (; n[d] < points.Size()[d]; ++n[d]) all[static_cast<std::size_t>(d)].push_back(points[n][d]);
+        }
+    });
+    if (!isProduct) throw DataSetError("block " + quoted(block) + " is curvilinear, and has no coordinate axes");
+    return all;
+}
+
+StrongPtr<MemBase> DataSet::maskOf(const char* mask, const std::string& block) const {
+    return detail::request("mask of block " + quoted(block), [&] {
+        const DataSetBlock at = step().block(block);
+        const StrongPtr<Field> of = step().representation->findField(mask);
+        return of ? readData(*of, at.id) : StrongPtr<MemBase>();
+    });
+}
+StrongPtr<MemBase> DataSet::vertexMask(const std::string& block) const { return maskOf(VertexMaskName, block); }
+StrongPtr<MemBase> DataSet::cellMask(const std::string& block) const { return maskOf(CellMaskName, block); }
+
+bool DataSet::hasValues(const std::string& field, const std::string& block) const {
+    return detail::request("field " + quoted(field), [&] {
+        const DataSetBlock at = step().block(block);
+        const StrongPtr<Field> of = step().field(field);
+        return static_cast<bool>(of->getCreator(at.id));
+    });
+}
+
+std::vector<std::vector<Point>> DataSet::edges(const std::string& block) const {
+    const std::vector<Point> all = positions(block);
+    const MultiIndex<3> size = sizeOf(block);
+    std::vector<std::vector<Point>> lines;
+    for (int axis = 0; axis < 3 && !all.empty(); ++axis)
+        for (const int edge : {0, 1, 2, 3}) {
+            MultiIndex<3> n;
+            for (const int side : {0, 1})
+                if (edge >> side & 1) n[(axis + 1 + side) % 3] = size[(axis + 1 + side) % 3] - 1;
+            std::vector<Point>& line = lines.emplace_back();
+            for (; n[axis] < size[axis]; ++n[axis]) line.push_back(all[n.linear(size)]);
+        }
+    return lines;
+}
+
+DataSet DataSet::block(const std::string& name) const {
+    const DataSetBlock only = step().block(name);
+    DataSet result(step().time);
+    Step& own = result.ownStep();
+    result.myState->cache = own.cache = step().cache;
+    own.joins = step().joins;
+    const StrongPtr<FragmentIDCollection> collection = Hestra::makeRef<FragmentIDCollection>();
+    const StrongPtr<FragmentID> id = only.id ? StrongPtr<FragmentID>(collection->makeFragmentID(name)) : nullptr;
+    step().representation->iterate([&](const FieldID& field, const Field& all) {
+        const StrongPtr<CreativeArrayBase> creator = all.getCreator(only.id);
+        if (!creator) return true;
+        const StrongPtr<Field> one = Hestra::makeRef<Field>(collection);
+        one->setCreator(creator, id);
+        if (field.name() == PositionsName)
+            own.setPositions(one);
+        else
+            own.setField(field.name(), one);
+        return true;
+    });
+    return result;
+}
+
 StrongPtr<MemBase> DataSet::array(const std::string& field, const std::string& block) const {
     return detail::request("field " + quoted(field), [&] {
         const StrongPtr<Field> of = step().field(field);
-        StrongPtr<MemBase> data = step().data(field, *of, step().block(block));
+        StrongPtr<MemBase> data = step().reading({field}, [&] { return step().data(field, *of, step().block(block)); });
         if (!data) throw DataSetError("field " + quoted(field) + " has no values in block " + quoted(block));
         return data;
     });
 }
 
 Box DataSet::bounds(const Progress& progress) const {
-    return detail::request("bounds", [&] {
-        const auto box = step().boxes(Meter(progress))->all();
+    return detail::request("bounds", progress, [&] {
+        const auto box = step().reading({}, [&] { return step().boxes(); })->all();
         return box ? Box{box->least, box->greatest} : Box{{NaN, NaN, NaN}, {NaN, NaN, NaN}};
     });
 }
 
 NumberRange DataSet::range(const std::string& field, const Progress& progress) const {
-    return detail::request("range of field " + quoted(field), [&] {
-        return step().numbers(field, Meter(progress))->all().value_or(NumberRange{NaN, NaN});
+    return detail::request("range of field " + quoted(field), progress, [&] {
+        const auto numbers = step().reading({field}, [&] { return step().numbers(field); });
+        return numbers->all().value_or(NumberRange{NaN, NaN});
     });
 }
 
-StrongPtr<const BlockJoins> DataSet::joins() const {
-    return detail::request("joins",
-                           [&] { return StrongPtr<const BlockJoins>(BlockJoins::of(*step().grid, step().joins)); });
+std::optional<NumberRange> DataSet::knownRange(const std::string& field) const {
+    const StrongPtr<Field> of = step().representation->findField(field);
+    const auto known = of ? step().knownNumbers(field, *of) : nullptr;
+    return known ? std::optional(known->all().value_or(NumberRange{NaN, NaN})) : std::nullopt;
+}
+
+StrongPtr<const BlockJoins> DataSet::knownJoins() const {
+    const StrongPtr<Field> positions = step().positions();
+    const auto kept = positions->findInterface<BlockJoins>();
+    return kept && kept->options() == step().joins ? BlockJoins::of(*step().grid, step().joins)
+                                                   : StrongPtr<const BlockJoins>();
+}
+
+StrongPtr<const BlockJoins> DataSet::joins(const Progress& progress) const {
+    return detail::request("joins", progress, [&] {
+        return step().reading({},
+                              [&] { return StrongPtr<const BlockJoins>(BlockJoins::of(*step().grid, step().joins)); });
+    });
 }
 
 // ---- Surfaces -------------------------------------------------------------------------------------------------------
@@ -392,30 +490,34 @@ Surface DataSet::contour(const std::string& field, double level, const ContourOp
 
 std::vector<Surface> DataSet::contours(const std::string& field, std::span<const double> levels,
                                        const ContourOptions& options) const {
-    return detail::request("contour of field " + quoted(field), [&] {
+    return detail::request("contour of field " + quoted(field), options.progress, [&] {
         const Step& now = step();
-        const Meter meter(options.progress);
         const StrongPtr<Field> of = now.field(field, 1);
         for (const double level : levels)
             if (std::isnan(level)) throw DataSetError("contour of field " + quoted(field) + ": a level that is NaN");
-        const auto numbers = now.numbers(field, meter.part(0.0, 0.3));
-        std::vector<Surface> all;
-        for (const double level : levels) {
-            const double from = 0.3 + 0.7 * static_cast<double>(all.size()) / static_cast<double>(levels.size());
-            all.push_back(now.surface(field, of, *numbers, level, options.values, options.normals,
-                                      meter.part(from, from + 0.7 / static_cast<double>(levels.size()))));
-        }
-        return all;
+        Fields needed = options.values;
+        needed.push_back(field);
+        return now.reading(needed, [&] {
+            const auto numbers = within(0.0, 0.3, [&] { return now.numbers(field); });
+            std::vector<Surface> all;
+            for (const double level : levels) {
+                const double each = 0.7 / static_cast<double>(levels.size());
+                const double from = 0.3 + each * static_cast<double>(all.size());
+                all.push_back(within(from, from + each, [&] {
+                    return now.surface(field, of, *numbers, level, options.values, options.normals);
+                }));
+            }
+            return all;
+        });
     });
 }
 
 Surface DataSet::slice(const Plane& plane, const Fields& fields, const Progress& progress) const {
-    return detail::request("slice", [&] {
+    return detail::request("slice", progress, [&] {
         const Step& now = step();
-        const Meter meter(progress);
-        const StrongPtr<Field> distance = makePlaneDistance(now.positions(), plane.origin, plane.normal, now.cache);
         const double norm = length(plane.normal);
-        const auto boxes = now.boxes(meter.part(0.0, 0.3));
+        if (!(norm > 0.0) || !std::isfinite(norm)) throw DataSetError("slice: a plane whose normal has no length");
+        const auto boxes = now.reading({}, [&] { return within(0.0, 0.3, [&] { return now.boxes(); }); });
         detail::FieldNumbers numbers; // what the boxes leave possible
         for (const auto& box : boxes->blocks) {
             numbers.blocks.emplace_back();
@@ -429,36 +531,40 @@ Surface DataSet::slice(const Plane& plane, const Fields& fields, const Progress&
             }
             numbers.blocks.back() = {NumberRange{middle - reach, middle + reach}, box->hasNaN};
         }
-        return now.surface("distance from the plane", distance, numbers, 0.0, fields, false, meter.part(0.3, 1.0));
+        const Pulse::Part part(0.3, 1.0);
+        return now.reading(
+            fields, [&] { return now.surface(PositionsName, now.positions(), numbers, 0.0, fields, false, &plane); });
     });
 }
 
-Surface DataSet::boundary(const Fields& fields) const {
-    return detail::request("boundary", [&] { return step().hull(fields); });
+Surface DataSet::slice(const IndexPlane& plane, const Fields& fields, const Progress& progress) const {
+    return detail::request("slice", progress,
+                           [&] { return step().reading(fields, [&] { return step().layer(plane, fields); }); });
+}
+
+Surface DataSet::boundary(const Fields& fields, const Progress& progress) const {
+    return detail::request("boundary", progress,
+                           [&] { return step().reading(fields, [&] { return step().hull(fields); }); });
 }
 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
 
 Located DataSet::locate(std::span<const Point> positions, const Progress& progress) const {
-    return detail::request("location", [&] {
-        const Meter meter(progress);
-        const auto locator = step().locator();
+    return detail::request("location of " + std::to_string(positions.size()) + " positions", progress, [&] {
         auto located =
-            std::make_shared<const LocatedPositions>(*locator, positions, [&](double share) { meter(share); });
-        meter(1.0);
+            step().reading({}, [&] { return std::make_shared<const LocatedPositions>(step().locate(positions)); });
         return Located(std::move(located), *this);
     });
 }
 
 DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
                           const Progress& progress) const {
-    return detail::request("resampling", [&] {
+    return detail::request("resampling to " + to_string(size) + " vertices", progress, [&] {
         for (int d = 0; d < 3; ++d)
             if (!(box.low[d] < box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] < 2)
                 throw DataSetError("resampling: an empty box, or less than two vertices, along axis " +
                                    std::to_string(d));
         const Step& now = step();
-        const Meter meter(progress);
         struct Target {
             std::string name;
             StrongPtr<Field> field;
@@ -469,7 +575,7 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
         std::vector<Target> targets;
         for (const std::string& name : fields) {
             Target target{name, now.field(name), 0, nullptr, nullptr};
-            target.components = now.components(*target.field);
+            target.components = now.knownComponents(name, *target.field);
             const auto make = [&]<class T>(T fill) {
                 for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = NaN;
                 const auto array = MemArray<3, T>::create(size);
@@ -492,51 +598,61 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
             }
             targets.push_back(target);
         }
-        const auto locator = now.locator();
         const UniformCartesianArray lattice(Orvix::BoundingBox(box.low, box.high), size);
         const auto mask = MemArray<3, unsigned char>::create(size);
         std::size_t found = 0;
 
-        // Slabs of the lattice, as thick as memory allows; within them, neighbours are located together.
-        constexpr index_t AtOnce = index_t{1} << 18;
-        const index_t rows = std::clamp<index_t>(AtOnce / size[0], 1, size[1]);
-        const index_t layers = std::clamp<index_t>(AtOnce / (size[0] * rows), 1, size[2]);
+        // Tiles of the lattice, as even as may be, so that each has to do with few blocks; within them, neighbours are
+        // located together.
+        const index_t atOnce = index_t{1} << (now.isLocatedByBlocks() ? 19 : 18); // blocks are read again for each
+        MultiIndex<3> step = size;
+        while (step.product() > atOnce) {
+            int longest = 0;
+            for (int d = 1; d < 3; ++d)
+                if (step[d] > step[longest]) longest = d;
+            step[longest] = (step[longest] + 1) / 2;
+        }
         std::vector<Point> positions;
         std::vector<std::size_t> place;
         std::vector<double> values;
-        for (index_t k = 0; k < size[2]; k += layers)
-            for (index_t j = 0; j < size[1]; j += rows) {
-                const MultiIndex<3> slab(size[0], std::min(rows, size[1] - j), std::min(layers, size[2] - k));
-                const double from = static_cast<double>(j + size[1] * k) / static_cast<double>(size[1] * size[2]);
-                meter(from);
-                positions.clear();
-                place.clear();
-                const detail::Tiling tiling(slab);
-                for (index_t tile = 0; tile < tiling.count(); ++tile)
-                    tiling.forEachIn(tile, [&](std::size_t, const MultiIndex<3>& n) {
-                        const MultiIndex<3> at = n + MultiIndex<3>(0, j, k);
-                        positions.push_back(lattice[at]);
-                        place.push_back(static_cast<std::size_t>(at.linear(size)));
-                    });
-                const LocatedPositions located(*locator, positions, [&](double) { meter(from); });
-                for (std::size_t n = 0; n < place.size(); ++n)
-                    mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;
-                found += located.found();
-                if (located.found() == 0) continue;
-                for (const Target& target : targets) {
-                    const auto components = static_cast<std::size_t>(target.components);
-                    values.assign(components * place.size(), NaN);
-                    now.sample(located, target.name, *target.field, target.components, values, {},
-                               meter.part(from, from));
+        double done = 0.0;
+        MultiIndex<3> start;
+        for (start[2] = 0; start[2] < size[2]; start[2] += step[2])
+            for (start[1] = 0; start[1] < size[1]; start[1] += step[1])
+                for (start[0] = 0; start[0] < size[0]; start[0] += step[0]) {
+                    MultiIndex<3> extents;
+                    for (int d = 0; d < 3; ++d) extents[d] = std::min(step[d], size[d] - start[d]);
+                    const double each = static_cast<double>(extents.product()) / static_cast<double>(size.product());
+                    const Pulse::Part part(done, done + each);
+                    done += each;
+                    positions.clear();
+                    place.clear();
+                    const detail::Tiling tiling(extents);
+                    for (index_t tile = 0; tile < tiling.count(); ++tile)
+                        tiling.forEachIn(tile, [&](std::size_t, const MultiIndex<3>& n) {
+                            const MultiIndex<3> at = n + start;
+                            positions.push_back(lattice[at]);
+                            place.push_back(static_cast<std::size_t>(at.linear(size)));
+                        });
+                    const LocatedPositions located =
+                        now.reading({}, [&] { return within(0.0, 0.7, [&] { return now.locate(positions); }); });
+                    const Pulse::Part sampling(0.7, 1.0);
                     for (std::size_t n = 0; n < place.size(); ++n)
-                        std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
+                        mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;
+                    found += located.found();
+                    if (located.found() == 0) continue;
+                    for (const Target& target : targets) {
+                        const auto components = static_cast<std::size_t>(target.components);
+                        values.assign(components * place.size(), NaN);
+                        now.sample(located, target.name, *target.field, target.components, values, {});
+                        for (std::size_t n = 0; n < place.size(); ++n)
+                            std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
+                    }
                 }
-            }
         DataSet result(now.time);
         result.addUniformBlock("image", size, box);
         for (const Target& target : targets) result.setField(target.name, "image", target.array);
         if (found != size.product()) result.setVertexMask("image", StrongPtr<MemBase>(mask));
-        meter(1.0);
         return result;
     });
 }
@@ -557,14 +673,14 @@ std::string DataSet::magnitude(const std::string& vector) const { return derived
 DataSet DataSet::threshold(const std::string& field, double low, double high) const {
     return detail::request("threshold of field " + quoted(field), [&] {
         const StrongPtr<Field> of = step().field(field, 1);
-        const StrongPtr<Field> mask = makeMaskOfRange(of, low, high, step().representation);
+        const StrongPtr<Field> mask = makeMaskOfRange(of, low, high, step().representation, step().cache);
         DataSet result = changed();
         Step& own = result.ownStep();
         const StrongPtr<Field> all = copyOf(mask, own.positions()->getFragmentIDCollection());
         for (const DataSetBlock& block : own.blocks()) // without values nothing is in range
             if (!all->getCreator(block.id))
-                all->setCreator(creatorOf(MemArray<3, unsigned char>::create(block.size())), block.id);
-        own.setMask(VertexMaskName, all);
+                all->setCreator(creatorOf(MemArray<3, unsigned char>::create(block.size()), own.cache), block.id);
+        own.setMask(VertexMaskName, all, step().sourcesOf(field));
         return result;
     });
 }
@@ -572,11 +688,13 @@ DataSet DataSet::threshold(const std::string& field, double low, double high) co
 // ---- Files ----------------------------------------------------------------------------------------------------------
 
 void DataSet::write(const std::filesystem::path& file, const Fields& fields, const VtkOptions& options) const {
-    detail::request("writing " + file.string(), [&] {
+    (void)detail::request("writing " + file.string(), options.progress, [&] {
         const StrongPtr<Grid> written = step().view();
         const Fields all = fields.empty() ? step().fieldNames() : fields;
         for (const std::string& name : all) written->getCartesianRepresentation()->setField(name, step().field(name));
-        writeVtk(file, *written, all, options);
+        VtkOptions heard = options;
+        heard.progress = [](double share) { return Pulse::beat(share), true; };
+        return step().reading(all, [&] { return writeVtk(file, *written, all, heard), true; });
     });
 }
 

@@ -10,15 +10,18 @@
 #include <dataset/DataSetError.hpp>
 #include <dataset/Files.hpp>
 #include <dataset/Located.hpp>
+#include <dataset/Messages.hpp>
 #include <dataset/Progress.hpp>
 #include <dataset/Surface.hpp>
 #include <dataset/Values.hpp>
 #include <model/vantle/Bundle.hpp>
 
+#include <array>
 #include <filesystem>
 #include <functional>
 #include <limits>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <type_traits>
@@ -67,6 +70,17 @@ struct VANTLE_DATASET_API Plane {
     [[nodiscard]] static Plane z(double at) { return {{0, 0, at}, {0, 0, 1}}; }
 };
 
+/// A layer of vertices of a block: all that have this index along one axis.
+struct VANTLE_DATASET_API IndexPlane {
+    std::string block;
+    int axis = 2;
+    index_t index = 0;
+
+    [[nodiscard]] static IndexPlane i(const std::string& block, index_t at) { return {block, 0, at}; }
+    [[nodiscard]] static IndexPlane j(const std::string& block, index_t at) { return {block, 1, at}; }
+    [[nodiscard]] static IndexPlane k(const std::string& block, index_t at) { return {block, 2, at}; }
+};
+
 /// What a contour is asked to have beside points and triangles.
 struct ContourOptions {
     /// Fields whose values are wanted at the points.
@@ -86,11 +100,12 @@ struct ContourOptions {
 ///              joined blocks.
 /// Missing      a field may be missing in some blocks: there is no contour of it there, and no value. Derivatives
 ///              need it everywhere.
-/// Failure      DataSetError, or FileError from data that are read from files; what fails, and what is cancelled, has
+/// Failure      DataSetError, lack of memory included, or FileError from data that are read from files; what fails, and
+/// what is cancelled, has
 ///              changed nothing. A name that is unknown is answered with those that there are, the nearest first.
 /// Concurrency  const members from any number of threads, of one object and of copies of it. Members that change it
 ///              need it for themselves, but not its copies. Everything uses all cores.
-/// Messages     none.
+/// Messages     none, unless there are `ScopedMessages`.
 class VANTLE_DATASET_API DataSet {
 public:
     using Fields = std::vector<std::string>;
@@ -158,7 +173,7 @@ public:
     /// How much memory is kept, together with all copies, of what can be had again: what was read from files, or was
     /// derived. Beyond that, what was not used for longest goes. Unlimited by default.
     void memoryBudget(std::size_t bytes);
-    /// What the budget is about: for creators of a caller's own.
+    /// What the budget is about, masks and what is converted included: for creators of a caller's own.
     [[nodiscard]] const Hestra::StrongPtr<Hestra::Cache>& cache() const noexcept;
 
     // ---- What is there
@@ -175,6 +190,21 @@ public:
     [[nodiscard]] std::vector<FieldInfo> fields() const;
     /// The positions of a block's vertices, axis 0 fastest.
     [[nodiscard]] std::vector<Point> positions(const std::string& block) const;
+    /// The array that has them: of points in double or single precision, or computed.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> positionArray(const std::string& block) const;
+    /// The coordinates along x, y and z that the positions of a uniform or rectilinear block are made of. Failure: also
+    /// for other blocks.
+    [[nodiscard]] std::array<std::vector<double>, 3> axes(const std::string& block) const;
+    /// The masks of a block as they were set; null where nothing is masked.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> vertexMask(const std::string& block) const;
+    [[nodiscard]] Hestra::StrongPtr<MemBase> cellMask(const std::string& block) const;
+    /// Whether a field, or one that is derived, has values in a block. Failure: also for an unknown field.
+    [[nodiscard]] bool hasValues(const std::string& field, const std::string& block) const;
+    /// The edges of a block as lines through its vertices, for pictures: four along each axis, those along axis 0
+    /// first. Where a block is flat, some are the same, or points.
+    [[nodiscard]] std::vector<std::vector<Point>> edges(const std::string& block) const;
+    /// A block by itself, with its fields and masks, at the present time. Everything is shared, and the budget, too.
+    [[nodiscard]] DataSet block(const std::string& name) const;
     /// The array of a field, or of a field that is derived, in a block.
     [[nodiscard]] Hestra::StrongPtr<MemBase> array(const std::string& field, const std::string& block) const;
 
@@ -182,8 +212,12 @@ public:
     [[nodiscard]] Box bounds(const Progress& progress = {}) const;
     /// Least and greatest number of a scalar at valid vertices, -0 before +0; NaN when there are none.
     [[nodiscard]] NumberRange range(const std::string& field, const Progress& progress = {}) const;
+    /// The same if it is known by now, because it was asked for; else nothing. No data are looked at.
+    [[nodiscard]] std::optional<NumberRange> knownRange(const std::string& field) const;
     /// Which faces of which blocks are the same; blocks are numbered as by `blocks`.
-    [[nodiscard]] Hestra::StrongPtr<const BlockJoins> joins() const;
+    [[nodiscard]] Hestra::StrongPtr<const BlockJoins> joins(const Progress& progress = {}) const;
+    /// The same if they are known by now; else null.
+    [[nodiscard]] Hestra::StrongPtr<const BlockJoins> knownJoins() const;
 
     // ---- Surfaces
 
@@ -204,21 +238,34 @@ public:
     /// Degenerate  a plane that only touches the blocks from within gives an empty surface.
     [[nodiscard]] Surface slice(const Plane& plane, const Fields& fields = {}, const Progress& progress = {}) const;
 
+    /// A layer of a block, with the values of fields at its vertices: `slice(IndexPlane::k("wing", 0), {"pressure"})`.
+    /// Of faces between four of its vertices, those that a valid cell has. Triangles show along the axis where the
+    /// block's indices are right-handed. A block with one vertex along an axis is itself a layer.
+    ///
+    /// Degenerate  sides of no length, as at poles, leave one triangle of a face, or none; faces with a vertex that is
+    ///             nowhere (NaN) are left out.
+    /// Failure     also for a layer that there is not, and for a field that the block has not.
+    [[nodiscard]] Surface slice(const IndexPlane& plane, const Fields& fields = {},
+                                const Progress& progress = {}) const;
+
     /// The outer hull of all blocks, of what is valid: all faces that are joined to no other, with the values of fields
     /// there. Triangles show outward. Failure: also for a field that a block of the hull has not.
-    [[nodiscard]] Surface boundary(const Fields& fields = {}) const;
+    [[nodiscard]] Surface boundary(const Fields& fields = {}, const Progress& progress = {}) const;
 
     // ---- Values elsewhere
 
     /// Finds positions in the blocks, and keeps where they are. Neighbours in order should be neighbours in space.
     ///
     /// Ties    the first block has a position on a common face.
-    /// Memory  28 bytes a position; search structures of some 13 bytes a cell of curvilinear blocks are kept.
+    /// Memory  28 bytes a position; search structures of some 13 bytes a cell of curvilinear blocks are kept, with the
+    ///         positions that they view. Where these exceed the budget, blocks are searched one by one and nothing is
+    ///         kept.
     [[nodiscard]] Located locate(std::span<const Point> positions, const Progress& progress = {}) const;
     /// Fields at the vertices of a uniform block that spans a box: NaN outside of all blocks, where the result is
     /// masked.
     ///
-    /// Memory   the result and some 20 MB. Failure: also for a box with an axis of no extent, and for less than two
+    /// Memory   the result and some 20 MB, by tiles; 40 MB where blocks are located one by one. Failure: also for a box
+    /// with an axis of no extent, and for less than two
     ///          vertices along an axis.
     [[nodiscard]] DataSet resample(const MultiIndex<3>& size, const Box& box, const Fields& fields,
                                    const Progress& progress = {}) const;
@@ -266,6 +313,7 @@ private:
     Step& ownStep();
     void setMask(const char* mask, const std::string& block, const Hestra::StrongPtr<MemBase>& array);
     [[nodiscard]] std::string derived(const char* operation, const std::string& field) const;
+    [[nodiscard]] Hestra::StrongPtr<MemBase> maskOf(const char* mask, const std::string& block) const;
     [[nodiscard]] MultiIndex<3> sizeOf(const std::string& block) const;
 
     std::shared_ptr<State> myState;

@@ -1,5 +1,5 @@
 #pragma once
-/// The one exception of the data set layer.
+/// The exception of the data set layer.
 
 #include <dataset/DataSetExport.hpp>
 
@@ -13,6 +13,13 @@ class VANTLE_DATASET_API DataSetError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
     ~DataSetError() override;
+};
+
+/// A request by a name that there is not. `what()` lists those that there are, the nearest first.
+class VANTLE_DATASET_API UnknownName : public DataSetError {
+public:
+    using DataSetError::DataSetError;
+    ~UnknownName() override;
 };
 
 } // namespace Vantle

@@ -3,7 +3,6 @@
 
 namespace Vantle {
 
-using detail::Meter;
 using detail::quoted;
 using Hestra::StrongPtr;
 
@@ -26,20 +25,18 @@ std::span<const std::uint32_t> Located::blocks() const noexcept { return myPosit
 std::span<const Point> Located::places() const noexcept { return myPositions->places(); }
 
 Samples Located::sample(const std::string& field, double outside, const Progress& progress) const {
-    return detail::request("sampling of field " + quoted(field), [&] {
+    return detail::request("sampling of field " + quoted(field), progress, [&] {
         const DataSet::Step& step = myDataSet->step();
         if (!myOrigin.isCurrent()) throw DataSetError("blocks have changed since the positions were located");
         const StrongPtr<Field> of = step.field(field);
-        const int components = DataSet::Step::components(*of);
+        const int components = step.knownComponents(field, *of);
         auto mask = std::make_shared<std::vector<unsigned char>>(size());
-        const Meter meter(progress);
         const auto take = [&]<class T>(T fill) {
             for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = outside;
             const auto values = makeMemArray1D(std::vector<T>(size(), fill));
             const std::span<double> numbers(reinterpret_cast<double*>(values->getPtr()),
                                             size() * static_cast<std::size_t>(ElementTraits<T>::components));
-            step.sample(*myPositions, field, *of, components, numbers, *mask, meter);
-            meter(1.0);
+            step.sample(*myPositions, field, *of, components, numbers, *mask);
             return Samples(StrongPtr<MemBase>(values), mask);
         };
         switch (components) {

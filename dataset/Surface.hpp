@@ -30,6 +30,10 @@ public:
     /// Failure  DataSetError when there are no points, or no triangles, as one-dimensional arrays.
     explicit Surface(const Hestra::StrongPtr<Grid>& grid);
 
+    /// Several surfaces as one: their points and triangles one after the other, with the values that all of them have.
+    /// Copies, unless there is only one.
+    [[nodiscard]] static Surface together(const std::vector<Surface>& parts);
+
     [[nodiscard]] std::span<const Point> points() const noexcept;
     /// Each names three points.
     [[nodiscard]] std::span<const Triangle> triangles() const noexcept;
@@ -53,6 +57,9 @@ public:
     /// Writes points, triangles and all values as a VTK file (.vtp). Failure: FileError, see `writeVtk`.
     void write(const std::filesystem::path& file, const VtkOptions& options = {}) const;
 
+    /// The arrays of points and triangles, which keep them alive.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> pointArray() const noexcept;
+    [[nodiscard]] Hestra::StrongPtr<MemBase> triangleArray() const noexcept;
     /// The model's grid.
     [[nodiscard]] const Hestra::StrongPtr<Grid>& grid() const noexcept;
 

@@ -1,5 +1,5 @@
 #pragma once
-/// Values of a field at places: at the vertices of a surface, or at positions that somebody asked for.
+/// Values of a field at places: at the vertices of a surface or a block, or at positions that somebody asked for.
 
 #include <dataset/DataSetExport.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
@@ -26,8 +26,8 @@ class VANTLE_DATASET_API Values {
 public:
     /// No values.
     Values() = default;
-    /// Those of an array of rank 1, of numbers, vectors, points or tensors; of others, as of a null handle, none.
-    /// Numbers that are not `double` are copied, everything else is shared.
+    /// Those of an array of rank 1, or of a block with axis 0 fastest, of numbers, vectors, points or tensors; of
+    /// others, as of a null handle, none. Numbers that are not `double` are copied, everything else is shared.
     explicit Values(const Hestra::StrongPtr<MemBase>& array);
 
     /// How many places there are.

@@ -1,4 +1,3 @@
-#include <baseop/DerivedQuantities.hpp>
 #include <dataset/io/AtomicFile.hpp>
 #include <model/orvix/Quadratic.hpp>
 
@@ -125,12 +124,10 @@ ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields,
     return detail::collective("slice", [&] {
         const Meter meter(progress);
         myData->makeBoxes(meter.part(0.0, 0.3));
-        StrongPtr<Field> distance;
         detail::AllNumbers numbers; // what the boxes leave possible
         myData->exchange->attempt([&] {
-            distance = makePlaneDistance(myData->representation->Positions(), plane.origin, plane.normal,
-                                         myData->local.cache());
             const double norm = length(plane.normal);
+            if (!(norm > 0.0) || !std::isfinite(norm)) throw DataSetError("a plane whose normal has no length");
             for (const auto& box : myData->validBoxes) {
                 numbers.emplace_back();
                 if (!box) continue;
@@ -145,7 +142,8 @@ ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields,
             }
         });
         myData->exchange->agree();
-        return myData->surface("distance from the plane", distance, numbers, 0.0, fields, false, meter.part(0.3, 1.0));
+        return myData->surface(PositionsName, myData->representation->Positions(), numbers, 0.0, fields, false,
+                               meter.part(0.3, 1.0), &plane);
     });
 }
 
@@ -261,7 +259,13 @@ ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& bo
                     }
                 result.part.addRectilinearBlock("image", axes[0], axes[1], axes[2]);
             }
-            for (std::size_t n = 0; n < fields.size(); ++n) result.part.setField(fields[n], "image", arrays[n]);
+            // In the model: names may be those of derived fields.
+            const StrongPtr<Representation> made = result.part.grid()->getCartesianRepresentation();
+            for (std::size_t n = 0; n < fields.size(); ++n) {
+                const StrongPtr<Field> field = Hestra::makeRef<Field>(made->Positions()->getFragmentIDCollection());
+                field->setPersistentData(arrays[n], made->Positions()->getFragmentID("image"));
+                made->setField(fields[n], field);
+            }
             if (all != size.product()) result.part.setVertexMask("image", StrongPtr<MemBase>(mask));
             meter(1.0);
         });

@@ -50,7 +50,7 @@ std::shared_ptr<LocatedParts> ParallelDataSet::Data::locate(const std::shared_pt
     if (ranks == 1) { // nobody to ask
         exchange->attempt([&] {
             LocatedParts::Batch whole;
-            whole.found = LocatedPositions(search, positions, [&](double share) { meter(share); });
+            whole.found = LocatedPositions(search, positions);
             made->found = whole.found.found();
             whole.given.resize(1);
             whole.taken.resize(1);
@@ -135,7 +135,7 @@ std::shared_ptr<LocatedParts> ParallelDataSet::Data::locate(const std::shared_pt
                 count[rank] = more.size();
                 here.insert(here.end(), more.begin(), more.end());
             }
-            now.found = LocatedPositions(search, here, [&](double) { meter(share); });
+            now.found = LocatedPositions(search, here);
             for (std::size_t r = 0; r < ranks; ++r) {
                 std::vector<Answer> found;
                 for (std::size_t n = 0; n < count[r]; ++n) {
@@ -210,8 +210,7 @@ void ParallelDataSet::Data::sample(const LocatedParts& at, const std::string& na
     if (exchange->ranks() == 1) {
         exchange->attempt([&] {
             try {
-                at.batches.front().found.sample(*of.field, fragments, of.components, values, mask,
-                                                [&](double share) { meter(share); });
+                at.batches.front().found.sample(*of.field, fragments, of.components, values, mask);
             } catch (const std::invalid_argument&) {
                 for (const std::uint32_t block : all.own) (void)data(name, *of.field, block); // which says why
                 throw;
@@ -229,7 +228,7 @@ void ParallelDataSet::Data::sample(const LocatedParts& at, const std::string& na
             std::vector<double> found(batch.found.size() * components);
             std::vector<unsigned char> isFound(batch.found.size());
             try {
-                batch.found.sample(*of.field, fragments, of.components, found, isFound, [&](double) { meter(share); });
+                batch.found.sample(*of.field, fragments, of.components, found, isFound);
             } catch (const std::invalid_argument&) {
                 for (const std::uint32_t block : all.own) (void)data(name, *of.field, block); // which says why
                 throw;

@@ -27,6 +27,26 @@ void measure(const double* x, const double* y, const double* z, std::size_t coun
     }
 }
 
+// The last row comes from memory, when rows are taken in order: it is asked for before, across the end of the row.
+void interleave(const RowDifference (&rows)[3], std::size_t count, double* target) {
+    constexpr std::size_t Ahead = 384;
+    const hn::ScalableTag<double> lanes;
+    const auto take = [&](std::size_t i) HWY_ATTR {
+        __builtin_prefetch(rows[2].high + i + Ahead);
+        const auto of = [&](const RowDifference& row) HWY_ATTR {
+            return hn::Mul(hn::Sub(hn::LoadU(lanes, row.high + i), hn::LoadU(lanes, row.low + i)),
+                           hn::Set(lanes, row.factor));
+        };
+        hn::StoreInterleaved3(of(rows[0]), of(rows[1]), of(rows[2]), lanes, target + 3 * i);
+    };
+    std::size_t i = 0;
+    for (; i + hn::Lanes(lanes) <= count; i += hn::Lanes(lanes)) take(i);
+    if (i == count) return;
+    if (count >= hn::Lanes(lanes)) return take(count - hn::Lanes(lanes)); // some a second time
+    for (; i < count; ++i)
+        for (std::size_t d = 0; d < 3; ++d) target[3 * i + d] = (rows[d].high[i] - rows[d].low[i]) * rows[d].factor;
+}
+
 } // namespace Vantle::detail::HWY_NAMESPACE
 HWY_AFTER_NAMESPACE();
 
@@ -35,6 +55,7 @@ HWY_AFTER_NAMESPACE();
 namespace Vantle::detail {
 
 HWY_EXPORT(measure);
+HWY_EXPORT(interleave);
 
 void lengthsOf(const double* x, const double* y, const double* z, std::size_t count, double* lengths) {
     HWY_DYNAMIC_DISPATCH(measure)(x, y, z, count, lengths, nullptr);
@@ -43,6 +64,10 @@ void lengthsOf(const double* x, const double* y, const double* z, std::size_t co
 void lengthsOf(const double* x, const double* y, const double* z, std::size_t count, double* lengths,
                double* reciprocals) {
     HWY_DYNAMIC_DISPATCH(measure)(x, y, z, count, lengths, reciprocals);
+}
+
+void interleaveDifferences(const RowDifference (&rows)[3], std::size_t count, double* target) {
+    HWY_DYNAMIC_DISPATCH(interleave)(rows, count, target);
 }
 
 } // namespace Vantle::detail

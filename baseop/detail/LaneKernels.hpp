@@ -14,4 +14,14 @@ void lengthsOf(const double* x, const double* y, const double* z, std::size_t co
 void lengthsOf(const double* x, const double* y, const double* z, std::size_t count, double* lengths,
                double* reciprocals);
 
+/// Two rows whose difference, times the factor, is wanted.
+struct RowDifference {
+    const double* low;
+    const double* high;
+    double factor;
+};
+/// Fills `target` with (high[i] - low[i]) * factor of all three for i = 0, then for i = 1, and so on. Reads and writes
+/// nothing beyond. Best for rows in order, when only the last one is new.
+void interleaveDifferences(const RowDifference (&rows)[3], std::size_t count, double* target);
+
 } // namespace Vantle::detail

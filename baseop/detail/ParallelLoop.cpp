@@ -1,22 +1,46 @@
+#include <baseop/Threads.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
+#include <model/hestra/Pulse.hpp>
 
 #include <algorithm>
 #include <atomic>
 #include <exception>
 #include <omp.h>
 #include <pthread.h>
+#include <stdexcept>
 
 namespace Vantle::detail {
 
 namespace {
 
+thread_local bool isForked = false; // in a child, the thread that it began with
+
 // A child process has none of the threads that its parent's teams were made of, and the runtime would wait for them. So
 // it keeps to one thread; those that it starts by itself may have teams. A runtime that has a handler of its own for
 // children, to start afresh in them, must register that first, which it does when it is asked for anything.
-[[maybe_unused]] const int registered =
-    (static_cast<void>(omp_get_max_threads()), pthread_atfork(nullptr, nullptr, [] { omp_set_num_threads(1); }));
+[[maybe_unused]] const int registered = (static_cast<void>(omp_get_max_threads()), pthread_atfork(nullptr, nullptr, [] {
+                                             isForked = true;
+                                             omp_set_num_threads(1);
+                                         }));
 
 } // namespace
+
+} // namespace Vantle::detail
+
+namespace Vantle {
+
+ScopedThreads::ScopedThreads(int most) : myFormer(omp_get_max_threads()) {
+    if (most < 1) throw std::invalid_argument("less than one thread");
+    if (!detail::isForked) omp_set_num_threads(most);
+}
+ScopedThreads::~ScopedThreads() {
+    if (!detail::isForked) omp_set_num_threads(myFormer);
+}
+int ScopedThreads::count() noexcept { return static_cast<int>(detail::teamSize()); }
+
+} // namespace Vantle
+
+namespace Vantle::detail {
 
 std::size_t teamSize() noexcept {
     if (omp_get_active_level() >= omp_get_max_active_levels()) return 1;
@@ -31,6 +55,10 @@ void runInParallel(std::size_t count, std::size_t piece, std::size_t bytes,
     const auto threads = std::min(static_cast<long long>(teamFor(bytes)), pieces);
     const auto run = [&](long long n) {
         const std::size_t begin = static_cast<std::size_t>(n) * piece;
+        const auto share = [pieces](long long m) { return static_cast<double>(m) / static_cast<double>(pieces); };
+        if (!Hestra::Pulse::isHeard()) return call(function, begin, std::min(begin + piece, count));
+        Hestra::Pulse::beat(share(n));
+        const Hestra::Pulse::Part part(share(n), share(n + 1));
         call(function, begin, std::min(begin + piece, count));
     };
     if (threads < 2) {

@@ -29,7 +29,9 @@ void runInParallel(std::size_t count, std::size_t piece, std::size_t bytes,
 /// Calls `function(begin, end)` for pieces of [0, count) that are begun in order, on as many threads as are worth it
 /// for work of so many bytes (see `teamFor`) in all. One thread opens no parallel region.
 ///
-/// Failure  when a piece throws no further one is begun, and one of the exceptions is thrown when all have ended.
+/// Between pieces, the calling thread tells its `Pulse` how far it is.
+/// Failure  when a piece throws, or the pulse ends it, no further one is begun, and one of the exceptions is thrown
+/// when all have ended.
 template<class F>
 void inParallel(std::size_t count, std::size_t piece, std::size_t bytes, const F& function) {
     runInParallel(

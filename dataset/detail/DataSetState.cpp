@@ -4,6 +4,7 @@
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/WorldDerivative.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
+#include <baseop/detail/QuadCut.hpp>
 #include <dataset/detail/DataSetState.hpp>
 #include <dataset/io/FileArray.hpp>
 
@@ -13,9 +14,9 @@
 namespace Vantle {
 
 using detail::DataSetBlock;
-using detail::Meter;
 using detail::quoted;
 using Hestra::Freshness;
+using Hestra::Pulse;
 using Hestra::StrongPtr;
 using Orvix::PhysicalSpace;
 
@@ -78,6 +79,8 @@ std::optional<Formula> parse(const std::string& name) {
     return formula;
 }
 
+double share(std::size_t part, std::size_t whole) { return static_cast<double>(part) / static_cast<double>(whole); }
+
 const char* kindOf(int components) {
     return components == 1   ? "a scalar"
            : components == 3 ? "a vector"
@@ -95,7 +98,7 @@ DataSet::Step::Step(double when, const StrongPtr<Slice>& in, const StrongPtr<Hes
 
 DataSet::Step::Step(const Step& other, double when, const StrongPtr<Slice>& in)
     : time(when), slice(in), grid(slice->newGrid("data")), representation(grid->makeCartesianRepresentation(3)),
-      cache(other.cache), joins(other.joins), myLocator(other.myLocator) {
+      cache(other.cache), joins(other.joins), myMaskSources(other.myMaskSources), myLocator(other.myLocator) {
     other.representation->iterate([&](const FieldID& id, const Field& field) {
         representation->setField(id.name(), StrongPtr<Field>(const_cast<Field*>(&field)));
         return true;
@@ -124,6 +127,12 @@ int DataSet::Step::components(const Field& field) {
     return known;
 }
 
+int DataSet::Step::knownComponents(const std::string& name, const Field& field) const {
+    const int known = components(field);
+    if (known == 0) throwReadingFailures({name}); // which may be why
+    return known;
+}
+
 std::vector<DataSetBlock> DataSet::Step::blocks() const {
     std::vector<DataSetBlock> all;
     positions()->iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
@@ -134,12 +143,14 @@ std::vector<DataSetBlock> DataSet::Step::blocks() const {
 }
 
 DataSetBlock DataSet::Step::block(const std::string& name) const {
+    if (const StrongPtr<FragmentID> id = name.empty() ? nullptr : positions()->getFragmentID(name))
+        if (StrongPtr<CreativeArrayBase> creator = positions()->getCreator(id)) return {id, std::move(creator)};
     std::vector<std::string> known;
     for (DataSetBlock& block : blocks()) {
         known.push_back(block.name());
         if (known.back() == name) return std::move(block);
     }
-    throw DataSetError(detail::unknownName("block", name, std::move(known)));
+    throw detail::unknownName("block", name, std::move(known));
 }
 
 std::vector<std::string> DataSet::Step::fieldNames() const {
@@ -155,12 +166,12 @@ StrongPtr<Field> DataSet::Step::field(const std::string& name) const {
     if (!isReserved(name))
         if (const StrongPtr<Field> set = representation->findField(name)) return set;
     if (StrongPtr<Field> made = derived(name)) return made;
-    throw DataSetError(detail::unknownName("field", name, fieldNames()));
+    throw detail::unknownName("field", name, fieldNames());
 }
 
 StrongPtr<Field> DataSet::Step::field(const std::string& name, int wanted) const {
     StrongPtr<Field> found = field(name);
-    const int has = components(*found);
+    const int has = knownComponents(name, *found);
     if (has != wanted) throw DataSetError("field " + quoted(name) + " is " + kindOf(has) + ", not " + kindOf(wanted));
     return found;
 }
@@ -170,10 +181,7 @@ StrongPtr<MemBase> DataSet::Step::data(const std::string& name, const Field& fie
     if (!creator) return nullptr;
     const StrongPtr<MemBase> data = creator->getData();
     const auto where = [&] { return "field " + quoted(name) + ": block " + quoted(block.name()); };
-    if (!data) {
-        throwReadingFailure(name);
-        throw DataSetError(where() + ": the data cannot be made");
-    }
+    if (!data) throw std::invalid_argument(where() + ": the data cannot be made");
     const MultiIndex<3> size = block.size();
     if (data->getDynamicSize().as<3>() != size)
         throw DataSetError(where() + " has " + to_string(size) + " vertices, the data are " +
@@ -181,29 +189,45 @@ StrongPtr<MemBase> DataSet::Step::data(const std::string& name, const Field& fie
     return data;
 }
 
-void DataSet::Step::throwReadingFailure(const std::string& name) const {
+std::vector<StrongPtr<Field>> DataSet::Step::sourcesOf(const std::string& name) const {
+    std::vector<StrongPtr<Field>> all;
     for (std::optional<Formula> formula{Formula{{}, name}}; formula; formula = parse(formula->operand))
-        if (const StrongPtr<Field> of = representation->findField(formula->operand)) Vantle::throwReadingFailure(*of);
-    Vantle::throwReadingFailure(*positions());
+        if (const StrongPtr<Field> of = representation->findField(formula->operand)) all.push_back(of);
+    return all;
+}
+
+void DataSet::Step::throwReadingFailures(const Fields& names) const {
+    for (const std::string& name : names)
+        for (const StrongPtr<Field>& of : sourcesOf(name)) throwReadingFailure(*of);
+    for (const StrongPtr<Field>& of : myMaskSources) throwReadingFailure(*of);
+    for (const StrongPtr<Field>& mask : {masks().vertexMask(), masks().cellMask()})
+        if (mask) throwReadingFailure(*mask);
+    throwReadingFailure(*positions());
 }
 
 // What is known of the numbers of a field, and of the box of a block, is what it was derived from that decides.
 
-std::shared_ptr<const detail::FieldNumbers> DataSet::Step::numbers(const std::string& name, const Meter& meter) const {
-    const StrongPtr<Field> of = field(name, 1);
+std::shared_ptr<const detail::FieldNumbers> DataSet::Step::knownNumbers(const std::string& name,
+                                                                        const Field& of) const {
     const Blanking blanking = masks();
-    {
-        const std::lock_guard lock(myMutex);
-        const auto known = myNumbers.find(name);
-        if (known != myNumbers.end() &&
-            known->second->origin.isFor(of.rawptr(), blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
-            return known->second;
-    }
+    const std::lock_guard lock(myMutex);
+    const auto known = myNumbers.find(name);
+    return known != myNumbers.end() &&
+                   known->second->origin.isFor(&of, blanking.vertexMask().rawptr(), blanking.cellMask().rawptr())
+               ? known->second
+               : nullptr;
+}
+
+std::shared_ptr<const detail::FieldNumbers> DataSet::Step::numbers(const std::string& name) const {
+    const StrongPtr<Field> of = field(name, 1);
+    if (auto known = knownNumbers(name, *of)) return known;
+    const Blanking blanking = masks();
     auto made = std::make_shared<detail::FieldNumbers>();
     made->origin = detail::originOf(*of, blanking);
     const std::vector<DataSetBlock> all = blocks();
     for (const DataSetBlock& block : all) {
-        meter(static_cast<double>(made->blocks.size()) / static_cast<double>(all.size()));
+        const Pulse::Part part(share(made->blocks.size(), all.size()), share(made->blocks.size() + 1, all.size()));
+        Pulse::beat(0.0);
         const StrongPtr<MemBase> values = data(name, *of, block);
         made->blocks.push_back(values ? ComputeNumberRange(values, blanking.of(block.id, block.size()).rawptr())
                                       : BlockNumbers());
@@ -213,7 +237,7 @@ std::shared_ptr<const detail::FieldNumbers> DataSet::Step::numbers(const std::st
     return made;
 }
 
-std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes(const Meter& meter) const {
+std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes() const {
     const StrongPtr<Field> of = positions();
     const Blanking blanking = masks();
     {
@@ -225,7 +249,8 @@ std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes(const Meter& mete
     made->origin = detail::originOf(*of, blanking);
     const std::vector<DataSetBlock> all = blocks();
     for (const DataSetBlock& block : all) {
-        meter(static_cast<double>(made->blocks.size()) / static_cast<double>(all.size()));
+        const Pulse::Part part(share(made->blocks.size(), all.size()), share(made->blocks.size() + 1, all.size()));
+        Pulse::beat(0.0);
         const StrongPtr<MemBase> points = data(PositionsName, *of, block);
         made->blocks.push_back(ComputeNumberBox(points, blanking.of(block.id, block.size()).rawptr()));
         // Where a NaN would take the place of a corner: location goes by the box that it finds.
@@ -238,16 +263,77 @@ std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes(const Meter& mete
     return made;
 }
 
+namespace {
+
+LocatorOptions exactly() {
+    LocatorOptions options;
+    options.cellLocator = CellLocator::Exact;
+    return options;
+}
+
+/// A locator, and what it keeps its structures in.
+struct HomedLocator {
+    HomedLocator(const StrongPtr<Slice>& in, const StrongPtr<Grid>& grid)
+        : slice(in), locator(in, grid, PositionsName, exactly()) {}
+    StrongPtr<Slice> slice;
+    LocalFromWorldPoint locator;
+};
+
+} // namespace
+
 std::shared_ptr<const LocalFromWorldPoint> DataSet::Step::locator() const {
-    (void)boxes(Meter({})); // which locators go by
     const std::lock_guard lock(myLocator->mutex);
     auto& kept = myLocator->locator;
-    if (!kept || !kept->isCurrent()) {
-        LocatorOptions options;
-        options.cellLocator = CellLocator::Exact;
-        kept = std::make_shared<const LocalFromWorldPoint>(slice, grid, PositionsName, options);
-    }
+    if (!kept || !kept->isCurrent())
+        kept = std::make_shared<const LocalFromWorldPoint>(slice, grid, PositionsName, exactly());
     return kept;
+}
+
+std::shared_ptr<const LocalFromWorldPoint> DataSet::Step::locatorOf(const DataSetBlock& block) const {
+    const StrongPtr<Slice> home = Hestra::makeRef<Slice>();
+    const StrongPtr<Grid> alone = home->newGrid("data");
+    const StrongPtr<Representation> fields = alone->makeCartesianRepresentation(3);
+    StrongPtr<FragmentIDCollection> collection;
+    if (block.id) {
+        collection = Hestra::makeRef<FragmentIDCollection>();
+        collection->add(block.id);
+    }
+    const auto take = [&](const char* name, const StrongPtr<Field>& from) {
+        const StrongPtr<CreativeArrayBase> creator = from ? from->getCreator(block.id) : nullptr;
+        if (!creator) return;
+        const StrongPtr<Field> field = Hestra::makeRef<Field>(collection);
+        field->setCreator(creator, block.id);
+        fields->setField(name, field);
+    };
+    take(PositionsName, positions());
+    take(VertexMaskName, masks().vertexMask());
+    take(CellMaskName, masks().cellMask());
+    const auto made = std::make_shared<const HomedLocator>(home, alone);
+    return {made, &made->locator};
+}
+
+// What structures hold of curvilinear blocks: their boxes, and positions that a cache could drop otherwise.
+bool DataSet::Step::isLocatedByBlocks() const {
+    constexpr std::size_t BytesPerCell = 13;
+    const auto isLasting = [](const CreativeArrayBase& creator) {
+        return !creator.cache() || dynamic_cast<const detail::GivenArray*>(&creator);
+    };
+    std::size_t bytes = 0;
+    for (const DataSetBlock& block : blocks()) {
+        const StrongPtr<MemBase> there = block.positions->cachedData();
+        if (there && !there->hasOwnStorage()) continue;
+        bytes += static_cast<std::size_t>(block.size().product()) *
+                 (BytesPerCell + (isLasting(*block.positions) ? 0 : sizeof(Point)));
+    }
+    return bytes > cache->limit();
+}
+
+LocatedPositions DataSet::Step::locate(std::span<const Point> places) const {
+    const auto known = boxes(); // which locators go by, too
+    if (!isLocatedByBlocks()) return LocatedPositions(*locator(), places);
+    const std::vector<DataSetBlock> all = blocks();
+    return LocatedPositions(
+        known->blocks, [&](std::uint32_t n) { return locatorOf(all[n]); }, places);
 }
 
 StrongPtr<Grid> DataSet::Step::view() const {
@@ -288,7 +374,7 @@ detail::DerivedEntry DataSet::Step::derive(const std::string& operation, const s
                                            const std::string& name) const {
     detail::DerivedEntry made;
     made.from = field(operand);
-    const int has = components(*made.from);
+    const int has = knownComponents(operand, *made.from);
     if (has != 3 && !(has == 1 && operation == "gradient"))
         throw DataSetError("field " + quoted(operand) + " is " + kindOf(has) + ", which has no " + operation);
     if (operation == "magnitude") {
@@ -334,7 +420,7 @@ void own(Grid& surface) {
 } // namespace
 
 Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& of, const detail::FieldNumbers& numbers,
-                               double level, const Fields& values, bool hasNormals, const Meter& meter) const {
+                               double level, const Fields& values, bool hasNormals, const Plane* plane) const {
     std::vector<std::pair<std::string, StrongPtr<Field>>> wanted;
     for (const std::string& value : values) wanted.emplace_back(value, field(value));
     if (hasNormals) wanted.emplace_back(Surface::NormalsName, field("gradient(" + name + ")"));
@@ -345,15 +431,13 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     const StrongPtr<Slice> home = Hestra::makeRef<Slice>();
     const StrongPtr<Grid> source = view();
     const StrongPtr<Representation> fields = source->getCartesianRepresentation();
-    fields->setField(name, of);
+    if (!plane) fields->setField(name, of);
     if (numbers.hasNaN()) // no surface beside what is no number
-        fields->setField(VertexMaskName, makeMaskOfNumbers(of, representation));
+        fields->setField(VertexMaskName, makeMaskOfNumbers(of, representation, cache));
     SurfaceOptions options;
     options.joinBlocks = true;
     options.joins = joins;
     options.keepEdges = !wanted.empty();
-    const Meter sweep = meter.part(0.0, wanted.empty() ? 1.0 : 0.7), rest = meter.part(0.7, 1.0);
-    options.progress = [&](double share) { sweep(share); };
     options.rangeOf = [&](const StrongPtr<FragmentID>& id) -> std::optional<std::pair<double, double>> {
         const auto known = numberOf.find(id.rawptr());
         if (known == numberOf.end() || !numbers.blocks[known->second].range) return std::nullopt;
@@ -361,13 +445,11 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         if (range.least <= level && level <= range.greatest) (void)data(name, *of, all[known->second]);
         return std::pair(range.least, range.greatest);
     };
-    const auto compute = [&]() -> StrongPtr<Grid> {
-        try {
-            return ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
-        } catch (const IsoException&) {
-            throwReadingFailure(name);
-            throw;
-        }
+    const auto compute = [&] {
+        const Pulse::Part part(0.0, wanted.empty() ? 1.0 : 0.7);
+        return plane ? ComputePlaneCut(plane->origin, plane->normal, Hestra::Ageable(), *source, *home, "surface",
+                                       options)
+                     : ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
     };
     StrongPtr<Grid> made = compute(), before;
     if (const auto box = ComputeNumberBox(made->CartesianPositions()->getData()); box && box->hasNaN) {
@@ -375,7 +457,7 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         // own it would find itself.
         before = view();
         before->getCartesianRepresentation()->setField(VertexMaskName, fields->findField(VertexMaskName));
-        fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), before->getCartesianRepresentation()));
+        fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), before->getCartesianRepresentation(), cache));
         home->remove("surface");
         made = compute();
     }
@@ -383,10 +465,10 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     own(*made);
     const StrongPtr<Representation> vertices = made->getCartesianRepresentation();
     for (std::size_t n = 0; n < wanted.size(); ++n) {
-        rest(static_cast<double>(n) / static_cast<double>(wanted.size()));
+        const Pulse::Part part(0.7 + 0.3 * share(n, wanted.size()), 0.7 + 0.3 * share(n + 1, wanted.size()));
+        Pulse::beat(0.0);
         const auto& [valueName, quantity] = wanted[n];
         const StrongPtr<MemBase> array = EvalFieldOnIsosurface(*made, *quantity);
-        throwReadingFailure(valueName);
         if (!array) throw DataSetError("the values of a surface did not fit into the cache");
         if (hasNormals && n + 1 == wanted.size())
             withMemArray<1>(TypeList<PhysicalSpace::vector>(), array, [](auto& normals) {
@@ -397,7 +479,96 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
             });
         vertices->setField(valueName, Hestra::makeRef<Field>(array, StrongPtr<FragmentIDCollection>()));
     }
-    meter(1.0);
+    // Nobody will ask for more: edges are not kept beside the points any longer.
+    if (!wanted.empty())
+        vertices->setPositions(
+            Hestra::makeRef<Field>(vertices->Positions()->getData(), StrongPtr<FragmentIDCollection>()));
+    return Surface(made);
+}
+
+Surface DataSet::Step::layer(const IndexPlane& plane, const Fields& values) const {
+    const DataSetBlock at = block(plane.block);
+    const MultiIndex<3> size = at.size();
+    const std::string where = "block " + quoted(plane.block);
+    if (plane.axis < 0 || plane.axis > 2) throw DataSetError(where + ": no axis " + std::to_string(plane.axis));
+    const int d = plane.axis, u = (d + 1) % 3, v = (d + 2) % 3;
+    if (plane.index >= size[d])
+        throw DataSetError(where + " has " + to_string(size) + " vertices, and no layer " +
+                           std::to_string(plane.index) + " along axis " + std::to_string(d));
+    std::vector<std::pair<std::string, StrongPtr<Field>>> wanted;
+    for (const std::string& value : values) {
+        wanted.emplace_back(value, field(value));
+        if (!wanted.back().second->getCreator(at.id))
+            throw DataSetError("field " + quoted(value) + " has no values in " + where);
+    }
+
+    // The vertices of the layer, and what a field has there.
+    std::vector<index_t> vertices;
+    MultiIndex<3> vertex;
+    vertex[d] = plane.index;
+    for (vertex[v] = 0; vertex[v] < size[v]; ++vertex[v])
+        for (vertex[u] = 0; vertex[u] < size[u]; ++vertex[u]) vertices.push_back(vertex.linear(size));
+    const auto elementsAt = [&](const std::string& name, const Field& of, const std::vector<index_t>& indices) {
+        const StrongPtr<MemBase> elements =
+            data(name, of, at)
+                ->gather(*makeMemArray1D(std::vector<index_t>(indices)), DynamicSize(index_t{indices.size()}), 1);
+        if (!elements) throw DataSetError("field " + quoted(name) + ": elements that cannot be copied");
+        const StrongPtr<MemBase> converted = convertToDoublePrecision(*elements);
+        return converted ? converted : elements;
+    };
+    const auto places = Hestra::dynamicCast<MemArray<1, Point>>(elementsAt(PositionsName, *positions(), vertices));
+    if (!places) throw DataSetError(where + ": the positions are no points");
+    const std::span<const Point> points(places->data(), vertices.size());
+
+    // Triangles between them, and then between those that are used.
+    std::vector<TriangleCell> triangles;
+    const StrongPtr<const BlockMask> mask = masks().of(at.id, size);
+    const auto isValid = [&](index_t u0, index_t v0) {
+        if (!mask) return true;
+        MultiIndex<3> cell;
+        cell[u] = u0, cell[v] = v0;
+        for (index_t n = plane.index == 0 ? 0 : plane.index - 1; n <= plane.index && n < mask->cells()[d]; ++n) {
+            cell[d] = n;
+            if (mask->isCellValid(cell)) return true;
+        }
+        return false;
+    };
+    for (index_t v0 = 0; v0 + 1 < size[v]; ++v0)
+        for (index_t u0 = 0; u0 + 1 < size[u]; ++u0) {
+            if (!isValid(u0, v0)) continue;
+            const auto first = static_cast<unsigned int>(u0 + size[u] * v0), row = static_cast<unsigned int>(size[u]);
+            const std::array<unsigned int, 4> quad{first, first + 1, first + row + 1, first + row};
+            if (std::any_of(quad.begin(), quad.end(), [&](unsigned int n) { return !(points[n] == points[n]); }))
+                continue;
+            detail::cutQuad(quad, points, [&](const TriangleCell& t) {
+                if (!(points[t[0]] == points[t[1]] || points[t[1]] == points[t[2]] || points[t[2]] == points[t[0]]))
+                    triangles.push_back(t);
+            });
+        }
+    std::vector<unsigned int> numbers(vertices.size());
+    for (const TriangleCell& t : triangles)
+        for (int c = 0; c < 3; ++c) numbers[t[c]] = 1;
+    std::vector<index_t> used;
+    std::vector<Point> usedPoints;
+    for (std::size_t n = 0; n < numbers.size(); ++n) {
+        if (numbers[n] == 0) continue;
+        numbers[n] = static_cast<unsigned int>(used.size());
+        used.push_back(vertices[n]);
+        usedPoints.push_back(points[n]);
+    }
+    for (TriangleCell& t : triangles)
+        for (int c = 0; c < 3; ++c) t[c] = numbers[t[c]];
+
+    const StrongPtr<Grid> made = Hestra::makeRef<Grid>();
+    const StrongPtr<Representation> inSpace = made->makeCartesianRepresentation(2);
+    inSpace->setPositions(Hestra::makeRef<Field>(makeMemArray1D(std::move(usedPoints))));
+    (*(*made)[SkeletonID(2, 1)])[*made->findVertices(2)]->setPositions(
+        Hestra::makeRef<Field>(makeMemArray1D(std::move(triangles))));
+    for (std::size_t n = 0; n < wanted.size(); ++n) {
+        const Pulse::Part part(share(n + 1, wanted.size() + 1), share(n + 2, wanted.size() + 1));
+        const auto& [name, of] = wanted[n];
+        inSpace->setField(name, Hestra::makeRef<Field>(elementsAt(name, *of, used), StrongPtr<FragmentIDCollection>()));
+    }
     return Surface(made);
 }
 
@@ -405,28 +576,16 @@ Surface DataSet::Step::hull(const Fields& values) const {
     const StrongPtr<Grid> source = view();
     for (const std::string& value : values) source->getCartesianRepresentation()->setField(value, field(value));
     const StrongPtr<Slice> home = Hestra::makeRef<Slice>();
-    StrongPtr<Grid> made;
-    try {
-        made = ComputeBlockBoundary(*source, *home, "hull", {.joins = joins, .fields = values});
-    } catch (const std::invalid_argument&) {
-        for (const std::string& value : values) throwReadingFailure(value);
-        throwReadingFailure(PositionsName);
-        throw;
-    }
+    const StrongPtr<Grid> made = ComputeBlockBoundary(*source, *home, "hull", {.joins = joins, .fields = values});
     own(*made);
     return Surface(made);
 }
 
 void DataSet::Step::sample(const LocatedPositions& at, const std::string& name, const Field& field, int components,
-                           std::span<double> values, std::span<unsigned char> mask, const Meter& meter) const {
+                           std::span<double> values, std::span<unsigned char> mask) const {
     std::vector<StrongPtr<FragmentID>> fragments;
     for (const DataSetBlock& block : blocks()) fragments.push_back(block.id);
-    try {
-        at.sample(field, fragments, components, values, mask, [&](double share) { meter(share); });
-    } catch (const std::invalid_argument&) {
-        throwReadingFailure(name);
-        throw;
-    }
+    (void)reading({name}, [&] { return at.sample(field, fragments, components, values, mask), true; });
 }
 
 // ---------------------------------------------------------------------------------------------------------------------
@@ -450,8 +609,9 @@ void DataSet::Step::setJoins(const JoinOptions& options) {
     myDerived.clear();
 }
 
-void DataSet::Step::setMask(const char* name, const StrongPtr<Field>& mask) {
+void DataSet::Step::setMask(const char* name, const StrongPtr<Field>& mask, const std::vector<StrongPtr<Field>>& from) {
     setField(name, mask);
+    myMaskSources.insert(myMaskSources.end(), from.begin(), from.end());
     myBoxes = nullptr;
     myLocator = std::make_shared<LocatorSlot>();
 }

@@ -6,6 +6,8 @@
 #include <baseop/NumberRange.hpp>
 #include <dataset/DataSet.hpp>
 #include <dataset/detail/Request.hpp>
+#include <dataset/io/FileArray.hpp>
+#include <dataset/io/FileError.hpp>
 #include <model/vantle/Blanking.hpp>
 
 #include <map>
@@ -42,6 +44,15 @@ struct DerivedEntry {
     Hestra::StrongPtr<Grid> home;  // what a derivative's blocks are joined in
 };
 
+/// An array that is there, and stays; what is converted from it is left to a cache.
+class GivenArray final : public CreativeArray {
+public:
+    GivenArray(const Hestra::StrongPtr<MemBase>& array, const Hestra::StrongPtr<Hestra::Cache>& cache)
+        : CreativeArray(array) {
+        setCache(cache);
+    }
+};
+
 /// A block of a data set.
 struct DataSetBlock {
     Hestra::StrongPtr<FragmentID> id;
@@ -66,6 +77,8 @@ struct DataSet::Step {
     [[nodiscard]] static bool isReserved(const std::string& name);
     /// Number of components of a field's elements: as they are announced, else those of the first data.
     [[nodiscard]] static int components(const Field& field);
+    /// The same; throws what kept the data from being read if that is why it is not known.
+    [[nodiscard]] int knownComponents(const std::string& name, const Field& field) const;
     [[nodiscard]] Hestra::StrongPtr<Field> positions() const { return representation->Positions(); }
     [[nodiscard]] Blanking masks() const { return Blanking(*representation); }
     [[nodiscard]] std::vector<detail::DataSetBlock> blocks() const;
@@ -80,29 +93,54 @@ struct DataSet::Step {
     [[nodiscard]] Hestra::StrongPtr<MemBase> data(const std::string& name, const Field& field,
                                                   const detail::DataSetBlock& block) const;
 
-    /// Throws what kept the data of a field, or what it is derived from, from being read from a file, if that happened.
-    void throwReadingFailure(const std::string& name) const;
+    /// Does what needs positions, masks and these fields, and throws what kept one of them, or what they are derived
+    /// from, from being read from a file, if that happened meanwhile: what was made without it does not count.
+    template<class F>
+    auto reading(const Fields& names, const F& f) const {
+        const std::uint64_t before = FileArray::failures();
+        try {
+            auto result = f();
+            if (FileArray::failures() != before) throwReadingFailures(names);
+            return result;
+        } catch (const DataSetError&) {
+            throw;
+        } catch (const std::exception&) {
+            if (FileArray::failures() != before) throwReadingFailures(names);
+            throw;
+        }
+    }
 
-    [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> numbers(const std::string& name,
-                                                                      const detail::Meter& meter) const;
-    [[nodiscard]] std::shared_ptr<const detail::BlockBoxes> boxes(const detail::Meter& meter) const;
-    [[nodiscard]] std::shared_ptr<const LocalFromWorldPoint> locator() const;
+    /// Null when they are still to be computed.
+    [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> knownNumbers(const std::string& name,
+                                                                           const Field& of) const;
+    [[nodiscard]] std::shared_ptr<const detail::FieldNumbers> numbers(const std::string& name) const;
+    [[nodiscard]] std::shared_ptr<const detail::BlockBoxes> boxes() const;
+    /// Where positions are: with structures that are kept, or, where they would not fit into the budget, with those of
+    /// one block at a time.
+    [[nodiscard]] LocatedPositions locate(std::span<const Point> places) const;
+    [[nodiscard]] bool isLocatedByBlocks() const;
     /// A grid of the same positions and masks.
     [[nodiscard]] Hestra::StrongPtr<Grid> view() const;
 
-    /// A surface of a field over the fragments of the positions, of which the numbers are known.
+    /// A surface of a field over the fragments of the positions, of which the numbers are known; with a plane, that of
+    /// the distances from it: the numbers are those of distances, and the field is that of the positions.
     [[nodiscard]] Surface surface(const std::string& name, const Hestra::StrongPtr<Field>& field,
                                   const detail::FieldNumbers& numbers, double level, const Fields& values,
-                                  bool hasNormals, const detail::Meter& meter) const;
+                                  bool hasNormals, const Plane* plane = nullptr) const;
+    [[nodiscard]] Surface layer(const IndexPlane& plane, const Fields& values) const;
     [[nodiscard]] Surface hull(const Fields& values) const;
     /// The values of a field at positions, as by `LocatedPositions`.
     void sample(const LocatedPositions& positions, const std::string& name, const Field& field, int components,
-                std::span<double> values, std::span<unsigned char> mask, const detail::Meter& meter) const;
+                std::span<double> values, std::span<unsigned char> mask) const;
 
     // For one thread: what is put there instead, and forgotten.
     void setPositions(const Hestra::StrongPtr<Field>& positions);
     void setField(const std::string& name, const Hestra::StrongPtr<Field>& field);
-    void setMask(const char* name, const Hestra::StrongPtr<Field>& mask);
+    /// `from`: which fields the mask follows.
+    void setMask(const char* name, const Hestra::StrongPtr<Field>& mask,
+                 const std::vector<Hestra::StrongPtr<Field>>& from = {});
+    /// The fields that were set which a name stands for.
+    [[nodiscard]] std::vector<Hestra::StrongPtr<Field>> sourcesOf(const std::string& name) const;
     void setJoins(const JoinOptions& options);
 
     double time;
@@ -113,11 +151,15 @@ struct DataSet::Step {
     JoinOptions joins;
 
 private:
+    void throwReadingFailures(const Fields& names) const;
+    [[nodiscard]] std::shared_ptr<const LocalFromWorldPoint> locator() const;
+    [[nodiscard]] std::shared_ptr<const LocalFromWorldPoint> locatorOf(const detail::DataSetBlock& block) const;
     [[nodiscard]] Hestra::StrongPtr<Field> derived(const std::string& name) const;
     [[nodiscard]] detail::DerivedEntry derive(const std::string& operation, const std::string& operand,
                                               const std::string& name) const;
 
-    mutable std::mutex myMutex; // held for look-ups only
+    std::vector<Hestra::StrongPtr<Field>> myMaskSources; // fields that masks were made from
+    mutable std::mutex myMutex;                          // held for look-ups only
     mutable std::map<std::string, std::shared_ptr<const detail::FieldNumbers>> myNumbers;
     mutable std::shared_ptr<const detail::BlockBoxes> myBoxes;
     mutable std::map<std::string, detail::DerivedEntry> myDerived;

@@ -5,7 +5,9 @@
 
 namespace Vantle {
 
-DataSetError::~DataSetError() = default; // here, so that it is one class for all libraries
+// Here, so that each is one class for all libraries.
+DataSetError::~DataSetError() = default;
+UnknownName::~UnknownName() = default;
 
 namespace detail {
 
@@ -30,9 +32,9 @@ std::size_t editDistance(const std::string& a, const std::string& b) {
 
 } // namespace
 
-std::string unknownName(const std::string& kind, const std::string& name, std::vector<std::string> known) {
+UnknownName unknownName(const std::string& kind, const std::string& name, std::vector<std::string> known) {
     std::string text = "no " + kind + ' ' + quoted(name);
-    if (known.empty()) return text + "; there are none";
+    if (known.empty()) return UnknownName(text + "; there are none");
     std::vector<std::pair<std::size_t, std::string>> ranked;
     for (std::string& other : known) ranked.emplace_back(editDistance(name, other), std::move(other));
     std::stable_sort(ranked.begin(), ranked.end(),
@@ -42,7 +44,7 @@ std::string unknownName(const std::string& kind, const std::string& name, std::v
     for (std::size_t n = 0; n < std::min(ranked.size(), Most); ++n)
         text += (n ? ", " : ": ") + quoted(ranked[n].second);
     if (ranked.size() > Most) text += " and " + std::to_string(ranked.size() - Most) + " more";
-    return text;
+    return UnknownName(text);
 }
 
 } // namespace detail

@@ -1,10 +1,13 @@
 #pragma once
-/// What every request of the layer goes through: silence, progress, one style of errors.
+/// What every request of the layer goes through: who hears it, progress, one style of errors.
 
 #include <baseop/Isosurface.hpp>
 #include <dataset/DataSetError.hpp>
+#include <dataset/Messages.hpp>
 #include <dataset/Progress.hpp>
 #include <model/hestra/Console.hpp>
+#include <model/hestra/CreationFailure.hpp>
+#include <model/hestra/Pulse.hpp>
 
 #include <algorithm>
 #include <exception>
@@ -14,49 +17,21 @@
 
 namespace Vantle::detail {
 
-/// Carries what a caller's own function has thrown through operations that know nothing of it.
-struct Passing {
-    std::exception_ptr what;
-};
+/// Who hears the requests of this thread: the innermost `ScopedMessages`, else nobody.
+[[nodiscard]] VANTLE_DATASET_API const Hestra::Console::Listener& messages() noexcept;
 
-/// Tells a caller's progress function, and ends the operation when that says so.
-class Meter {
-public:
-    explicit Meter(const Progress& progress) : myProgress(progress) {}
-    /// What is done between two shares of this one.
-    [[nodiscard]] Meter part(double from, double to) const {
-        Meter part(myProgress);
-        part.myFrom = at(from);
-        part.myTo = at(to);
-        return part;
-    }
-    void operator()(double share) const {
-        if (!myProgress) return;
-        bool goesOn = true;
-        try {
-            goesOn = myProgress(at(share));
-        } catch (...) {
-            throw Passing{std::current_exception()};
-        }
-        if (!goesOn) throw Cancelled();
-    }
-
-private:
-    [[nodiscard]] double at(double share) const noexcept { return myFrom + (myTo - myFrom) * std::min(share, 1.0); }
-
-    const Progress& myProgress;
-    double myFrom = 0.0, myTo = 1.0;
-};
-
-/// Does what is requested with nobody listening, and says what was requested when it fails.
+/// Does what is requested, heard by nobody else, and says what was requested when it fails.
 template<class F>
 auto request(const std::string& what, const F& f) {
-    const Hestra::ScopedListener silence({});
-    const auto fail = [&](const char* why) { throw DataSetError(what + ": " + why); };
+    const Hestra::ScopedListener heard(messages());
+    const Hestra::ScopedCreationFailure failure;
+    const auto fail = [&](const std::string& why) {
+        const std::string& reason = failure.reason();
+        const bool isSaid = reason.empty() || why.find(reason) != std::string::npos;
+        throw DataSetError(what + ": " + why + (isSaid ? "" : " (" + reason + ')'));
+    };
     try {
         return f();
-    } catch (const Passing& passing) {
-        std::rethrow_exception(passing.what);
     } catch (const std::invalid_argument& problem) {
         fail(problem.what());
     } catch (const std::length_error& problem) {
@@ -65,13 +40,34 @@ auto request(const std::string& what, const F& f) {
         fail(problem.what());
     } catch (const char* problem) {
         fail(problem);
+    } catch (const std::bad_alloc&) {
+        fail("there is not enough memory");
     }
     std::terminate(); // not reached
 }
 
+/// The same, telling a caller's function how far it is, which may end it: then, nothing that was made counts.
+template<class F>
+auto request(const std::string& what, const Progress& progress, const F& f) {
+    if (!progress) return request(what, f);
+    const Hestra::Pulse pulse([&](double share) {
+        if (!progress(share)) throw Cancelled();
+    });
+    try {
+        Hestra::Pulse::beat(0.0);
+        auto result = request(what, f);
+        pulse.rethrow();
+        Hestra::Pulse::beat(1.0);
+        return result;
+    } catch (...) {
+        pulse.rethrow();
+        throw;
+    }
+}
+
 /// "no field "presure"; there are: "pressure", "density"", the nearest name first.
-[[nodiscard]] VANTLE_DATASET_API std::string unknownName(const std::string& kind, const std::string& name,
-                                                        std::vector<std::string> known);
+[[nodiscard]] VANTLE_DATASET_API UnknownName unknownName(const std::string& kind, const std::string& name,
+                                                         std::vector<std::string> known);
 
 /// A name in quotes.
 [[nodiscard]] inline std::string quoted(const std::string& name) { return '"' + name + '"'; }

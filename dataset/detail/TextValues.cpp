@@ -1,4 +1,5 @@
 #include <dataset/detail/TextValues.hpp>
+#include <model/hestra/Pulse.hpp>
 
 #include <algorithm>
 #include <array>
@@ -94,6 +95,7 @@ TextIndex::TextIndex(const FileVisit& visit) {
     std::uint64_t wanted = 0;
     for (TextToken token; scanner.next(token);) {
         if (myCount >= wanted) {
+            Hestra::Pulse::beat(static_cast<double>(token.offset) / static_cast<double>(visit.file().size()));
             myEntries.push_back({myCount, token.offset, token.line});
             wanted = myCount + IndexStep;
         }

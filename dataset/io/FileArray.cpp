@@ -1,10 +1,20 @@
 #include <dataset/io/FileArray.hpp>
+#include <model/hestra/Pulse.hpp>
 
+#include <atomic>
 #include <utility>
 
 namespace Vantle {
 
 using Hestra::StrongPtr;
+
+namespace {
+
+std::atomic<std::uint64_t> allFailures{0};
+
+} // namespace
+
+std::uint64_t FileArray::failures() noexcept { return allFailures; }
 
 FileArray::FileArray(Reader reader, const VantleTypeIndex& elementType, const DynamicSize& size,
                      const Hestra::WeakPtr<Hestra::Cache>& cache)
@@ -20,8 +30,11 @@ StrongPtr<MemBase> FileArray::produce() {
     std::exception_ptr failure;
     try {
         made = myReader(Hestra::WeakPtr<CreativeArrayBase>(*this));
+    } catch (const Hestra::Interruption&) {
+        throw; // no failure of the file
     } catch (...) {
         failure = std::current_exception();
+        ++allFailures;
     }
     const std::lock_guard lock(myFailureMutex);
     myFailure = failure;

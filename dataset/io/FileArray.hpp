@@ -4,6 +4,7 @@
 #include <dataset/DataSetExport.hpp>
 #include <model/vantle/Field.hpp>
 
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <mutex>
@@ -29,6 +30,9 @@ public:
     [[nodiscard]] Hestra::StrongPtr<MemBase> read();
     /// What the last reading threw; null when it succeeded, and before the first one.
     [[nodiscard]] std::exception_ptr failure() const;
+    /// How often reading has failed in this process: whoever asks before and after an operation knows whether to ask
+    /// `throwReadingFailure`.
+    [[nodiscard]] static std::uint64_t failures() noexcept;
 
 protected:
     [[nodiscard]] Hestra::StrongPtr<MemBase> produce() override;

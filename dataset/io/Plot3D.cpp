@@ -109,6 +109,7 @@ public:
         std::vector<T> piece(std::min(count, PieceValues));
         for (std::size_t first = 0; first < count; first += PieceValues) {
             const std::size_t n = std::min(PieceValues, count - first);
+            Hestra::Pulse::beat(static_cast<double>(first) / static_cast<double>(count));
             take(piece.data(), n);
             values.insert(values.end(), piece.data(), piece.data() + n);
         }
@@ -294,6 +295,7 @@ void Plot3DFile::readTogether(std::size_t block, const std::vector<std::size_t>&
     for (const auto& each : values) pieces.push_back(each.data());
     for (std::size_t first = 0; first < count; first += PieceValues) {
         const std::size_t n = std::min(PieceValues, count - first);
+        Hestra::Pulse::beat(static_cast<double>(first) / static_cast<double>(count));
         for (std::size_t v = 0; v < cursors.size(); ++v) cursors[v].take(values[v].data(), n);
         take(first, n, pieces.data());
     }

@@ -1,13 +1,9 @@
-#include "Steps.hpp"
+#include "Tour.hpp"
 #include "io/Progress.hpp"
-
-#include <baseop/PartialDerivative.hpp>
-#include <baseop/WorldDerivative.hpp>
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
-#include <limits>
+#include <span>
 
 namespace tour {
 
@@ -15,88 +11,8 @@ using namespace Vantle;
 
 namespace {
 
-using Tensors = MemArray<3, Gradient>;
-using Block = MemArray<3, Space::point>;
-
-double magnitude(const Gradient& g) {
-    double squares = 0.0;
-    for (const double component : g) squares += component * component;
-    return std::sqrt(squares);
-}
-
-Space::vector vorticity(const Gradient& g) { return {g(1, 2) - g(2, 1), g(2, 0) - g(0, 2), g(0, 1) - g(1, 0)}; }
-
-Space::vector rowOf(const Gradient& g, int r) { return {g(r, 0), g(r, 1), g(r, 2)}; }
-
-// One vertex of one block.
-struct Node {
-    Space::point position;
-    Gradient gradient; // of the velocity
-    double volume;     // of the box that the derivatives of the positions along the indices span
-    bool atBorder;     // of the grid, where differences are one-sided
-    bool isFlat;       // the edges of the grid do not span space: there is no gradient
-};
-
-// What the library derives, or the reason why it does not.
-template<class Derive>
-Hestra::StrongPtr<Field> derived(const std::string& field, const Derive& derive) {
-    std::string errors;
-    const Hestra::StrongPtr<Field> derivative = derive("derivative of " + field, errors);
-    if (!derivative) throw std::runtime_error("no derivative of " + field + ": " + errors);
-    return derivative;
-}
-
-// Whether a vertex lies on a face that is joined to nothing, as its owner sees it.
-bool isAtBorder(const BlockJoins& joins, const BlockVertex& vertex) {
-    const BlockVertex owner = joins.owner(vertex);
-    for (int axis = 0; axis < 3; ++axis)
-        if (!joins.step(owner, axis, 1) || !joins.step(owner, axis, -1)) return true;
-    return false;
-}
-
-// Calls take(node) for every vertex that counts.
-void forNodes(const DataSet& data, const std::function<void(const Node&)>& take) {
-    const auto positions = data.grid.positions();
-    const Blanking masks(*data.grid.grid());
-    WorldDerivativeOptions options;
-    options.joinBlocks = true;
-    const auto joins = BlockJoins::of(*data.grid.grid(), options.joins);
-    const auto alongIndices = derived(PositionsName, [&](const std::string& name, std::string& errors) {
-        Representation& representation = *data.grid.representation();
-        return PartialDerivative(*positions, name, representation, representation, errors);
-    });
-    const auto inSpace = data.hasVelocity
-                             ? derived(kVelocity,
-                                       [&](const std::string& name, std::string& errors) {
-                                           return WorldDerivative(*data.grid.grid(), kVelocity, name, errors, options);
-                                       })
-                             : nullptr;
-    positions->iterate([&](const Hestra::StrongPtr<FragmentID>& fragment, const auto&) {
-        const auto points = Hestra::dynamicCast<Block>(positions->getData(fragment));
-        const auto edges = Hestra::dynamicCast<Tensors>(alongIndices->getData(fragment));
-        const auto gradients = inSpace ? Hestra::dynamicCast<Tensors>(inSpace->getData(fragment)) : nullptr;
-        if (!points || !edges) return true;
-        const MultiIndex<3> size = points->Size();
-        const unsigned int block = joins->find(fragment);
-        const auto mask = masks.of(fragment, size);
-        MultiIndex<3> at;
-        do {
-            if (mask && !mask->isVertexValid(at)) continue;
-            Node node{(*points)[at], gradients ? (*gradients)[at] : Gradient(), 0.0, false, false};
-            const Gradient& tensor = (*edges)[at];
-            node.volume = dot(rowOf(tensor, 0), cross(rowOf(tensor, 1), rowOf(tensor, 2)));
-            node.isFlat = std::isnan(node.gradient[0]);
-            node.atBorder = isAtBorder(*joins, {block, at.linear(size)});
-            take(node);
-        } while (at.advance(size));
-        return true;
-    });
-}
-
 struct Statistics {
-    double least = std::numeric_limits<double>::infinity();
-    double largest = -std::numeric_limits<double>::infinity();
-    double sum = 0.0;
+    double least = HUGE_VAL, largest = -HUGE_VAL, sum = 0.0;
     index_t number = 0;
 
     void add(double value) {
@@ -108,87 +24,128 @@ struct Statistics {
     [[nodiscard]] double mean() const { return number > 0 ? sum / double(number) : 0.0; }
 };
 
-// Distances from the exact gradient and from no vorticity.
-struct Deviation {
-    Statistics gradient, vorticity, gradientAtBorder;
+double magnitude(std::span<const double> components) {
+    double squares = 0.0;
+    for (const double component : components) squares += component * component;
+    return std::sqrt(squares);
+}
+
+// Of a flow that is known exactly, the gradient is how far it is from that.
+struct Derivatives {
+    Statistics gradient, vorticity, divergence;
+    double atBorder = 0.0; // the largest gradient there, where differences are one-sided
+    index_t flat = 0;
     double seconds = 0.0;
 };
 
-Deviation deviationOf(const DataSet& data) {
-    Deviation deviation;
-    const Stopwatch watch;
-    forNodes(data, [&](const Node& node) {
-        const double error = magnitude(node.gradient - data.exact->velocityGradient(node.position));
-        if (node.atBorder) return deviation.gradientAtBorder.add(error);
-        deviation.gradient.add(error);
-        deviation.vorticity.add(length(vorticity(node.gradient)));
-    });
-    deviation.seconds = watch.seconds();
-    return deviation;
+// Of all vertices that count, block by block; those of a known flow at the border of all blocks are apart.
+Derivatives derive(const Flow& flow) {
+    const DataSet& data = flow.data;
+    const std::string gradient = data.gradient("velocity"), vorticity = data.vorticity("velocity"),
+                      divergence = data.divergence("velocity");
+    Progress progress("derivatives");
+    Stopwatch watch;
+    const auto joins = data.joins();
+    const std::vector<BlockInfo> blocks = data.blocks();
+    Derivatives all;
+    for (unsigned int b = 0; b < blocks.size(); ++b) {
+        progress(double(b) / double(blocks.size()));
+        const std::string& name = blocks[b].name;
+        const std::vector<Point> positions = data.positions(name);
+        const Values gradients(data.array(gradient, name)), vorticities(data.array(vorticity, name)),
+            divergences(data.array(divergence, name));
+        const auto mask = maskOf(data, blocks[b]);
+        for (std::size_t n = 0; n < positions.size(); ++n) {
+            if (mask && !mask->isVertexValid(MultiIndex<3>::fromLinear(n, blocks[b].size))) continue;
+            Gradient here;
+            std::copy_n(&gradients.numbers()[9 * n], 9, here.begin());
+            if (std::isnan(here[0])) {
+                ++all.flat;
+                continue;
+            }
+            if (flow.exact) {
+                here = here - flow.exact->velocityGradient(positions[n]);
+                const BlockVertex owner = joins->owner({b, n});
+                bool atBorder = false;
+                for (int axis = 0; axis < 3; ++axis)
+                    atBorder = atBorder || !joins->step(owner, axis, 1) || !joins->step(owner, axis, -1);
+                if (atBorder) all.atBorder = std::max(all.atBorder, magnitude(here));
+                if (atBorder) continue;
+            }
+            all.gradient.add(magnitude(here));
+            all.vorticity.add(length(vorticities.vector(n)));
+            all.divergence.add(divergences[n]);
+        }
+    }
+    all.seconds = watch.lap();
+    return all;
 }
 
-void compareWithRefined(const Tour& tour) {
-    const Progress progress("derivatives");
-    const Deviation coarse = deviationOf(tour.data);
-    const Deviation fine = deviationOf(tour.data.refined());
-    Report& report = tour.report;
-    const auto compare = [&](const std::string& what, const auto& value) {
-        const double before = value(coarse), after = value(fine);
+void compareWithRefined(const Flow& flow, Report& report) {
+    const Derivatives coarse = derive(flow), fine = derive(flow.exact->refined());
+    const auto compare = [&](const std::string& what, double before, double after) {
         report.columns({what, number(before, 3), number(after, 3), number(before / after, 3)});
     };
     report.columns({"", "blocks as above", "twice as many cells", "falls by a factor"});
     report.columns({"velocity gradient"});
-    compare("  largest error", [](const Deviation& d) { return d.gradient.largest; });
-    compare("  mean error", [](const Deviation& d) { return d.gradient.mean(); });
-    compare("  at the border", [](const Deviation& d) { return d.gradientAtBorder.largest; });
+    compare("  largest error", coarse.gradient.largest, fine.gradient.largest);
+    compare("  mean error", coarse.gradient.mean(), fine.gradient.mean());
+    compare("  at the border", coarse.atBorder, fine.atBorder);
     report.columns({"vorticity (exact: 0)"});
-    compare("  largest", [](const Deviation& d) { return d.vorticity.largest; });
-    compare("  mean", [](const Deviation& d) { return d.vorticity.mean(); });
+    compare("  largest", coarse.vorticity.largest, fine.vorticity.largest);
+    compare("  mean", coarse.vorticity.mean(), fine.vorticity.mean());
     report.columns({"  time", duration(coarse.seconds), duration(fine.seconds)});
     report.line("  differences are central inside and across joined faces, one-sided outside: order two and one");
 }
 
-void describeDerivatives(const Tour& tour) {
-    Statistics gradient, vortices, divergence, volume;
-    index_t flat = 0;
-    const Stopwatch watch;
-    {
-        const Progress progress("derivatives");
-        forNodes(tour.data, [&](const Node& node) {
-            volume.add(node.volume);
-            if (node.isFlat) {
-                ++flat;
-                return;
-            }
-            gradient.add(magnitude(node.gradient));
-            vortices.add(length(vorticity(node.gradient)));
-            divergence.add(node.gradient(0, 0) + node.gradient(1, 1) + node.gradient(2, 2));
-        });
+// Volumes of the valid cells, whose faces are bilinear. Indices of mirrored blocks run the other way: their cells are
+// no less than others.
+Statistics volumesOf(const DataSet& data) {
+    Statistics volumes;
+    for (const BlockInfo& block : data.blocks()) {
+        if (countCells(block.size) == 0) continue;
+        const std::vector<Point> points = data.positions(block.name);
+        const auto mask = maskOf(data, block);
+        const index_t row = block.size[0], layer = row * block.size[1];
+        const index_t corners[] = {0, 1, row, row + 1, layer, layer + 1, layer + row, layer + row + 1};
+        std::vector<double> all;
+        double sum = 0.0;
+        MultiIndex<3> cell;
+        do {
+            if (mask && !mask->isCellValid(cell)) continue;
+            const Point* const first = &points[cell.linear(block.size)];
+            const auto d = [&](int to, int from) { return first[corners[to]] - first[corners[from]]; };
+            all.push_back((dot(d(2, 1) + d(6, 3), cross(d(7, 2), d(3, 0))) +
+                           dot(d(4, 2) + d(5, 6), cross(d(7, 4), d(6, 0))) +
+                           dot(d(1, 4) + d(3, 5), cross(d(7, 1), d(5, 0)))) /
+                          12.0);
+            sum += all.back();
+        } while (cell.advance(block.size - 1));
+        for (const double volume : all) volumes.add(sum < 0.0 ? -volume : volume);
     }
-    Report& report = tour.report;
+    return volumes;
+}
+
+void describe(const Flow& flow, Report& report) {
+    const Derivatives all = flow.hasVelocity ? derive(flow) : Derivatives();
+    Stopwatch watch;
     report.columns({"", "least", "mean", "largest"});
     const auto row = [&](const std::string& what, const Statistics& s) {
         if (s.number > 0) report.columns({what, number(s.least, 3), number(s.mean(), 3), number(s.largest, 3)});
     };
-    if (tour.data.hasVelocity) {
-        row("velocity gradient", gradient);
-        row("vorticity", vortices);
-        row("divergence", divergence);
-    }
-    row("volume of a cell", volume);
-    if (flat > 0) report.row("without gradient", count(flat) + " vertices, where the edges do not span space");
-    report.row("time", duration(watch.seconds()));
+    row("velocity gradient", all.gradient);
+    row("vorticity", all.vorticity);
+    row("divergence", all.divergence);
+    row("volume of a cell", volumesOf(flow.data));
+    if (all.flat > 0) report.row("without gradient", count(all.flat) + " vertices, where the edges do not span space");
+    report.row("time", duration(all.seconds + watch.lap()));
 }
 
 } // namespace
 
 void takeDerivatives(const Tour& tour) {
-    tour.report.section(tour.data.hasVelocity ? "Derivatives of the velocity in space"
-                                              : "Derivatives of the positions");
-    if (tour.data.exact)
-        compareWithRefined(tour);
-    else
-        describeDerivatives(tour);
+    tour.report.section(tour.flow.hasVelocity ? "Derivatives of the velocity in space" : "Cells");
+    tour.flow.exact ? compareWithRefined(tour.flow, tour.report) : describe(tour.flow, tour.report);
 }
 
 } // namespace tour

@@ -9,6 +9,7 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace tour {
 
@@ -19,25 +20,20 @@ public:
 };
 
 struct Options {
-    std::optional<std::filesystem::path> gridFile;     ///< None: the flow past a cylinder.
-    std::optional<std::filesystem::path> solutionFile; ///< Only with a grid file.
+    /// A PLOT3D grid, and what belongs to it; none: the flow past a cylinder.
+    std::vector<std::filesystem::path> files;
     Vantle::Plot3DOptions form;
-    std::string field;           ///< Empty: what suits the data.
-    std::optional<double> level; ///< None: what suits the field.
-    double heatRatio = 1.4;      ///< Of the heat capacities of the gas, at constant pressure and constant volume.
-    int resolution = 80;         ///< Positions of the uniform grid along its longest axis.
-    bool quick = false;          ///< A coarse ring of blocks.
-    int cut = 0;                 ///< Blocks to cut the grid of a file into; 0: as it is.
-    int threads = 0;             ///< 0: as many as OpenMP takes.
+    std::string field;                 ///< Empty: what suits the data.
+    std::optional<double> level;       ///< None: what suits the field.
+    double heatRatio = 1.4;            ///< Of the heat capacities of the gas, at constant pressure and constant volume.
+    std::optional<std::size_t> memory; ///< Bytes that are kept of files and of what is derived; none: all.
+    int resolution = 80;               ///< Positions of the uniform grid along its longest axis.
+    bool quick = false;                ///< A coarse ring of blocks.
+    int cut = 0;                       ///< Blocks to cut the grid of a file into; 0: as it is.
+    int threads = 0;                   ///< 0: as many as OpenMP takes.
     std::filesystem::path output = "tour-output";
     bool help = false;
 };
-
-inline constexpr int kMinResolution = 3;
-inline constexpr int kMaxResolution = 512;
-inline constexpr int kQuickResolution = 24;
-inline constexpr int kMaxThreads = 256;
-inline constexpr int kMaxCut = 1000;
 
 /// Values follow their option as the next argument or behind "="; "--" ends the options.
 ///

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cmath>
+#include <cstdio>
 #include <cstring>
-#include <unistd.h>
+#include <utility>
 
 namespace tour {
 
@@ -31,32 +31,23 @@ std::string inColumns(const std::vector<std::string>& cells) {
 
 void Report::line(const std::string& text) {
     const std::string bytes = text + "\n";
-    for (std::size_t written = 0; written < bytes.size();) {
-        const ssize_t now = ::write(descriptor_, bytes.data() + written, bytes.size() - written);
-        if (now < 0 && errno == EINTR) continue;
-        if (now < 0) throw Vantle::FileError("standard output", "cannot write", std::strerror(errno));
-        written += static_cast<std::size_t>(now);
-    }
+    text_ += bytes;
+    if (std::fputs(bytes.c_str(), stdout) < 0 || std::fflush(stdout) != 0)
+        throw Vantle::FileError("standard output", "cannot write", std::strerror(errno));
 }
 
-void Report::section(const std::string& title) { line("\n" + title); }
-
-void Report::row(const std::string& what, const std::string& value, std::optional<double> seconds) {
+void Report::row(const std::string& what, const std::string& value, double seconds) {
     std::string text = inColumns({what, value});
-    if (seconds) {
-        const std::string time = duration(*seconds);
-        padTo(kTimeEnd - std::min(kTimeEnd, time.size()), text);
-        text += time;
-    }
-    line(text);
+    const std::string time = duration(seconds);
+    padTo(kTimeEnd - std::min(kTimeEnd, time.size()), text);
+    line(text + time);
 }
 
 void Report::columns(const std::vector<std::string>& cells) { line(inColumns(cells)); }
 
 double Stopwatch::lap() {
-    const double gone = seconds();
-    start_ = std::chrono::steady_clock::now();
-    return gone;
+    const auto start = std::exchange(start_, std::chrono::steady_clock::now());
+    return std::chrono::duration<double>(start_ - start).count();
 }
 
 std::string number(double value, int digits) {
@@ -73,8 +64,7 @@ std::string count(unsigned long long value) {
 
 std::string duration(double seconds) {
     if (seconds < 1e-3) return number(1e6 * seconds, 3) + " us";
-    if (seconds < 1.0) return number(1e3 * seconds, 3) + " ms";
-    return number(seconds, 3) + " s";
+    return seconds < 1.0 ? number(1e3 * seconds, 3) + " ms" : number(seconds, 3) + " s";
 }
 
 } // namespace tour

@@ -3,43 +3,41 @@
 /// The table that the tour prints.
 
 #include <chrono>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace tour {
 
-/// Lines of a table. Each appears at once, whatever else is written meanwhile.
-///
-/// Failure      FileError when it cannot be written.
-class Report {
-public:
-    /// Writes to this file descriptor.
-    explicit Report(int descriptor) : descriptor_(descriptor) {}
-
-    /// A heading, with an empty line before it.
-    void section(const std::string& title);
-    /// One result: what, how much, and how long it took.
-    void row(const std::string& what, const std::string& value, std::optional<double> seconds = {});
-    /// Several results side by side, in columns; the first is what they are about.
-    void columns(const std::vector<std::string>& cells);
-    void line(const std::string& text);
-
-private:
-    int descriptor_;
-};
-
-/// Seconds since it was made or restarted.
+/// Seconds since it was made, or since the last lap.
 class Stopwatch {
 public:
-    [[nodiscard]] double seconds() const {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    }
-    /// The seconds so far, and starts again.
     double lap();
 
 private:
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+};
+
+/// Lines of a table on standard output. Each appears at once.
+///
+/// Failure      FileError when it cannot be written.
+class Report {
+public:
+    /// A heading, with an empty line before it.
+    void section(const std::string& title) { line("\n" + title); }
+    /// One result: what, and how much.
+    void row(const std::string& what, const std::string& value) { columns({what, value}); }
+    /// The same, and how long it took.
+    void row(const std::string& what, const std::string& value, double seconds);
+    /// The same of what was done since the last lap: the value is made before the watch is looked at.
+    void row(const std::string& what, const std::string& value, Stopwatch& watch) { row(what, value, watch.lap()); }
+    /// Several results side by side; the first cell is what they are about.
+    void columns(const std::vector<std::string>& cells);
+    void line(const std::string& text);
+    /// All lines so far.
+    [[nodiscard]] const std::string& text() const noexcept { return text_; }
+
+private:
+    std::string text_;
 };
 
 /// `value` with so many significant digits.

@@ -1,12 +1,8 @@
-#include "Steps.hpp"
+#include "Tour.hpp"
 #include "io/Progress.hpp"
 
-#include <baseop/BlockJoins.hpp>
-#include <baseop/FragmentSkeleton.hpp>
-#include <baseop/ValidData.hpp>
-
 #include <algorithm>
-#include <optional>
+#include <cmath>
 
 namespace tour {
 
@@ -14,71 +10,48 @@ using namespace Vantle;
 
 namespace {
 
-constexpr index_t kFragmentsListed = 12;
-constexpr std::size_t kDoubtsListed = 5;
+constexpr std::size_t kBlocksListed = 12, kDoubtsListed = 5;
 
-std::string text(const Space::point& p) {
-    std::string numbers("(");
-    return numbers + number(p[0]) + ", " + number(p[1]) + ", " + number(p[2]) + ")";
+std::string text(const Box& box) {
+    return std::isnan(box.low[0]) ? "none" : placeText(box.low) + " - " + placeText(box.high);
 }
-
-std::string text(const Hestra::StrongPtr<Orvix::BoundingBox>& box) {
-    return box ? text(box->minCoord()) + " - " + text(box->maxCoord()) : "none";
+std::string text(const NumberRange& range) {
+    return std::isnan(range.least) ? "none" : number(range.least) + " to " + number(range.greatest);
 }
-
-std::string text(const MultiIndex<3>& size) {
-    return std::to_string(size[0]) + " x " + std::to_string(size[1]) + " x " + std::to_string(size[2]);
-}
-
-std::string text(const std::optional<ValueRange>& range) {
-    return range ? number(range->first) + " to " + number(range->second) : "none";
-}
-
-// One fragment of a field.
-struct Only : FragmentSelector {
-    explicit Only(const Hestra::StrongPtr<FragmentID>& one) : fragment(one) {}
-    bool isSelected(const Hestra::StrongPtr<FragmentID>& id) const override { return id == fragment; }
-
-    Hestra::StrongPtr<FragmentID> fragment;
-};
 
 } // namespace
 
-void survey(const Tour& tour) {
-    const DataSet& data = tour.data;
+void survey(Tour& tour) {
+    const Flow& flow = tour.flow;
+    const DataSet& data = flow.data;
     Report& report = tour.report;
-    report.section("Boxes, ranges, fragments");
+    report.section("Boxes, ranges, blocks");
 
-    const Progress progress("boxes and ranges");
+    Progress progress("boxes, ranges, joins, hull");
     Stopwatch watch;
-    const auto box = getValidBoundingBox(*data.grid.grid());
-    report.row("box", text(box), watch.lap());
-    for (const std::string& name : data.scalars) {
-        const auto range = ComputeValidRange(*data.grid.grid(), name);
-        report.row(name, text(range), watch.lap());
-    }
-    CartesianFragments fragments(data.grid.grid());
-    fragments.buildFragmentCoordinates();
-    const index_t total = data.grid.positions()->nFragments();
-    report.row("fragments", count(total), watch.lap());
-
-    const auto joins = BlockJoins::of(*data.grid.grid());
+    report.row("box", text(data.bounds(std::ref(progress))), watch);
+    for (const std::string& name : flow.scalars) report.row(name, text(data.range(name, std::ref(progress))), watch);
+    const std::vector<BlockInfo> blocks = data.blocks();
+    const CellCount cells = countCells(data);
+    report.row("blocks", count(blocks.size()) + ", of " + count(cells.all) + " cells");
+    report.row("blanked", count(cells.all - cells.valid) + " cells");
+    const auto joins = data.joins();
     report.row("joins",
                count(joins->joins().size()) + " found in " + count(joins->blocks()) + " blocks, " +
                    count(joins->doubtful().size()) + " doubtful faces",
-               watch.lap());
-    for (std::size_t n = 0; n < std::min<std::size_t>(joins->doubtful().size(), kDoubtsListed); ++n)
+               watch);
+    for (std::size_t n = 0; n < std::min(joins->doubtful().size(), kDoubtsListed); ++n)
         report.line("    " + joins->doubtful()[n].reason);
+    tour.hull = data.boundary(flow.isWall ? DataSet::Fields{"speed"} : DataSet::Fields{}, std::ref(progress));
+    report.row("hull", count(tour.hull.triangles().size()) + " triangles, " + borderText(tour.hull), watch);
 
-    report.columns({"  name", "vertices", data.field, "box"});
-    for (index_t n = 0; n < std::min(total, kFragmentsListed); ++n) {
-        const auto fragment = fragments.getFragmentID(n);
-        const auto size = getSize(*data.grid.positions()->getCreator(fragment)).as<3>();
-        report.columns({"  " + fragments.getFragmentName(n), size ? text(*size) : "?",
-                        text(ComputeValidRange(*data.grid.grid(), data.field, Hestra::makeRef<Only>(fragment))),
-                        text(fragments.getBBox(n))});
+    report.columns({"  name", "vertices", flow.field, "box"});
+    for (std::size_t n = 0; n < std::min(blocks.size(), kBlocksListed); ++n) {
+        const DataSet block = data.block(blocks[n].name);
+        report.columns(
+            {"  " + blocks[n].name, sizeText(blocks[n].size), text(block.range(flow.field)), text(block.bounds())});
     }
-    if (total > kFragmentsListed) report.line("    ... and " + count(total - kFragmentsListed) + " more");
+    if (blocks.size() > kBlocksListed) report.line("    ... and " + count(blocks.size() - kBlocksListed) + " more");
 }
 
 } // namespace tour

@@ -3,6 +3,7 @@
 
 #include <model/hestra/Cache.hpp>
 #include <model/hestra/Creation.hpp>
+#include <model/hestra/Pulse.hpp>
 
 #include <exception>
 #include <string>
@@ -28,7 +29,8 @@ public:
 
     /// The data: as they are, or made now. With `background` they are only requested when missing.
     ///
-    /// Failure  null when there is no way to make them, when the creation function returned null or threw, for a
+    /// Failure  null when there is no way to make them, when the creation function returned null, threw or was ended,
+    /// for a
     ///          background request that cannot be met at once, and when waiting for them would never end: when their
     ///          own creation function asks for them, be it from its own parallel loop, through other creators, or
     ///          through creators that other threads are at and that need what this one is making. Whoever closes the
@@ -57,6 +59,12 @@ public:
         if (!data || !isCurrent(data.rawptr())) return nullptr;
         data->markAsUsed();
         return data;
+    }
+
+    /// The cache that data made later, and what is converted from data, are left to; null when there is none.
+    [[nodiscard]] WeakPtr<Cache> cache() const {
+        const std::lock_guard lock(myDataMutex);
+        return myCache;
     }
 
     /// Notes that the data are wanted without making them. What serves requests looks at `wasRequested`.
@@ -122,6 +130,7 @@ private:
     StrongPtr<T> produceSafely() noexcept {
         try {
             return produce();
+        } catch (const Interruption&) { // whose pulse tells
         } catch (const std::exception& problem) {
             if (!myFailureReported.exchange(true)) reportCreationFailure(problem.what());
         } catch (...) {

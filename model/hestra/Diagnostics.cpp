@@ -1,3 +1,4 @@
+#include <model/hestra/CreationFailure.hpp>
 #include <model/hestra/Creator.hpp>
 #include <model/hestra/Diagnostics.hpp>
 
@@ -31,7 +32,21 @@ MemoryException::~MemoryException() = default;
 
 SaveRegistryBase::~SaveRegistryBase() = default;
 
+namespace {
+
+thread_local ScopedCreationFailure* listening = nullptr;
+
+} // namespace
+
+ScopedCreationFailure::ScopedCreationFailure() noexcept : myOuter(listening) { listening = this; }
+ScopedCreationFailure::~ScopedCreationFailure() { listening = myOuter; }
+
 void reportCreationFailure(const char* reason) noexcept {
+    if (listening) try {
+            if (listening->myReason.empty()) listening->myReason = reason;
+            return;
+        } catch (const std::bad_alloc&) { // then as if nobody listened
+        }
     std::fprintf(stderr, "creation of data failed: %s\n", reason);
 }
 

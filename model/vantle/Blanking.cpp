@@ -1,3 +1,4 @@
+#include <model/hestra/Pulse.hpp>
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/Derived.hpp>
 #include <model/vantle/DoublePrecision.hpp>
@@ -102,7 +103,8 @@ BlockMask::BlockMask(const MultiIndex<3>& vertices, const MemBase* vertexMask, c
     if (vertexMask) {
         Bits corners(mySize, true);
         apply(vertexMask, VertexMaskName, fragment, corners, vertices);
-        for (index_t k = 0; k < myCells[2]; ++k)
+        for (index_t k = 0; k < myCells[2]; ++k) {
+            Hestra::Pulse::beat(static_cast<double>(k) / static_cast<double>(myCells[2]));
             for (index_t j = 0; j < myCells[1]; ++j) {
                 const index_t nextJ = mySize[1] > 1 ? j + 1 : j, nextK = mySize[2] > 1 ? k + 1 : k;
                 const std::uint64_t* const rows[4] = {corners.row(j, k), corners.row(nextJ, k), corners.row(j, nextK),
@@ -114,6 +116,7 @@ BlockMask::BlockMask(const MultiIndex<3>& vertices, const MemBase* vertexMask, c
                 for (index_t word = 0; word < cells.rowWords; ++word)
                     row[word] &= mySize[0] > 1 ? all(word) & (all(word) >> 1 | all(word + 1) << 63) : all(word);
             }
+        }
     }
     cells.trim();
     myRowWords = cells.rowWords;
@@ -167,8 +170,12 @@ StrongPtr<CreativeArrayBase> creatorOf(const StrongPtr<Field>& mask, const Stron
     return mask ? mask->getCreator(fragment) : nullptr;
 }
 
-StrongPtr<MemBase> dataOf(const StrongPtr<Field>& mask, const StrongPtr<FragmentID>& fragment) {
-    return mask ? mask->getData(fragment) : nullptr;
+/// The data of a mask, null where it has none; what cannot be made is no mask that all vertices pass.
+StrongPtr<MemBase> dataOf(const char* name, const StrongPtr<Field>& mask, const StrongPtr<FragmentID>& fragment) {
+    const StrongPtr<CreativeArrayBase> creator = creatorOf(mask, fragment);
+    StrongPtr<MemBase> data = creator ? creator->getData() : nullptr;
+    if (creator && !data) refuse(name, FragmentID::Name(fragment, ""), "cannot be made");
+    return data;
 }
 
 } // namespace
@@ -203,8 +210,8 @@ StrongPtr<const BlockMask> Blanking::find(const StrongPtr<FragmentID>& fragment,
     if (const auto known = made.find(name); known && isFor(*known)) return known->mask;
 
     // Made without a lock: who makes the masks may itself ask.
-    const StrongPtr<MemBase> vertexMask = dataOf(myVertexMask, fragment), cellMask = dataOf(myCellMask, fragment);
-    if (!vertexMask && !cellMask) return nullptr;
+    const StrongPtr<MemBase> vertexMask = dataOf(VertexMaskName, myVertexMask, fragment),
+                             cellMask = dataOf(CellMaskName, myCellMask, fragment);
     MultiIndex<3> size;
     if (vertices) {
         size = *vertices;
@@ -235,9 +242,8 @@ void Blanking::check(const Field& positions) const {
                 const auto vertices = known.as<3>();
                 if (!vertices) return true;
                 DynamicSize size = getSize(*creator);
-                if (!size)
-                    if (const StrongPtr<MemBase> data = creator->getData()) size = data->getDynamicSize();
-                if (size) checkSize(name, fragmentName, size, isOfCells ? cellsOf(*vertices) : *vertices, *vertices);
+                if (!size) size = dataOf(name, mask, fragment)->getDynamicSize();
+                checkSize(name, fragmentName, size, isOfCells ? cellsOf(*vertices) : *vertices, *vertices);
                 return true;
             },
             false);
@@ -296,11 +302,21 @@ using NumbersAndPlaces =
     TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long,
              Orvix::PhysicalSpace::point, Orvix::PhysicalSpace::vector, FloatPoint, FloatVector>;
 
+/// Calls `f(n)` for all n below `count`, and the pulse of the thread between pieces.
+template<class F>
+void forPieces(index_t count, const F& f) {
+    constexpr index_t Piece = index_t{1} << 18;
+    for (index_t begin = 0; begin < count; begin += Piece) {
+        Hestra::Pulse::beat(static_cast<double>(begin) / static_cast<double>(count));
+        for (index_t n = begin; n < std::min(count, begin + Piece); ++n) f(n);
+    }
+}
+
 /// A field over the fragments of `values`, 1 where `isValid` says so, of elements that are one of these types, and
 /// where the vertex mask of `within` agrees, if there is one.
 template<class Types, class F>
 StrongPtr<Field> makeMask(const StrongPtr<Field>& values, Types, const StrongPtr<Representation>& within,
-                          const F& isValid) {
+                          const StrongPtr<Hestra::Cache>& cache, const F& isValid) {
     if (!values) return nullptr;
     const auto refuseElements = [] { throw std::invalid_argument("a mask cannot be made from elements of this type"); };
     const auto masks = within ? StrongPtr<BlankingInput>(new BlankingInput(*within)) : StrongPtr<BlankingInput>();
@@ -315,21 +331,22 @@ StrongPtr<Field> makeMask(const StrongPtr<Field>& values, Types, const StrongPtr
                 StrongPtr<MemArray<3, unsigned char>> made;
                 const auto fill = [&](const auto& array) {
                     made = MemArray<3, unsigned char>::create(array.Size(), maker);
-                    for (index_t n = 0; n < made->nElements(); ++n)
-                        made->element(n) = isValid(array.element(n)) ? 1 : 0;
+                    forPieces(made->nElements(),
+                              [&](index_t n) { made->element(n) = isValid(array.element(n)) ? 1 : 0; });
                 };
                 if (!withMemArray<3>(Types(), data, fill)) refuseElements();
                 const StrongPtr<Field> other = masks ? masks->now().vertexMask() : nullptr;
-                withMemArray<3>(Numbers(), other ? other->getData(fragment) : nullptr, [&](const auto& array) {
+                withMemArray<3>(Numbers(), dataOf(VertexMaskName, other, fragment), [&](const auto& array) {
                     if (array.Size() != made->Size()) refuseElements();
-                    for (index_t n = 0; n < made->nElements(); ++n)
+                    forPieces(made->nElements(), [&](index_t n) {
                         if (array.element(n) == 0) made->element(n) = 0;
+                    });
                 });
                 return made;
             };
             mask->setCreator(Hestra::makeRef<DerivedArray>(DerivedArray::Source(creator, source, fragment, masks),
                                                            derive, VantleTypeIndex(typeid(unsigned char)),
-                                                           getSize(*creator), Hestra::Cache::MemCache()),
+                                                           getSize(*creator), cache),
                              fragment);
             return true;
         },
@@ -339,8 +356,9 @@ StrongPtr<Field> makeMask(const StrongPtr<Field>& values, Types, const StrongPtr
 
 } // namespace
 
-StrongPtr<Field> makeMaskOfNumbers(const StrongPtr<Field>& values, const StrongPtr<Representation>& within) {
-    return makeMask(values, NumbersAndPlaces(), within, []<class T>(const T& value) {
+StrongPtr<Field> makeMaskOfNumbers(const StrongPtr<Field>& values, const StrongPtr<Representation>& within,
+                                   const StrongPtr<Hestra::Cache>& cache) {
+    return makeMask(values, NumbersAndPlaces(), within, cache, []<class T>(const T& value) {
         for (int c = 0; c < ElementTraits<T>::components; ++c)
             if (!(elementComponent(value, c) == elementComponent(value, c))) return false;
         return true;
@@ -348,8 +366,8 @@ StrongPtr<Field> makeMaskOfNumbers(const StrongPtr<Field>& values, const StrongP
 }
 
 StrongPtr<Field> makeMaskOfRange(const StrongPtr<Field>& values, double least, double greatest,
-                                 const StrongPtr<Representation>& within) {
-    return makeMask(values, Numbers(), within, [least, greatest](const auto& value) {
+                                 const StrongPtr<Representation>& within, const StrongPtr<Hestra::Cache>& cache) {
+    return makeMask(values, Numbers(), within, cache, [least, greatest](const auto& value) {
         const auto number = static_cast<double>(value);
         return number >= least && number <= greatest;
     });

@@ -6,6 +6,7 @@
 /// to the positions, which other grids with other masks may share. A grid, or a fragment, without masks is wholly
 /// valid.
 
+#include <model/hestra/Cache.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/vantle/Index.hpp>
 #include <model/vantle/Representation.hpp>
@@ -114,16 +115,16 @@ public:
 
     /// What is valid in a fragment with these vertices; null where everything is, as without masks.
     ///
-    /// Failure  as `BlockMask`, and what the masks' creators throw.
+    /// Failure  as `BlockMask`; std::invalid_argument, too, for a mask whose data cannot be made.
     /// Cost     one pass over the masks, which are made if need be; then one look-up.
     [[nodiscard]] Hestra::StrongPtr<const BlockMask> of(const Hestra::StrongPtr<FragmentID>& fragment,
                                                         const MultiIndex<3>& vertices) const;
     /// The same with the extents that the masks have.
     [[nodiscard]] Hestra::StrongPtr<const BlockMask> of(const Hestra::StrongPtr<FragmentID>& fragment) const;
 
-    /// Throws std::invalid_argument if a mask does not fit: a wrong element type or extents, or data that are no
-    /// fragment of these positions. Makes only masks that do not announce their size; where the positions do not, the
-    /// extents stay unchecked until `of` is asked.
+    /// Throws std::invalid_argument if a mask does not fit: a wrong element type or extents, data that are no
+    /// fragment of these positions, or cannot be made. Makes only masks that do not announce their size; where the
+    /// positions do not, the extents stay unchecked until `of` is asked.
     void check(const Field& positions) const;
 
     /// The masks and their ages, for what is derived from them.
@@ -168,14 +169,17 @@ private:
 /// Failure  null for a null handle; std::invalid_argument for other elements than numbers, vectors and points, when it
 ///          is known that there are such.
 ///
+/// @param cache   holds what is made.
 /// @param within  if given, what its vertex mask says to be invalid is so here, too; it is followed like the values.
 [[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<Field>
-makeMaskOfNumbers(const Hestra::StrongPtr<Field>& values, const Hestra::StrongPtr<Representation>& within = {});
+makeMaskOfNumbers(const Hestra::StrongPtr<Field>& values, const Hestra::StrongPtr<Representation>& within = {},
+                  const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
 /// The same of a field of numbers: valid from `least` to `greatest`, both included.
 [[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<Field>
 makeMaskOfRange(const Hestra::StrongPtr<Field>& values, double least,
                 double greatest = std::numeric_limits<double>::infinity(),
-                const Hestra::StrongPtr<Representation>& within = {});
+                const Hestra::StrongPtr<Representation>& within = {},
+                const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
 
 // ---------------------------------------------------------------------------------------------------------------------
 

@@ -1,6 +1,8 @@
+#include <model/hestra/Pulse.hpp>
 #include <model/vantle/Derived.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 
+#include <algorithm>
 #include <mutex>
 
 namespace Vantle {
@@ -47,7 +49,8 @@ StrongPtr<CreativeArray> converterOf(CreativeArrayBase& creator) {
     if (StrongPtr<CreativeArray> known = Conversion::find(creator)) return known;
     const WeakPtr<CreativeArrayBase> source(creator);
     const StrongPtr<CreativeArray> made =
-        makeConverter(DerivedArray::Source::remembering(source), creator, Hestra::Cache::MemCache());
+        makeConverter(DerivedArray::Source::remembering(source), creator,
+                      creator.cache() ? creator.cache() : Hestra::WeakPtr<Hestra::Cache>(Hestra::Cache::MemCache()));
     creator.addInterface(Hestra::makeRef<Conversion>(source, made));
     return made;
 }
@@ -69,7 +72,11 @@ StrongPtr<MemBase> convertToDoublePrecision(const MemBase& data, const WeakPtr<C
         const Iterator<Doubled<T>> wide = dynamic_cast<TypedArray<Doubled<T>>&>(*result).getIterator();
         const Iterator<T> elements = narrow->getIterator();
         const index_t count = elements.size();
-        for (index_t k = 0; k < count; ++k) wide[k] = Doubled<T>(elements[k]);
+        constexpr index_t Piece = index_t{1} << 18;
+        for (index_t begin = 0; begin < count; begin += Piece) {
+            Hestra::Pulse::beat(static_cast<double>(begin) / static_cast<double>(count));
+            for (index_t k = begin; k < std::min(count, begin + Piece); ++k) wide[k] = Doubled<T>(elements[k]);
+        }
         return true;
     };
     (void)(attempt(TypeList<FloatPoint>()) || attempt(TypeList<FloatVector>()));

@@ -26,10 +26,10 @@ inDoublePrecision(const Hestra::StrongPtr<CreativeArrayBase>& creator,
 
 /// The data of a creator, as by `getData`, but points and vectors in double precision: what operations read.
 ///
-/// What was converted is attached to the creator, lies in `Cache::MemCache()`, may be dropped, and is made again when
-/// the creator has become newer or it was dropped. The creator's own data stay as they are.
-/// Concurrency  as of `getData`: from any number of threads, converted once.
-/// Cost         that of `getData`, unless there is something to convert.
+/// What was converted is attached to the creator, lies in its cache, or in `Cache::MemCache()` without one, may be
+/// dropped, and is made again when the creator has become newer or it was dropped. The creator's own data stay as they
+/// are. Concurrency  as of `getData`: from any number of threads, converted once. Cost         that of `getData`,
+/// unless there is something to convert.
 [[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<MemBase> getDataInDoublePrecision(CreativeArrayBase& creator);
 /// The same of a fragment of a field; null when there is none.
 [[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<MemBase>

@@ -15,7 +15,7 @@ namespace Vantle {
 /// One named piece of a field. Fields that share a collection share its fragment ids.
 ///
 /// The null handle and the empty name both stand for unfragmented data; every operation accepts the null handle.
-/// Concurrency  name and number never change; attachments are guarded, see `Intercube`.
+/// Concurrency  name and number never change; attachments are guarded, see `Hestra::Intercube`.
 class VANTLE_MODEL_API FragmentID : public Hestra::ReferenceBase<FragmentID>, public Hestra::Intercube {
 public:
     /// Gets a number, and its collection, with the first collection that it is added to.

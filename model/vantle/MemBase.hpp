@@ -14,7 +14,7 @@ namespace Vantle {
 ///
 /// Its typed form is found by `dynamic_cast` to `TypedArray<T>`, `MemArray<N, T>` or `DirectProductMemArray`.
 /// Concurrency  reading from any number of threads. Whoever writes an element keeps its readers away; several threads
-///              may write different elements. Attachments are guarded, see `Intercube`.
+///              may write different elements. Attachments are guarded, see `Hestra::Intercube`.
 class VANTLE_MODEL_API MemBase : public Hestra::Cacheable, public Hestra::Intercube {
 public:
     /// Factory for arrays of one element type.

@@ -1,8 +1,8 @@
-#include <dataset/detail/Request.hpp>
 
 #include <algorithm>
 #include <limits>
 #include <parallel/detail/Exchange.hpp>
+#include <parallel/detail/Meter.hpp>
 #include <stdexcept>
 
 namespace Vantle {

@@ -185,7 +185,7 @@ StrongPtr<MemBase> ParallelDataSet::Data::knownArray(const std::string& name, co
     std::vector<std::string> names;
     for (const std::uint32_t n : all.own) names.push_back(nameOf(n));
     const auto at = std::find(names.begin(), names.end(), block);
-    if (at == names.end()) throw DataSetError(detail::unknownName("block", block, names));
+    if (at == names.end()) throw detail::unknownName("block", block, names);
     const auto derivedField = myDerived.find(name);
     const StrongPtr<Field> field =
         derivedField != myDerived.end() ? derivedField->second.field : representation->findField(name);
@@ -343,7 +343,7 @@ detail::Quantity ParallelDataSet::Data::quantity(const std::string& name, int wa
     } else {
         std::vector<std::string> names;
         for (const FieldInfo& field : fields) names.push_back(field.name);
-        exchange->attempt([&] { throw DataSetError(detail::unknownName("field", name, names)); });
+        exchange->attempt([&] { throw detail::unknownName("field", name, names); });
     }
     exchange->attempt([&] { // the next exchange tells
         if (wanted && found.components != wanted)

@@ -12,6 +12,7 @@
 #include <optional>
 #include <parallel/ParallelDataSet.hpp>
 #include <parallel/detail/Halo.hpp>
+#include <parallel/detail/Meter.hpp>
 #include <parallel/detail/SurfaceParts.hpp>
 
 namespace Vantle {
@@ -86,7 +87,7 @@ struct ParallelDataSet::Data {
 
     [[nodiscard]] ParallelSurface surface(const std::string& name, const Hestra::StrongPtr<Field>& of,
                                           const detail::AllNumbers& numbers, double level, const Fields& values,
-                                          bool hasNormals, const detail::Meter& meter);
+                                          bool hasNormals, const detail::Meter& meter, const Plane* plane = nullptr);
     [[nodiscard]] ParallelSurface hull(const Fields& values);
     [[nodiscard]] std::shared_ptr<detail::LocatedParts>
     locate(const std::shared_ptr<Data>& self, std::span<const Point> positions, const detail::Meter& meter);

@@ -213,11 +213,12 @@ struct PartCounts {
 
 ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const StrongPtr<Field>& of,
                                                const AllNumbers& known, double level, const Fields& values,
-                                               bool hasNormals, const Meter& meter) {
+                                               bool hasNormals, const Meter& meter, const Plane* plane) {
     std::vector<std::pair<std::string, detail::Quantity>> wanted;
     for (const std::string& value : values) wanted.emplace_back(value, quantity(value));
     if (hasNormals) wanted.emplace_back(Surface::NormalsName, quantity("gradient(" + name + ")"));
-    std::vector<StrongPtr<Field>> quantities{of};
+    std::vector<StrongPtr<Field>> quantities;
+    if (!plane) quantities.push_back(of);
     for (const auto& [valueName, value] : wanted) quantities.push_back(value.field);
 
     const Meter sweep = meter.part(0.0, wanted.empty() ? 1.0 : 0.7), rest = meter.part(0.7, 1.0);
@@ -238,7 +239,8 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
 
     for (bool isAgain = false;; isAgain = true) {
         const BlockJoins& joins = *around->joins();
-        const std::vector<StrongPtr<Field>> extended = around->extend(quantities);
+        std::vector<StrongPtr<Field>> extended = around->extend(quantities);
+        if (plane) extended.insert(extended.begin(), around->grid()->CartesianPositions()); // which stand-ins have
         RankSurface surface;
         std::vector<StrongPtr<MemBase>> evaluated;
         VertexNumbers vertices(*exchange, all.blocks, surface);
@@ -250,6 +252,7 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                                          surface.weights, surface.points, surface.triangles);
             surfacer.setBlanking(Blanking(*around->grid()));
             surfacer.joinBlocks(around->joins(), extended.front());
+            if (plane) surfacer.cutByPlane(plane->origin, plane->normal);
             surfacer.useRanges([&](const StrongPtr<FragmentID>& id) -> std::optional<std::pair<double, double>> {
                 const auto found = blockOf.find(id.rawptr());
                 if (found == blockOf.end() || !known[found->second].range) return std::nullopt;

@@ -1,21 +1,15 @@
 // Every operation on memory of somebody else, which nobody can write to, against arrays with memory of their own.
 
-#include <model/hestra/Console.hpp>
-
-#include <cstring>
-#include <gtest/gtest.h>
 #include <support/Families.hpp>
 #include <support/RoughBlocks.hpp>
+#include <support/Testing.hpp>
 #include <sys/mman.h>
-#include <thread>
 
 namespace {
 
-using Hestra::StrongPtr;
 using support::Block;
 using support::BlockPtr;
 using support::Point;
-using namespace Vantle;
 using namespace support::families;
 
 /// Pieces of memory that were adopted and not given back.
@@ -65,6 +59,7 @@ struct Way {
     index_t stride;
     bool isSinglePrecision;
 };
+void PrintTo(const Way& way, std::ostream* to) { *to << way.name; }
 constexpr Way kWays[] = {{"Packed", 1, false}, {"Interleaved", 3, false}, {"Float", 1, true}, {"FloatApart", 2, true}};
 
 struct AdoptedMemoryTest : testing::TestWithParam<std::tuple<Kind, Way>> {
@@ -150,7 +145,7 @@ TEST_F(SinglePrecisionTest, ConversionsAreSharedDroppedAndFollowTheirSource) {
     for (index_t k = 0; k < floats->nElements(); ++k) ASSERT_EQ(seen[0]->element(k), Point(floats->element(k)));
     EXPECT_EQ(Hestra::Cache::MemCache()->size(), cached + 1);
 
-    const Hestra::WeakPtr<Block> first = seen[0];
+    const WeakPtr<Block> first = seen[0];
     seen.clear();
     Hestra::Cache::MemCache()->clear();
     EXPECT_FALSE(first) << "nobody else keeps it";
@@ -168,7 +163,7 @@ TEST_F(SinglePrecisionTest, ConversionsAreSharedDroppedAndFollowTheirSource) {
 
     // Attachments that are handed on to a creator of other data convert nothing there.
     const StrongPtr<MemBase> two = narrow(*support::makeBlock(support::shapes()[0], {2, 1, 1}));
-    const StrongPtr<CreativeArrayBase> other = Hestra::makeRef<CreativeArray>(two);
+    const StrongPtr<CreativeArrayBase> other = makeRef<CreativeArray>(two);
     Field().processOwnership(*other, *grid->CartesianPositions()->getCreator(id));
     EXPECT_EQ(getDataInDoublePrecision(*other)->nElements(), 2U);
     CreativeArray unowned{StrongPtr<MemBase>(floats)};
@@ -186,7 +181,7 @@ TEST_F(SinglePrecisionTest, VerticesOfSurfaces) {
 
 // For callers who read points themselves.
 TEST_F(SinglePrecisionTest, ACreatorOfDoublesInItsPlace) {
-    const auto cache = Hestra::makeRef<Hestra::Cache>();
+    const auto cache = makeRef<Hestra::Cache>();
     const auto doubles = inDoublePrecision(grid->CartesianPositions()->getCreator(id), cache);
     grid->CartesianPositions()->removeData(id);
     EXPECT_EQ(doubles->elementType(), typeid(Point));

@@ -1,16 +1,12 @@
-#include "support/CutBlocks.hpp"
-#include "support/Surfaces.hpp"
-
 #include <baseop/BlockBoundary.hpp>
 
-#include <gtest/gtest.h>
-#include <set>
+#include <support/CutBlocks.hpp>
+#include <support/Surfaces.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
 using namespace support;
-using Hestra::StrongPtr;
 
 /// A hull's arrays, and what they enclose.
 struct Hull {
@@ -21,9 +17,9 @@ struct Hull {
 
     explicit Hull(const Scene& scene, const BlockBoundaryOptions& options = {})
         : grid(ComputeBlockBoundary(*scene.grid, *scene.slice, "hull", options)),
-          points(Hestra::dynamicCast<MemArray<1, Point>>(grid->CartesianPositions()->getData())) {
+          points(dynamicCast<MemArray<1, Point>>(grid->CartesianPositions()->getData())) {
         const auto skeleton = grid->getSkeleton(SkeletonID(2, 1));
-        const auto cells = Hestra::dynamicCast<MemArray<1, TriangleCell>>(
+        const auto cells = dynamicCast<MemArray<1, TriangleCell>>(
             skeleton->findRepresentation(*grid->findVertices(2))->Positions()->getData());
         for (index_t n = 0; n < cells->nElements(); ++n) {
             triangles.push_back(cells->element(n));
@@ -149,18 +145,16 @@ TEST(BlockBoundaryTest, FieldsHaveTheValuesOfOwners) {
     const BlockPtr uncut = makeBlock(shapes()[1], {7, 9, 8});
     CutGrid cut(*uncut, turned(bisect(uncut->Size(), 6, random), random));
     cut.setField("linear", *linearOn(*uncut));
-    cut.setField("place",
-                 *fieldOn(*uncut, [](const Point& p) { return Orvix::PhysicalSpace::vector(p[2], p[0], p[1]); }));
+    cut.setField("place", *fieldOn(*uncut, [](const Point& p) { return vector(p[2], p[0], p[1]); }));
     const auto source = (*cut.grid)("linear");
     for (const auto& id : cut.ids) { // copies that are nobody's
         const auto joins = BlockJoins::of(*cut.grid);
-        const auto values = Hestra::dynamicCast<MemArray<3, double>>(source->getData(id));
+        const auto values = dynamicCast<MemArray<3, double>>(source->getData(id));
         for (const auto& shared : joins->shared(joins->find(id))) values->element(shared.index) = 1e9;
     }
     const Hull hull(cut, {{}, {"linear", "place"}});
-    const auto linearValues = Hestra::dynamicCast<MemArray<1, double>>((*hull.grid)("linear")->getData());
-    const auto places =
-        Hestra::dynamicCast<MemArray<1, Orvix::PhysicalSpace::vector>>((*hull.grid)("place")->getData());
+    const auto linearValues = dynamicCast<MemArray<1, double>>((*hull.grid)("linear")->getData());
+    const auto places = dynamicCast<MemArray<1, vector>>((*hull.grid)("place")->getData());
     ASSERT_TRUE(linearValues && places && linearValues->nElements() == hull.points->nElements());
     for (index_t n = 0; n < hull.points->nElements(); ++n) {
         EXPECT_EQ(linearValues->element(n), linear(hull.points->element(n)));

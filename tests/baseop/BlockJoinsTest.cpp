@@ -1,23 +1,35 @@
 // Joins of blocks, by law: blocks cut, turned and flipped at random against the uncut one, and blocks that meet
 // themselves.
 
-#include "support/CutBlocks.hpp"
-#include "support/RoughBlocks.hpp"
-
 #include <baseop/BlockJoins.hpp>
-#include <model/vantle/Blanking.hpp>
 
-#include <gtest/gtest.h>
-#include <set>
+#include <support/CutBlocks.hpp>
+#include <support/RoughBlocks.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
 using namespace support;
-using namespace Vantle;
 
 IndexMap::Place signedPlace(const Place& place) {
     return {static_cast<std::int64_t>(place[0]), static_cast<std::int64_t>(place[1]),
             static_cast<std::int64_t>(place[2])};
+}
+
+/// Calls `check(uncut, copy, axis, direction, along, isBack)` for each step that copies of vertices may have: along an
+/// axis of the piece, which is the axis `along` of the uncut block, forward or back in that.
+template<class Check>
+void forEachStep(const CutGrid& cut, const Place& size, const Check& check) {
+    Place uncut;
+    do
+        for (const BlockVertex& copy : cut.copies(uncut))
+            for (int axis = 0; axis < 3; ++axis)
+                for (const int direction : {-1, 1}) {
+                    const Piece& piece = cut.pieces[copy.block];
+                    const auto d = static_cast<std::size_t>(axis);
+                    check(uncut, copy, axis, direction, piece.axis[d], piece.isFlipped[d] != (direction < 0));
+                }
+    while (uncut.advance(size));
 }
 
 /// Joins, owners, steps and handedness of a cut block, by what the uncut one says.
@@ -64,27 +76,18 @@ void expectUncut(const CutGrid& cut, const Place& size) {
             }());
         }
     }
-    Place uncut;
-    do {
-        const auto copies = cut.copies(uncut);
-        for (const BlockVertex& copy : copies) {
-            EXPECT_EQ(joins->owner(copy), copies.front());
-            const Piece& piece = cut.pieces[copy.block];
-            for (int axis = 0; axis < 3; ++axis)
-                for (const int direction : {-1, 1}) {
-                    const int along = piece.axis[static_cast<std::size_t>(axis)];
-                    const bool isBack = piece.isFlipped[static_cast<std::size_t>(axis)] != (direction < 0);
+    forEachStep(cut, size,
+                [&](const Place& uncut, const BlockVertex& copy, int axis, int direction, int along, bool isBack) {
+                    EXPECT_EQ(joins->owner(copy), cut.copies(uncut).front());
                     const auto step = joins->step(copy, axis, direction);
                     const bool isThere = isBack ? uncut[along] > 0 : uncut[along] + 1 < size[along];
                     ASSERT_EQ(bool(step), isThere);
-                    if (!step) continue;
+                    if (!step) return;
                     Place next = uncut;
                     next[along] += isBack ? ~index_t{0} : index_t{1};
                     EXPECT_EQ(cut.uncut(step->vertex), next);
                     EXPECT_EQ(step->motion, nullptr);
-                }
-        }
-    } while (uncut.advance(size));
+                });
 }
 
 // Each quad of the cuts is joined exactly once, by the true map; each vertex belongs to its first copy.
@@ -108,7 +111,7 @@ TEST(BlockJoins, AreTheCuts) {
 }
 
 /// The joins of one uncut block.
-Hestra::StrongPtr<BlockJoins> joinsOf(const BlockPtr& block, const JoinOptions& options = {}) {
+StrongPtr<BlockJoins> joinsOf(const BlockPtr& block, const JoinOptions& options = {}) {
     Scene scene;
     scene.blocks.addBlock("block", block);
     return BlockJoins::of(*scene.grid, options);
@@ -246,23 +249,6 @@ TEST(BlockJoins, AreThoseOfAPlainSearch) {
     EXPECT_GT(several, 100U);
 }
 
-TEST(BlockJoins, OfACGridAreItsWake) {
-    const BlockPtr block = cGrid(6, 14);
-    const auto joins = joinsOf(block);
-    ASSERT_EQ(joins->joins().size(), 1U) << joins->describe();
-    const BlockJoin& wake = joins->joins()[0];
-    EXPECT_EQ(wake.low, Place(0, 0, 0));
-    EXPECT_EQ(wake.high, Place(6, 0, 3));
-    EXPECT_EQ(wake.map, (IndexMap{{0, 1, 2}, {-1, -1, 1}, {26, 0, 0}}));
-    EXPECT_EQ(joins->joins(0).size(), 2U);
-    const auto step = joins->step({0, Place(2, 0, 1).linear(block->Size())}, 1, -1);
-    ASSERT_TRUE(step);
-    EXPECT_EQ(step->vertex.index, Place(24, 1, 1).linear(block->Size()));
-    EXPECT_FALSE(joins->step({0, Place(7, 0, 1).linear(block->Size())}, 1, -1)) << "through the body";
-    EXPECT_TRUE(joins->isOpen({0, 1, false}, {6, 0, 0}));
-    EXPECT_FALSE(joins->isOpen({0, 1, false}, {20, 0, 0}));
-}
-
 // A band that closes with its end as it is, turned by half a turn, or mirrored.
 TEST(BlockJoins, OfAMirroredEndAreNotOrientable) {
     const Place n(9, 4, 5);
@@ -301,34 +287,25 @@ TEST(BlockJoins, CrossPeriodicFaces) {
             const auto positionOf = [&](const BlockVertex& v) {
                 return blockOf(cut.blocks, cut.ids[v.block])->element(v.index);
             };
-            Place uncut;
-            do
-                for (const BlockVertex& copy : cut.copies(uncut)) {
+            forEachStep(
+                cut, size,
+                [&](const Place& uncut, const BlockVertex& copy, int axis, int direction, int along, bool isBack) {
                     EXPECT_EQ(joins->owner(copy), plain->owner(copy));
-                    const Piece& piece = cut.pieces[copy.block];
-                    for (int axis = 0; axis < 3; ++axis)
-                        for (const int direction : {-1, 1}) {
-                            const int along = piece.axis[static_cast<std::size_t>(axis)];
-                            const bool isBack = piece.isFlipped[static_cast<std::size_t>(axis)] != (direction < 0);
-                            const auto step = joins->step(copy, axis, direction);
-                            if (along != 0 || uncut[0] != (isBack ? 0 : size[0] - 1)) {
-                                const auto same = plain->step(copy, axis, direction);
-                                ASSERT_EQ(bool(step), bool(same));
-                                EXPECT_TRUE(!step || (step->vertex == same->vertex && !step->motion));
-                                continue;
-                            }
-                            ASSERT_TRUE(step);
-                            Place next = uncut;
-                            next[0] = isBack ? size[0] - 2 : 1;
-                            EXPECT_EQ(cut.uncut(step->vertex), next);
-                            ASSERT_TRUE(step->motion);
-                            const auto carry = isBack ? periodic.motion.inverse() : periodic.motion;
-                            EXPECT_LT(Orvix::distance((*step->motion)(positionOf(step->vertex)),
-                                                      carry(positionOf(step->vertex))),
-                                      1e-12);
-                        }
-                }
-            while (uncut.advance(size));
+                    const auto step = joins->step(copy, axis, direction);
+                    if (along != 0 || uncut[0] != (isBack ? 0 : size[0] - 1)) {
+                        const auto same = plain->step(copy, axis, direction);
+                        ASSERT_EQ(bool(step), bool(same));
+                        EXPECT_TRUE(!step || (step->vertex == same->vertex && !step->motion));
+                        return;
+                    }
+                    ASSERT_TRUE(step && step->motion);
+                    Place next = uncut;
+                    next[0] = isBack ? size[0] - 2 : 1;
+                    EXPECT_EQ(cut.uncut(step->vertex), next);
+                    const auto carry = isBack ? periodic.motion.inverse() : periodic.motion;
+                    const point there = positionOf(step->vertex);
+                    EXPECT_LT(Orvix::distance((*step->motion)(there), carry(there)), 1e-12);
+                });
             for (const BlockJoin& join : joins->joins())
                 if (join.motion >= 0) {
                     EXPECT_TRUE(joins->isOpen(join.first, join.low));
@@ -372,7 +349,7 @@ TEST(BlockJoins, TakeATolerance) {
         for (unsigned int b = 0; b < near->blocks(); ++b) {
             ASSERT_EQ(near->shared(b).size(), exact->shared(b).size());
             shared += near->shared(b).size();
-            const auto healed = Hestra::dynamicCast<Block>(ownersData(*near, *cut.blocks.positions(), b));
+            const auto healed = dynamicCast<Block>(ownersData(*near, *cut.blocks.positions(), b));
             for (const auto& one : near->shared(b)) {
                 const Point& owners = blockOf(cut.blocks, cut.ids[one.owner.block])->element(one.owner.index);
                 EXPECT_EQ(healed->element(one.index), owners);
@@ -501,21 +478,6 @@ std::size_t distinctOwners(const BlockJoins& joins) {
     return count;
 }
 
-TEST(BlockJoins, OfTheBluntFinAreItsCuts) {
-    const BlockPtr fin = bluntFin(VANTLE_TEST_DATA);
-    if (!fin) GTEST_SKIP() << "no real data";
-    std::mt19937_64 random(1);
-    const Place size = fin->Size();
-    const auto whole = joinsOf(fin);
-    for (int round = 0; round < 3; ++round) {
-        const CutGrid cut(*fin, turned(cutAtPlanes(size, {{{size[0] / 2}, {size[1] / 2}, {size[2] / 2}}}), random));
-        const auto joins = BlockJoins::of(*cut.grid);
-        EXPECT_EQ(joins->joins().size(), 12 + whole->joins().size()) << joins->describe();
-        EXPECT_TRUE(joins->doubtful().empty()) << joins->describe();
-        EXPECT_EQ(distinctOwners(*joins), distinctOwners(*whole));
-    }
-}
-
 // Many blocks, many vertices in one place: as fast as any others, or this would never end.
 TEST(BlockJoins, OfManyBlocksAndManyVerticesInOnePlace) {
     std::mt19937_64 random(4);
@@ -560,13 +522,11 @@ TEST(BlockJoins, TakeWhatIsThere) {
     Scene scene;
     const double nan = std::nan("");
     using Axis = ExplicitCoordinateAxisArray<double>;
-    const auto add = [&](const char* name, const Hestra::StrongPtr<MemBase>& block) {
-        scene.blocks.addBlock(name, block);
-    };
+    const auto add = [&](const char* name, const StrongPtr<MemBase>& block) { scene.blocks.addBlock(name, block); };
     add("layer", box({0, 0, 0}, {1, 1, 0}, {5, 5, 1}));
-    add("uniform", Hestra::makeRef<UniformCartesianArray>(Orvix::BoundingBox({0, 0, 0}, {1, 1, 1}), Place(5, 5, 5)));
+    add("uniform", makeRef<UniformCartesianArray>(BoundingBox({0, 0, 0}, {1, 1, 1}), Place(5, 5, 5)));
     add("points", makeMemArray1D(std::vector<Point>{{0, 0, 0}, {1, 1, 1}}));
-    add("rectilinear", Hestra::makeRef<DirectProductMemArray<Point, ExplicitCoordinateAxisArray, 3>>(std::array{
+    add("rectilinear", makeRef<DirectProductMemArray<Point, ExplicitCoordinateAxisArray, 3>>(std::array{
                            Axis({1, 1.5, 4}), Axis({0.0, 0.25, 0.5, 0.75, 1.0}), Axis({1.0, 0.75, 0.5, 0.25, -0.0})}));
     const BlockPtr holed = box({0, 0, 1}, {1, 1, 2}, {5, 5, 3});
     (*holed)(2, 2, 0)[1] = nan;
@@ -576,8 +536,8 @@ TEST(BlockJoins, TakeWhatIsThere) {
     EXPECT_EQ(joins->blocks(), 6U);
     EXPECT_EQ(joins->size(0), Place());
     EXPECT_EQ(joins->find(joins->fragment(3)), 3U);
-    EXPECT_EQ(joins->find(Hestra::makeRef<FragmentID>("holed")), 4U);
-    EXPECT_EQ(joins->find(Hestra::makeRef<FragmentID>("elsewhere")), 6U);
+    EXPECT_EQ(joins->find(makeRef<FragmentID>("holed")), 4U);
+    EXPECT_EQ(joins->find(makeRef<FragmentID>("elsewhere")), 6U);
     EXPECT_FALSE(joins->step({0, 0}, 0, 1));
     // The rectilinear block wholly, the holed one around its hole.
     EXPECT_EQ(joins->joins(3).size(), 1U) << joins->describe();
@@ -587,7 +547,7 @@ TEST(BlockJoins, TakeWhatIsThere) {
     EXPECT_EQ(joins->owner({4, Place(2, 2, 0).linear(holed->Size())}), (BlockVertex{4, 12}));
     EXPECT_EQ(joins->shared(4).size(), 24U);
 
-    EXPECT_FALSE(BlockJoins::of(*Hestra::makeRef<Grid>()));
+    EXPECT_FALSE(BlockJoins::of(*makeRef<Grid>()));
     for (const double bad : {-0.1, 0.5, nan, HUGE_VAL}) {
         JoinOptions options;
         options.tolerance = bad;
@@ -654,8 +614,8 @@ TEST(BlockJoins, OwnersValuesStandForAll) {
     EXPECT_EQ(difference.differing, 2U);
     EXPECT_EQ(difference.largest, 0.25);
     EXPECT_EQ(difference.where, (BlockVertex{1, Place(0, 2, 3).linear(b->Size())}));
-    EXPECT_EQ(ownersData(*joins, *field, 0), Hestra::StrongPtr<MemBase>(a));
-    const auto healed = Hestra::dynamicCast<MemArray<3, double>>(ownersData(*joins, *field, 1));
+    EXPECT_EQ(ownersData(*joins, *field, 0), StrongPtr<MemBase>(a));
+    const auto healed = dynamicCast<MemArray<3, double>>(ownersData(*joins, *field, 1));
     EXPECT_EQ((*healed)(0, 2, 3), 0.0);
     EXPECT_FALSE(std::signbit((*healed)(0, 0, 0)));
     EXPECT_EQ((*healed)(1, 3, 3), 7.0);

@@ -2,16 +2,12 @@
 
 #include <baseop/DataRange.hpp>
 #include <baseop/ExpandBBox.hpp>
-#include <model/vantle/Field.hpp>
 
-#include <gtest/gtest.h>
 #include <support/CountAllocations.hpp>
 #include <support/Creators.hpp>
+#include <support/Testing.hpp>
 
 namespace {
-
-using namespace Vantle;
-using point = Orvix::PhysicalSpace::point;
 
 using support::allocationsOf;
 
@@ -25,12 +21,12 @@ TEST(BoundsAllocation, AskingForAttachedResultsAllocatesNothing) {
     EXPECT_TRUE(found);
 
     const auto positions = support::creatorOf(std::vector<point>{{1, 2, 3}, {4, 5, 6}});
-    Hestra::StrongPtr<Orvix::BoundingBox> box;
+    StrongPtr<BoundingBox> box;
     EXPECT_GT(allocationsOf([&] { (void)ExpandBBox(box, *positions); }), 0);
     EXPECT_EQ(allocationsOf([&] { found = ExpandBBox(box, *positions); }), 0);
     EXPECT_TRUE(found);
 
-    const Hestra::StrongPtr<Field> field = Hestra::makeRef<Field>();
+    const StrongPtr<Field> field = makeRef<Field>();
     field->setCreator(positions);
     EXPECT_GT(allocationsOf([&] { (void)expandBoundingBox(field, box); }), 0);
     EXPECT_EQ(allocationsOf([&] { found = expandBoundingBox(field, box); }), 0);
@@ -43,7 +39,7 @@ TEST(BoundsAllocation, NothingIsCopiedOfAdoptedMemory) {
     std::vector<point> points(2 * size.product(), point(1, 2, 3));
     points[0][0] = -7;
     for (const std::ptrdiff_t stride : {24, 48}) {
-        Hestra::StrongPtr<Orvix::BoundingBox> box;
+        StrongPtr<BoundingBox> box;
         const ForeignMemory memory{.elements = points.data(), .strides = {stride}};
         EXPECT_LT(support::bytesAllocatedBy([&] {
                       const auto creator = support::creatorOf(adopt<3, point>(memory, size, nullptr).strong());

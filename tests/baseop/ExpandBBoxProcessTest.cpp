@@ -1,26 +1,23 @@
 // The setting is read when the library is loaded, so each of its values needs a process of its own.
 
 #include <baseop/ExpandBBox.hpp>
-#include <model/hestra/Environment.hpp>
 
 #include <cstdlib>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <support/Creators.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
 constexpr const char* kSetting = "DontUseCreatorRangeAttributeAsBoundingBoxDefault";
 constexpr const char* kExpected = "VANTLE_TEST_EXPECTED_X";
 
-using point = Orvix::PhysicalSpace::point;
-
 TEST(ExpandBBoxProcess, ANonZeroSettingTurnsDeclaredRangesOff) {
     if (const char* const expected = std::getenv(kExpected)) { // a child
         const auto creator = support::creatorOf(std::vector<point>{{1, 1, 1}});
-        creator->setAttribute(
-            "Range", Hestra::StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<point>{point(2, 2, 2), point(3, 3, 3)}));
-        Hestra::StrongPtr<Orvix::BoundingBox> box;
+        creator->setAttribute("Range",
+                              StrongPtr<Hestra::ChunkBase>(new Hestra::Chunk<point>{point(2, 2, 2), point(3, 3, 3)}));
+        StrongPtr<BoundingBox> box;
         ASSERT_TRUE(Vantle::ExpandBBox(box, *creator, Vantle::CreateData));
         EXPECT_EQ(box->minCoord()[0], std::atof(expected));
         const auto help = Hestra::environmentHelp();

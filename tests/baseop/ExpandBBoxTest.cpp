@@ -1,22 +1,10 @@
 #include <baseop/ExpandBBox.hpp>
-#include <model/vantle/GridKinds.hpp>
 
-#include <cstring>
-#include <gtest/gtest.h>
-#include <limits>
-#include <random>
 #include <support/Creators.hpp>
-#include <support/Teams.hpp>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::BoundingBall;
-using Orvix::BoundingBox;
+#include <support/Testing.hpp>
 
 namespace {
 
-using point = Orvix::PhysicalSpace::point;
-using vector = Orvix::PhysicalSpace::vector;
 using FloatPoint = Orvix::Coordinates<Orvix::Cartesian3D, float>::point;
 using Rectilinear = DirectProductMemArray<point, ExplicitCoordinateAxisArray, 3>;
 
@@ -40,7 +28,7 @@ StrongPtr<BoundingBox> boxOf(CreativeArrayBase& creator, DataCreationMode mode =
 
 template<class Point>
 StrongPtr<Hestra::ChunkBase> corners(const Point& min, const Point& max) {
-    return Hestra::makeRef<Hestra::Chunk<Point>>(std::initializer_list<Point>{min, max});
+    return makeRef<Hestra::Chunk<Point>>(std::initializer_list<Point>{min, max});
 }
 
 /// The promised box: point after point.
@@ -78,7 +66,7 @@ TYPED_TEST_SUITE(PointBoxTest, PointTypes);
 
 class ExpandBBoxTest : public testing::Test {
 protected:
-    StrongPtr<Field> field = Hestra::makeRef<Field>();
+    StrongPtr<Field> field = makeRef<Field>();
     StrongPtr<FragmentID> a = field->makeFragmentID("a"), b = field->makeFragmentID("b"),
                           c = field->makeFragmentID("c");
     StrongPtr<BoundingBox> result;
@@ -133,15 +121,14 @@ TEST(ComputeBBox, ReadsPointsWhereverTheyLie) {
     Iterator<point> everyOther(block->data(), 2, 30); // elements 10, 12 ... 38
     everyOther.leading = 5;
     everyOther.trailing = 10;
-    const auto strided = Hestra::makeRef<MemArray<1, point>>(everyOther, MultiIndex<1>(15), block);
+    const auto strided = makeRef<MemArray<1, point>>(everyOther, MultiIndex<1>(15), block);
     expectBox(ComputeBBox(strided), point(10, -38, 0), point(38, -10, 10));
 
-    const auto descending =
-        Hestra::makeRef<UniformCartesianArray>(point(1, 2, 3), MultiIndex<3>(5, 6, 7), point(0, 4, 0));
+    const auto descending = makeRef<UniformCartesianArray>(point(1, 2, 3), MultiIndex<3>(5, 6, 7), point(0, 4, 0));
     expectBox(ComputeBBox(descending), point(0, 2, 0), point(1, 4, 3));
 
     for (const StrongPtr<MemBase>& none : {StrongPtr<MemBase>(makeMemArray1D(std::vector<point>())),
-                                           StrongPtr<MemBase>(Hestra::makeRef<UniformCartesianArray>(
+                                           StrongPtr<MemBase>(makeRef<UniformCartesianArray>(
                                                BoundingBox(kOrigin, point(1, 1, 1)), MultiIndex<3>(5, 0, 5)))}) {
         const auto box = ComputeBBox(none);
         ASSERT_TRUE(box);
@@ -170,10 +157,10 @@ TEST_F(ExpandBBoxTest, TakesTheCheapestSourceFirst) {
     EXPECT_EQ(runs, 0);
 
     // What a caller attaches comes before everything and is not compared with the age of the data.
-    creator->addInterface(Hestra::makeRef<BoundingBox>(point(-1, -1, -1), point(1, 1, 1)));
+    creator->addInterface(makeRef<BoundingBox>(point(-1, -1, -1), point(1, 1, 1)));
     creator->touch();
     expectBox(boxOf(*creator), point(-1, -1, -1), point(1, 1, 1));
-    creator->addInterface(Hestra::makeRef<BoundingBox>());
+    creator->addInterface(makeRef<BoundingBox>());
     creator->setAttribute("Range", {});
     expectBox(boxOf(*creator), point(1, -4, -3), point(2, 5, 0));
     EXPECT_EQ(runs, 1);
@@ -182,11 +169,11 @@ TEST_F(ExpandBBoxTest, TakesTheCheapestSourceFirst) {
 TEST_F(ExpandBBoxTest, UsesADeclaredRangeOnlyIfItIsTwoPoints) {
     using Hestra::Chunk;
     const StrongPtr<Hestra::ChunkBase> others[] = {
-        Hestra::makeRef<Chunk<double>>(std::initializer_list<double>{0, 1}),
-        Hestra::makeRef<Chunk<vector>>(std::size_t{2}),
-        Hestra::makeRef<Chunk<Orvix::FixedArray<double, 3>>>(std::size_t{2}),
-        Hestra::makeRef<Chunk<point>>(std::size_t{3}),
-        Hestra::makeRef<Chunk<point>>(),
+        makeRef<Chunk<double>>(std::initializer_list<double>{0, 1}),
+        makeRef<Chunk<vector>>(std::size_t{2}),
+        makeRef<Chunk<Orvix::FixedArray<double, 3>>>(std::size_t{2}),
+        makeRef<Chunk<point>>(std::size_t{3}),
+        makeRef<Chunk<point>>(),
     };
     for (const auto& other : others) {
         const auto creator = support::creatorOf(kTwoPoints);
@@ -197,7 +184,7 @@ TEST_F(ExpandBBoxTest, UsesADeclaredRangeOnlyIfItIsTwoPoints) {
 
 TEST_F(ExpandBBoxTest, StampsTheCreatorWhenTheBoxComesFromData) {
     int runs = 0;
-    const StrongPtr<Hestra::Cache> cache = Hestra::makeRef<Hestra::Cache>();
+    const StrongPtr<Hestra::Cache> cache = makeRef<Hestra::Cache>();
     const auto creator = support::countingCreator(kTwoPoints, runs, cache);
     Hestra::Ageable().touch();
     const auto now = Hestra::Ageable::GlobalTime.load();
@@ -214,7 +201,7 @@ TEST_F(ExpandBBoxTest, StampsTheCreatorWhenTheBoxComesFromData) {
     dynamic_cast<TypedArray<point>&>(*data).element(0) = point(10, 0, 0);
     creator->touch();
     expectBox(boxOf(*creator), point(2, -4, 0), point(10, 0, 0));
-    expectBox(Hestra::dynamicCast<BoundingBox>(before), point(1, -4, -3), point(2, 5, 0));
+    expectBox(dynamicCast<BoundingBox>(before), point(1, -4, -3), point(2, 5, 0));
 }
 
 TEST_F(ExpandBBoxTest, WarnsWhenADeclaredBoxLooksUnshifted) {
@@ -222,11 +209,11 @@ TEST_F(ExpandBBoxTest, WarnsWhenADeclaredBoxLooksUnshifted) {
         const auto creator = support::creatorOf(kTwoPoints);
         creator->setAttribute("Range", corners(min, max));
         creator->setAttribute("Vantle::NumericalShift",
-                              Hestra::makeRef<Hestra::Chunk<Orvix::FixedArray<double, 3>>>(
+                              makeRef<Hestra::Chunk<Orvix::FixedArray<double, 3>>>(
                                   std::initializer_list<Orvix::FixedArray<double, 3>>{shift}));
-        testing::internal::CaptureStdout();
+        CaptureStdout();
         const auto box = boxOf(*creator);
-        const std::string text = testing::internal::GetCapturedStdout();
+        const std::string text = GetCapturedStdout();
         expectBox(box, min, max); // whatever is said
         if (!text.empty()) {
             EXPECT_EQ(text, "\t\tWARNING: numerical shift and bbox are similar size - "
@@ -241,7 +228,7 @@ TEST_F(ExpandBBoxTest, WarnsWhenADeclaredBoxLooksUnshifted) {
 }
 
 TEST_F(ExpandBBoxTest, TellsUnusableDataFromNone) {
-    result = Hestra::makeRef<BoundingBox>(kOrigin, point(1, 1, 1));
+    result = makeRef<BoundingBox>(kOrigin, point(1, 1, 1));
     const auto unchanged = [this](const StrongPtr<MemBase>& array) {
         const auto creator = support::creatorOf(array);
         const bool success = ExpandBBox(result, *creator, CreateData);
@@ -252,18 +239,18 @@ TEST_F(ExpandBBoxTest, TellsUnusableDataFromNone) {
     EXPECT_FALSE(unchanged({}));
     EXPECT_FALSE(unchanged(makeMemArray1D(std::vector<double>(3))));
     EXPECT_TRUE(unchanged(makeMemArray1D(std::vector<point>())));
-    EXPECT_TRUE(unchanged(Hestra::makeRef<UniformCartesianArray>(MultiIndex<3>(0, 3, 3), kOrigin, vector(1, 1, 1))));
+    EXPECT_TRUE(unchanged(makeRef<UniformCartesianArray>(MultiIndex<3>(0, 3, 3), kOrigin, vector(1, 1, 1))));
 
     const auto slice = support::creatorOf(MemArray<2, point>::create({3, 3})->getSlice(1).strong());
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     EXPECT_FALSE(ExpandBBox(result, *slice, CreateData));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), kSlicedMessage);
+    EXPECT_EQ(GetCapturedStdout(), kSlicedMessage);
     EXPECT_FALSE(result);
 }
 
 TEST_F(ExpandBBoxTest, TakesDirectProductsFromTheirEnds) {
     const Rectilinear::Axes axes{std::vector<double>{0, 1, 4}, std::vector<double>{7, 3}, std::vector<double>{5}};
-    const StrongPtr<MemBase> array = Hestra::makeRef<Rectilinear>(axes);
+    const StrongPtr<MemBase> array = makeRef<Rectilinear>(axes);
     expectBox(boxOf(*support::creatorOf(array)), point(0, 3, 5), point(4, 7, 5));
     EXPECT_FALSE(ComputeBBox(array));
 }
@@ -285,13 +272,13 @@ TEST_F(ExpandBBoxTest, ComputesTheBoxOfAFieldOnceUntilTheFieldIsNewer) {
     EXPECT_EQ(field->findInterface<BoundingBall>(), attached);
 
     field->setPersistentData(makeMemArray1D(std::vector<point>{{0, 0, 9}}), b);
-    result = Hestra::makeRef<BoundingBox>(point(-9, 0, 0), kOrigin);
+    result = makeRef<BoundingBox>(point(-9, 0, 0), kOrigin);
     EXPECT_TRUE(expandBoundingBox(field, result));
     expectBox(result, point(-9, -4, -3), point(2, 5, 9));
     EXPECT_TRUE(expandBoundingBox(result, field));
     expectBox(result, point(-9, -4, -3), point(2, 5, 9));
     EXPECT_NE(field->findInterface<BoundingBall>(), attached);
-    expectBox(Hestra::dynamicCast<BoundingBox>(attached), point(1, -4, -3), point(2, 5, 0));
+    expectBox(dynamicCast<BoundingBox>(attached), point(1, -4, -3), point(2, 5, 0));
 }
 
 TEST_F(ExpandBBoxTest, StopsAtAFragmentThatCannotBeUsed) {
@@ -301,10 +288,10 @@ TEST_F(ExpandBBoxTest, StopsAtAFragmentThatCannotBeUsed) {
     expectBox(getBoundingBox(field), point(1, 1, 1), point(1, 1, 1));
 
     field->setPersistentData(MemArray<2, point>::create({3, 3})->getSlice(1).strong(), b);
-    result = Hestra::makeRef<BoundingBox>(kOrigin, kOrigin);
-    testing::internal::CaptureStdout();
+    result = makeRef<BoundingBox>(kOrigin, kOrigin);
+    CaptureStdout();
     EXPECT_TRUE(expandBoundingBox(field, result));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), kSlicedMessage);
+    EXPECT_EQ(GetCapturedStdout(), kSlicedMessage);
     expectBox(result, kOrigin, kOrigin);
 }
 
@@ -320,7 +307,7 @@ TEST_F(ExpandBBoxTest, ExpanderAccumulatesFromWhereItStarts) {
 }
 
 TEST(BoundingBoxOf, FindsItsWayThroughTheGrid) {
-    const Hestra::Ref<Grid> grid = Hestra::makeRef<Grid>();
+    const Hestra::Ref<Grid> grid = makeRef<Grid>();
     const auto chart = grid->makeChart(typeid(CartesianChart));
     EXPECT_FALSE(getBoundingBox(*grid, chart));
     UniformGrid3D::create(*grid, BoundingBox(kOrigin, point(1, 2, 3)), {4, 5, 6});
@@ -341,19 +328,17 @@ TEST(BoundingBoxOf, FindsItsWayThroughTheGrid) {
 
 TEST_F(ExpandBBoxTest, TakesTheFragmentsOfAUniformGridFromTheirPlace) {
     field->setPersistentData(
-        Hestra::makeRef<UniformCartesianArray>(point(0, 10, 0), MultiIndex<3>(11, 11, 11), point(10, 0, 20)));
+        makeRef<UniformCartesianArray>(point(0, 10, 0), MultiIndex<3>(11, 11, 11), point(10, 0, 20)));
     int runs = 0;
     const auto sized = [&runs](const DynamicSize& size, const DynamicSize& announced) {
-        return StrongPtr<CreativeArrayBase>(Hestra::makeRef<CreativeArray>(
+        return StrongPtr<CreativeArrayBase>(makeRef<CreativeArray>(
             [size, &runs](const auto&) {
                 ++runs;
                 return MemBase::findAllocator(typeid(double))->create(size, {});
             },
             VantleTypeIndex(typeid(double)), announced));
     };
-    const auto place = [](const MultiIndex<3>& offset) {
-        return Hestra::makeRef<FragmentLocation<3, IndexOffset>>(offset);
-    };
+    const auto place = [](const MultiIndex<3>& offset) { return makeRef<FragmentLocation<3, IndexOffset>>(offset); };
     a->addInterface(place({2, 3, 4}));
     expectBox(getFragmentBBox(a, sized({}, {3, 4, 7}), *field), point(2, 4, 8), point(4, 7, 20));
     EXPECT_EQ(runs, 0);
@@ -368,13 +353,12 @@ TEST_F(ExpandBBoxTest, TakesTheFragmentsOfAUniformGridFromTheirPlace) {
     EXPECT_FALSE(getFragmentBBox(a, sized({}, {3, 0, 7}), *field));
 
     for (const auto& mute : {sized({5}, {}), StrongPtr<CreativeArrayBase>()}) {
-        testing::internal::CaptureStdout();
+        CaptureStdout();
         EXPECT_FALSE(getFragmentBBox(a, mute, *field));
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "getFragmentBBox(): Cannot retrieve fragment dimensions\n");
+        EXPECT_EQ(GetCapturedStdout(), "getFragmentBBox(): Cannot retrieve fragment dimensions\n");
     }
     // Without a place, and for all other fields, the fragment's own positions count.
     expectBox(getFragmentBBox(b, support::creatorOf(kTwoPoints), *field), point(1, -4, -3), point(2, 5, 0));
     EXPECT_FALSE(getFragmentBBox(b, {}, *field));
-    expectBox(getFragmentBBox(a, support::creatorOf(kTwoPoints), *Hestra::makeRef<Field>()), point(1, -4, -3),
-              point(2, 5, 0));
+    expectBox(getFragmentBBox(a, support::creatorOf(kTwoPoints), *makeRef<Field>()), point(1, -4, -3), point(2, 5, 0));
 }

@@ -1,19 +1,10 @@
 #include <baseop/ExpandBBox.hpp>
 #include <baseop/FragmentSkeleton.hpp>
-#include <model/hestra/Profiler.hpp>
-#include <model/vantle/GridKinds.hpp>
 
-#include <gtest/gtest.h>
-#include <limits>
 #include <support/Creators.hpp>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::BoundingBox;
+#include <support/Testing.hpp>
 
 namespace {
-
-using point = Orvix::PhysicalSpace::point;
 
 /// Twelve blocks in a row, whose names sort otherwise than they were made.
 class FragmentSkeletonTest : public testing::Test {
@@ -25,13 +16,13 @@ protected:
         for (index_t i = 0; i < kBlocks; ++i) {
             const auto x = static_cast<double>(i);
             regular.addBlock(std::to_string(i),
-                             Hestra::makeRef<UniformCartesianArray>(BoundingBox(point(x, 0, -x), point(x + 1, 1, 1)),
-                                                                    MultiIndex<3>(2, 3, 4)));
+                             makeRef<UniformCartesianArray>(BoundingBox(point(x, 0, -x), point(x + 1, 1, 1)),
+                                                            MultiIndex<3>(2, 3, 4)));
         }
     }
     void TearDown() override { Hestra::Cache::MemCache()->setUnlimited(); }
 
-    StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    StrongPtr<Grid> grid = makeRef<Grid>();
     CartesianFragments fragments{grid};
 };
 
@@ -64,7 +55,7 @@ TEST_F(FragmentSkeletonTest, StoresWhereOthersFindIt) {
     EXPECT_EQ(FragmentSkeleton::makeFragments(*grid), skeleton);
     const auto names = skeleton->findRepresentation(*grid->findVertices(3))->findField("Positions");
     EXPECT_EQ(FragmentSkeleton::makeFragmentNames(*grid), names);
-    const auto nameArray = Hestra::dynamicCast<MemArray<1, std::string>>(names->getData());
+    const auto nameArray = dynamicCast<MemArray<1, std::string>>(names->getData());
     ASSERT_TRUE(nameArray);
     EXPECT_EQ((*nameArray)(10), "10");
     EXPECT_EQ(nameArray->getCreator(), names->getCreator({}));
@@ -72,37 +63,9 @@ TEST_F(FragmentSkeletonTest, StoresWhereOthersFindIt) {
     const auto [min, max] = fragments.makeFragmentCoordinatesMinMax();
     EXPECT_EQ(corners->findField("min"), min);
     EXPECT_EQ(corners->findField("max"), max);
-    const auto maxArray = Hestra::dynamicCast<MemArray<1, point>>(max->getData());
+    const auto maxArray = dynamicCast<MemArray<1, point>>(max->getData());
     ASSERT_TRUE(maxArray);
     EXPECT_EQ((*maxArray)(10), point(11, 1, 1));
-}
-
-TEST_F(FragmentSkeletonTest, BuildsAgainOnlyWhatWasDropped) {
-    Hestra::Profiler::reset();
-    Hestra::Profiler::enable(true);
-    EXPECT_TRUE(fragments.buildFragmentCoordinates());
-    const auto [min, max] = fragments.makeFragmentCoordinatesMinMax();
-    const auto built = min->getData();
-    EXPECT_FALSE(fragments.buildFragmentCoordinates());
-    EXPECT_FALSE(CartesianFragments(grid).buildFragmentCoordinates());
-    EXPECT_EQ(min->getData(), built);
-
-    // One of three is enough to make all of them again; who holds the old ones keeps them.
-    ASSERT_TRUE(max->removeData());
-    EXPECT_TRUE(fragments.buildFragmentCoordinates());
-    EXPECT_NE(min->getData(), built);
-    Hestra::Cache::MemCache()->clear();
-    EXPECT_FALSE(max->hasData());
-    EXPECT_TRUE(fragments.buildFragmentCoordinates());
-    EXPECT_EQ(fragments.getBBox(3)->minCoord(), point(3, 0, -3));
-    EXPECT_EQ(dynamic_cast<TypedArray<point>&>(*built).element(3), point(3, 0, -3));
-
-    Hestra::Profiler::enable(false);
-    unsigned openings = 0;
-    for (const auto& entry : Hestra::Profiler::table())
-        if (entry.name == "Compute bounding boxes of fragments" && entry.file == "baseop/FragmentSkeleton")
-            openings = static_cast<unsigned>(entry.count);
-    EXPECT_EQ(openings, 3u);
 }
 
 TEST_F(FragmentSkeletonTest, KeepsAllThatItBuiltLastWhateverTheBudget) {
@@ -127,20 +90,8 @@ TEST_F(FragmentSkeletonTest, KeepsThePlaceOfFragmentsWithoutBox) {
     EXPECT_EQ(fragments.getBBox(11)->maxCoord(), point(12, 1, 1));
 }
 
-TEST(FragmentSkeletonOf, AnUnfragmentedGridHasOneFragmentWithoutName) {
-    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
-    const auto positions = MemArray<3, point>::create({2, 2, 2});
-    positions->element(7) = point(1, 2, 3);
-    RegularGrid3D::create(*grid, positions);
-    CartesianFragments fragments(grid);
-    EXPECT_TRUE(fragments.buildFragmentCoordinates());
-    EXPECT_EQ(fragments.getFragmentName(0), "");
-    EXPECT_FALSE(fragments.getFragmentID(0));
-    EXPECT_EQ(fragments.getBBox(0)->maxCoord(), point(1, 2, 3));
-}
-
 TEST(FragmentSkeletonOf, GridsWithoutVerticesThrowAndWithoutFragmentsAreFinished) {
-    for (const StrongPtr<Grid>& grid : {StrongPtr<Grid>(), StrongPtr<Grid>(Hestra::makeRef<Grid>())}) {
+    for (const StrongPtr<Grid>& grid : {StrongPtr<Grid>(), StrongPtr<Grid>(makeRef<Grid>())}) {
         CartesianFragments fragments(grid);
         EXPECT_THROW(fragments.buildFragmentCoordinates(), FragmentSkeleton::NoVertices);
         EXPECT_THROW(fragments.makeFragmentCoordinatesMinMax(), FragmentSkeleton::NoVertices);
@@ -157,7 +108,7 @@ TEST(FragmentSkeletonOf, GridsWithoutVerticesThrowAndWithoutFragmentsAreFinished
     }
     EXPECT_STREQ(FragmentSkeleton::exception().what(), "FragmentSkeleton Exception");
 
-    const StrongPtr<Grid> verticesOnly = Hestra::makeRef<Grid>();
+    const StrongPtr<Grid> verticesOnly = makeRef<Grid>();
     verticesOnly->makeVertices(3);
     EXPECT_TRUE(CartesianFragments(verticesOnly).buildFragmentCoordinates());
     EXPECT_FALSE(CartesianFragments(verticesOnly).buildFragmentCoordinates());

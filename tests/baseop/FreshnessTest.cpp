@@ -1,21 +1,13 @@
 // The law of everything that is kept: the same answer as if nothing had ever been kept, whatever became of the inputs
 // and whatever memory pressure dropped meanwhile.
 
-#include <model/hestra/Console.hpp>
-
-#include <atomic>
-#include <gtest/gtest.h>
-#include <set>
 #include <support/Families.hpp>
-#include <thread>
+#include <support/Testing.hpp>
 
 namespace {
 
-using Hestra::StrongPtr;
-using Orvix::BoundingBox;
 using support::Block;
 using support::Point;
-using namespace Vantle;
 using namespace support::families;
 
 using Mask = MemArray<3, unsigned char>;
@@ -55,7 +47,7 @@ template<class Array>
 void writeInPlace(Field& field) {
     field.iterate(
         [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
-            write(Hestra::dynamicCast<Array>(creator->create()));
+            write(dynamicCast<Array>(creator->create()));
             creator->touch();
             return true;
         },
@@ -67,6 +59,7 @@ struct Change {
     const char* name;
     void (*make)(World&);
 };
+void PrintTo(const Change& change, std::ostream* to) { *to << change.name; }
 
 const Change kChanges[] = {
     {"NewData",
@@ -109,15 +102,15 @@ const Change kChanges[] = {
     {"MaskWrittenInPlace",
      [](World& world) {
          const auto mask = world.blocks.field(VertexMaskName);
-         Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(0) = 0;
-         Hestra::dynamicCast<Mask>(mask->getData(world.block("A")))->element(13) = 1;
+         dynamicCast<Mask>(mask->getData(world.block("A")))->element(0) = 0;
+         dynamicCast<Mask>(mask->getData(world.block("A")))->element(13) = 1;
          mask->touch();
      }},
     {"MaskReplaced",
      [](World& world) {
-         const auto other = Hestra::makeRef<Field>(world.positions()->getFragmentIDCollection());
+         const auto other = makeRef<Field>(world.positions()->getFragmentIDCollection());
          other->createCreator(
-             [](const Hestra::WeakPtr<CreativeArrayBase>&) -> StrongPtr<MemBase> {
+             [](const WeakPtr<CreativeArrayBase>&) -> StrongPtr<MemBase> {
                  return Mask::create({3, 3, 3});
              },
              typeid(unsigned char), MultiIndex<3>::filled(3), world.block("B"), Field::ReplaceExisting,
@@ -131,7 +124,7 @@ const Change kChanges[] = {
      [](World& world) {
          const auto replace = [](Grid& grid) {
              const StrongPtr<Field> old = grid.CartesianPositions();
-             const StrongPtr<Field> other = Hestra::makeRef<Field>(old->getFragmentIDCollection());
+             const StrongPtr<Field> other = makeRef<Field>(old->getFragmentIDCollection());
              old->iterate(
                  [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
                      other->setCreator(creator, id);
@@ -151,6 +144,7 @@ const Change kChanges[] = {
 };
 
 enum class Pressure { None, Before, After };
+void PrintTo(Pressure pressure, std::ostream* to) { *to << "pressure " << static_cast<int>(pressure); }
 
 struct FreshnessTest : testing::TestWithParam<std::tuple<Kind, Change, Pressure>> {
     void SetUp() override { Hestra::Console::setListener({}); }
@@ -270,9 +264,9 @@ TEST(FreshnessOf, WhatACallerHasPutInPlaceStays) {
     World world;
     make(world);
     CartesianFragments fragments(world.grid);
-    const auto tree = Hestra::makeRef<Orvix::KDTree<3, int>>();
+    const auto tree = makeRef<Orvix::KDTree<3, int>>();
     tree->insert(Point(), 7);
-    world.positions()->addInterface(Hestra::makeRef<FragmentTreeInterface>(tree));
+    world.positions()->addInterface(makeRef<FragmentTreeInterface>(tree));
     const auto names = FragmentSkeleton::makeFragmentNames(*world.grid);
     names->setPersistentData(makeMemArray1D(std::vector<std::string>(kBlocks, "mine")));
     const auto surface = world.slice->newGrid("s");

@@ -1,11 +1,13 @@
 #include <baseop/GridEvaluator.hpp>
 #include <model/hestra/Console.hpp>
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <limits>
 #include <numeric>
 #include <omp.h>
 #include <optional>
+#include <random>
 #include <support/LocationGrids.hpp>
 
 namespace {
@@ -331,7 +333,52 @@ TEST(GridEvaluatorTest, FindsAndTellsAsOnePositionAfterTheOther) {
     omp_set_num_threads(threads);
 }
 
-// A new search takes the former one's arrays, but those that somebody has kept.
+// Part after part, or all at once: the same values, and the same words in the same order.
+TEST(GridEvaluatorTest, PartsEvaluateAsTheWhole) {
+    const auto lattice = [](const MultiIndex<3>& extents) {
+        return StrongPtr<MemBase>(Hestra::makeRef<UniformCartesianArray>(
+            BoundingBox(Point(-1.1, -1.2, -0.1), Point(0.9, 1.3, 1.1)), extents));
+    };
+    std::vector<Point> any = support::mixedPositions(600, 8);
+    std::shuffle(any.begin(), any.begin() + 30000, std::mt19937_64(3)); // the others come in a good order
+    for (const auto& positions : {lattice({37, 31, 40}), lattice({190, 211, 1}), StrongPtr<MemBase>(points(any))})
+        for (const bool isHeard : {true, false}) {
+            std::string said[2];
+            StrongPtr<MemBase> values[2];
+            for (const bool isWhole : {true, false}) {
+                support::Scene scene = support::mixedScene(4);
+                scene.blocks.positions()->iterate(
+                    [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+                        const auto block = Hestra::dynamicCast<MemArrayBase<3>>(creator->getData());
+                        if (!block) return true;
+                        const auto data = MemArray<3, double>::create(MultiIndex<3>(block->getSize()));
+                        for (index_t k = 0; k < data->nElements(); ++k) data->element(k) = std::sin(7.0 * double(k));
+                        scene.blocks.setField("waves", data, id);
+                        return true;
+                    });
+                const auto field = scene.blocks.field("waves");
+                GridEvaluator::Context context;
+                context.slice = scene.slice;
+                context.grid = scene.grid;
+                const Hestra::ScopedListener listener(isHeard ? [&](std::string_view piece) { said[isWhole] += piece; }
+                                                              : Hestra::Console::Listener());
+                GridEvaluator evaluator;
+                if (isWhole) evaluator.find(positions, *scene.blocks.positions(), context);
+                values[isWhole] = isWhole ? evaluator.evalKnownDataTypes(positions, *field)
+                                          : evaluator.evaluate(positions, *scene.blocks.positions(), context, *field);
+                EXPECT_EQ(bool(evaluator.statuses()), isWhole);
+            }
+            ASSERT_TRUE(values[0] && values[1]);
+            EXPECT_EQ(values[0]->getDynamicSize(), values[1]->getDynamicSize());
+            for (index_t k = 0; k < values[0]->nElements() && !testing::Test::HasFailure(); ++k)
+                EXPECT_EQ(dynamic_cast<const TypedArray<double>&>(*values[0]).element(k),
+                          dynamic_cast<const TypedArray<double>&>(*values[1]).element(k));
+            EXPECT_TRUE(said[0] == said[1]) << said[0].substr(0, 500) << "\ninstead of " << said[1].substr(0, 500);
+            EXPECT_EQ(said[0].empty(), !isHeard);
+        }
+}
+
+// Arrays of results belong to whoever has kept them.
 TEST(GridEvaluatorTest, KeptResultsStayAsTheyAre) {
     Source source;
     source.blocks = support::makeBlocks(*source.grid, support::shapes()[0], 2, {4, 4, 4});

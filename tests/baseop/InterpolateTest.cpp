@@ -1,18 +1,11 @@
 #include <baseop/Interpolate.hpp>
-#include <model/vantle/MemArray.hpp>
 
-#include <cmath>
-#include <gtest/gtest.h>
-#include <limits>
-#include <random>
-#include <vector>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
 using Orvix::ByteRGB;
 using Orvix::FixedArray;
-using Orvix::PhysicalSpace;
 
 using Random = std::mt19937_64;
 
@@ -42,9 +35,8 @@ struct Kernel {
 
 using Kernels =
     testing::Types<Kernel<double>, Kernel<float>, Kernel<long double, NoDelimiter<long double>, false, long double>,
-                   Kernel<PhysicalSpace::vector>, Kernel<PhysicalSpace::Metric>,
-                   Kernel<PhysicalSpace::point, NoDelimiter<PhysicalSpace::point>, true>, Kernel<ByteRGB, RGBOperator>,
-                   Kernel<ByteRGB>>;
+                   Kernel<vector>, Kernel<PhysicalSpace::Metric>, Kernel<point, NoDelimiter<point>, true>,
+                   Kernel<ByteRGB, RGBOperator>, Kernel<ByteRGB>>;
 
 /// The rules written out one axis after the other, on components, without a thought of speed.
 template<class K>
@@ -242,27 +234,6 @@ TYPED_TEST(InterpolateTest, DerivativesHaveTheBitsOfTheNestedRule) {
     }
 }
 
-// A trilinear polynomial with integer coefficients is met exactly, and so are its partial derivatives, at positions
-// whose fractions are multiples of 1/8.
-TEST(InterpolatePolynomialTest, ReproducesTrilinearFunctionsAndTheirDerivatives) {
-    const auto f = [](double x, double y, double z) { return 3 - 2 * x + 5 * y - z + 4 * x * y * z + 2 * y * z; };
-    const auto array = MemArray<3, double>::create(MultiIndex<3>(4, 5, 6));
-    for (index_t k = 0; k < 6; ++k)
-        for (index_t j = 0; j < 5; ++j)
-            for (index_t i = 0; i < 4; ++i)
-                (*array)(i, j, k) = f(static_cast<double>(i), static_cast<double>(j), static_cast<double>(k));
-    Random random(7);
-    for (int n = 0; n < 500; ++n) {
-        const double x = static_cast<double>(random() % 24) / 8, y = static_cast<double>(random() % 32) / 8,
-                     z = static_cast<double>(random() % 40) / 8;
-        const FixedArray<double, 3> position{x, y, z};
-        EXPECT_EQ(interpolateAt(*array, position), f(x, y, z)) << position;
-        EXPECT_EQ(differentiateAt<0>(*array, position), -2 + 4 * y * z) << position;
-        EXPECT_EQ(differentiateAt<1>(*array, position), 5 + 4 * x * z + 2 * z) << position;
-        EXPECT_EQ(differentiateAt<2>(*array, position), -1 + 4 * x * y + 2 * y) << position;
-    }
-}
-
 TEST(InterpolateBorderTest, ReadsOnlyWhatItNeedsAndDefinesNaNAndEmpty) {
     std::vector<double> elements(27, 1.0);
     const Listed<double> made(elements);
@@ -282,21 +253,6 @@ TEST(InterpolateBorderTest, ReadsOnlyWhatItNeedsAndDefinesNaNAndEmpty) {
     EXPECT_EQ(differentiateAt<0>(view, {nan, 0.0, 0.0}), 0.0);
     EXPECT_EQ(differentiateAt<0>(view, {0.0, nan, nan}), -6.0);
     EXPECT_EQ(interpolateAt(MultiArrayBase<3, double>(), {0.5, 0.5, 0.5}), 0.0);
-}
-
-// Bytes are cut off, at the second axis and again at the third: a mean can lose one twice.
-TEST(InterpolateColourTest, TruncatesAtEveryLevelButTheRow) {
-    using Tested = Interpolate<3, ByteRGB, LinearIpol<ByteRGB, false>, double, RGBOperator>;
-    const std::vector<ByteRGB> colours{{200, 10, 0}, {201, 11, 1}, {200, 10, 0}, {201, 11, 1},
-                                       {201, 11, 1}, {202, 12, 2}, {201, 11, 1}, {202, 12, 2}};
-    const MultiArrayBase<3, ByteRGB> view(MultiArray<3, ByteRGB>(const_cast<ByteRGB*>(colours.data()), {2, 2, 2}));
-    const FixedArray<double, 3> alongX{0.5, 0.0, 0.0}, middle{0.5, 0.5, 0.5};
-    EXPECT_EQ(Tested(view, alongX).evaluate(), ByteRGB(200, 10, 0));
-    EXPECT_EQ(Tested(view, middle)[0], ByteRGB(200, 10, 0));
-    EXPECT_EQ(Tested(view, middle)[1], ByteRGB(201, 11, 1));
-    EXPECT_EQ(Tested(view, middle).evaluate(), ByteRGB(200, 10, 0));
-    // Without the delimiter each level rounds instead: 200.5 up to 201, 201.5 up to 202, 201.5 up to 202.
-    EXPECT_EQ(interpolateAt(view, middle), ByteRGB(202, 12, 2));
 }
 
 } // namespace

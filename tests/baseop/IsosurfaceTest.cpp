@@ -2,6 +2,7 @@
 #include <baseop/Isosurface.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
 #include <baseop/detail/surface/MarchingCubesTables.hpp>
+#include <model/hestra/Console.hpp>
 #include <model/vantle/GridKinds.hpp>
 
 #include <cmath>
@@ -12,6 +13,7 @@
 #include <random>
 #include <set>
 #include <support/Surfaces.hpp>
+#include <support/Teams.hpp>
 
 using namespace Vantle;
 using Hestra::StrongPtr;
@@ -23,15 +25,6 @@ namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInfinity = std::numeric_limits<double>::infinity();
-
-class ThreadCount {
-public:
-    explicit ThreadCount(int threads) { omp_set_num_threads(threads); }
-    ~ThreadCount() { omp_set_num_threads(myBefore); }
-
-private:
-    int myBefore = omp_get_max_threads();
-};
 
 template<class T>
 StrongPtr<MemArray<3, T>> fill(const MultiIndex<3>& size, const std::function<double(const MultiIndex<3>&)>& value) {
@@ -88,23 +81,6 @@ private:
 
 // ---- Tables and identifiers -----------------------------------------------------------------------------------------
 
-/// The sides of its triangles that lie on the faces of a cell, as pairs of edges in the direction of the triangles;
-/// `inner` counts those that no other triangle of the cell goes along in the other direction but lie on no face.
-std::set<std::pair<int, int>> freeSides(int cubeCase) {
-    std::set<std::pair<int, int>> sides;
-    for (int t = 0; t < detail::triangleCount(cubeCase); ++t)
-        for (int c = 0; c < 3; ++c) {
-            const int a = detail::triTable[cubeCase][3 * t + c], b = detail::triTable[cubeCase][3 * t + (c + 1) % 3];
-            if (!sides.erase({b, a})) sides.insert({a, b});
-        }
-    return sides;
-}
-
-bool isOnFace(int edge, int axis, int side) {
-    return detail::CornerOffset[detail::EdgeCorners[edge][0]][axis] == side &&
-           detail::CornerOffset[detail::EdgeCorners[edge][1]][axis] == side;
-}
-
 TEST(IsosurfaceTablesTest, AreTheClassicOnes) {
     std::uint32_t triangles = 0, edges = 0;
     int count = 0;
@@ -121,51 +97,6 @@ TEST(IsosurfaceTablesTest, AreTheClassicOnes) {
     EXPECT_EQ(triangles, 1254848904U);
     EXPECT_EQ(edges, 3464161280U);
     EXPECT_EQ(count, 820);
-}
-
-// Whatever the two cases: where cells meet, the sides of their triangles are the same, in opposite directions.
-TEST(IsosurfaceTablesTest, NeighboursAgreeOnEveryFace) {
-    for (int axis = 0; axis < 3; ++axis) {
-        const auto across = [axis](int edge) { // the same edge as seen by the next cell along the axis
-            for (int other = 0; other < 12; ++other) {
-                bool same =
-                    detail::edgeGeometry[std::size_t(other)].axis == detail::edgeGeometry[std::size_t(edge)].axis;
-                for (int d = 0; d < 3; ++d)
-                    same &=
-                        detail::CornerOffset[detail::edgeGeometry[std::size_t(other)].lower][d] ==
-                        detail::CornerOffset[detail::edgeGeometry[std::size_t(edge)].lower][d] - (d == axis ? 1 : 0);
-                if (same) return other;
-            }
-            return -1;
-        };
-        const auto onFace = [axis](int cubeCase, int side) {
-            std::set<std::pair<int, int>> found;
-            for (const auto& [a, b] : freeSides(cubeCase))
-                if (isOnFace(a, axis, side) && isOnFace(b, axis, side)) found.insert({a, b});
-            return found;
-        };
-        const auto pattern = [axis](int cubeCase, int side) {
-            std::set<std::array<int, 2>> inside; // places on the face of the corners below the level
-            for (int c = 0; c < 8; ++c)
-                if (((cubeCase >> c) & 1) && detail::CornerOffset[c][axis] == side)
-                    inside.insert({detail::CornerOffset[c][(axis + 1) % 3], detail::CornerOffset[c][(axis + 2) % 3]});
-            return inside;
-        };
-        for (int low = 0; low < 256; ++low)
-            for (int high = 0; high < 256; ++high) {
-                if (pattern(low, 1) != pattern(high, 0)) continue;
-                std::set<std::pair<int, int>> expected;
-                for (const auto& [a, b] : onFace(low, 1)) expected.insert({across(b), across(a)});
-                ASSERT_EQ(onFace(high, 0), expected) << "cases " << low << " and " << high << " along axis " << axis;
-            }
-    }
-    for (int c = 0; c < 256; ++c) // and inside a cell nothing is left open
-        for (const auto& [a, b] : freeSides(c)) {
-            bool onSomeFace = false;
-            for (int face = 0; face < 6; ++face)
-                onSomeFace |= isOnFace(a, face / 2, face % 2) && isOnFace(b, face / 2, face % 2);
-            EXPECT_TRUE(onSomeFace) << "case " << c;
-        }
 }
 
 // Identifiers count the edges without gaps, and evaluation finds the ends of each again.
@@ -264,7 +195,6 @@ public:
         expectOn(rectilinear);
     }
 
-private:
     template<class U>
     static std::vector<U> asVector(const MemArray<1, U>& array) {
         return std::vector<U>(array.data(), array.data() + array.nElements());
@@ -325,10 +255,57 @@ TYPED_TEST(IsosurfaceSweepTest, DoesNotDependOnTheNumberOfThreads) {
     const Blobs blobs(size, 14);
     const auto smooth = fill<TypeParam>(size, [&](const MultiIndex<3>& at) { return 100 + 100 * blobs(at); });
     for (int threads = 1; threads <= 4; ++threads) {
-        const ThreadCount count(threads);
+        const support::ThreadCount count(threads);
         SCOPED_TRACE(threads);
         this->expectPlain(*noise, 3.0); // few cells are whole
         this->expectPlain(*smooth, 100.5);
+    }
+}
+
+// Of several levels of one field, where most bricks are passed over; of others in its place; and of bricks that the
+// cache has dropped. The last vertices of an axis are the last ones of bricks, first ones, or in between.
+TYPED_TEST(IsosurfaceSweepTest, EqualsThePlainSweepWhereBricksArePassedOver) {
+    const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
+    for (const MultiIndex<3>& size : {MultiIndex<3>(65, 33, 33), MultiIndex<3>(70, 34, 32)}) {
+        SCOPED_TRACE(to_string(size));
+        const auto positions = bentPositions(size);
+        const auto data = fill<TypeParam>(size, [](const MultiIndex<3>& at) {
+            return 3 * length(PhysicalSpace::vector(double(at[0]) - 36, double(at[1]) - 13, double(at[2]) - 12));
+        });
+        const auto slice = Hestra::makeRef<Slice>();
+        RegularGrid3D regular(slice->newGrid("grid"));
+        const auto id = regular.addBlock("block", positions);
+        const auto field = regular.setField("f", data, id);
+        Hestra::Ageable request;
+        const auto expectPlainAt = [&](double level) {
+            SCOPED_TRACE(level);
+            Surface plain;
+            plain.addPlainly<TypeParam>(*data, level, *positions);
+            request.touch();
+            const TriangularSurface made(
+                ComputeIsosurface(level, request, *regular.grid(), "f", *slice, "surface", 0.0));
+            const auto points = this->asVector(*made.points());
+            EXPECT_TRUE(support::sameBits(plain.points, points));
+            EXPECT_EQ(plain.triangles, this->asVector(*made.triangles()));
+        };
+        for (const double level : {9.0, 14.5, 20.0, -1.0, 0.0, 110.0, 300.0}) expectPlainAt(level);
+
+        const auto change = [&](const MultiIndex<3>& at, double value) {
+            (*data)[at] = static_cast<TypeParam>(value);
+            field->getCreator(id)->touch();
+            field->touch();
+        };
+        change({1, 1, 1}, 5);
+        expectPlainAt(20.0);
+        if constexpr (std::is_floating_point_v<TypeParam>) {
+            change({64, 32, 31}, kNaN); // among larger ones, which it is outside with
+            change({37, 13, 12}, kNaN); // among smaller ones
+            expectPlainAt(50.0);
+            change({20, 8, 8}, -kInfinity);
+            for (const double level : {20.0, -kInfinity, kNaN}) expectPlainAt(level);
+        }
+        Hestra::Cache::MemCache()->clear();
+        expectPlainAt(14.5);
     }
 }
 
@@ -355,17 +332,6 @@ TEST(IsosurfaceTest, ClosedFieldsGiveClosedSurfaces) {
     const auto surface = ComputeIsosurface<float>(0.5, *noise, *bentPositions(size), 0.0);
     const TriangleCell* const first = surface.second->data();
     EXPECT_EQ(support::openEdges({first, first + surface.second->nElements()}), 0U);
-}
-
-// The vertices of a linear field lie where it has the level.
-TEST(IsosurfaceTest, LiesWhereTheFieldHasTheLevel) {
-    const MultiIndex<3> size(12, 13, 14);
-    const UniformCartesianArray positions(point(-1, -1, -1), size, point(1, 2, 3));
-    const auto f = [](const point& p) { return 2 * p[0] - 3 * p[1] + 0.5 * p[2]; };
-    const auto data = fill<double>(size, [&](const MultiIndex<3>& at) { return f(positions[at]); });
-    const auto points = ComputeIsosurfaceT(FieldExplorer(*data, 0.3), positions, 0.0).first;
-    ASSERT_GT(points->nElements(), 100U);
-    for (index_t n = 0; n < points->nElements(); ++n) ASSERT_NEAR(f(points->element(n)), 0.3, 1e-12);
 }
 
 TEST(IsosurfaceTest, ReportsAndRethrowsWhatGoesWrongInside) {

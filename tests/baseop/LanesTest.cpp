@@ -2,22 +2,21 @@
 // operation, in the width that this processor takes.
 
 #include <baseop/DataRange.hpp>
+#include <baseop/ExactCellLocator.hpp>
 #include <baseop/ExpandBBox.hpp>
+#include <baseop/Interpolate.hpp>
+#include <baseop/Isosurface.hpp>
+#include <baseop/PartialDerivative.hpp>
 #include <baseop/TangentialVectors.hpp>
+#include <baseop/UniGridMapper.hpp>
+#include <baseop/detail/ValueBricks.hpp>
+#include <model/hestra/Console.hpp>
 
-#include <bit>
-#include <cstring>
-#include <gtest/gtest.h>
 #include <hwy/targets.h>
-#include <limits>
-#include <random>
 #include <support/Creators.hpp>
-#include <type_traits>
+#include <support/Testing.hpp>
 
 namespace {
-
-using namespace Vantle;
-using Orvix::PhysicalSpace;
 
 /// Lanes of one width while it lives.
 class Lanes {
@@ -75,7 +74,7 @@ void appendBox(Bits& bits, std::size_t count, bool isWithNaN) {
     std::vector<Point> points(count);
     for (Point& point : points)
         for (auto& x : point) x = randomNumber<typename Point::value_type>(random, isWithNaN);
-    Hestra::StrongPtr<Orvix::BoundingBox> box;
+    StrongPtr<BoundingBox> box;
     ASSERT_TRUE(ExpandBBox(box, *support::creatorOf(points)));
     for (int axis = 0; axis < 3; ++axis) {
         append(bits, box->minCoord()[axis]);
@@ -85,9 +84,9 @@ void appendBox(Bits& bits, std::size_t count, bool isWithNaN) {
 
 void appendTangents(Bits& bits, std::size_t count, bool isWithNaN) {
     std::mt19937_64 random(count);
-    std::vector<PhysicalSpace::point> points(count + 1);
-    for (auto& point : points)
-        for (double& x : point) x = randomNumber<double>(random, isWithNaN);
+    std::vector<point> points(count + 1);
+    for (point& p : points)
+        for (double& x : p) x = randomNumber<double>(random, isWithNaN);
     std::vector<index_t> curve(count + 1);
     for (index_t& index : curve) index = random() % points.size();
     TangentialVectorsAndCurveParameter result;
@@ -98,8 +97,65 @@ void appendTangents(Bits& bits, std::size_t count, bool isWithNaN) {
     }
 }
 
+/// Where positions in rough blocks are, by search trees that were built with these lanes: cells that the trees leave
+/// out would be missing, whatever else the trees say.
+void appendLocations(Bits& bits, std::size_t count) {
+    std::mt19937_64 random(count);
+    std::normal_distribution<double> normal(0.0, 0.15);
+    const auto block = MemArray<3, PhysicalSpace::point>::create({count + 1, 4, 3});
+    MultiIndex<3> i;
+    do
+        for (int d = 0; d < 3; ++d) (*block)[i][d] = static_cast<double>(i[d]) + normal(random);
+    while (i.advance(block->Size()));
+    std::vector<PhysicalSpace::point> positions;
+    for (int k = 0; k < 400; ++k)
+        positions.push_back(interpolateAt<3, PhysicalSpace::point>(
+            *block, PhysicalSpace::point(static_cast<double>(random() % (1000 * count)) * 1e-3,
+                                         static_cast<double>(random() % 3000) * 1e-3,
+                                         static_cast<double>(random() % 2000) * 1e-3)));
+    const UniGridMapper linear(block, 1.0, 0.01);
+    const auto spoiled = MemArray<3, PhysicalSpace::point>::create(block->Size());
+    for (index_t k = 0; k < block->nElements(); ++k) spoiled->element(k) = block->element(k);
+    spoiled->element(random() % spoiled->nElements()) = {std::numeric_limits<double>::quiet_NaN(), 1e30, 0.0};
+    const ExactCellLocator exact(spoiled);
+    for (const auto& p : positions)
+        for (const CellLocation& found : {exact.locate(p), linear.locate(p, 0.02)}) {
+            append(bits, static_cast<int>(found.result));
+            for (const double x : found.local) append(bits, found ? x : 0.0);
+        }
+}
+
+/// Bricks of a block with rows of `count` values, and where a level crosses it.
+template<class T>
+void appendBlock(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const MultiIndex<3> size(count, 10, 3);
+    const auto block = MemArray<3, T>::create(size);
+    for (index_t n = 0; n < block->nElements(); ++n) block->element(n) = randomNumber<T>(random, isWithNaN);
+    const detail::ValueBricks<T> bricks(*block);
+    for (const auto* const values : {&bricks.least(), &bricks.greatest()})
+        for (const T value : *values) append(bits, value);
+    append(bits, bricks.hasNaN());
+    append(bits, bricks.hasNegativeZero());
+    const auto grid = UniformCartesianArray({0, 0, 0}, size, {1, 1, 1});
+    const FieldExplorer<MultiArray<3, T>> explorer(*block, 0.3);
+    const auto triangles = ComputeIsosurfaceT(explorer, grid, 0.0).second;
+    for (index_t t = 0; t < triangles->nElements(); ++t)
+        for (const auto corner : triangles->element(t)) append(bits, corner);
+}
+
+void appendGradient(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const auto field = MemArray<3, double>::create({count, 3, 2});
+    for (index_t n = 0; n < field->nElements(); ++n) field->element(n) = randomNumber<double>(random, isWithNaN);
+    const auto gradient = Hestra::dynamicCast<MemArray<3, PhysicalSpace::vector>>(PartialDerivative(field));
+    for (index_t n = 0; n < gradient->nElements(); ++n)
+        for (const double x : gradient->element(n)) append(bits, x);
+}
+
 /// What all operations with lanes give, for numbers of elements around each border of lanes and of blocks.
 Bits results() {
+    const Hestra::ScopedListener nobody({});
     Bits bits;
     for (std::size_t count = 1; count < 800; count += count < 140 ? 1 : 41)
         for (const bool isWithNaN : {false, true}) {
@@ -107,9 +163,17 @@ Bits results() {
             appendRange<float>(bits, count, isWithNaN);
             appendRange<unsigned char>(bits, count, isWithNaN);
             appendRange<unsigned short>(bits, count, isWithNaN);
-            appendBox<PhysicalSpace::point>(bits, count, isWithNaN);
+            appendBox<point>(bits, count, isWithNaN);
             appendBox<Orvix::Coordinates<Orvix::Cartesian3D, float>::point>(bits, count, isWithNaN);
             appendTangents(bits, count, isWithNaN);
+            if (count < 24 && isWithNaN) appendLocations(bits, count);
+            appendGradient(bits, count, isWithNaN);
+            if (count < 2 || count > 75) continue;
+            appendBlock<double>(bits, count, isWithNaN);
+            appendBlock<float>(bits, count, isWithNaN);
+            appendBlock<unsigned char>(bits, count, isWithNaN);
+            appendBlock<short>(bits, count, isWithNaN);
+            appendBlock<unsigned short>(bits, count, isWithNaN);
         }
     return bits;
 }

@@ -1,11 +1,10 @@
-#include "support/CountAllocations.hpp"
-#include "support/RoughBlocks.hpp"
-
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 
-#include <gtest/gtest.h>
+#include <support/CountAllocations.hpp>
+#include <support/RoughBlocks.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
@@ -13,16 +12,16 @@ using namespace support;
 
 TEST(MapperAllocationTest, QueriesAllocateNothing) {
     const BlockPtr block = makeBlock(shapes()[1], {20, 18, 16});
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     const UniGridMapper mapper(block, 1.0, 0.01);
-    testing::internal::GetCapturedStdout();
+    GetCapturedStdout();
     const TreeCellMapper tree(block, {1.5, 1.5, 1.5}, 0.02, 13);
     const Vantle::ExactCellLocator exact(block);
     std::vector<Point> points;
     for (const Point& index : randomIndices(*block, 500, 1)) points.push_back(positionIn(*block, index));
     points.push_back(Point(0.1, 0.4, 0.5)); // in the box, and not in the block
     Point uvw;
-    Orvix::PhysicalSpace::vector extent;
+    vector extent;
     std::vector<Vantle::CellLocation> found(points.size());
     EXPECT_EQ(allocationsOf([&] {
                   for (const Point& P : points) {

@@ -1,22 +1,16 @@
 #include <baseop/PointCloud.hpp>
 
-#include <cmath>
-#include <gtest/gtest.h>
-#include <limits>
-#include <numbers>
-#include <random>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
-using Orvix::PhysicalSpace;
 using Points = std::vector<PhysicalSpace::point>;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 double radius = 1.0;
 
-Points randomCloud(int count, const PhysicalSpace::vector& extent, unsigned seed) {
+Points randomCloud(int count, const vector& extent, unsigned seed) {
     std::mt19937 random(seed);
     std::normal_distribution<double> normal;
     Points points;
@@ -26,18 +20,17 @@ Points randomCloud(int count, const PhysicalSpace::vector& extent, unsigned seed
 }
 
 // A rotation about x, then about z, and a displacement.
-PhysicalSpace::point moved(const PhysicalSpace::point& p, double alpha, double beta, const PhysicalSpace::vector& by) {
-    const PhysicalSpace::point q(p[0], std::cos(alpha) * p[1] - std::sin(alpha) * p[2],
-                                 std::sin(alpha) * p[1] + std::cos(alpha) * p[2]);
-    return PhysicalSpace::point(std::cos(beta) * q[0] - std::sin(beta) * q[1],
-                                std::sin(beta) * q[0] + std::cos(beta) * q[1], q[2]) +
+point moved(const point& p, double alpha, double beta, const vector& by) {
+    const point q(p[0], std::cos(alpha) * p[1] - std::sin(alpha) * p[2],
+                  std::sin(alpha) * p[1] + std::cos(alpha) * p[2]);
+    return point(std::cos(beta) * q[0] - std::sin(beta) * q[1], std::sin(beta) * q[0] + std::cos(beta) * q[1], q[2]) +
            by;
 }
 
 TEST(PointCloudTest, MeasuresAddUpAndDoNotDependOnTheFrame) {
     for (unsigned seed = 0; seed < 50; ++seed) {
         const Points cloud = randomCloud(6 + int(seed), {1.0, 0.1 + 0.05 * seed, 2.0}, seed);
-        const PhysicalSpace::point centre(0.2, -0.1, 0.3);
+        const point centre(0.2, -0.1, 0.3);
         const double planarity = PointCloud::computePlanarity(cloud, centre, radius);
         const double linearity = PointCloud::computeLinearity(cloud, centre, radius);
         const double sphericity = PointCloud::computeSphericity(cloud, centre, radius);
@@ -47,7 +40,7 @@ TEST(PointCloudTest, MeasuresAddUpAndDoNotDependOnTheFrame) {
             EXPECT_LE(part, 1.0 + 1e-9);
         }
 
-        const PhysicalSpace::vector by(3, -7, 0.5);
+        const vector by(3, -7, 0.5);
         Points other;
         for (const auto& p : cloud) other.push_back(moved(p, 0.3 * seed, 1.0 + seed, by));
         const PointCloud::Shape shape = PointCloud::computeShape(other, moved(centre, 0.3 * seed, 1.0 + seed, by));
@@ -56,12 +49,18 @@ TEST(PointCloudTest, MeasuresAddUpAndDoNotDependOnTheFrame) {
         EXPECT_NEAR(shape.sphericity, sphericity, 1e-9);
     }
     EXPECT_EQ(radius, 1.0);
+    const double fixed = 1.0; // or a constant, or a number
+    const Points cloud = randomCloud(9, {1, 2, 3}, 1);
+    double (*const measure)(const Points&, const point&, double&) = &PointCloud::computeLinearity;
+    EXPECT_EQ(PointCloud::computeLinearity(cloud, point(), fixed), measure(cloud, point(), radius));
+    EXPECT_EQ(PointCloud::computeSphericity(cloud, point(), 1.0), PointCloud::computeShape(cloud, point()).sphericity);
+    EXPECT_EQ(PointCloud::computePlanarity(cloud, point(), fixed), PointCloud::computeShape(cloud, point()).planarity);
 }
 
 // Lines, discs and balls of known shape, askew, so that every covariance takes part.
 TEST(PointCloudTest, TellsLinesPlanesAndBallsApart) {
-    const PhysicalSpace::vector by(1, 2, 3);
-    const PhysicalSpace::point centre(1, 2, 3);
+    const vector by(1, 2, 3);
+    const point centre(1, 2, 3);
     Points line, ellipse, ball;
     for (int i = 0; i < 36; ++i) {
         const double angle = std::numbers::pi * i / 18;
@@ -70,7 +69,7 @@ TEST(PointCloudTest, TellsLinesPlanesAndBallsApart) {
     }
     for (int axis = 0; axis < 3; ++axis)
         for (const double side : {-2.0, 2.0}) {
-            PhysicalSpace::point p;
+            point p;
             p[axis] = side;
             ball.push_back(moved(p, 0.7, 0.4, by));
         }
@@ -85,7 +84,7 @@ TEST(PointCloudTest, TellsLinesPlanesAndBallsApart) {
 TEST(PointCloudTest, SmallCloudsHaveNoShape) {
     const Points many = randomCloud(6, {1, 1, 1}, 3);
     const Points five(many.begin(), many.end() - 1);
-    const PhysicalSpace::point centre;
+    const point centre;
     EXPECT_NE(PointCloud::computeSphericity(many, centre, radius), 0.0);
     for (const Points& cloud : {Points{}, five, Points(100, centre), randomCloud(100, {2e-5, 2e-5, 2e-5}, 4)}) {
         EXPECT_EQ(PointCloud::computeSphericity(cloud, centre, radius), 0.0);

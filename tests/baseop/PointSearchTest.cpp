@@ -1,12 +1,9 @@
 #include <baseop/PointSearch.hpp>
 
-#include <gtest/gtest.h>
 #include <support/LocationGrids.hpp>
+#include <support/Testing.hpp>
 
 namespace {
-
-using Hestra::StrongPtr;
-using namespace Vantle;
 
 StrongPtr<Grid> blockGrid(Slice& slice, const std::string& name) {
     const StrongPtr<Grid> grid = slice.newGrid(name);
@@ -16,12 +13,12 @@ StrongPtr<Grid> blockGrid(Slice& slice, const std::string& name) {
 
 // What one search stores, the next one of the same grid and field finds, and no other.
 TEST(PointSearchTest, SharesStorageWithinOneGridAndFieldOnly) {
-    const StrongPtr<Slice> slice = Hestra::makeRef<Slice>();
+    const StrongPtr<Slice> slice = makeRef<Slice>();
     const auto grid = blockGrid(*slice, "grid"), other = blockGrid(*slice, "other");
     GridWithCartesianVertices(grid, 3).setField("Moved", support::makeBlock(support::shapes()[0], {3, 3, 3}));
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     const PointSearch first(slice, grid), second(slice, grid), ofOther(slice, other), ofField(slice, grid, "Moved");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "") << "the constructor is silent";
+    EXPECT_EQ(GetCapturedStdout(), "") << "the constructor is silent";
 
     ASSERT_TRUE(first.helperField());
     EXPECT_EQ(first.helperField(), second.helperField());
@@ -50,7 +47,7 @@ TEST(PointSearchTest, SharesStorageWithinOneGridAndFieldOnly) {
 }
 
 TEST(PointSearchTest, GridsWithoutVerticesHaveNoCells) {
-    const StrongPtr<Slice> slice = Hestra::makeRef<Slice>();
+    const StrongPtr<Slice> slice = makeRef<Slice>();
     const StrongPtr<Grid> bare = slice->newGrid("bare");
     try {
         (void)PointSearch::CellID(bare);
@@ -67,12 +64,12 @@ TEST(PointSearchTest, GridsWithoutVerticesHaveNoCells) {
 }
 
 TEST(PointSearchTest, LookUpNamesTheMissingLink) {
-    const StrongPtr<Slice> slice = Hestra::makeRef<Slice>();
+    const StrongPtr<Slice> slice = makeRef<Slice>();
     const auto grid = blockGrid(*slice, "grid");
     const auto said = [](const StrongPtr<Slice>& in, const StrongPtr<Grid>& of) {
-        testing::internal::CaptureStdout();
+        CaptureStdout();
         EXPECT_FALSE(PointSearch::getHelperField(in, of, "Positions"));
-        std::string text = testing::internal::GetCapturedStdout();
+        std::string text = GetCapturedStdout();
         const std::string enter = "PointSearch::getHelperField() ENTER!\nPointSearch::getHelperField() no ";
         EXPECT_EQ(text.substr(0, enter.size()), enter);
         return text.size() < enter.size() ? text : text.substr(enter.size());
@@ -91,9 +88,9 @@ TEST(PointSearchTest, LookUpNamesTheMissingLink) {
     EXPECT_EQ(said(slice, grid), "FragmentsAsUniCell Position Field\n");
 
     const PointSearch search(slice, grid);
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     EXPECT_EQ(PointSearch::getHelperField(slice, grid, "Positions"), search.helperField());
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "PointSearch::getHelperField() ENTER!\n");
+    EXPECT_EQ(GetCapturedStdout(), "PointSearch::getHelperField() ENTER!\n");
 }
 
 } // namespace

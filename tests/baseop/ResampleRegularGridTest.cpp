@@ -1,25 +1,11 @@
 #include <baseop/Interpolate.hpp>
 #include <baseop/ResampleRegularGrid.hpp>
-#include <model/vantle/Bundle.hpp>
-#include <model/vantle/GridKinds.hpp>
 
-#include <atomic>
-#include <cstring>
-#include <gtest/gtest.h>
-#include <limits>
-#include <omp.h>
-#include <random>
-#include <support/Teams.hpp>
-#include <thread>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::BoundingBox;
 using Orvix::FixedArray;
-using Orvix::PhysicalSpace;
-using point = PhysicalSpace::point;
 using Factors = FixedArray<double, 3>;
 using Doubles = MemArray<3, double>;
 
@@ -49,7 +35,7 @@ bool sameBytes(const T& a, const T& b) {
 
 template<class T>
 void expectKernelAtEveryNode(const StrongPtr<MemArray<3, T>>& source, const Factors& factors) {
-    const auto result = Hestra::dynamicCast<MemArray<3, T>>(ResampleArray<3, T>::rescale(factors, source));
+    const auto result = dynamicCast<MemArray<3, T>>(ResampleArray<3, T>::rescale(factors, source));
     ASSERT_TRUE(result);
     MultiIndex<3> extents;
     for (int d = 0; d < 3; ++d) extents[d] = static_cast<index_t>(static_cast<double>(source->Size()[d]) * factors[d]);
@@ -98,35 +84,6 @@ TYPED_TEST(ResampleArrayTest, HasTheBitsOfTheKernelAtEveryNode) {
     omp_set_num_threads(threads);
 }
 
-TYPED_TEST(ResampleArrayTest, OneIsTheIdentityAndTwoThenAHalfReturns) {
-    using T = TypeParam;
-    const auto source = randomArray<T>({7, 5, 6});
-    const auto same = Hestra::dynamicCast<MemArray<3, T>>(ResampleArray<3, T>::rescale(1.0, source));
-    const auto back = Hestra::dynamicCast<MemArray<3, T>>(
-        ResampleArray<3, T>::rescale(0.5, ResampleArray<3, T>::rescale(2.0, source)));
-    ASSERT_TRUE(same && back);
-    ASSERT_EQ(same->Size(), source->Size());
-    ASSERT_EQ(back->Size(), source->Size());
-    EXPECT_NE(same->data(), source->data());
-    for (index_t k = 0; k < source->nElements(); ++k) {
-        EXPECT_TRUE(sameBytes(same->element(k), source->element(k)));
-        EXPECT_TRUE(sameBytes(back->element(k), source->element(k)));
-    }
-}
-
-TEST(ResampleArrayRuleTest, EndsAreNotAligned) {
-    const auto line = Doubles::create({10, 1, 1});
-    for (index_t i = 0; i < 10; ++i) (*line)(i, 0, 0) = static_cast<double>(i * i);
-    const auto twice = Hestra::dynamicCast<Doubles>(ResampleArray<3, double>::rescale({2.0, 1.0, 1.0}, line.strong()));
-    ASSERT_EQ(twice->Size(), MultiIndex<3>(20, 1, 1));
-    EXPECT_EQ((*twice)(17, 0, 0), 72.5);
-    EXPECT_EQ((*twice)(18, 0, 0), 81.0);
-    EXPECT_EQ((*twice)(19, 0, 0), 81.0);
-    const auto half = Hestra::dynamicCast<Doubles>(ResampleArray<3, double>::rescale({0.5, 1.0, 1.0}, line.strong()));
-    ASSERT_EQ(half->Size(), MultiIndex<3>(5, 1, 1));
-    for (index_t i = 0; i < 5; ++i) EXPECT_EQ((*half)(i, 0, 0), static_cast<double>(4 * i * i));
-}
-
 TEST(ResampleArrayRuleTest, BadInputGivesNullAndVanishingExtentsAnEmptyArray) {
     const StrongPtr<MemBase> array = Doubles::create({3, 4, 5}).strong();
     for (const double bad : {0.0, -1.0, -0.0, kNaN, kInfinity, -kInfinity, 1e300, 1e7})
@@ -161,8 +118,8 @@ protected:
         RegularGrid3D grid(source);
         for (int f = 0; f < 2; ++f) {
             const auto x = static_cast<double>(f);
-            const StrongPtr<MemBase> positions = Hestra::makeRef<UniformCartesianArray>(
-                BoundingBox({x, 0, 0}, {x + 1, 2, 3}), MultiIndex<3>(kNodes, kNodes, kNodes));
+            const StrongPtr<MemBase> positions = makeRef<UniformCartesianArray>(BoundingBox({x, 0, 0}, {x + 1, 2, 3}),
+                                                                                MultiIndex<3>(kNodes, kNodes, kNodes));
             // Names whose alphabetical order is not that of their making.
             ids[f] = grid.addBlock(f ? "10" : "9", positions, MultiIndex<3>(index_t(f) * (kNodes - 1), 0, 0));
         }
@@ -178,9 +135,9 @@ protected:
 
     void addLazy(const std::string& name, std::function<StrongPtr<MemBase>(int)> make) {
         RegularGrid3D grid(source);
-        const StrongPtr<Field> field = Hestra::makeRef<Field>(grid.positions()->getFragmentIDCollection());
+        const StrongPtr<Field> field = makeRef<Field>(grid.positions()->getFragmentIDCollection());
         for (int f = 0; f < 2; ++f)
-            (void)field->createCreator([make, f](const Hestra::WeakPtr<CreativeArrayBase>&) { return make(f); },
+            (void)field->createCreator([make, f](const WeakPtr<CreativeArrayBase>&) { return make(f); },
                                        VantleTypeIndex(typeid(double)), MultiIndex<3>(kNodes, kNodes, kNodes), ids[f],
                                        Field::ReplaceExisting, Hestra::Cache::MemCache());
         grid.representation()->setField(name, field);
@@ -203,7 +160,7 @@ TEST_F(ResampleRegularGridTest, ComputesNothingAndKnowsBoxSizeAndType) {
         const auto id = positions->getFragmentID(ids[f]->name());
         ASSERT_TRUE(id);
         EXPECT_FALSE((id->findInterface<FragmentLocation<3, IndexOffset>>()));
-        const auto uniform = Hestra::dynamicCast<UniformCartesianArray>(positions->getData(id));
+        const auto uniform = dynamicCast<UniformCartesianArray>(positions->getData(id));
         ASSERT_TRUE(uniform);
         EXPECT_EQ(uniform->Size(), MultiIndex<3>(18, 4, 13));
         EXPECT_EQ(uniform->first(), point(f, 0, 0));
@@ -218,55 +175,14 @@ TEST_F(ResampleRegularGridTest, ComputesNothingAndKnowsBoxSizeAndType) {
 
     // The first request makes one source array, and one of ours.
     const auto id = pressure->getFragmentID("10");
-    const auto array = Hestra::dynamicCast<Doubles>(pressure->getData(id));
+    const auto array = dynamicCast<Doubles>(pressure->getData(id));
     ASSERT_TRUE(array);
     EXPECT_EQ(made[0], 0);
     EXPECT_EQ(made[1], 1);
     EXPECT_EQ(array->getCreator().lock().rawptr(), pressure->getCreator(id).rawptr());
-    const auto expected = Hestra::dynamicCast<Doubles>(
+    const auto expected = dynamicCast<Doubles>(
         ResampleArray<3, double>::rescale({2.0, 0.5, 1.5}, randomArray<double>({kNodes, kNodes, kNodes}, 1)));
     for (index_t k = 0; k < expected->nElements(); ++k) ASSERT_TRUE(sameBytes(array->element(k), expected->element(k)));
-}
-
-TEST_F(ResampleRegularGridTest, SurvivesTheCacheUnderPressureFromSeveralThreads) {
-    ASSERT_TRUE(ResampleRegularGrid3D(*target, *source, "finer", {2.0, 2.0, 2.0}));
-    const StrongPtr<Field> pressure = resampled("pressure");
-    const index_t bytes = 8 * kNodes * kNodes * kNodes * sizeof(double);
-    double expected[2];
-    for (int f = 0; f < 2; ++f) {
-        const auto array = Hestra::dynamicCast<Doubles>(pressure->getData(pressure->getFragmentID(ids[f]->name())));
-        expected[f] = array->last();
-    }
-    Hestra::Cache::MemCache()->clear();
-    EXPECT_FALSE(pressure->hasData(pressure->getFragmentID("9")));
-
-    Hestra::Cache::MemCache()->setLimit(bytes + bytes / 2); // room for one of the two, and a source
-    std::vector<std::thread> threads;
-    std::atomic<int> wrong{0};
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int n = 0; n < 20; ++n) {
-                const int f = (n + t) % 2;
-                const auto array =
-                    Hestra::dynamicCast<Doubles>(pressure->getData(pressure->getFragmentID(ids[f]->name())));
-                if (!array || array->nElements() * sizeof(double) != bytes || array->last() != expected[f]) ++wrong;
-            }
-        });
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(wrong, 0);
-    EXPECT_GT(made[0] + made[1], 2); // dropped, and made again
-}
-
-TEST_F(ResampleRegularGridTest, OneRequestAtATimeMakesAnArrayOnce) {
-    ASSERT_TRUE(ResampleRegularGrid3D(*target, *source, "finer", {2.0, 2.0, 2.0}));
-    const StrongPtr<Field> pressure = resampled("pressure");
-    std::vector<std::thread> threads;
-    std::vector<StrongPtr<MemBase>> arrays(8);
-    for (std::size_t t = 0; t < arrays.size(); ++t)
-        threads.emplace_back([&, t] { arrays[t] = pressure->getData(pressure->getFragmentID("9")); });
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(made[0], 1);
-    for (const auto& array : arrays) EXPECT_EQ(array.rawptr(), arrays[0].rawptr());
 }
 
 TEST_F(ResampleRegularGridTest, OtherElementsAndNoPositionsAreNobodysError) {
@@ -287,12 +203,12 @@ TEST_F(ResampleRegularGridTest, UnfragmentedDataAlsoBesideListedBlocks) {
     UniformGrid3D uniform = UniformGrid3D::create(*whole, BoundingBox({0, 0, 0}, {1, 1, 1}), {4, 4, 4});
     const auto data = randomArray<double>({4, 4, 4});
     uniform.setField("density", data);
-    const StrongPtr<FragmentIDCollection> blocks = Hestra::makeRef<FragmentIDCollection>();
+    const StrongPtr<FragmentIDCollection> blocks = makeRef<FragmentIDCollection>();
     blocks->setFragmentNames({"a", "b"});
-    uniform.representation()->setField("listed", Hestra::makeRef<Field>(StrongPtr<MemBase>(data), blocks));
+    uniform.representation()->setField("listed", makeRef<Field>(StrongPtr<MemBase>(data), blocks));
     ASSERT_TRUE(ResampleRegularGrid3D(*target, *whole, "coarser", {0.5, 0.5, 0.5}));
     for (const char* name : {"density", "listed"}) {
-        const auto array = Hestra::dynamicCast<Doubles>(resampled(name)->getData());
+        const auto array = dynamicCast<Doubles>(resampled(name)->getData());
         ASSERT_TRUE(array) << name;
         EXPECT_EQ((*array)(1, 1, 1), (*data)(2, 2, 2));
     }

@@ -1,22 +1,11 @@
 #include <baseop/SurfaceRefinement.hpp>
-#include <model/hestra/Console.hpp>
 
-#include <algorithm>
-#include <cmath>
-#include <gtest/gtest.h>
-#include <random>
-#include <support/Teams.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::PhysicalSpace;
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
-
-StrongPtr<Grid> surfaceOf(std::vector<PhysicalSpace::point> points, std::vector<Triangle> triangles) {
-    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+StrongPtr<Grid> surfaceOf(std::vector<point> points, std::vector<Triangle> triangles) {
+    const StrongPtr<Grid> grid = makeRef<Grid>();
     (void)TriangularSurfaceWithEdges::create(*grid, std::move(points), std::move(triangles));
     return grid;
 }
@@ -84,7 +73,7 @@ TEST(SurfaceRefinementTest, TeamsGiveWhatOneThreadGives) {
             const Triangle& t = triangles[random() % triangles.size()];
             e = random() % 9 ? Edge(t[2], t[0]) : Edge{vertex(true), random() % 9 ? vertex() : t[1]};
         }
-        std::vector<PhysicalSpace::point> points(8'990 * (factor == 1));
+        std::vector<point> points(8'990 * (factor == 1));
         for (auto& p : points) p = {double(random() % 100), double(random() % 100), random() % 99 ? 0.0 : std::nan("")};
         const auto grid = surfaceOf(points, triangles);
         const auto vertices = grid->findVertices(~0);
@@ -123,7 +112,7 @@ TEST(SurfaceRefinementTest, TeamsGiveWhatOneThreadGives) {
                 std::vector<bool> expected;
                 for (const Edge& e : edges) {
                     const bool isThere = e[0] < points.size() && e[1] < points.size();
-                    const auto d = isThere ? points[e[0]] - points[e[1]] : PhysicalSpace::vector();
+                    const auto d = isThere ? points[e[0]] - points[e[1]] : vector();
                     expected.push_back(d[0] * d[0] + d[1] * d[1] + d[2] * d[2] > threshold * threshold);
                 }
                 EdgeLengthCriterion criterion(threshold);
@@ -157,7 +146,7 @@ TEST(SurfaceRefinementTest, FacesListTheirEdges) {
             triangles.emplace_back(vertex(i, j), vertex(i + 1, j), vertex(i + 1, j + 1));
             triangles.emplace_back(vertex(i, j), vertex(i + 1, j + 1), vertex(i, j + 1));
         }
-    const auto grid = surfaceOf(std::vector<PhysicalSpace::point>(n * n), triangles);
+    const auto grid = surfaceOf(std::vector<point>(n * n), triangles);
     const auto edges = Edges::getVerticesPerEdge(grid);
     ASSERT_EQ(edges->nElements(), 3 * n * n);
     const auto table = MemArray<1, Edge>::create(edges->Size());
@@ -207,10 +196,8 @@ TEST(SurfaceRefinementTest, LengthIsComparedStrictly) {
 
 TEST(SurfaceRefinementTest, IncompleteSurfacesHaveNoFlags) {
     const auto outOfRange = surfaceOf({{0, 0, 0}, {9, 0, 0}}, {{0, 1, 5}, {1, 0, 0xFFFFFFFF}});
-    const auto noTriangles = Hestra::makeRef<Grid>();
-    GridWithCartesianVertices(noTriangles, 2)
-        .positions()
-        ->setPersistentData(makeMemArray1D(std::vector<PhysicalSpace::point>(3)));
+    const auto noTriangles = makeRef<Grid>();
+    GridWithCartesianVertices(noTriangles, 2).positions()->setPersistentData(makeMemArray1D(std::vector<point>(3)));
     CaptureStdout();
     for (const StrongPtr<SurfaceRefinementCriterion>& criterion :
          {StrongPtr<SurfaceRefinementCriterion>(new EdgeLengthCriterion(1.0)),
@@ -229,7 +216,7 @@ TEST(SurfaceRefinementTest, IncompleteSurfacesHaveNoFlags) {
 
 // A rhombus with a long diagonal from a to b: both opposite angles are obtuse. Every test of the criterion in turn.
 TEST(SurfaceRefinementTest, ThinRhombiAreFlipped) {
-    const PhysicalSpace::point a(-4, 0, 0), b(4, 0, 0), c(0, 1, 0), d(0, -1, 0);
+    const point a(-4, 0, 0), b(4, 0, 0), c(0, 1, 0), d(0, -1, 0);
     const EdgeFlipCriterion criterion(1e-3);
     EXPECT_TRUE(criterion.Hybrid_Delaunay2D(a, b, c, d));
     EXPECT_TRUE(DelaunayCriterion2D(a, b, c, d));
@@ -243,7 +230,7 @@ TEST(SurfaceRefinementTest, ThinRhombiAreFlipped) {
     EXPECT_FALSE(EdgeFlipCriterion(8.0).Hybrid_Delaunay2D(a, b, c, d));
     EXPECT_TRUE(EdgeFlipCriterion(std::nextafter(8.0, 7.0)).Hybrid_Delaunay2D(a, b, c, d));
     // The triangles before have 4, those after have 8 - with c and d moved towards b: exactly 4 before passes.
-    const PhysicalSpace::point flat(0, 0.5, 0), deep(0, -2, 0);
+    const point flat(0, 0.5, 0), deep(0, -2, 0);
     EXPECT_TRUE(EdgeFlipCriterion(4.0).Hybrid_Delaunay2D(a, b, flat, deep));
     EXPECT_FALSE(EdgeFlipCriterion(std::nextafter(4.0, 5.0)).Hybrid_Delaunay2D(a, b, flat, deep));
 }
@@ -282,13 +269,13 @@ TEST(SurfaceRefinementTest, OrientationFollowsTheTriangle) {
 }
 
 TEST(SurfaceRefinementTest, MidpointsOnSpheres) {
-    const PhysicalSpace::point p(2, 0, 0), q(0, 2, 0), origin;
-    EXPECT_EQ(midpoint(p, q), PhysicalSpace::point(1, 1, 0));
+    const point p(2, 0, 0), q(0, 2, 0), origin;
+    EXPECT_EQ(midpoint(p, q), point(1, 1, 0));
     const auto projected = midpoint(p, q, 1.0, origin);
     EXPECT_NEAR(projected[0], std::sqrt(0.5), 1e-15);
     EXPECT_NEAR(projected[1], std::sqrt(0.5), 1e-15);
     // With another centre, (1, 1, 0) itself is scaled, by 10 over its distance 2 from (1, 1, 2).
-    EXPECT_EQ(midpoint(p, q, 10.0, {1, 1, 2}), PhysicalSpace::point(5, 5, 0));
+    EXPECT_EQ(midpoint(p, q, 10.0, {1, 1, 2}), point(5, 5, 0));
     EXPECT_FALSE(std::isfinite(midpoint(p, q, 1.0, {1, 1, 0})[0]));
     EXPECT_FALSE(std::isfinite(midpoint(p, q, 1.0, {1, 1, 0})[2]));
 }

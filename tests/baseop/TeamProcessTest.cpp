@@ -4,22 +4,18 @@
 #include <baseop/Isosurface.hpp>
 #include <baseop/PartialDerivative.hpp>
 #include <baseop/ResampleRegularGrid.hpp>
+#include <baseop/Threads.hpp>
 
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <gtest/gtest.h>
 #include <iterator>
-#include <omp.h>
 #include <support/Creators.hpp>
+#include <support/Testing.hpp>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
-
-using namespace Vantle;
-using point = Orvix::PhysicalSpace::point;
 
 std::ptrdiff_t threads() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/task"), std::filesystem::directory_iterator());
@@ -30,7 +26,7 @@ index_t runAll(index_t n) {
     const auto data = MemArray<3, double>::create({n, n, n});
     for (index_t k = 0; k < data->nElements(); ++k) data->element(k) = static_cast<double>(k % n);
     (void)DataRange<double>::compute(*support::creatorOf(data.strong()), false, false);
-    (void)Derivative<Orvix::PhysicalSpace::vector>::compute(*data);
+    (void)Derivative<vector>::compute(*data);
     (void)ResampleArray<3, double>::rescale({1.0, 1.0, 1.0}, data.strong(), {});
     const auto points = MemArray<3, point>::create({n, n, n});
     const auto surface = ComputeIsosurface<double>(0.5, *data, *points, 0.0);
@@ -38,7 +34,7 @@ index_t runAll(index_t n) {
 }
 
 TEST(TeamTest, IsNotOpenedForLittleWorkNorAwaitedInAChild) {
-    omp_set_num_threads(4);
+    const ScopedThreads four(4);
     const auto before = threads();
     EXPECT_EQ(runAll(20), 2 * 19 * 19u);
     EXPECT_EQ(threads(), before) << "little work";
@@ -47,7 +43,10 @@ TEST(TeamTest, IsNotOpenedForLittleWorkNorAwaitedInAChild) {
     const index_t expected = runAll(kMany);
     EXPECT_GT(threads(), before) << "enough work for a team";
     const pid_t child = fork();
-    if (child == 0) _exit(runAll(kMany) == expected ? 0 : 1);
+    if (child == 0) {
+        const ScopedThreads wanted(4); // of which there are none any more
+        _exit(runAll(kMany) == expected && ScopedThreads::count() == 1 ? 0 : 1);
+    }
     ASSERT_GT(child, 0);
     int status = -1;
     pid_t ended = 0;

@@ -4,7 +4,6 @@
 #include <model/orvix/CellMap.hpp>
 
 #include <gtest/gtest.h>
-#include <thread>
 
 namespace {
 
@@ -77,43 +76,6 @@ TEST(TreeCellMapperTest, AnswersAsThePlainWalk) {
             }
         }
     for (const int count : codes) EXPECT_GT(count, 100);
-}
-
-TEST(TreeCellMapperTest, AnswersAsThePlainWalkOnTheBluntFin) {
-    const BlockPtr block = bluntFin(VANTLE_TEST_DATA);
-    if (!block) GTEST_SKIP() << "no real data";
-    const TreeCellMapper mapper(block, Scale, 0.02, 13);
-    int found = 0;
-    for (const Point& index : randomIndices(*block, 200, 6)) {
-        const Point P = positionIn(*block, index);
-        Point uvw, plainUvw;
-        Vector extent, plainExtent;
-        MultiIndex<3> cell, plainCell;
-        const unsigned int code = mapper.localCoordinates(uvw, extent, P, &cell);
-        ASSERT_EQ(code, plainQuery(mapper, Scale, 0.02, P, plainUvw, plainExtent, plainCell));
-        EXPECT_EQ(cell, plainCell);
-        if (code != 0) {
-            EXPECT_TRUE(same(uvw, plainUvw));
-        }
-        found += code != 0;
-    }
-    EXPECT_GT(found, 150);
-}
-
-TEST(TreeCellMapperTest, FindsTheCellAPointWasMadeFrom) {
-    const BlockPtr block = makeBlock(shapes()[0], {9, 8, 7});
-    const TreeCellMapper mapper(block, Scale, 0.02, 13);
-    for (const Point& index : randomIndices(*block, 1000, 3, 0.05)) {
-        Point uvw;
-        Vector extent;
-        MultiIndex<3> cell;
-        ASSERT_EQ(mapper.localCoordinates(uvw, extent, positionIn(*block, index), &cell), 1U);
-        for (int d = 0; d < 3; ++d) {
-            // In the last layer of an axis the coordinate in the cell, and not in the block.
-            const bool isLast = cell[d] == block->Size()[d] - 2;
-            EXPECT_NEAR(uvw[d], isLast ? index[d] - static_cast<double>(cell[d]) : index[d], 1e-9);
-        }
-    }
 }
 
 TEST(TreeCellMapperTest, ClampsAtTheBorder) {

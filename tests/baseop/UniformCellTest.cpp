@@ -1,17 +1,10 @@
 #include <baseop/UniformCell.hpp>
 
-#include <cmath>
-#include <gtest/gtest.h>
-#include <limits>
-#include <random>
+#include <support/Testing.hpp>
 #include <unistd.h>
 
 namespace {
 
-using namespace Vantle;
-using Orvix::PhysicalSpace;
-using point = PhysicalSpace::point;
-using vector = PhysicalSpace::vector;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // Made from the answer: a point well inside a known cell.
@@ -81,7 +74,7 @@ TEST(UniformCellTest, TheMarginIsTakenOffTheLowerSideOnly) {
 }
 
 TEST(UniformCellTest, TheBoxFormUsesTheLeastCorner) {
-    const Hestra::StrongPtr<Orvix::BoundingBox> box(new Orvix::BoundingBox({1, 1, 1}, {2, 2, 2}));
+    const StrongPtr<BoundingBox> box(new BoundingBox({1, 1, 1}, {2, 2, 2}));
     MultiIndex<3> cell;
     EXPECT_TRUE(uniformCellFromPosition({1.75, 1.0, 1.25}, box, 0.25, {4, 4, 4}, cell));
     EXPECT_EQ(cell, MultiIndex<3>(3, 0, 1));

@@ -1,20 +1,12 @@
-#include "support/CutBlocks.hpp"
-#include "support/Surfaces.hpp"
-
 #include <baseop/WorldDerivative.hpp>
-#include <model/hestra/Cache.hpp>
-#include <model/vantle/DoublePrecision.hpp>
 
-#include <gtest/gtest.h>
-#include <limits>
-#include <omp.h>
+#include <support/CutBlocks.hpp>
+#include <support/Surfaces.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
 using namespace support;
-using Hestra::StrongPtr;
-using Orvix::PhysicalSpace;
 using Vector = PhysicalSpace::vector;
 using Tensor = Orvix::Quadratic<3, double>;
 template<class T>
@@ -27,7 +19,7 @@ Vector swirl(const Point& p) { return {wave({p[1], p[2], p[0]}), p[0] * p[2] - 0
 
 template<class T>
 StrongPtr<Array<T>> cast(const StrongPtr<MemBase>& array) {
-    return Hestra::dynamicCast<Array<T>>(array);
+    return dynamicCast<Array<T>>(array);
 }
 template<class Result, class Values>
 StrongPtr<Array<Result>> derived(const Values& values, const StrongPtr<MemBase>& positions,
@@ -427,7 +419,7 @@ TEST(WorldDerivativeTest, FollowsValuesAndPositionsOfAllBlocks) {
     CutGrid cut(*uncut, turned(bisect(uncut->Size(), 4, random), random));
     const auto values = fieldOn(*uncut, wave);
     cut.setField("values", *values);
-    const auto cache = Hestra::makeRef<Hestra::Cache>().strong();
+    const auto cache = makeRef<Hestra::Cache>().strong();
     const auto field = derive(cut, "values", {true, {}}, cache);
     const auto before = field->getData(cut.ids[0]);
     EXPECT_TRUE(field->getData(cut.ids[0]) == before);
@@ -487,9 +479,9 @@ TEST(WorldDerivativeTest, ErrorsAndLoss) {
 
     // Without its neighbours' values a joined block has no derivative; alone it has.
     source->removeData(cut.ids[0]);
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     EXPECT_FALSE(field->getData(cut.ids[1]) && field->getData(cut.ids[2]));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("no values"), std::string::npos);
+    EXPECT_NE(GetCapturedStderr().find("no values"), std::string::npos);
     EXPECT_TRUE(WorldDerivative(*cut.grid, "values", "alone", errors)->getData(cut.ids[1]));
 }
 

@@ -1,34 +1,25 @@
 #include <baseop/BaseOp.hpp>
-#include <model/Model.hpp>
 
-#include <gtest/gtest.h>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::BoundingBall;
-using Orvix::BoundingBox;
+#include <support/Testing.hpp>
 
 namespace {
 
-using point = Orvix::PhysicalSpace::point;
-
 TEST(BoundsClientTest, TheBoxOfAFragmentMakesOnlyWhatItNeeds) {
     int global = 0, fragment = 0;
-    const auto collection = Hestra::makeRef<FragmentIDCollection>();
+    const auto collection = makeRef<FragmentIDCollection>();
     collection->setFragmentNames({"a", "placed"});
     Field field(collection);
     const auto placed = field.getFragmentID("placed");
-    placed->addInterface(Hestra::makeRef<FragmentLocation<3, IndexOffset>>(MultiIndex<3>(1, 2, 3)));
+    placed->addInterface(makeRef<FragmentLocation<3, IndexOffset>>(MultiIndex<3>(1, 2, 3)));
     const auto makeGlobal = [&](const std::type_info& type, const DynamicSize& size) {
         field.createCreator(
             [&global](const auto&) -> StrongPtr<MemBase> {
                 ++global;
-                return Hestra::makeRef<UniformCartesianArray>(BoundingBox({0, 0, 0}, {9, 9, 9}),
-                                                              MultiIndex<3>(10, 10, 10));
+                return makeRef<UniformCartesianArray>(BoundingBox({0, 0, 0}, {9, 9, 9}), MultiIndex<3>(10, 10, 10));
             },
             type, size);
     };
-    const StrongPtr<CreativeArrayBase> creator = Hestra::makeRef<CreativeArray>(
+    const StrongPtr<CreativeArrayBase> creator = makeRef<CreativeArray>(
         [&fragment](const auto&) -> StrongPtr<MemBase> {
             ++fragment;
             return makeMemArray1D(std::vector<point>{{1, 1, 1}, {2, 2, 2}});
@@ -78,13 +69,13 @@ TEST(BoundsClientTest, AnExpanderWidensTheBoxThatItIsGiven) {
 }
 
 TEST(BoundsClientTest, ExpandersTakeWhateverABoxComesAs) {
-    const BBoxExpander fresh(Hestra::makeRef<BoundingBox>(point(0, 1, 2), point(3, 4, 5)));
+    const BBoxExpander fresh(makeRef<BoundingBox>(point(0, 1, 2), point(3, 4, 5)));
     EXPECT_EQ(fresh.box()->minCoord(), point(0, 1, 2));
     EXPECT_FALSE(BBoxExpander(nullptr).box());
     EXPECT_FALSE(BBoxExpander(StrongPtr<BoundingBall>()).box());
-    const StrongPtr<BoundingBox> owned = Hestra::makeRef<BoundingBox>(point(0, 1, 2), point(3, 4, 5));
-    EXPECT_TRUE(BBoxExpander(Hestra::WeakPtr<BoundingBox>(owned)).box() == owned);
-    const BBoxExpander around(Hestra::makeRef<BoundingBall>(point(1, 2, 3), 2.0));
+    const StrongPtr<BoundingBox> owned = makeRef<BoundingBox>(point(0, 1, 2), point(3, 4, 5));
+    EXPECT_TRUE(BBoxExpander(WeakPtr<BoundingBox>(owned)).box() == owned);
+    const BBoxExpander around(makeRef<BoundingBall>(point(1, 2, 3), 2.0));
     EXPECT_EQ(around.box()->minCoord(), point(-1, 0, 1));
 }
 
@@ -107,6 +98,7 @@ TEST(BoundsClientTest, FragmentsOfAGridOrOfItsHandle) {
     EXPECT_TRUE(fragments.buildFragmentCoordinates());
     EXPECT_EQ(fragments.getBBox(0)->maxCoord(), point(1, 2, 3));
     EXPECT_EQ(FragmentSkeleton(grid).getFragmentName(0), "");
+    EXPECT_FALSE(fragments.getFragmentID(0));
     EXPECT_FALSE(CartesianFragments(StrongPtr<Grid>(&grid)).buildFragmentCoordinates());
 }
 

@@ -1,15 +1,9 @@
 #include <baseop/BaseOp.hpp>
-#include <model/Model.hpp>
 
-#include <gtest/gtest.h>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::PhysicalSpace;
+#include <support/Testing.hpp>
 
 namespace {
 
-using point = PhysicalSpace::point;
 using Computer = TangentialVectorsAndCurveParameter;
 
 class CurvesClientTest : public testing::Test {
@@ -22,18 +16,16 @@ protected:
         vertices->setField("shifted", field({{0, 0, 0}, {0, 0, 7}}));
         const auto other = grid->makeCartesianRepresentation(1, "other");
         other->setPositions(field({{0, 0, 0}, {11, 0, 0}}));
-        testing::internal::CaptureStdout();
     }
-    void TearDown() override { testing::internal::GetCapturedStdout(); }
 
     static StrongPtr<Field> field(std::vector<point> points) {
-        return Hestra::makeRef<Field>(makeMemArray1D(std::move(points)));
+        return makeRef<Field>(makeMemArray1D(std::move(points)));
     }
     double lengthOf(const std::string& name, const std::string& chart = {}) {
         return Computer(*grid, name, chart).maximalLength();
     }
 
-    StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    StrongPtr<Grid> grid = makeRef<Grid>();
     StrongPtr<Representation> vertices;
 };
 
@@ -43,10 +35,10 @@ TEST_F(CurvesClientTest, EveryVertexFieldAndChartHasResultsOfItsOwn) {
         EXPECT_EQ(lengthOf("shifted"), 7.0);
         EXPECT_EQ(lengthOf("Positions", "other"), 11.0);
     }
-    const auto plain = Hestra::dynamicCast<Computer::Parameters>(vertices->findField("length")->getData());
+    const auto plain = dynamicCast<Computer::Parameters>(vertices->findField("length")->getData());
     EXPECT_EQ((*plain)(1), 5.0);
     EXPECT_TRUE(getTangentialVectors(*grid) == vertices->findField("Tangents")->getData());
-    EXPECT_EQ((*getTangentialVectors(*grid, "shifted"))(1), PhysicalSpace::vector(0, 0, 1));
+    EXPECT_EQ((*getTangentialVectors(*grid, "shifted"))(1), vector(0, 0, 1));
     // Moving one field leaves the results of the other.
     const auto kept = getTangentialVectors(*grid);
     vertices->findField("shifted")->setPersistentData(makeMemArray1D(std::vector<point>{{0, 0, 0}, {0, 8, 0}}));
@@ -75,9 +67,9 @@ TEST_F(CurvesClientTest, TakesHandlesAndObjects) {
     EXPECT_TRUE(byHandles.tangents()->getCreator() == creator);
     byHandles.compute(points, shorts);
     EXPECT_EQ((*byHandles.curveParameters())(0), 2.0);
-    EXPECT_EQ((*ComputeTangentialVectors(points, curves))(1), PhysicalSpace::vector(0, 1, 0));
-    EXPECT_EQ((*ComputeTangentialVectors(points, shorts, creator))(1), PhysicalSpace::vector(0, -1, 0));
-    EXPECT_EQ((*ComputeTangentialVectors(*points, *curves))(1), PhysicalSpace::vector(0, 1, 0));
+    EXPECT_EQ((*ComputeTangentialVectors(points, curves))(1), vector(0, 1, 0));
+    EXPECT_EQ((*ComputeTangentialVectors(points, shorts, creator))(1), vector(0, -1, 0));
+    EXPECT_EQ((*ComputeTangentialVectors(*points, *curves))(1), vector(0, 1, 0));
     EXPECT_TRUE(getTangentialVectors(grid) == getTangentialVectors(*grid));
 
     EXPECT_THROW(byHandles.compute(StrongPtr<Computer::Points>(), curves), Computer::NoVertexFieldData);

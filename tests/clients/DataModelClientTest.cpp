@@ -1,28 +1,16 @@
 /// The data model as a program uses it that knows the two umbrella headers and nothing of the inside.
 
 #include <baseop/BaseOp.hpp>
-#include <model/Model.hpp>
 
-#include <atomic>
-#include <functional>
-#include <gtest/gtest.h>
-#include <set>
+#include <support/Testing.hpp>
 
 namespace {
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Hestra::WeakPtr;
-using Orvix::BoundingBall;
-using Orvix::BoundingBox;
-using Orvix::PhysicalSpace;
-using point = PhysicalSpace::point;
 
 using Names = std::vector<std::string>;
 
 StrongPtr<MemBase> numbers(std::vector<double> values) { return makeMemArray1D(std::move(values)); }
 double firstOf(const StrongPtr<MemBase>& data) {
-    const auto array = Hestra::dynamicCast<TypedArray<double>>(data);
+    const auto array = dynamicCast<TypedArray<double>>(data);
     return array ? array->element(0) : -1;
 }
 
@@ -72,7 +60,7 @@ TEST(DataModelClientTest, EveryWayToTheDataGoesThroughACreatorOfOnesOwn) {
     const auto positions = GridWithCartesianVertices(grid, 3).positions();
     const auto block = positions->makeFragmentID("block");
     positions->setCreator(keeping, block);
-    const auto field = Hestra::makeRef<Field>(positions->getFragmentIDCollection());
+    const auto field = makeRef<Field>(positions->getFragmentIDCollection());
     field->setCreator(forgetting, block);
     (*grid->getCartesianRepresentation())["f"] = field;
     EXPECT_TRUE(forgetting->isValid());
@@ -97,18 +85,18 @@ TEST(DataModelClientTest, EveryWayToTheDataGoesThroughACreatorOfOnesOwn) {
     EXPECT_EQ(DataRange<double>::retrieve(*forgetting, false, false)->getMax(), 20.0) << "though the old array lives";
     EXPECT_EQ(firstOf(old), 0.0);
 
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     const auto surface = ComputeIsosurface(5.0, Hestra::Ageable(), *grid, "f", *slice, "surface", 0.0);
     const auto target = slice->newGrid("target");
     const MultiIndex<3> samples(2, 2, 2);
     UniformGrid3D::create(*target, BoundingBox({0.25, 0.5, 0.5}, {1.75, 3.5, 1.5}), samples);
     const auto evaluated = EvalGrid(*target, *grid, "f", *slice);
-    (void)testing::internal::GetCapturedStdout();
+    (void)GetCapturedStdout();
     ASSERT_TRUE(surface && evaluated);
-    const auto points = Hestra::dynamicCast<MemArray<1, point>>(surface->CartesianPositions()->getData());
+    const auto points = dynamicCast<MemArray<1, point>>(surface->CartesianPositions()->getData());
     ASSERT_GT(points->nElements(), 0u);
     for (index_t k = 0; k < points->nElements(); ++k) EXPECT_EQ(points->element(k)[0], 0.5);
-    const auto values = Hestra::dynamicCast<MemArray<3, double>>(evaluated->getData());
+    const auto values = dynamicCast<MemArray<3, double>>(evaluated->getData());
     ASSERT_TRUE(values);
     EXPECT_NEAR((*values)(0, 1, 1), 2.5, 1e-9);
     EXPECT_NEAR((*values)(1, 0, 1), 17.5, 1e-9);
@@ -163,7 +151,7 @@ TEST(DataModelClientTest, UnfragmentedDataShowUntilAFragmentHasACreator) {
     Grid grid;
     const auto representation = grid.makeCartesianRepresentation(3);
     const StrongPtr<Field> fields[] = {
-        Hestra::makeRef<Field>(points, collection),
+        makeRef<Field>(points, collection),
         representation->makeField(Representation::makeFieldID(*representation, "p"), collection, points)};
     for (const auto& field : fields) {
         EXPECT_EQ(field->getFirstData(), points);
@@ -190,29 +178,29 @@ TEST(DataModelClientTest, UnfragmentedDataShowUntilAFragmentHasACreator) {
 // interfaces
 
 TEST(DataModelClientTest, AnObjectCarriesOneInterfaceOfEachDynamicType) {
-    const auto creator = Hestra::makeRef<CreativeArray>(numbers({1, 2}));
-    const auto real = Hestra::makeRef<DataRange<double>>(1.0, 2.0);
-    const auto narrow = Hestra::makeRef<DataRange<float>>(1.0f, 2.0f);
+    const auto creator = makeRef<CreativeArray>(numbers({1, 2}));
+    const auto real = makeRef<DataRange<double>>(1.0, 2.0);
+    const auto narrow = makeRef<DataRange<float>>(1.0f, 2.0f);
     creator->addInterface(real);
     creator->addInterface(narrow);
     EXPECT_EQ(creator->findInterface(typeid(DataRange<double>)).rawptr(), real.rawptr());
     EXPECT_EQ(creator->findInterface(typeid(DataRange<float>)).rawptr(), narrow.rawptr());
     EXPECT_EQ(creator->findInterface(typeid(DataRangeBase)).rawptr(), narrow.rawptr()) << "the newest of the domain";
-    creator->addInterface(Hestra::makeRef<DataRange<double>>(3.0, 4.0));
+    creator->addInterface(makeRef<DataRange<double>>(3.0, 4.0));
     EXPECT_EQ(creator->findInterface<DataRange<double>>()->getMin(), 3.0);
     EXPECT_EQ(creator->findInterface<DataRangeBase>()->getMinf(), 3.0) << "attached last";
 
     // A ball beside the box that an operation has attached, or finds attached.
     const StrongPtr<Field> field =
-        Hestra::makeRef<Field>(StrongPtr<MemBase>(makeMemArray1D(std::vector<point>{{0, 0, 0}, {1, 1, 1}})), nullptr);
+        makeRef<Field>(StrongPtr<MemBase>(makeMemArray1D(std::vector<point>{{0, 0, 0}, {1, 1, 1}})), nullptr);
     const auto owner = field->getCreator(nullptr);
     const StrongPtr<BoundingBox> mine(new BoundingBox(point(-1, -1, -1), point(2, 2, 2)));
     owner->addInterface(mine);
-    owner->addInterface(Hestra::makeRef<BoundingBall>(point(), 9.0));
+    owner->addInterface(makeRef<BoundingBall>(point(), 9.0));
     EXPECT_EQ(owner->findInterface<BoundingBox>(), mine);
     EXPECT_EQ(owner->findInterface<BoundingBall>()->radius(), 9.0) << "exactly this type goes first";
     EXPECT_EQ(getBoundingBox(field)->maxCoord(), point(2, 2, 2));
-    field->addInterface(Hestra::makeRef<BoundingBall>(point(), 9.0));
+    field->addInterface(makeRef<BoundingBall>(point(), 9.0));
     const auto attached = field->findInterface<BoundingBox>();
     EXPECT_EQ(getBoundingBox(field)->maxCoord(), point(2, 2, 2));
     EXPECT_EQ(field->findInterface<BoundingBox>(), attached) << "not computed again";
@@ -250,20 +238,6 @@ TEST(DataModelClientTest, HandlesAndObjectsServeAlike) {
     EXPECT_EQ(pulled->getDynamicSize(), DynamicSize{4});
     EXPECT_TRUE(pullData(pulled, pulled, *makeMemArray1D(std::vector<index_t>{3, 0}), 2));
     EXPECT_EQ(firstOf(pulled), 4.0);
-
-    Orvix::LowerTriangular<3, double> matrix;
-    matrix(0, 0) = 2;
-    matrix(1, 1) = matrix(1, 0) = 1;
-    matrix(2, 2) = -3;
-    Orvix::FixedArray<PhysicalSpace::vector, 3> axes;
-    Orvix::FixedArray<double, 3> lengths;
-    ASSERT_TRUE((Orvix::UnsortedEigenVectors<3, double>(matrix, axes, lengths, 1e-10)));
-    for (int n = 0; n < 3; ++n)
-        for (int row = 0; row < 3; ++row) {
-            double image = 0;
-            for (int column = 0; column < 3; ++column) image += matrix(row, column) * axes[n][column];
-            EXPECT_NEAR(image, lengths[n] * axes[n][row], 1e-9);
-        }
 }
 
 TEST(DataModelClientTest, HandlesAreKeysOfSetsAndTakeNumbers) {

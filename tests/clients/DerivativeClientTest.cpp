@@ -1,11 +1,6 @@
 #include <baseop/BaseOp.hpp>
-#include <model/Model.hpp>
 
-#include <gtest/gtest.h>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::PhysicalSpace;
+#include <support/Testing.hpp>
 
 namespace {
 
@@ -34,10 +29,10 @@ struct Curious {
 TEST(DerivativeClientTest, ADerivatorTakesPartAsLongAsItLives) {
     const auto floats = MemArray<2, float>::create({2, 2});
     floats->element(3) = 2.5F;
-    const StrongPtr<CreativeArrayBase> creator = Hestra::makeRef<CreativeArray>(StrongPtr<MemBase>(floats));
+    const StrongPtr<CreativeArrayBase> creator = makeRef<CreativeArray>(StrongPtr<MemBase>(floats));
     const auto sum = [&]() -> double {
         EXPECT_EQ(isPartialDerivable(creator), bool(PartialDerivative(StrongPtr<MemBase>(floats))));
-        const auto result = Hestra::dynamicCast<MemArray<1, double>>(PartialDerivative(StrongPtr<MemBase>(floats)));
+        const auto result = dynamicCast<MemArray<1, double>>(PartialDerivative(StrongPtr<MemBase>(floats)));
         return result ? (*result)(0) : 0.0;
     };
     EXPECT_EQ(sum(), 0.0);
@@ -69,13 +64,12 @@ TEST(DerivativeClientTest, ADerivatorTakesPartAsLongAsItLives) {
 
 // Uniform positions announce points of rank 3, and that counts; computing has to say that there is nothing to compute.
 TEST(DerivativeClientTest, ProceduralPositionsAreWhatTheyAnnounce) {
-    const auto cache = Hestra::makeRef<Hestra::Cache>();
-    const StrongPtr<CreativeArrayBase> positions = Hestra::makeRef<CreativeArray>(
+    const auto cache = makeRef<Hestra::Cache>();
+    const StrongPtr<CreativeArrayBase> positions = makeRef<CreativeArray>(
         [](const auto&) -> StrongPtr<MemBase> {
-            return Hestra::makeRef<UniformCartesianArray>(Orvix::BoundingBox({0, 0, 0}, {1, 1, 1}),
-                                                          MultiIndex<3>(3, 3, 3));
+            return makeRef<UniformCartesianArray>(BoundingBox({0, 0, 0}, {1, 1, 1}), MultiIndex<3>(3, 3, 3));
         },
-        typeid(PhysicalSpace::point), DynamicSize(MultiIndex<3>(3, 3, 3)), cache);
+        typeid(point), DynamicSize(MultiIndex<3>(3, 3, 3)), cache);
     EXPECT_TRUE(isPartialDerivable(positions));
     for (int round = 0; round < 2; ++round) {
         ASSERT_TRUE(positions->create());
@@ -91,24 +85,24 @@ TEST(DerivativeClientTest, ProceduralPositionsAreWhatTheyAnnounce) {
 
 // Of a fragment and of its derivative: the same answer as if nothing had ever been kept, and as new as it is.
 TEST(DerivativeClientTest, KeptDerivativesAreNeverStale) {
-    const auto cache = Hestra::makeRef<Hestra::Cache>();
+    const auto cache = makeRef<Hestra::Cache>();
     const auto values = MemArray<3, double>::create({3, 1, 1});
     const auto write = [&](double a, double b, double c) {
         for (index_t n = 0; n < 3; ++n) values->element(n) = n == 0 ? a : n == 1 ? b : c;
     };
     write(0, 1, 4);
-    const StrongPtr<CreativeArrayBase> source = Hestra::makeRef<CreativeArray>(StrongPtr<MemBase>(values));
+    const StrongPtr<CreativeArrayBase> source = makeRef<CreativeArray>(StrongPtr<MemBase>(values));
     std::string errors;
     const StrongPtr<CreativeArray> first = PartialDerivative(source, errors, cache);
     const StrongPtr<CreativeArray> second = PartialDerivative(first, errors, cache);
     const StrongPtr<CreativeArray> kept = PartialDerivative(source, errors, nullptr);
     ASSERT_TRUE(first && second && kept) << errors;
     const auto slopes = [](const StrongPtr<CreativeArray>& derivative) {
-        const auto made = Hestra::dynamicCast<MemArray<3, PhysicalSpace::vector>>(derivative->create());
+        const auto made = dynamicCast<MemArray<3, vector>>(derivative->create());
         return std::vector{(*made)(0, 0, 0)[0], (*made)(1, 0, 0)[0], (*made)(2, 0, 0)[0]};
     };
     const auto bend = [&] {
-        const auto made = Hestra::dynamicCast<MemArray<3, Orvix::Quadratic<3, double>>>(second->create());
+        const auto made = dynamicCast<MemArray<3, Orvix::Quadratic<3, double>>>(second->create());
         return (*made)(1, 0, 0)[0];
     };
     EXPECT_EQ(slopes(first), (std::vector<double>{1, 2, 3}));

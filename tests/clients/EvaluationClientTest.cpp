@@ -1,15 +1,8 @@
 #include <baseop/BaseOp.hpp>
-#include <model/Model.hpp>
 
-#include <gtest/gtest.h>
-#include <thread>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
+#include <support/Testing.hpp>
 
 namespace {
-
-using point = Orvix::PhysicalSpace::point;
 
 StrongPtr<MemArray<3, point>> box(double x) {
     const auto block = MemArray<3, point>::create({3, 3, 3});
@@ -51,33 +44,14 @@ struct EvaluationClientTest : testing::Test {
 // The type is that of the data where the positions are.
 TEST_F(EvaluationClientTest, BlocksOfDifferentTypes) {
     const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
-    const auto floats = Hestra::dynamicCast<MemArray<1, float>>(evaluate(at({{3.5, 1, 1}})));
+    const auto floats = dynamicCast<MemArray<1, float>>(evaluate(at({{3.5, 1, 1}})));
     ASSERT_TRUE(floats);
     EXPECT_EQ(floats->element(0), 2.5F);
-    const auto doubles = Hestra::dynamicCast<MemArray<1, double>>(evaluate(at({{0.5, 1, 1}, {9, 9, 9}})));
+    const auto doubles = dynamicCast<MemArray<1, double>>(evaluate(at({{0.5, 1, 1}, {9, 9, 9}})));
     ASSERT_TRUE(doubles);
     EXPECT_EQ(doubles->element(0), 1.5);
     EXPECT_FALSE(evaluate(at({{0.5, 1, 1}, {3.5, 1, 1}}))) << "no type fits both";
-    EXPECT_TRUE(Hestra::dynamicCast<TypedArray<double>>(evaluate(at({{9, 9, 9}})))) << "the first one's type";
-}
-
-TEST_F(EvaluationClientTest, NothingIsEvaluatedBeforeSomethingWasLookedFor) {
-    std::string said;
-    const Hestra::ScopedListener listener([&](std::string_view text) { said += text; });
-    const auto none = at({});
-    GridEvaluator evaluator;
-    std::vector<double> out;
-    for (int round = 0; round < 2; ++round) {
-        EXPECT_FALSE(evaluator.evalKnownDataTypes(none, *source.field("mixed")));
-        EXPECT_FALSE(evaluator.evalKnownDataTypes(at({{1, 1, 1}}), *source.field("mixed")));
-        EXPECT_FALSE(evaluator.evalType(out, *source.field("mixed")));
-        EXPECT_TRUE(evaluator.find(none, *source.positions(), context));
-    }
-    const auto empty = slice->newGrid("empty");
-    GridWithCartesianVertices(empty, 3).positions()->setPersistentData(none);
-    EXPECT_FALSE(EvalGrid(*empty, *grid, "mixed", *slice));
-    EXPECT_EQ(said, "");
-    EXPECT_FALSE((*empty)("mixed"));
+    EXPECT_TRUE(dynamicCast<TypedArray<double>>(evaluate(at({{9, 9, 9}})))) << "the first one's type";
 }
 
 // The prescribed members and parameters, and the options that say the same.
@@ -101,7 +75,7 @@ TEST_F(EvaluationClientTest, ContextsAndOptions) {
         const auto field = isPrescribed ? EvalGrid(*destination, *grid, "mixed", *slice, "test", true)
                                         : EvalGrid(*destination, *grid, "mixed", *slice, options);
         ASSERT_TRUE(field);
-        const auto values = Hestra::dynamicCast<MemArray<1, float>>(field->getData());
+        const auto values = dynamicCast<MemArray<1, float>>(field->getData());
         EXPECT_EQ(values->element(0), 2.5F);
     }
 }

@@ -1,15 +1,8 @@
 #include <baseop/BaseOp.hpp>
-#include <model/Model.hpp>
 
-#include <gtest/gtest.h>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::BoundingBox;
+#include <support/Testing.hpp>
 
 namespace {
-
-using point = Orvix::PhysicalSpace::point;
 
 /// Cubes of 3^3 vertices side by side along axis 0, of one index space, with values f(place along axis 0).
 class IsosurfaceClientTest : public testing::Test {
@@ -22,24 +15,24 @@ protected:
         for (index_t n = 0; n < 27; ++n, at.advance({3, 3, 3})) (*data)[at] = static_cast<T>(f(double(first + at[0])));
         const auto id =
             blocks.addBlock(std::to_string(number),
-                            Hestra::makeRef<UniformCartesianArray>(
+                            makeRef<UniformCartesianArray>(
                                 BoundingBox({double(first), 0, 0}, {double(first + 2), 2, 2}), MultiIndex<3>(3, 3, 3)),
                             MultiIndex<3>(first, 0, 0));
         blocks.setField("f", data, id);
     }
     void compute(double level) {
         requested.touch();
-        testing::internal::CaptureStdout();
+        CaptureStdout();
         surface = ComputeIsosurface(level, requested, *blocks.grid(), "f", *slice, "surface", 0.0);
-        printed = testing::internal::GetCapturedStdout();
+        printed = GetCapturedStdout();
     }
     StrongPtr<Field> triangles() const {
         return surface->getSkeleton(SkeletonID(2, 1))->findRepresentation(*surface->findVertices(2))->Positions();
     }
     /// The area of the surface.
     double area() const {
-        const auto corners = Hestra::dynamicCast<MemArray<1, point>>(surface->CartesianPositions()->getData());
-        const auto cells = Hestra::dynamicCast<MemArray<1, TriangleCell>>(triangles()->getData());
+        const auto corners = dynamicCast<MemArray<1, point>>(surface->CartesianPositions()->getData());
+        const auto cells = dynamicCast<MemArray<1, TriangleCell>>(triangles()->getData());
         double sum = 0.0;
         for (index_t t = 0; t < cells->nElements(); ++t) {
             const auto cell = (*cells)(t);

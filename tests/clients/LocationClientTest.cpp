@@ -1,15 +1,9 @@
 #include <baseop/BaseOp.hpp>
-#include <model/Model.hpp>
 
-#include <algorithm>
-#include <gtest/gtest.h>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
+#include <support/Testing.hpp>
 
 namespace {
 
-using point = Orvix::PhysicalSpace::point;
 using Block = MemArray<3, point>;
 
 StrongPtr<Block> box(const point& low) {
@@ -38,13 +32,13 @@ TEST_F(LocationClientTest, TakesObjectsAndHandles) {
     EXPECT_EQ(found.localCoordinates, point(1.25, 1.5, 2.5));
     EXPECT_EQ(found.fragment, second);
     EXPECT_TRUE(LocalFromWorldPoint(slice, *grid, "Positions", 1.0, 0.01, {1.5, 1.5, 1.5}).get(p, found));
-    EXPECT_TRUE(LocalFromWorldPoint(Hestra::WeakPtr<Slice>(slice), grid).get(p, found));
+    EXPECT_TRUE(LocalFromWorldPoint(WeakPtr<Slice>(slice), grid).get(p, found));
     EXPECT_EQ(PointSearch(*slice, *grid).helperField(), PointSearch(slice, grid, "Positions").helperField());
     EXPECT_EQ(PointSearch::CellID(*grid), PointSearch::CellID(grid));
     EXPECT_EQ(PointSearch::getHelperField(*slice, *grid, "Positions"), PointSearch(slice, grid).helperField());
 
     const StrongPtr<Vantle::UniGridMapper> mapper(new Vantle::UniGridMapper(box({0, 0, 0}), 1.0, 0.01));
-    const Hestra::WeakPtr<UniGridMapper> weak(mapper);
+    const WeakPtr<UniGridMapper> weak(mapper);
     const point inside(1.25, 0.5, 2.5);
     HexaHedralCellNewton byStrong(mapper), byWeak(weak), byAddress(mapper.rawptr(), 0.02);
     ProjectiveCell projective(mapper), projectiveByWeak(weak, 0.02);
@@ -56,13 +50,15 @@ TEST_F(LocationClientTest, TakesObjectsAndHandles) {
         EXPECT_EQ(cell->localCoordinates(), inside);
         EXPECT_EQ(cell->pointInCell({-9, 0, 0}), 0);
     }
-    EXPECT_EQ(HexaHedralCellNewton(Hestra::WeakPtr<UniGridMapper>()).pointInCell(inside), -1);
+    EXPECT_EQ(HexaHedralCellNewton(WeakPtr<UniGridMapper>()).pointInCell(inside), -1);
+    EXPECT_EQ(ProjectiveCell(nullptr).pointInCell(inside), -1);
+    EXPECT_EQ(ProjectiveCell(nullptr).localCoordinates(), point(-1, -1, -1));
     const StrongPtr<Vantle::TreeCellMapper> tree(new Vantle::TreeCellMapper(box({0, 0, 0}), {1.5, 1.5, 1.5}, 0.02, 0));
-    Orvix::PhysicalSpace::tvector extent;
+    PhysicalSpace::tvector extent;
     point uvw;
     EXPECT_EQ(tree->localCoordinates(uvw, extent, inside), 1U);
 
-    const auto axes = Hestra::makeRef<RectilinearInterpolation::Coordinates>(
+    const auto axes = makeRef<RectilinearInterpolation::Coordinates>(
         std::array{ExplicitCoordinateAxisArray<double>({0, 1, 4}), ExplicitCoordinateAxisArray<double>({0.0, 2.0}),
                    ExplicitCoordinateAxisArray<double>({0.0, 1.0})});
     EXPECT_TRUE(RectilinearInterpolation(axes.strong()).find_rectilinear_cell({2.5, 1, 0.5}, uvw));
@@ -105,7 +101,8 @@ TEST_F(LocationClientTest, ProfilesNameTheOperations) {
     };
     for (const char* name :
          {"LocalFromWorldPoint::get(point, data)", "LocalFromWorldPoint::get(point, data) Interpolate",
-          "localCellCoordinatesFromCurviGrid", "LocalFromWorldPoint::LocalFromWorldPoint() Set Fragment data"})
+          "localCellCoordinatesFromCurviGrid", "LocalFromWorldPoint::LocalFromWorldPoint() Set Fragment data",
+          "Compute bounding boxes of fragments"})
         EXPECT_TRUE(has(name)) << name;
     EXPECT_FALSE(has("LocalFromWorldPoint(): Set Fragment data"));
     Hestra::Profiler::reset();

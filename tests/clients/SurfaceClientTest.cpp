@@ -1,20 +1,14 @@
 #include <baseop/BaseOp.hpp>
-#include <model/Model.hpp>
 
-#include <gtest/gtest.h>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
+#include <support/Testing.hpp>
 
 namespace {
 
-using point = Orvix::PhysicalSpace::point;
-
 TEST(SurfaceClientTest, SplitAllNeedsEdgesOnly) {
-    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    const StrongPtr<Grid> grid = makeRef<Grid>();
     const auto vertices = grid->makeVertices(2);
     const auto edges = (*(*grid)[SkeletonID(1, 1)])[*vertices];
-    edges->setPositions(Hestra::makeRef<Field>(makeMemArray1D(std::vector<Edge>{{0, 1}, {1, 2}, {2, 0}})));
+    edges->setPositions(makeRef<Field>(makeMemArray1D(std::vector<Edge>{{0, 1}, {1, 2}, {2, 0}})));
     EXPECT_EQ(SplitAllCriterion().DetectEdges(grid), std::vector<bool>(3, true));
     EXPECT_TRUE(EdgeLengthCriterion(0.0).DetectEdges(grid).empty());
 }
@@ -46,7 +40,7 @@ TEST(SurfaceClientTest, TablesAndRefinementTakeHandlesAndObjects) {
     EXPECT_EQ(second, Triangle(1, 0, 3));
 
     const EdgeLengthCriterion longEdges(5.0);
-    const StrongPtr<EdgeFlipCriterion> flips = Hestra::makeRef<EdgeFlipCriterion>(1e-3);
+    const StrongPtr<EdgeFlipCriterion> flips = makeRef<EdgeFlipCriterion>(1e-3);
     EXPECT_FALSE(refineSurface(*bundle, grid, longEdges));
     EXPECT_FALSE(refineSurface(*bundle, grid, flips));
     EXPECT_FALSE(refineSurface(*bundle, *grid, longEdges));

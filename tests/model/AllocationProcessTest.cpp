@@ -1,24 +1,17 @@
 // What exists is handed out, and let go, without an allocation; one that fails leaves things as they were.
 
-#include <model/orvix/KDTree.hpp>
-#include <model/vantle/Field.hpp>
-#include <model/vantle/MemArray.hpp>
-
-#include <gtest/gtest.h>
-#include <random>
 #include <support/CountAllocations.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
 using Hestra::Cache;
-using Hestra::StrongPtr;
 
 TEST(AllocationTest, AskingForWhatExistsAllocatesNothing) {
     Field field;
     const auto id = field.makeFragmentID("block");
     const auto creator = field.setDiscardableData(MemArray<3, double>::create({2, 2, 2}), nullptr, id);
-    creator->addInterface(Hestra::makeRef<SizeInterface>(DynamicSize{2, 2, 2}));
+    creator->addInterface(makeRef<SizeInterface>(DynamicSize{2, 2, 2}));
     bool found = true;
     const long count = support::allocationsOf([&] {
         for (int n = 0; n < 100; ++n) {
@@ -65,8 +58,7 @@ TEST(AllocationTest, AnObjectWithoutRecordIsNotLeaked) {
         int& living;
     };
     int living = 0;
-    EXPECT_EQ(
-        support::failEachAllocation([&] { (void)Hestra::makeRef<Object>(living); }, [&] { EXPECT_EQ(living, 0); }), 2);
+    EXPECT_EQ(support::failEachAllocation([&] { (void)makeRef<Object>(living); }, [&] { EXPECT_EQ(living, 0); }), 2);
     EXPECT_EQ(living, 0);
 }
 

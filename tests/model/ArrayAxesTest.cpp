@@ -1,14 +1,4 @@
-#include <model/vantle/DirectProduct.hpp>
-#include <model/vantle/PullData.hpp>
-
-#include <algorithm>
-#include <cmath>
-#include <gtest/gtest.h>
-#include <random>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::PhysicalSpace;
+#include <support/Testing.hpp>
 
 namespace {
 
@@ -125,35 +115,35 @@ TEST(ArrayAxesTest, DegenerateExplicitAxes) {
 
 TEST(ArrayAxesTest, DirectProductIsNoTypedArray) {
     std::mt19937_64 random(3);
-    const StrongPtr<MemBase> product = Hestra::makeRef<Rectilinear>(randomAxes(random));
-    EXPECT_TRUE(Hestra::dynamicCast<MemArrayBase<3>>(product));
-    EXPECT_FALSE(Hestra::dynamicCast<TypedArray<PhysicalSpace::point>>(product));
-    EXPECT_FALSE((Hestra::dynamicCast<MemArray<3, PhysicalSpace::point>>(product)));
-    EXPECT_FALSE(Hestra::dynamicCast<Uniform>(product));
-    EXPECT_EQ(product->elementIndex(), VantleTypeIndex(typeid(PhysicalSpace::point)));
+    const StrongPtr<MemBase> product = makeRef<Rectilinear>(randomAxes(random));
+    EXPECT_TRUE(dynamicCast<MemArrayBase<3>>(product));
+    EXPECT_FALSE(dynamicCast<TypedArray<point>>(product));
+    EXPECT_FALSE((dynamicCast<MemArray<3, point>>(product)));
+    EXPECT_FALSE(dynamicCast<Uniform>(product));
+    EXPECT_EQ(product->elementIndex(), VantleTypeIndex(typeid(point)));
     EXPECT_EQ(product->memsize(), 0u);
     EXPECT_FALSE(product->componentArray(0));
-    EXPECT_TRUE((Hestra::dynamicCast<MemArray<2, PhysicalSpace::point>>(product->create({2, 2}, typeid(void)))));
+    EXPECT_TRUE((dynamicCast<MemArray<2, point>>(product->create({2, 2}, typeid(void)))));
 }
 
 // A stored copy of the same elements says what every way to look at the computed ones has to give.
 TEST(ArrayAxesTest, ComputedElementsEqualStoredOnes) {
     std::mt19937_64 random(4);
     for (int repeat = 0; repeat < 20; ++repeat) {
-        const auto product = Hestra::makeRef<Rectilinear>(randomAxes(random));
-        const auto stored = MemArray<3, PhysicalSpace::point>::create(product->Size());
+        const auto product = makeRef<Rectilinear>(randomAxes(random));
+        const auto stored = MemArray<3, point>::create(product->Size());
         MultiIndex<3> index;
         do
             for (int d = 0; d < 3; ++d) (*stored)[index][d] = product->axis(d).values()[index[d]];
         while (index.advance(product->Size()));
 
-        const MultiArrayBase<3, PhysicalSpace::point> view = product->view();
-        const CreativeIterator<PhysicalSpace::point> elements = product->creativeIterator();
+        const MultiArrayBase<3, point> view = product->view();
+        const CreativeIterator<point> elements = product->creativeIterator();
         ASSERT_EQ(elements.size(), stored->nElements());
         for (index_t k = 0; k < stored->nElements(); ++k) {
             index = MultiIndex<3>::fromLinear(k, product->Size());
-            const PhysicalSpace::point expected = stored->element(k);
-            PhysicalSpace::point retrieved;
+            const point expected = stored->element(k);
+            point retrieved;
             product->retrieve(retrieved, index);
             ASSERT_EQ(retrieved, expected);
             ASSERT_EQ((*product)[index], expected);
@@ -173,7 +163,7 @@ TEST(ArrayAxesTest, ComputedElementsEqualStoredOnes) {
         const auto storedPart = stored->createSubMemArray(start, size);
         for (index_t k = 0; k < part->nElements(); ++k) ASSERT_EQ(part->create(k), storedPart->element(k));
 
-        const auto slice = Hestra::dynamicCast<MemArray<2, PhysicalSpace::point>>(product->createSlice(4));
+        const auto slice = dynamicCast<MemArray<2, point>>(product->createSlice(4));
         for (index_t k = 0; k < slice->nElements(); ++k) ASSERT_EQ(slice->element(k), stored->getSlice(4)->element(k));
 
         const auto indices = makeMemArray1D<index_t>({7, 0, product->nElements() - 1, 7});
@@ -191,10 +181,10 @@ TEST(ArrayAxesTest, UniformVerticesSpanTheirBoxExactly) {
     std::mt19937_64 random(5);
     std::uniform_real_distribution<double> number(-10, 10);
     for (int repeat = 0; repeat < 500; ++repeat) {
-        const PhysicalSpace::point a(number(random), number(random), number(random));
-        const PhysicalSpace::point b(number(random), number(random), number(random));
+        const point a(number(random), number(random), number(random));
+        const point b(number(random), number(random), number(random));
         const MultiIndex<3> counts(random() % 60 + 2, random() % 60 + 2, random() % 60 + 2);
-        Orvix::BoundingBox box;
+        BoundingBox box;
         box.embrace(a);
         box.embrace(b);
 
@@ -219,7 +209,7 @@ TEST(ArrayAxesTest, UniformVerticesSpanTheirBoxExactly) {
         EXPECT_EQ(fromTo.getBoundingBox().minCoord(), box.minCoord());
         EXPECT_EQ(fromTo.getBoundingBox().maxCoord(), box.maxCoord());
 
-        const UniformCartesianArray stepped(counts, a, PhysicalSpace::vector(0.1, -0.3, 0.7));
+        const UniformCartesianArray stepped(counts, a, vector(0.1, -0.3, 0.7));
         EXPECT_EQ(stepped.first(), a);
         EXPECT_EQ(stepped.spacing()[1], -0.3);
         EXPECT_EQ(stepped.last()[1], a[1] + static_cast<double>(counts[1] - 1) * -0.3);
@@ -229,20 +219,20 @@ TEST(ArrayAxesTest, UniformVerticesSpanTheirBoxExactly) {
 }
 
 TEST(ArrayAxesTest, DegenerateUniformVertices) {
-    const Orvix::BoundingBox box({0, 1, 2}, {4, 1, 5});
+    const BoundingBox box({0, 1, 2}, {4, 1, 5});
     const UniformCartesianArray thin(box, {1, 3, 4});
-    EXPECT_EQ(thin.spacing(), PhysicalSpace::vector(4, 0, 1));
-    EXPECT_EQ(thin.last(), PhysicalSpace::point(0, 1, 5));
+    EXPECT_EQ(thin.spacing(), vector(4, 0, 1));
+    EXPECT_EQ(thin.last(), point(0, 1, 5));
     EXPECT_EQ(thin.getBoundingBox().maxCoord(), box.maxCoord());
-    EXPECT_EQ(thin.getIndex(PhysicalSpace::point(2, 7, 3))[1], 0.0) << "no extent, no index";
+    EXPECT_EQ(thin.getIndex(point(2, 7, 3))[1], 0.0) << "no extent, no index";
 
     const UniformCartesianArray none(box, {3, 0, 4});
     EXPECT_EQ(none.nElements(), 0u);
     EXPECT_EQ(none.lastIndex(), (MultiIndex<3>(2, 0, 3)));
-    EXPECT_EQ(none.first(), PhysicalSpace::point());
-    EXPECT_EQ(none.last(), PhysicalSpace::point());
+    EXPECT_EQ(none.first(), point());
+    EXPECT_EQ(none.last(), point());
     EXPECT_EQ(none.getElementAsString(0), "");
-    EXPECT_TRUE(UniformCartesianArray({0, 3, 4}, {0, 1, 2}, PhysicalSpace::vector(1, 1, 1)).getBoundingBox().isEmpty());
+    EXPECT_TRUE(UniformCartesianArray({0, 3, 4}, {0, 1, 2}, vector(1, 1, 1)).getBoundingBox().isEmpty());
     constexpr index_t big = 1ULL << 22;
     EXPECT_THROW(UniformCartesianArray(box, {big, big, big}), Hestra::MemoryException);
     const UniformCartesianArray huge(box, {big, big, 1ULL << 19}); // nothing is stored
@@ -251,7 +241,7 @@ TEST(ArrayAxesTest, DegenerateUniformVertices) {
 
 TEST(ArrayAxesTest, OtherElementTypesAndRanks) {
     using Line = DirectProductMemArray<double, LinearCoordinateAxisArray, 1>;
-    const auto line = Hestra::makeRef<Line>(Line::Axes{Linear::spanning(0.0, 1.0, 50)});
+    const auto line = makeRef<Line>(Line::Axes{Linear::spanning(0.0, 1.0, 50)});
     EXPECT_EQ(line->last(), 1.0);
     EXPECT_EQ(line->view()(3u), 3 * (1.0 / 49));
     EXPECT_EQ(line->elementIndex(), VantleTypeIndex(typeid(double)));
@@ -259,7 +249,7 @@ TEST(ArrayAxesTest, OtherElementTypesAndRanks) {
 
     using Pair = Orvix::FixedArray<double, 2>;
     using Plane = DirectProductMemArray<Pair, ExplicitCoordinateAxisArray, 2>;
-    const auto plane = Hestra::makeRef<Plane>(Plane::Axes{Explicit({1.0, 2.0}), Explicit({7.0, 5.0, 4.0})});
+    const auto plane = makeRef<Plane>(Plane::Axes{Explicit({1.0, 2.0}), Explicit({7.0, 5.0, 4.0})});
     EXPECT_EQ((*plane)(1, 2), Pair(2.0, 4.0));
     EXPECT_EQ(plane->OriginPtr(), nullptr);
     EXPECT_EQ(plane->getIndex(Pair(1.5, 4.5))[1], 0.75);

@@ -1,14 +1,4 @@
-#include <model/vantle/CreativeArray.hpp>
-#include <model/vantle/DirectProduct.hpp>
-#include <model/vantle/PullData.hpp>
-
-#include <algorithm>
-#include <gtest/gtest.h>
-#include <random>
-
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::PhysicalSpace;
+#include <support/Testing.hpp>
 
 namespace {
 
@@ -55,10 +45,10 @@ TYPED_TEST(ArrayRegisteredTypeTest, IsKnownAndMadeInAllRanks) {
         origin->create(MultiIndex<1>(2), typeid(TypeParam)), origin->create(MultiIndex<2>(2, 3), typeid(TypeParam)),
         origin->create(MultiIndex<3>(2, 3, 4), typeid(TypeParam)),
         origin->create(MultiIndex<4>(2, 3, 4, 5), typeid(typename TypedArray<TypeParam>::reference_domain_t))};
-    EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, TypeParam>>(made[0])));
-    EXPECT_TRUE((Hestra::dynamicCast<MemArray<2, TypeParam>>(made[1])));
-    EXPECT_TRUE((Hestra::dynamicCast<MemArray<3, TypeParam>>(made[2])));
-    EXPECT_TRUE((Hestra::dynamicCast<ReferencingMemArray<4, TypeParam>>(made[3])));
+    EXPECT_TRUE((dynamicCast<MemArray<1, TypeParam>>(made[0])));
+    EXPECT_TRUE((dynamicCast<MemArray<2, TypeParam>>(made[1])));
+    EXPECT_TRUE((dynamicCast<MemArray<3, TypeParam>>(made[2])));
+    EXPECT_TRUE((dynamicCast<ReferencingMemArray<4, TypeParam>>(made[3])));
     EXPECT_EQ(made[3]->nElements(), 120u);
     EXPECT_EQ(made[3]->elementIndex(), VantleTypeIndex(typeid(TypeParam)));
     EXPECT_FALSE(origin->create({}, typeid(TypeParam)));
@@ -67,7 +57,7 @@ TYPED_TEST(ArrayRegisteredTypeTest, IsKnownAndMadeInAllRanks) {
     StrongPtr<MemBase> pulled;
     const StrongPtr<Hestra::ChunkBase> chunk = type->newChunk(12);
     ASSERT_TRUE(pullData(pulled, chunk, MultiIndex<3>(2, 3, 2)));
-    const auto typed = Hestra::dynamicCast<ReferencingMemArray<3, TypeParam>>(pulled);
+    const auto typed = dynamicCast<ReferencingMemArray<3, TypeParam>>(pulled);
     ASSERT_TRUE(typed);
     EXPECT_EQ(static_cast<Hestra::ChunkBase*>(typed->myChunk().rawptr()), chunk.rawptr());
     EXPECT_FALSE(pullData(pulled, chunk, MultiIndex<1>(13)));
@@ -80,7 +70,7 @@ TYPED_TEST(ArrayUnregisteredTypeTest, StaysOutOfTheRegistryAndStillMakesItsOwnKi
     EXPECT_FALSE(VantleTypeBase::find(typeid(TypeParam)));
     const StrongPtr<MemBase> array = MemArray<3, TypeParam>::create({1, 2, 3});
     EXPECT_FALSE(array->getVantleType());
-    EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, TypeParam>>(array->create(MultiIndex<1>(4), typeid(void)))));
+    EXPECT_TRUE((dynamicCast<MemArray<1, TypeParam>>(array->create(MultiIndex<1>(4), typeid(void)))));
     const StrongPtr<MemBase> number = MemArray<1, double>::create(1);
     EXPECT_FALSE(number->create(MultiIndex<1>(4), typeid(TypeParam)));
 }
@@ -91,10 +81,23 @@ TEST(ArrayTypeTest, AnotherLibraryRegistersItsOwnTypes) {
     const auto types = MemBase::RegisteredTypes();
     EXPECT_EQ(std::count(types.begin(), types.end(), VantleTypeIndex(typeid(Foreign))), 1);
     const StrongPtr<MemBase> number = MemArray<1, double>::create(1);
-    const auto made = Hestra::dynamicCast<MemArray<2, Foreign>>(number->create(MultiIndex<2>(2, 2), typeid(Foreign)));
+    const auto made = dynamicCast<MemArray<2, Foreign>>(number->create(MultiIndex<2>(2, 2), typeid(Foreign)));
     ASSERT_TRUE(made);
     EXPECT_EQ((*made)(1, 1).value, 7);
     EXPECT_EQ(made->getElementAsString(0), "");
+}
+
+TEST(ArrayTypeTest, ArrayTypesNameTheirElements) {
+    const StrongPtr<MemBase> array = MemArray<3, double>::create({2, 2, 2});
+    const MemBase& object = *array;
+    for (const std::type_info* name :
+         {&typeid(void), &typeid(double), &typeid(TypedArray<double>), &typeid(TypedArray<double>::reference_domain_t),
+          &typeid(MemArray<1, double>), &typeid(MemArray<3, double>), &typeid(ReferencingMemArray<2, double>),
+          &typeid(MemArrayBase<1>), &typeid(object)})
+        EXPECT_TRUE((dynamicCast<MemArray<1, double>>(array->create(6, *name)))) << name->name();
+    EXPECT_TRUE((dynamicCast<MemArray<2, float>>(array->create({2, 3}, typeid(MemArray<1, float>)))));
+    EXPECT_FALSE(array->create(6, typeid(MemArrayBase<2>))) << "not the rank of the size";
+    EXPECT_FALSE(array->create(6, typeid(ArrayTypeTest_ArrayTypesNameTheirElements_Test)));
 }
 
 TEST(ArrayTypeTest, ElementsAsText) {
@@ -104,8 +107,8 @@ TEST(ArrayTypeTest, ElementsAsText) {
     EXPECT_EQ(textOf(-3), "-3");
     EXPECT_EQ(textOf(static_cast<unsigned char>(65)), "65");
     EXPECT_EQ(textOf(~0ULL), "18446744073709551615");
-    EXPECT_EQ(textOf(PhysicalSpace::point(1, 2, 3)), "{1.000000,2.000000,3.000000}");
-    EXPECT_EQ(textOf(PhysicalSpace::vector(0, -1, 0.5)), "{0.000000,-1.000000,0.500000}");
+    EXPECT_EQ(textOf(point(1, 2, 3)), "{1.000000,2.000000,3.000000}");
+    EXPECT_EQ(textOf(vector(0, -1, 0.5)), "{0.000000,-1.000000,0.500000}");
     EXPECT_EQ(textOf(Orvix::FixedArray<double, 2>(1.0, 2.0)), "{1.000000,2.000000}");
     EXPECT_EQ(textOf(Orvix::FixedArray<unsigned short, 3>(1, 2, 65535)), "{1,2,65535}");
     EXPECT_EQ(textOf(Orvix::ByteRGB(1, 2, 255)), "{1,2,255}");
@@ -133,35 +136,35 @@ TEST(ArrayTypeTest, ComponentsAreNamed) {
         for (int c = 0; c < entry->components(); ++c) all += entry->coordinate_component_name(c) + ' ';
         return all;
     };
-    EXPECT_EQ(names(typeid(PhysicalSpace::point)), "x y z ");
-    EXPECT_EQ(names(typeid(PhysicalSpace::vector)), "x y z ");
+    EXPECT_EQ(names(typeid(point)), "x y z ");
+    EXPECT_EQ(names(typeid(vector)), "x y z ");
     EXPECT_EQ(names(typeid(Orvix::ByteRGB)), "r g b ");
     EXPECT_EQ(VantleType<Orvix::ByteRGBA>().coordinate_component_name(3), "a");
     EXPECT_EQ(names(typeid(Orvix::FixedArray<double, 2>)), "0 1 ");
     EXPECT_EQ(names(typeid(PhysicalSpace::Metric)), "0 1 2 3 4 5 ");
     EXPECT_EQ(names(typeid(std::string)), "");
 
-    const auto point = VantleTypeBase::find(typeid(PhysicalSpace::point));
-    EXPECT_EQ(point->element_type(), typeid(double));
-    EXPECT_EQ(point->element_index(), VantleTypeIndex(typeid(double)));
-    EXPECT_EQ(point->chart_type(), typeid(Orvix::Cartesian3D));
-    EXPECT_FALSE(point->nontensor());
+    const auto type = VantleTypeBase::find(typeid(point));
+    EXPECT_EQ(type->element_type(), typeid(double));
+    EXPECT_EQ(type->element_index(), VantleTypeIndex(typeid(double)));
+    EXPECT_EQ(type->chart_type(), typeid(Orvix::Cartesian3D));
+    EXPECT_FALSE(type->nontensor());
     EXPECT_FALSE(VantleTypeBase::find(typeid(float))->nontensor());
     EXPECT_TRUE(VantleTypeBase::find(typeid(TriangleCell))->nontensor());
     EXPECT_EQ(VantleTypeBase::find(typeid(PhysicalSpace::Metric))->indexing_scheme(), IndexingScheme::Symmetric);
 }
 
 TEST(ArrayTypeTest, PointsAreReadAsVectorsFromTheSameMemory) {
-    const auto points = MemArray<3, PhysicalSpace::point>::create({3, 2, 2});
+    const auto points = MemArray<3, point>::create({3, 2, 2});
     for (index_t k = 0; k < points->nElements(); ++k) {
         const auto x = static_cast<double>(k);
         points->element(k) = {x, -x, 1 / (x + 1)};
     }
-    const MultiArrayBase<3, PhysicalSpace::vector> vectors = asVectors<3>(*points);
+    const MultiArrayBase<3, vector> vectors = asVectors<3>(*points);
     MultiIndex<3> index;
-    do EXPECT_EQ(vectors.getElement(index), PhysicalSpace::vector((*points)[index]));
+    do EXPECT_EQ(vectors.getElement(index), vector((*points)[index]));
     while (index.advance(points->Size()));
-    EXPECT_EQ(vectors.slice(1).slice(1).element(2), PhysicalSpace::vector((*points)(2, 1, 1)));
+    EXPECT_EQ(vectors.slice(1).slice(1).element(2), vector((*points)(2, 1, 1)));
 }
 
 TEST(ArrayTypeTest, DispatchFindsTheOneTypeThatFits) {
@@ -181,8 +184,8 @@ TEST(ArrayTypeTest, DispatchFindsTheOneTypeThatFits) {
 }
 
 TEST(ArrayTypeTest, ArraysRememberTheirCreatorWithoutOwningIt) {
-    const auto creator = Hestra::makeRef<CreativeArray>(
-        [](const Hestra::WeakPtr<CreativeArrayBase>& self) -> StrongPtr<MemBase> {
+    const auto creator = makeRef<CreativeArray>(
+        [](const WeakPtr<CreativeArrayBase>& self) -> StrongPtr<MemBase> {
             return MemArray<2, double>::create({2, 3}, self);
         },
         typeid(double));
@@ -190,7 +193,7 @@ TEST(ArrayTypeTest, ArraysRememberTheirCreatorWithoutOwningIt) {
     ASSERT_TRUE(array);
     EXPECT_EQ(array->getCreator(), creator.strong());
     EXPECT_EQ(array->CreatorType(), typeid(CreativeArray));
-    const auto typed = Hestra::dynamicCast<MemArray<2, double>>(array);
+    const auto typed = dynamicCast<MemArray<2, double>>(array);
     EXPECT_FALSE(typed->getSlice(0)->getCreator());
     EXPECT_EQ(typed->getSlice(0, array->getCreator())->getCreator(), creator.strong());
     EXPECT_EQ(creator->strongCount(), 1);
@@ -202,7 +205,7 @@ TEST(ArrayTypeTest, TooLargeArraysAreRefusedBeforeAnythingChanges) {
     EXPECT_THROW((void)(MemArray<2, double>::create({big, big})), Hestra::MemoryException);
     EXPECT_THROW((void)(MemArray<3, unsigned char>::create({1ULL << 21, 1ULL << 21, 1ULL << 21})),
                  Hestra::MemoryException);
-    const auto chunk = Hestra::makeRef<Hestra::TypedChunk<double>>(std::size_t{2});
+    const auto chunk = makeRef<Hestra::TypedChunk<double>>(std::size_t{2});
     EXPECT_THROW((void)(MemArray<2, double>::makeMemArray(chunk, {big, big})), Hestra::MemoryException);
     EXPECT_EQ(chunk->elements(), 2u);
     EXPECT_EQ((MemArray<3, double>::create({big, big, 0})->nElements()), 0u);

@@ -1,21 +1,9 @@
 // Masks of vertices and cells: what is valid, by law, and when it is asked for again.
 
-#include <model/hestra/Cache.hpp>
-#include <model/vantle/Blanking.hpp>
-#include <model/vantle/Bundle.hpp>
-#include <model/vantle/Derived.hpp>
-#include <model/vantle/GridKinds.hpp>
-
-#include <cmath>
-#include <gtest/gtest.h>
-#include <random>
-#include <thread>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Orvix::PhysicalSpace;
 using Mask = MemArray<3, unsigned char>;
 
 template<class T>
@@ -70,7 +58,7 @@ TEST(BlockMaskTest, IsWhatThePlainRulesSay) {
             for (int d = 0; d < 3; ++d) cells[d] = std::max<index_t>(size[d], 2) - 1;
             const StrongPtr<MemBase> vertexMasks[] = {
                 randomMask<unsigned char>(size, valid, random), randomMask<int>(size, valid, random), nullptr,
-                Hestra::dynamicCast<MemArray<3, int>>(randomMask<int>(size, valid, random))->getComponentArray(0)};
+                dynamicCast<MemArray<3, int>>(randomMask<int>(size, valid, random))->getComponentArray(0)};
             const StrongPtr<MemBase> cellMasks[] = {nullptr, randomMask<short>(cells, valid, random),
                                                     randomMask<unsigned long long>(cells, valid, random)};
             const auto &vertexMask = vertexMasks[n % 4], &cellMask = cellMasks[n % 3];
@@ -100,8 +88,7 @@ TEST(BlockMaskTest, IsWhatThePlainRulesSay) {
                     } while (near.advance(cells));
                     EXPECT_EQ(mask.isWhole(at[1], at[2], at[0] / 64), whole) << to_string(size) << to_string(at);
                 }
-                PhysicalSpace::point between(static_cast<double>(at[0]), static_cast<double>(at[1]),
-                                             static_cast<double>(at[2]));
+                point between(static_cast<double>(at[0]), static_cast<double>(at[1]), static_cast<double>(at[2]));
                 EXPECT_EQ(mask.has(between), plain.around(at, at));
                 for (int axis = 0; axis < 3; ++axis) {
                     MultiIndex<3> next = at;
@@ -124,11 +111,11 @@ TEST(BlockMaskTest, IsWhatThePlainRulesSay) {
     for (index_t k = 9; k < 14; ++k) corner->element(k) = 1;
     const BlockMask mask({3, 3, 3}, corner.strong().rawptr(), nullptr);
     EXPECT_EQ(mask.validCells(), 1u);
-    EXPECT_TRUE(mask.has(PhysicalSpace::point(-5.0, 0.5, -0.1)));
-    EXPECT_TRUE(mask.has(PhysicalSpace::point(1.0, 1.0, 1.0)));
-    EXPECT_FALSE(mask.has(PhysicalSpace::point(1.0, 1.0 + 1e-9, 1.0)));
-    EXPECT_FALSE(mask.has(PhysicalSpace::point(0.5, 0.5, 7.0)));
-    EXPECT_FALSE(mask.has(PhysicalSpace::point(0.5, std::nan(""), 0.5)));
+    EXPECT_TRUE(mask.has(point(-5.0, 0.5, -0.1)));
+    EXPECT_TRUE(mask.has(point(1.0, 1.0, 1.0)));
+    EXPECT_FALSE(mask.has(point(1.0, 1.0 + 1e-9, 1.0)));
+    EXPECT_FALSE(mask.has(point(0.5, 0.5, 7.0)));
+    EXPECT_FALSE(mask.has(point(0.5, std::nan(""), 0.5)));
 }
 
 /// A grid of two blocks, one of which has a mask.
@@ -137,10 +124,10 @@ protected:
     static constexpr int kSide = 4;
     const MultiIndex<3> size = MultiIndex<3>::filled(kSide);
 
-    StrongPtr<Slice> slice = Hestra::makeRef<Slice>();
+    StrongPtr<Slice> slice = makeRef<Slice>();
     RegularGrid3D grid{slice->newGrid("grid")};
-    StrongPtr<FragmentID> plain = grid.addBlock("plain", MemArray<3, PhysicalSpace::point>::create(size));
-    StrongPtr<FragmentID> masked = grid.addBlock("masked", MemArray<3, PhysicalSpace::point>::create(size));
+    StrongPtr<FragmentID> plain = grid.addBlock("plain", MemArray<3, point>::create(size));
+    StrongPtr<FragmentID> masked = grid.addBlock("masked", MemArray<3, point>::create(size));
 
     [[nodiscard]] static StrongPtr<MemBase> without(const MultiIndex<3>& vertex, const MultiIndex<3>& extents) {
         const auto mask = Mask::create(extents);
@@ -175,7 +162,7 @@ TEST_F(BlankingTest, FollowsTheMasksOfItsOwnGrid) {
     // New data, a touch, another field in its place, none.
     grid.setField(VertexMaskName, without({1, 0, 0}, size), masked);
     EXPECT_EQ(validCells(), 25u);
-    const auto array = Hestra::dynamicCast<Mask>(field->getData(masked));
+    const auto array = dynamicCast<Mask>(field->getData(masked));
     array->element(0) = 0;
     field->touch();
     EXPECT_EQ(validCells(), 25u);
@@ -184,7 +171,7 @@ TEST_F(BlankingTest, FollowsTheMasksOfItsOwnGrid) {
     const index_t touched = validCells();
     EXPECT_LT(touched, 25u);
     EXPECT_EQ(validCells(*other.grid()), touched - 1);
-    (*grid.representation())[VertexMaskName] = Hestra::makeRef<Field>(grid.positions()->getFragmentIDCollection());
+    (*grid.representation())[VertexMaskName] = makeRef<Field>(grid.positions()->getFragmentIDCollection());
     EXPECT_EQ(validCells(), 27u);
     EXPECT_FALSE(Blanking(*grid.grid()).concerns(masked));
     (*grid.representation())[VertexMaskName] = nullptr;
@@ -193,10 +180,10 @@ TEST_F(BlankingTest, FollowsTheMasksOfItsOwnGrid) {
 
 TEST_F(BlankingTest, IsMadeFromLazyMasksOnceAndWithoutThemAgain) {
     std::atomic<int> runs{0};
-    const auto cache = Hestra::makeRef<Hestra::Cache>();
-    const auto field = Hestra::makeRef<Field>(grid.positions()->getFragmentIDCollection());
+    const auto cache = makeRef<Hestra::Cache>();
+    const auto field = makeRef<Field>(grid.positions()->getFragmentIDCollection());
     field->createCreator(
-        [&](const Hestra::WeakPtr<CreativeArrayBase>&) -> StrongPtr<MemBase> {
+        [&](const WeakPtr<CreativeArrayBase>&) -> StrongPtr<MemBase> {
             ++runs;
             return without({0, 0, 0}, size);
         },
@@ -260,7 +247,7 @@ TEST_F(BlankingTest, MasksFollowTheirFields) {
     field->getCreator(masked)->touch();
     EXPECT_EQ(validCells(), 26u);
 
-    const auto vectors = MemArray<3, PhysicalSpace::vector>::create(size);
+    const auto vectors = MemArray<3, vector>::create(size);
     vectors->element(63)[1] = std::nan("");
     (*grid.representation())[VertexMaskName] = makeMaskOfNumbers(grid.setField("vectors", vectors, masked));
     EXPECT_EQ(validCells(), 26u);
@@ -270,7 +257,7 @@ TEST_F(BlankingTest, MasksFollowTheirFields) {
 
 // What is derived from a masked grid is newer when the masks are others, also when they derive from it.
 TEST_F(BlankingTest, AsAnInputGetsNewerWithEveryChange) {
-    const auto input = Hestra::makeRef<BlankingInput>(*grid.representation());
+    const auto input = makeRef<BlankingInput>(*grid.representation());
     auto age = input->age();
     const auto isNewer = [&] { return std::exchange(age, input->age()) < age; };
     EXPECT_FALSE(isNewer());
@@ -279,11 +266,10 @@ TEST_F(BlankingTest, AsAnInputGetsNewerWithEveryChange) {
     EXPECT_FALSE(isNewer());
     field->touch();
     EXPECT_TRUE(isNewer());
-    const auto older = Hestra::makeRef<Field>();
+    const auto older = makeRef<Field>();
     (*grid.representation())[VertexMaskName] = older;
     EXPECT_TRUE(isNewer());
-    const StrongPtr<Field> circular =
-        Hestra::makeRef<DerivedField>(field, field->getFragmentIDCollection(), input.strong());
+    const StrongPtr<Field> circular = makeRef<DerivedField>(field, field->getFragmentIDCollection(), input.strong());
     (*grid.representation())[VertexMaskName] = circular;
     EXPECT_TRUE(isNewer());
     (*grid.representation())[VertexMaskName] = nullptr;

@@ -1,19 +1,9 @@
-#include <model/hestra/Chunk.hpp>
-#include <model/hestra/Creator.hpp>
-
 #include <chrono>
-#include <functional>
-#include <gtest/gtest.h>
-#include <omp.h>
-#include <random>
-#include <stdexcept>
-#include <thread>
+#include <support/Testing.hpp>
 
 namespace {
 
 using Hestra::Cache;
-using Hestra::StrongPtr;
-using Hestra::WeakPtr;
 
 struct Data : Hestra::Cacheable {
     explicit Data(std::size_t b) : bytes(b) {}
@@ -131,7 +121,7 @@ TEST(CacheTest, DataAreToldOfTheirBeginningAndEnd) {
     };
     const StrongPtr<Cache> cache(new Cache);
     int calls = 0;
-    const StrongPtr<Data> told = Hestra::makeRef<Told>(cache, calls);
+    const StrongPtr<Data> told = makeRef<Told>(cache, calls);
     EXPECT_EQ(calls, 1);
     cache->insert(told);
     cache->setLimit(5);
@@ -155,12 +145,12 @@ TEST(CreatorTest, PersistentDataSurviveAndUncachedDataBelongToTheAsker) {
 }
 
 TEST(CreatorTest, FailuresGiveNullAndAreReportedOnce) {
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     Maker maker(1);
     maker.action = Maker::Throw;
     EXPECT_FALSE(maker.create());
     EXPECT_FALSE(maker.create());
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "creation of data failed: no data today\n");
+    EXPECT_EQ(GetCapturedStderr(), "creation of data failed: no data today\n");
     maker.action = Maker::Nothing;
     EXPECT_FALSE(maker.create());
     maker.action = Maker::Make;

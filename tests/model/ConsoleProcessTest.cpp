@@ -1,16 +1,13 @@
 // The setting is read with the first message, so it needs a process of its own.
 
-#include <model/hestra/Console.hpp>
-#include <model/hestra/Environment.hpp>
-
 #include <cstdlib>
-#include <gtest/gtest.h>
+#include <support/Testing.hpp>
 
 namespace {
 
 TEST(ConsoleProcess, ASettingSilencesTheProcessUntilSomebodyListens) {
     setenv("VANTLE_MESSAGES", "0", 1);
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     Hestra::Console::puts("nobody hears");
     EXPECT_FALSE(Hestra::Console::isHeard());
     std::string heard;
@@ -21,7 +18,7 @@ TEST(ConsoleProcess, ASettingSilencesTheProcessUntilSomebodyListens) {
     EXPECT_EQ(heard, "a scope");
     Hestra::Console::useStandardOutput();
     Hestra::Console::write("aloud");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "aloud");
+    EXPECT_EQ(GetCapturedStdout(), "aloud");
     EXPECT_TRUE(Hestra::environmentHelp().contains("VANTLE_MESSAGES"));
 }
 

@@ -1,31 +1,23 @@
-#include <model/hestra/Console.hpp>
-#include <model/hestra/Environment.hpp>
-#include <model/hestra/Profiler.hpp>
-
-#include <algorithm>
 #include <cstdlib>
-#include <gtest/gtest.h>
-#include <stdexcept>
-#include <thread>
-#include <vector>
+#include <support/Testing.hpp>
 
 namespace {
 
 TEST(ConsoleTest, WritesTextsAsTheyAreOfAnyLength) {
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     Hestra::Console::print("a%db", 7);
     Hestra::Console::puts("");
     Hestra::Console() << "100% as is\n";
     const std::string longText(3000, 'x');
     Hestra::Console::print("<%s>", longText.c_str());
     Hestra::Console::puts(longText);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "a7b\n100% as is\n<" + longText + ">" + longText + "\n");
+    EXPECT_EQ(GetCapturedStdout(), "a7b\n100% as is\n<" + longText + ">" + longText + "\n");
 }
 
 // The innermost scope of a thread hears its messages, threads without one are heard by the process.
 TEST(ConsoleTest, AScopeHearsItsOwnThread) {
     const auto into = [](std::string& text) { return [&text](std::string_view said) { text += said; }; };
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     std::string outer, inner, other;
     {
         const Hestra::ScopedListener listener(into(outer));
@@ -51,12 +43,12 @@ TEST(ConsoleTest, AScopeHearsItsOwnThread) {
     EXPECT_EQ(outer, "one\nthree\n");
     EXPECT_EQ(inner, "2");
     EXPECT_EQ(other, "five");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "foursix");
+    EXPECT_EQ(GetCapturedStdout(), "foursix");
 }
 
 // One call at a time, whatever it does: it may throw, say something, or replace itself.
 TEST(ConsoleTest, TheListenerOfTheProcessHearsAllThreads) {
-    testing::internal::CaptureStdout();
+    CaptureStdout();
     std::vector<std::string> heard;
     bool isBusy = false, isOverlapping = false;
     Hestra::Console::setListener([&](std::string_view text) {
@@ -86,7 +78,7 @@ TEST(ConsoleTest, TheListenerOfTheProcessHearsAllThreads) {
     EXPECT_FALSE(Hestra::Console::isHeard());
     Hestra::Console::useStandardOutput();
     Hestra::Console::write("aloud");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "aloud");
+    EXPECT_EQ(GetCapturedStdout(), "aloud");
 }
 
 TEST(EnvironmentTest, OnlyWholeDecimalIntegersCount) {

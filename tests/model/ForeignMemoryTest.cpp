@@ -1,17 +1,9 @@
 // Arrays over memory of somebody else: every layout against the formula that it stands for, who lets go of what when,
 // and what is refused.
 
-#include <model/Model.hpp>
-
-#include <cstring>
-#include <gtest/gtest.h>
-#include <random>
+#include <support/Testing.hpp>
 
 namespace {
-
-using Hestra::StrongPtr;
-using namespace Vantle;
-using point = Orvix::PhysicalSpace::point;
 
 /// Memory of a random layout, with axes in any order, gaps, and at any address; number c of element k is 7k + 3c + 1.
 template<class T, int N>
@@ -70,7 +62,7 @@ TYPED_TEST(ForeignLayoutTest, CopiesFindEveryNumberWhereverItLies) {
         using Random = Layout<TypeParam, N>;
         const Random layout(random);
         int released = 0;
-        const auto array = Hestra::dynamicCast<MemArray<N, TypeParam>>(
+        const auto array = dynamicCast<MemArray<N, TypeParam>>(
             adopt(typeid(TypeParam), layout.memory, layout.size, [&] { ++released; }));
         ASSERT_TRUE(array && array->Size() == layout.size);
         for (index_t k = 0; k < array->nElements(); ++k)
@@ -145,7 +137,7 @@ TEST(ForeignMemoryTest, CachesCountWhatItsEndGivesBack) {
     const ForeignMemory memory{.elements = numbers.data()};
     EXPECT_EQ((adopt<1, double>(memory, {100}, nullptr)->memsize()), 0U) << "nobody takes it back";
     EXPECT_EQ((adopt<1, double>({.elements = numbers.data(), .memsize = 7}, {100}, nullptr)->memsize()), 7U);
-    const auto cache = Hestra::makeRef<Hestra::Cache>();
+    const auto cache = makeRef<Hestra::Cache>();
     Field field;
     field.setDiscardableData(adopt<1, double>(memory, {100}, release), cache);
     EXPECT_EQ(cache->bytes(), 800U);

@@ -1,18 +1,7 @@
-#include <model/Model.hpp>
-
-#include <atomic>
-#include <cmath>
-#include <gtest/gtest.h>
-#include <limits>
-#include <random>
-#include <thread>
+#include <support/Testing.hpp>
 
 namespace {
 
-using namespace Vantle;
-using Hestra::StrongPtr;
-using Hestra::WeakPtr;
-using Orvix::PhysicalSpace;
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 TEST(BundleTest, SlicesAreFoundByTime) {
@@ -170,7 +159,7 @@ TEST(RepresentationTest, SlotsReadNullAndLookUpsCreateNothing) {
 }
 
 TEST(RepresentationTest, ListsTheFieldsOfASkeleton) {
-    const StrongPtr<Grid> grid = Hestra::makeRef<Grid>();
+    const StrongPtr<Grid> grid = makeRef<Grid>();
     GridWithCartesianVertices vertices(grid, 3);
     for (const char* name : {"zeta", "alpha", "mid"}) vertices.setField(name, makeMemArray1D(std::vector<double>(1)));
     using Names = std::vector<std::string>;
@@ -204,18 +193,17 @@ TEST(RepresentationTest, ThePrimaryBundleIsFoundThroughTheOwners) {
 
 TEST(GridKindsTest, UniformRectilinearAndBlocks) {
     const StrongPtr<Grid> grid(new Grid), second(new Grid), third(new Grid);
-    const auto uniform = UniformGrid3D::create(*grid, Orvix::BoundingBox({0, 0, 0}, {1, 2, 3}), {3, 5, 7});
-    const auto array = Hestra::dynamicCast<UniformCartesianArray>(uniform.positions()->getData());
-    EXPECT_EQ(array->last(), PhysicalSpace::point(1, 2, 3));
+    const auto uniform = UniformGrid3D::create(*grid, BoundingBox({0, 0, 0}, {1, 2, 3}), {3, 5, 7});
+    const auto array = dynamicCast<UniformCartesianArray>(uniform.positions()->getData());
+    EXPECT_EQ(array->last(), point(1, 2, 3));
     EXPECT_EQ(grid->CartesianPositions(), uniform.positions());
 
     const auto rectilinear = RegularGrid3D::createRectilinear(*second, {0, 1, 4}, {0, 2}, {5});
-    using Product = DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
-    EXPECT_EQ(Hestra::dynamicCast<Product>(rectilinear.positions()->getData())->last(), PhysicalSpace::point(4, 2, 5));
+    using Product = DirectProductMemArray<point, ExplicitCoordinateAxisArray, 3>;
+    EXPECT_EQ(dynamicCast<Product>(rectilinear.positions()->getData())->last(), point(4, 2, 5));
 
     RegularGrid3D blocks(third);
-    const auto block =
-        blocks.addBlock("west", MemArray<3, PhysicalSpace::point>::create({2, 2, 2}), MultiIndex<3>{4, 0, 0});
+    const auto block = blocks.addBlock("west", MemArray<3, point>::create({2, 2, 2}), MultiIndex<3>{4, 0, 0});
     blocks.setField("density", MemArray<3, double>::create({2, 2, 2}), block);
     EXPECT_EQ((block->findInterface<FragmentLocation<3, IndexOffset>>()->offset()), (MultiIndex<3>{4, 0, 0}));
     EXPECT_EQ(blocks.field("density")->getFragmentIDCollection(), blocks.positions()->getFragmentIDCollection());
@@ -229,7 +217,7 @@ TEST(GridKindsTest, SurfaceEdgesAreUniqueInOrderOfAppearance) {
     const auto plain = TriangularSurface::create(*grid, {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}},
                                                  {Triangle{0u, 1u, 2u}, Triangle{3u, 2u, 0u}});
     EXPECT_FALSE(Edges::getVerticesPerEdge(grid)) << "a mere view makes none";
-    EXPECT_FALSE(TriangularSurface(nullptr).points() || TriangularSurface(Hestra::makeRef<Grid>()).triangles());
+    EXPECT_FALSE(TriangularSurface(nullptr).points() || TriangularSurface(makeRef<Grid>()).triangles());
     const TriangularSurfaceWithEdges surface(grid);
     ASSERT_TRUE(surface.edges());
     EXPECT_EQ(surface.points(), plain.points());
@@ -243,20 +231,20 @@ TEST(GridKindsTest, SurfaceEdgesAreUniqueInOrderOfAppearance) {
 TEST(GridKindsTest, CurvesAreStoredAsGiven) {
     const StrongPtr<Grid> grid(new Grid);
     const LineSet lines(
-        grid, StrongPtr<LineSet::Points>(makeMemArray1D(std::vector<PhysicalSpace::point>(3))),
+        grid, StrongPtr<LineSet::Points>(makeMemArray1D(std::vector<point>(3))),
         StrongPtr<MemArray<1, std::vector<unsigned>>>(makeMemArray1D(std::vector<std::vector<unsigned>>{{0, 1, 2}})));
-    EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, std::vector<unsigned>>>(lines.curves()->getData())));
+    EXPECT_TRUE((dynamicCast<MemArray<1, std::vector<unsigned>>>(lines.curves()->getData())));
     EXPECT_EQ(lines.positions()->getData()->nElements(), 3u);
     const StrongPtr<Grid> empty(new Grid);
     EXPECT_TRUE(LineSet::setupStandardFields(empty).curves());
-    const LineSet wide(empty, makeMemArray1D(std::vector<PhysicalSpace::point>(2)),
+    const LineSet wide(empty, makeMemArray1D(std::vector<point>(2)),
                        makeMemArray1D(std::vector<std::vector<index_t>>{{0, 1}}));
-    EXPECT_TRUE((Hestra::dynamicCast<MemArray<1, std::vector<index_t>>>(wide.curves()->getData())));
+    EXPECT_TRUE((dynamicCast<MemArray<1, std::vector<index_t>>>(wide.curves()->getData())));
 }
 
 TEST(GridKindsTest, PointCloudsFallIntoTheirLatticeCells) {
     StrongPtr<Grid> grid(new Grid);
-    const StrongPtr<Orvix::BoundingBox> box(new Orvix::BoundingBox({0, 0, 0}, {2, 2, 0}));
+    const StrongPtr<BoundingBox> box(new BoundingBox({0, 0, 0}, {2, 2, 0}));
     auto cloud = RegularlyFragmentedClusteredPointCloudGrid::create(grid, {2, 2, 1}, box);
     EXPECT_EQ(cloud.setPoints({{0, 0, 0}, {1, 0.5, 0}, {2, 2, 0}, {3, 0, 0}, {kNaN, 0, 0}}), 3u);
     const auto positions = cloud.positions();
@@ -268,7 +256,7 @@ TEST(GridKindsTest, PointCloudsFallIntoTheirLatticeCells) {
     EXPECT_FALSE(RegularlyFragmentedClusteredPointCloudGrid::create(none, {1, 1, 1}, box));
     constexpr double kHuge = std::numeric_limits<double>::max();
     for (const double far : {kHuge, std::numeric_limits<double>::infinity(), kNaN}) {
-        const StrongPtr<Orvix::BoundingBox> endless(new Orvix::BoundingBox({-far, 0, 0}, {far, 1, 1}));
+        const StrongPtr<BoundingBox> endless(new BoundingBox({-far, 0, 0}, {far, 1, 1}));
         EXPECT_FALSE(RegularlyFragmentedClusteredPointCloudGrid::create(grid, {2, 1, 1}, endless));
     }
 }
@@ -277,33 +265,32 @@ TEST(GridKindsTest, PointCloudsFallIntoTheirLatticeCells) {
 TEST(GridKindsTest, ClusteredPointsLieInTheBoxesOfTheirFragments) {
     StrongPtr<Grid> grid(new Grid);
     RegularGrid3D before(grid);
-    for (const char* name : {"wing", "tail"})
-        before.addBlock(name, MemArray<3, PhysicalSpace::point>::create({2, 2, 2}));
-    const PhysicalSpace::point low(0.1, -1, 3), high(0.8, 2, 3);
-    const StrongPtr<Orvix::BoundingBox> box(new Orvix::BoundingBox(low, high));
+    for (const char* name : {"wing", "tail"}) before.addBlock(name, MemArray<3, point>::create({2, 2, 2}));
+    const point low(0.1, -1, 3), high(0.8, 2, 3);
+    const StrongPtr<BoundingBox> box(new BoundingBox(low, high));
     auto cloud = RegularlyFragmentedClusteredPointCloudGrid::create(grid, {7, 10, 2}, box);
     const auto positions = cloud.positions();
-    std::vector<PhysicalSpace::point> points;
+    std::vector<point> points;
     std::mt19937 random(7);
     std::uniform_real_distribution<double> x(low[0], high[0]), y(low[1], high[1]);
     for (int n = 0; n < 500; ++n) points.emplace_back(x(random), y(random), low[2]);
     for (const auto& id : positions->getFragmentIDCollection()->ids())
-        if (const auto cell = id->findInterface<Orvix::BoundingBox>()) points.push_back(cell->minCoord());
+        if (const auto cell = id->findInterface<BoundingBox>()) points.push_back(cell->minCoord());
     ASSERT_EQ(cloud.setPoints(points), points.size());
     std::size_t found = 0;
     for (const auto& id : positions->getFragmentIDCollection()->ids()) {
-        const auto cell = id->findInterface<Orvix::BoundingBox>();
-        const auto data = Hestra::dynamicCast<MemArray<1, PhysicalSpace::point>>(positions->getData(id));
+        const auto cell = id->findInterface<BoundingBox>();
+        const auto data = dynamicCast<MemArray<1, point>>(positions->getData(id));
         if (!cell) {
             EXPECT_EQ(positions->getData(id)->nElements(), 8u) << id->name();
             continue;
         }
         found += data->nElements();
         for (index_t n = 0; n < data->nElements(); ++n) {
-            const PhysicalSpace::point point = (*data)[n];
-            EXPECT_TRUE(cell->inside(point)) << id->name();
+            const point p = (*data)[n];
+            EXPECT_TRUE(cell->inside(p)) << id->name();
             for (int d = 0; d < 2; ++d)
-                EXPECT_TRUE(point[d] < cell->maxCoord()[d] || cell->maxCoord()[d] == high[d]) << id->name();
+                EXPECT_TRUE(p[d] < cell->maxCoord()[d] || cell->maxCoord()[d] == high[d]) << id->name();
         }
     }
     EXPECT_EQ(found, points.size());
@@ -336,8 +323,8 @@ TEST(GridTest, LookUpsAttachmentsAndCreationMeetInManyThreads) {
                 const auto found = (*grid)("density");
                 if (!found || !found->getData(found->getFragmentID("block"))) std::abort();
                 const auto creator = found->getCreator(id);
-                creator->addInterface(Hestra::makeRef<SizeInterface>(DynamicSize{2}));
-                creator->setAttribute(name, Hestra::makeRef<Hestra::Chunk<double>>(std::size_t{1}).strong());
+                creator->addInterface(makeRef<SizeInterface>(DynamicSize{2}));
+                creator->setAttribute(name, makeRef<Hestra::Chunk<double>>(std::size_t{1}).strong());
                 creator->touch();
                 if (getSize(*creator).rank() != 1 || other->age() < 0) std::abort();
                 if (source->findFieldID(name) != destination->findFieldID(name)) std::abort();

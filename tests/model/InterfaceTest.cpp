@@ -1,14 +1,8 @@
-#include <model/hestra/Ageable.hpp>
-#include <model/hestra/Interface.hpp>
-
-#include <gtest/gtest.h>
-#include <thread>
+#include <support/Testing.hpp>
 
 namespace {
 
 using Hestra::Intercube;
-using Hestra::StrongPtr;
-using Hestra::WeakPtr;
 
 struct Size : Hestra::Interface<Size> {
     explicit Size(int v) : value(v) {}

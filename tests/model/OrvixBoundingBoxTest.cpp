@@ -1,15 +1,8 @@
-#include <model/orvix/BoundingBox.hpp>
-
-#include <cmath>
-#include <gtest/gtest.h>
-#include <limits>
-#include <random>
-#include <vector>
+#include <support/Testing.hpp>
 
 namespace {
 
 using namespace Orvix;
-using point = PhysicalSpace::point;
 
 constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
 
@@ -90,12 +83,12 @@ TEST(OrvixBoundingBox, IsClosedAndTestsUpToTheNamedAxis) {
 
 TEST(OrvixBoundingBox, IsAttachedAsTheBoundsOfAnObject) {
     const Hestra::Intercube object;
-    const Hestra::StrongPtr<BoundingBox> box = Hestra::makeRef<BoundingBox>(point(), point(1, 1, 1));
+    const StrongPtr<BoundingBox> box = makeRef<BoundingBox>(point(), point(1, 1, 1));
     object.addInterface(box);
     const auto ball = object.findInterface<BoundingBall>();
-    EXPECT_EQ(Hestra::dynamicCast<BoundingBox>(ball), box);
+    EXPECT_EQ(dynamicCast<BoundingBox>(ball), box);
     EXPECT_EQ(object.findInterface<BoundingBox>(), box);
-    object.addInterface(Hestra::makeRef<BoundingBox>(*box));
+    object.addInterface(makeRef<BoundingBox>(*box));
     EXPECT_FALSE(object.findInterface<BoundingBall>() == box) << "one box an object, and a copy is another one";
 }
 

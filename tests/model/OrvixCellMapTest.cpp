@@ -1,14 +1,8 @@
-#include <model/orvix/CellMap.hpp>
-
-#include <cmath>
-#include <gtest/gtest.h>
-#include <random>
+#include <support/Testing.hpp>
 
 namespace {
 
 using namespace Orvix;
-using point = PhysicalSpace::point;
-using vector = PhysicalSpace::vector;
 
 /// A cell by its corners [w][v][u].
 struct Cell {

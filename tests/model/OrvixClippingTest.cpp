@@ -1,16 +1,8 @@
-#include <model/orvix/Clipping.hpp>
-
-#include <algorithm>
-#include <cmath>
-#include <gtest/gtest.h>
-#include <limits>
-#include <random>
+#include <support/Testing.hpp>
 
 namespace {
 
 using namespace Orvix;
-using point = PhysicalSpace::point;
-using vector = PhysicalSpace::vector;
 using Polygon = std::vector<point>;
 
 constexpr double TwoPi = 6.283185307179586;

@@ -1,12 +1,4 @@
-#include <model/orvix/Eigen.hpp>
-
-#include <algorithm>
-#include <array>
-#include <cmath>
-#include <functional>
-#include <gtest/gtest.h>
-#include <random>
-#include <string>
+#include <support/Testing.hpp>
 
 namespace {
 

@@ -1,12 +1,4 @@
-#include <model/orvix/KDTree.hpp>
-#include <model/orvix/PhysicalSpace.hpp>
-
-#include <functional>
-#include <gtest/gtest.h>
-#include <limits>
-#include <memory>
-#include <random>
-#include <string>
+#include <support/Testing.hpp>
 
 namespace {
 
@@ -146,12 +138,12 @@ TEST(OrvixKDTree, AMillionSortedEntriesMakeAListThatStillWorks) {
 TEST(OrvixKDTree, MultimapKeepsTiesInPreOrder) {
     KDTree<3, int> tree;
     // Pre-order: 0, then the first child 2, then the second child 1 with its second child 3.
-    tree.insert(PhysicalSpace::point(0, 0, 0), 0);
-    tree.insert(PhysicalSpace::point(1, 0, 0), 1);
-    tree.insert(PhysicalSpace::point(-1, 0, 0), 2);
-    tree.insert(PhysicalSpace::point(0, 1, 0), 3);
+    tree.insert(point(0, 0, 0), 0);
+    tree.insert(point(1, 0, 0), 1);
+    tree.insert(point(-1, 0, 0), 2);
+    tree.insert(point(0, 1, 0), 3);
     std::multimap<double, int> found{{1.0, 99}};
-    EXPECT_EQ(tree.find_nearest_Manhatten(found, PhysicalSpace::point(), PhysicalSpace::tvector(1, 1, 0)), 4u);
+    EXPECT_EQ(tree.find_nearest_Manhatten(found, point(), PhysicalSpace::tvector(1, 1, 0)), 4u);
     const std::multimap<double, int> expected{{0.0, 0}, {1.0, 99}, {1.0, 2}, {1.0, 1}, {1.0, 3}};
     EXPECT_EQ(found, expected);
     int calls = 0;

@@ -1,15 +1,8 @@
-#include <model/orvix/DomainVector.hpp>
-#include <model/orvix/PhysicalSpace.hpp>
-
-#include <cmath>
-#include <gtest/gtest.h>
-#include <limits>
+#include <support/Testing.hpp>
 
 namespace {
 
 using namespace Orvix;
-using point = PhysicalSpace::point;
-using vector = PhysicalSpace::vector;
 
 template<class A, class B>
 concept Addable = requires(A a, B b) {

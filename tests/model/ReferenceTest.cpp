@@ -1,19 +1,9 @@
-#include <model/hestra/Reference.hpp>
-
-#include <atomic>
-#include <cstdint>
-#include <functional>
-#include <gtest/gtest.h>
-#include <thread>
-#include <type_traits>
-#include <vector>
+#include <support/Testing.hpp>
 
 namespace {
 
 using Hestra::Ref;
 using Hestra::RefPtr;
-using Hestra::StrongPtr;
-using Hestra::WeakPtr;
 
 struct Counted : Hestra::ReferenceBase<Counted> {
     explicit Counted(int v = 0) : value(v) { ++living; }
@@ -45,7 +35,7 @@ static_assert(
     std::is_same_v<StrongPtr<Vantle::MemArray<3, double>>, StrongPtr<Vantle::MemArray<3, double>, Hestra::Cacheable>>);
 static_assert(
     std::is_same_v<StrongPtr<Vantle::CreativeArrayBase>, StrongPtr<Vantle::CreativeArrayBase, Hestra::Creature>>);
-static_assert(std::is_same_v<WeakPtr<Orvix::BoundingBox>, WeakPtr<Orvix::BoundingBox, Hestra::InterfaceBase>>);
+static_assert(std::is_same_v<WeakPtr<BoundingBox>, WeakPtr<BoundingBox, Hestra::InterfaceBase>>);
 static_assert(std::is_same_v<StrongPtr<Vantle::Grid>, StrongPtr<Vantle::Grid, Vantle::Grid>>);
 static_assert(!std::is_convertible_v<Counted*, StrongPtr<Counted>>, "owning a raw pointer is said explicitly");
 
@@ -111,7 +101,7 @@ TEST_F(ReferenceTest, CopiesOfAnObjectStartWithoutHandles) {
 }
 
 TEST_F(ReferenceTest, StackObjectsAndMembersAreNotDeleted) {
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     WeakPtr<Counted> weak;
     {
         Counted onStack(4);
@@ -127,12 +117,12 @@ TEST_F(ReferenceTest, StackObjectsAndMembersAreNotDeleted) {
         { const StrongPtr<Counted> member(&holder->member); }
         EXPECT_EQ(holder->member.value, 7);
     }
-    const std::string reports = testing::internal::GetCapturedStderr();
+    const std::string reports = GetCapturedStderr();
     EXPECT_NE(reports.find("not made with new"), std::string::npos);
 }
 
 TEST_F(ReferenceTest, OwnersThatOutliveAStackObjectExpire) {
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     StrongPtr<Counted> owner;
     {
         Counted onStack;
@@ -140,11 +130,11 @@ TEST_F(ReferenceTest, OwnersThatOutliveAStackObjectExpire) {
     }
     EXPECT_FALSE(owner);
     owner = nullptr;
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("destroyed while 1 owning"), std::string::npos);
+    EXPECT_NE(GetCapturedStderr().find("destroyed while 1 owning"), std::string::npos);
 }
 
 TEST_F(ReferenceTest, FactoriesConvertToHandles) {
-    const Ref<Derived> made = Hestra::makeRef<Derived>(9);
+    const Ref<Derived> made = makeRef<Derived>(9);
     const StrongPtr<Counted> asBase = made;
     const RefPtr<Counted> maybe = made;
     const RefPtr<Counted> none;
@@ -152,8 +142,8 @@ TEST_F(ReferenceTest, FactoriesConvertToHandles) {
     EXPECT_EQ(made->strongCount(), 3);
     EXPECT_TRUE(maybe);
     EXPECT_FALSE(none);
-    EXPECT_TRUE(Hestra::dynamicCast<Derived>(asBase));
-    EXPECT_FALSE(Hestra::dynamicCast<Derived>(StrongPtr<Counted>(new Counted)));
+    EXPECT_TRUE(dynamicCast<Derived>(asBase));
+    EXPECT_FALSE(dynamicCast<Derived>(StrongPtr<Counted>(new Counted)));
 }
 
 TEST_F(ReferenceTest, EveryHandleTakesANumber) {
@@ -172,11 +162,11 @@ TEST_F(ReferenceTest, AThrowingConstructorLeavesNothingBehind) {
     struct Thrower : Counted {
         Thrower() { throw 1; }
     };
-    EXPECT_THROW((void)Hestra::makeRef<Thrower>(), int);
+    EXPECT_THROW((void)makeRef<Thrower>(), int);
     Counted onStack;
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     { const StrongPtr<Counted> owner(&onStack); }
-    EXPECT_FALSE(testing::internal::GetCapturedStderr().empty()) << "the stack object passes for one made with new";
+    EXPECT_FALSE(GetCapturedStderr().empty()) << "the stack object passes for one made with new";
 }
 
 TEST_F(ReferenceTest, ObjectsMadeWithNewAreAlignedAndKnownHoweverDeepTheyNest) {
@@ -184,7 +174,7 @@ TEST_F(ReferenceTest, ObjectsMadeWithNewAreAlignedAndKnownHoweverDeepTheyNest) {
         explicit Wide(Counted* i = nullptr) : inner(i) {}
         StrongPtr<Counted> inner;
     };
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     {
         // Memory is taken before the argument of the constructor is evaluated.
         const std::function<Wide*(int)> nest = [&](int depth) { return new Wide(depth ? nest(depth - 1) : nullptr); };
@@ -193,7 +183,7 @@ TEST_F(ReferenceTest, ObjectsMadeWithNewAreAlignedAndKnownHoweverDeepTheyNest) {
         for (const Wide* at = outermost.rawptr(); at; at = dynamic_cast<const Wide*>(at->inner.rawptr()))
             EXPECT_EQ(reinterpret_cast<std::uintptr_t>(at) % alignof(Wide), 0u);
     }
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "taken for an object that was not made with new";
+    EXPECT_EQ(GetCapturedStderr(), "") << "taken for an object that was not made with new";
 }
 
 TEST_F(ReferenceTest, OwnersThatAreNoHandlesCountLikeHandles) {
@@ -211,24 +201,24 @@ TEST_F(ReferenceTest, MisuseIsReportedAndDoesNoHarm) {
     const StrongPtr<Counted> none;
     WeakPtr<Counted> expired;
     { expired = StrongPtr<Counted>(new Counted); }
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     none.ref();
     none.unref();
     none.wunref();
-    std::string reports = testing::internal::GetCapturedStderr();
+    std::string reports = GetCapturedStderr();
     EXPECT_NE(reports.find("has no record"), std::string::npos);
     EXPECT_NE(reports.find("number " + std::to_string(none.pointerID())), std::string::npos);
 
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     expired.ref();
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("does not point at an object"), std::string::npos);
+    EXPECT_NE(GetCapturedStderr().find("does not point at an object"), std::string::npos);
     EXPECT_FALSE(expired.lock());
 
     alignas(StrongPtr<Counted>) unsigned char room[sizeof(StrongPtr<Counted>)] = {};
     auto* const place = reinterpret_cast<StrongPtr<Counted>*>(room);
-    testing::internal::CaptureStderr();
+    CaptureStderr();
     const auto* const made = new (place) StrongPtr<Counted>(*place);
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("constructed from itself"), std::string::npos);
+    EXPECT_NE(GetCapturedStderr().find("constructed from itself"), std::string::npos);
     EXPECT_FALSE(*made);
 }
 

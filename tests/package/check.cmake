@@ -51,6 +51,7 @@ elseif(STEP STREQUAL "find_package")
   # What there is not is no fault where it is optional; else it is named.
   set(again "${CMAKE_COMMAND}" -S "${consumer}" -B "${build}")
   run(${again} -DOPTIONAL=Bogus)
+  run(${again} -DOPTIONAL=VTK) # with what it needs, if that part was built
   execute_process(COMMAND ${again} -DOPTIONAL= -DREQUIRED=Bogus RESULT_VARIABLE result ERROR_VARIABLE text OUTPUT_QUIET)
   string(REGEX REPLACE "[ \n]+" " " text "${text}")
   if(result EQUAL 0 OR NOT text MATCHES "Vantle has no component 'Bogus'; its components are Model, BaseOp and DataSet")
@@ -83,6 +84,11 @@ elseif(STEP STREQUAL "pkg_config")
       message(FATAL_ERROR "${header} in C++17: ${text}")
     endif()
   endforeach()
+
+elseif(STEP STREQUAL "python")
+  # The module and its libraries are those that were installed, and moved.
+  set(ENV{PYTHONPATH} "${prefix}/${MODULES}")
+  run("${PYTHON}" "${CMAKE_CURRENT_LIST_DIR}/session.py" "${prefix}")
 
 else()
   message(FATAL_ERROR "unknown step '${STEP}'")

@@ -284,7 +284,7 @@ TEST_P(ParallelDataSetTest, GivesTheBitsOfOneProcess) {
 
     const Vantle::MultiIndex<3> size(19, 17, 9);
     const DataSet image = one.resample(size, expected, {"wave", "velocity"});
-    const auto onRoot = many.resample(size, expected, {"wave", "velocity"}, 0);
+    const auto onRoot = many.resample(size, expected, {"wave", "velocity", "magnitude(velocity)"}, 0);
     const auto slab = many.resample(size, expected, {"wave", "velocity"});
     EXPECT_EQ(onRoot.layers, rankOfWorld() == 0 ? size[2] : 0);
     const auto whole = Hestra::dynamicCast<MemArray<3, double>>(image.array("wave", "image"));
@@ -357,7 +357,7 @@ TEST(ParallelFailureTest, IsThatOfAllRanksWhichCanGoOn) {
         mine.setField("broken", [](const Point&) { return 1.0; });
     const ParallelDataSet partly(MPI_COMM_WORLD, mine);
     for (int again = 0; again < 2; ++again)
-        EXPECT_ERROR(who + ": range of field \"broken\": field \"broken\": block \"brick " + std::to_string(last),
+        EXPECT_ERROR("block \"brick " + std::to_string(last) + "\": the data cannot be made",
                      (void)partly.range("broken"));
     const std::vector<Point> centre{{0.5, 0.5, 0.5}};
     const auto located = partly.locate(centre);

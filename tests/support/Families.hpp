@@ -208,6 +208,7 @@ struct Kind {
     const char* name;
     void (*compute)(Answer&, World&);
 };
+inline void PrintTo(const Kind& kind, std::ostream* to) { *to << kind.name; }
 
 /// What is kept and follows changes of positions and values.
 inline const Kind kKinds[] = {

@@ -6,16 +6,24 @@
 
 namespace support {
 
-/// Calls `check` with teams of 1 to `most` threads, and then restores what the caller of this program has chosen.
+/// Teams of so many threads while it lives.
+class ThreadCount {
+public:
+    explicit ThreadCount(int threads) { omp_set_num_threads(threads); }
+    ~ThreadCount() { omp_set_num_threads(myBefore); }
+
+private:
+    int myBefore = omp_get_max_threads();
+};
+
+/// Calls `check` with teams of 1 to `most` threads.
 template<class Check>
 void forTeamsUpTo(int most, const Check& check) {
-    const int chosen = omp_get_max_threads();
     for (int threads = 1; threads <= most && !testing::Test::HasFatalFailure(); ++threads) {
         SCOPED_TRACE(testing::Message() << threads << " threads");
-        omp_set_num_threads(threads);
+        const ThreadCount count(threads);
         check();
     }
-    omp_set_num_threads(chosen);
 }
 
 } // namespace support

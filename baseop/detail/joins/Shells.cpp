@@ -113,6 +113,7 @@ Shells::Shells(const Field& positions, const Blanking& blanking, bool needsSizes
     firstVertex.push_back(0);
     positions.iterate([&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
         FragmentCoordinates coordinates(creator);
+        isComplete = isComplete && (coordinates.data || !creator);
         const MultiIndex<3> size = extentsOf(coordinates);
         const auto block = static_cast<std::uint32_t>(ids.size());
         ids.push_back(id);

@@ -114,6 +114,7 @@ struct Shells {
     std::vector<Point> points;
     std::vector<double> localSizes;      ///< of each vertex the shortest edge of its cells, if they were asked for
     std::vector<std::uint32_t> vertexOf; ///< of each slot
+    bool isComplete = true;              ///< none has a creator that could not make its positions
     std::vector<bool> isBlanked;         ///< of each quad, by the slot of its lowest vertex; empty when none is
 
 private:

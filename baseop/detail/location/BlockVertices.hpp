@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <limits>
+#include <vector>
 
 #if defined(__SSE2__)
 #    include <emmintrin.h>
@@ -96,6 +97,16 @@ public:
             for (index_t y = j; y < std::min(j + 3, mySize[1]); ++y) __builtin_prefetch(address(i, y, z) + middle);
 #endif
     }
+    /// Sends for the corners of a cell.
+    void prefetchCell([[maybe_unused]] const double* lowest) const noexcept {
+#if defined(__GNUC__)
+        if (!myIsLarge) return;
+        for (int row = 0; row < 8; row += 2) {
+            __builtin_prefetch(corner(lowest, row));
+            __builtin_prefetch(corner(lowest, row + 1) + 2);
+        }
+#endif
+    }
     /// The extremes of all coordinates that are numbers; false if some are not.
     bool findExtremes(Orvix::PhysicalSpace::point& lowest, Orvix::PhysicalSpace::point& highest) const noexcept {
         constexpr double infinite = std::numeric_limits<double>::infinity();
@@ -115,25 +126,21 @@ public:
         highest = point(high);
         return check[0] + check[1] + check[2] == 0.0;
     }
-    /// Of one coordinate of the four vertices at each i of the cells (0, j, k), (1, j, k) ...: the sum, and the
-    /// differences along j and along k, each an array after the other; `Both` adds that along both.
-    template<bool Both>
-    void sumAcrossRow(index_t j, index_t k, int axis, double* sum) const noexcept {
+    /// The rows of vertices around the cells (0, j, k), (1, j, k) ..., without gaps: copied into `room` if they have
+    /// any.
+    struct Rows {
+        const double* of[4];
+    };
+    [[nodiscard]] Rows rowsAround(index_t j, index_t k, std::vector<double>& room) const {
+        Rows rows{{address(0, j, k), address(0, j + 1, k), address(0, j, k + 1), address(0, j + 1, k + 1)}};
+        if (contiguous()) return rows;
         const auto n = static_cast<std::size_t>(mySize[0]);
-        double* const alongJ = sum + n;
-        double* const alongK = sum + 2 * n;
-        const double* const p00 = address(0, j, k) + axis;
-        const double* const p10 = address(0, j + 1, k) + axis;
-        const double* const p01 = address(0, j, k + 1) + axis;
-        const double* const p11 = address(0, j + 1, k + 1) + axis;
-        for (std::size_t i = 0; i < n; ++i) {
-            const std::size_t at = i * myStep[0];
-            const double a = p00[at], b = p10[at], c = p01[at], e = p11[at];
-            sum[i] = (a + b) + (c + e);
-            alongJ[i] = (b - a) + (e - c);
-            alongK[i] = (c - a) + (e - b);
-            if constexpr (Both) sum[3 * n + i] = (e - c) - (b - a);
+        room.resize(12 * n);
+        for (std::size_t r = 0; r < 4; ++r) {
+            for (std::size_t i = 0; i < n; ++i) std::copy_n(rows.of[r] + i * myStep[0], 3, &room[3 * (r * n + i)]);
+            rows.of[r] = &room[3 * r * n];
         }
+        return rows;
     }
     [[nodiscard]] static Orvix::PhysicalSpace::point point(const double* at) noexcept { return {at[0], at[1], at[2]}; }
 

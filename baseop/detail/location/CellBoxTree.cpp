@@ -1,7 +1,10 @@
 #include <baseop/detail/location/CellBoxTree.hpp>
 #include <model/hestra/Chunk.hpp>
+#include <model/hestra/Pulse.hpp>
 
+#include <atomic>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <omp.h>
 #include <stdexcept>
@@ -154,43 +157,49 @@ void CellBoxTree::Members::assignTo(Bottom& group, const float (&low)[3], const 
         }
     }
 
-    // All boxes in the frame, relative to the reference. Four lanes, of which the last is idle.
-    float map[3][4] = {}, absolute[3][4] = {}, least3[4] = {}, margin[4] = {};
-    for (int d = 0; d < 3; ++d)
-        for (int v = 0; v < 3; ++v) {
-            map[d][v] = static_cast<float>(toFrame[v][d]);
-            absolute[d][v] = std::fabs(map[d][v]);
-            least3[v] += absolute[d][v] * least[d];
-            margin[v] += absolute[d][v] * (ProductRounding * (high[d] - low[d]) +
-                                           PositionRounding * std::max(std::fabs(low[d]), std::fabs(high[d])));
+    // All boxes in the frame, relative to the reference: those of all cells at once.
+    float c[3][Bottom::Members], s[3][Bottom::Members], e[Edges][3][Bottom::Members];
+    bool isThere[Bottom::Members];
+    for (int r = 0; r < 4; ++r) {
+        const auto take = [&](float(&to)[Bottom::Members], const float* row) {
+            std::memcpy(&to[2 * r], row + first, 2 * sizeof(float));
+        };
+        for (int d = 0; d < 3; ++d) {
+            take(c[d], rows[r].centre[d]);
+            take(s[d], rows[r].slack[d]);
+            for (int g = 0; g < Edges; ++g) take(e[g][d], rows[r].edge[g][d]);
         }
-    float from[Bottom::Members][4], to[Bottom::Members][4];
+    }
+    for (int m = 0; m < Bottom::Members; ++m) isThere[m] = c[0][m] == c[0][m];
+    float from[3][Bottom::Members], to[3][Bottom::Members], lowest[3], highest[3];
     bool areNumbers = true;
-    float lowest[4] = {infinite, infinite, infinite, infinite};
-    float highest[4] = {-infinite, -infinite, -infinite, -infinite};
-    for (int m = 0; m < Bottom::Members; ++m) {
-        if (!exists(m)) continue;
-        const Row& row = rows[m >> 1];
-        const std::size_t i = at(m);
-        const float c[3] = {row.centre[0][i] - reference[0], row.centre[1][i] - reference[1],
-                            row.centre[2][i] - reference[2]};
-        const float s[3] = {row.slack[0][i], row.slack[1][i], row.slack[2][i]};
-        float centre[4], half[4] = {}, slack[4];
-        for (int v = 0; v < 4; ++v) {
-            centre[v] = map[0][v] * c[0] + map[1][v] * c[1] + map[2][v] * c[2];
-            slack[v] = margin[v] + (absolute[0][v] * s[0] + absolute[1][v] * s[1] + absolute[2][v] * s[2]);
+    for (int v = 0; v < 3; ++v) {
+        float map[3], absolute[3], least1 = 0.0F, margin = 0.0F;
+        for (int d = 0; d < 3; ++d) {
+            map[d] = static_cast<float>(toFrame[v][d]);
+            absolute[d] = std::fabs(map[d]);
+            least1 += absolute[d] * least[d];
+            margin += absolute[d] * (ProductRounding * (high[d] - low[d]) +
+                                     PositionRounding * std::max(std::fabs(low[d]), std::fabs(high[d])));
         }
-        for (int g = 0; g < Edges; ++g) {
-            const float e[3] = {row.edge[g][0][i], row.edge[g][1][i], row.edge[g][2][i]};
-            for (int v = 0; v < 4; ++v) half[v] += std::fabs(map[0][v] * e[0] + map[1][v] * e[1] + map[2][v] * e[2]);
+        float half[Bottom::Members] = {};
+        for (int g = 0; g < Edges; ++g)
+            for (int m = 0; m < Bottom::Members; ++m)
+                half[m] += std::fabs(map[0] * e[g][0][m] + map[1] * e[g][1][m] + map[2] * e[g][2][m]);
+        for (int m = 0; m < Bottom::Members; ++m) {
+            const float centre = map[0] * (c[0][m] - reference[0]) + map[1] * (c[1][m] - reference[1]) +
+                                 map[2] * (c[2][m] - reference[2]);
+            const float slack = margin + (absolute[0] * s[0][m] + absolute[1] * s[1][m] + absolute[2] * s[2][m]);
+            const float width = (half[m] < least1 ? least1 : half[m]) + slack;
+            from[v][m] = centre - width;
+            to[v][m] = centre + width;
         }
-        for (int v = 0; v < 4; ++v) {
-            half[v] = std::max(half[v], least3[v]) + slack[v];
-            from[m][v] = centre[v] - half[v];
-            to[m][v] = centre[v] + half[v];
-            lowest[v] = std::min(lowest[v], from[m][v]);
-            highest[v] = std::max(highest[v], to[m][v]);
-            areNumbers &= from[m][v] == from[m][v] && to[m][v] == to[m][v];
+        lowest[v] = infinite;
+        highest[v] = -infinite;
+        for (int m = 0; m < Bottom::Members; ++m) {
+            lowest[v] = isThere[m] ? std::min(lowest[v], from[v][m]) : lowest[v];
+            highest[v] = isThere[m] ? std::max(highest[v], to[v][m]) : highest[v];
+            areNumbers &= (!isThere[m]) | ((from[v][m] == from[v][m]) & (to[v][m] == to[v][m]));
         }
     }
 
@@ -226,23 +235,26 @@ void CellBoxTree::Members::assignTo(Bottom& group, const float (&low)[3], const 
             group.origin[d] = 0.0F;
             for (int v = 0; v < 3; ++v) group.column[d][v] = 0.0F;
             for (int m = 0; m < Bottom::Members; ++m) {
-                group.bounds[d][0][m] = exists(m) ? 0 : 255;
-                group.bounds[d][1][m] = exists(m) ? 255 : 0;
+                group.bounds[d][0][m] = isThere[m] ? 0 : 255;
+                group.bounds[d][1][m] = isThere[m] ? 255 : 0;
             }
         }
         return;
     }
     for (int v = 0; v < 3; ++v) {
         const auto scale = static_cast<float>(perUnit[v]), offset = static_cast<float>(shift[v]);
-        const auto quantize = [&](float x, float widening) {
-            const float steps = (x - offset) * scale + widening;
-            return static_cast<std::uint8_t>(static_cast<int>(std::min(std::max(0.0F, steps), 255.0F)));
-        };
         constexpr float Widening = 0.05F;
+        int steps[2][Bottom::Members];
         for (int m = 0; m < Bottom::Members; ++m) {
-            group.bounds[v][0][m] = exists(m) ? quantize(from[m][v], -Widening) : 255;
-            group.bounds[v][1][m] = exists(m) ? quantize(to[m][v], Widening) : 0;
+            const float lower = (from[v][m] - offset) * scale - Widening,
+                        upper = (to[v][m] - offset) * scale + Widening;
+            // Cells that are not there may have any numbers, or none.
+            steps[0][m] = static_cast<int>(isThere[m] ? std::min(lower > 0.0F ? lower : 0.0F, 255.0F) : 255.0F);
+            steps[1][m] = static_cast<int>(isThere[m] ? std::min(upper > 0.0F ? upper : 0.0F, 255.0F) : 0.0F);
         }
+        for (int bound = 0; bound < 2; ++bound)
+            for (int m = 0; m < Bottom::Members; ++m)
+                group.bounds[v][bound][m] = static_cast<std::uint8_t>(steps[bound][m]);
     }
 }
 
@@ -260,13 +272,13 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
     std::vector<Worker> workers(static_cast<std::size_t>(std::max(omp_get_max_threads(), 1)));
     for (Worker& worker : workers) {
         worker.shapes = shapes.clone();
-        worker.memory.resize(4 * width * Arrays);
+        worker.memory.resize(4 * roomFor(width) * Arrays);
         worker.bounds.resize(2 * width); // low and high ones of one axis
         float* next = worker.memory.data();
         const auto take = [&](float*(&vector)[3]) {
             for (float*& component : vector) {
                 component = next;
-                next += width;
+                next += roomFor(width);
             }
         };
         for (Row& row : worker.rows) {
@@ -280,8 +292,16 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
         least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
 
     const auto planes = static_cast<std::ptrdiff_t>(bottom.size[2]);
+    std::atomic<bool> isEnded{false};
 #pragma omp parallel for schedule(dynamic) num_threads(static_cast <int>(workers.size()))
     for (std::ptrdiff_t plane = 0; plane < planes; ++plane) {
+        if (isEnded.load(std::memory_order_relaxed)) continue;
+        try {
+            Hestra::Pulse::beat(static_cast<double>(plane) / static_cast<double>(planes));
+        } catch (const Hestra::Interruption&) { // which may not leave the region
+            isEnded = true;
+            continue;
+        }
         Worker& worker = workers[static_cast<std::size_t>(omp_get_thread_num())];
         const auto z = static_cast<std::size_t>(plane);
         for (std::size_t y = 0; y < bottom.size[1]; ++y) {
@@ -326,6 +346,7 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
             }
         }
     }
+    if (isEnded) throw Hestra::Interruption();
 }
 
 void CellBoxTree::buildUpper(LevelBoxes& boxes) {
@@ -414,45 +435,102 @@ bool CellBoxTree::gather(Surroundings& surroundings, std::span<const point> poin
     return isAll;
 }
 
-bool CellBoxTree::match(std::span<const point> points, Matches& matches) const {
+/// Which points are to be looked for in which groups, in the order of the points.
+struct CellBoxTree::Pairs {
+    static constexpr std::size_t Capacity = 512;
+    struct Pair {
+        std::uint32_t point;
+        Place lowestCell;
+        const Bottom* group;
+    };
+    Pair all[Capacity];
+    std::size_t count = 0;
+};
+
+bool CellBoxTree::pairNeighbours(std::span<const point> points, const float (*x)[4], Pairs& pairs) const {
     Surroundings surroundings;
     if (!gather(surroundings, points)) return false;
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        if (pairs.count + Surroundings::Capacity + 2 > Pairs::Capacity) return false;
+        auto mask = surroundings.myBoxes.membersIn(x[n], x[n], surroundings.myCount);
+        // Mostly there are one or two: both are written anyhow, and counted if they are there.
+        do {
+            for (int g = 0; g < 2; ++g) {
+                const auto& entry = surroundings.myGroups[std::countr_zero(mask) % Surroundings::Capacity];
+                pairs.all[pairs.count] = {static_cast<std::uint32_t>(n), entry.lowestCell, entry.group};
+                pairs.count += mask != 0 ? 1 : 0;
+                mask &= mask - 1;
+            }
+        } while (mask);
+    }
+    return true;
+}
+
+bool CellBoxTree::pairScattered(std::size_t count, const float (*x)[4], Pairs& pairs) const {
+    // All points go down together, so that what each needs next is on its way while the others are looked at.
+    struct Visit {
+        std::uint32_t point;
+        Place place;
+    };
+    Visit visits[2][Pairs::Capacity];
+    Visit* now = visits[0];
+    Visit* below = visits[1];
+    for (std::size_t n = 0; n < count; ++n) now[n] = {static_cast<std::uint32_t>(n), {{0, 0, 0}}};
+    for (int level = myTop; level > 0; --level) {
+        std::size_t found = 0;
+        for (std::size_t v = 0; v < count; ++v) {
+            const auto& at = x[now[v].point];
+            for (auto mask = membersIn(level, now[v].place, at, at); mask; mask &= mask - 1) {
+                if (found == Pairs::Capacity) return false;
+                below[found] = {now[v].point, now[v].place.template member<4>(std::countr_zero(mask))};
+                prefetch(level - 1, below[found++].place);
+            }
+        }
+        std::swap(now, below);
+        count = found;
+    }
+    for (std::size_t v = 0; v < count; ++v)
+        pairs.all[v] = {now[v].point, now[v].place.template member<2>(0), &myBottom[number(0, now[v].place)]};
+    pairs.count = count;
+    return true;
+}
+
+bool CellBoxTree::areNear(const float (*x)[4], std::size_t count) const noexcept {
+    // Groups are about as large as if they were spread evenly.
+    float groups = static_cast<float>(myLevels[0].total());
+    for (int d = 0; d < 3; ++d) {
+        float low = x[0][d], high = low;
+        for (std::size_t n = 1; n < count; ++n) {
+            low = std::min(low, x[n][d]);
+            high = std::max(high, x[n][d]);
+        }
+        groups *= high - low;
+    }
+    return groups < static_cast<float>(4 * Surroundings::Capacity);
+}
+
+bool CellBoxTree::match(std::span<const point> points, Matches& matches) const {
+    if (myTop < 0) return false;
     float x[Matches::MaximalPoints][4];
     for (std::size_t n = 0; n < points.size(); ++n) {
         for (int d = 0; d < 3; ++d) x[n][d] = toFloat(points[n][d], d);
         x[n][3] = 0.0F;
     }
-    struct Pair {
-        std::uint16_t point, group;
-    };
-    constexpr std::size_t MaximalPairs = 512;
-    Pair pairs[MaximalPairs];
-    std::size_t pairCount = 0;
-    for (std::size_t n = 0; n < points.size(); ++n) {
-        if (pairCount + Surroundings::Capacity + 2 > MaximalPairs) return false;
-        auto mask = surroundings.myBoxes.membersIn(x[n], x[n], surroundings.myCount);
-        // Mostly there are one or two: both are written anyhow, and counted if they are there.
-        do {
-            for (int g = 0; g < 2; ++g) {
-                pairs[pairCount] = {static_cast<std::uint16_t>(n), static_cast<std::uint16_t>(std::countr_zero(mask))};
-                pairCount += mask != 0 ? 1 : 0;
-                mask &= mask - 1;
-            }
-        } while (mask);
-    }
+    Pairs pairs;
+    matches.myAreScattered = !areNear(x, points.size()) || !pairNeighbours(points, x, pairs);
+    if (matches.myAreScattered && !pairScattered(points.size(), x, pairs)) return false;
 
-    unsigned char cells[MaximalPairs];
-    for (std::size_t p = 0; p < pairCount; ++p)
-        cells[p] =
-            static_cast<unsigned char>(surroundings.myGroups[pairs[p].group].group->membersAt(x[pairs[p].point]));
+    unsigned char cells[Pairs::Capacity];
+    for (std::size_t p = 0; p < pairs.count; ++p)
+        cells[p] = static_cast<unsigned char>(pairs.all[p].group->membersAt(x[pairs.all[p].point]));
 
     std::size_t count = 0, pair = 0;
     for (std::size_t n = 0; n < points.size(); ++n) {
         const std::size_t first = count;
         matches.myFirst[n] = static_cast<std::uint16_t>(count);
-        for (; pair < pairCount && pairs[pair].point == n; ++pair) {
+        for (; pair < pairs.count && pairs.all[pair].point == n; ++pair) {
             if (count + Bottom::Members > Matches::Capacity) return false;
-            const Place& lowest = surroundings.myGroups[pairs[pair].group].lowestCell;
+            const Place& lowest = pairs.all[pair].lowestCell;
             // Mostly there is one or none: written anyhow, and counted if it is there.
             unsigned mask = cells[pair];
             do {

@@ -42,8 +42,17 @@ class CellBoxTree {
 public:
     using point = Orvix::PhysicalSpace::point;
 
+    /// Rows may be read and written in vectors of up to so many numbers.
+    static constexpr std::size_t RowLanes = 8;
+    /// The room that `count` numbers need, and one more behind them, when they are.
+    [[nodiscard]] static constexpr std::size_t roomFor(std::size_t count) noexcept {
+        return (count + 2 * RowLanes - 1) / RowLanes * RowLanes;
+    }
+    /// Whatever is farther away counts as so far: all bounds are numbers.
+    static constexpr double Farthest = 1e30;
+
     /// The sets of the cells of one row: centre + sum over g of t_g edge_g, |t_g| <= 1, widened by `slack` along each
-    /// axis; all relative to the tree's scale. A centre of NaN makes an empty set.
+    /// axis; all relative to the tree's scale. A centre of NaN makes an empty set. There is `roomFor` them.
     struct Row {
         static constexpr int MaximalEdges = 7;
         float* centre[3];
@@ -83,6 +92,8 @@ public:
         const double scaled = (x - myOrigin[axis]) * myScale[axis];
         return static_cast<float>(std::min(std::max(scaled, -Farthest), Farthest));
     }
+    /// The world coordinate that it sees as 0.
+    [[nodiscard]] double origin(int axis) const noexcept { return myOrigin[axis]; }
     /// Factor from world lengths to those of the tree.
     [[nodiscard]] double scale(int axis) const noexcept { return myScale[axis]; }
 
@@ -98,9 +109,6 @@ public:
     void forEachGroupAt(const point& P, F&& f) const;
 
 private:
-    /// Whatever is farther away counts as so far: all bounds are numbers.
-    static constexpr double Farthest = 1e30;
-
     /// Boxes by axis, of which those with bounds the wrong way round are empty.
     template<std::size_t N>
     struct Boxes {
@@ -197,11 +205,14 @@ public:
         }
         /// Those of all points, one after the other.
         [[nodiscard]] std::span<const Cell> all() const noexcept { return {myCells, myCount}; }
+        /// Whether the points were far from each other, and so are the cells in memory.
+        [[nodiscard]] bool areScattered() const noexcept { return myAreScattered; }
         static constexpr std::size_t Capacity = 256;
 
     private:
         friend class CellBoxTree;
         std::size_t myCount = 0;
+        bool myAreScattered = false;
         std::uint16_t myFirst[MaximalPoints + 1];
         Cell myCells[Capacity];
     };
@@ -211,7 +222,9 @@ public:
     /// Finds the cells for up to `MaximalPoints` such points; false when there are too many. Each stage is done for all
     /// points before the next, since searches one by one spend their time waiting for their own results.
     [[nodiscard]] bool match(std::span<const point> points, Matches& matches) const;
-    /// As `forEachGroupAt`, for points that the surroundings were gathered for.
+    /// As `forEachAt` and `forEachGroupAt`, for points in the box that the surroundings were gathered for.
+    template<class F>
+    void forEachAt(const Surroundings& surroundings, const point& P, F&& f) const;
     template<class F>
     void forEachGroupAt(const Surroundings& surroundings, const point& P, F&& f) const;
 
@@ -255,6 +268,10 @@ private:
     /// The same below a group of level `top`, or for that group itself.
     template<class F>
     bool forEachGroupBelow(int top, const Place& start, const float (&low)[4], const float (&high)[4], F& f) const;
+    struct Pairs;
+    [[nodiscard]] bool areNear(const float (*x)[4], std::size_t count) const noexcept;
+    [[nodiscard]] bool pairNeighbours(std::span<const point> points, const float (*x)[4], Pairs& pairs) const;
+    [[nodiscard]] bool pairScattered(std::size_t count, const float (*x)[4], Pairs& pairs) const;
     struct LevelBoxes;
     template<int Edges>
     void buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& boxes);
@@ -441,6 +458,16 @@ void CellBoxTree::forEachGroupAt(const point& P, F&& f) const {
         f(2 * place.at[0], 2 * place.at[1], 2 * place.at[2]);
         return true;
     });
+}
+
+template<class F>
+void CellBoxTree::forEachAt(const Surroundings& surroundings, const point& P, F&& f) const {
+    const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
+    if (surroundings.empty()) return;
+    for (auto mask = surroundings.myBoxes.membersIn(x, x, surroundings.myCount); mask; mask &= mask - 1) {
+        const Surroundings::Entry& entry = surroundings.myGroups[std::countr_zero(mask)];
+        visit(*entry.group, entry.lowestCell, x, f);
+    }
 }
 
 template<class F>

@@ -1,4 +1,5 @@
 #include <baseop/detail/location/LinearReach.hpp>
+#include <baseop/detail/location/RowKernels.hpp>
 #include <model/orvix/CellMap.hpp>
 
 #include <cmath>
@@ -25,69 +26,30 @@ constexpr double SmallestDeterminant = 2.0 * Orvix::DegenerateDeterminant;
 LinearReach::LinearReach(const BlockVertices& vertices, const CellBoxTree& tree, Effect effect,
                          const LinearReachParameters& parameters)
     : myVertices(vertices), myTree(&tree), myEffect(effect), myParameters(parameters),
-      myRounding(PositionRounding * parameters.farthest), mySums(static_cast<std::size_t>(vertices.size()[0]) * 9),
-      myIsTrusted(static_cast<std::size_t>(vertices.cells()[0])) {}
+      myRounding(PositionRounding * parameters.farthest), myPitch(CellBoxTree::roomFor(vertices.size()[0])),
+      mySums(9 * myPitch), myTrusted(myPitch) {}
 
 void LinearReach::fill(std::size_t j, std::size_t k, const CellBoxTree::Row& row) {
-    const auto n = static_cast<std::size_t>(myVertices.size()[0]);
-    // Over the four vertices at each i: their sum, and the differences along j and k.
-    double* const sums = mySums.data();
-    for (int d = 0; d < 3; ++d) myVertices.sumAcrossRow<false>(j, k, d, sums + static_cast<std::size_t>(3 * d) * n);
-
     const bool isNearMiss = myEffect == Effect::NearMiss;
     constexpr double RimMargin = 1e-3;
-    const double inside = isNearMiss ? 1.5 : 0.5, atEnd = isNearMiss ? 0.5 + Rim + RimMargin : 0.5;
-    const double endJ = j + 1 < static_cast<std::size_t>(myVertices.cells()[1]) ? inside : atEnd;
-    const double endK = k + 1 < static_cast<std::size_t>(myVertices.cells()[2]) ? inside : atEnd;
-    unsigned char areTrusted = 1;
-    for (std::size_t i = 0; i + 1 < n; ++i) {
-        double x[3], a[3], b[3], c[3];
-        for (std::size_t d = 0; d < 3; ++d) {
-            const double* const sum = sums + (3 * d) * n + i;
-            x[d] = (sum[0] + sum[1]) * 0.125;
-            a[d] = (sum[1] - sum[0]) * 0.25;
-            b[d] = (sum[n] + sum[n + 1]) * 0.25;
-            c[d] = (sum[2 * n] + sum[2 * n + 1]) * 0.25;
-        }
-        const double det = a[0] * (b[1] * c[2] - b[2] * c[1]) + a[1] * (b[2] * c[0] - b[0] * c[2]) +
-                           a[2] * (b[0] * c[1] - b[1] * c[0]);
-        const double aa = a[0] * a[0] + a[1] * a[1] + a[2] * a[2];
-        const double bb = b[0] * b[0] + b[1] * b[1] + b[2] * b[2];
-        const double cc = c[0] * c[0] + c[1] * c[1] + c[2] * c[2];
-        const double product = aa * bb * cc, squared = det * det;
-        const double shortest = std::min(std::min(aa, bb), cc);
-        const double derivative = DerivativeRounding * myParameters.farthest;
-        const bool isTrusted = (squared >= SmallestDeterminant * SmallestDeterminant) & (product < 1e300) &
-                               (product <= MaximalSkewness * MaximalSkewness * squared) &
-                               (100.0 * derivative * derivative * product <= shortest * squared);
-        myIsTrusted[i] = isTrusted;
-        areTrusted &= myIsTrusted[i];
-
-        double largest = 0.0;
-        for (std::size_t d = 0; d < 3; ++d)
-            largest = std::max(largest, std::fabs(a[d]) + std::fabs(b[d]) + std::fabs(c[d]));
-        const double slack = RelativeSlack * 4.0 * largest + myRounding;
-        // From -1/2 to where near misses end, or the cell does.
-        const double end[3] = {i + 2 < n ? inside : atEnd, endJ, endK};
-        double half[3];
-        for (std::size_t axis = 0; axis < 3; ++axis) half[axis] = 0.5 * end[axis] + 0.25;
-        for (int d = 0; d < 3; ++d) {
-            const double scale = myTree->scale(d);
-            row.centre[d][i] =
-                myTree->toFloat(x[d] + ((half[0] - 0.5) * a[d] + (half[1] - 0.5) * b[d] + (half[2] - 0.5) * c[d]), d);
-            row.edge[0][d][i] = static_cast<float>(half[0] * scale * a[d]);
-            row.edge[1][d][i] = static_cast<float>(half[1] * scale * b[d]);
-            row.edge[2][d][i] = static_cast<float>(half[2] * scale * c[d]);
-            row.slack[d][i] = static_cast<float>(scale * slack);
-        }
-    }
-    if (isNearMiss && j == 0 && k == 0) {
-        myIsTrusted[0] = 0;
-        areTrusted = 0;
-    }
-    if (areTrusted) return;
-    for (std::size_t i = 0; i + 1 < n; ++i)
-        if (!myIsTrusted[i]) fillFromUnicells(i, j, k, row);
+    const double inside = isNearMiss ? 1.5 : 0.5, last = isNearMiss ? 0.5 + Rim + RimMargin : 0.5;
+    const double derivative = DerivativeRounding * myParameters.farthest;
+    const auto cells = static_cast<std::size_t>(myVertices.cells()[0]);
+    const LinearRow about{cells,
+                          inside,
+                          last,
+                          j + 1 < static_cast<std::size_t>(myVertices.cells()[1]) ? inside : last,
+                          k + 1 < static_cast<std::size_t>(myVertices.cells()[2]) ? inside : last,
+                          SmallestDeterminant * SmallestDeterminant,
+                          MaximalSkewness * MaximalSkewness,
+                          100.0 * derivative * derivative,
+                          RelativeSlack * 4.0,
+                          myRounding};
+    const RowSums sums = sumAcrossRow<false>(myVertices.rowsAround(j, k, myRows).of, cells + 1, mySums.data(), myPitch);
+    fillReach(sums, about, *myTree, row, myTrusted.data());
+    if (isNearMiss && j == 0 && k == 0) myTrusted[0] = 0.0F;
+    for (std::size_t i = 0; i < cells; ++i)
+        if (myTrusted[i] == 0.0F) fillFromUnicells(i, j, k, row);
 }
 
 void LinearReach::fillFromUnicells(std::size_t i, std::size_t j, std::size_t k, const CellBoxTree::Row& row) const {

@@ -53,8 +53,9 @@ private:
     Effect myEffect;
     LinearReachParameters myParameters;
     double myRounding; // bound of the rounding errors of positions
-    std::vector<double> mySums;
-    std::vector<unsigned char> myIsTrusted;
+    std::size_t myPitch;
+    std::vector<double> mySums, myRows;
+    std::vector<float> myTrusted;
 };
 
 } // namespace Vantle::detail

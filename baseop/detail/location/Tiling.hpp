@@ -23,9 +23,9 @@ public:
     }
 
     [[nodiscard]] index_t count() const noexcept { return myTiles.product(); }
-    /// Calls `f(number, index)` for the positions of a tile.
+    /// Calls `f(number, index, length)` for the rows of a tile: for the first of their positions.
     template<class F>
-    void forEachIn(index_t tile, F&& f) const {
+    void forEachRowIn(index_t tile, F&& f) const {
         const MultiIndex<3> place = MultiIndex<3>::fromLinear(tile, myTiles);
         MultiIndex<3> begin, end;
         for (int d = 0; d < 3; ++d) {
@@ -34,8 +34,14 @@ public:
         }
         for (index_t k = begin[2]; k < end[2]; ++k)
             for (index_t j = begin[1]; j < end[1]; ++j)
-                for (index_t i = begin[0]; i < end[0]; ++i)
-                    f(i + myExtents[0] * (j + myExtents[1] * k), MultiIndex<3>(i, j, k));
+                f(begin[0] + myExtents[0] * (j + myExtents[1] * k), MultiIndex<3>(begin[0], j, k), end[0] - begin[0]);
+    }
+    /// Calls `f(number, index)` for the positions of a tile.
+    template<class F>
+    void forEachIn(index_t tile, F&& f) const {
+        forEachRowIn(tile, [&](index_t number, MultiIndex<3> index, index_t length) {
+            for (index_t m = 0; m < length; ++m, ++index[0]) f(number + m, index);
+        });
     }
 
 private:

@@ -3,24 +3,30 @@
 /// bits.
 ///
 /// Vertices are numbered in the order in which the plain sweep first uses their edges, so that the result does not
-/// depend on how it was found. Two passes: the first classifies the vertices and counts what each layer of cells adds;
-/// the second, when the storage is there, visits only the words of 64 cells that the level crosses. Both passes deal
-/// out layers to the threads of the team; a thread that begins in the middle numbers the layer before once more.
+/// depend on how it was found. Two passes: the first classifies the vertices, keeps the words of 64 cells that the
+/// level crosses, and counts what each layer of cells adds; the second, when the storage is there, visits these words.
+/// Both passes deal out layers to the threads of the team; a thread that begins in the middle numbers the layer before
+/// once more.
+///
+/// Where the least and the greatest value of bricks are known, bricks that the level does not cross are not read.
 ///
 /// Blanked cells are taken out of the words. Cells next to them find edges new that blanked cells would have had; these
 /// few ask their neighbours, all others take what the tables know.
 
 #include <baseop/BaseOpExport.hpp>
+#include <baseop/detail/ValueBricks.hpp>
 #include <baseop/detail/surface/LevelMask.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/MultiArray.hpp>
 #include <model/vantle/Simplex.hpp>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 namespace Vantle::detail {
@@ -65,8 +71,10 @@ struct StoredPositions {
 
     /// Asks for what `onEdge` will need.
     void prefetch(std::size_t lower, std::size_t upper) const noexcept {
-        __builtin_prefetch(points + lower * stride);
-        __builtin_prefetch(points + upper * stride);
+        for (const std::size_t at : {lower, upper}) { // which may lie in two lines each
+            __builtin_prefetch(&points[at * stride][0]);
+            __builtin_prefetch(&points[at * stride][2]);
+        }
     }
     [[nodiscard]] Point onEdge(int axis, const std::array<std::size_t, 3>& at, std::size_t linear,
                                const std::array<std::size_t, 3>& step, double weight) const noexcept {
@@ -102,12 +110,166 @@ struct ProductPositions {
     }
 };
 
-/// The sweep over one block of data at one level.
+/// Values that lie in memory, and a level. The data outlive this.
 template<class T>
+class StoredValues {
+public:
+    /// @param bricks  those of the data, or null; asked here, and not later.
+    StoredValues(const MultiArray<3, T>& data, double level, const ValueBricks<T>* bricks = nullptr);
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return myLevel; }
+    /// The value of the vertex with this index.
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        return static_cast<double>(myValues[vertex * myStride]);
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return myTest.below(myValues[vertex * myStride]); }
+    /// Which vertices of plane k have values below the level: words of 64, whose rows begin `wordStep` words apart.
+    void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept;
+    /// Whether it is known that the level crosses none of 64 cells, the `word`-th of row (j, k).
+    [[nodiscard]] bool isUncut(std::size_t j, std::size_t k, std::size_t word) const noexcept {
+        return !myKnown.empty() && known(j / ValueBricks<T>::Side, k / ValueBricks<T>::Side)[word].toRead == 0;
+    }
+    /// The most words of cells that the level can cross, or 0 if nothing is known.
+    [[nodiscard]] std::size_t mostCutWords() const noexcept { return myMostCutWords; }
+    void prefetch(std::size_t vertex) const noexcept { __builtin_prefetch(myValues + vertex * myStride); }
+
+private:
+    void ask(const ValueBricks<T>& bricks);
+    [[nodiscard]] const KnownWord* known(std::size_t brickRow, std::size_t brickLayer) const noexcept {
+        return myKnown.data() + (brickLayer * myBricks[0] + brickRow) * myWords;
+    }
+
+    MultiIndex<3> mySize;
+    const T* myValues;
+    std::size_t myStride;
+    double myLevel;
+    LevelTest<T> myTest;
+    std::size_t myWords; // of 64 vertices in a row
+    std::array<std::size_t, 2> myBricks{};
+    std::vector<KnownWord> myKnown; // of rows of bricks, along axes 1 and 2, or none
+    std::size_t myMostCutWords = 0;
+};
+
+/// A plane in space, and the distances of positions from it: positive where the normal shows.
+struct PlaneDistance {
+    Point origin;
+    Orvix::PhysicalSpace::vector unit; ///< the normal, of length 1
+
+    [[nodiscard]] double operator()(const Point& p) const noexcept { return dot(p - origin, unit); }
+};
+
+/// As `StoredValues::classifyPlane`, of values that know 64 of them.
+template<class Values>
+void classifyByWords(const Values& values, std::size_t k, std::uint64_t* words, std::size_t wordStep) noexcept {
+    const auto row = static_cast<std::size_t>(values.size()[0]), rows = static_cast<std::size_t>(values.size()[1]);
+    for (std::size_t j = 0; j < rows; ++j)
+        for (std::size_t begin = 0; begin < row; begin += 64)
+            words[j * wordStep + begin / 64] =
+                values.below((k * rows + j) * row + begin, std::min<std::size_t>(64, row - begin));
+}
+
+/// Distances of vertices from a plane, computed where they are asked for; the level is 0. The positions outlive this.
+template<class Positions>
+class PlaneDistances;
+
+template<>
+class PlaneDistances<StoredPositions> {
+public:
+    PlaneDistances(const PlaneDistance& plane, const StoredPositions& positions, const MultiIndex<3>& size)
+        : myPlane(plane), myPositions(positions), mySize(size) {}
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return 0.0; }
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        return myPlane(myPositions.points[vertex * myPositions.stride]);
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return (*this)[vertex] < 0.0; }
+    [[nodiscard]] std::uint64_t below(std::size_t vertex, std::size_t count) const noexcept {
+        std::uint64_t bits = 0;
+        for (std::size_t i = 0; i < count; ++i) bits |= std::uint64_t{isBelow(vertex + i)} << i;
+        return bits;
+    }
+    void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
+        classifyByWords(*this, k, words, wordStep);
+    }
+    [[nodiscard]] bool isUncut(std::size_t, std::size_t, std::size_t) const noexcept { return false; }
+    [[nodiscard]] std::size_t mostCutWords() const noexcept { return 0; }
+    void prefetch(std::size_t) const noexcept {} // positions are asked for
+
+private:
+    PlaneDistance myPlane;
+    StoredPositions myPositions;
+    MultiIndex<3> mySize;
+};
+
+/// Sums of three terms, each of one axis.
+template<>
+class PlaneDistances<ProductPositions> {
+public:
+    PlaneDistances(const PlaneDistance& plane, const ProductPositions& positions, const MultiIndex<3>& size)
+        : mySize(size) {
+        for (std::size_t d = 0; d < 3; ++d)
+            for (const double at : positions.axes[d])
+                myTerms[d].push_back((at - plane.origin[static_cast<int>(d)]) * plane.unit[static_cast<int>(d)]);
+    }
+
+    [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
+    [[nodiscard]] double level() const noexcept { return 0.0; }
+    [[nodiscard]] double operator[](std::size_t vertex) const noexcept {
+        const MultiIndex<3> at = MultiIndex<3>::fromLinear(vertex, mySize);
+        return (myTerms[0][at[0]] + myTerms[1][at[1]]) + myTerms[2][at[2]];
+    }
+    [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return (*this)[vertex] < 0.0; }
+    [[nodiscard]] std::uint64_t below(std::size_t vertex, std::size_t count) const noexcept {
+        const MultiIndex<3> at = MultiIndex<3>::fromLinear(vertex, mySize);
+        const double* const x = myTerms[0].data() + at[0];
+        const double y = myTerms[1][at[1]], z = myTerms[2][at[2]];
+        std::uint64_t bits = 0;
+        for (std::size_t i = 0; i < count; ++i) bits |= std::uint64_t{(x[i] + y) + z < 0.0} << i;
+        return bits;
+    }
+    void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
+        classifyByWords(*this, k, words, wordStep);
+    }
+    [[nodiscard]] bool isUncut(std::size_t, std::size_t, std::size_t) const noexcept { return false; }
+    [[nodiscard]] std::size_t mostCutWords() const noexcept { return 0; }
+    void prefetch(std::size_t) const noexcept {}
+
+private:
+    MultiIndex<3> mySize;
+    std::array<std::vector<double>, 3> myTerms;
+};
+
+/// The classified vertices of four rows around 64 cells of a row, and the vertices after the last.
+struct RowWords {
+    std::uint64_t lowLow, highLow, lowHigh, highHigh; // (j, k), (j+1, k), (j, k+1), (j+1, k+1)
+    unsigned next = 0;                                // the vertices after the last, one bit a row
+
+    /// Cells that are neither wholly below nor wholly not below the level.
+    [[nodiscard]] std::uint64_t cut() const noexcept {
+        const std::uint64_t some = lowLow | highLow | lowHigh | highHigh;
+        const std::uint64_t all = lowLow & highLow & lowHigh & highHigh;
+        const std::uint64_t someNext = some >> 1 | std::uint64_t{next != 0} << 63;
+        const std::uint64_t allNext = all >> 1 | std::uint64_t{next == 15} << 63;
+        return (some | someNext) & ~(all & allNext);
+    }
+    [[nodiscard]] std::size_t rowCase(int cell) const noexcept {
+        if (cell == 63) [[unlikely]]
+            return lowLow >> 63 | (next & 1) << 1 | (highLow >> 63) << 2 | (next & 2) << 2 | (lowHigh >> 63) << 4 |
+                   (next & 4) << 3 | (highHigh >> 63) << 6 | (next & 8) << 4;
+        return (lowLow >> cell & 3) | (highLow >> cell & 3) << 2 | (lowHigh >> cell & 3) << 4 |
+               (highHigh >> cell & 3) << 6;
+    }
+};
+
+/// The sweep over one block of values at one level: `StoredValues` or `PlaneDistances`.
+template<class Values>
 class IsoSweep {
 public:
-    /// Classifies and counts. The data outlive the sweep, and so does the mask, which has their extents, if any.
-    IsoSweep(const MultiArray<3, T>& data, double level, const BlockMask* mask = nullptr);
+    /// Classifies and counts. What the values view outlives the sweep, and so does the mask, which has their extents,
+    /// if any.
+    explicit IsoSweep(const Values& values, const BlockMask* mask = nullptr);
 
     /// Whether the block has cells at all.
     [[nodiscard]] bool hasCells() const noexcept { return !myLayers.empty(); }
@@ -119,41 +281,38 @@ public:
     void fill(const SweepTarget& target, const EdgeNumbering& numbering, const Positions& positions) const;
 
 private:
-    /// What the layers before one have added.
+    /// 64 cells of a row, of which the level crosses some.
+    struct CutWord {
+        RowWords around;
+        std::uint32_t number; // among those of the layer
+        std::uint64_t cut;    // valid cells
+    };
+    /// What the layers before one have added, and where the level crosses it.
     struct Layer {
         index_t firstVertex = 0;
         index_t firstTriangle = 0;
+        std::span<const CutWord> cutWords;
     };
     class Planes;
     template<class Positions>
     class VertexQueue;
 
     [[nodiscard]] std::size_t layerCount() const noexcept { return mySize[2] - 1; }
-    [[nodiscard]] const T* row(std::size_t j, std::size_t k) const noexcept {
-        return myValues + (k * mySize[1] + j) * mySize[0] * myStride;
-    }
-    [[nodiscard]] std::uint64_t classify(std::size_t j, std::size_t k, std::size_t word) const noexcept;
-    void prefetchWord(std::size_t cellWord, std::size_t k) const noexcept;
-    void countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks);
-    void classifyPlane(std::size_t k, std::uint64_t* masks) const noexcept;
+    void countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks, std::vector<CutWord>& cutWords);
     template<bool Write, class Positions>
     void fillLayer(std::size_t k, Planes& planes, const SweepTarget& target, const EdgeNumbering& numbering,
-                   const Positions& positions) const;
+                   const Positions& positions, const TriangleCell* end) const;
     template<class Positions>
     void fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
                     const EdgeNumbering& numbering, const Positions& positions) const;
 
-    const T* myValues;
-    std::size_t myStride;
+    Values myValues;
     std::array<std::size_t, 3> mySize; // vertices
-    double myLevel;
-    LevelTest<T> myTest;
     const BlockMask* myMask;
-    std::size_t myVertexWords = 0;       // words of 64 vertices in a row
-    std::size_t myCellWords = 0;         // words of 64 cells in a row
-    std::size_t myActiveWords = 0;       // words of bits for the cell words of a layer
-    std::vector<Layer> myLayers;         // one more than there are layers
-    std::vector<std::uint64_t> myActive; // which cell words the level crosses, layer by layer
+    std::size_t myVertexWords = 0;                // words of 64 vertices in a row
+    std::size_t myCellWords = 0;                  // words of 64 cells in a row
+    std::vector<Layer> myLayers;                  // one more than there are layers
+    std::vector<std::vector<CutWord>> myCutWords; // as the threads have found them
 };
 
 } // namespace Vantle::detail

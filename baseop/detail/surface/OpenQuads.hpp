@@ -2,6 +2,8 @@
 /// The faces of blocks that are joined to nothing, as quads and triangles.
 
 #include <baseop/BlockJoins.hpp>
+#include <baseop/detail/QuadCut.hpp>
+#include <model/hestra/Pulse.hpp>
 #include <model/vantle/Blanking.hpp>
 #include <model/vantle/Simplex.hpp>
 
@@ -53,7 +55,8 @@ struct OpenQuads {
             };
             // Between blanked and other cells there are quads everywhere.
             const index_t step = mask ? 1 : size[d] - 1;
-            for (index_t layer = 0; layer < size[d]; layer += step)
+            for (index_t layer = 0; layer < size[d]; layer += step) {
+                Hestra::Pulse::beat((d + static_cast<double>(layer) / static_cast<double>(size[d])) / 3.0);
                 for (lowest[v] = 0; lowest[v] + 1 < size[v]; ++lowest[v])
                     for (lowest[u] = 0; lowest[u] + 1 < size[u]; ++lowest[u]) {
                         lowest[d] = layer;
@@ -61,35 +64,10 @@ struct OpenQuads {
                         const bool isEnd = layer == 0 || layer + 1 == size[d];
                         if (below != above && (!isEnd || joins->isOpen({block, d, below}, lowest))) add(below);
                     }
+            }
         }
     }
 };
-
-/// Cuts a quad along its shorter diagonal, or that through the corner that is least by x, y and z: wherever a quad is
-/// met, in whatever order of its corners, it is cut the same way.
-template<class Take>
-void cutQuad(const std::array<unsigned int, 4>& quad, const std::vector<Orvix::PhysicalSpace::point>& points,
-             const Take& take) {
-    using point = Orvix::PhysicalSpace::point;
-    const point &a = points[quad[0]], &b = points[quad[1]], &c = points[quad[2]], &d = points[quad[3]];
-    const double ac = normSquared(c - a), bd = normSquared(d - b);
-    const auto least = [](const point& p, const point& q) {
-        return std::lexicographical_compare(q.begin(), q.end(), p.begin(), p.end()) ? q : p;
-    };
-    const point ofAC = least(a, c), ofBD = least(b, d);
-    const bool isFirst =
-        ac < bd || (ac == bd && !std::lexicographical_compare(ofBD.begin(), ofBD.end(), ofAC.begin(), ofAC.end()));
-    const auto add = [&](unsigned int p, unsigned int q, unsigned int r) {
-        if (p != q && q != r && r != p) take(TriangleCell(p, q, r));
-    };
-    if (isFirst) {
-        add(quad[0], quad[1], quad[2]);
-        add(quad[0], quad[2], quad[3]);
-    } else {
-        add(quad[1], quad[2], quad[3]);
-        add(quad[1], quad[3], quad[0]);
-    }
-}
 
 /// For each of so many blocks the lowest one that it hangs together with.
 inline std::vector<unsigned int> components(std::size_t blocks, std::span<const BlockJoin> joins) {

@@ -1,5 +1,6 @@
 #include <baseop/detail/surface/JoinedBlocks.hpp>
 #include <baseop/detail/surface/SurfaceEdges.hpp>
+#include <model/hestra/Pulse.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 
 #include <limits>
@@ -56,6 +57,8 @@ Hestra::StrongPtr<MemBase> SurfaceEdges::evaluate(const Field& field) const {
             if (!out) throw std::invalid_argument("field on a surface: fragments of several kinds of elements");
             const auto at = [&](index_t n) { return static_cast<Value>(array.element(n)); };
             for (std::size_t v = begin; v < piece.endVertex; ++v) {
+                if (v % 65536 == 0)
+                    Hestra::Pulse::beat(static_cast<double>(v) / static_cast<double>(names->nElements()));
                 const GridEdge edge = piece.edge(names->element(v));
                 double weight = along->element(v);
                 index_t from = edge.lower.linear(piece.size);

@@ -1,11 +1,8 @@
 #pragma once
 
-/// Runs gnuplot on one script and puts the picture where it belongs.
-
-#include <dataset/io/Leftover.hpp>
+/// Runs gnuplot, in a process of its own.
 
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -14,27 +11,13 @@ namespace tour {
 /// Whether gnuplot is on the search path: ask first to go on without pictures.
 bool gnuplotAvailable();
 
-/// One picture in the making. Script, data and result live in a private temporary folder, in which gnuplot runs: the
-/// script names them by fixed names, and no path of the user's ever stands in it.
-class Gnuplot {
-public:
-    /// Failure      FileError when there is no gnuplot or no temporary folder.
-    explicit Gnuplot(std::filesystem::path png);
+/// Runs a script that makes "picture.png" of the file "data", and puts the picture where it belongs. All this lives in
+/// a private temporary folder: no path and no text of the user's ever stands in a command, and no path in the script.
+///
+/// Failure      FileError, one line, with what gnuplot complains about; what was there before stays.
+void runGnuplot(const std::filesystem::path& png, std::string_view script, std::string_view data);
 
-    /// A data file that the script may name.
-    void store(const std::string& name, std::string_view bytes) const;
-
-    /// `script` must leave "picture.png".
-    ///
-    /// Failure      FileError with the first line of what gnuplot complains about.
-    void run(std::string_view script) const;
-
-    /// `text` as a string of the script, whatever it holds.
-    static std::string quoted(std::string_view text);
-
-private:
-    std::filesystem::path png_;
-    std::optional<Vantle::Leftover> folder_; // there once it is constructed
-};
+/// `text` as a string of a script, whatever it holds.
+std::string scriptString(std::string_view text);
 
 } // namespace tour

@@ -1,446 +1,258 @@
 #include "io/Picture.hpp"
 
+#include "Report.hpp"
 #include "io/Gnuplot.hpp"
 
 #include <algorithm>
-#include <bit>
-#include <charconv>
 #include <cmath>
 #include <limits>
 #include <stdexcept>
-#include <string_view>
-#include <unordered_map>
 
 namespace tour {
 
+using Vantle::Surface, Vantle::Values;
+
 namespace {
 
-constexpr std::size_t kMostTriangles = 250'000; // what gnuplot fills in some three seconds
-constexpr double kLongestEdge = 10.0;           // pixels; longer ones are halved, for sorting and shading
-constexpr double kOverlap = 0.35;               // pixels; neighbours cover each other's antialiased rims
-constexpr double kCrease = 0.5;                 // cosine; sharper edges stay sharp
+// All lengths are in parts of pixels, of which each has nine, against jagged edges.
+constexpr int kParts = 3;
+constexpr double kBehind = -1.0;    // surfaces of one colour stand back, so that others show on them
+constexpr double kLineNearer = 3.0; // lines show on surfaces
+constexpr double kCrease = 0.5;     // cosine; sharper edges stay sharp
+constexpr double kTickDistance = 200;
+constexpr Colour kFrame = 0xb0b0b0, kInk = 0x404040, kNoValue = 0x8fb3d9;
 
 // From dark to light, also for eyes that do not tell red from green; never so dark that shading is lost.
 constexpr std::array<Colour, 7> kPalette = {0x4a4a9c, 0x3d6db5, 0x2f93b8, 0x38b5a3, 0x6fcf85, 0xb5e06c, 0xf6e65f};
 
-Point3 operator+(const Point3& a, const Point3& b) { return {a[0] + b[0], a[1] + b[1], a[2] + b[2]}; }
-Point3 operator-(const Point3& a, const Point3& b) { return {a[0] - b[0], a[1] - b[1], a[2] - b[2]}; }
-Point3 operator*(double s, const Point3& a) { return {s * a[0], s * a[1], s * a[2]}; }
-double dot(const Point3& a, const Point3& b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; }
-Point3 cross(const Point3& a, const Point3& b) {
-    return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
-}
-Point3 unit(const Point3& a) {
-    const double length = std::sqrt(dot(a, a));
-    return length > 0.0 ? (1.0 / length) * a : Point3{};
-}
-bool isFinite(const Point3& a) { return std::isfinite(a[0]) && std::isfinite(a[1]) && std::isfinite(a[2]); }
+Vector rgb(Colour colour) { return {double(colour >> 16 & 0xff), double(colour >> 8 & 0xff), double(colour & 0xff)}; }
 
-void append(std::string& text, double value, int digits) {
-    std::array<char, 400> buffer;
-    const auto end =
-        std::to_chars(buffer.data(), buffer.data() + buffer.size(), value, std::chars_format::fixed, digits);
-    text.append(buffer.data(), end.ptr);
+std::array<unsigned char, 3> bytes(const Vector& colour) {
+    const auto byte = [&](int c) { return static_cast<unsigned char>(std::lround(std::clamp(colour[c], 0.0, 255.0))); };
+    return {byte(0), byte(1), byte(2)};
 }
 
-std::string number(double value) {
-    std::array<char, 32> buffer;
-    return {buffer.data(), std::to_chars(buffer.data(), buffer.data() + buffer.size(), value).ptr};
-}
-
-std::string interval(double low, double high) { return "[" + number(low) + ":" + number(high) + "]"; }
-
-int channel(Colour colour, int shift) { return static_cast<int>((colour >> shift) & 0xff); }
-
-Colour paletteColour(double share) {
+Vector paletteColour(double share) {
+    if (std::isnan(share)) return rgb(kNoValue);
     const double place = std::clamp(share, 0.0, 1.0) * (kPalette.size() - 1);
     const auto lower = std::min(static_cast<std::size_t>(place), kPalette.size() - 2);
     const double rest = place - static_cast<double>(lower);
-    Colour colour = 0;
-    for (const int shift : {16, 8, 0}) {
-        const int a = channel(kPalette[lower], shift), b = channel(kPalette[lower + 1], shift);
-        colour |= static_cast<Colour>(std::lround(a + rest * (b - a))) << shift;
-    }
-    return colour;
+    return (1.0 - rest) * rgb(kPalette[lower]) + rest * rgb(kPalette[lower + 1]);
 }
 
-std::string paletteCommand() {
-    std::string text = "set palette defined (";
-    for (std::size_t i = 0; i < kPalette.size(); ++i) {
-        text += (i == 0 ? "" : ", ") + std::to_string(i) + " '#";
-        constexpr std::string_view kDigits = "0123456789abcdef";
-        for (int shift = 20; shift >= 0; shift -= 4) text += kDigits[(kPalette[i] >> shift) & 0xf];
-        text += "'";
-    }
-    return text + ")\n";
+Point corner(const Vantle::Box& box, unsigned n) {
+    return {(n & 1u ? box.high : box.low)[0], (n & 2u ? box.high : box.low)[1], (n & 4u ? box.high : box.low)[2]};
 }
 
-// The stated range or that of the finite values; never empty.
-ValueRange colourRange(const std::optional<ValueRange>& stated, std::span<const double> values, ValueRange range) {
-    if (stated)
-        range = *stated;
-    else
-        for (const double value : values)
-            if (std::isfinite(value)) range = {std::min(range.first, value), std::max(range.second, value)};
-    return range;
+Vector unit(const Vector& v) { return normSquared(v) > 0.0 ? v / length(v) : Vector(); }
+
+// Light that never leaves a side in the dark, and a soft gleam.
+Vector lit(const Vector& colour, const Vector& normal) {
+    static const Vector light = unit({-0.3, 0.45, 1.0}), halfway = unit(light + Vector(0.0, 0.0, 1.0));
+    const double diffuse = 0.5 + 0.5 * dot(normal, light);
+    const double gleam = 50.0 * std::pow(std::max(0.0, dot(normal, halfway)), 32);
+    return (0.42 + 0.64 * diffuse * diffuse) * colour + Vector(gleam, gleam, gleam);
 }
 
-constexpr const char* kNothing = "set label 'nothing to show' at screen 0.5,0.5 center textcolor rgb '#808080'\n";
-
-constexpr ValueRange kNoRange = {std::numeric_limits<double>::infinity(), -std::numeric_limits<double>::infinity()};
-
-ValueRange widened(const ValueRange& range) {
-    if (!(range.first <= range.second)) return {0.0, 1.0};
-    if (range.first < range.second) return range;
-    const double half = range.first == 0.0 ? 0.5 : 0.01 * std::abs(range.first);
-    return {range.first - half, range.first + half};
+// 1, 2 or 5 times a power of ten, at least this wide.
+double niceStep(double width) {
+    const double power = std::pow(10.0, std::floor(std::log10(width)));
+    return power * (width <= power ? 1.0 : width <= 2.0 * power ? 2.0 : width <= 5.0 * power ? 5.0 : 10.0);
 }
 
-std::string beginScript(const PictureSize& size, const PictureText& text) {
-    if (size.width < 50 || size.height < 50 || size.width > 20000 || size.height > 20000)
-        throw std::invalid_argument("a picture must have between 50 and 20000 pixels on each side");
-    return "set terminal pngcairo noenhanced background '#ffffff' font 'sans,12' size " + std::to_string(size.width) +
-           "," + std::to_string(size.height) + "\nset output 'picture.png'\nset encoding utf8\nunset key\n" +
-           (text.title.empty() ? "" : "set title " + Gnuplot::quoted(text.title) + " font 'sans,15'\n");
-}
-
-std::string colourBar(const ValueRange& range, const std::string& label) {
-    return paletteCommand() + "set cbrange " + interval(range.first, range.second) + "\nset cblabel " +
-           Gnuplot::quoted(label) + "\nset cbtics scale 0.5\n";
-}
-
-// A surface as the camera sees it: x to the right and y up in pixels, z towards the eye.
-struct Mesh {
-    std::vector<Point3> points;
-    std::vector<double> values;
-    std::vector<std::array<std::size_t, 3>> triangles;
-    Colour colour = 0;
-};
-
-struct Corner {
-    Point3 position;
-    Point3 normal;
-    double value;
-};
-
-struct Facet {
-    std::array<Point2, 3> corners;
-    double depth;
-    Colour colour;
-};
-
-class Camera {
-public:
-    explicit Camera(const SurfaceView& view) : towardsEye_(unit(-1.0 * view.direction)) {
-        Point3 up = view.up;
-        // A direction along `up` leaves the turn open: any other axis will do.
-        for (std::size_t axis = 0; std::sqrt(dot(cross(up, towardsEye_), cross(up, towardsEye_))) < 1e-9; ++axis) {
-            if (axis == 3) throw std::invalid_argument("a view needs a direction");
-            up = {};
-            up[axis] = 1.0;
-        }
-        right_ = unit(cross(up, towardsEye_));
-        up_ = cross(towardsEye_, right_);
-    }
-
-    Point3 turned(const Point3& p) const { return {dot(p, right_), dot(p, up_), dot(p, towardsEye_)}; }
-
-private:
-    Point3 towardsEye_, right_, up_;
-};
-
-Mesh turnedMesh(const SurfacePart& part, const Camera& camera) {
-    if (!part.values.empty() && part.values.size() != part.points.size())
-        throw std::invalid_argument("a surface needs one value per point or none");
-    Mesh mesh;
-    mesh.colour = part.colour;
-    mesh.values.assign(part.values.begin(), part.values.end());
-    mesh.points.reserve(part.points.size());
-    for (const Point3& point : part.points) mesh.points.push_back(camera.turned(point));
-    for (const Triangle& triangle : part.triangles) {
-        for (const auto corner : triangle)
-            if (corner >= part.points.size()) throw std::invalid_argument("a triangle names a point that is not there");
-        if (std::all_of(triangle.begin(), triangle.end(), [&](auto corner) { return isFinite(mesh.points[corner]); }))
-            mesh.triangles.push_back({triangle[0], triangle[1], triangle[2]});
-    }
-    return mesh;
-}
-
-// Scales and moves the meshes together into the area between two corners of the picture.
-void fitInto(std::vector<Mesh>& meshes, const Point2& low, const Point2& high) {
-    constexpr double kInfinity = std::numeric_limits<double>::infinity();
-    Point3 least = {kInfinity, kInfinity, kInfinity}, most = -1.0 * least;
-    for (const Mesh& mesh : meshes)
-        for (const auto& triangle : mesh.triangles)
-            for (const std::size_t corner : triangle)
-                for (std::size_t axis = 0; axis < 3; ++axis) {
-                    least[axis] = std::min(least[axis], mesh.points[corner][axis]);
-                    most[axis] = std::max(most[axis], mesh.points[corner][axis]);
-                }
-    const double width = most[0] - least[0], height = most[1] - least[1];
-    double scale = std::min(width > 0.0 ? (high[0] - low[0]) / width : kInfinity,
-                            height > 0.0 ? (high[1] - low[1]) / height : kInfinity);
-    if (!std::isfinite(scale)) scale = 1.0;
-    const Point3 centre = 0.5 * least + 0.5 * most;
-    const Point3 middle = {0.5 * (low[0] + high[0]), 0.5 * (low[1] + high[1]), 0.0};
-    for (Mesh& mesh : meshes)
-        for (Point3& point : mesh.points) point = scale * (point - centre) + middle;
-}
-
-using Cell = std::array<std::int64_t, 3>;
-
-struct CellHash {
-    std::size_t operator()(const Cell& cell) const {
-        std::uint64_t hash = 0;
-        for (const std::int64_t place : cell)
-            hash = std::rotl((hash ^ static_cast<std::uint64_t>(place)) * 0x9e3779b97f4a7c15u, 29);
-        return static_cast<std::size_t>(hash);
-    }
-};
-
-// One point, the mean, for all points in the same cell of a lattice; triangles that collapse vanish.
-Mesh clustered(const Mesh& mesh, double size) {
-    Mesh result;
-    result.colour = mesh.colour;
-    std::unordered_map<Cell, std::size_t, CellHash> clusters;
-    clusters.reserve(mesh.points.size() / 2);
-    std::vector<std::size_t> members, clusterOf(mesh.points.size());
-    for (std::size_t i = 0; i < mesh.points.size(); ++i) {
-        if (!isFinite(mesh.points[i])) continue;
-        Cell key;
-        // The shift keeps points on a plane of symmetry, give or take a rounding, in one cell.
-        for (std::size_t axis = 0; axis < 3; ++axis)
-            key[axis] =
-                static_cast<std::int64_t>(std::clamp(std::floor(mesh.points[i][axis] / size + 0.37), -1e15, 1e15));
-        const auto [entry, isNew] = clusters.try_emplace(key, result.points.size());
-        clusterOf[i] = entry->second;
-        if (isNew) {
-            result.points.emplace_back();
-            members.push_back(0);
-            if (!mesh.values.empty()) result.values.push_back(0.0);
-        }
-        result.points[entry->second] = result.points[entry->second] + mesh.points[i];
-        if (!mesh.values.empty()) result.values[entry->second] += mesh.values[i];
-        ++members[entry->second];
-    }
-    for (std::size_t i = 0; i < members.size(); ++i) {
-        result.points[i] = (1.0 / static_cast<double>(members[i])) * result.points[i];
-        if (!mesh.values.empty()) result.values[i] /= static_cast<double>(members[i]);
-    }
-    for (const auto& [a, b, c] : mesh.triangles) {
-        const std::array<std::size_t, 3> triangle = {clusterOf[a], clusterOf[b], clusterOf[c]};
-        if (triangle[0] != triangle[1] && triangle[1] != triangle[2] && triangle[2] != triangle[0])
-            result.triangles.push_back(triangle);
-    }
-    return result;
-}
-
-// Points of neighbouring blocks that coincide become one, so that the shading shows no seam; of what is too fine to be
-// seen, as much goes as must.
-void simplify(std::vector<Mesh>& meshes) {
-    const std::vector<Mesh> whole = std::move(meshes);
-    std::size_t triangles = 0;
-    double size = 0.02;
-    do {
-        meshes.clear();
-        triangles = 0;
-        for (const Mesh& mesh : whole) {
-            meshes.push_back(clustered(mesh, size));
-            triangles += meshes.back().triangles.size();
-        }
-        size = std::max(0.75, 1.4 * size);
-    } while (triangles > kMostTriangles);
-}
-
-class Shader {
-public:
-    Shader(const ValueRange& range, std::vector<Facet>& facets) : range_(range), facets_(facets) {}
-
-    void shade(const Mesh& mesh) {
-        std::vector<Point3> normals(mesh.points.size());
-        for (const auto& [a, b, c] : mesh.triangles) {
-            const Point3 area = cross(mesh.points[b] - mesh.points[a], mesh.points[c] - mesh.points[a]);
-            for (const std::size_t corner : {a, b, c}) normals[corner] = normals[corner] + area;
-        }
-        for (const auto& triangle : mesh.triangles) {
-            const auto& [a, b, c] = triangle;
-            Point3 face = unit(cross(mesh.points[b] - mesh.points[a], mesh.points[c] - mesh.points[a]));
-            if (face[2] < 0.0) face = -1.0 * face;
-            std::array<Corner, 3> corners;
-            for (std::size_t i = 0; i < 3; ++i) {
-                const std::size_t point = triangle[i];
-                Point3 normal = unit(normals[point]);
-                const double agreement = dot(normal, face);
-                if (std::abs(agreement) < kCrease)
-                    normal = face;
-                else if (agreement < 0.0)
-                    normal = -1.0 * normal;
-                corners[i] = {mesh.points[point], normal, mesh.values.empty() ? kNan : mesh.values[point]};
-            }
-            split(corners, mesh.colour);
-        }
-    }
-
-private:
-    static constexpr double kNan = std::numeric_limits<double>::quiet_NaN();
-
-    // Every edge that is too long is halved at its middle, in both of its triangles, so no gaps open.
-    void split(const std::array<Corner, 3>& corners, Colour colour) {
-        std::size_t longest = 0;
-        double length = 0.0;
-        for (std::size_t i = 0; i < 3; ++i) {
-            const Point3 edge = corners[(i + 1) % 3].position - corners[i].position;
-            if (const double square = dot(edge, edge); square > length) {
-                length = square;
-                longest = i;
-            }
-        }
-        if (length <= kLongestEdge * kLongestEdge || facets_.size() > 2 * kMostTriangles) return emit(corners, colour);
-        const Corner &a = corners[longest], &b = corners[(longest + 1) % 3], &c = corners[(longest + 2) % 3];
-        const Corner middle = {0.5 * a.position + 0.5 * b.position, a.normal + b.normal, 0.5 * a.value + 0.5 * b.value};
-        split({a, middle, c}, colour);
-        split({middle, b, c}, colour);
-    }
-
-    void emit(const std::array<Corner, 3>& corners, Colour colour) {
-        const auto& [a, b, c] = corners;
-        const double value = (a.value + b.value + c.value) / 3.0;
-        if (std::isfinite(value)) colour = paletteColour((value - range_.first) / (range_.second - range_.first));
-        const Point3 normal = unit(unit(a.normal) + unit(b.normal) + unit(c.normal));
-        // Light that never leaves a side in the dark, and a soft gleam.
-        static const Point3 light = unit({-0.3, 0.45, 1.0}), halfway = unit(light + Point3{0.0, 0.0, 1.0});
-        const double diffuse = 0.5 + 0.5 * dot(normal, light);
-        const double brightness = 0.42 + 0.64 * diffuse * diffuse;
-        const double gleam = 60.0 * std::pow(std::max(0.0, dot(normal, halfway)), 40.0);
-        Colour lit = 0;
-        for (const int shift : {16, 8, 0}) {
-            const double shaded = channel(colour, shift) * brightness + gleam;
-            lit |= static_cast<Colour>(std::lround(std::clamp(shaded, 0.0, 255.0))) << shift;
-        }
-        Facet facet{{}, a.position[2] + b.position[2] + c.position[2], lit};
-        const Point3 centre = (1.0 / 3.0) * (a.position + b.position + c.position);
-        for (std::size_t i = 0; i < 3; ++i) {
-            Point3 outwards = corners[i].position - centre;
-            outwards[2] = 0.0;
-            const Point3 corner = corners[i].position + kOverlap * unit(outwards);
-            facet.corners[i] = {corner[0], corner[1]};
-        }
-        facets_.push_back(facet);
-    }
-
-    ValueRange range_;
-    std::vector<Facet>& facets_;
-};
-
-std::string facetData(std::vector<Facet>& facets) {
-    std::stable_sort(facets.begin(), facets.end(), [](const Facet& a, const Facet& b) { return a.depth < b.depth; });
-    std::string data;
-    data.reserve(facets.size() * 72);
-    for (const Facet& facet : facets) {
-        const std::string colour = " " + std::to_string(facet.colour) + "\n";
-        for (const Point2& corner : facet.corners) {
-            append(data, corner[0], 2);
-            data += ' ';
-            append(data, corner[1], 2);
-            data += colour;
-        }
-        data += '\n';
-    }
-    return data;
+// The range of the finite values; never empty.
+Vantle::NumberRange rangeOf(const Values& values) {
+    double least = HUGE_VAL, greatest = -HUGE_VAL;
+    for (const double value : values.numbers())
+        if (std::isfinite(value)) least = std::min(least, value), greatest = std::max(greatest, value);
+    if (least > greatest) return {0.0, 1.0};
+    const double half = least < greatest ? 0.0 : least == 0.0 ? 0.5 : 0.01 * std::abs(least);
+    return {least - half, greatest + half};
 }
 
 } // namespace
 
-void drawSurface(const std::filesystem::path& png, std::span<const SurfacePart> parts, const SurfaceView& view,
-                 const SurfaceStyle& style) {
-    const Camera camera(view);
-    std::vector<Mesh> meshes;
-    ValueRange range = kNoRange;
-    bool hasValues = false;
-    for (const SurfacePart& part : parts) {
-        meshes.push_back(turnedMesh(part, camera));
-        hasValues |= !part.values.empty();
-        range = colourRange(style.range, part.values, range);
+Picture::Picture(const Vantle::Box& box, const View& view, int width, int height)
+    : box_(box), isLit_(view.isLit), width_(kParts * width), height_(kParts * height),
+      towardsEye_(unit(-view.direction)) {
+    right_ = unit(cross(view.up, towardsEye_));
+    up_ = cross(towardsEye_, right_);
+    if (width < 50 || height < 50 || width > 10000 || height > 10000 || !(normSquared(up_) > 0.5))
+        throw std::invalid_argument("a picture of no size, or seen from nowhere");
+    depth_.assign(part(0, height_), -std::numeric_limits<float>::infinity());
+    colours_.assign(depth_.size(), {255, 255, 255});
+
+    Vector least(HUGE_VAL, HUGE_VAL, 0.0), most = -least;
+    for (unsigned n = 0; n < 8; ++n) {
+        const Vector at = seen(corner(box, n));
+        for (const int d : {0, 1}) least[d] = std::min(least[d], at[d]), most[d] = std::max(most[d], at[d]);
     }
-    range = widened(range);
-
-    // The plot fills the picture, in pixels, and leaves the margins free itself.
-    const double width = style.size.width, height = style.size.height;
-    fitInto(meshes, {30.0, 30.0},
-            {width - (hasValues ? 150.0 : 30.0), height - (style.text.title.empty() ? 30.0 : 60.0)});
-    simplify(meshes);
-    std::vector<Facet> facets;
-    Shader shader(range, facets);
-    for (const Mesh& mesh : meshes) shader.shade(mesh);
-
-    std::string script = beginScript(style.size, style.text) +
-                         "unset border\nunset tics\n"
-                         "set lmargin at screen 0\nset rmargin at screen 1\n"
-                         "set bmargin at screen 0\nset tmargin at screen 1\n"
-                         "set title offset 0,-3\nset style fill solid 1.0 noborder\n"
-                         "set xrange " +
-                         interval(0.0, width) + "\nset yrange " + interval(0.0, height) + "\n";
-    if (hasValues)
-        script += colourBar(range, style.text.valueLabel) +
-                  "set colorbox user origin screen 0.875,0.2 size screen 0.02,0.6\n";
-    if (facets.empty()) script += kNothing;
-    script += facets.empty() ? "plot NaN" : "plot 'facets' using 1:2:3 with filledcurves closed linecolor rgb variable";
-    if (hasValues) script += ", NaN with points palette";
-    const Gnuplot gnuplot(png);
-    gnuplot.store("facets", facetData(facets));
-    gnuplot.run(script + "\n");
+    // The rest is for axes, title, key and bar.
+    scale_ = std::min(most[0] > least[0] ? 0.76 * width_ / (most[0] - least[0]) : HUGE_VAL,
+                      most[1] > least[1] ? 0.8 * height_ / (most[1] - least[1]) : HUGE_VAL);
+    if (!std::isfinite(scale_)) scale_ = 1.0;
+    middle_ = Vector(0.465 * width_, 0.525 * height_, 0.0) - 0.5 * scale_ * (least + most);
 }
 
-void drawSlice(const std::filesystem::path& png, const Slice& slice, const SliceStyle& style) {
-    if (slice.columns == 0 || slice.rows == 0 || slice.values.size() / slice.columns != slice.rows ||
-        slice.values.size() % slice.columns != 0)
-        throw std::invalid_argument("a slice needs one value per column and row");
-    if (!(slice.spacing[0] > 0.0) || !(slice.spacing[1] > 0.0) || !std::isfinite(slice.origin[0]) ||
-        !std::isfinite(slice.origin[1]))
-        throw std::invalid_argument("a slice needs a finite origin and a positive spacing");
-    const ValueRange range = widened(colourRange(style.range, slice.values, kNoRange));
-    const bool isEmpty =
-        std::none_of(slice.values.begin(), slice.values.end(), [](double v) { return std::isfinite(v); });
-    const auto extent = [&](std::size_t axis, std::size_t cells) {
-        const double low = slice.origin[axis] - 0.5 * slice.spacing[axis];
-        return interval(low, low + static_cast<double>(cells) * slice.spacing[axis]);
-    };
-    // gnuplot wants two points along each axis of an image: a single one is drawn twice, half as wide.
-    const std::array<std::size_t, 2> times = {slice.columns == 1 ? 2u : 1u, slice.rows == 1 ? 2u : 1u};
-    const auto width = [&](std::size_t axis) { return number(slice.spacing[axis] / static_cast<double>(times[axis])); };
-    const auto first = [&](std::size_t axis) {
-        return number(slice.origin[axis] - (times[axis] == 2 ? 0.25 * slice.spacing[axis] : 0.0));
-    };
-    std::string script = beginScript(style.size, style.text) + colourBar(range, style.text.valueLabel) + "set xlabel " +
-                         Gnuplot::quoted(style.xLabel) + "\nset ylabel " + Gnuplot::quoted(style.yLabel) +
-                         "\nset size ratio -1\nset tics out nomirror scale 0.5\n"
-                         "set border lw 0.8 lc rgb '#404040'\n"
-                         "set xrange " +
-                         extent(0, slice.columns) + "\nset yrange " + extent(1, slice.rows) + "\n" +
-                         (isEmpty ? kNothing : "") + "plot 'values' binary array=(" +
-                         std::to_string(times[0] * slice.columns) + "," + std::to_string(times[1] * slice.rows) +
-                         ") format='%double' origin=(" + first(0) + "," + first(1) + ") dx=" + width(0) +
-                         " dy=" + width(1) + " with image";
+// x to the right and y up, z towards the eye.
+Vector Picture::seen(const Point& p) const {
+    const Vector v = p - Point();
+    return scale_ * Vector(dot(v, right_), dot(v, up_), dot(v, towardsEye_)) + middle_;
+}
 
-    std::string bytes;
-    for (std::size_t i = 0; i < times[1] * slice.rows; ++i)
-        for (std::size_t j = 0; j < times[0] * slice.columns; ++j) {
-            double value = slice.values[i / times[1] * slice.columns + j / times[0]];
-            if (!std::isfinite(value)) value = std::numeric_limits<double>::quiet_NaN();
-            bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+template<class ColourAt>
+void Picture::paint(const Surface& surface, double nearer, const ColourAt& colourAt) {
+    std::vector<Vector> points, normals(surface.points().size());
+    for (const Point& p : surface.points()) points.push_back(seen(p));
+    const auto area = [&](const auto& t) { return cross(points[t[1]] - points[t[0]], points[t[2]] - points[t[0]]); };
+    for (const auto& t : surface.triangles())
+        for (const unsigned int corner : t) normals[corner] += area(t);
+    for (const auto& t : surface.triangles()) {
+        const Vector &a = points[t[0]], &b = points[t[1]], &c = points[t[2]];
+        const double twice = area(t)[2];
+        if (!std::isfinite(twice) || twice == 0.0) continue;
+        isEmpty_ = false;
+        const Vector face = unit(twice < 0.0 ? -area(t) : area(t));
+        std::array<Vector, 3> normal;
+        for (int n = 0; n < 3; ++n) {
+            const Vector at = unit(normals[t[n]]);
+            normal[n] = std::abs(dot(at, face)) < kCrease ? face : dot(at, face) < 0.0 ? -at : at;
         }
-    std::string lines;
-    for (const auto& outline : style.outlines) {
-        for (const Point2& point : outline) lines += number(point[0]) + " " + number(point[1]) + "\n";
-        lines += "\n";
+        const auto first = [](double at) { return static_cast<int>(std::max(0.0, std::ceil(at - 0.5))); };
+        const auto last = [](double at, int end) {
+            return static_cast<int>(std::min(std::floor(at - 0.5), end - 1.0));
+        };
+        for (int y = first(std::min({a[1], b[1], c[1]})); y <= last(std::max({a[1], b[1], c[1]}), height_); ++y)
+            for (int x = first(std::min({a[0], b[0], c[0]})); x <= last(std::max({a[0], b[0], c[0]}), width_); ++x) {
+                const Vector at = Vector(x + 0.5, y + 0.5, 0.0) - a;
+                const double ofB = (at[0] * (c - a)[1] - (c - a)[0] * at[1]) / twice,
+                             ofC = ((b - a)[0] * at[1] - at[0] * (b - a)[1]) / twice;
+                const Weights w = {1.0 - ofB - ofC, ofB, ofC};
+                if (!(std::min({w[0], ofB, ofC}) >= -1e-9)) continue;
+                const double depth = w[0] * a[2] + ofB * b[2] + ofC * c[2] + nearer;
+                if (!(depth > depth_[part(x, y)])) continue;
+                depth_[part(x, y)] = static_cast<float>(depth);
+                const Vector colour = colourAt(t, w);
+                colours_[part(x, y)] =
+                    bytes(isLit_ ? lit(colour, unit(w[0] * normal[0] + ofB * normal[1] + ofC * normal[2])) : colour);
+            }
     }
-    const Gnuplot gnuplot(png);
-    gnuplot.store("values", bytes);
-    if (!style.outlines.empty()) {
-        gnuplot.store("lines", lines);
-        script += ", 'lines' using 1:2 with lines linecolor rgb '#202020' linewidth 1.2";
+}
+
+void Picture::add(const Surface& surface, const Values& values) {
+    range_ = rangeOf(values);
+    hasValues_ = true;
+    paint(surface, 0.0, [&](const auto& t, const Weights& w) {
+        const double value = w[0] * values[t[0]] + w[1] * values[t[1]] + w[2] * values[t[2]];
+        return paletteColour((value - range_.least) / (range_.greatest - range_.least));
+    });
+}
+
+void Picture::add(const Surface& surface, Colour colour) {
+    paint(surface, kBehind, [&](const auto&, const Weights&) { return rgb(colour); });
+}
+
+void Picture::addLine(std::span<const Point> points, Colour colour) {
+    for (std::size_t n = 1; n < points.size(); ++n) draw(seen(points[n - 1]), seen(points[n]), colour);
+}
+
+// One pixel wide.
+void Picture::draw(const Vector& from, const Vector& to, Colour colour) {
+    const double steps = std::ceil(std::max(std::abs((to - from)[0]), std::abs((to - from)[1]))) + 1.0;
+    if (!(steps < 1e6)) return;
+    for (double step = 0.0; step <= steps; ++step) {
+        const Vector p = from + step / steps * (to - from);
+        const int i = static_cast<int>(std::floor(p[0])), j = static_cast<int>(std::floor(p[1]));
+        for (int y = std::max(0, j - 1); y < std::min(j + 2, height_); ++y)
+            for (int x = std::max(0, i - 1); x < std::min(i + 2, width_); ++x)
+                if (p[2] + kLineNearer >= depth_[part(x, y)]) colours_[part(x, y)] = bytes(rgb(colour));
     }
-    gnuplot.run(script + "\n");
+}
+
+void Picture::addAxes() {
+    std::array<Vector, 8> corners;
+    for (unsigned n = 0; n < 8; ++n) corners[n] = seen(corner(box_, n));
+    const auto nearest =
+        std::max_element(corners.begin(), corners.end(), [](const auto& a, const auto& b) { return a[2] < b[2]; });
+    for (int axis = 0; axis < 3; ++axis) {
+        // Of four edges the one on the left if they go up, else the lowest.
+        Vector from, to;
+        double place = HUGE_VAL;
+        for (unsigned n = 0; n < 8; ++n) {
+            if (n >> axis & 1u) continue;
+            const Vector &a = corners[n], &b = corners[n | 1u << axis];
+            if (&a != &*nearest && &b != &*nearest) draw(a, b, kFrame);
+            const double here = std::abs(b[1] - a[1]) > std::abs(b[0] - a[0]) ? a[0] + b[0] : a[1] + b[1];
+            if (here < place - 1e-6) place = here, from = a, to = b;
+        }
+        addTicks(axis, from, to);
+    }
+}
+
+void Picture::addTicks(int axis, const Vector& from, const Vector& to) {
+    const double low = box_.low[axis], high = box_.high[axis];
+    Vector along = to - from, outwards = 0.5 * (from + to) - seen(box_.low + 0.5 * (box_.high - box_.low));
+    along[2] = outwards[2] = 0.0;
+    if (length(along) < 0.5 * kTickDistance || !(high > low)) return;
+    outwards = unit(outwards - dot(outwards, along) / normSquared(along) * along);
+    const char* const alignment = outwards[0] < -0.2 ? "right" : outwards[0] > 0.2 ? "left" : "center";
+    draw(from, to, kInk);
+    const double step = niceStep((high - low) * kTickDistance / length(along));
+    for (double n = std::ceil(low / step - 1e-9); n * step <= high + 1e-9 * step; ++n) {
+        const Vector at = from + (n * step - low) / (high - low) * (to - from);
+        draw(at, at + 18.0 * outwards, kInk);
+        labels_.push_back(
+            {at + 36.0 * outwards - Vector(0.0, outwards[1] < -0.2 ? 12.0 : 0.0, 0.0), alignment, number(n * step)});
+    }
+    labels_.push_back({0.5 * (from + to) + 150.0 * outwards, "center", std::string(1, "xyz"[axis])});
+}
+
+void Picture::addKey(Colour colour, const std::string& text) {
+    constexpr double kSide = 36.0, kPerLetter = 23.0;
+    for (double y = 42.0; y <= 42.0 + kSide; ++y) draw({keyEnd_, y, 0.0}, {keyEnd_ + kSide, y, 0.0}, colour);
+    labels_.push_back({{keyEnd_ + kSide + 24.0, 60.0, 0.0}, "left", text});
+    keyEnd_ += kSide + 90.0 + kPerLetter * static_cast<double>(text.size());
+}
+
+void Picture::save(const std::filesystem::path& png, const std::string& title, const std::string& valueName) const {
+    std::string image;
+    for (int y = 0; y < height_; y += kParts)
+        for (int x = 0; x < width_; x += kParts)
+            for (std::size_t channel = 0; channel < 3; ++channel) {
+                int sum = 0;
+                for (int n = 0; n < kParts * kParts; ++n)
+                    sum += colours_[part(x + n % kParts, y + n / kParts)][channel];
+                image += static_cast<char>((sum + kParts * kParts / 2) / (kParts * kParts));
+            }
+
+    const std::string size = std::to_string(width_ / kParts) + "," + std::to_string(height_ / kParts);
+    std::string script = "set terminal pngcairo noenhanced background '#ffffff' font 'sans,12' size " + size +
+                         "\nset output 'picture.png'\nset encoding utf8\nunset key\nunset border\nunset tics\n"
+                         "set lmargin at screen 0\nset rmargin at screen 1\n"
+                         "set bmargin at screen 0\nset tmargin at screen 1\nset xrange [0:" +
+                         std::to_string(width_) + "]\nset yrange [0:" + std::to_string(height_) + "]\n";
+    const auto write = [&](const Label& label, const std::string& look = "") {
+        script += "set label " + scriptString(label.text) + " at " + number(label.at[0], 6) + "," +
+                  number(label.at[1], 6) + " front " + label.alignment + look + "\n";
+    };
+    for (const Label& label : labels_) write(label);
+    write({{0.5 * width_, height_ - 72.0, 0.0}, "center", title}, " font 'sans,15'");
+    if (isEmpty_) write({{0.5 * width_, 0.5 * height_, 0.0}, "center", "nothing to show"}, " textcolor rgb '#808080'");
+    std::string plot =
+        "plot 'data' binary array=(" + size + ") format='%uchar' origin=(1.5,1.5) dx=3 dy=3 with rgbimage";
+    if (hasValues_) {
+        for (std::size_t n = 0; n < kPalette.size(); ++n) {
+            std::array<char, 40> entry;
+            std::snprintf(entry.data(), entry.size(), "%s %zu '#%06x'", n ? "," : "set palette defined (", n,
+                          kPalette[n]);
+            script += entry.data();
+        }
+        script += ")\nset cbrange [" + number(range_.least, 17) + ":" + number(range_.greatest, 17) +
+                  "]\nset cblabel " + scriptString(valueName) +
+                  "\nset cbtics scale 0.5\nset colorbox user origin screen 0.885,0.2 size screen 0.02,0.6\n";
+        plot += ", NaN with points palette";
+    }
+    runGnuplot(png, script + plot + "\n", image);
 }
 
 } // namespace tour

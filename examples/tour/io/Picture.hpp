@@ -1,88 +1,85 @@
 #pragma once
 
-/// Leaves PNG pictures: shaded triangle surfaces and colour-mapped slices. gnuplot draws them, in a process of its own.
-///
-/// Failure      FileError, one line, when gnuplot is missing or fails, or the file cannot be written; then a picture
-///              that was there before stays as it was. std::invalid_argument when sizes do not agree. Texts may hold
-///              anything: they reach gnuplot quoted, paths do not reach it at all, and no shell is involved.
-/// Concurrency  any number of pictures at once.
+/// Pictures of surfaces in space, with lines, axes and a key. The tour paints them; gnuplot adds what is text.
 
-#include "io/Geometry.hpp"
-#include "io/Gnuplot.hpp"
+#include <dataset/DataSet.hpp>
 
 #include <array>
 #include <cstdint>
 #include <filesystem>
-#include <optional>
 #include <span>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace tour {
 
-using Point2 = std::array<double, 2>;
+using Vantle::Point;
+using Vantle::Vector;
 using Colour = std::uint32_t; ///< 0xRRGGBB
-using ValueRange = std::pair<double, double>;
+inline constexpr Colour kEdgeColour = 0x404040;
+inline constexpr std::size_t kBlocksDrawn = 200; ///< More of them would hide what they surround.
 
-struct PictureText {
-    std::string title;
-    std::string valueLabel; ///< Beside the colour bar.
+/// From where a scene is looked at, by parallel projection.
+struct View {
+    Vector direction{-1.0, 1.0, -0.6}; ///< From the eye to the scene.
+    Vector up{0.0, 0.0, 1.0};          ///< Shown upwards; need not be normal to the direction.
+    bool isLit = true;                 ///< Else colours are exactly those of the bar.
 };
 
-struct PictureSize {
-    int width = 1000;
-    int height = 750;
-};
-
-/// One surface of a picture, in its own colour or coloured by one value per point.
-struct SurfacePart {
-    std::span<const Point3> points;
-    std::span<const Triangle> triangles;
-    std::span<const double> values = {}; ///< Empty, or one per point.
-    Colour colour = 0x8fb3d9;            ///< Where there are no values, or a value is NaN.
-};
-
-struct SurfaceView {
-    Point3 direction = {-1.0, 1.0, -0.6}; ///< From the eye to the scene; parallel projection.
-    Point3 up = {0.0, 0.0, 1.0};          ///< Shown upwards; need not be normal to the direction.
-};
-
-struct SurfaceStyle {
-    PictureText text;
-    std::optional<ValueRange> range; ///< Of the colours; by default that of the values.
-    PictureSize size;
-};
-
-/// Draws surfaces, farther triangles first, lit from the eye's upper left on both sides.
+/// One picture in the making. Of surfaces, whatever is nearer to the eye is seen; of two at the same place, the one
+/// with values.
 ///
-/// Degenerate   triangles with a coordinate that is not finite are left out; nothing to draw gives a picture that says
-///              so. Triangles that pierce each other show wrongly, as always when triangles are sorted.
-/// Cost         about a second per 100 000 triangles; from 250 000 on, points nearer to each other than about a pixel
-/// are
-///              merged first.
-void drawSurface(const std::filesystem::path& png, std::span<const SurfacePart> parts, const SurfaceView& view = {},
-                 const SurfaceStyle& style = {});
+/// Degenerate   triangles with a coordinate that is not finite are left out; colours of values that are no numbers are
+///              grey; an empty picture says so.
+/// Cost         proportional to the area that is painted, and to the number of triangles.
+class Picture {
+public:
+    /// Shows a box as large as can be. It may be flat.
+    ///
+    /// Failure      std::invalid_argument for a view without direction and for sizes that are no picture's.
+    Picture(const Vantle::Box& box, const View& view, int width = 1000, int height = 750);
 
-/// Values on a uniform lattice of `columns` × `rows`, row by row from the lowest, each the colour of one cell around
-/// its point. Where it is not finite, the cell stays white; where none is, the picture says that there is nothing.
-struct Slice {
-    std::size_t columns = 0;
-    std::size_t rows = 0;
-    Point2 origin{};
-    Point2 spacing{1.0, 1.0};
-    std::span<const double> values;
+    /// A surface in colours from dark to light for the values at its points, from the least to the greatest.
+    void add(const Vantle::Surface& surface, const Vantle::Values& values);
+    /// A surface in one colour.
+    void add(const Vantle::Surface& surface, Colour colour);
+    /// A line through points; surfaces that were added before may hide it.
+    void addLine(std::span<const Point> points, Colour colour);
+    /// The edges of the box behind the scene, and three of them with names and numbers.
+    void addAxes();
+    /// Says below the picture what is of this colour.
+    void addKey(Colour colour, const std::string& text);
+
+    /// Leaves the picture as a PNG file, with a bar of the colours if there are values.
+    ///
+    /// Failure      FileError, see `Gnuplot`; what was there before stays.
+    void save(const std::filesystem::path& png, const std::string& title, const std::string& valueName = "") const;
+
+private:
+    struct Label {
+        Vector at;
+        std::string alignment, text;
+    };
+    using Weights = std::array<double, 3>;
+
+    [[nodiscard]] Vector seen(const Point& p) const;
+    [[nodiscard]] std::size_t part(int x, int y) const {
+        return static_cast<std::size_t>(y) * static_cast<std::size_t>(width_) + static_cast<std::size_t>(x);
+    }
+    template<class ColourAt>
+    void paint(const Vantle::Surface& surface, double nearer, const ColourAt& colourAt);
+    void draw(const Vector& from, const Vector& to, Colour colour);
+    void addTicks(int axis, const Vector& from, const Vector& to);
+
+    Vantle::Box box_;
+    bool isLit_, hasValues_ = false, isEmpty_ = true;
+    int width_, height_; // in parts of pixels
+    Vector right_, up_, towardsEye_, middle_;
+    double scale_ = 1.0, keyEnd_ = 60.0;
+    std::vector<float> depth_; // of parts of pixels, larger towards the eye
+    std::vector<std::array<unsigned char, 3>> colours_;
+    Vantle::NumberRange range_;
+    std::vector<Label> labels_;
 };
-
-struct SliceStyle {
-    PictureText text;
-    std::string xLabel = "x";
-    std::string yLabel = "y";
-    std::optional<ValueRange> range;           ///< Of the colours; by default that of the values.
-    std::vector<std::vector<Point2>> outlines; ///< Drawn over the slice as thin dark lines.
-    PictureSize size;
-};
-
-void drawSlice(const std::filesystem::path& png, const Slice& slice, const SliceStyle& style = {});
 
 } // namespace tour

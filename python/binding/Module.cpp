@@ -1,0 +1,95 @@
+#include "Classes.hpp"
+
+#include <baseop/Threads.hpp>
+#include <model/Version.hpp>
+
+#include <pybind11/stl/filesystem.h>
+
+namespace VantlePython {
+
+namespace {
+
+/// As many threads as wanted between `__enter__` and `__exit__`.
+class Threads {
+public:
+    explicit Threads(int count) : myCount(count) {
+        if (count < 1) throw py::value_error("threads: less than one");
+    }
+    void enter() { myScope = std::make_unique<Vantle::ScopedThreads>(myCount); }
+    void exit(const py::args&) { myScope = nullptr; }
+
+private:
+    int myCount;
+    std::unique_ptr<Vantle::ScopedThreads> myScope;
+};
+
+template<class T>
+std::optional<T> chosen(const std::optional<std::string>& given, const char* name, const char* first, T firstValue,
+                        const char* second, T secondValue) {
+    if (!given) return std::nullopt;
+    if (*given == first) return firstValue;
+    if (*given == second) return secondValue;
+    throw py::value_error(std::string(name) + ": expected \"" + first + "\" or \"" + second + "\", got \"" + *given +
+                          '"');
+}
+
+DataSetObject readFiles(const py::args& given, const py::object& memory, double heatRatio,
+                        std::optional<bool> recordMarks, std::optional<bool> multiBlock, std::optional<bool> blanking,
+                        const std::optional<std::string>& byteOrder, const std::optional<std::string>& scalar) {
+    std::vector<std::filesystem::path> files;
+    for (const py::handle& file : given) files.push_back(file.cast<std::filesystem::path>());
+    Vantle::ReadOptions options;
+    options.heatRatio = heatRatio;
+    options.form.recordMarks = recordMarks;
+    options.form.multiBlock = multiBlock;
+    options.form.blanking = blanking;
+    options.form.byteOrder = chosen(byteOrder, "byte_order", "big", std::endian::big, "little", std::endian::little);
+    options.form.scalar =
+        chosen(scalar, "scalar", "float32", Vantle::Plot3DScalar::float32, "float64", Vantle::Plot3DScalar::float64);
+    const std::size_t budget = bytesOf(memory);
+    return {run([&] {
+        Vantle::DataSet data = Vantle::DataSet::read(files, options);
+        data.memoryBudget(budget);
+        return data;
+    })};
+}
+
+} // namespace
+
+} // namespace VantlePython
+
+PYBIND11_MODULE(_vantle, module) {
+    using namespace VantlePython;
+    module.doc() = "What `vantle` is made of.";
+    module.attr("__version__") = VANTLE_VERSION_STRING;
+    Hestra::Console::setListener({}); // what teams of threads say; see `messages`
+    registerExceptions();
+    defineBlock(module);
+    defineLocated(module);
+    defineSurface(module);
+    defineJoins(module);
+    defineDataSet(module);
+
+    py::class_<Threads>(module, "threads",
+                        R"doc(``with vantle.threads(n):`` what this thread calls uses at most n threads.
+
+Results do not depend on it. By default all cores, or ``OMP_NUM_THREADS``.)doc")
+        .def(py::init<int>(), py::arg("count"))
+        .def("__enter__", &Threads::enter)
+        .def("__exit__", &Threads::exit);
+    module.def("thread_count", &Vantle::ScopedThreads::count, "How many threads operations called by this one use.");
+    module.def("set_listener", &setMessages, py::arg("listener"), "See `vantle.messages`.");
+    module.def("read", &readFiles, py::arg("memory") = py::none(), py::arg("heat_ratio") = 1.4,
+               py::arg("record_marks") = py::none(), py::arg("multi_block") = py::none(),
+               py::arg("blanking") = py::none(), py::arg("byte_order") = py::none(), py::arg("scalar") = py::none(),
+               R"doc(The data of PLOT3D files: a grid, then its solutions and function files.
+
+Only headers are read now; arrays are read when they are needed, and dropped beyond `memory`: bytes, "2 GiB", or None
+for no limit. A file of names (.nam) goes before the functions that it names. Blocks are called "block1", "block2", ...
+
+heat_ratio                              of the gas, for pressures.
+record_marks, multi_block, blanking     what is known of the form of the files; None is found out.
+byte_order, scalar                      "big" or "little", "float32" or "float64"; None is found out.
+
+OSError names the file.)doc");
+}

@@ -1,0 +1,366 @@
+#include <model/vantle/DoublePrecision.hpp>
+#include <model/vantle/GridKinds.hpp>
+#include <model/vantle/MemArray.hpp>
+
+#include <algorithm>
+#include <array>
+#include <set>
+#include <utility>
+#include <vtk/VtkObjects.hpp>
+#include <vtkCellData.h>
+#include <vtkCompositeDataIterator.h>
+#include <vtkCompositeDataSet.h>
+#include <vtkDataSetAttributes.h>
+#include <vtkDoubleArray.h>
+#include <vtkImageData.h>
+#include <vtkInformation.h>
+#include <vtkMatrix3x3.h>
+#include <vtkMultiBlockDataSet.h>
+#include <vtkPartitionedDataSet.h>
+#include <vtkPartitionedDataSetCollection.h>
+#include <vtkPointData.h>
+#include <vtkPoints.h>
+#include <vtkRectilinearGrid.h>
+#include <vtkStructuredGrid.h>
+#include <vtkUnsignedCharArray.h>
+
+namespace Vantle {
+
+using Hestra::StrongPtr;
+using Fate = VtkPart::Fate;
+using Tensor = Orvix::Quadratic<3, double>;
+
+std::string describe(const VtkReport& report) {
+    std::string text;
+    for (const VtkPart& part : report) {
+        const char* const fate = part.fate == Fate::Shared   ? "shared"
+                                 : part.fate == Fate::Copied ? "copied"
+                                                             : "left out";
+        text += part.what + ": " + fate + (part.reason.empty() ? "" : " (" + part.reason + ")") + "\n";
+    }
+    return text;
+}
+
+namespace {
+
+std::string inQuotes(const std::string& name) { return "\"" + name + "\""; }
+
+struct Leaf {
+    std::string name;
+    vtkDataObject* object;
+};
+
+/// All parts of an object, however deep, that have no parts themselves.
+void collect(vtkDataObject* object, const std::string& name, std::vector<Leaf>& leaves) {
+    std::vector<std::pair<vtkInformation*, vtkDataObject*>> parts;
+    const auto take = [&](auto* tree, unsigned count, const auto& part) {
+        for (unsigned n = 0; n < count; ++n)
+            parts.emplace_back(tree->HasMetaData(n) ? tree->GetMetaData(n) : nullptr, part(n));
+    };
+    if (auto* const blocks = vtkMultiBlockDataSet::SafeDownCast(object)) {
+        take(blocks, blocks->GetNumberOfBlocks(), [&](unsigned n) { return blocks->GetBlock(n); });
+    } else if (auto* const collection = vtkPartitionedDataSetCollection::SafeDownCast(object)) {
+        take(collection, collection->GetNumberOfPartitionedDataSets(),
+             [&](unsigned n) { return collection->GetPartitionedDataSet(n); });
+    } else if (auto* const partitions = vtkPartitionedDataSet::SafeDownCast(object)) { // multi-piece data sets, too
+        take(partitions, partitions->GetNumberOfPartitions(),
+             [&](unsigned n) { return partitions->GetPartitionAsDataObject(n); });
+    } else if (auto* const others = vtkCompositeDataSet::SafeDownCast(object)) {
+        const auto each = vtk::TakeSmartPointer(others->NewIterator());
+        for (each->InitTraversal(); !each->IsDoneWithTraversal(); each->GoToNextItem())
+            parts.emplace_back(nullptr, each->GetCurrentDataObject());
+    } else {
+        if (object) leaves.push_back({name, object});
+        return;
+    }
+    for (std::size_t n = 0; n < parts.size(); ++n) {
+        const auto& [data, part] = parts[n];
+        std::string own;
+        if (data && data->Has(vtkCompositeDataSet::NAME())) own = data->Get(vtkCompositeDataSet::NAME());
+        if (own.empty() && (parts.size() > 1 || name.empty())) own = std::to_string(n);
+        collect(part, name.empty() || own.empty() ? name + own : name + "/" + own, leaves);
+    }
+}
+
+std::string nameOf(vtkAbstractArray& array, const char* kind, int number) {
+    const char* const name = array.GetName();
+    return name && *name ? name : kind + std::to_string(number);
+}
+
+/// The element type that looks at the numbers of an array where they are; that of void if there is none.
+VantleTypeIndex elementOf(vtkDataArray& array, bool isOfPoints) {
+    if (!array.HasStandardMemoryLayout()) return {};
+    const int components = array.GetNumberOfComponents();
+    switch (array.GetDataType()) {
+    case VTK_DOUBLE:
+        return components == 9   ? typeid(Tensor)
+               : components == 1 ? typeid(double)
+               : isOfPoints      ? typeid(Point)
+                                 : typeid(Vector);
+    case VTK_FLOAT:
+        if (components == 9) return {};
+        return components == 1 ? typeid(float) : isOfPoints ? typeid(FloatPoint) : typeid(FloatVector);
+    default:
+        break;
+    }
+    if (components != 1) return {};
+    switch (array.GetDataType()) {
+    case VTK_SHORT:
+        return typeid(short);
+    case VTK_INT:
+        return typeid(int);
+    case VTK_UNSIGNED_CHAR:
+        return typeid(unsigned char);
+    case VTK_UNSIGNED_SHORT:
+        return typeid(unsigned short);
+    case VTK_UNSIGNED_INT:
+        return typeid(unsigned int);
+    default:
+        return {};
+    }
+}
+
+class Input {
+public:
+    explicit Input(const VtkInput& options) : myOptions(options) {}
+
+    void add(std::string name, vtkDataObject& object);
+    /// The data set; what was left out, if there is nothing else.
+    [[nodiscard]] DataSet result(const std::string& ofClass) {
+        if (!myNames.empty()) return myDataSet;
+        std::string reasons = describe(myReport);
+        if (!reasons.empty()) reasons.pop_back();
+        std::replace(reasons.begin(), reasons.end(), '\n', ';');
+        throw DataSetError("nothing that can be taken in " + ofClass + ": " + (reasons.empty() ? "no parts" : reasons));
+    }
+    [[nodiscard]] const VtkReport& report() const noexcept { return myReport; }
+
+private:
+    struct Block {
+        std::string name;
+        MultiIndex<3> size, cells;
+        [[nodiscard]] std::string what(const std::string& part) const {
+            return "block " + inQuotes(name) + ", " + part;
+        }
+    };
+
+    void tell(std::string what, Fate fate, std::string reason = {}) {
+        myReport.push_back({std::move(what), fate, std::move(reason)});
+    }
+    StrongPtr<MemBase> take(vtkDataArray& array, const Block& block, bool isOfPoints, const std::string& what,
+                            const char* made = nullptr);
+    void addPositions(const Block& block, vtkDataSet& grid);
+    void addImage(const Block& block, vtkImageData& image);
+    void addMasks(const Block& block, vtkDataSet& grid);
+    void addField(const Block& block, const std::string& name, vtkDataArray& array, const std::string& what,
+                  const char* made = nullptr);
+    void addFields(const Block& block, vtkDataSet& grid);
+
+    VtkInput myOptions;
+    DataSet myDataSet;
+    std::set<std::string> myNames;
+    VtkReport myReport;
+};
+
+/// An array over the memory of one of VTK, or over that of a copy, which it keeps alive.
+StrongPtr<MemBase> Input::take(vtkDataArray& array, const Block& block, bool isOfPoints, const std::string& what,
+                               const char* made) {
+    vtkSmartPointer<vtkDataArray> kept = &array;
+    VantleTypeIndex element = elementOf(array, isOfPoints);
+    const std::string layout = !array.HasStandardMemoryLayout()
+                                   ? std::string(array.GetClassName()) + " keeps its numbers in another order"
+                                   : std::string("of ") + array.GetDataTypeAsString();
+    if (made) {
+        tell(what, Fate::Copied, made);
+    } else if (element && !myOptions.copy) {
+        tell(what, Fate::Shared);
+    } else {
+        kept = element ? vtk::TakeSmartPointer(array.NewInstance())
+                       : vtkSmartPointer<vtkDataArray>(vtkSmartPointer<vtkDoubleArray>::New());
+        kept->DeepCopy(&array);
+        tell(what, Fate::Copied, element ? "on request" : layout);
+        element = elementOf(*kept, isOfPoints);
+    }
+    const ForeignMemory memory{.elements = kept->GetVoidPointer(0)};
+    return adopt(element, memory, DynamicSize(block.size),
+                 MemoryOwner(std::make_shared<const vtkSmartPointer<vtkDataArray>>(kept)));
+}
+
+void Input::addImage(const Block& block, vtkImageData& image) {
+    Box box;
+    bool isUpright = image.GetDirectionMatrix()->IsIdentity();
+    for (int d = 0; d < 3; ++d) {
+        box.low[d] = image.GetOrigin()[d] + image.GetSpacing()[d] * image.GetExtent()[2 * d];
+        box.high[d] = box.low[d] + image.GetSpacing()[d] * static_cast<double>(block.size[d] - 1);
+        isUpright = isUpright && (block.size[d] == 1 || box.low[d] < box.high[d]);
+    }
+    if (isUpright) {
+        myDataSet.addUniformBlock(block.name, block.size, box);
+        return tell(block.what("positions"), Fate::Shared, "a box");
+    }
+    std::vector<Point> points(block.size.product());
+    for (std::size_t n = 0; n < points.size(); ++n) {
+        std::array<double, 3> at{};
+        image.GetPoint(static_cast<vtkIdType>(n), at.data());
+        points[n] = {at[0], at[1], at[2]};
+    }
+    myDataSet.addBlock(block.name, block.size, std::move(points));
+    tell(block.what("positions"), Fate::Copied, "a turned or mirrored image");
+}
+
+void Input::addPositions(const Block& block, vtkDataSet& grid) {
+    if (auto* const image = vtkImageData::SafeDownCast(&grid)) {
+        addImage(block, *image);
+    } else if (auto* const rectilinear = vtkRectilinearGrid::SafeDownCast(&grid)) {
+        std::array<std::vector<double>, 3> axes;
+        const std::array<vtkDataArray*, 3> from{rectilinear->GetXCoordinates(), rectilinear->GetYCoordinates(),
+                                                rectilinear->GetZCoordinates()};
+        for (std::size_t d = 0; d < 3; ++d)
+            for (vtkIdType n = 0; n < from[d]->GetNumberOfTuples(); ++n) axes[d].push_back(from[d]->GetComponent(n, 0));
+        myDataSet.addRectilinearBlock(block.name, axes[0], axes[1], axes[2]);
+        tell(block.what("positions"), Fate::Copied, "three lists of coordinates");
+    } else {
+        vtkPoints* const points = vtkStructuredGrid::SafeDownCast(&grid)->GetPoints();
+        myDataSet.addBlock(block.name, take(*points->GetData(), block, true, block.what("positions")));
+    }
+}
+
+void Input::addMasks(const Block& block, vtkDataSet& grid) {
+    const auto add = [&](vtkDataSetAttributes* data, const MultiIndex<3>& size, unsigned blanked, bool isOfCells) {
+        auto* const ghosts = vtkUnsignedCharArray::SafeDownCast(data->GetArray(vtkDataSetAttributes::GhostArrayName()));
+        if (!ghosts || static_cast<index_t>(ghosts->GetNumberOfTuples()) != size.product()) return;
+        const auto mask = MemArray<3, unsigned char>::create(size);
+        bool isAllValid = true;
+        for (index_t n = 0; n < size.product(); ++n) {
+            const bool isValid = (ghosts->GetValue(static_cast<vtkIdType>(n)) & blanked) == 0;
+            mask->element(n) = isValid ? 1 : 0;
+            isAllValid = isAllValid && isValid;
+        }
+        if (isAllValid) return;
+        if (isOfCells)
+            myDataSet.setCellMask(block.name, StrongPtr<MemBase>(mask));
+        else
+            myDataSet.setVertexMask(block.name, StrongPtr<MemBase>(mask));
+        tell(block.what(isOfCells ? "vtkGhostType of cells" : "vtkGhostType of points"), Fate::Copied, "made a mask");
+    };
+    // Points that another part has, too, are valid here and there; duplicated cells are that other part's.
+    add(grid.GetPointData(), block.size, vtkDataSetAttributes::HIDDENPOINT, false);
+    add(grid.GetCellData(), block.cells, vtkDataSetAttributes::HIDDENCELL | vtkDataSetAttributes::DUPLICATECELL, true);
+}
+
+void Input::addField(const Block& block, const std::string& name, vtkDataArray& array, const std::string& what,
+                     const char* made) {
+    try {
+        myDataSet.setField(name, block.name, take(array, block, false, what, made));
+    } catch (const DataSetError& reason) { // of another kind than in an earlier block, or with a name that means more
+        myReport.back() = {what, Fate::LeftOut, reason.what()};
+    }
+}
+
+/// At each vertex the mean of the cells around it.
+vtkSmartPointer<vtkDataArray> averaged(vtkDataArray& cellValues, const MultiIndex<3>& size,
+                                       const MultiIndex<3>& cells) {
+    const int components = cellValues.GetNumberOfComponents();
+    auto all = vtkSmartPointer<vtkDoubleArray>::New();
+    all->SetNumberOfComponents(components);
+    all->SetNumberOfTuples(static_cast<vtkIdType>(size.product()));
+    MultiIndex<3> at;
+    if (size.product() > 0) do {
+            MultiIndex<3> first, last;
+            for (int d = 0; d < 3; ++d) {
+                first[d] = at[d] > 0 ? at[d] - 1 : 0;
+                last[d] = std::min(at[d], cells[d] - 1);
+            }
+            for (int c = 0; c < components; ++c) {
+                double sum = 0, count = 0;
+                MultiIndex<3> cell;
+                for (cell[2] = first[2]; cell[2] <= last[2]; ++cell[2])
+                    for (cell[1] = first[1]; cell[1] <= last[1]; ++cell[1])
+                        for (cell[0] = first[0]; cell[0] <= last[0]; ++cell[0], ++count)
+                            sum += cellValues.GetComponent(static_cast<vtkIdType>(cell.linear(cells)), c);
+                all->SetComponent(static_cast<vtkIdType>(at.linear(size)), c, sum / count);
+            }
+        } while (at.advance(size));
+    return all;
+}
+
+void Input::addFields(const Block& block, vtkDataSet& grid) {
+    const auto each = [&](vtkDataSetAttributes* data, const char* kind, const char* unnamed, index_t count,
+                          const auto& add) {
+        for (int n = 0; n < data->GetNumberOfArrays(); ++n) {
+            vtkAbstractArray* const any = data->GetAbstractArray(n);
+            const std::string name = nameOf(*any, unnamed, n);
+            if (name == vtkDataSetAttributes::GhostArrayName()) continue;
+            const std::string what = block.what(kind + inQuotes(name));
+            auto* const array = vtkDataArray::SafeDownCast(any);
+            const int components = array ? array->GetNumberOfComponents() : 0;
+            if (!array)
+                tell(what, Fate::LeftOut, "no numbers");
+            else if (components != 1 && components != 3 && components != 9)
+                tell(what, Fate::LeftOut, std::to_string(components) + " components");
+            else if (static_cast<index_t>(array->GetNumberOfTuples()) != count)
+                tell(what, Fate::LeftOut,
+                     std::to_string(array->GetNumberOfTuples()) + " values for " + std::to_string(count) + " places");
+            else
+                add(name, *array, what);
+        }
+    };
+    each(grid.GetPointData(), "field ", "array ", block.size.product(),
+         [&](const std::string& name, vtkDataArray& array, const std::string& what) {
+             addField(block, name, array, what);
+         });
+    each(grid.GetCellData(), "cell data ", "cell array ", block.cells.product(),
+         [&](const std::string& name, vtkDataArray& array, const std::string& what) {
+             if (myOptions.cellData == VtkCellData::LeaveOut)
+                 tell(what, Fate::LeftOut, "fields are of vertices; VtkCellData::Average takes averages");
+             else if (grid.GetPointData()->HasArray(name.c_str()))
+                 tell(what, Fate::LeftOut, "there is a field of this name");
+             else
+                 addField(block, name, *averaged(array, block.size, block.cells), what, "averaged to vertices");
+         });
+}
+
+void Input::add(std::string name, vtkDataObject& object) {
+    std::array<int, 6> extent{};
+    auto* const grid = vtkDataSet::SafeDownCast(&object);
+    if (auto* const image = vtkImageData::SafeDownCast(grid))
+        image->GetExtent(extent.data());
+    else if (auto* const rectilinear = vtkRectilinearGrid::SafeDownCast(grid))
+        rectilinear->GetExtent(extent.data());
+    else if (auto* const structured = vtkStructuredGrid::SafeDownCast(grid))
+        structured->GetExtent(extent.data());
+    else
+        return tell("block " + inQuotes(name), Fate::LeftOut,
+                    std::string(object.GetClassName()) + " has no three indices");
+
+    const std::string plain = name;
+    for (int n = 2; myNames.contains(name); ++n) name = plain + " (" + std::to_string(n) + ")";
+    Block block{name, {}, {}};
+    for (int d = 0; d < 3; ++d) {
+        const int count = extent[static_cast<std::size_t>(2 * d + 1)] - extent[static_cast<std::size_t>(2 * d)] + 1;
+        if (count < 1) return tell("block " + inQuotes(name), Fate::LeftOut, "no vertices");
+        block.size[d] = static_cast<index_t>(count);
+        block.cells[d] = static_cast<index_t>(std::max(count - 1, 1));
+    }
+    if (static_cast<index_t>(grid->GetNumberOfPoints()) != block.size.product())
+        return tell("block " + inQuotes(name), Fate::LeftOut,
+                    std::to_string(grid->GetNumberOfPoints()) + " points for the extents " + to_string(block.size));
+    addPositions(block, *grid);
+    myNames.insert(block.name);
+    addMasks(block, *grid);
+    addFields(block, *grid);
+}
+
+} // namespace
+
+DataSet fromVtk(vtkDataObject* object, const VtkInput& options) {
+    if (!object) throw DataSetError("no object of VTK to take data from");
+    std::vector<Leaf> leaves;
+    collect(object, "", leaves);
+    Input input(options);
+    for (const Leaf& leaf : leaves) input.add(leaf.name.empty() ? "block" : leaf.name, *leaf.object);
+    if (options.report) *options.report = input.report();
+    return input.result(object->GetClassName());
+}
+
+} // namespace Vantle
