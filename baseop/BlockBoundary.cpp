@@ -1,6 +1,7 @@
 #include <baseop/BlockBoundary.hpp>
 #include <baseop/detail/QuadCut.hpp>
 #include <baseop/detail/surface/IsoSweep.hpp>
+#include <baseop/detail/surface/OpenQuads.hpp>
 #include <model/hestra/Freshness.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/hestra/Pulse.hpp>
@@ -19,6 +20,8 @@
 
 namespace Vantle {
 
+using detail::components;
+using detail::Quad;
 using Hestra::Freshness;
 using Hestra::StrongPtr;
 using Orvix::PhysicalSpace;
@@ -71,60 +74,6 @@ private:
     std::vector<Block> myBlocks;
 };
 
-/// The corners of a quad, in turn.
-using Quad = std::array<BlockVertex, 4>;
-
-/// The blocks of a grid, and what is valid in them.
-struct Blocks {
-    StrongPtr<BlockJoins> joins;
-    std::vector<StrongPtr<const BlockMask>> masks;
-
-    Blocks(const StrongPtr<BlockJoins>& known, const Blanking& blanking) : joins(known) {
-        for (unsigned int b = 0; b < joins->blocks(); ++b)
-            masks.push_back(joins->size(b).product() > 0 ? blanking.of(joins->fragment(b), joins->size(b)) : nullptr);
-    }
-
-    /// Calls `take(quad)` for the quads of a block with a valid cell on one side and nothing on the other, each by its
-    /// corners' owners and wound to show out of the cell where the block's index space is right-handed.
-    template<class Take>
-    void forOpenQuads(unsigned int block, const Take& take) const {
-        const MultiIndex<3>& size = joins->size(block);
-        if (size[0] < 2 || size[1] < 2 || size[2] < 2) return;
-        const BlockMask* const mask = masks[block].rawptr();
-        for (int d = 0; d < 3; ++d) {
-            const int u = (d + 1) % 3, v = (d + 2) % 3;
-            MultiIndex<3> lowest;
-            const auto add = [&](bool upper) {
-                Quad quad;
-                for (std::size_t c = 0; c < 4; ++c) {
-                    MultiIndex<3> corner = lowest;
-                    corner[u] += c == 1 || c == 2;
-                    corner[v] += c > 1;
-                    quad[upper ? c : 3 - c] = joins->owner({block, corner.linear(size)});
-                }
-                take(quad);
-            };
-            const auto isValid = [&](index_t layer) {
-                MultiIndex<3> cell = lowest;
-                cell[d] = layer;
-                return layer + 1 < size[d] && (!mask || mask->isCellValid(cell));
-            };
-            // Between blanked and other cells there are quads everywhere.
-            const index_t step = mask ? 1 : size[d] - 1;
-            for (index_t layer = 0; layer < size[d]; layer += step) {
-                Hestra::Pulse::beat((d + static_cast<double>(layer) / static_cast<double>(size[d])) / 3.0);
-                for (lowest[v] = 0; lowest[v] + 1 < size[v]; ++lowest[v])
-                    for (lowest[u] = 0; lowest[u] + 1 < size[u]; ++lowest[u]) {
-                        lowest[d] = layer;
-                        const bool below = layer > 0 && isValid(layer - 1), above = isValid(layer);
-                        const bool isEnd = layer == 0 || layer + 1 == size[d];
-                        if (below != above && (!isEnd || joins->isOpen({block, d, below}, lowest))) add(below);
-                    }
-            }
-        }
-    }
-};
-
 [[noreturn]] void refuse(const std::string& why) { throw std::invalid_argument("BlockBoundary: " + why); }
 
 /// The elements of a field at the vertices that have numbers, in their order.
@@ -162,23 +111,6 @@ StrongPtr<MemBase> elementsAt(const BlockJoins& joins, const VertexNumbers& vert
     return joined;
 }
 
-/// For each block the lowest one that it hangs together with.
-std::vector<unsigned int> components(const BlockJoins& joins) {
-    std::vector<unsigned int> lowest(joins.blocks());
-    for (unsigned int b = 0; b < joins.blocks(); ++b) lowest[b] = b;
-    const auto find = [&](unsigned int b) {
-        while (lowest[b] != b) b = lowest[b] = lowest[lowest[b]];
-        return b;
-    };
-    for (const BlockJoin& join : joins.joins()) {
-        if (join.motion >= 0) continue;
-        const unsigned int first = find(join.first.block), second = find(join.second.block);
-        lowest[std::max(first, second)] = std::min(first, second);
-    }
-    for (unsigned int b = 0; b < joins.blocks(); ++b) lowest[b] = find(b);
-    return lowest;
-}
-
 /// Triangles of the blocks one after the other, those of block b up to `ends[b]`.
 struct Hull {
     std::vector<TriangleCell> triangles;
@@ -186,16 +118,16 @@ struct Hull {
 
     /// Turns those of blocks that hang together round where they enclose less than nothing.
     void turnOutward(const BlockJoins& joins, const std::vector<point>& points) {
-        const std::vector<unsigned int> component = components(joins);
-        std::vector<double> volume(ends.size(), 0.0);
+        const std::vector<unsigned int> component = components(ends.size(), joins.joins());
+        // Summed up block by block: so can be done who has not all blocks.
+        std::vector<double> volume(ends.size(), 0.0), ofBlock(ends.size(), 0.0);
         std::vector<std::pair<bool, point>> origin(ends.size()); // of each component, near by: less is rounded off
         forBlocks([&](unsigned int block, TriangleCell& triangle) {
             auto& [isKnown, from] = origin[component[block]];
             if (!std::exchange(isKnown, true)) from = points[triangle[0]];
-            const double sixfold =
-                dot(points[triangle[0]] - from, cross(points[triangle[1]] - from, points[triangle[2]] - from));
-            if (std::isfinite(sixfold)) volume[component[block]] += sixfold;
+            ofBlock[block] += detail::sixfoldVolume(triangle, points, from);
         });
+        for (unsigned int block = 0; block < ends.size(); ++block) volume[component[block]] += ofBlock[block];
         forBlocks([&](unsigned int block, TriangleCell& triangle) {
             if (volume[component[block]] < 0.0) std::swap(triangle[1], triangle[2]);
         });
@@ -210,7 +142,7 @@ private:
     }
 };
 
-Hull hullOf(const Blocks& blocks, const VertexNumbers& vertices, const std::vector<point>& points) {
+Hull hullOf(const detail::OpenQuads& blocks, const VertexNumbers& vertices, const std::vector<point>& points) {
     const BlockJoins& joins = *blocks.joins;
     Hull hull;
     for (unsigned int b = 0; b < joins.blocks(); ++b) {
@@ -283,7 +215,7 @@ StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::
     const StrongPtr<BlockJoins> joins = BlockJoins::of(grid, options.joins);
     if (known && isCurrent(*known, joins, blanking, options.fields, fields)) return known;
 
-    const Blocks blocks(joins, blanking);
+    const detail::OpenQuads blocks(joins, blanking);
     VertexNumbers vertices(*joins);
     for (unsigned int b = 0; b < joins->blocks(); ++b) {
         const Hestra::Pulse::Part part(0.5 * b / joins->blocks(), 0.5 * (b + 1) / joins->blocks());

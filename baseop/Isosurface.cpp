@@ -264,12 +264,14 @@ void FragmentIsoSurfacer::joinBlocks(const StrongPtr<BlockJoins>& joins, const S
     myJoined = std::make_unique<detail::JoinedBlocks>(joins, values);
 }
 
+bool FragmentIsoSurfacer::hasDropped() const noexcept { return myJoined && myJoined->hasDropped(); }
+
 void FragmentIsoSurfacer::cutByPlane(const PhysicalSpace::point& origin, const PhysicalSpace::vector& normal) {
     myPlane = std::make_unique<const PlaneDistance>(planeOf(origin, normal));
 }
 
 void FragmentIsoSurfacer::finish() {
-    if (!myJoined || !myJoined->hasDropped()) return;
+    if (!hasDropped()) return;
     std::vector<std::size_t*> ends;
     for (detail::SurfacePiece& piece : myPieces) ends.push_back(&piece.endVertex);
     detail::removeUnused(

@@ -247,6 +247,9 @@ public:
     /// Called after the last fragment: drops vertices that joining has left without triangles, as where a block is
     /// collapsed.
     void finish();
+    /// Whether joining has left out triangles until now, so that some vertices may have none. Who puts several surfaces
+    /// together asks this instead of finishing each: a vertex without triangles in one may have some in another.
+    [[nodiscard]] bool hasDropped() const noexcept;
     /// The masks of the grid that the fragments belong to: cells that are not valid have no surface. None by default.
     void setBlanking(const Blanking& masks) { myBlanking = masks; }
 

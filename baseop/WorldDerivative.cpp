@@ -696,7 +696,7 @@ private:
         const unsigned int block = joins ? joins->find(myID) : 0;
         StrongPtr<MemBase> made;
         withMemArray<3>(DerivableTypes(), own.values, [&]<class T>(const MemArray<3, T>& values) {
-            if (joins && block < joins->blocks() && !(joins->joins().empty() && joins->shared(block).empty()))
+            if (joins && block < joins->blocks() && !(joins->joins(block).empty() && joins->shared(block).empty()))
                 made = deriveJoined<T>(*myInputs, *joins, block, readings);
             else
                 made = deriveBlock(values, BlockPositions(own.positions), own.mask.rawptr(), false);

@@ -451,10 +451,13 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
                                        options)
                      : ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
     };
-    StrongPtr<Grid> made = compute();
+    StrongPtr<Grid> made = compute(), before;
     if (const auto box = ComputeNumberBox(made->CartesianPositions()->getData()); box && box->hasNaN) {
-        // Vertices that are nowhere: beside them, too, there is no surface.
-        fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), fields, cache));
+        // Vertices that are nowhere: beside them, too, there is no surface. The mask follows that of another grid: in its
+        // own it would find itself.
+        before = view();
+        before->getCartesianRepresentation()->setField(VertexMaskName, fields->findField(VertexMaskName));
+        fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), before->getCartesianRepresentation(), cache));
         home->remove("surface");
         made = compute();
     }

@@ -18,7 +18,7 @@
 namespace Vantle::detail {
 
 /// Who hears the requests of this thread: the innermost `ScopedMessages`, else nobody.
-[[nodiscard]] const Hestra::Console::Listener& messages() noexcept;
+[[nodiscard]] VANTLE_DATASET_API const Hestra::Console::Listener& messages() noexcept;
 
 /// Does what is requested, heard by nobody else, and says what was requested when it fails.
 template<class F>
@@ -66,7 +66,8 @@ auto request(const std::string& what, const Progress& progress, const F& f) {
 }
 
 /// "no field "presure"; there are: "pressure", "density"", the nearest name first.
-[[nodiscard]] UnknownName unknownName(const std::string& kind, const std::string& name, std::vector<std::string> known);
+[[nodiscard]] VANTLE_DATASET_API UnknownName unknownName(const std::string& kind, const std::string& name,
+                                                         std::vector<std::string> known);
 
 /// A name in quotes.
 [[nodiscard]] inline std::string quoted(const std::string& name) { return '"' + name + '"'; }

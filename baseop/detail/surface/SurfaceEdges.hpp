@@ -26,7 +26,7 @@ struct SurfacePiece {
 };
 
 /// Kept beside the points of a surface.
-class SurfaceEdges : public Hestra::Interface<SurfaceEdges> {
+class VANTLE_BASEOP_API SurfaceEdges : public Hestra::Interface<SurfaceEdges> {
 public:
     /// Those that the surface was made with; null: blocks were not joined.
     Hestra::StrongPtr<BlockJoins> joins;
