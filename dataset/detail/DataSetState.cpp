@@ -453,8 +453,8 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     };
     StrongPtr<Grid> made = compute(), before;
     if (const auto box = ComputeNumberBox(made->CartesianPositions()->getData()); box && box->hasNaN) {
-        // Vertices that are nowhere: beside them, too, there is no surface. The mask follows that of another grid: in its
-        // own it would find itself.
+        // Vertices that are nowhere: beside them, too, there is no surface. The mask follows that of another grid: in
+        // its own it would find itself.
         before = view();
         before->getCartesianRepresentation()->setField(VertexMaskName, fields->findField(VertexMaskName));
         fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), before->getCartesianRepresentation(), cache));
