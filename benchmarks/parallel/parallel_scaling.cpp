@@ -63,6 +63,11 @@ int main(int argc, char** argv) {
     MPI_Comm_size(MPI_COMM_WORLD, &ranks);
     const int perAxis = argc > 1 ? std::atoi(argv[1]) : 4, vertices = argc > 2 ? std::atoi(argv[2]) : 33;
     const int repeats = argc > 3 ? std::atoi(argv[3]) : 5, count = perAxis * perAxis * perAxis;
+    if (perAxis < 1 || vertices < 2 || repeats < 1) {
+        if (rank == 0)
+            std::cerr << "usage: parallel_scaling [blocks along an axis] [vertices along an axis] [repeats]\n";
+        return MPI_Finalize(), 2;
+    }
     {
         ParallelOptions options, everything;
         const DataSet mine = blocksOf(
