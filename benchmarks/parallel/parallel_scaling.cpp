@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <iostream>
 #include <parallel/ParallelDataSet.hpp>
 #include <random>
 
