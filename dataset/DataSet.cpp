@@ -651,7 +651,12 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                 }
         DataSet result(now.time);
         result.addUniformBlock("image", size, box);
-        for (const Target& target : targets) result.setField(target.name, "image", target.array);
+        Step& image = result.ownStep(); // where names of derived fields are those of values like any others
+        for (const Target& target : targets) {
+            const StrongPtr<Field> of = copyOf(nullptr, image.positions()->getFragmentIDCollection());
+            of->setCreator(creatorOf(target.array, image.cache), image.block("image").id);
+            image.setField(target.name, of);
+        }
         if (found != size.product()) result.setVertexMask("image", StrongPtr<MemBase>(mask));
         return result;
     });

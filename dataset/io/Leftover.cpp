@@ -23,8 +23,10 @@ Registry& registry() {
 }
 
 void removeAll(const std::filesystem::path& path) {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
+    // What others put into a folder meanwhile keeps it there; once it is gone, they cannot.
+    std::error_code problem;
+    for (int attempt = 0; attempt < 100; ++attempt)
+        if (std::filesystem::remove_all(path, problem); !problem) return;
 }
 
 } // namespace

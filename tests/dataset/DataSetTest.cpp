@@ -443,7 +443,8 @@ TEST(DataSetTest, ResamplesWithAMaskOfWhatIsOutside) {
     const DataSet flow = ring(4);
     std::vector<double> told;
     const Box box{{-2.1, -2.1, 0.1}, {2.1, 2.1, 1.4}};
-    const DataSet image = flow.resample({90, 80, 45}, box, {"plane", "velocity"}, [&](double share) {
+    const std::string speed = flow.magnitude("velocity");
+    const DataSet image = flow.resample({90, 80, 45}, box, {"plane", "velocity", speed}, [&](double share) {
         told.push_back(share);
         return true;
     });
@@ -453,9 +454,12 @@ TEST(DataSetTest, ResamplesWithAMaskOfWhatIsOutside) {
     EXPECT_GT(at.found(), points.size() / 3);
     const auto values = Hestra::dynamicCast<MemArray<3, double>>(image.array("plane", "image"));
     ASSERT_EQ(values->Size(), Place(90, 80, 45));
+    const auto speeds = Hestra::dynamicCast<MemArray<3, double>>(image.array(speed, "image"));
+    const auto sampled = at.sample(speed); // not derived from the vectors of the image
     for (std::size_t k = 0; k < points.size(); ++k) {
         ASSERT_EQ(std::isnan(values->element(k)), !at.isFound(k)) << k;
         ASSERT_TRUE(!at.isFound(k) || std::abs(values->element(k) - plane(points[k])) < 1e-8);
+        ASSERT_TRUE(!at.isFound(k) || speeds->element(k) == sampled[k]);
     }
     EXPECT_EQ(image.range("plane").least, *std::min_element(values->data(), values->data() + values->nElements(),
                                                             [](double a, double b) { return a < b || b != b; }));

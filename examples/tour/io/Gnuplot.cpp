@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,14 +47,16 @@ void runGnuplot(const fs::path& png, std::string_view script, std::string_view d
     const auto fail = [&](const std::string& why) { throw Vantle::FileError(png, "", "no picture: " + why); };
     Vantle::AtomicFile target(png); // before the work, so that a folder that cannot be written is known at once
     std::error_code error;
-    std::string pattern = (fs::temp_directory_path(error) / "tour-picture-XXXXXX").string();
-    if (error || ::mkdtemp(pattern.data()) == nullptr) fail("cannot create the temporary folder " + pattern);
-    const Vantle::Leftover folder(pattern);
+    static int pictures = 0;
+    const fs::path own = "tour-picture-" + std::to_string(::getpid()) + "-" + std::to_string(++pictures);
+    const Vantle::Leftover folder(fs::temp_directory_path(error) / own); // known before it is there
+    if (error || ::mkdir(folder.path().c_str(), 0700) != 0)
+        fail("cannot create the temporary folder " + folder.path().string());
     for (const auto& [name, bytes] : {std::pair("data", data), std::pair("script", script)})
         if (!(std::ofstream(folder.path() / name, std::ios::binary) << bytes << std::flush))
-            fail("cannot write to the temporary folder " + pattern);
+            fail("cannot write to the temporary folder " + folder.path().string());
     // Without the settings of the user, which could change anything.
-    ::setenv("TOUR_PICTURE_FOLDER", pattern.c_str(), 1);
+    ::setenv("TOUR_PICTURE_FOLDER", folder.path().c_str(), 1);
     const int status = run("cd \"$TOUR_PICTURE_FOLDER\" && exec gnuplot --default-settings script >messages 2>&1");
     const std::string picture = contents(folder.path() / "picture.png");
     if (status != 0 || !picture.starts_with("\x89PNG"))
