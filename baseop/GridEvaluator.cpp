@@ -126,7 +126,7 @@ private:
 };
 
 bool isNumber(const FractionalIndex& index) noexcept {
-    return (index[0] == index[0]) & (index[1] == index[1]) & (index[2] == index[2]); // no branches
+    return (int{index[0] == index[0]} & int{index[1] == index[1]} & int{index[2] == index[2]}) != 0; // no branches
 }
 
 /// No bounds: a uniform fragment claims every position.

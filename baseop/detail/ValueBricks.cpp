@@ -69,7 +69,7 @@ template<class T>
 void gatherBricks(std::size_t count, T* leastOfColumns, T* greatestOfColumns, std::size_t bricks, T* least,
                   T* greatest) noexcept {
     const hn::ScalableTag<T> lanes;
-    for (const std::size_t step : {1, 2, 4})
+    for (const std::size_t step : {1U, 2U, 4U})
         for (std::size_t i = 0; i < count; i += hn::Lanes(lanes)) {
             T *const a = leastOfColumns + i, *const b = greatestOfColumns + i;
             hn::StoreU(hn::Min(hn::LoadU(lanes, a), hn::LoadU(lanes, a + step)), lanes, a);

@@ -774,7 +774,7 @@ TEST(DataSetTest, KeepsToItsBudgetAndSaysWhatCannotBeMade) {
     masked.grid()->getCartesianRepresentation()->setField(Vantle::VertexMaskName, mask);
     testing::internal::CaptureStderr();
     for (const auto& [name, request] : requests()) {
-        const std::string error = errorOf([&] { (void)request(masked, {}); });
+        const std::string error = errorOf([&, &ask = request] { (void)ask(masked, {}); });
         EXPECT_TRUE(std::string(name) == "layer" || (has(error, "Mask") && has(error, block))) << name << ": " << error;
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");

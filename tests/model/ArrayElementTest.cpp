@@ -273,7 +273,8 @@ TYPED_TEST(ArrayElementTest, ArraysShareAndCopyChunks) {
     EXPECT_EQ(&(*matrix)(1, 2), &(*list)[5]);
     EXPECT_EQ(&(*same_size)(0, 0), &(*list)[0]);
     EXPECT_EQ(matrix->getChunk(), list->getChunk());
-    const auto column = matrix->getSlice(1), fresh = column->createEquallySizedMemArray(column->getChunk());
+    const auto column = matrix->getSlice(1);
+    const auto fresh = column->createEquallySizedMemArray(column->getChunk());
     EXPECT_TRUE(fresh->Size() == column->Size() && same(fresh->first(), TypeParam{})) << "no chunk to share";
 
     const auto copy = MemArray<2, TypeParam>::create({2, 2});

@@ -116,7 +116,9 @@ void Picture::paint(const Surface& surface, double nearer, const ColourAt& colou
         std::array<Vector, 3> normal;
         for (int n = 0; n < 3; ++n) {
             const Vector at = unit(normals[t[n]]);
-            normal[n] = std::abs(dot(at, face)) < kCrease ? face : dot(at, face) < 0.0 ? -at : at;
+            normal[static_cast<std::size_t>(n)] = std::abs(dot(at, face)) < kCrease ? face
+                                                  : dot(at, face) < 0.0             ? -at
+                                                                                    : at;
         }
         const auto first = [](double at) { return static_cast<int>(std::max(0.0, std::ceil(at - 0.5))); };
         const auto last = [](double at, int end) {
