@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cmath>
 #include <limits>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -115,11 +116,19 @@ struct Order {
     std::vector<std::uint32_t> numbers;
 };
 
+/// Room for so many elements. Throws what is to be thrown for more than there are addresses, which compilers see to
+/// differently.
+template<class T>
+std::unique_ptr<T[]> makeRoom(std::size_t count) {
+    if (count > static_cast<std::size_t>(std::numeric_limits<std::ptrdiff_t>::max()) / sizeof(T))
+        throw std::bad_array_new_length();
+    return std::make_unique_for_overwrite<T[]>(count);
+}
+
 } // namespace
 
 LocatedPositions::LocatedPositions(const LocalFromWorldPoint& locator, std::span<const point> positions)
-    : mySize(positions.size()), myPlaces(std::make_unique_for_overwrite<point[]>(mySize)),
-      myFragments(std::make_unique_for_overwrite<std::uint32_t[]>(mySize)) {
+    : mySize(positions.size()), myPlaces(makeRoom<point>(mySize)), myFragments(makeRoom<std::uint32_t>(mySize)) {
     VANTLE_SCOPE("LocatedPositions::LocatedPositions(locator, positions)");
     constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
     locator.prepare(positions);
@@ -144,8 +153,7 @@ LocatedPositions::LocatedPositions(const LocalFromWorldPoint& locator, std::span
 
 LocatedPositions::LocatedPositions(std::span<const std::optional<BlockBox>> boxes, const LocatorOf& locatorOf,
                                    std::span<const point> positions)
-    : mySize(positions.size()), myPlaces(std::make_unique_for_overwrite<point[]>(mySize)),
-      myFragments(std::make_unique_for_overwrite<std::uint32_t[]>(mySize)) {
+    : mySize(positions.size()), myPlaces(makeRoom<point>(mySize)), myFragments(makeRoom<std::uint32_t>(mySize)) {
     VANTLE_SCOPE("LocatedPositions::LocatedPositions(boxes, locatorOf, positions)");
     constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
     constexpr std::size_t Together = 4096; // positions with a box of their own
