@@ -140,20 +140,8 @@ std::optional<MinMax<T>> rangeOfBricks(CreativeArrayBase& creator, const MemBase
 
 } // namespace
 
-namespace {
-
-/// Greater than all other values of the type, or less.
 template<class T>
-constexpr T Beyond = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
-                                                          : std::numeric_limits<T>::max();
-template<class T>
-constexpr T Below = std::numeric_limits<T>::has_infinity ? static_cast<T>(-Beyond<T>)
-                                                         : std::numeric_limits<T>::lowest();
-
-} // namespace
-
-template<class T>
-DataRange<T>::DataRange() : DataRange(Beyond<T>, Below<T>) {}
+DataRange<T>::DataRange() : DataRange(detail::Beyond<T>, detail::Below<T>) {}
 template<class T>
 DataRange<T>::DataRange(T min, T max) : myMin(min), myMax(max) {}
 template<class T>

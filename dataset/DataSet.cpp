@@ -2,6 +2,7 @@
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/location/Tiling.hpp>
 #include <dataset/detail/DataSetState.hpp>
+#include <dataset/detail/NumberArray.hpp>
 #include <model/vantle/DoublePrecision.hpp>
 
 #include <algorithm>
@@ -569,34 +570,13 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
             std::string name;
             StrongPtr<Field> field;
             int components;
-            StrongPtr<MemBase> array;
-            double* numbers;
+            detail::NumberArray made;
         };
         std::vector<Target> targets;
         for (const std::string& name : fields) {
-            Target target{name, now.field(name), 0, nullptr, nullptr};
-            target.components = now.knownComponents(name, *target.field);
-            const auto make = [&]<class T>(T fill) {
-                for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = NaN;
-                const auto array = MemArray<3, T>::create(size);
-                std::fill_n(array->getPtr(), size.product(), fill);
-                target.array = array;
-                target.numbers = reinterpret_cast<double*>(array->getPtr());
-            };
-            switch (target.components) {
-            case 1:
-                make(0.0);
-                break;
-            case 3:
-                make(Vector());
-                break;
-            case 9:
-                make(Orvix::Quadratic<3, double>());
-                break;
-            default:
-                throw DataSetError("resampling: field " + quoted(name) + " cannot be interpolated");
-            }
-            targets.push_back(target);
+            const StrongPtr<Field> field = now.field(name);
+            const int components = now.knownComponents(name, *field);
+            targets.push_back({name, field, components, detail::NumberArray(name, components, size, NaN)});
         }
         const UniformCartesianArray lattice(Orvix::BoundingBox(box.low, box.high), size);
         const auto mask = MemArray<3, unsigned char>::create(size);
@@ -646,7 +626,8 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                         values.assign(components * place.size(), NaN);
                         now.sample(located, target.name, *target.field, target.components, values, {});
                         for (std::size_t n = 0; n < place.size(); ++n)
-                            std::copy_n(&values[n * components], components, target.numbers + place[n] * components);
+                            std::copy_n(&values[n * components], components,
+                                        &target.made.numbers[place[n] * components]);
                     }
                 }
         DataSet result(now.time);
@@ -654,7 +635,7 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
         Step& image = result.ownStep(); // where names of derived fields are those of values like any others
         for (const Target& target : targets) {
             const StrongPtr<Field> of = copyOf(nullptr, image.positions()->getFragmentIDCollection());
-            of->setCreator(creatorOf(target.array, image.cache), image.block("image").id);
+            of->setCreator(creatorOf(target.made.array, image.cache), image.block("image").id);
             image.setField(target.name, of);
         }
         if (found != size.product()) result.setVertexMask("image", StrongPtr<MemBase>(mask));

@@ -1,5 +1,6 @@
 #include <baseop/LocatedPositions.hpp>
 #include <dataset/detail/DataSetState.hpp>
+#include <dataset/detail/NumberArray.hpp>
 
 namespace Vantle {
 
@@ -31,24 +32,9 @@ Samples Located::sample(const std::string& field, double outside, const Progress
         const StrongPtr<Field> of = step.field(field);
         const int components = step.knownComponents(field, *of);
         auto mask = std::make_shared<std::vector<unsigned char>>(size());
-        const auto take = [&]<class T>(T fill) {
-            for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = outside;
-            const auto values = makeMemArray1D(std::vector<T>(size(), fill));
-            const std::span<double> numbers(reinterpret_cast<double*>(values->getPtr()),
-                                            size() * static_cast<std::size_t>(ElementTraits<T>::components));
-            step.sample(*myPositions, field, *of, components, numbers, *mask);
-            return Samples(StrongPtr<MemBase>(values), mask);
-        };
-        switch (components) {
-        case 1:
-            return take(0.0);
-        case 3:
-            return take(Vector());
-        case 9:
-            return take(Orvix::Quadratic<3, double>());
-        default:
-            throw DataSetError("field " + quoted(field) + " is of elements that cannot be interpolated");
-        }
+        const detail::NumberArray values(field, components, MultiIndex<1>(size()), outside);
+        step.sample(*myPositions, field, *of, components, values.numbers, *mask);
+        return Samples(values.array, mask);
     });
 }
 

@@ -1,5 +1,5 @@
+#include <dataset/detail/NumberArray.hpp>
 #include <dataset/io/AtomicFile.hpp>
-#include <model/orvix/Quadratic.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -184,33 +184,11 @@ ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& bo
         const index_t atOnce =
             std::max<index_t>(std::min<index_t>(exchange.budget() / 64, index_t{1} << 20) / (size[0] * size[1]), 1);
         const auto rounds = exchange.greatest((layers + atOnce - 1) / atOnce);
-        std::vector<StrongPtr<MemBase>> arrays;
-        std::vector<double*> targets;
+        std::vector<detail::NumberArray> images;
         StrongPtr<MemArray<3, unsigned char>> mask;
         exchange.attempt([&] {
             mask = MemArray<3, unsigned char>::create(slab);
-            for (std::size_t n = 0; n < fields.size(); ++n) {
-                const auto make = [&]<class T>(T fill) {
-                    for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = NaN;
-                    const auto array = MemArray<3, T>::create(slab);
-                    std::fill_n(array->getPtr(), slab.product(), fill);
-                    arrays.push_back(array);
-                    targets.push_back(reinterpret_cast<double*>(array->getPtr()));
-                };
-                switch (of[n].components) {
-                case 1:
-                    make(0.0);
-                    break;
-                case 3:
-                    make(Vector());
-                    break;
-                case 9:
-                    make(Orvix::Quadratic<3, double>());
-                    break;
-                default:
-                    throw DataSetError("resampling: field " + detail::quoted(fields[n]) + " cannot be interpolated");
-                }
-            }
+            for (std::size_t n = 0; n < fields.size(); ++n) images.emplace_back(fields[n], of[n].components, slab, NaN);
         });
         exchange.agree();
         std::size_t found = 0;
@@ -233,7 +211,7 @@ ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& bo
             for (std::size_t n = 0; n < fields.size(); ++n) {
                 const auto components = static_cast<std::size_t>(of[n].components);
                 myData->sample(*located, fields[n], of[n],
-                               std::span(targets[n] + before * components, positions.size() * components), {},
+                               images[n].numbers.subspan(before * components, positions.size() * components), {},
                                meter.part(from, from));
             }
         }
@@ -263,7 +241,7 @@ ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& bo
             const StrongPtr<Representation> made = result.part.grid()->getCartesianRepresentation();
             for (std::size_t n = 0; n < fields.size(); ++n) {
                 const StrongPtr<Field> field = Hestra::makeRef<Field>(made->Positions()->getFragmentIDCollection());
-                field->setPersistentData(arrays[n], made->Positions()->getFragmentID("image"));
+                field->setPersistentData(images[n].array, made->Positions()->getFragmentID("image"));
                 made->setField(fields[n], field);
             }
             if (all != size.product()) result.part.setVertexMask("image", StrongPtr<MemBase>(mask));

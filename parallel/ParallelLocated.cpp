@@ -1,4 +1,4 @@
-#include <model/orvix/Quadratic.hpp>
+#include <dataset/detail/NumberArray.hpp>
 #include <model/vantle/MemArray.hpp>
 
 #include <algorithm>
@@ -293,24 +293,9 @@ Samples ParallelLocated::sample(const std::string& field, double outside, const 
         data.exchange->agree();
         auto mask = std::make_shared<std::vector<unsigned char>>(size());
         const Meter meter(progress);
-        const auto take = [&]<class T>(T fill) {
-            for (int c = 0; c < ElementTraits<T>::components; ++c) elementComponent(fill, c) = outside;
-            const auto values = makeMemArray1D(std::vector<T>(size(), fill));
-            const std::span<double> numbers(reinterpret_cast<double*>(values->getPtr()),
-                                            size() * static_cast<std::size_t>(ElementTraits<T>::components));
-            data.sample(*myParts, field, of, numbers, *mask, meter);
-            return Samples(StrongPtr<MemBase>(values), mask);
-        };
-        switch (of.components) {
-        case 1:
-            return take(0.0);
-        case 3:
-            return take(Vector());
-        case 9:
-            return take(Orvix::Quadratic<3, double>());
-        default:
-            throw DataSetError("field " + detail::quoted(field) + " is of elements that cannot be interpolated");
-        }
+        const detail::NumberArray values(field, of.components, MultiIndex<1>(size()), outside);
+        data.sample(*myParts, field, of, values.numbers, *mask, meter);
+        return Samples(values.array, mask);
     });
 }
 

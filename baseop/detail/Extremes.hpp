@@ -2,8 +2,17 @@
 /// Vectorised search for the extremes of plain memory, on which exact folds are built.
 
 #include <cstddef>
+#include <limits>
 
 namespace Vantle::detail {
+
+/// Greater than all other values of the type, or less.
+template<class T>
+inline constexpr T Beyond = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
+                                                                 : std::numeric_limits<T>::max();
+template<class T>
+inline constexpr T Below = std::numeric_limits<T>::has_infinity ? static_cast<T>(-Beyond<T>)
+                                                                : std::numeric_limits<T>::lowest();
 
 /// What `findExtremes` finds of each of `Period` interleaved components.
 template<class T, int Period>

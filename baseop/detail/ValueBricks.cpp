@@ -1,5 +1,6 @@
 #undef HWY_TARGET_INCLUDE
 #define HWY_TARGET_INCLUDE "baseop/detail/ValueBricks.cpp"
+#include <baseop/detail/Extremes.hpp>
 #include <baseop/detail/Lanes.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/ValueBricks.hpp>
@@ -99,13 +100,6 @@ using Hestra::StrongPtr;
 HWY_EXPORT(brickKernels);
 
 namespace {
-
-template<class T>
-constexpr T Beyond = std::numeric_limits<T>::has_infinity ? std::numeric_limits<T>::infinity()
-                                                          : std::numeric_limits<T>::max();
-template<class T>
-constexpr T Below = std::numeric_limits<T>::has_infinity ? static_cast<T>(-Beyond<T>)
-                                                         : std::numeric_limits<T>::lowest();
 
 /// Beside the creator of a block: its bricks, as long as the cache has them.
 template<class T>
