@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <stdexcept>
+#include <type_traits>
 
 namespace Vantle::detail {
 
@@ -21,17 +22,14 @@ constexpr std::size_t BytesPerVertex = 32;
 // Cases are numbered here as the bits of four rows of vertices give them: two neighbours of each row.
 constexpr int RowCorners[8] = {0, 1, 3, 2, 4, 5, 7, 6};
 
-/// Stands for no edge.
-constexpr std::uint8_t NoEdge = 12;
-
 /// One case of a cell at the lower border of some axes (bits 0, 1, 2): its triangles, and the edges that no earlier
 /// cell of the sweep has, in the order in which the triangles use them. So that most cells need no loops, three new
-/// edges and two triangles may always be taken: `NoEdge`, and the first triangle again, where there are fewer.
+/// edges and two triangles may always be taken: an edge that is not cut, and the first triangle again, where there are
+/// fewer.
 struct alignas(32) CellCase {
     std::uint8_t triangleCount = 0;
     std::uint8_t newCount = 0;
-    std::uint8_t newEdges[12] = {NoEdge, NoEdge, NoEdge};
-    std::uint16_t cutEdges = 0; // a bit each
+    std::uint8_t newEdges[12] = {};
     std::uint8_t edges[15] = {};
 };
 static_assert(sizeof(CellCase) == 32);
@@ -55,19 +53,20 @@ constexpr CellCase cellCase(int rowCase, int border) {
         if (!((seen >> e) & 1) && isNew(e, border)) result.newEdges[result.newCount++] = static_cast<std::uint8_t>(e);
         seen |= 1 << e;
     }
+    for (int n = result.newCount; n < 3; ++n) // of the three that are always new one is not cut
+        for (int e = 0; e < 12; ++e)
+            if (isNew(e, 0) && !((seen >> e) & 1)) result.newEdges[n] = static_cast<std::uint8_t>(e);
     if (triTable[cubeCase][3] < 0) std::copy_n(result.edges, 3, result.edges + 3);
-    result.cutEdges = static_cast<std::uint16_t>(seen);
     result.triangleCount = static_cast<std::uint8_t>(triangleCount(cubeCase));
     return result;
 }
 
-constexpr auto makeCases(int border) {
-    std::array<CellCase, 256> cases{};
-    for (int c = 0; c < 256; ++c) cases[static_cast<std::size_t>(c)] = cellCase(c, border);
+/// By the bits of rows, and above them those of the borders.
+constexpr std::array<CellCase, 8 * 256> Cases = [] {
+    std::array<CellCase, 8 * 256> cases{};
+    for (int n = 0; n < 8 * 256; ++n) cases[static_cast<std::size_t>(n)] = cellCase(n % 256, n / 256);
     return cases;
-}
-constexpr std::array<std::array<CellCase, 256>, 8> Cases = {makeCases(0), makeCases(1), makeCases(2), makeCases(3),
-                                                            makeCases(4), makeCases(5), makeCases(6), makeCases(7)};
+}();
 
 /// The cells that come earlier in the sweep and share edges with a cell, by their steps from it, a bit each.
 constexpr int Neighbours[9][3] = {{-1, 0, 0},  {0, -1, 0}, {-1, -1, 0}, {1, -1, 0}, {0, 0, -1},
@@ -97,10 +96,18 @@ constexpr auto makeSharedEdges() {
 }
 constexpr std::array<std::uint16_t, 512> SharedEdges = makeSharedEdges();
 
+/// Calls `f` with the new edges of a cell beside blanked ones, in order, if earlier cells have these, a bit each.
+template<class F>
+void forEachNewBesideBlanked(std::size_t rowCase, unsigned shared, const F& f) {
+    const CellCase& all = Cases[7 * 256 + rowCase];
+    for (int n = 0; n < all.newCount; ++n)
+        if (!(shared >> all.newEdges[n] & 1)) f(all.newEdges[n]);
+}
+
 /// Which earlier neighbours the 64 cells of a word have: a word for each of `Neighbours`, unless all have all.
 struct NeighbourWords {
-    /// Of the cells from 64 * `word` on in row (j, k).
-    NeighbourWords(const BlockMask& mask, std::size_t j, std::size_t k, std::size_t word) noexcept {
+    /// Looks at the cells from 64 * `word` on in row (j, k).
+    void find(const BlockMask& mask, std::size_t j, std::size_t k, std::size_t word) noexcept {
         constexpr std::uint64_t all = ~std::uint64_t{0};
         const MultiIndex<3>& cells = mask.cells();
         const std::size_t words = mask.rowWords();
@@ -188,10 +195,12 @@ void StoredValues<T>::ask(const ValueBricks<T>& bricks) {
     const auto row = static_cast<std::size_t>(mySize[0]);
     const std::size_t inRow = static_cast<std::size_t>(bricks.Size()[0]), rows = bricks.least().size() / inRow;
     const std::size_t groups = (row + Group - 1) / Group; // the last vertex of a brick may be all of a group
-    std::size_t cut = 0, cutWords = 0;
+    std::size_t cut = 0;
     myKnown.assign(rows * myWords, KnownWord{0, 0});
+    myIsCut.assign(rows, 0);
     for (std::size_t r = 0; r < rows; ++r) {
         KnownWord* const words = myKnown.data() + r * myWords;
+        const std::size_t before = cut;
         for (std::size_t g = 0; g < groups; ++g) {
             const std::size_t brick = r * inRow + std::min(g, inRow - 1);
             const bool isSomeBelow = myTest.below(bricks.least()[brick]);
@@ -201,10 +210,10 @@ void StoredValues<T>::ask(const ValueBricks<T>& bricks) {
             if (isAllBelow) words[g / InWord].below |= ones;
         }
         if (row % 64 != 0) words[myWords - 1].below &= ~(~std::uint64_t{0} << (row % 64));
+        myIsCut[r] = cut != before;
     }
     if (2 * cut > rows * groups) return myKnown.clear();
-    for (const KnownWord& word : myKnown) cutWords += word.toRead != 0;
-    myMostCutWords = Group * Group * cutWords;
+    myLikelyCutCells = 2 * Group * Group * cut; // two layers of each brick
     myBricks = {static_cast<std::size_t>(bricks.Size()[1]), static_cast<std::size_t>(bricks.Size()[2])};
 }
 
@@ -233,28 +242,22 @@ void StoredValues<T>::classifyPlane(std::size_t k, std::uint64_t* words, std::si
     }
 }
 
-/// What a thread remembers of two planes of vertices: indices of surface vertices on the edges.
+/// What a thread remembers of two planes of vertices, and of the edges between them: indices of surface vertices.
 template<class Values>
 class IsoSweep<Values>::Planes {
 public:
     explicit Planes(const IsoSweep& sweep)
         : myRow(sweep.mySize[0]), myPlane(sweep.mySize[0] * sweep.mySize[1]),
-          myIndices(std::make_unique_for_overwrite<unsigned int[]>(4 * myPlane + 3 * myRow)) {}
+          myIndices(std::make_unique_for_overwrite<unsigned int[]>(5 * myPlane)) {}
 
     /// Makes the upper plane the lower one and forgets the other.
     void advance() noexcept { myLower ^= 1; }
-    /// For each edge e of the cells of row j, where the index for cell 0 of the row is kept; at last, for `NoEdge`.
-    void indexRows(std::size_t j, unsigned int* (&rows)[13]) const noexcept {
-        unsigned int* const lower = myIndices.get() + 2 * myLower * myPlane;
-        unsigned int* const upper = myIndices.get() + 2 * (myLower ^ 1) * myPlane;
+    /// For each edge, where its index is kept for the first cell of the layer. Those of others follow.
+    [[nodiscard]] std::array<unsigned int*, 12> indices() const noexcept {
+        unsigned int *const x0 = myIndices.get() + 2 * myLower * myPlane, *const y0 = x0 + myPlane;
+        unsigned int *const x1 = myIndices.get() + 2 * (myLower ^ 1) * myPlane, *const y1 = x1 + myPlane;
         unsigned int* const z = myIndices.get() + 4 * myPlane;
-        unsigned int* const x0 = lower + j * myRow;
-        unsigned int* const x1 = upper + j * myRow;
-        unsigned int *const y0 = x0 + myPlane, *const y1 = x1 + myPlane;
-        unsigned int *const z0 = z + (j & 1) * myRow, *const z1 = z + ((j & 1) ^ 1) * myRow;
-        unsigned int* const all[13] = {x0, y0 + 1, x0 + myRow, y0,     x1, y1 + 1,       x1 + myRow,
-                                       y1, z0,     z0 + 1,     z1 + 1, z1, z + 2 * myRow};
-        std::copy_n(all, 13, rows);
+        return {x0, y0 + 1, x0 + myRow, y0, x1, y1 + 1, x1 + myRow, y1, z, z + 1, z + 1 + myRow, z + myRow};
     }
 
 private:
@@ -275,10 +278,10 @@ IsoSweep<Values>::IsoSweep(const Values& values, const BlockMask* mask)
 
     const std::size_t slabs = slabCount(mySize), plane = 2 * (myVertexWords + 1) * mySize[1];
     const auto masks = std::make_unique<std::uint64_t[]>(slabs * plane);
-    myCutWords.resize(slabs);
+    myFound.resize(slabs);
     inParallel(slabs, 1, workOf(mySize), [&](std::size_t slab, std::size_t next) {
         countLayers(layerCount() * slab / slabs, layerCount() * next / slabs, masks.get() + slab * plane,
-                    myCutWords[slab]);
+                    myFound[slab]);
     });
 
     for (std::size_t k = 1; k < myLayers.size(); ++k) {
@@ -289,63 +292,73 @@ IsoSweep<Values>::IsoSweep(const Values& values, const BlockMask* mask)
 
 // Leaves what layer k adds in myLayers[k + 1]. Rows of masks end with an empty word, so that every word has a next one.
 template<class Values>
-void IsoSweep<Values>::countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks,
-                                   std::vector<CutWord>& cutWords) {
+void IsoSweep<Values>::countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks, CutCells& found) {
     if (begin == end) return;
-    const std::size_t words = myVertexWords + 1, rows = mySize[1] - 1;
+    const std::size_t words = myVertexWords + 1, cellWords = myCellWords, rows = mySize[1] - 1;
     const std::uint64_t lastCells = ~std::uint64_t{0} >> (64 * myCellWords - (mySize[0] - 1));
     std::uint64_t *lower = masks, *upper = masks + words * mySize[1];
-    std::vector<std::size_t> firstWords;
+    const auto cellsOfLayer = std::make_unique_for_overwrite<std::uint16_t[]>((mySize[0] - 1) * rows);
+    const auto wordsOfLayer = std::make_unique_for_overwrite<Place[]>(myCellWords * rows);
     // What is not used of it is never touched.
-    cutWords.reserve(myValues.mostCutWords() * (end - begin) / layerCount());
+    found.cells.reserve(myValues.likelyCutCells() * (end - begin) / layerCount());
+    found.words.reserve(myValues.likelyCutCells() * (end - begin) / layerCount() / 2);
+    std::vector<std::array<std::size_t, 3>> starts;
+    const auto start = [&] { starts.push_back({found.cells.size(), found.words.size(), found.shared.size()}); };
+    NeighbourWords neighbours;
     myValues.classifyPlane(begin, lower, words);
     for (std::size_t k = begin; k < end; ++k, std::swap(lower, upper)) {
         Hestra::Pulse::beat(static_cast<double>(k - begin) / static_cast<double>(end - begin));
         myValues.classifyPlane(k + 1, upper, words);
-        firstWords.push_back(cutWords.size());
-        Layer added;
+        start();
+        index_t vertices = 0, triangles = 0;
+        std::uint16_t* lastCell = cellsOfLayer.get();
+        Place* lastWord = wordsOfLayer.get();
         for (std::size_t j = 0; j < rows; ++j) {
-            const int border = (j == 0 ? 2 : 0) + (k == 0 ? 4 : 0);
+            if (myValues.isUncut(j, k)) continue;
+            const CellCase* const cases = Cases.data() + 256 * ((j == 0 ? 2 : 0) + (k == 0 ? 4 : 0));
             const std::uint64_t *const a = lower + j * words, *const b = a + words;
             const std::uint64_t *const c = upper + j * words, *const d = c + words;
-            for (std::size_t word = 0; word < myCellWords; ++word) {
-                if (myValues.isUncut(j, k, word)) continue;
-                const RowWords around{a[word], b[word], c[word], d[word],
-                                      static_cast<unsigned>((a[word + 1] & 1) | (b[word + 1] & 1) << 1 |
-                                                            (c[word + 1] & 1) << 2 | (d[word + 1] & 1) << 3)};
+            for (std::size_t word = 0; word < cellWords; ++word) {
+                const RowWords around(a + word, b + word, c + word, d + word);
                 std::uint64_t cut = around.cut();
-                if (word + 1 == myCellWords) cut &= lastCells;
+                if (word + 1 == cellWords) cut &= lastCells;
                 if (cut == 0) continue;
-                if (myMask && (cut &= myMask->cellRow(j, k)[word]) == 0) continue;
-                cutWords.push_back({around, static_cast<std::uint32_t>(j * myCellWords + word), cut});
-                const auto caseOf = [&](int cell, int at) -> const CellCase& {
-                    return Cases[static_cast<std::size_t>(at)][around.rowCase(cell)];
-                };
                 if (myMask) {
-                    const NeighbourWords neighbours(*myMask, j, k, word);
-                    for (std::uint64_t special = cut & neighbours.missing; special != 0; special &= special - 1) {
-                        const int cell = std::countr_zero(special);
-                        const CellCase& found = caseOf(cell, 0);
-                        added.firstVertex += static_cast<index_t>(
-                            std::popcount(static_cast<unsigned>(found.cutEdges & ~SharedEdges[neighbours.of(cell)])));
-                        added.firstTriangle += found.triangleCount;
-                    }
-                    cut &= ~neighbours.missing;
+                    if ((cut &= myMask->cellRow(j, k)[word]) == 0) continue;
+                    neighbours.find(*myMask, j, k, word);
                 }
+                *lastWord++ = j << 32 | 64 * word;
+                if (word == 0 && (cut & 1) != 0 && !(neighbours.missing & 1)) // at one border more
+                    vertices += cases[256 + around.rowCase(0)].newCount - cases[around.rowCase(0)].newCount;
                 for (; cut != 0; cut &= cut - 1) {
                     const int cell = std::countr_zero(cut);
-                    const CellCase& found = caseOf(cell, border + (word == 0 && cell == 0));
-                    added.firstVertex += found.newCount;
-                    added.firstTriangle += found.triangleCount;
+                    const std::size_t rowCase = around.rowCase(cell);
+                    std::size_t kept = static_cast<std::size_t>(cell) * CellStep + rowCase;
+                    triangles += cases[rowCase].triangleCount;
+                    if (neighbours.missing >> cell & 1) [[unlikely]] {
+                        found.shared.push_back(SharedEdges[neighbours.of(cell)]);
+                        kept |= IsBesideBlanked;
+                        forEachNewBesideBlanked(rowCase, found.shared.back(), [&](int) { ++vertices; });
+                    } else {
+                        vertices += cases[rowCase].newCount;
+                    }
+                    *lastCell++ = static_cast<std::uint16_t>(kept);
                 }
+                lastCell[-1] |= IsLastOfWord;
             }
         }
-        myLayers[k + 1].firstVertex = added.firstVertex;
-        myLayers[k + 1].firstTriangle = added.firstTriangle;
+        found.cells.insert(found.cells.end(), cellsOfLayer.get(), lastCell);
+        found.words.insert(found.words.end(), wordsOfLayer.get(), lastWord);
+        myLayers[k + 1].firstVertex = vertices;
+        myLayers[k + 1].firstTriangle = triangles;
     }
-    firstWords.push_back(cutWords.size());
-    for (std::size_t k = begin; k < end; ++k)
-        myLayers[k].cutWords = {cutWords.data() + firstWords[k - begin], cutWords.data() + firstWords[k - begin + 1]};
+    start();
+    for (std::size_t k = begin; k < end; ++k) {
+        const auto& [cell, word, shared] = starts[k - begin];
+        myLayers[k].cells = {found.cells.data() + cell, found.cells.data() + starts[k - begin + 1][0]};
+        myLayers[k].words = found.words.data() + word;
+        myLayers[k].shared = found.shared.data() + shared;
+    }
 }
 
 /// Evaluates the vertices of a layer some time after they were found, when what they need has come from memory.
@@ -355,10 +368,10 @@ class IsoSweep<Values>::VertexQueue {
 public:
     VertexQueue(const IsoSweep& sweep, std::size_t k, const SweepTarget& target, const EdgeNumbering& numbering,
                 const Positions& positions)
-        : mySweep(sweep), myTarget(target), myPositions(positions), myLayer(k),
+        : myValues(sweep.myValues), myTarget(target), myPositions(positions), myLayer(k),
           myNext(sweep.myLayers[k].firstVertex), myStep{1, sweep.mySize[0], sweep.mySize[0] * sweep.mySize[1]} {
         const auto corner = [this](int c) {
-            std::size_t at = 0;
+            std::size_t at = myLayer * myStep[2];
             for (std::size_t d = 0; d < 3; ++d) at += static_cast<std::size_t>(CornerOffset[c][d]) * myStep[d];
             return at;
         };
@@ -378,38 +391,25 @@ public:
         }
     }
 
-    /// Puts down the vertex on edge e of the cell at (i, j), of which `cell` is the lowest vertex, as the `n`-th of
-    /// those that `add` adds.
-    void put(std::size_t n, std::size_t i, std::size_t j, std::size_t cell, unsigned int e) noexcept {
-        myRing[(myEnd + n) % Capacity] = {cell, static_cast<std::uint32_t>(i), static_cast<std::uint32_t>(j), e};
-    }
-    void add(std::size_t count) noexcept { myEnd += count; }
-    /// Asks for what those that were added will need, and evaluates all but the last ones.
-    void work() noexcept {
-        for (; myAsked != myEnd; ++myAsked) {
-            const Entry& entry = myRing[myAsked % Capacity];
-            const Edge& edge = myEdges[entry.e];
-            const std::size_t lower = entry.cell + edge.lower;
-            const std::size_t upper = lower + myStep[static_cast<std::size_t>(edge.axis)];
-            mySweep.myValues.prefetch(lower);
-            mySweep.myValues.prefetch(upper);
-            myPositions.prefetch(lower, upper);
-            if (myAsked - myBegin >= Delay) evaluate();
-        }
+    /// Puts down the vertex on edge e of the cell at `place` as the `n`-th of those that `add` adds.
+    void put(std::size_t n, Place place, unsigned int e) noexcept { myFound[myEnd + n] = {place, e}; }
+    void add(std::size_t count) noexcept {
+        myEnd += count;
+        if (myEnd - myAsked >= Batch) work();
     }
     void finish() noexcept {
-        while (myEnd != myBegin) evaluate();
+        work();
+        work();
     }
 
 private:
-    // A word of cells adds at most 64 * 12 vertices.
-    static constexpr std::size_t Capacity = 1024, Delay = 32;
+    // Vertices wait from one batch to the next one. A cell adds at most 12 to what makes a batch.
+    static constexpr std::size_t Batch = 64, Most = Batch + 12;
     struct Entry {
-        std::size_t cell;
-        std::uint32_t i, j;
-        unsigned int e;
+        Place cell;
+        std::size_t e;
     };
-    /// What is the same for an edge of all cells of the layer, by steps from their lowest vertex.
+    /// What is the same for an edge of all cells of the layer, by steps from the first vertex of the layer.
     struct Edge {
         std::size_t first, second; // in the order in which weights are computed
         std::size_t lower;
@@ -419,91 +419,92 @@ private:
         index_t identifier, strideY;
     };
 
-    void evaluate() noexcept {
-        const Entry& entry = myRing[myBegin++ % Capacity];
+    /// Asks for what the vertices of the last batch will need, and evaluates those of the one before.
+    void work() noexcept {
+        const std::size_t before = myAsked, added = myEnd - myAsked;
+        for (std::size_t n = 0; n < std::max(before, added); ++n) {
+            if (n < added) ask(myFound[before + n]);
+            if (n < before) evaluate(myFound[n], myNext + n);
+        }
+        myNext += before;
+        std::copy_n(myFound + before, added, myFound);
+        myAsked = myEnd = added;
+    }
+    [[gnu::always_inline]] void ask(const Entry& entry) const noexcept { // see `StoredValues::prefetch`
         const Edge& edge = myEdges[entry.e];
-        const auto& values = mySweep.myValues;
-        const double weight = edgeWeight(values.level(), values[entry.cell + edge.first],
-                                         values[entry.cell + edge.second], edge.reversed);
-        const Extents at = {entry.i + edge.offset[0], entry.j + edge.offset[1], myLayer + edge.offset[2]};
-        myTarget.points[myNext] = myPositions.onEdge(edge.axis, at, entry.cell + edge.lower, myStep, weight);
-        if (myTarget.weights) myTarget.weights[myNext] = weight;
-        if (myTarget.identifiers) myTarget.identifiers[myNext] = edge.identifier + entry.i + entry.j * edge.strideY;
-        ++myNext;
+        const std::size_t lower = i(entry.cell) + j(entry.cell) * myStep[1] + edge.lower;
+        const std::size_t upper = lower + myStep[static_cast<std::size_t>(edge.axis)];
+        myValues.prefetch(lower);
+        myValues.prefetch(upper);
+        myPositions.prefetch(lower, upper);
+    }
+    void evaluate(const Entry& entry, index_t vertex) const noexcept {
+        const Edge& edge = myEdges[entry.e];
+        const std::size_t x = i(entry.cell), y = j(entry.cell), cell = x + y * myStep[1];
+        const double weight =
+            edgeWeight(myValues.level(), myValues[cell + edge.first], myValues[cell + edge.second], edge.reversed);
+        const Extents at = {x + edge.offset[0], y + edge.offset[1], myLayer + edge.offset[2]};
+        myTarget.points[vertex] = myPositions.onEdge(edge.axis, at, cell + edge.lower, myStep, weight);
+        if (myTarget.weights) myTarget.weights[vertex] = weight;
+        if (myTarget.identifiers) myTarget.identifiers[vertex] = edge.identifier + x + y * edge.strideY;
     }
 
-    const IsoSweep& mySweep;
-    const SweepTarget& myTarget;
+    const Values& myValues;
+    const SweepTarget myTarget;
     const Positions& myPositions;
-    std::size_t myLayer;
+    const std::size_t myLayer;
     index_t myNext;
-    Extents myStep;
+    const Extents myStep;
     Edge myEdges[12];
-    std::size_t myBegin = 0, myAsked = 0, myEnd = 0;
-    Entry myRing[Capacity];
+    std::size_t myAsked = 0, myEnd = 0; // those before the former are of the batch before
+    Entry myFound[2 * Most + 3];        // and a cell writes three
 };
 
+// Without a queue only the indices are noted.
 template<class Values>
-template<bool Write, class Positions>
+template<class Queue>
 void IsoSweep<Values>::fillLayer(std::size_t k, Planes& planes, const SweepTarget& target,
-                                 const EdgeNumbering& numbering, const Positions& positions,
-                                 [[maybe_unused]] const TriangleCell* end) const {
-    index_t vertex = target.firstVertex + myLayers[k].firstVertex;
-    [[maybe_unused]] TriangleCell* triangle = target.triangles + myLayers[k].firstTriangle;
-    VertexQueue<Positions> queue(*this, k, target, numbering, positions);
-    unsigned int* indices[13] = {};
-    std::size_t j = 0, rowEnd = 0; // the row, and the first cell word after it
+                                 [[maybe_unused]] Queue* queue, [[maybe_unused]] const TriangleCell* end) const {
+    constexpr bool IsWritten = !std::is_void_v<Queue>;
+    const Layer& layer = myLayers[k];
+    index_t vertex = target.firstVertex + layer.firstVertex;
+    [[maybe_unused]] TriangleCell* triangle = target.triangles + layer.firstTriangle;
+    const std::array<unsigned int*, 12> indices = planes.indices();
+    const Place* word = layer.words;
+    const std::uint16_t* shared = layer.shared;
 
-    for (const CutWord& found : myLayers[k].cutWords) {
-        if (found.number >= rowEnd) {
-            j = found.number / myCellWords;
-            rowEnd = (j + 1) * myCellWords;
-            planes.indexRows(j, indices);
+    for (const unsigned kept : layer.cells) {
+        const Place place = *word + kept % IsLastOfWord / CellStep;
+        word += (kept & IsLastOfWord) != 0;
+        const std::size_t rowCase = kept % CellStep, at = j(place) * mySize[0] + i(place);
+        const std::size_t border = (i(place) == 0 ? 1U : 0U) + (j(place) == 0 ? 2U : 0U) + (k == 0 ? 4U : 0U);
+        const CellCase& cellCase = Cases[256 * border + rowCase];
+        std::size_t added = cellCase.newCount;
+        const auto addVertex = [&](std::size_t n, unsigned int e) {
+            indices[e][at] = static_cast<unsigned int>(vertex + n);
+            if constexpr (IsWritten) queue->put(n, place, e);
+        };
+        if (kept & IsBesideBlanked) [[unlikely]] {
+            added = 0;
+            forEachNewBesideBlanked(rowCase, *shared++, [&](unsigned int e) { addVertex(added++, e); });
+        } else {
+            for (std::size_t v = 0; v < 3; ++v) addVertex(v, cellCase.newEdges[v]);
+            for (std::size_t v = 3; v < added; ++v) addVertex(v, cellCase.newEdges[v]);
         }
-        const std::size_t word = found.number + myCellWords - rowEnd;
-        std::optional<NeighbourWords> neighbours;
-        if (myMask) neighbours.emplace(*myMask, j, k, word);
-        const std::uint64_t special = neighbours ? neighbours->missing : 0;
-
-        const int border = (j == 0 ? 2 : 0) + (k == 0 ? 4 : 0);
-        const std::size_t rowStart = (k * mySize[1] + j) * mySize[0];
-        for (std::uint64_t cut = found.cut; cut != 0; cut &= cut - 1) {
-            const int cell = std::countr_zero(cut);
-            const std::size_t i = 64 * word + static_cast<std::size_t>(cell);
-            const bool isSpecial = special >> cell & 1; // then all cut edges are looked through
-            const CellCase& cellCase =
-                Cases[isSpecial ? 7 : static_cast<std::size_t>(border + (i == 0))][found.around.rowCase(cell)];
-            std::size_t added = 0;
-            const auto addVertex = [&](std::size_t n, unsigned int e) {
-                indices[e][i] = static_cast<unsigned int>(vertex + n);
-                if constexpr (Write) queue.put(n, i, j, rowStart + i, e);
+        vertex += added;
+        if constexpr (IsWritten) {
+            queue->add(added);
+            const auto corners = [&](int t) {
+                return TriangleCell(indices[cellCase.edges[3 * t]][at], indices[cellCase.edges[3 * t + 1]][at],
+                                    indices[cellCase.edges[3 * t + 2]][at]);
             };
-            if (isSpecial) {
-                const unsigned shared = SharedEdges[neighbours->of(cell)];
-                for (int v = 0; v < cellCase.newCount; ++v)
-                    if (!(shared >> cellCase.newEdges[v] & 1)) addVertex(added++, cellCase.newEdges[v]);
-            } else {
-                for (std::size_t v = 0; v < 3; ++v) addVertex(v, cellCase.newEdges[v]);
-                added = cellCase.newCount;
-                for (std::size_t v = 3; v < added; ++v) addVertex(v, cellCase.newEdges[v]);
-            }
-            vertex += added;
-            if constexpr (Write) {
-                queue.add(added);
-                const auto corners = [&](int t) {
-                    return TriangleCell(indices[cellCase.edges[3 * t]][i], indices[cellCase.edges[3 * t + 1]][i],
-                                        indices[cellCase.edges[3 * t + 2]][i]);
-                };
-                triangle[0] = corners(0);
-                if (triangle + 1 != end) [[likely]]
-                    triangle[1] = corners(1); // overwritten, if there is only one
-                for (int t = 2; t < cellCase.triangleCount; ++t) triangle[t] = corners(t);
-                triangle += cellCase.triangleCount;
-            }
+            triangle[0] = corners(0);
+            if (triangle + 1 != end) [[likely]]
+                triangle[1] = corners(1); // overwritten, if there is only one
+            for (int t = 2; t < cellCase.triangleCount; ++t) triangle[t] = corners(t);
+            triangle += cellCase.triangleCount;
         }
-        if constexpr (Write) queue.work();
     }
-    if constexpr (Write) queue.finish();
 }
 
 template<class Values>
@@ -513,13 +514,15 @@ void IsoSweep<Values>::fillLayers(std::size_t begin, std::size_t end, Planes& pl
     if (begin == end) return;
     const TriangleCell* const last = target.triangles + myLayers[end].firstTriangle;
     if (begin > 0) { // for the indices on the plane below
-        fillLayer<false>(begin - 1, planes, target, numbering, positions, last);
+        fillLayer<void>(begin - 1, planes, target, nullptr, last);
         planes.advance();
     }
     for (std::size_t k = begin; k < end; ++k, planes.advance()) {
         Hestra::Pulse::beat(static_cast<double>(k - begin) / static_cast<double>(end - begin));
-        if (myLayers[k + 1].firstTriangle != myLayers[k].firstTriangle)
-            fillLayer<true>(k, planes, target, numbering, positions, last);
+        if (myLayers[k].cells.empty()) continue;
+        VertexQueue queue(*this, k, target, numbering, positions);
+        fillLayer(k, planes, target, &queue, last);
+        queue.finish();
     }
 }
 

@@ -3,8 +3,8 @@
 /// bits.
 ///
 /// Vertices are numbered in the order in which the plain sweep first uses their edges, so that the result does not
-/// depend on how it was found. Two passes: the first classifies the vertices, keeps the words of 64 cells that the
-/// level crosses, and counts what each layer of cells adds; the second, when the storage is there, visits these words.
+/// depend on how it was found. Two passes: the first classifies the vertices, keeps the cells that the level crosses,
+/// with their cases, and counts what each layer of cells adds; the second, when the storage is there, visits these.
 /// Both passes deal out layers to the threads of the team; a thread that begins in the middle numbers the layer before
 /// once more.
 ///
@@ -126,12 +126,13 @@ public:
     [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return myTest.below(myValues[vertex * myStride]); }
     /// Which vertices of plane k have values below the level: words of 64, whose rows begin `wordStep` words apart.
     void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept;
-    /// Whether it is known that the level crosses none of 64 cells, the `word`-th of row (j, k).
-    [[nodiscard]] bool isUncut(std::size_t j, std::size_t k, std::size_t word) const noexcept {
-        return !myKnown.empty() && known(j / ValueBricks<T>::Side, k / ValueBricks<T>::Side)[word].toRead == 0;
+    /// Whether it is known that the level crosses no cell of row (j, k).
+    [[nodiscard]] bool isUncut(std::size_t j, std::size_t k) const noexcept {
+        constexpr std::size_t Side = ValueBricks<T>::Side;
+        return !myKnown.empty() && !myIsCut[k / Side * myBricks[0] + j / Side];
     }
-    /// The most words of cells that the level can cross, or 0 if nothing is known.
-    [[nodiscard]] std::size_t mostCutWords() const noexcept { return myMostCutWords; }
+    /// How many cells the level may well cross, or 0 if nothing is known.
+    [[nodiscard]] std::size_t likelyCutCells() const noexcept { return myLikelyCutCells; }
     /// Asks for a value. Inline, or the compiler takes it for a function without effect and drops the call.
     [[gnu::always_inline]] void prefetch(std::size_t vertex) const noexcept {
         __builtin_prefetch(myValues + vertex * myStride);
@@ -150,8 +151,9 @@ private:
     LevelTest<T> myTest;
     std::size_t myWords; // of 64 vertices in a row
     std::array<std::size_t, 2> myBricks{};
-    std::vector<KnownWord> myKnown; // of rows of bricks, along axes 1 and 2, or none
-    std::size_t myMostCutWords = 0;
+    std::vector<KnownWord> myKnown;     // of rows of bricks, along axes 1 and 2, or none
+    std::vector<unsigned char> myIsCut; // of these rows: whether some are to be read
+    std::size_t myLikelyCutCells = 0;
 };
 
 /// A plane in space, and the distances of positions from it: positive where the normal shows.
@@ -196,8 +198,8 @@ public:
     void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
         classifyByWords(*this, k, words, wordStep);
     }
-    [[nodiscard]] bool isUncut(std::size_t, std::size_t, std::size_t) const noexcept { return false; }
-    [[nodiscard]] std::size_t mostCutWords() const noexcept { return 0; }
+    [[nodiscard]] bool isUncut(std::size_t, std::size_t) const noexcept { return false; }
+    [[nodiscard]] std::size_t likelyCutCells() const noexcept { return 0; }
     void prefetch(std::size_t) const noexcept {} // positions are asked for
 
 private:
@@ -235,8 +237,8 @@ public:
     void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
         classifyByWords(*this, k, words, wordStep);
     }
-    [[nodiscard]] bool isUncut(std::size_t, std::size_t, std::size_t) const noexcept { return false; }
-    [[nodiscard]] std::size_t mostCutWords() const noexcept { return 0; }
+    [[nodiscard]] bool isUncut(std::size_t, std::size_t) const noexcept { return false; }
+    [[nodiscard]] std::size_t likelyCutCells() const noexcept { return 0; }
     void prefetch(std::size_t) const noexcept {}
 
 private:
@@ -244,26 +246,31 @@ private:
     std::array<std::vector<double>, 3> myTerms;
 };
 
-/// The classified vertices of four rows around 64 cells of a row, and the vertices after the last.
+/// The classified vertices of four rows around 64 cells of a row, and those after them.
 struct RowWords {
-    std::uint64_t lowLow, highLow, lowHigh, highHigh; // (j, k), (j+1, k), (j, k+1), (j+1, k+1)
-    unsigned next = 0;                                // the vertices after the last, one bit a row
+    /// From words of the rows (j, k), (j+1, k), (j, k+1) and (j+1, k+1), behind each of which there is a next one.
+    RowWords(const std::uint64_t* a, const std::uint64_t* b, const std::uint64_t* c, const std::uint64_t* d) noexcept
+        : lowLow(a[0]), highLow(b[0]), lowHigh(c[0]), highHigh(d[0]), next{a[1], b[1], c[1], d[1]} {}
 
     /// Cells that are neither wholly below nor wholly not below the level.
     [[nodiscard]] std::uint64_t cut() const noexcept {
         const std::uint64_t some = lowLow | highLow | lowHigh | highHigh;
         const std::uint64_t all = lowLow & highLow & lowHigh & highHigh;
-        const std::uint64_t someNext = some >> 1 | std::uint64_t{next != 0} << 63;
-        const std::uint64_t allNext = all >> 1 | std::uint64_t{next == 15} << 63;
+        const std::uint64_t someNext = some >> 1 | (next[0] | next[1] | next[2] | next[3]) << 63;
+        const std::uint64_t allNext = all >> 1 | (next[0] & next[1] & next[2] & next[3]) << 63;
         return (some | someNext) & ~(all & allNext);
     }
     [[nodiscard]] std::size_t rowCase(int cell) const noexcept {
         if (cell == 63) [[unlikely]]
-            return lowLow >> 63 | (next & 1) << 1 | (highLow >> 63) << 2 | (next & 2) << 2 | (lowHigh >> 63) << 4 |
-                   (next & 4) << 3 | (highHigh >> 63) << 6 | (next & 8) << 4;
+            return lowLow >> 63 | (next[0] & 1) << 1 | (highLow >> 63) << 2 | (next[1] & 1) << 3 |
+                   (lowHigh >> 63) << 4 | (next[2] & 1) << 5 | (highHigh >> 63) << 6 | (next[3] & 1) << 7;
         return (lowLow >> cell & 3) | (highLow >> cell & 3) << 2 | (lowHigh >> cell & 3) << 4 |
                (highHigh >> cell & 3) << 6;
     }
+
+private:
+    std::uint64_t lowLow, highLow, lowHigh, highHigh;
+    std::uint64_t next[4]; // of which the first bit counts
 };
 
 /// The sweep over one block of values at one level: `StoredValues` or `PlaneDistances`.
@@ -284,27 +291,36 @@ public:
     void fill(const SweepTarget& target, const EdgeNumbering& numbering, const Positions& positions) const;
 
 private:
-    /// 64 cells of a row, of which the level crosses some.
-    struct CutWord {
-        RowWords around;
-        std::uint32_t number; // among those of the layer
-        std::uint64_t cut;    // valid cells
+    /// A cell in its layer, in one number: i + 2^32 * j.
+    using Place = std::uint64_t;
+    static constexpr std::size_t i(Place place) noexcept { return place & 0xffffffff; }
+    static constexpr std::size_t j(Place place) noexcept { return place >> 32; }
+    /// A cell is kept as its number in its word and its case, and what else is to be known of it.
+    static constexpr unsigned CellStep = 1U << 8, IsLastOfWord = 1U << 14, IsBesideBlanked = 1U << 15;
+    /// Valid cells that the level crosses, the first cells of words of 64 with such, and of cells beside blanked ones
+    /// the edges that earlier cells have, a bit each.
+    struct CutCells {
+        std::vector<std::uint16_t> cells;
+        std::vector<Place> words;
+        std::vector<std::uint16_t> shared;
     };
     /// What the layers before one have added, and where the level crosses it.
     struct Layer {
         index_t firstVertex = 0;
         index_t firstTriangle = 0;
-        std::span<const CutWord> cutWords;
+        std::span<const std::uint16_t> cells;
+        const Place* words = nullptr;
+        const std::uint16_t* shared = nullptr;
     };
     class Planes;
     template<class Positions>
     class VertexQueue;
 
     [[nodiscard]] std::size_t layerCount() const noexcept { return mySize[2] - 1; }
-    void countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks, std::vector<CutWord>& cutWords);
-    template<bool Write, class Positions>
-    void fillLayer(std::size_t k, Planes& planes, const SweepTarget& target, const EdgeNumbering& numbering,
-                   const Positions& positions, const TriangleCell* end) const;
+    void countLayers(std::size_t begin, std::size_t end, std::uint64_t* masks, CutCells& found);
+    template<class Queue>
+    void fillLayer(std::size_t k, Planes& planes, const SweepTarget& target, Queue* queue,
+                   const TriangleCell* end) const;
     template<class Positions>
     void fillLayers(std::size_t begin, std::size_t end, Planes& planes, const SweepTarget& target,
                     const EdgeNumbering& numbering, const Positions& positions) const;
@@ -312,10 +328,10 @@ private:
     Values myValues;
     std::array<std::size_t, 3> mySize; // vertices
     const BlockMask* myMask;
-    std::size_t myVertexWords = 0;                // words of 64 vertices in a row
-    std::size_t myCellWords = 0;                  // words of 64 cells in a row
-    std::vector<Layer> myLayers;                  // one more than there are layers
-    std::vector<std::vector<CutWord>> myCutWords; // as the threads have found them
+    std::size_t myVertexWords = 0; // words of 64 vertices in a row
+    std::size_t myCellWords = 0;   // words of 64 cells in a row
+    std::vector<Layer> myLayers;   // one more than there are layers
+    std::vector<CutCells> myFound; // by the threads
 };
 
 } // namespace Vantle::detail

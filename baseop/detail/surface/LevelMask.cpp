@@ -4,6 +4,7 @@
 #include <baseop/detail/surface/LevelMask.hpp>
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <tuple>
 
@@ -33,44 +34,62 @@ HWY_INLINE std::uint64_t bitsOf(Lanes lanes, const T* values, std::size_t count,
     return bits;
 }
 
+constexpr std::size_t Group = 8;
+
+// The bits of a group of a row, whose `left` values, from `first` on, are the last of `count`.
+template<class T>
+HWY_INLINE std::uint64_t bitsOfGroup(const T* first, std::size_t left, std::size_t count, T bound) noexcept {
+    const hn::CappedTag<T, Group> lanes;
+    if (left >= Group) return bitsOf(lanes, first, Group, bound);
+    if (count >= Group)
+        return bitsOf(lanes, first + left - Group, Group, bound) >> (Group - left); // some of them again
+    std::uint64_t bits = 0;
+    for (std::size_t n = 0; n < left; ++n) {
+        const bool isBelow = std::is_floating_point_v<T> ? first[n] < bound : first[n] <= bound;
+        bits |= std::uint64_t{isBelow} << n;
+    }
+    return bits;
+}
+
 template<class T>
 void classify(const ValueRows<T>& values, T bound, const KnownWord* known, std::uint64_t* words, std::size_t wordStep,
               std::size_t ahead) noexcept {
-    constexpr std::size_t Group = 8;
     // A whole word of small values is as near as a part of it.
     constexpr bool IsReadInParts = sizeof(T) >= 4;
     const hn::ScalableTag<T> lanes;
-    const hn::CappedTag<T, Group> ofGroup;
-    for (std::size_t r = 0; r < values.rows; ++r, words += wordStep) {
-        const T* const row = values.first + r * values.step;
-        for (std::size_t word = 0; 64 * word < values.count; ++word) {
-            const std::size_t count = std::min<std::size_t>(64, values.count - 64 * word);
-            const T* const first = row + 64 * word;
-            const KnownWord before = known ? known[word] : KnownWord();
-            std::uint64_t bits = before.below;
-            if (before.toRead != 0 && count == 64 && (!IsReadInParts || before.toRead == ~std::uint64_t{0})) {
-                bits = bitsOf(lanes, first, 64, bound);
-            } else if (before.toRead != 0) {
-                for (std::size_t i = 0; i < count; i += Group) {
-                    if (!(before.toRead >> i & 1)) continue;
-                    if (i + Group <= count) {
-                        bits |= bitsOf(ofGroup, first + i, Group, bound) << i;
-                        __builtin_prefetch(first + i + ahead);
-                        __builtin_prefetch(first + i + Group - 1 + ahead);
-                        continue;
-                    }
-                    if (values.count >= Group) { // the last of the row, some of them again
-                        const std::uint64_t last = bitsOf(ofGroup, first + count - Group, Group, bound);
-                        bits |= count >= Group ? last << (count - Group) : last >> (Group - count);
-                        continue;
-                    }
-                    for (std::size_t n = i; n < count; ++n) {
-                        const bool isBelow = std::is_floating_point_v<T> ? first[n] < bound : first[n] <= bound;
-                        bits |= std::uint64_t{isBelow} << n;
-                    }
-                }
+    if (!known) {
+        for (std::size_t r = 0; r < values.rows; ++r)
+            for (std::size_t begin = 0; begin < values.count; begin += 64) {
+                const T* const first = values.first + r * values.step + begin;
+                const std::size_t left = values.count - begin;
+                std::uint64_t bits = 0;
+                if (left >= 64)
+                    bits = bitsOf(lanes, first, 64, bound);
+                else
+                    for (std::size_t i = 0; i < left; i += Group)
+                        bits |= bitsOfGroup(first + i, left - i, values.count, bound) << i;
+                words[r * wordStep + begin / 64] = bits;
             }
-            words[word] = bits;
+        return;
+    }
+    // The same is known of all rows: what is to be read is read of one after the other.
+    for (std::size_t begin = 0; begin < values.count; begin += 64, ++known, ++words) {
+        const std::size_t left = values.count - begin;
+        const bool isWhole =
+            left >= 64 && (known->toRead == ~std::uint64_t{0} || (!IsReadInParts && known->toRead != 0));
+        const T* const first = values.first + begin;
+        for (std::size_t r = 0; r < values.rows; ++r)
+            words[r * wordStep] = isWhole ? bitsOf(lanes, first + r * values.step, 64, bound) : known->below;
+        if (isWhole) continue;
+        for (std::uint64_t toRead = known->toRead; toRead != 0;) {
+            const auto i = static_cast<std::size_t>(std::countr_zero(toRead));
+            toRead &= ~(std::uint64_t{0xff} << i);
+            for (std::size_t r = 0; r < values.rows; ++r) {
+                const T* const at = first + r * values.step + i;
+                words[r * wordStep] |= bitsOfGroup(at, left - i, values.count, bound) << i;
+                __builtin_prefetch(at + ahead);
+                __builtin_prefetch(at + Group - 1 + ahead);
+            }
         }
     }
 }

@@ -7,7 +7,10 @@
 /// corner c is below the level.
 
 #include <array>
+#include <bit>
+#include <cmath>
 #include <cstddef>
+#include <cstdint>
 
 namespace Vantle::detail {
 
@@ -321,7 +324,7 @@ inline constexpr std::array<EdgeGeometry, 12> edgeGeometry = [] {
 /// infinities go in.
 [[nodiscard]] inline double levelCrossing(double level, double a, double b) noexcept {
     const double difference = b - a;
-    if (!(difference < 0.0) && !(difference > 0.0)) return 0.5;
+    if (!(std::abs(difference) > 0.0)) return 0.5;
     double t = (level - a) / difference;
     if (t > 1.0) t = 1.0;
     if (t < 0.0) t = 0.0;
@@ -331,8 +334,11 @@ inline constexpr std::array<EdgeGeometry, 12> edgeGeometry = [] {
 /// The weight of an edge from its lower end, given the values in the order of `EdgeCorners`.
 [[nodiscard]] inline double edgeWeight(double level, double a, double b, bool reversed) noexcept {
     const double t = levelCrossing(level, a, b);
-    // On purpose not recomputed from the lower end: that would round differently.
-    return reversed ? 1.0 - t : t;
+    // On purpose not recomputed from the lower end: that would round differently. Without a branch, which nobody could
+    // predict.
+    const std::uint64_t mask = std::uint64_t{0} - std::uint64_t{reversed};
+    return std::bit_cast<double>((std::bit_cast<std::uint64_t>(1.0 - t) & mask) |
+                                 (std::bit_cast<std::uint64_t>(t) & ~mask));
 }
 
 } // namespace Vantle::detail
