@@ -376,45 +376,91 @@ void GenerateEdge2FacesTable(MemArray<1, Edge>& edgeToFaces, const MemArray<1, T
         if (edges(e)[0] == edges(e)[1]) edgeToFaces(e) = *entryOf(edges(e)[0]);
 }
 
+namespace {
+
+/// The most edges of a face.
+constexpr unsigned char MostEdges = 3;
+
+struct FaceEdge {
+    unsigned int face, edge;
+};
+
+/// Enters edges of [firstEdge, lastEdge) in the rows of their faces, if these are of [firstFace, lastFace); other
+/// faces, of `faces`, are noted with their edges, unless there are none. Returns whether a row was full.
+template<bool HasOthers>
+bool enterEdges(const Edge* table, index_t firstEdge, index_t lastEdge, Triangle* rows, index_t stride,
+                unsigned char* counts, index_t firstFace, index_t lastFace, [[maybe_unused]] index_t faces,
+                [[maybe_unused]] std::vector<FaceEdge>& others) {
+    const index_t count = lastFace - firstFace;
+    bool isAnyLeftOut = false;
+    for (index_t e = firstEdge; e < lastEdge; ++e)
+        for (const unsigned int face : table[e]) {
+            if (face - firstFace >= count) { // also of faces before the first one
+                if constexpr (HasOthers)
+                    if (face < faces) others.push_back({face, static_cast<unsigned int>(e)});
+                continue;
+            }
+            const int n = counts[face];
+            if (n < MostEdges) {
+                rows[face * stride][n] = static_cast<unsigned int>(e);
+                counts[face] = static_cast<unsigned char>(n + 1);
+            } else {
+                isAnyLeftOut = true;
+            }
+        }
+    return isAnyLeftOut;
+}
+
+/// Enters one more edge in a row, of which the first ones stay, in ascending order.
+void enterBetween(Triangle& row, unsigned char& count, unsigned int edge) {
+    const int last = std::min<int>(count, MostEdges - 1);
+    if (count == MostEdges && edge >= row[last]) return;
+    int at = last;
+    for (; at > 0 && row[at - 1] > edge; --at) row[at] = row[at - 1];
+    row[at] = edge;
+    count = static_cast<unsigned char>(last + 1);
+}
+
+} // namespace
+
 void GenerateFace2EdgesTable(MemArray<1, Triangle>& faceToEdges, const MemArray<1, Edge>& edgeToFaces,
                              const MemArray<1, Triangle>&, const MemArray<1, Edge>&, int edgeCount, int faceCount) {
     const Hestra::Profiler scope("baseop/SurfaceRefinement", __LINE__, "GenerateFace2EdgesTable(edges)",
                                  __PRETTY_FUNCTION__);
     const index_t faces = boundedCount(faceCount, faceToEdges.nElements());
     const index_t edges = boundedCount(edgeCount, edgeToFaces.nElements());
-    // Each thread looks at all edges and enters those of its faces, which neighbouring edges have in common: that costs
-    // less than to count before.
-    constexpr unsigned char Full = 3;
+    // Each slab of edges enters those of its slab of faces, and leaves the others, which are few as a rule, to the
+    // slabs that have their faces.
     const Packed<Edge> table(edgeToFaces);
-    std::vector<unsigned char> filled(faces, 0);
+    const auto filled = std::make_unique_for_overwrite<unsigned char[]>(faces);
+    const std::size_t slabs = slabsFor(edges);
+    std::vector<std::vector<FaceEdge>> ofOthers(slabs);
     std::atomic<bool> anyLeftOut{false};
-    forEachSlab(slabsFor(edges), faces, [&](std::size_t, index_t begin, index_t end) {
-        // What is written to bytes may be anything for the compiler, which would read all of these again and again.
-        const Edge* const entries = table.data();
-        Triangle* const rows = faceToEdges.data();
-        const index_t stride = faceToEdges.stride(), last = edges, count = end - begin;
-        unsigned char* const counts = filled.data();
-        bool isAnyLeftOut = false;
-        for (index_t e = 0; e < last; ++e)
-            for (const unsigned int face : entries[e]) {
-                if (face - begin >= count) continue; // also of faces before the first one
-                const int n = counts[face];
-                if (n < Full) {
-                    rows[face * stride][n] = static_cast<unsigned int>(e);
-                    counts[face] = static_cast<unsigned char>(n + 1);
-                } else {
-                    isAnyLeftOut = true;
-                }
-            }
-        if (isAnyLeftOut) anyLeftOut.store(true, std::memory_order_relaxed);
+    forEachSlab(slabs, faces, [&](std::size_t slab, index_t begin, index_t end) {
+        std::fill(filled.get() + begin, filled.get() + end, static_cast<unsigned char>(0));
+        std::vector<FaceEdge> others;
+        const auto enter = slabs > 1 ? &enterEdges<true> : &enterEdges<false>;
+        if (enter(table.data(), edges * slab / slabs, edges * (slab + 1) / slabs, faceToEdges.data(),
+                  faceToEdges.stride(), filled.get(), begin, end, faces, others))
+            anyLeftOut.store(true, std::memory_order_relaxed);
+        ofOthers[slab] = std::move(others);
     });
+    if (slabs > 1)
+        forEachSlab(slabs, faces, [&](std::size_t, index_t begin, index_t end) {
+            for (const std::vector<FaceEdge>& others : ofOthers)
+                for (const auto& [face, edge] : others) {
+                    if (face < begin || face >= end) continue;
+                    if (filled[face] == MostEdges) anyLeftOut.store(true, std::memory_order_relaxed);
+                    enterBetween(faceToEdges(face), filled[face], edge);
+                }
+        });
     if (!anyLeftOut || !Console::isHeard()) return;
 
     std::vector<unsigned char> seen(faces, 0);
     for (index_t e = 0; e < edges; ++e)
         for (const unsigned int face : edgeToFaces(e)) {
-            if (face >= faces || seen[face]++ < Full) continue;
-            seen[face] = Full;
+            if (face >= faces || seen[face]++ < MostEdges) continue;
+            seen[face] = MostEdges;
             Console::print("-->does edge (%d) belong to face (%d)?\n", static_cast<int>(e), static_cast<int>(face));
             Console::print("--> other edges: ");
             for (const unsigned int other : faceToEdges(face)) Console::print("%d,", static_cast<int>(other));
