@@ -28,6 +28,9 @@ constexpr const char* Source = "baseop/TangentialVectors";
 constexpr std::size_t Block = 128;
 static_assert(Block % detail::MostLanes == 0);
 
+/// Points that are asked for before they are needed. While lengths are found, memory would be idle.
+constexpr std::size_t Ahead = 128;
+
 /// Indices of the curves that a thread takes at a time: their results are filled while they are in cache.
 constexpr std::size_t Piece = 4096;
 
@@ -67,7 +70,9 @@ double follow(const std::vector<Index>& curve, const PhysicalSpace::point* point
         const std::size_t count = std::min(Block, curve.size() - begin);
         for (std::size_t i = 0; i < count; ++i) {
             greatest = std::max(greatest, at[i]);
-            const PhysicalSpace::point here = points[std::min(at[i], last)];
+            const PhysicalSpace::point* const from = points + std::min(at[i], last);
+            __builtin_prefetch(from + Ahead); // where the next curve, as a rule, has vertices
+            const PhysicalSpace::point here = *from;
             x[i] = here[0] - previous[0];
             y[i] = here[1] - previous[1];
             z[i] = here[2] - previous[2];
