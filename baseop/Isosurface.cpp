@@ -139,11 +139,18 @@ PlaneDistance planeOf(const PhysicalSpace::point& origin, const PhysicalSpace::v
     return {origin, normal * (1.0 / norm)};
 }
 
-/// Whether there is a value above the level. Looks at pieces that vector lanes take at once.
+/// Whether there is a value above the level. Looks at corners first, where distances are greatest, then at pieces that
+/// vector lanes take at once.
 template<class Values>
 bool anyAbove(const Values& values) {
     constexpr std::size_t Piece = 1024;
-    const auto count = static_cast<std::size_t>(values.size().product());
+    const MultiIndex<3>& size = values.size();
+    const auto count = static_cast<std::size_t>(size.product());
+    for (index_t corner = 0; count != 0 && corner < 8; ++corner) {
+        const auto end = [&](int d) { return (corner >> d & 1) * (size[d] - 1); };
+        if (values[static_cast<std::size_t>(end(0) + size[0] * (end(1) + size[1] * end(2)))] > values.level())
+            return true;
+    }
     for (std::size_t begin = 0; begin < count; begin += Piece) {
         const std::size_t end = std::min(count, begin + Piece);
         bool above = false;

@@ -505,6 +505,39 @@ TEST_F(IsosurfaceGridTest, EveryKindOfCoordinatesAndElementsServes) {
     for (const point& p : points()) EXPECT_EQ(p[0], 1.5);
 }
 
+// Property: a plane cuts where distances from it are 0, wherever axes lead.
+TEST_F(IsosurfaceGridTest, PlanesCutWhereDistancesFromThemVanish) {
+    const MultiIndex<3> size(130, 4, 3);
+    using Axis = ExplicitCoordinateAxisArray<double>;
+    std::array<std::vector<double>, 3> axes = {{{}, {3, 2, 0, -1}, {0, 1, 2}}};
+    const point origin(0.3, 0.9, 1.1);
+    for (const double step : {0.1, -0.1, 3.7}) { // of the last one only the remainders by 5: neither up nor down
+        axes[0].clear();
+        for (int i = 0; i < 130; ++i) axes[0].push_back(step < 1.0 ? i * step : std::fmod(i * step, 5.0));
+        for (const PhysicalSpace::vector normal :
+             {PhysicalSpace::vector(1, 0.5, -2), PhysicalSpace::vector(-1, 0, 0)}) {
+            const PhysicalSpace::vector unit = normal * (1.0 / length(normal));
+            const auto term = [&](const MultiIndex<3>& at, int d) {
+                return (axes[std::size_t(d)][at[d]] - origin[d]) * unit[d];
+            };
+            const auto distances =
+                fill<double>(size, [&](const MultiIndex<3>& at) { return (term(at, 0) + term(at, 1)) + term(at, 2); });
+            regular = RegularGrid3D(grid = slice->newGrid("input"));
+            addBlock("a", distances,
+                     Hestra::makeRef<DirectProductMemArray<point, ExplicitCoordinateAxisArray, 3>>(
+                         std::array{Axis(axes[0]), Axis(axes[1]), Axis(axes[2])})
+                         .strong());
+            requested.touch();
+            compute(0.0);
+            const auto expected = points();
+            const Hestra::ScopedListener nobody({});
+            output = ComputePlaneCut(origin, normal, requested, *grid, *slice, "cut");
+            ASSERT_GT(expected.size(), 9U);
+            ASSERT_TRUE(points() == expected) << step;
+        }
+    }
+}
+
 TEST_F(IsosurfaceGridTest, SkipsFragmentsByTheirRanges) {
     const MultiIndex<3> size(5, 3, 3);
     const auto value = [](const MultiIndex<3>& at) { return double(at[0]); };

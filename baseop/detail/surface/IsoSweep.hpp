@@ -24,8 +24,10 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -217,6 +219,10 @@ public:
         for (std::size_t d = 0; d < 3; ++d)
             for (const double at : positions.axes[d])
                 myTerms[d].push_back((at - plane.origin[static_cast<int>(d)]) * plane.unit[static_cast<int>(d)]);
+        const std::vector<double>& x = myTerms[0];
+        myIsMonotone = std::is_sorted(x.begin(), x.end()) || std::is_sorted(x.begin(), x.end(), std::greater<>());
+        for (const std::vector<double>& terms : myTerms)
+            for (const double term : terms) myIsMonotone = myIsMonotone && std::isfinite(term);
     }
 
     [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
@@ -230,6 +236,9 @@ public:
         const MultiIndex<3> at = MultiIndex<3>::fromLinear(vertex, mySize);
         const double* const x = myTerms[0].data() + at[0];
         const double y = myTerms[1][at[1]], z = myTerms[2][at[2]];
+        // Sums keep the order of their terms, however they are rounded.
+        if (const bool isBelow = (x[0] + y) + z < 0.0; myIsMonotone && ((x[count - 1] + y) + z < 0.0) == isBelow)
+            return isBelow ? ~std::uint64_t{0} >> (64 - count) : 0;
         std::uint64_t bits = 0;
         for (std::size_t i = 0; i < count; ++i) bits |= std::uint64_t{(x[i] + y) + z < 0.0} << i;
         return bits;
@@ -244,6 +253,7 @@ public:
 private:
     MultiIndex<3> mySize;
     std::array<std::vector<double>, 3> myTerms;
+    bool myIsMonotone = false; // of those of axis 0, all being finite
 };
 
 /// The classified vertices of four rows around 64 cells of a row, and those after them.
