@@ -510,10 +510,11 @@ TEST_F(IsosurfaceGridTest, PlanesCutWhereDistancesFromThemVanish) {
     const MultiIndex<3> size(130, 4, 3);
     using Axis = ExplicitCoordinateAxisArray<double>;
     std::array<std::vector<double>, 3> axes = {{{}, {3, 2, 0, -1}, {0, 1, 2}}};
-    const point origin(0.3, 0.9, 1.1);
+    const point origin(3.3, 0.9, 1.1);
     for (const double step : {0.1, -0.1, 3.7}) { // of the last one only the remainders by 5: neither up nor down
         axes[0].clear();
-        for (int i = 0; i < 130; ++i) axes[0].push_back(step < 1.0 ? i * step : std::fmod(i * step, 5.0));
+        for (int i = 0; i < 130; ++i)
+            axes[0].push_back(std::fmod((step < 0 ? 13 : 0) + i * step, step < 1 ? 100.0 : 5.0));
         for (const PhysicalSpace::vector normal :
              {PhysicalSpace::vector(1, 0.5, -2), PhysicalSpace::vector(-1, 0, 0)}) {
             const PhysicalSpace::vector unit = normal * (1.0 / length(normal));
