@@ -520,7 +520,7 @@ void IsoSweep<Values>::fillLayers(std::size_t begin, std::size_t end, Planes& pl
     for (std::size_t k = begin; k < end; ++k, planes.advance()) {
         Hestra::Pulse::beat(static_cast<double>(k - begin) / static_cast<double>(end - begin));
         if (myLayers[k].cells.empty()) continue;
-        VertexQueue queue(*this, k, target, numbering, positions);
+        VertexQueue<Positions> queue(*this, k, target, numbering, positions);
         fillLayer(k, planes, target, &queue, last);
         queue.finish();
     }
