@@ -1,5 +1,6 @@
 #include <baseop/WorldDerivative.hpp>
 #include <baseop/detail/BesideBlanked.hpp>
+#include <baseop/detail/CacheRoom.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/RowResult.hpp>
 #include <baseop/detail/WorldStencil.hpp>
@@ -378,8 +379,8 @@ public:
     using S = ElementStorage<T>;
 
     JoinedVertices(const Inputs& inputs, const BlockJoins& joins, unsigned int block, Reading&& own,
-                   std::vector<Origin>& origins)
-        : myInputs(inputs), myJoins(joins), myBlock(block), myOwn(std::move(own)), myOrigins(origins),
+                   std::vector<Origin>& origins, const detail::CacheRoom& room)
+        : myInputs(inputs), myJoins(joins), myBlock(block), myOwn(std::move(own)), myOrigins(origins), myRoom(room),
           myBlanking(inputs.masks->now()) {}
 
     /// Replaces the derivatives of the block's joined vertices. Throws std::invalid_argument where a block that is
@@ -478,6 +479,7 @@ private:
 
     void copy(const detail::VertexSelection::Part& part) {
         const bool isOwn = part.block == myBlock && myOwn;
+        myRoom.make();
         const Reading reading =
             isOwn ? *std::exchange(myOwn, std::nullopt) : Reading(myInputs, myJoins.fragment(part.block), myOrigins);
         const auto values = Hestra::dynamicCast<MemArray<3, T>>(reading.values);
@@ -659,6 +661,7 @@ private:
     const unsigned int myBlock;
     std::optional<Reading> myOwn; // until it is copied
     std::vector<Origin>& myOrigins;
+    const detail::CacheRoom& myRoom;
     const Blanking myBlanking;
     std::unordered_map<unsigned int, StrongPtr<const BlockMask>> myMasks;
     std::mutex myMutex;
@@ -669,15 +672,17 @@ private:
 /// The derivative of a block among others; null where its data do not suit. Throws as `JoinedVertices`.
 template<class T>
 StrongPtr<MemBase> deriveJoined(const Inputs& inputs, const BlockJoins& joins, unsigned int block,
-                                const BlockMask* mask, Reading&& own, std::vector<Origin>& origins) {
+                                const BlockMask* mask, Reading&& own, std::vector<Origin>& origins,
+                                const detail::CacheRoom& room) {
     StrongPtr<MemArray<3, Result<T>>> derivative;
     {
         const auto values = Hestra::dynamicCast<MemArray<3, T>>(ownersData(joins, *inputs.values, block));
         if (!values) return nullptr;
         const BlockPositions positions(ownersData(joins, *inputs.positions, block));
+        room.make();
         derivative = deriveBlock(*values, positions, mask, true);
     }
-    if (derivative) JoinedVertices<T>(inputs, joins, block, std::move(own), origins).replace(derivative->data());
+    if (derivative) JoinedVertices<T>(inputs, joins, block, std::move(own), origins, room).replace(derivative->data());
     return derivative;
 }
 
@@ -744,7 +749,10 @@ private:
             joins && block < joins->blocks() && !(joins->joins(block).empty() && joins->shared(block).empty());
         StrongPtr<MemBase> made;
         withMemArray<3>(DerivableTypes(), own.values, [&]<class T>(const MemArray<3, T>& values) {
-            made = isJoined ? deriveJoined<T>(*myInputs, *joins, block, mask.rawptr(), std::move(own), origins)
+            const std::size_t inputs = own.values->memsize() + (own.positions ? own.positions->memsize() : 0);
+            const detail::CacheRoom room(cache().lock(), inputs + sizeof(Result<T>) * values.nElements());
+            if (!isJoined) room.make();
+            made = isJoined ? deriveJoined<T>(*myInputs, *joins, block, mask.rawptr(), std::move(own), origins, room)
                             : deriveBlock(values, BlockPositions(own.positions), mask.rawptr(), false);
         });
         return made;

@@ -1,4 +1,5 @@
 #include <baseop/LocatedPositions.hpp>
+#include <baseop/detail/CacheRoom.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/location/Tiling.hpp>
 #include <dataset/detail/DataSetState.hpp>
@@ -146,6 +147,8 @@ DataSet::Step& DataSet::ownStep() { return *myState->find(myTime); }
 void DataSet::addBlock(const std::string& name, const StrongPtr<MemBase>& positions) {
     if (kindOf(positions) == BlockKind::Other)
         throw DataSetError("block " + quoted(name) + ": the positions are no points with three indices");
+    if (!positions->getDynamicSize().as<3>()->checkedProduct())
+        throw DataSetError("block " + quoted(name) + ": more vertices than can be numbered");
     addBlock(name, creatorOf(positions, cache()));
 }
 
@@ -204,10 +207,10 @@ void DataSet::setField(const std::string& field, const std::string& block, const
     const DynamicSize announced = data ? data->getDynamicSize() : getSize(*values);
     if (announced && announced.as<3>() != size)
         refuse("has " + to_string(size) + " vertices, the values are " + to_string(announced));
-    const StrongPtr<Field> before = step().representation->findField(field);
     if (const VantleTypeIndex type = data ? data->elementIndex() : values->elementType()) {
         if (LocatedPositions::components(type) == 0) refuse("gets elements that are neither numbers nor vectors");
-        // All others are of one type: those that say it first.
+        // All others are of one type: it is that of the first one that says so.
+        const StrongPtr<Field> before = step().representation->findField(field);
         const StrongPtr<FragmentIDCollection> ids = before ? before->getFragmentIDCollection() : nullptr;
         const auto isKnown = [&](const StrongPtr<FragmentID>& id) {
             const StrongPtr<CreativeArrayBase> other = before->getCreator(id);
@@ -534,6 +537,8 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
             if (!(box.low[d] < box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] < 2)
                 throw DataSetError("resampling: an empty box, or less than two vertices, along axis " +
                                    std::to_string(d));
+        constexpr index_t Most = std::numeric_limits<std::ptrdiff_t>::max() / (9 * sizeof(double));
+        if (size.checkedProduct().value_or(Most) >= Most) throw std::bad_alloc();
         const Step& now = step();
         struct Target {
             std::string name;
@@ -547,6 +552,9 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
             const int components = now.knownComponents(name, *field);
             targets.push_back({name, field, components, detail::NumberArray(name, components, size, NaN)});
         }
+        // Derivatives would look for them in the midst of a tile.
+        if (std::any_of(fields.begin(), fields.end(), [](const std::string& name) { return name.back() == ')'; }))
+            (void)now.reading({}, [&] { return BlockJoins::of(*now.grid, now.joins); });
         const UniformCartesianArray lattice(Orvix::BoundingBox(box.low, box.high), size);
         const auto mask = MemArray<3, unsigned char>::create(size);
         std::size_t found = 0;
@@ -561,6 +569,11 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                 if (step[d] > step[longest]) longest = d;
             step[longest] = (step[longest] + 1) / 2;
         }
+        constexpr std::size_t Place = sizeof(Point) + sizeof(std::size_t) + 28; // the last of `LocatedPositions`
+        int most = 0;
+        for (const Target& target : targets) most = std::max(most, target.components);
+        const detail::CacheRoom room(now.cache, (Place + sizeof(double) * static_cast<std::size_t>(most)) *
+                                                    static_cast<std::size_t>(step.product()));
         std::vector<Point> positions;
         std::vector<std::size_t> place;
         std::vector<double> values;
@@ -583,6 +596,7 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                             positions.push_back(lattice[at]);
                             place.push_back(static_cast<std::size_t>(at.linear(size)));
                         });
+                    room.make();
                     const LocatedPositions located =
                         now.reading({}, [&] { return within(0.0, 0.7, [&] { return now.locate(positions); }); });
                     const Pulse::Part sampling(0.7, 1.0);
@@ -593,6 +607,7 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                     for (const Target& target : targets) {
                         const auto components = static_cast<std::size_t>(target.components);
                         values.assign(components * place.size(), NaN);
+                        room.make();
                         now.sample(located, target.name, *target.field, target.components, values, {});
                         for (std::size_t n = 0; n < place.size(); ++n)
                             std::copy_n(&values[n * components], components,

@@ -453,6 +453,39 @@ TEST(WorldDerivativeTest, FollowsValuesAndPositionsOfAllBlocks) {
         EXPECT_NEAR(stretched->element(n)[0], cast<Vector>(after)->element(n)[0] / 2, 1e-9);
 }
 
+// Blocks that are read when they are needed: the middle one has 26 neighbours, of which it holds one at a time.
+TEST(WorldDerivativeTest, HoldsOneNeighbourAtATime) {
+    const BlockPtr uncut = makeBlock(shapes()[1], {13, 13, 13});
+    CutGrid cut(*uncut, cutAtPlanes(uncut->Size(), {{{4, 8}, {4, 8}, {4, 8}}}));
+    cut.setField("values", *fieldOn(*uncut, wave));
+    std::vector<StrongPtr<Array<Vector>>> expected;
+    for (const auto& id : cut.ids) expected.push_back(cast<Vector>(derive(cut, "values")->getData(id)));
+
+    const auto cache = makeRef<Hestra::Cache>().strong();
+    cache->setLimit(1); // holds what came last
+    std::vector<WeakPtr<MemBase>> made;
+    std::size_t most = 0;
+    for (const StrongPtr<Field>& field : {cut.blocks.positions(), StrongPtr<Field>((*cut.grid)("values"))})
+        for (const auto& id : cut.ids) {
+            const StrongPtr<MemBase> data = field->getData(id);
+            const auto read = [&, data](const WeakPtr<CreativeArrayBase>& by) {
+                std::erase_if(made, [](const auto& array) { return !array; });
+                const StrongPtr<MemBase> copy =
+                    dynamic_cast<const MemArrayBase<3>&>(*data).createSubArray({}, *data->getDynamicSize().as<3>(), by);
+                made.emplace_back(copy);
+                most = std::max(most, made.size());
+                return copy;
+            };
+            field->createCreator(read, data->elementIndex(), data->getDynamicSize(), id, Field::ReplaceExisting, cache);
+        }
+    const auto field = derive(cut, "values", {true, {}}, cache);
+    for (std::size_t b = 0; b < cut.ids.size(); ++b) {
+        const auto found = cast<Vector>(field->getData(cut.ids[b]));
+        for (index_t n = 0; n < found->nElements(); ++n) ASSERT_EQ(found->element(n), expected[b]->element(n)) << b;
+    }
+    EXPECT_LE(most, 5u) << "its own values and positions, a neighbour's, and what the cache holds";
+}
+
 TEST(WorldDerivativeTest, ErrorsAndLoss) {
     std::mt19937_64 random(14);
     const BlockPtr uncut = makeBlock(shapes()[0], {7, 6, 8});
