@@ -147,8 +147,6 @@ DataSet::Step& DataSet::ownStep() { return *myState->find(myTime); }
 void DataSet::addBlock(const std::string& name, const StrongPtr<MemBase>& positions) {
     if (kindOf(positions) == BlockKind::Other)
         throw DataSetError("block " + quoted(name) + ": the positions are no points with three indices");
-    if (!positions->getDynamicSize().as<3>()->checkedProduct())
-        throw DataSetError("block " + quoted(name) + ": more vertices than can be numbered");
     addBlock(name, creatorOf(positions, cache()));
 }
 
@@ -174,6 +172,7 @@ void DataSet::addUniformBlock(const std::string& name, const MultiIndex<3>& size
     for (int d = 0; d < 3; ++d)
         if (!(box.low[d] <= box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] == 0)
             throw DataSetError("block " + quoted(name) + ": no vertices, or no box, along axis " + std::to_string(d));
+    if (!size.checkedProduct()) throw DataSetError("block " + quoted(name) + ": more vertices than can be numbered");
     addBlock(name, StrongPtr<MemBase>(new UniformCartesianArray(Orvix::BoundingBox(box.low, box.high), size)));
 }
 
@@ -599,6 +598,7 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                     room.make();
                     const LocatedPositions located =
                         now.reading({}, [&] { return within(0.0, 0.7, [&] { return now.locate(positions); }); });
+                    positions = std::vector<Point>(); // their memory is that of values now
                     const Pulse::Part sampling(0.7, 1.0);
                     for (std::size_t n = 0; n < place.size(); ++n)
                         mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;

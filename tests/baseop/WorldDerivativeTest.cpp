@@ -478,6 +478,8 @@ TEST(WorldDerivativeTest, HoldsOneNeighbourAtATime) {
             };
             field->createCreator(read, data->elementIndex(), data->getDynamicSize(), id, Field::ReplaceExisting, cache);
         }
+    (void)BlockJoins::of(*cut.grid); // reads many small blocks at once
+    most = 0;
     const auto field = derive(cut, "values", {true, {}}, cache);
     for (std::size_t b = 0; b < cut.ids.size(); ++b) {
         const auto found = cast<Vector>(field->getData(cut.ids[b]));
