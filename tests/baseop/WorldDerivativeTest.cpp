@@ -343,6 +343,19 @@ TEST(WorldDerivativeTest, PolesHaveDerivatives) {
         }
         EXPECT_LT(error[1], error[0] / 3) << inner;
     }
+    // In pieces: whichever block asks, what is explained are the differences at all copies.
+    std::mt19937_64 random(16);
+    const BlockPtr ball = sphere(0.0, {5, 9, 17});
+    CutGrid cut(*ball, turned(bisect(ball->Size(), 9, random), random));
+    cut.setField("values", *noiseOn(*ball, 3));
+    const auto field = derive(cut, "values");
+    const auto joins = BlockJoins::of(*cut.grid);
+    const auto at = [&](const BlockVertex& v) {
+        return cast<Vector>(field->getData(cut.ids[v.block]))->element(v.index);
+    };
+    for (unsigned int b = 0; b < joins->blocks(); ++b)
+        for (const auto& [index, owner] : joins->shared(b))
+            EXPECT_EQ(elementText(at({b, index})), elementText(at(owner)));
     // A wedge, whose axis is nothing but a collapsed face.
     Scene scene;
     const BlockPtr wedge = makeBlockOf({5, 6, 4}, [](const Place& i) {

@@ -186,6 +186,16 @@ TEST(DataSetTest, ChangesOfOneHandleReachNoOther) {
         if (plain[k].fields["mask"].empty()) plain[k].fields.erase("mask");
         for (const Given& one : given) ASSERT_EQ(fragmentsOf(*one.grid), one.fragments) << step;
     }
+    // A list of fragments that is nobody else's, but that of a field which is.
+    const Box box{{0, 0, 0}, {1, 1, 1}};
+    DataSet one, other;
+    one.addUniformBlock("a", {2, 2, 2}, box);
+    one.setField("f", "a", std::vector<double>(8));
+    other = one;
+    other.addUniformBlock("b", {2, 2, 2}, box);
+    const auto before = fragmentsOf(*other.grid());
+    one.addUniformBlock("c", {2, 2, 2}, box);
+    EXPECT_EQ(fragmentsOf(*other.grid()), before);
 }
 
 TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
