@@ -25,16 +25,18 @@ constexpr float DifferenceRounding = 8e-8F;
 
 CellBoxTree::Shapes::~Shapes() = default;
 
-/// The boxes of all groups of a level, by bound: low and high ones on each axis.
+/// The boxes of all groups of a level, by bound: low and high ones on each axis. Not cleared: each is set by the thread
+/// that makes its group.
 struct CellBoxTree::LevelBoxes {
-    std::vector<float> low[3], high[3];
+    std::unique_ptr<float[]> memory;
+    float* low[3];
+    float* high[3];
 
-    explicit LevelBoxes(std::size_t count = 0) {
-        for (int d = 0; d < 3; ++d) {
-            for (std::vector<float>* const bound : {&low[d], &high[d]}) {
-                Hestra::reserveLargeArray(*bound, count);
-                bound->resize(count);
-            }
+    explicit LevelBoxes(std::size_t count) : memory(std::make_unique_for_overwrite<float[]>(6 * count)) {
+        Hestra::adviseLargeArray(memory.get(), 6 * count * sizeof(float));
+        for (std::size_t d = 0; d < 3; ++d) {
+            low[d] = memory.get() + 2 * d * count;
+            high[d] = low[d] + count;
         }
     }
 };
@@ -292,8 +294,13 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
         least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
 
     const auto planes = static_cast<std::ptrdiff_t>(bottom.size[2]);
+    // Whole large pages of fresh memory for each: two threads that reach one at the same time both clear it.
+    constexpr std::size_t LargePage = std::size_t{1} << 21;
+    const std::size_t perPage = LargePage / (bottom.size[0] * bottom.size[1] * sizeof(Bottom)) + 1;
+    const auto together =
+        static_cast<std::ptrdiff_t>(std::clamp<std::size_t>(bottom.size[2] / (2 * workers.size()), 1, perPage));
     std::atomic<bool> isEnded{false};
-#pragma omp parallel for schedule(dynamic) num_threads(static_cast <int>(workers.size()))
+#pragma omp parallel for schedule(dynamic, together) num_threads(static_cast <int>(workers.size()))
     for (std::ptrdiff_t plane = 0; plane < planes; ++plane) {
         if (isEnded.load(std::memory_order_relaxed)) continue;
         try {
