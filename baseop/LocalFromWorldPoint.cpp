@@ -650,16 +650,18 @@ struct LocationHint::State {
         detail::CellTrail trail;
     } fragments[MostFragments];
 
-    /// The cell of the last position, and whether positions in a part of it need no search: looked into once there have
-    /// been two in the cell, or several in one part before.
+    /// The cell of the last position, and whether positions in a part of it need no search. Looking into that takes as
+    /// long as some searches: it is done for those that stay in a cell for long, as they did in those before.
     struct Home {
-        static constexpr unsigned int Several = 2;
+        static constexpr unsigned int Enough = 6, Most = 32;
         std::uint64_t locator = 0; // that it is ready for
         unsigned int fragment = BBSelectorMemoryTree::End;
         MultiIndex<3> cell;
         bool isKnown = false;
-        unsigned int uses = 0;
+        unsigned int stays = 0;
         detail::HomeCell part;
+
+        void stay() noexcept { stays = std::min(stays + 1, Most); }
     } home;
 
     [[nodiscard]] bool isIn(const BBSelectorMemoryTree::Box& box, const PhysicalSpace::point& p) const noexcept {
@@ -684,15 +686,16 @@ LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p, Locati
         if (home.locator != myNumber || !home.part.has(p) || !home.part.solve(p, found.localCoordinates)) return false;
         found.code = LocationResult::Found;
         found.fragment = home.fragment;
-        ++home.uses;
+        home.stay();
         return true;
     };
     if (isAtHome()) return found;
     // Other ways have nothing to remember.
     if (!myTree || !(p[0] * 0.0 + p[1] * 0.0 + p[2] * 0.0 == 0.0) || (way != Way::Newton && way != Way::Exact))
         return locate(p);
-    if (home.locator == myNumber && home.uses >= LocationHint::State::Home::Several) {
-        settle(home.fragment, home.part.neighbourTowards(p), home);
+    if (home.locator == myNumber && home.stays >= LocationHint::State::Home::Enough) {
+        const MultiIndex<3> next = home.part.neighbourTowards(p);
+        if (next != home.cell) settle(home.fragment, next, home);
         if (isAtHome()) return found;
     }
     found = searchNear(p, near);
@@ -710,16 +713,17 @@ void LocalFromWorldPoint::settle(unsigned int n, const MultiIndex<3>& cell, Home
     const FragmentCoordinates* const coordinates = myFragments[n].known();
     const CurvilinearCoordinates* const block = coordinates ? coordinates->curvilinear() : nullptr;
     if (!block || !cell.inside(block->Size()) || !(cell + 1).inside(block->Size())) return;
-    if (home.fragment != n || home.cell != cell) {
-        const bool pays = home.uses >= Home::Several;
+    if (home.fragment == n && home.cell == cell) {
+        home.stay();
+    } else {
         home.locator = 0;
         home.fragment = n;
         home.cell = cell;
         home.isKnown = false;
-        home.uses = 0;
-        if (!pays) return;
+        home.stays /= 2;
     }
-    if (std::exchange(home.isKnown, true)) return;
+    if (home.isKnown || home.stays < Home::Enough) return;
+    home.isKnown = true;
     const BlockMask* const mask = myFragments[n].mask(myMasks, Hearing::Nobody);
     if (mask && !mask->isCellValid(cell)) return;
     // Calls `isFree(structure, box)` for the structures of fragments before this one whose boxes are near.
