@@ -2,6 +2,7 @@
 #include <baseop/detail/location/CellBoxTree.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
 #include <baseop/detail/location/CellTrail.hpp>
+#include <baseop/detail/location/HomeCell.hpp>
 #include <baseop/detail/location/RowKernels.hpp>
 #include <baseop/detail/location/SpatialOrder.hpp>
 #include <baseop/detail/location/TrilinearCell.hpp>
@@ -56,10 +57,7 @@ private:
 /// Solves in one cell; false, with `uvw` untouched, when it has no such point.
 bool solve(const BlockVertices& vertices, const MultiIndex<3>& cell, const Orvix::PhysicalSpace::point& P,
            Orvix::PhysicalSpace::point& uvw) noexcept {
-    Orvix::PhysicalSpace::vector local;
-    if (!TrilinearCell(vertices, vertices.address(cell), P).solve(local)) return false;
-    for (int d = 0; d < 3; ++d) uvw[d] = static_cast<double>(cell[d]) + (local[d] + 0.5);
-    return true;
+    return TrilinearCell(vertices, vertices.address(cell), P).solveAt(cell, uvw);
 }
 
 } // namespace
@@ -159,6 +157,17 @@ CellLocation ExactCellLocator::locate(const point& P, detail::CellTrail& trail, 
     }
     if (found) trail.note(search.identity, search.vertices, found.local);
     return found;
+}
+
+bool ExactCellLocator::moveHome(detail::HomeCell& home, const MultiIndex3& cell) const {
+    const Search& search = *mySearch;
+    if (!home.moveTo(search.vertices, cell)) return false;
+    const index_t number = cell.linear(search.vertices.cells());
+    return home.findRim([&] { return home.isFreeOf(search.tree, number); });
+}
+
+bool ExactCellLocator::leavesFree(const detail::HomeCell& home) const {
+    return home.isFreeOf(mySearch->tree, mySearch->vertices.cells().product());
 }
 
 void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocation> found,

@@ -15,7 +15,8 @@ namespace Vantle {
 class LocalFromWorldPoint;
 namespace detail {
 class CellTrail;
-}
+class HomeCell;
+} // namespace detail
 
 /// Finds the cell of a curvilinear block that contains a point, and inverts the trilinear map of that cell.
 ///
@@ -69,6 +70,10 @@ private:
     struct Search;
 
     [[nodiscard]] CellLocation locate(const point& P, detail::CellTrail& trail, const BlockMask* mask) const;
+    /// Moves to a cell, if queries without a mask find positions in a part of it without looking at another one.
+    [[nodiscard]] bool moveHome(detail::HomeCell& home, const MultiIndex3& cell) const;
+    /// Whether queries find no position of that part in this block.
+    [[nodiscard]] bool leavesFree(const detail::HomeCell& home) const;
     void locateNeighbours(std::span<const point> points, std::span<CellLocation> found, const BlockMask* mask) const;
 
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;

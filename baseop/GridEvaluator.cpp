@@ -514,13 +514,15 @@ struct GridEvaluator::Found {
     Positions positions;
     std::size_t first = 0, count = 0;
     std::unique_ptr<Word[]> words;
-    std::vector<bool> isUsed; // by number of the fragment: whether it has any
+    Word common{0, LocationResult::NotFound}; // if found, that of all positions: then there are no words
+    std::vector<bool> isUsed;                 // by number of the fragment: whether it has any
     std::vector<StrongPtr<FragmentID>> table;
     /// Of the first fragments in the table, those that fractional indices can be computed of.
     std::vector<FragmentCoordinates> computed;
 
     explicit Found(const Positions& of) : positions(of) {}
 
+    [[nodiscard]] Word word(std::size_t k) const noexcept { return common ? common : words[k]; }
     /// Room for the fractional indices that cannot be computed, made when there is the first.
     [[nodiscard]] FractionalIndex* places() {
         FractionalIndex* ready = myPlaces.load(std::memory_order_acquire);
@@ -536,6 +538,7 @@ struct GridEvaluator::Found {
     void reset(std::size_t begin, std::size_t number) {
         first = begin;
         count = number;
+        common = Word(0, LocationResult::NotFound);
         if (number <= room) return;
         room = number;
         words = std::make_unique_for_overwrite<Word[]>(number);
@@ -551,9 +554,9 @@ struct GridEvaluator::Found {
             from -= first;
             FractionalIndex indices[Positions::MostAtOnce];
             for (std::size_t k = from, next = from; k < from + points.size(); k = next) {
-                const Word word = words[k];
-                while (++next < from + points.size() && words[next] == word) {
-                }
+                const Word word = this->word(k);
+                next = common ? from + points.size() : next + 1;
+                while (next < from + points.size() && words[next] == word) ++next;
                 const std::uint32_t number = word.fragment();
                 if (number == noFragment) continue;
                 if (number >= computed.size()) {
@@ -572,7 +575,7 @@ struct GridEvaluator::Found {
         const std::lock_guard lock(myMutex);
         if (myStatuses) return myStatuses;
         auto made = Statuses::create(MultiIndex<1>(count));
-        for (std::size_t k = 0; k < count; ++k) made->element(k) = words[k] ? Located : NotLocated;
+        for (std::size_t k = 0; k < count; ++k) made->element(k) = word(k) ? Located : NotLocated;
         return myStatuses = made;
     }
     [[nodiscard]] const StrongPtr<Indices>& indices() {
@@ -614,8 +617,15 @@ public:
         findTile(tiling, 0);
         if (mySearch.claimsAllNumbers()) {
             constexpr std::size_t LongPiece = 8192, FewBytes = 64;
-            detail::inParallel(n, LongPiece, FewBytes * n,
-                               [&](std::size_t begin, std::size_t end) { claimNumbers(begin, end); });
+            std::atomic<bool> areFinite{true};
+            detail::inParallel(n, LongPiece, FewBytes * n, [&](std::size_t begin, std::size_t end) {
+                if (!areAllFinite(begin, end)) areFinite.store(false, std::memory_order_relaxed);
+            });
+            if (areFinite)
+                found.common = Word(0, LocationResult::Found);
+            else
+                detail::inParallel(n, LongPiece, FewBytes * n,
+                                   [&](std::size_t begin, std::size_t end) { claimNumbers(begin, end); });
         } else if (isLine) {
             findLine(n, BytesEach);
         } else {
@@ -628,8 +638,9 @@ public:
         found.table = mySearch.fragmentTable(myHasLocations);
         found.computed = mySearch.computedFragments();
         found.isUsed.assign(found.table.size(), false);
-        Word last(0, LocationResult::NotFound);
-        for (std::size_t k = 0; k < n; ++k) {
+        Word last = found.common;
+        if (last) found.isUsed[last.fragment()] = true;
+        for (std::size_t k = 0; k < n && !found.common; ++k) {
             if (found.words[k] == last) continue;
             last = found.words[k];
             if (last) found.isUsed[last.fragment()] = true;
@@ -666,20 +677,34 @@ private:
         });
         findTogether(std::span<const point>(points, count), [&](std::size_t m) { return members[m]; });
     }
+    /// Whether all are finite numbers. Several sums at a time, in vectors: each is 0, or NaN.
+    [[nodiscard]] bool areAllFinite(std::size_t begin, std::size_t end) const {
+        constexpr std::size_t Sums = 12, Together = Sums / 3;
+        double sums[Sums] = {};
+        const std::size_t first = myFound->first;
+        myPositions.forEachPiece(first + begin, first + end, [&](std::size_t, std::span<const point> points) {
+            std::size_t m = 0;
+            for (; m + Together <= points.size(); m += Together) {
+                double x[Sums];
+                std::memcpy(x, &points[m], sizeof x);
+                for (std::size_t c = 0; c < Sums; ++c) sums[c] += x[c] * 0.0;
+            }
+            for (; m < points.size(); ++m)
+                for (std::size_t d = 0; d < 3; ++d) sums[d] += points[m][static_cast<int>(d)] * 0.0;
+        });
+        return std::all_of(sums, sums + Sums, [](double sum) { return sum == 0.0; });
+    }
     /// Of positions that the first fragment claims, if they are numbers.
     void claimNumbers(std::size_t begin, std::size_t end) {
         const Word claimed(0, LocationResult::Found);
         const std::size_t first = myFound->first;
         myPositions.forEachPiece(first + begin, first + end, [&](std::size_t from, std::span<const point> points) {
             Word* const words = myFound->words.get() + (from - first);
-            bool areAll = true;
             for (std::size_t m = 0; m < points.size(); ++m) {
                 words[m] = claimed;
-                areAll &= isNumber(points[m]);
-            }
-            for (std::size_t m = 0; m < points.size() && !areAll; ++m)
                 if (!isNumber(points[m]))
                     findTogether(points.subspan(m, 1), [&](std::size_t) { return from - first + m; });
+            }
         });
     }
     /// Of positions on a line, which may be in any order in space.
@@ -702,14 +727,18 @@ private:
         SourceSearch::Texts texts(mySearch);
         mySearch.forEachDue([&](std::size_t k) { myIsSilent[k - found.first] = 0; });
         const auto hitOf = [&](std::size_t k) {
-            return Hit{found.words[k].result(), true, found.words[k].fragment(), {}};
+            return Hit{found.word(k).result(), true, found.word(k).fragment(), {}};
         };
         for (std::size_t k = 0; k < found.count; ++k) {
+            if (texts.areEmpty()) { // only of few there is something to say
+                const void* const next = std::memchr(&myIsSilent[k], 0, found.count - k);
+                if (!next) break;
+                k = static_cast<std::size_t>(static_cast<const unsigned char*>(next) - myIsSilent.data());
+            }
             if (!myIsSilent[k]) {
                 recital.let([&] { mySearch.tell(myPositions[found.first + k], hitOf(k)); });
                 continue;
             }
-            if (texts.areEmpty()) continue;
             // Mostly the next ones have the same to be said of them.
             const Hit hit = hitOf(k);
             std::size_t same = 1;
@@ -762,13 +791,13 @@ const StrongPtr<GridEvaluator::Indices>& GridEvaluator::fractionalIndices() cons
     return myFound ? myFound->indices() : none;
 }
 
-LocationResult GridEvaluator::resultCode(std::size_t k) const { return myFound->words[k].result(); }
+LocationResult GridEvaluator::resultCode(std::size_t k) const { return myFound->word(k).result(); }
 
 StrongPtr<GridEvaluator::Fragments> GridEvaluator::fragments() const {
     if (!myFound) return nullptr;
     std::vector<FragmentIDContainer> containers(myFound->count);
     for (std::size_t k = 0; k < containers.size(); ++k)
-        if (const Word word = myFound->words[k]) containers[k].add(myFound->table[word.fragment()]);
+        if (const Word word = myFound->word(k)) containers[k].add(myFound->table[word.fragment()]);
     return makeMemArray1D(std::move(containers));
 }
 
@@ -868,7 +897,7 @@ bool GridEvaluator::evalFloatIndices(std::vector<T>& out, const CreativeIterator
     detail::inParallel(
         out.size(), EvaluatedPiece, EvaluatedBytes * out.size(), [&](std::size_t begin, std::size_t end) {
             for (std::size_t k = begin; k < end; ++k)
-                if (const Word word = myFound->words[k]; word && blocks.views[word.fragment()].nElements() != 0)
+                if (const Word word = myFound->word(k); word && blocks.views[word.fragment()].nElements() != 0)
                     Blocks<N, T>::write(blocks.views[word.fragment()], indices[k], out[k]);
         });
     return true;

@@ -7,6 +7,7 @@
 #include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/location/CellTrail.hpp>
 #include <baseop/detail/location/GridLock.hpp>
+#include <baseop/detail/location/HomeCell.hpp>
 #include <baseop/detail/location/LazyFragment.hpp>
 #include <baseop/detail/location/SpatialOrder.hpp>
 #include <model/hestra/Profiler.hpp>
@@ -649,6 +650,20 @@ struct LocationHint::State {
         detail::CellTrail trail;
     } fragments[MostFragments];
 
+    /// The cell of the last position, and whether positions in a part of it need no search. Looking into that takes as
+    /// long as some searches: it is done for those that stay in a cell for long, as they did in those before.
+    struct Home {
+        static constexpr unsigned int Enough = 6, Most = 32;
+        std::uint64_t locator = 0; // that it is ready for
+        unsigned int fragment = BBSelectorMemoryTree::End;
+        MultiIndex<3> cell;
+        bool isKnown = false;
+        unsigned int stays = 0;
+        detail::HomeCell part;
+
+        void stay() noexcept { stays = std::min(stays + 1, Most); }
+    } home;
+
     [[nodiscard]] bool isIn(const BBSelectorMemoryTree::Box& box, const PhysicalSpace::point& p) const noexcept {
         bool isInside = true;
         for (int d = 0; d < 3; ++d) isInside &= p[d] >= box.min[d] && p[d] <= box.max[d];
@@ -665,9 +680,85 @@ LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p, Locati
     if (!hint.myState) hint.myState = std::make_unique<LocationHint::State>();
     LocationHint::State& near = *hint.myState;
     const Way way = wayOfOptions();
+    LocationHint::State::Home& home = near.home;
+    Location found;
+    const auto isAtHome = [&] {
+        if (home.locator != myNumber || !home.part.has(p) || !home.part.solve(p, found.localCoordinates)) return false;
+        found.code = LocationResult::Found;
+        found.fragment = home.fragment;
+        home.stay();
+        return true;
+    };
+    if (isAtHome()) return found;
     // Other ways have nothing to remember.
     if (!myTree || !(p[0] * 0.0 + p[1] * 0.0 + p[2] * 0.0 == 0.0) || (way != Way::Newton && way != Way::Exact))
         return locate(p);
+    if (home.locator == myNumber && home.stays >= LocationHint::State::Home::Enough) {
+        const MultiIndex<3> next = home.part.neighbourTowards(p);
+        if (next != home.cell) settle(home.fragment, next, home);
+        if (isAtHome()) return found;
+    }
+    found = searchNear(p, near);
+    if (found.code != LocationResult::Found) return found;
+    MultiIndex<3> cell;
+    for (int d = 0; d < 3; ++d) cell[d] = static_cast<index_t>(std::max(found.localCoordinates[d], 0.0));
+    settle(found.fragment, cell, home);
+    return found;
+}
+
+// Makes a cell the first that the next positions are looked for in, as far as no other one, in this fragment or those
+// before, can have them.
+template<class Home>
+void LocalFromWorldPoint::settle(unsigned int n, const MultiIndex<3>& cell, Home& home) const {
+    const FragmentCoordinates* const coordinates = myFragments[n].known();
+    const CurvilinearCoordinates* const block = coordinates ? coordinates->curvilinear() : nullptr;
+    if (!block || !cell.inside(block->Size()) || !(cell + 1).inside(block->Size())) return;
+    if (home.fragment == n && home.cell == cell) {
+        home.stay();
+    } else {
+        home.locator = 0;
+        home.fragment = n;
+        home.cell = cell;
+        home.isKnown = false;
+        home.stays /= 2;
+    }
+    if (home.isKnown || home.stays < Home::Enough) return;
+    home.isKnown = true;
+    const BlockMask* const mask = myFragments[n].mask(myMasks, Hearing::Nobody);
+    if (mask && !mask->isCellValid(cell)) return;
+    // Calls `isFree(structure, box)` for the structures of fragments before this one whose boxes are near.
+    const auto areFree = [&]<class Structure>(const Structure*, const auto& isFree) {
+        if (!home.part.cutTo(myBoxes[n].min, myBoxes[n].max)) return false;
+        BBSelectorMemoryTree selector(*myTree, myHalfWidths, myBoxes, {home.part.lowest(), home.part.highest()});
+        for (unsigned int m = selector.getNext(); m < n; m = selector.getNext()) {
+            const FragmentCoordinates* const known = myFragments[m].known();
+            if (!known || !known->curvilinear()) return false;
+            const auto* const other = myFragments[m].slot<Structure>().ready.load(std::memory_order_acquire);
+            if (!other || !isFree(*other, myBoxes[m])) return false;
+        }
+        return true;
+    };
+    using Box = BBSelectorMemoryTree::Box;
+    bool isReady = false;
+    if (wayOfOptions() == Way::Exact) {
+        const auto* const locator = structure<ExactCellLocator>(n, Hearing::Nobody);
+        isReady =
+            locator && locator->moveHome(home.part, cell) &&
+            areFree(locator, [&](const ExactCellLocator& other, const Box&) { return other.leavesFree(home.part); });
+    } else {
+        const double epsilon = myOptions.gridEpsilon;
+        const auto* const mapper = structure<UniGridMapper>(n, Hearing::Nobody);
+        isReady = mapper && mapper->moveHome(home.part, cell, epsilon) &&
+                  areFree(mapper, [&](const UniGridMapper& other, const Box& box) {
+                      return other.leavesFree(home.part, box.min, box.max, epsilon);
+                  });
+    }
+    if (isReady) home.locator = myNumber;
+}
+
+// The search of a position of numbers among the fragments and cells near the last one.
+LocalFromWorldPoint::Location LocalFromWorldPoint::searchNear(const point& p, LocationHint::State& near) const {
+    const Way way = wayOfOptions();
     if (near.locator != myNumber || !near.isIn(near.region, p)) {
         // A small part of the largest fragment's box, on all axes.
         near.locator = myNumber;

@@ -260,7 +260,8 @@ public:
     /// What `get` finds, without a word and without counting references.
     [[nodiscard]] Location locate(const point& p) const;
     /// The same for a position that is near the last one that was located with this hint, as on the path of a particle:
-    /// while that stays within some three cells, only what is near is looked at. The answer is that without a hint.
+    /// while that stays within its cell, away from lower faces, no other cell is looked at; while it stays within some
+    /// three cells, only what is near. The answer is that without a hint.
     [[nodiscard]] Location locate(const point& p, LocationHint& hint) const;
     /// Positions that follow each other, on the caller's thread. Both sequences have the same length.
     void locate(std::span<const point> positions, std::span<Location> found, LocationHint& hint) const;
@@ -318,6 +319,9 @@ private:
     bool search(std::span<const point> positions, std::span<Location> found, Way way,
                 std::span<const std::size_t> numbers) const;
     bool get(const point& p, LocalPoint& result, Way way) const;
+    [[nodiscard]] Location searchNear(const point& p, LocationHint::State& near) const;
+    template<class Home>
+    void settle(unsigned int fragment, const MultiIndex<3>& cell, Home& home) const;
     void locate(std::span<const point> positions, std::span<Location> found,
                 std::span<const std::size_t> numbers) const;
     void tell(const point& p, Way way) const;

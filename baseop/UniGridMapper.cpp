@@ -1,6 +1,7 @@
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
 #include <baseop/detail/location/CellTrail.hpp>
+#include <baseop/detail/location/HomeCell.hpp>
 #include <baseop/detail/location/LinearReach.hpp>
 #include <baseop/detail/location/LinearSolve.hpp>
 #include <baseop/detail/location/Narrator.hpp>
@@ -28,6 +29,7 @@ using Vantle::detail::BlockVertices;
 using Vantle::detail::CellBoxTree;
 using Vantle::detail::CellCandidates;
 using Vantle::detail::CellOfBlock;
+using Vantle::detail::HomeCell;
 using Vantle::detail::LinearReach;
 using Vantle::detail::UnicellLists;
 
@@ -61,6 +63,8 @@ struct UniGridMapper::Search {
     CellBoxTree effects, nearMisses;
 
     explicit Search(const MultiArrayBase<3, point>& view) : vertices(view) {}
+
+    [[nodiscard]] bool answersByTrees(double epsilon) const noexcept { return hasReach && epsilon <= LinearReach::Rim; }
 
     /// Calls `f(number)` for the cells in the list of a unicell, in order, as long as it returns true.
     template<class F>
@@ -126,7 +130,7 @@ public:
                                     const ForEachNearGroup& forEachNearGroup) {
         return tryCells(cells, stepIn) ? myAnswer : nearMiss(forEachNearGroup);
     }
-    [[nodiscard]] bool canUseTrees() const noexcept { return mySearch.hasReach && myEpsilon <= LinearReach::Rim; }
+    [[nodiscard]] bool canUseTrees() const noexcept { return mySearch.answersByTrees(myEpsilon); }
 
     /// The walk, of a point that has a unicell; `told` hears of its solves.
     template<class Tell>
@@ -499,6 +503,24 @@ CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, Vantle::
     }
     if (found) trail.note(search.identity, search.vertices, found.local);
     return found;
+}
+
+bool UniGridMapper::moveHome(HomeCell& home, const MultiIndex3& cell, double grid_epsilon) const {
+    const Search& search = *mySearch;
+    if (!search.unigrid.isFinite || !search.answersByTrees(grid_epsilon) ||
+        !home.moveTo(search.vertices, cell, myPrecision))
+        return false;
+    const index_t number = cell.linear(search.vertices.cells());
+    return home.findRim([&] { return home.isFreeOf(search.effects, number); });
+}
+
+bool UniGridMapper::leavesFree(const HomeCell& home, const point& least, const point& greatest,
+                               double grid_epsilon) const {
+    const Search& search = *mySearch;
+    const index_t all = search.vertices.cells().product();
+    return search.unigrid.isFinite && search.answersByTrees(grid_epsilon) && search.unigrid.inside(least) &&
+           search.unigrid.inside(greatest) && home.isFreeOf(search.effects, all) &&
+           home.isFreeOf(search.nearMisses, all);
 }
 
 unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon,

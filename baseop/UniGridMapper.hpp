@@ -16,7 +16,8 @@ namespace Vantle {
 class LocalFromWorldPoint;
 namespace detail {
 class CellTrail;
-}
+class HomeCell;
+} // namespace detail
 } // namespace Vantle
 
 /// Finds the cell of a curvilinear block that contains a point, and the point's coordinates in the block.
@@ -152,6 +153,12 @@ private:
 
     [[nodiscard]] Vantle::CellLocation locate(const point& p, double grid_epsilon, Vantle::detail::CellTrail& trail,
                                               const Vantle::BlockMask* mask) const;
+
+    /// Moves to a cell, if queries without a mask find positions in a part of it without looking at another one.
+    [[nodiscard]] bool moveHome(Vantle::detail::HomeCell& home, const MultiIndex3& cell, double grid_epsilon) const;
+    /// Whether queries for positions of that part that are in a box, too, are silent, and find nothing in this block.
+    [[nodiscard]] bool leavesFree(const Vantle::detail::HomeCell& home, const point& least, const point& greatest,
+                                  double grid_epsilon) const;
 
     void locateNeighbours(std::span<const point> points, std::span<Vantle::CellLocation> found, double grid_epsilon,
                           const Vantle::BlockMask* mask) const;

@@ -210,14 +210,20 @@ TEST(LocalFromWorldPointTest, NeitherListenersNorNeighboursChangeAnAnswer) {
     }
 }
 
-// Paths of all paces, out of blocks and back, in blocks that are coarse, fine, overlapping or with holes; one hint for
-// several locators in turn.
+// Paths of all paces, out of blocks and back, in blocks that are coarse, fine, folded, overlapping or with holes; one
+// hint for several locators in turn.
 TEST(LocalFromWorldPointTest, HintsChangeNoAnswer) {
     const Hestra::ScopedListener nobody({});
     std::mt19937_64 random(17);
     std::normal_distribution<double> normal;
     std::vector<Scene> scenes{support::mixedScene()};
-    for (const support::Shape& shape : support::shapes()) {
+    std::vector<support::Shape> shapes = support::shapes();
+    const auto crumple = [](double u, double v, double w) { // so much that cells lie on one another in part
+        const double x = 97 * u + 31 * v + 57 * w;
+        return Point(u + 0.1 * std::sin(x), v + 0.15 * std::sin(2 * x), w + 0.12 * std::sin(3 * x));
+    };
+    shapes.push_back({"Crumpled", crumple, false});
+    for (const support::Shape& shape : shapes) {
         scenes.emplace_back(shape, 2, MultiIndex<3>(6, 5, 7));
         scenes.emplace_back(shape, 2, MultiIndex<3>(33, 29, 31));
         const auto mask = MemArray<3, unsigned char>::create({33, 29, 31});

@@ -1,6 +1,7 @@
 #pragma once
 /// How the searches in curvilinear blocks reach the vertices: plain addresses, and the linear map at a cell's centre.
 
+#include <baseop/detail/ParallelLoop.hpp>
 #include <model/orvix/CellMap.hpp>
 #include <model/vantle/MultiArray.hpp>
 
@@ -107,24 +108,41 @@ public:
         }
 #endif
     }
-    /// The extremes of all coordinates that are numbers; false if some are not.
-    bool findExtremes(Orvix::PhysicalSpace::point& lowest, Orvix::PhysicalSpace::point& highest) const noexcept {
+    /// The extremes of all coordinates that are numbers; false if some are not. Of zeros of both signs the first.
+    bool findExtremes(Orvix::PhysicalSpace::point& lowest, Orvix::PhysicalSpace::point& highest) const {
         constexpr double infinite = std::numeric_limits<double>::infinity();
-        double low[3] = {infinite, infinite, infinite}, high[3] = {-infinite, -infinite, -infinite}, check[3] = {};
-        for (index_t k = 0; k < mySize[2]; ++k)
-            for (index_t j = 0; j < mySize[1]; ++j) {
-                const double* at = address(0, j, k);
-                for (index_t i = 0; i < mySize[0]; ++i, at += myStep[0])
-                    for (int d = 0; d < 3; ++d) {
-                        const double zero = at[d] * 0.0; // NaN where it is no number
-                        low[d] = std::min(low[d], zero == 0.0 ? at[d] : infinite);
-                        high[d] = std::max(high[d], zero == 0.0 ? at[d] : -infinite);
-                        check[d] += zero;
-                    }
+        struct Slab {
+            double low[3] = {infinite, infinite, infinite}, high[3] = {-infinite, -infinite, -infinite}, check[3] = {};
+            void take(int d, double least, double greatest, double zero) noexcept {
+                low[d] = std::min(low[d], least);
+                high[d] = std::max(high[d], greatest);
+                check[d] += zero; // NaN where something is no number
             }
-        lowest = point(low);
-        highest = point(high);
-        return check[0] + check[1] + check[2] == 0.0;
+        };
+        const auto planes = static_cast<std::size_t>(mySize[2]);
+        const std::size_t piece = planes / (4 * teamSize()) + 1;
+        std::vector<Slab> slabs(planes / piece + 1);
+        inParallel(planes, piece, static_cast<std::size_t>(mySize.product()) * 3 * sizeof(double),
+                   [&](std::size_t begin, std::size_t end) {
+                       Slab slab;
+                       for (index_t k = begin; k < end; ++k)
+                           for (index_t j = 0; j < mySize[1]; ++j) {
+                               const double* at = address(0, j, k);
+                               for (index_t i = 0; i < mySize[0]; ++i, at += myStep[0])
+                                   for (int d = 0; d < 3; ++d) {
+                                       const double zero = at[d] * 0.0;
+                                       slab.take(d, zero == 0.0 ? at[d] : infinite, zero == 0.0 ? at[d] : -infinite,
+                                                 zero);
+                                   }
+                           }
+                       slabs[begin / piece] = slab;
+                   });
+        Slab all;
+        for (const Slab& slab : slabs)
+            for (int d = 0; d < 3; ++d) all.take(d, slab.low[d], slab.high[d], slab.check[d]);
+        lowest = point(all.low);
+        highest = point(all.high);
+        return all.check[0] + all.check[1] + all.check[2] == 0.0;
     }
     /// The rows of vertices around the cells (0, j, k), (1, j, k) ..., without gaps: copied into `room` if they have
     /// any.

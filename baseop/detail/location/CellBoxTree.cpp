@@ -25,16 +25,18 @@ constexpr float DifferenceRounding = 8e-8F;
 
 CellBoxTree::Shapes::~Shapes() = default;
 
-/// The boxes of all groups of a level, by bound: low and high ones on each axis.
+/// The boxes of all groups of a level, by bound: low and high ones on each axis. Not cleared: each is set by the thread
+/// that makes its group.
 struct CellBoxTree::LevelBoxes {
-    std::vector<float> low[3], high[3];
+    std::unique_ptr<float[]> memory;
+    float* low[3];
+    float* high[3];
 
-    explicit LevelBoxes(std::size_t count = 0) {
-        for (int d = 0; d < 3; ++d) {
-            for (std::vector<float>* const bound : {&low[d], &high[d]}) {
-                Hestra::reserveLargeArray(*bound, count);
-                bound->resize(count);
-            }
+    explicit LevelBoxes(std::size_t count) : memory(std::make_unique_for_overwrite<float[]>(6 * count)) {
+        Hestra::adviseLargeArray(memory.get(), 6 * count * sizeof(float));
+        for (std::size_t d = 0; d < 3; ++d) {
+            low[d] = memory.get() + 2 * d * count;
+            high[d] = low[d] + count;
         }
     }
 };
@@ -292,8 +294,13 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& b
         least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
 
     const auto planes = static_cast<std::ptrdiff_t>(bottom.size[2]);
+    // Whole large pages of fresh memory for each: two threads that reach one at the same time both clear it.
+    constexpr std::size_t LargePage = std::size_t{1} << 21;
+    const std::size_t perPage = LargePage / (bottom.size[0] * bottom.size[1] * sizeof(Bottom)) + 1;
+    const auto together =
+        static_cast<std::ptrdiff_t>(std::clamp<std::size_t>(bottom.size[2] / (2 * workers.size()), 1, perPage));
     std::atomic<bool> isEnded{false};
-#pragma omp parallel for schedule(dynamic) num_threads(static_cast <int>(workers.size()))
+#pragma omp parallel for schedule(dynamic, together) num_threads(static_cast <int>(workers.size()))
     for (std::ptrdiff_t plane = 0; plane < planes; ++plane) {
         if (isEnded.load(std::memory_order_relaxed)) continue;
         try {
@@ -433,6 +440,61 @@ bool CellBoxTree::gather(Surroundings& surroundings, std::span<const point> poin
     surroundings.myCount = count;
     if (isAll) surroundings.myBoxes.assign(boxes, static_cast<std::size_t>(count));
     return isAll;
+}
+
+unsigned CellBoxTree::Bottom::membersIn(const Region& region) const noexcept {
+    // From one step to another along each axis of the frame, and a little more than rounding makes of them. A fourth
+    // axis makes all of it vectors.
+    constexpr float Widening = 0.25F;
+    float axes[3][4] = {};
+    for (int d = 0; d < 3; ++d) std::copy_n(column[d], 3, axes[d]);
+    float at[4] = {}, half[4] = {};
+    for (int d = 0; d < 3; ++d) {
+        const float relative = region.centre[d] - origin[d];
+        const float rounding = 2.0F * PositionRounding * (std::fabs(region.centre[d]) + std::fabs(origin[d]));
+        for (int v = 0; v < 4; ++v) at[v] += axes[d][v] * relative;
+        for (int v = 0; v < 4; ++v) half[v] += std::fabs(axes[d][v]) * rounding;
+    }
+    for (const float(&edge)[3] : region.edge)
+        for (int v = 0; v < 4; ++v)
+            half[v] += std::fabs(axes[0][v] * edge[0] + axes[1][v] * edge[1] + axes[2][v] * edge[2]);
+    const auto step = [](float x) {
+        return static_cast<unsigned char>(static_cast<int>(std::min(std::max(0.0F, x), 255.0F)));
+    };
+    unsigned char meets[Members];
+    std::fill_n(meets, Members, static_cast<unsigned char>(1));
+    for (int v = 0; v < 3; ++v) {
+        const float reach = half[v] * (1.0F + ProductRounding) + Widening;
+        const unsigned char from = step(at[v] - reach), to = step(at[v] + reach);
+        for (int m = 0; m < Members; ++m)
+            meets[m] &= static_cast<unsigned char>(int{bounds[v][0][m] <= to} & int{bounds[v][1][m] >= from});
+    }
+    unsigned mask = 0;
+    for (unsigned m = 0; m < Members; ++m) mask |= unsigned{meets[m]} << m;
+    return mask;
+}
+
+bool CellBoxTree::isFree(const Region& region, index_t end) const {
+    float low[4] = {}, high[4] = {};
+    for (int d = 0; d < 3; ++d) {
+        const float half = std::fabs(region.edge[0][d]) + std::fabs(region.edge[1][d]) + std::fabs(region.edge[2][d]);
+        const float reach = std::fabs(region.centre[d]) + half;
+        if (!(reach < static_cast<float>(Farthest))) return false;
+        low[d] = region.centre[d] - half - 2.0F * PositionRounding * reach;
+        high[d] = region.centre[d] + half + 2.0F * PositionRounding * reach;
+    }
+    return forEachGroupIn(low, high, [&](const Place& place) {
+        const Place lowest = place.member<2>(0);
+        const auto numberOf = [&](unsigned m) {
+            return lowest.at[0] + (m & 1U) +
+                   myCells[0] * (lowest.at[1] + (m >> 1 & 1U) + myCells[1] * (lowest.at[2] + (m >> 2)));
+        };
+        if (numberOf(0) >= end) return true;
+        if (!myBottom) return false;
+        for (unsigned mask = myBottom[number(0, place)].membersIn(region); mask; mask &= mask - 1)
+            if (numberOf(static_cast<unsigned>(std::countr_zero(mask))) < end) return false;
+        return true;
+    });
 }
 
 /// Which points are to be looked for in which groups, in the order of the points.

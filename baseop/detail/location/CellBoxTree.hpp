@@ -82,6 +82,12 @@ public:
     /// Whether searches tell cells, or groups of cells only.
     enum class Detail { Cells, Groups };
 
+    /// The points centre + sum over g of t_g edge_g, |t_g| <= 1, relative to the tree's scale.
+    struct Region {
+        float centre[3];
+        float edge[3][3];
+    };
+
     CellBoxTree() = default;
 
     /// For points between the corners of a box. `cells` is how many on each axis, less than 2^32 - 1.
@@ -150,6 +156,8 @@ private:
 
         /// Bit m is set when cell m may have the point.
         [[nodiscard]] unsigned membersAt(const float (&x)[4]) const noexcept;
+        /// Bit m is set when cell m may have a point of the region.
+        [[nodiscard]] unsigned membersIn(const Region& region) const noexcept;
     };
     static_assert(sizeof(Bottom) == 96);
     struct Members;
@@ -222,6 +230,9 @@ public:
     /// Finds the cells for up to `MaximalPoints` such points; false when there are too many. Each stage is done for all
     /// points before the next, since searches one by one spend their time waiting for their own results.
     [[nodiscard]] bool match(std::span<const point> points, Matches& matches) const;
+    /// Whether no cell with a number below `end` has a point of a region. Where searches tell groups only, whether no
+    /// group is near.
+    [[nodiscard]] bool isFree(const Region& region, index_t end) const;
     /// As `forEachAt` and `forEachGroupAt`, for points in the box that the surroundings were gathered for.
     template<class F>
     void forEachAt(const Surroundings& surroundings, const point& P, F&& f) const;
@@ -232,6 +243,10 @@ private:
     [[nodiscard]] std::size_t number(int level, const Place& place) const noexcept {
         const Level& l = myLevels[level];
         return l.first + place.at[0] + l.size[0] * (place.at[1] + l.size[1] * place.at[2]);
+    }
+    [[nodiscard]] bool isThere(int level, const Place& place) const noexcept {
+        const std::size_t(&size)[3] = myLevels[level].size;
+        return place.at[0] < size[0] && place.at[1] < size[1] && place.at[2] < size[2];
     }
     [[nodiscard]] std::uint64_t membersIn(int level, const Place& place, const float (&low)[4],
                                           const float (&high)[4]) const noexcept {
@@ -422,6 +437,8 @@ bool CellBoxTree::forEachGroupBelow(int top, const Place& start, const float (&l
             }
             for (auto mask = membersIn(level, now[g], low, high); mask; mask &= mask - 1) {
                 below[members] = now[g].template member<4>(std::countr_zero(mask));
+                // A box around all steps meets the empty bounds of members that are not there.
+                if (&low != &high && !isThere(level - 1, below[members])) continue;
                 prefetch(level - 1, below[members++]);
             }
         }

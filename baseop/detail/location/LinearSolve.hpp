@@ -46,13 +46,17 @@ public:
     /// One step with these derivatives. False when they are degenerate and the former inverse matrix was used.
     bool step(const vector (&column)[3]) noexcept {
         const bool isRegular = Orvix::tryInvert3x3(myInverse, column[0], column[1], column[2]);
-        const vector move = myInverse * (myTarget - myImage);
+        step(column, myInverse);
+        return isRegular;
+    }
+    /// The same with their inverse, which is known.
+    void step(const vector (&column)[3], const Orvix::Quadratic<3, double>& inverse) noexcept {
+        const vector move = inverse * (myTarget - myImage);
         myAt += move;
         // Predicted, not evaluated again, on purpose: a good cell takes a single step.
         myImage += vector(column[0][0] * move[0] + column[1][0] * move[1] + column[2][0] * move[2],
                           column[0][1] * move[0] + column[1][1] * move[1] + column[2][1] * move[2],
                           column[0][2] * move[0] + column[1][2] * move[1] + column[2][2] * move[2]);
-        return isRegular;
     }
     [[nodiscard]] bool isNumber() const noexcept { return isFinite(myAt) && isFinite(myImage); }
     [[nodiscard]] bool hasLeft() const noexcept {
@@ -147,13 +151,25 @@ inline bool isOutside(const CentreFrame& frame, const point& P, const StepRange&
     return isOut;
 }
 
+/// What a first step that was made comes to.
+inline FirstStep judgeStep(const LinearSolve& solve, point& uvw) noexcept {
+    if (!solve.isNumber()) return FirstStep::NotFinite;
+    uvw = solve.at();
+    if (solve.hasLeft()) return FirstStep::Left;
+    return solve.isFar() ? FirstStep::Unfinished : FirstStep::Found;
+}
+
+/// An index as a number. Signed ones are converted in one instruction.
+inline vector numbersOf(const MultiIndex<3>& cell) noexcept {
+    const auto number = [](index_t i) { return static_cast<double>(static_cast<std::int64_t>(i)); };
+    return {number(cell[0]), number(cell[1]), number(cell[2])};
+}
+
 /// The first step in a cell of the block, bit for bit that of `solveInCell`. Most of those that end out of the range
 /// cost no division.
 inline FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell, const BlockVertices& vertices,
                            double precision, const StepRange& range) noexcept {
-    // Signed numbers are converted in one instruction.
-    const auto number = [](index_t i) { return static_cast<double>(static_cast<std::int64_t>(i)); };
-    LinearSolve solve(P, vector(number(cell[0]), number(cell[1]), number(cell[2])), precision);
+    LinearSolve solve(P, numbersOf(cell), precision);
     const CentreFrame frame(vertices, vertices.address(cell));
     if (solve.start(frame.centre)) {
         uvw = solve.at();
@@ -161,10 +177,19 @@ inline FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell
     }
     if (range.below < unlimited && isOutside(frame, P, range)) return FirstStep::Far;
     if (!solve.step(frame.column)) return FirstStep::Unfinished;
-    if (!solve.isNumber()) return FirstStep::NotFinite;
-    uvw = solve.at();
-    if (solve.hasLeft()) return FirstStep::Left;
-    return solve.isFar() ? FirstStep::Unfinished : FirstStep::Found;
+    return judgeStep(solve, uvw);
+}
+
+/// The same in a cell that is regular, for one position after the other: `inverse` is that of the frame's columns.
+inline FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell, const CentreFrame& frame,
+                           const Orvix::Quadratic<3, double>& inverse, double precision) noexcept {
+    LinearSolve solve(P, numbersOf(cell), precision);
+    if (solve.start(frame.centre)) {
+        uvw = solve.at();
+        return FirstStep::Found;
+    }
+    solve.step(frame.column, inverse);
+    return judgeStep(solve, uvw);
 }
 
 /// Whether the iterate of a solve that did not succeed counts as a near miss, in a block with this last vertex.

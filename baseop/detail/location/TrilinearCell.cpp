@@ -49,20 +49,18 @@ struct Inverse {
 
 } // namespace
 
-TrilinearCell::TrilinearCell(const BlockVertices& vertices, const double* lowest, const point& P) noexcept {
+TrilinearCell::TrilinearCell(const BlockVertices& vertices, const double* lowest) noexcept
+    : myOrigin(vertices.point(lowest)) {
     // Differences to one corner: of nearby numbers they are exact, however far the cell is from the origin.
-    const point origin = vertices.point(lowest);
     vector D[8];
-    for (int q = 1; q < 8; ++q) D[q] = vertices.point(vertices.corner(lowest, q)) - origin;
-    vector target = P - origin;
+    for (int q = 1; q < 8; ++q) D[q] = vertices.point(vertices.corner(lowest, q)) - myOrigin;
 
     double diagonal = 0.0;
     for (int q = 0; q < 4; ++q) diagonal = std::max(diagonal, largest(D[7 - q] - D[q]));
     if (!(diagonal > 1e-60 && diagonal < 1e60) && diagonal > 0.0 && diagonal < HUGE_VAL) [[unlikely]] {
         // Products of three lengths must be numbers.
-        const double factor = std::ldexp(1.0, -std::clamp(std::ilogb(diagonal), -1000, 1000));
-        for (vector& v : D) v *= factor;
-        target *= factor;
+        myFactor = std::ldexp(1.0, -std::clamp(std::ilogb(diagonal), -1000, 1000));
+        for (vector& v : D) v *= myFactor;
     }
     double squaredDiagonal = 0.0;
     for (int q = 0; q < 4; ++q) squaredDiagonal = std::max(squaredDiagonal, normSquared(D[7 - q] - D[q]));
@@ -70,7 +68,7 @@ TrilinearCell::TrilinearCell(const BlockVertices& vertices, const double* lowest
 
     const vector e0 = D[1], e1 = D[3] - D[2], e2 = D[5] - D[4], e3 = D[7] - D[6]; // along axis 0
     const vector s0 = D[1], s1 = D[3] + D[2], s2 = D[5] + D[4], s3 = D[7] + D[6];
-    myC = ((s0 + s1) + (s2 + s3)) * 0.125 - target;
+    myMiddle = ((s0 + s1) + (s2 + s3)) * 0.125;
     myA[0] = ((e0 + e1) + (e2 + e3)) * 0.25;
     myA[1] = ((s1 - s0) + (s3 - s2)) * 0.25;
     myA[2] = ((s2 + s3) - (s0 + s1)) * 0.25;

@@ -16,8 +16,14 @@ public:
     /// Largest |x(d)| of a result, as a part of the cell's largest diagonal.
     static constexpr double Tolerance = 1e-11;
 
-    /// The cell whose lowest vertex is at `lowest`, seen from `P`.
-    TrilinearCell(const BlockVertices& vertices, const double* lowest, const point& P) noexcept;
+    /// The cell whose lowest vertex is at `lowest`.
+    TrilinearCell(const BlockVertices& vertices, const double* lowest) noexcept;
+    /// Seen from `P`.
+    TrilinearCell(const BlockVertices& vertices, const double* lowest, const point& P) noexcept
+        : TrilinearCell(vertices, lowest) {
+        lookFrom(P);
+    }
+    void lookFrom(const point& P) noexcept { myC = myMiddle - (P - myOrigin) * myFactor; }
 
     /// Finds the d of the cube with x(d) = 0; false, with `d` untouched, when there is none.
     ///
@@ -26,6 +32,13 @@ public:
     /// bisected.
     /// Degenerate  in a degenerate cell a solution may be missed. The work is limited.
     [[nodiscard]] bool solve(vector& d) const noexcept;
+    /// The same as fractional indices of a cell of a block.
+    [[nodiscard]] bool solveAt(const MultiIndex<3>& cell, point& uvw) const noexcept {
+        vector d;
+        if (!solve(d)) return false;
+        for (int i = 0; i < 3; ++i) uvw[i] = static_cast<double>(cell[i]) + (d[i] + 0.5);
+        return true;
+    }
 
 private:
     /// A part of the cube: centre and half width on each axis.
@@ -53,6 +66,9 @@ private:
     [[nodiscard]] Verdict judge(vector& d) const noexcept;
     [[nodiscard]] bool bisect(vector& d) const noexcept;
 
+    point myOrigin;
+    double myFactor = 1.0; // makes lengths numbers of which products can be made
+    vector myMiddle;       // c, seen from the origin
     vector myC, myA[3];
     vector myB[3]; // of d1 d2, d0 d2, d0 d1
     vector myT;
