@@ -1,3 +1,4 @@
+#include <baseop/detail/location/SpatialOrder.hpp>
 #include <dataset/detail/NumberArray.hpp>
 #include <model/vantle/MemArray.hpp>
 
@@ -41,8 +42,9 @@ public:
     void find(std::span<const Point> positions, std::vector<std::vector<std::uint32_t>>& asked) const {
         std::vector<std::uint32_t> near;
         std::vector<int> to;
-        for (std::size_t first = 0; first < positions.size(); first += LookedUpAtOnce) {
-            const std::size_t last = std::min(first + LookedUpAtOnce, positions.size());
+        for (std::size_t first = 0, last = 0; first < positions.size(); first = last) {
+            last = std::min(first + LookedUpAtOnce, positions.size());
+            last = first + detail::SpatialOrder::beforeJump(positions.subspan(first, last - first));
             Box around{positions[first], positions[first]};
             for (std::size_t k = first; k < last; ++k)
                 for (int d = 0; d < 3; ++d) { // NaN widens nothing, and is in no box
@@ -55,19 +57,22 @@ public:
             isFew = isFew && near.size() <= FewBoxes;
             const auto rankOf = [&](std::uint32_t block) { return myBlocks[block].rank; };
             std::sort(near.begin(), near.end(), [&](auto a, auto b) { return rankOf(a) < rankOf(b); });
-            for (std::size_t k = first; k < last; ++k) {
-                const Box here{positions[k], positions[k]};
-                if (isFew) {
-                    int known = -1;
-                    for (const std::uint32_t block : near)
-                        if (rankOf(block) != known && detail::touch(myBoxes[block], here)) {
-                            known = rankOf(block);
-                            asked[static_cast<std::size_t>(known)].push_back(static_cast<std::uint32_t>(k));
-                        }
-                    continue;
+            for (auto begin = near.begin(); isFew && begin != near.end();) {
+                const int rank = rankOf(*begin);
+                const auto end = std::find_if(begin, near.end(), [&](auto block) { return rankOf(block) != rank; });
+                auto& of = asked[static_cast<std::size_t>(rank)];
+                const bool hasAll = std::any_of(begin, end, [&](auto block) { return isWithin(around, block); });
+                for (std::size_t k = first; k < last; ++k) {
+                    const Box here{positions[k], positions[k]};
+                    if ((hasAll && here.low == here.low) ||
+                        std::any_of(begin, end, [&](auto block) { return detail::touch(myBoxes[block], here); }))
+                        of.push_back(static_cast<std::uint32_t>(k));
                 }
+                begin = end;
+            }
+            for (std::size_t k = first; k < last && !isFew; ++k) {
                 to.clear();
-                myTree.forEach(here, [&](std::uint32_t block) {
+                myTree.forEach({positions[k], positions[k]}, [&](std::uint32_t block) {
                     if (std::find(to.begin(), to.end(), rankOf(block)) == to.end()) to.push_back(rankOf(block));
                 });
                 for (const int rank : to)
@@ -77,6 +82,13 @@ public:
     }
 
 private:
+    [[nodiscard]] bool isWithin(const Box& box, std::uint32_t block) const {
+        const Box& other = myBoxes[block];
+        bool is = true;
+        for (int d = 0; d < 3; ++d) is = is && other.low[d] <= box.low[d] && box.high[d] <= other.high[d];
+        return is;
+    }
+
     std::vector<Box> myBoxes;
     const std::vector<detail::GlobalBlock>& myBlocks;
     detail::BoxTree myTree;
