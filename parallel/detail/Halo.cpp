@@ -171,7 +171,11 @@ Halo::Halo(Exchange& exchange, const AllBlocks& all, const Representation& own, 
     // Two stand-ins are joined by what they look like from here. Where their own ranks know better, as may happen where
     // several blocks lie on top of one another, more of the neighbourhood is taken.
     for (int rings = myRequest.rings;; ++rings) {
-        myExchange.attempt([&] { findNeighbours(rings); });
+        myExchange.attempt([&] {
+            if (static_cast<std::size_t>(rings - myRequest.rings) > myAll.blocks.size()) // which are all
+                throw std::logic_error("ranks do not agree which faces of their blocks are one");
+            findNeighbours(rings);
+        });
         exchangePositions(own, shells);
         gatherJoins();
         if (myExchange.greatest(agrees() ? 0 : 1) == 0) break;

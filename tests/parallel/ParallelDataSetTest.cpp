@@ -72,7 +72,7 @@ Scene wake() { return {cutUp(cGrid(), 9, 5)}; }
 /// single precision.
 Scene rough() {
     const BlockPtr uncut = oGrid({33, 8, 9});
-    for (const index_t n : {700, 1500, 1501}) uncut->element(n)[1] = std::nan("");
+    for (const index_t n : {700U, 1500U, 1501U}) uncut->element(n)[1] = std::nan("");
     Scene scene{cutUp(uncut, 9, 6)};
     unsigned seed = 0;
     for (const auto& block : scene.flow.blocks()) {
@@ -105,6 +105,9 @@ Scene loose() {
             for (int d = 0; d < 3; ++d) points->element(k)[d] += off(random);
         flow.addBlock(std::to_string(n), Hestra::StrongPtr<Vantle::MemBase>(points));
     }
+    // Too far apart for the edges across the face of the one, not for those within it, nor for the other's.
+    flow.addUniformBlock("thick", {5, 5, 5}, {{10, 0, 0}, {11, 1, 1}});
+    flow.addUniformBlock("thin", {5, 5, 5}, {{11.001, 0, 0}, {11.041, 1, 1}});
     Scene scene{withFields(flow)};
     scene.joins.tolerance = 0.01;
     scene.flow.setJoinOptions(scene.joins);
