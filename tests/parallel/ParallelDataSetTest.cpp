@@ -10,6 +10,7 @@
 #include <numbers>
 #include <parallel/ParallelDataSet.hpp>
 #include <parallel/detail/BoxTree.hpp>
+#include <sys/resource.h>
 #include <unistd.h>
 
 // Each rank makes all blocks, and asks a data set of all of them on its own: what the ranks find together has to be the
@@ -71,7 +72,7 @@ Scene wake() { return {cutUp(cGrid(), 9, 5)}; }
 /// single precision.
 Scene rough() {
     const BlockPtr uncut = oGrid({33, 8, 9});
-    for (const index_t n : {700, 1500, 1501}) uncut->element(n)[1] = std::nan("");
+    for (const index_t n : {700U, 1500U, 1501U}) uncut->element(n)[1] = std::nan("");
     Scene scene{cutUp(uncut, 9, 6)};
     unsigned seed = 0;
     for (const auto& block : scene.flow.blocks()) {
@@ -104,6 +105,9 @@ Scene loose() {
             for (int d = 0; d < 3; ++d) points->element(k)[d] += off(random);
         flow.addBlock(std::to_string(n), Hestra::StrongPtr<Vantle::MemBase>(points));
     }
+    // Too far apart for the edges across the face of the one, not for those within it, nor for the other's.
+    flow.addUniformBlock("thick", {5, 5, 5}, {{10, 0, 0}, {11, 1, 1}});
+    flow.addUniformBlock("thin", {5, 5, 5}, {{11.001, 0, 0}, {11.041, 1, 1}});
     Scene scene{withFields(flow)};
     scene.joins.tolerance = 0.01;
     scene.flow.setJoinOptions(scene.joins);
@@ -239,6 +243,11 @@ TEST_P(ParallelDataSetTest, GivesTheBitsOfOneProcess) {
     expectSame(many.slice(Plane::z(middle[2])), one.slice(Plane::z(middle[2])));
 
     expectSame(many.boundary({"wave", "velocity"}), one.boundary({"wave", "velocity"}));
+    for (const auto& block : one.blocks()) {
+        const Vantle::IndexPlane layer{block.name, 1, block.size[1] / 2};
+        const ParallelDataSet::Fields there{"velocity", "gradient(wave)"};
+        expectSame(many.slice(layer, there), one.slice(layer, there));
+    }
 
     // Derivatives, at all vertices of own blocks.
     std::vector<std::string> derived{many.gradient("wave"), many.gradient("velocity"), many.qCriterion("velocity"),
@@ -346,6 +355,17 @@ TEST(ParallelFailureTest, IsThatOfAllRanksWhichCanGoOn) {
         return true;
     };
     EXPECT_ERROR(who + ": slice: a caller's own", (void)many.slice(Plane::y(0.5), {}, own));
+    EXPECT_THROW((void)many.boundary({}, cancel), Vantle::Cancelled);
+    EXPECT_ERROR("no block \"brock\"; there are: \"brick", (void)many.slice(Vantle::IndexPlane::k("brock", 0)));
+    EXPECT_ERROR(who + ": slice: block \"brick " + std::to_string(last) + "\" has [5x5x5] vertices, and no layer 5",
+                 (void)many.slice(Vantle::IndexPlane::k("brick " + std::to_string(last), 5)));
+    // Told within the one block, from the beginning to the end, on the ranks that want to know.
+    std::vector<double> shares;
+    const Vantle::Progress note = [&](double share) { return shares.push_back(share), true; };
+    (void)many.boundary({}, rank == last ? note : Vantle::Progress());
+    EXPECT_EQ(shares.size() > 5, rank == last) << shares.size();
+    EXPECT_TRUE(std::is_sorted(shares.begin(), shares.end()));
+    EXPECT_TRUE(shares.empty() || (shares.front() == 0.0 && shares.back() == 1.0));
 
     // Data that one rank cannot make; what does not need them goes on.
     if (rank == last)
@@ -419,6 +439,43 @@ TEST(ParallelExchangeTest, BringsAllMessagesInPiecesOfAnySize) {
             EXPECT_EQ(Vantle::detail::Reader(all[static_cast<std::size_t>(r)]).getText(), text(r, 3));
         EXPECT_EQ(exchange.greatest(static_cast<std::uint64_t>(rank)), static_cast<std::uint64_t>(ranks - 1));
     }
+}
+
+// Whatever a rank fails in, and whichever exchange comes next, that is what throws, on all ranks, with that rank's
+// reason.
+TEST(ParallelExchangeTest, ThrowsOnAllRanksBeforeAnythingIsSent) {
+    using Vantle::detail::Outbox;
+    const int rank = rankOfWorld(), last = ranksOfWorld() - 1;
+    const std::string who = "rank " + std::to_string(last) + ": ";
+    Vantle::detail::Exchange exchange(MPI_COMM_WORLD, 1);
+    for (int which = 0; which < 3; ++which) {
+        exchange.attempt([&] {
+            if (rank == last) throw std::runtime_error("has given up");
+        });
+        exchange.attempt([&] { EXPECT_NE(rank, last); });
+        EXPECT_ERROR(who + "has given up", which == 0   ? (void)exchange.round(Outbox(last + 1))
+                                           : which == 1 ? (void)exchange.gather({})
+                                                        : exchange.agree());
+        EXPECT_EQ(exchange.greatest(7), 7U);
+    }
+#ifndef __SANITIZE_ADDRESS__ // which has all addresses
+    if (last == 0) return;
+    constexpr std::size_t Much = std::size_t{1} << 26;
+    rlimit limit{}, less{};
+    getrlimit(RLIMIT_AS, &limit);
+    Outbox outbox(last + 1);
+    const std::vector<std::byte> message(rank == 0 ? Much : 0);
+    if (rank == 0) outbox.add(last, 0, 0, message);
+    less = limit;
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    less.rlim_cur = pages * static_cast<std::size_t>(getpagesize()) + Much / 2;
+    if (rank == last) setrlimit(RLIMIT_AS, &less);
+    const std::string error = errorOf([&] { (void)exchange.round(std::move(outbox)); });
+    setrlimit(RLIMIT_AS, &limit);
+    EXPECT_EQ(error, who + "there is not enough memory for " + std::to_string(Much + 16) + " bytes of other ranks");
+    EXPECT_EQ(exchange.greatest(7), 7U);
+#endif
 }
 
 TEST(ParallelExchangeTest, TreesOfBoxesFindWhatALookAtEachFinds) {
