@@ -188,12 +188,13 @@ def serial(fin):
     check("or averaged", some.GetNumberOfPoints() > 0, f"{some.GetNumberOfPoints()} points")
 
     with tempfile.TemporaryDirectory() as folder:
-        files = [f"{folder}/{n}.vti" for n in range(2)]
+        files = [f"{folder}/{n}.vtk" for n in range(2)]
         for n, file in enumerate(files):
-            pv.SaveData(file, proxy=pv.Wavelet(Maximum=255.0 + 100 * n), EncodeAppendedData=1)
-        steps = pv.ClosedContour(Input=pv.XMLImageDataReader(FileName=files), **ball)
+            pv.SaveData(file, proxy=pv.Wavelet(Maximum=255.0 + 100 * n))
+        reader = pv.LegacyVTKReader(FileNames=files)
+        steps = pv.ClosedContour(Input=reader, **ball)
         told = []
-        for time in steps.TimestepValues:
+        for time in reader.TimestepValues:
             steps.UpdatePipeline(time)
             made = servermanager.Fetch(steps)
             told.append((made.GetInformation().Get(vtkDataObject.DATA_TIME_STEP()), made.GetNumberOfPoints()))
@@ -232,42 +233,42 @@ def distributed(fin):
     theirs = counted(pv.Contour(Input=fin, ContourBy=["POINTS", "Density"], Isosurfaces=[LEVEL]))
     count = counted(ours)
     told = f"{count} points over all ranks, {len(whole.points)} by one process; ParaView's Contour {theirs}"
-    check("contour", count == len(whole.points), told)
+    check("contour over ranks", count == len(whole.points), told)
     mine = get(ours)
-    order, other = np.lexsort(np.round(points(mine), 9).T), np.lexsort(np.round(whole.points, 9).T)
+    order, other = (np.lexsort(np.round(where, 9).T) for where in (points(mine), whole.points))
     off = np.abs(points(mine)[order] - whole.points[other]).max()
     told = f"{off:.1e} from one process, {border(mine)} border edges"
-    check("its points and border", off == 0 and border(mine) == whole.border_edges, told)
-    off = np.abs(values(mine, GRADIENT)[order] - whole[GRADIENT][other]).max()
-    check("gradients there, across ranks", off < 1e-9, f"{off:.1e} from one process")
+    check("its points and border", off < 1e-12 and border(mine) == whole.border_edges, told)
+    off = np.abs(values(mine, GRADIENT)[order] - whole[GRADIENT][other])
+    missing = np.isnan(whole[GRADIENT]).any(axis=1).sum()  # next to cells without thickness
+    told = f"{np.nanmax(off):.1e} from one process; {missing} without"
+    check("gradients there, across ranks", np.nanmax(off) < 1e-9 and np.isnan(off).any(axis=1).sum() == missing, told)
 
     pieces = pv.ClosedContour(Input=fin, OnePiece=0, **contour)
-    owned = pv.ProgrammableFilter(Input=pieces, OutputDataSetType="vtkTable", Script="""
+    owned = pv.ProgrammableFilter(Input=pieces, OutputDataSetType="vtkPolyData", Script="""
 import numpy as np
-ghosts = inputs[0].PointData["vtkGhostType"]
-output.RowData.append(np.array([inputs[0].GetNumberOfPoints(), (np.asarray(ghosts) == 0).sum()]), "counts")
+output.Points = inputs[0].Points[np.asarray(inputs[0].PointData["vtkGhostType"]) == 0]
 """)  # fmt: skip
-    table = get(owned).GetColumnByName("counts")
-    held, own = (sum(table.GetValue(n) for n in range(k, table.GetNumberOfTuples(), 2)) for k in range(2))
-    check("its pieces", own == len(whole.points) and table.GetNumberOfTuples() == 2 * RANKS,
-          f"{held} points on {RANKS} ranks, {own} that are not marked as another rank's")  # fmt: skip
+    held, own = counted(pieces), counted(owned)
+    told = f"{held} points on {RANKS} ranks, {own} that are not marked as another rank's"
+    check("its pieces", own == len(whole.points), told)
 
-    size = (40, 30, 20)
-    image = get(pv.Resample(Input=fin, Dimensions=size))
-    alone = flow.resample(size, fields=["Density"])["Density"].reshape(-1)
-    same = np.array_equal(values(image, "Density"), alone, equal_nan=True)
-    check("resample", image.GetDimensions() == size and same, f"{(~np.isnan(alone)).sum()} of {alone.size} points found")
-
-    sphere = pv.Sphere(Center=[2, 1, 1], ThetaResolution=60, PhiResolution=60)
-    probe = get(pv.SampleAtPoints(Input=fin, Points=sphere))
-    alone = flow.locate(points(probe)).sample("Density")
-    same = np.array_equal(values(probe, "Density"), alone, equal_nan=True)
-    check("sample", same and not np.isnan(alone).all(), f"{(~np.isnan(alone)).sum()} of {alone.size} points found")
+    image = pv.Resample(Input=fin, Dimensions=[40, 30, 20])
+    sphere = pv.SampleAtPoints(Input=fin, Points=pv.Sphere(Center=[2, 1, 1], ThetaResolution=60, PhiResolution=60))
+    for what, proxy, cells in (("resample", image, 39 * 29 * 19), ("sample", sphere, 2 * 60 * 58)):
+        mine = get(pv.ConvertToPointCloud(Input=proxy))  # which can be fetched from all ranks
+        alone = flow.locate(points(mine)).sample("Density")
+        there = values(mine, "vtkValidPointMask") > 0
+        missed = (there != np.isfinite(alone)).sum()  # points of the cloud are rounded, also at the border
+        off = np.nanmax(np.abs(values(mine, "Density") - alone)) / np.nanmax(alone)
+        count = proxy.GetDataInformation().GetNumberOfCells()
+        told = f"{there.sum()} of {there.size} points found, by one process {missed} others; {off:.1e} apart; {count} cells"
+        check(what, off < 1e-5 and missed < 0.01 * there.size and count == cells, told)
 
     part = pv.GradientAcrossBlocks(Input=fin, Array=["POINTS", "Density"])
     part.UpdatePipeline()
-    told, alone = part.PointData[GRADIENT].GetRange(-1), np.sqrt((np.asarray(flow[GRADIENT]) ** 2).sum(axis=-1))
-    check("gradient", np.allclose(told, (alone.min(), alone.max()), 1e-6), f"of lengths {told}")
+    most, alone = part.PointData[GRADIENT].GetRange(-1)[1], np.nanmax(np.linalg.norm(flow[GRADIENT], axis=-1))
+    check("gradient", abs(most - alone) < 1e-6 * alone, f"lengths of up to {most:.4f}, by one process {alone:.4f}")
 
     said = refusal(pv.ClosedContour(Input=fin, Array=["POINTS", "Densiti"], Levels=[1.0]))
     check("an array that there is not is refused", '"Density"' in said, said)

@@ -1,13 +1,13 @@
 """A plug-in of ParaView: contours, samples, images, derivatives and joins of multi-block grids, by the module `vantle`.
 
-Load it by Tools > Manage Plugins, `paraview.simple.LoadPlugin(file, ns=globals())`, or PV_PLUGIN_PATH. Blocks that touch
-are one grid for all filters, over the ranks of MPI too. What they take of an input is what `vantle.from_vtk` takes; ghost
-layers, which are another block's, are cut off before.
+Load it by Tools > Manage Plugins, `paraview.simple.LoadPlugin(file, ns=globals())`, or PV_PLUGIN_PATH. Blocks that
+touch are one grid for all filters, over the ranks of MPI too. What they take of an input is what `vantle.from_vtk`
+takes; ghost layers, which are another block's, are cut off before.
 """
 
 import inspect
 import logging
-from typing import Any, Callable, Dict, Iterator, List, NamedTuple, Optional, Tuple
+from typing import Any, Callable, Dict, Iterable, Iterator, List, NamedTuple, Optional, Tuple
 
 if not hasattr(inspect, "getargspec"):  # ParaView before 5.12 asks for it, Python 3.11 has it no longer
     setattr(inspect, "getargspec", inspect.getfullargspec)
@@ -192,6 +192,19 @@ def squares(points: Any) -> Any:
     return made
 
 
+def together(parts: Iterable[Any]) -> Any:
+    """Faces as one object."""
+    given = list(parts)
+    if len(given) == 1:
+        return given[0]
+    append = vtkAppendPolyData()
+    for part in given:
+        append.AddInputData(part)
+    if given:
+        append.Update()
+    return append.GetOutput()
+
+
 def marked(faces: Any, number: int, distance: float) -> Any:
     """Faces with what is said of a join."""
     count = faces.GetNumberOfCells()
@@ -232,8 +245,7 @@ class Ranks:
         self.comm: Any = None
         if self.count == 1:
             return
-        if not hasattr(vt, "ParallelDataSet"):
-            raise Refused(f"{self.count} ranks, but the module vantle was built without MPI")
+        vt.ParallelDataSet  # or why there is none
         from vtkmodules.vtkParallelMPI4Py import vtkMPI4PyCommunicator
 
         self.comm = vtkMPI4PyCommunicator.ConvertToPython(controller.GetCommunicator())
@@ -316,7 +328,8 @@ class Filter(VTKPythonAlgorithmBase):  # type: ignore[misc]
         except (Nothing, vt.Cancelled):
             return 1
         except Exception as problem:  # without words of its own ParaView shows lines of this file
-            said = isinstance(problem, (Refused, KeyError, ValueError, OSError, MemoryError)) and str(problem)
+            worded = Refused, KeyError, ValueError, OSError, MemoryError, ImportError
+            said = isinstance(problem, worded) and str(problem)
             self.say(said or f"{type(problem).__name__}: {problem}", error=True)
             return 0
         return 1
@@ -374,7 +387,7 @@ class Filter(VTKPythonAlgorithmBase):  # type: ignore[misc]
         if grids:
             self.say("not all of the input can be used:\n  " + "\n  ".join(grids))
         local.set_joins(tolerance=self._tolerance)
-        flow = local
+        flow: Any = local
         if self.ranks.comm is not None:
             flow = vt.ParallelDataSet(self.ranks.comm, local, tolerance=self._tolerance)
         self._kept = Kept(key, flow, local, left_out)
@@ -403,17 +416,21 @@ class Filter(VTKPythonAlgorithmBase):  # type: ignore[misc]
 
     # Outputs
 
-    def surface(self, made: Any) -> Any:
-        """A surface as an object of VTK: this rank's piece, or all of it on the first rank."""
-        if self.ranks.comm is None:
-            return made.to_vtk()
-        if self._one_piece:
-            return made.gather(0).to_vtk()
-        piece = made.piece.to_vtk()
-        own = np.where(made.is_own, 0, vtkDataSetAttributes.DUPLICATEPOINT).astype(np.uint8)
-        piece.GetPointData().AddArray(named(own, GHOSTS))
-        piece.GetPointData().SetGlobalIds(named(made.numbers.astype(np.int64), "GlobalPointIds"))
-        return piece
+    def surfaces(self, made: List[Any]) -> Iterator[Any]:
+        """Surfaces as objects of VTK: this rank's pieces, or all of them on the first rank."""
+        before = 0
+        for surface in made:
+            if self.ranks.comm is None:
+                yield surface.to_vtk()
+            elif self._one_piece:
+                yield surface.gather(0).to_vtk()
+            else:
+                piece = surface.piece.to_vtk()
+                own = np.where(surface.is_own, 0, vtkDataSetAttributes.DUPLICATEPOINT).astype(np.uint8)
+                piece.GetPointData().AddArray(named(own, GHOSTS))
+                piece.GetPointData().SetGlobalIds(named(surface.numbers.astype(np.int64) + before, "GlobalPointIds"))
+                before += surface.point_count
+                yield piece
 
 
 class LikeInput(Filter):
@@ -539,12 +556,9 @@ class ClosedContour(Filter):
     def make(self, inputs: List[Any], output: Any) -> None:
         kept = self.take(inputs[0])
         field = self.array(kept)
-        if self._levels:
-            values = self.arrays(kept, field)
-            made = kept.flow.contour(
-                field, self._levels, values=values, normals=self._normals, progress=self.progress
-            )
-            output.ShallowCopy(self.surface(made))
+        values = self.arrays(kept, field)
+        made = kept.flow.contours(field, self._levels, values=values, normals=self._normals, progress=self.progress)
+        output.ShallowCopy(together(self.surfaces(made)))
 
 
 @smproxy.filter(name="VantleSampleAtPoints", label="Sample At Points")
@@ -754,17 +768,15 @@ class BlockJoins(Filter):
     def make(self, inputs: List[Any], output: Any) -> None:
         kept = self.take(inputs[0])
         joins, own = kept.flow.joins, kept.local.blocks
-        append = vtkAppendPolyData()
+        faces: List[Any] = []
         for number, join in enumerate(joins):
             if join.first[0] in own:
                 part = tuple(slice(a, b + 1) for a, b in zip(join.low[::-1], join.high[::-1]))
                 face = squares(np.squeeze(own[join.first[0]].points[part]))
-                append.AddInputData(marked(face, number, join.largest_distance))
+                faces.append(marked(face, number, join.largest_distance))
         if self._hull:
-            append.AddInputData(marked(self.surface(kept.flow.boundary()), -1, 0.0))
-        if append.GetNumberOfInputConnections(0) > 0:
-            append.Update()
-            output.ShallowCopy(append.GetOutput())
+            faces += [marked(hull, -1, 0.0) for hull in self.surfaces([kept.flow.boundary()])]
+        output.ShallowCopy(together(faces))
         lines = [
             f"{number}: {' '.join(join.first)} - {' '.join(join.second)}, "
             + " x ".join(str(b - a + 1) for a, b in zip(join.low, join.high) if a != b)
