@@ -13,7 +13,7 @@ import numpy as np
 from paraview import servermanager
 from paraview import simple as pv
 from vtkmodules.util.numpy_support import numpy_to_vtk, vtk_to_numpy
-from vtkmodules.vtkCommonDataModel import vtkDataObject, vtkMultiBlockDataSet
+from vtkmodules.vtkCommonDataModel import vtkDataObject, vtkMultiBlockDataSet, vtkPartitionedDataSet
 from vtkmodules.vtkFiltersCore import vtkAppendPolyData, vtkFeatureEdges
 from vtkmodules.vtkParallelCore import vtkMultiProcessController
 
@@ -42,9 +42,14 @@ def holding(data):
 
 
 def parts(data):
-    if not data.IsA("vtkMultiBlockDataSet"):
+    if not data.IsA("vtkCompositeDataSet"):
         return [data]
-    return [part for n in range(data.GetNumberOfBlocks()) for part in parts(data.GetBlock(n)) if part is not None]
+    walk, found = data.NewIterator(), []
+    walk.InitTraversal()
+    while not walk.IsDoneWithTraversal():
+        found.append(walk.GetCurrentDataObject())
+        walk.GoToNextItem()
+    return found
 
 
 def border(data):
@@ -74,9 +79,9 @@ def apart(some, others):
     return max(float(np.sqrt(((others - p) ** 2).sum(axis=1).min())) for p in some)
 
 
-def pieces(grid, cuts, ghosts):
+def pieces(grid, cuts, ghosts, kind=vtkMultiBlockDataSet):
     """A grid as blocks between cuts along i, with layers of duplicated cells."""
-    made = vtkMultiBlockDataSet()
+    made = kind()
     extent = list(grid.GetExtent())
     for n, (low, high) in enumerate(zip(cuts, cuts[1:])):
         part = grid.NewInstance()
@@ -89,7 +94,7 @@ def pieces(grid, cuts, ghosts):
             marks = numpy_to_vtk(own.reshape(-1), deep=True)
             marks.SetName("vtkGhostType")
             part.GetCellData().AddArray(marks)
-        made.SetBlock(n, part)
+        (made.SetBlock if kind is vtkMultiBlockDataSet else made.SetPartition)(n, part)
     return made
 
 
@@ -142,12 +147,12 @@ def serial(fin):
 
     wavelet = pv.Wavelet()
     image = get(wavelet)
-    cut = holding(pieces(image, [-10, -3, 2, 10], 0))
+    cut = holding(pieces(image, [-10, -3, 2, 10], 0, vtkPartitionedDataSet))
     ball = {"Array": ["POINTS", "RTData"], "Levels": [200.0]}
     mine = get(pv.ClosedContour(Input=cut, **ball))
     other = get(pv.Contour(Input=cut, ContourBy=["POINTS", "RTData"], Isosurfaces=[200.0]))
     told = f"{border(mine)} border edges; ParaView's Contour {border(other)}"
-    check("contour, an image in three blocks", border(mine) == 0 < mine.GetNumberOfPolys(), told)
+    check("contour, an image in three partitions", border(mine) == 0 < mine.GetNumberOfPolys(), told)
 
     # Values at the points of a surface, and in an image.
     probe = pv.Sphere(Center=[2, 1, 1], Radius=0.9, ThetaResolution=60, PhiResolution=60)

@@ -376,9 +376,9 @@ class Filter(VTKPythonAlgorithmBase):  # type: ignore[misc]
             useless = str(reason).removeprefix("from_vtk: ")
         except Exception as reason:
             problem = f"{type(reason).__name__}: {reason}"
-        points = sum(grid.GetNumberOfPoints() for grid in found if grid.IsA("vtkDataSet"))
         self.ranks.agree(problem)
-        told = self.ranks.all((useless if points else "", bool(local.blocks)))
+        empty = all(grid.IsA("vtkDataSet") and grid.GetNumberOfPoints() == 0 for grid in found)
+        told = self.ranks.all(("" if empty else useless, bool(local.blocks)))
         if not any(some for _, some in told):
             reasons = [reason for reason, _ in told if reason]
             raise Refused(reasons[0]) if reasons else Nothing()
@@ -614,6 +614,9 @@ class SampleAtPoints(LikeInput):
     + switch("UseInputBounds", "SetUseInputBounds", 1, "The image spans the input.", "Use Input Bounds")
     + """
     <DoubleVectorProperty name="Bounds" command="SetBounds" number_of_elements="6" default_values="0 1 0 1 0 1">
+      <BoundsDomain name="range" mode="data_bounds">
+        <RequiredProperties><Property function="Input" name="Input"/></RequiredProperties>
+      </BoundsDomain>
       <Documentation>What the image spans otherwise: from and to along x, y and z.</Documentation>
       <Hints>
         <PropertyWidgetDecorator type="GenericDecorator" mode="enabled_state" property="UseInputBounds" value="0"/>
