@@ -31,7 +31,7 @@ def check(what, good, told):
 
 def get(proxy):
     proxy.UpdatePipeline()
-    return servermanager.Fetch(proxy)
+    return proxy.GetClientSideObject().GetOutputDataObject(0) if RANKS == 1 else servermanager.Fetch(proxy)
 
 
 def holding(data):
@@ -190,7 +190,11 @@ def serial(fin):
     said = refusal(pv.ClosedContour(Input=cells, Array=["CELLS", "RTData"], Levels=[200.0]))
     check("an array of cells is refused", "Average Cell Data" in said, said)
     some = get(pv.ClosedContour(Input=cells, Array=["CELLS", "RTData"], Levels=[200.0], AverageCellData=1))
-    check("or averaged", some.GetNumberOfPoints() > 0, f"{some.GetNumberOfPoints()} points")
+    averages = pv.CellDatatoPointData(Input=cells)
+    other = get(pv.Contour(Input=averages, ContourBy=["POINTS", "RTData"], Isosurfaces=[200.0]))
+    counts = some.GetNumberOfPoints(), other.GetNumberOfPoints()
+    told = f"{counts[0]} points; by ParaView's averages and Contour {counts[1]}"
+    check("or averaged", counts[0] == counts[1] > 0, told)
 
     with tempfile.TemporaryDirectory() as folder:
         files = [f"{folder}/{n}.vtk" for n in range(2)]
@@ -201,7 +205,7 @@ def serial(fin):
         told = []
         for time in reader.TimestepValues:
             steps.UpdatePipeline(time)
-            made = servermanager.Fetch(steps)
+            made = steps.GetClientSideObject().GetOutputDataObject(0)
             told.append((made.GetInformation().Get(vtkDataObject.DATA_TIME_STEP()), made.GetNumberOfPoints()))
         check("times", [t for t, _ in told] == [0, 1] and told[0][1] != told[1][1], f"(time, points) {told}")
 
@@ -267,13 +271,21 @@ output.Points = inputs[0].Points[np.asarray(inputs[0].PointData["vtkGhostType"])
         missed = (there != np.isfinite(alone)).sum()  # points of the cloud are rounded, also at the border
         off = np.nanmax(np.abs(values(mine, "Density") - alone)) / np.nanmax(alone)
         count = proxy.GetDataInformation().GetNumberOfCells()
-        told = f"{there.sum()} of {there.size} points found, by one process {missed} others; {off:.1e} apart; {count} cells"
+        told = f"{there.sum()} of {there.size} found, by one process {missed} others; {off:.1e} apart; {count} cells"
         check(what, off < 1e-5 and missed < 0.01 * there.size and count == cells, told)
 
-    part = pv.GradientAcrossBlocks(Input=fin, Array=["POINTS", "Density"])
-    part.UpdatePipeline()
-    most, alone = part.PointData[GRADIENT].GetRange(-1)[1], np.nanmax(np.linalg.norm(flow[GRADIENT], axis=-1))
-    check("gradient", abs(most - alone) < 1e-6 * alone, f"lengths of up to {most:.4f}, by one process {alone:.4f}")
+    # Where several ranks have a point, one of them has it inside of its piece; others may have it in a ghost layer.
+    cloud = get(pv.ConvertToPointCloud(Input=pv.GradientAcrossBlocks(Input=fin, Array=["POINTS", "Density"])))
+    vertices, alone = points(reader.GetOutputDataObject(0)), flow[GRADIENT].reshape(-1, 3)
+    count = len(vertices)
+    place = np.unique(np.concatenate([vertices, points(cloud)]), axis=0, return_inverse=True)[1]
+    serial = np.full((place.max() + 1, 3), np.nan)
+    serial[place[:count]] = alone
+    best = np.full(len(serial), np.inf)
+    np.fmin.at(best, place[count:], np.abs(values(cloud, GRADIENT) - serial[place[count:]]).max(axis=1))
+    sure = (np.bincount(place[:count], minlength=len(best)) == 1) & np.isfinite(serial).all(axis=1)
+    told = f"{best[sure].max():.1e} from one process at {sure.sum()} of {count} points, the others without thickness"
+    check("gradient", best[sure].max() < 1e-9 and sure.sum() > 0.9 * count, told)
 
     said = refusal(pv.ClosedContour(Input=fin, Array=["POINTS", "Densiti"], Levels=[1.0]))
     check("an array that there is not is refused", '"Density"' in said, said)
