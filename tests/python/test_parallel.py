@@ -125,7 +125,7 @@ def test_what_one_rank_cannot_do_no_rank_does(ring, many):
     mine, numbers = deal(ring)
     expect(ZeroDivisionError, ValueError, "division", lambda: vt.ParallelDataSet(COMM, only(lambda: 1 / 0, lambda: mine)))
     expect(TypeError, ValueError, "expected a DataSet", lambda: vt.ParallelDataSet(COMM, only("blocks", mine)))
-    expect(ValueError, ValueError, "5 for", lambda: vt.ParallelDataSet(COMM, mine, numbers=only(range(5), numbers)))
+    expect(ValueError, ValueError, "5 numbers for", lambda: vt.ParallelDataSet(COMM, mine, numbers=only(range(5), numbers)))
     expect(ValueError, ValueError, "positions", lambda: many.locate(only([1, 2], [[0, 0, 0]])))
     for block in many.local.blocks.values():
         mine.block(block.name)["late"] = lambda: {}["gone"]
@@ -175,7 +175,16 @@ def test_communicators_and_what_lives_longer(ring, many):
     ring.add_time(2.0, make_ring((5, 5, 5)))
     later = vt.ParallelDataSet(COMM, lambda: ring if RANK == LAST else vt.DataSet()).at_time(3.0)
     assert later.times == [0.0, 2.0] and later.time == 2.0 and later.block("quarter 1").size == (5, 5, 5)
-    assert "rank" in repr(many) and "points" in repr(later.boundary())
+    lines = []
+    vt.messages(lines.append)
+    try:
+        many.locate(ring.bounds)
+    finally:
+        vt.messages(None)
+    heard = len(lines)
+    vt.ParallelDataSet(COMM, deal(ring)[0]).locate(ring.bounds)
+    assert COMM.allreduce(heard) > 0 and len(lines) == heard
+    assert f"rank {RANK} of {RANKS}, 4 blocks" in repr(many) and f"quarter 3</td><td>25 × 13 × 9</td><td>curvilinear</td><td>{owner(3)}" in many._repr_html_()
 
 
 @pytest.mark.skipif(RANKS > 1, reason="about one process")
