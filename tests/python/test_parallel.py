@@ -164,6 +164,10 @@ def test_communicators_and_what_lives_longer(ring, many):
         with pytest.raises(error, match="comm: "):
             vt.ParallelDataSet(wrong, ring)
     alone = COMM.Split(RANK)
+    if RANKS > 1:
+        between = COMM.Split(min(RANK, 1)).Create_intercomm(0, COMM, 1 if RANK == 0 else 0)
+        with pytest.raises(ValueError, match="comm: .*two groups"):
+            vt.ParallelDataSet(between, ring)
     flow = vt.ParallelDataSet(alone, ring)
     alone.Free()
     numbers, places = flow.contour("radius", 1.5).numbers, flow.locate([[1.5, 0, 0.5]]).places
@@ -197,6 +201,7 @@ def test_mpi_is_loaded_when_it_is_asked_for():
 
     assert say("print('mpi4py' in sys.modules, 'libmpi' in open('/proc/self/maps').read())") == "False False\n"
     assert "ImportError: vantle.ParallelDataSet needs mpi4py" in say("sys.modules['mpi4py'] = None; vt.ParallelDataSet")
-    assert "ImportError: vantle.ParallelDataSet is not part" in say("sys.modules['vantle._parallel'] = None; vt.ParallelDataSet")
+    assert "ImportError: vantle.ParallelDataSet is not installed" in say("sys.modules['vantle._parallel'] = None; vt.ParallelDataSet")
     assert "ImportError: vantle was built for another MPI" in say("from mpi4py import MPI; MPI.Get_library_version = lambda: 'Other'; vt.ParallelDataSet")
+    assert "ValueError: comm: MPI is not initialised" in say("import mpi4py; mpi4py.rc.initialize = False; from mpi4py import MPI; vt.ParallelDataSet(MPI.COMM_WORLD, vt.DataSet())")
     assert "AttributeError: module 'vantle' has no attribute 'ParallelData'" in say("vt.ParallelData")
