@@ -86,6 +86,9 @@ def test_surfaces_and_what_is_known_are_those_of_one_process(ring, many):
         for block in many.blocks.values():
             if block.rank == RANK:
                 same(block[name], ring.block(block.name)[name])
+            else:
+                with pytest.raises(ValueError, match=f"is on rank {block.rank}"):
+                    block[name]
     folder = pathlib.Path(COMM.bcast(tempfile.mkdtemp() if RANK == 0 else None))
     many.contour("radius", 1.5).save(folder / "radius.pvtp")
     many.save(folder / "ring.vtm", fields=["plane"])
