@@ -30,12 +30,13 @@ def main():
     comm, files = MPI.COMM_WORLD, sys.argv[1:]
     say = print if comm.rank == 0 else lambda *what: None
     flow = vt.ParallelDataSet.read(comm, *files, memory="2 GiB") if files else cylinder_flow(comm)
-    field = "pressure" if "pressure" in flow else next(name for name, info in flow.fields.items() if info.components == 1)
+    scalars = [name for name, info in flow.fields.items() if info.components == 1]
+    field = "pressure" if "pressure" in scalars else scalars[0]
+    color = next((name for name in scalars if name != field), field)
     low, high = flow.range(field)
     say(f"{len(flow.blocks)} blocks on {flow.ranks} ranks, {len(flow.joins)} joined faces; {field} from {low:.6g} to {high:.6g}")
 
     level = (low + high) / 2 if files else -0.6
-    color = flow.magnitude("velocity") if "velocity" in flow else field
     surface = flow.contour(field, level, values=[color], normals=True)
     surface.save("surface.pvtp")
     whole = surface.gather(0)  # elsewhere it is empty
@@ -52,6 +53,11 @@ def main():
     image = flow.resample((80, 80, 50), fields=[field])
     inside = comm.reduce(int(np.isfinite(image[field]).sum()) if image.layers else 0)
     say(f"{inside} of {80 * 80 * 50} positions of an image are inside")
+
+    # Derived across the joins of blocks, wherever these are.
+    if "velocity" in flow:
+        for derived in (flow.divergence("velocity"), flow.magnitude(flow.vorticity("velocity")), flow.q_criterion("velocity")):
+            say("{} from {:.3g} to {:.3g}".format(derived, *flow.range(derived)))
 
     if comm.rank == 0:
         whole.plot("surface.png", color=color, title=f"{field} = {level:.6g}")

@@ -8,7 +8,7 @@ Arrays are those of NumPy, shared with the library: shape (nk, nj, ni) of scalar
 vectors. Numbers of vertices are (ni, nj, nk). See `DataSet`.
 """
 
-from typing import TYPE_CHECKING as _TYPE_CHECKING
+import typing as _typing
 
 from . import _display, _plot, _ranks, vtk
 from ._errors import Cancelled, UnknownName
@@ -33,7 +33,7 @@ __all__ = [
     "__version__", "from_vtk", "messages", "read", "thread_count", "threads", "vtk",
 ]  # fmt: skip
 
-if _TYPE_CHECKING:
+if _typing.TYPE_CHECKING:
     from ._parallel import ParallelBlock as ParallelBlock
     from ._parallel import ParallelDataSet as ParallelDataSet
     from ._parallel import ParallelImage as ParallelImage

@@ -2,6 +2,8 @@
 
 from typing import Any
 
+from . import _display
+
 NAMES = ("ParallelBlock", "ParallelDataSet", "ParallelImage", "ParallelLocated", "ParallelSurface")
 
 
@@ -17,7 +19,8 @@ def find(name: str) -> Any:
         from . import _parallel
     except ModuleNotFoundError as missing:
         raise ImportError(
-            f"vantle.{name} is not part of this build of vantle: MPI and mpi4py have to be there when it is configured "
-            "(Debian: libopenmpi-dev and python3-mpi4py; -DVANTLE_BUILD_PARALLEL=ON)"
+            f"vantle.{name} is not installed: it is in the package python3-vantle-parallel, or in a build that has found MPI "
+            "and mpi4py (Debian: libopenmpi-dev, python3-mpi4py; -DVANTLE_BUILD_PARALLEL=ON)"
         ) from missing
+    setattr(_parallel.ParallelDataSet, "_repr_html_", _display.parallel_data_set)
     return getattr(_parallel, name)

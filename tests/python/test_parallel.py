@@ -3,9 +3,12 @@ numbers of ranks: each rank asks both, and compares for itself."""
 
 import gc
 import os
+import pathlib
+import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import threading
 
 import numpy as np
@@ -68,12 +71,12 @@ def check_surface(made, whole):
             same(together[name], whole[name])
 
 
-def test_surfaces_and_what_is_known_are_those_of_one_process(ring, many, tmp_path):
+def test_surfaces_and_what_is_known_are_those_of_one_process(ring, many):
     assert list(many.blocks) == list(ring.blocks) and list(many.fields) == list(ring.fields) and "plane" in many
     assert [block.rank for block in many.blocks.values()] == [owner(n) for n in range(4)]
     same(many.bounds, ring.bounds)
     assert many.range("plane") == ring.range("plane") and many.joins == ring.joins and len(many.joins) == 4
-    values = ["plane", "velocity", "gradient(velocity)"]
+    values = ["plane", "velocity", "gradient(radius)"]
     check_surface(many.contour("radius", 1.5, values=values, normals=True), ring.contour("radius", 1.5, values=values, normals=True))
     for a, b in zip(many.contours("plane", [0.0, 2.0]), ring.contours("plane", [0.0, 2.0])):
         check_surface(a, b)
@@ -83,10 +86,16 @@ def test_surfaces_and_what_is_known_are_those_of_one_process(ring, many, tmp_pat
         for block in many.blocks.values():
             if block.rank == RANK:
                 same(block[name], ring.block(block.name)[name])
-    folder = COMM.bcast(tmp_path)
+            else:
+                with pytest.raises(ValueError, match=f"is on rank {block.rank}"):
+                    block[name]
+    folder = pathlib.Path(COMM.bcast(tempfile.mkdtemp() if RANK == 0 else None))
     many.contour("radius", 1.5).save(folder / "radius.pvtp")
     many.save(folder / "ring.vtm", fields=["plane"])
     assert (folder / "ring.vtm").read_text().count("<DataSet ") == 4 and (folder / f"radius_{RANK}.vtp").exists()
+    COMM.Barrier()
+    if RANK == 0:
+        shutil.rmtree(folder)
     assert many.traffic.rounds > 0 and (many.traffic.bytes_sent > 0) == (RANKS > 1)
 
 
@@ -119,13 +128,12 @@ def test_what_one_rank_cannot_do_no_rank_does(ring, many):
     mine, numbers = deal(ring)
     expect(ZeroDivisionError, ValueError, "division", lambda: vt.ParallelDataSet(COMM, only(lambda: 1 / 0, lambda: mine)))
     expect(TypeError, ValueError, "expected a DataSet", lambda: vt.ParallelDataSet(COMM, only("blocks", mine)))
-    expect(ValueError, ValueError, "5 for", lambda: vt.ParallelDataSet(COMM, mine, numbers=only(range(5), numbers)))
+    expect(ValueError, ValueError, "5 numbers for", lambda: vt.ParallelDataSet(COMM, mine, numbers=only(range(5), numbers)))
     expect(ValueError, ValueError, "positions", lambda: many.locate(only([1, 2], [[0, 0, 0]])))
     for block in many.local.blocks.values():
         mine.block(block.name)["late"] = lambda: {}["gone"]
     lazy = vt.ParallelDataSet(COMM, mine, numbers=numbers)
-    first = owner(0) if RANKS < 3 else 1
-    with pytest.raises(KeyError if RANK == first else ValueError, match="gone"):
+    with pytest.raises(KeyError if RANK == owner(0) else ValueError, match="gone"):
         lazy.range("late")
     for ask in (lambda: many.contour("plain", 1.0), lambda: many.locate([[0, 0, 0]]).sample("plain"), lambda: many.block("quartet 1")):
         with pytest.raises(vt.UnknownName, match="there are"):
@@ -135,20 +143,23 @@ def test_what_one_rank_cannot_do_no_rank_does(ring, many):
     with pytest.raises(MemoryError, match="^rank 0: resampling"):
         many.resample((10**6, 10**6, 1000), fields="plane")
 
-    points = np.random.default_rng(RANK).uniform(-2, 2, (20000, 3))
-    whole, shares = many.locate(points, progress=(shares := []).append), shares
-    assert shares == sorted(shares) and len(shares) > 2
+    # One layer at a time, and of these very many where somebody interrupts.
+    slow = vt.ParallelDataSet(COMM, deal(ring)[0], numbers=numbers, budget=1000)
+    image = lambda progress=None, layers=40: slow.resample((4, 4, layers), fields="plane", root=0, progress=progress)  # noqa: E731
+    shares, whole = [], image()
+    image(shares.append)
+    assert shares == sorted(shares) and len(shares) > (20 if RANK == 0 else 0)
     with pytest.raises(vt.Cancelled):
-        many.locate(points, progress=lambda share: RANK != LAST or share < 0.5)
-    expect(RuntimeError, vt.Cancelled, "at work", lambda: many.locate(points, progress=only(lambda share: many.range("plane"), None)))
-    expect(TypeError, vt.Cancelled, "progress", lambda: many.locate(points, progress=only(3, None)))
-    lots = np.tile(points, (200, 1))
-    timer = threading.Timer(0.3, os.kill, (os.getpid(), signal.SIGINT))
-    COMM.Barrier()
-    if RANK == LAST:
-        timer.start()
-    expect(KeyboardInterrupt, vt.Cancelled, "KeyboardInterrupt" if RANK != LAST else "", lambda: many.locate(lots))
-    same(many.locate(points).places, whole.places)
+        image(lambda share: RANK != 0 or share < 0.5)
+    for own, text, progress in ((RuntimeError, "at work", lambda share: slow.range("plane")), (TypeError, "progress", 3)):
+        with pytest.raises(own if RANK == 0 else vt.Cancelled, match=text if RANK == 0 else f"^rank 0: .*{text}"):
+            image(progress if RANK == 0 else None)
+    if RANK == 0:
+        threading.Timer(0.5, os.kill, (os.getpid(), signal.SIGINT)).start()
+    with pytest.raises(KeyboardInterrupt if RANK == 0 else vt.Cancelled, match="" if RANK == 0 else "^rank 0: .*KeyboardInterrupt"):
+        image(layers=10**5)
+    again = image()
+    assert again.layers == whole.layers and (RANK > 0 or again["plane"].tobytes() == whole["plane"].tobytes())
 
 
 def test_communicators_and_what_lives_longer(ring, many):
@@ -156,6 +167,10 @@ def test_communicators_and_what_lives_longer(ring, many):
         with pytest.raises(error, match="comm: "):
             vt.ParallelDataSet(wrong, ring)
     alone = COMM.Split(RANK)
+    if RANKS > 1:
+        between = COMM.Split(min(RANK, 1)).Create_intercomm(0, COMM, 1 if RANK == 0 else 0)
+        with pytest.raises(ValueError, match="comm: .*two groups"):
+            vt.ParallelDataSet(between, ring)
     flow = vt.ParallelDataSet(alone, ring)
     alone.Free()
     numbers, places = flow.contour("radius", 1.5).numbers, flow.locate([[1.5, 0, 0.5]]).places
@@ -167,17 +182,29 @@ def test_communicators_and_what_lives_longer(ring, many):
     ring.add_time(2.0, make_ring((5, 5, 5)))
     later = vt.ParallelDataSet(COMM, lambda: ring if RANK == LAST else vt.DataSet()).at_time(3.0)
     assert later.times == [0.0, 2.0] and later.time == 2.0 and later.block("quarter 1").size == (5, 5, 5)
-    assert "rank" in repr(many) and "points" in repr(later.boundary())
+    lines = []
+    vt.messages(lines.append)
+    try:
+        many.locate(ring.bounds)
+    finally:
+        vt.messages(None)
+    heard = len(lines)
+    vt.ParallelDataSet(COMM, deal(ring)[0]).locate(ring.bounds)
+    assert COMM.allreduce(heard) > 0 and len(lines) == heard
+    assert f"rank {RANK} of {RANKS}, 4 blocks" in repr(many) and f"quarter 3</td><td>25 × 13 × 9</td><td>curvilinear</td><td>{owner(3)}" in many._repr_html_()
 
 
 @pytest.mark.skipif(RANKS > 1, reason="about one process")
 def test_mpi_is_loaded_when_it_is_asked_for():
+    alone = {name: value for name, value in os.environ.items() if not name.startswith(("OMPI_", "PMIX_", "ORTE_"))}
+
     def say(script):
-        done = subprocess.run([sys.executable, "-c", "import sys, vantle as vt\n" + script], capture_output=True, text=True, timeout=100)
+        done = subprocess.run([sys.executable, "-c", "import sys, vantle as vt\n" + script], env=alone, capture_output=True, text=True, timeout=100)
         return done.stdout + done.stderr
 
     assert say("print('mpi4py' in sys.modules, 'libmpi' in open('/proc/self/maps').read())") == "False False\n"
     assert "ImportError: vantle.ParallelDataSet needs mpi4py" in say("sys.modules['mpi4py'] = None; vt.ParallelDataSet")
-    assert "ImportError: vantle.ParallelDataSet is not part" in say("sys.modules['vantle._parallel'] = None; vt.ParallelDataSet")
+    assert "ImportError: vantle.ParallelDataSet is not installed" in say("sys.modules['vantle._parallel'] = None; vt.ParallelDataSet")
     assert "ImportError: vantle was built for another MPI" in say("from mpi4py import MPI; MPI.Get_library_version = lambda: 'Other'; vt.ParallelDataSet")
+    assert "ValueError: comm: MPI is not initialised" in say("import mpi4py; mpi4py.rc.initialize = False; from mpi4py import MPI; vt.ParallelDataSet(MPI.COMM_WORLD, vt.DataSet())")
     assert "AttributeError: module 'vantle' has no attribute 'ParallelData'" in say("vt.ParallelData")

@@ -56,9 +56,6 @@ ParallelObject make(const py::object& comm, const py::object& local, const py::o
                 } catch (const py::cast_error&) {
                     throw py::type_error("numbers: expected one a block, not below 0");
                 }
-                if (all.numbers.size() != data.blocks().size())
-                    throw py::value_error("numbers: " + std::to_string(all.numbers.size()) + " for " +
-                                          std::to_string(data.blocks().size()) + " blocks");
             }
         });
         if (failure) std::rethrow_exception(failure);
