@@ -733,7 +733,7 @@ class Gradient(LikeInput):
 
         def derived(grid: Any) -> Any:
             copy = shallow(grid)
-            if not usable(grid) or cropped(grid) is None:
+            if not usable(grid) or core(grid)[0] > core(grid)[1]:
                 return copy
             block = kept.flow.block(next(blocks).name)  # that of all ranks: its neighbours count
             around = around_core(grid, self._average)

@@ -12,6 +12,7 @@ import pytest
 import vantle
 
 FOLDER = pathlib.Path(vantle.__file__).parent
+PLUGIN = pathlib.Path(__file__).parents[2] / "extras" / "paraview" / "vantle_paraview.py"
 NAMES = [name for name in ("_vantle", "_parallel") if list(FOLDER.glob(f"{name}.*.so"))]
 
 
@@ -61,6 +62,7 @@ def test_everything_is_declared_and_there(tmp_path):
     for command in (
         ["mypy.stubtest", "--mypy-config-file", str(config), "--allowlist", str(allowed), "--ignore-unused-allowlist", *(module.__name__ for module in modules)],
         ["mypy", "--config-file", str(config), "--cache-dir", str(tmp_path / "cache"), "-p", "vantle"],
+        ["mypy", "--config-file", str(config), "--cache-dir", str(tmp_path / "cache"), str(PLUGIN)],
     ):
         done = subprocess.run([sys.executable, "-m", *command], cwd=tmp_path, capture_output=True, text=True)
         assert done.returncode == 0, done.stdout + done.stderr
