@@ -136,14 +136,14 @@ def serial(fin):
         )
         one, four = (get(pv.GradientAcrossBlocks(Input=i, Array=["POINTS", "Density"])) for i in (fin, cut))
         whole = values(one, GRADIENT).reshape(32, 32, 40, 3)
-        worst = 0.0
+        worst = missing = 0
         for part in parts(four):
             first, last = part.GetExtent()[:2]
-            low = first + (ghosts if first > 0 else 0)
-            high = last - (ghosts if last < 39 else 0)
-            mine = values(part, GRADIENT).reshape(32, 32, -1, 3)[:, :, low - first : high - first + 1]
-            worst = max(worst, np.abs(mine - whole[:, :, low : high + 1]).max())
-        check(f"gradient, four blocks with {ghosts} ghost layers", worst < 1e-9, f"{worst:.1e} from that of one block")
+            mine, theirs = values(part, GRADIENT).reshape(32, 32, -1, 3), whole[:, :, first : last + 1]
+            worst = max(worst, np.nanmax(np.abs(mine - theirs)))
+            missing += (np.isnan(mine) & ~np.isnan(theirs)).any(axis=-1).sum()
+        told = f"{worst:.1e} from that of one block; {missing} points have none where it has one"
+        check(f"gradient, four blocks with {ghosts} ghost layers", worst < 1e-6 and missing < 30, told)
 
     wavelet = pv.Wavelet()
     image = get(wavelet)
@@ -250,7 +250,7 @@ def distributed(fin):
     check("its points and border", off < 1e-12 and border(mine) == whole.border_edges, told)
     off = np.abs(values(mine, GRADIENT)[order] - whole[GRADIENT][other])
     missing = np.isnan(whole[GRADIENT]).any(axis=1).sum()  # next to cells without thickness
-    told = f"{np.nanmax(off):.1e} from one process; {missing} without"
+    told = f"{np.nanmax(off):.1e} from one process; {missing} has none"
     check("gradients there, across ranks", np.nanmax(off) < 1e-9 and np.isnan(off).any(axis=1).sum() == missing, told)
 
     pieces = pv.ClosedContour(Input=fin, OnePiece=0, **contour)
@@ -274,18 +274,15 @@ output.Points = inputs[0].Points[np.asarray(inputs[0].PointData["vtkGhostType"])
         told = f"{there.sum()} of {there.size} found, by one process {missed} others; {off:.1e} apart; {count} cells"
         check(what, off < 1e-5 and missed < 0.01 * there.size and count == cells, told)
 
-    # Where several ranks have a point, one of them has it inside of its piece; others may have it in a ghost layer.
     cloud = get(pv.ConvertToPointCloud(Input=pv.GradientAcrossBlocks(Input=fin, Array=["POINTS", "Density"])))
-    vertices, alone = points(reader.GetOutputDataObject(0)), flow[GRADIENT].reshape(-1, 3)
-    count = len(vertices)
+    vertices, count = points(reader.GetOutputDataObject(0)), flow[GRADIENT].size // 3
     place = np.unique(np.concatenate([vertices, points(cloud)]), axis=0, return_inverse=True)[1]
-    serial = np.full((place.max() + 1, 3), np.nan)
-    serial[place[:count]] = alone
-    best = np.full(len(serial), np.inf)
-    np.fmin.at(best, place[count:], np.abs(values(cloud, GRADIENT) - serial[place[count:]]).max(axis=1))
-    sure = (np.bincount(place[:count], minlength=len(best)) == 1) & np.isfinite(serial).all(axis=1)
-    told = f"{best[sure].max():.1e} from one process at {sure.sum()} of {count} points, the others without thickness"
-    check("gradient", best[sure].max() < 1e-9 and sure.sum() > 0.9 * count, told)
+    alone = np.full((place.max() + 1, 3), np.nan)
+    alone[place[:count]] = flow[GRADIENT].reshape(-1, 3)
+    alone[np.bincount(place[:count], minlength=len(alone)) > 1] = np.nan  # several vertices in one place
+    off = np.abs(values(cloud, GRADIENT) - alone[place[count:]]).max(axis=1)
+    told = f"{np.nanmax(off):.1e} from one process at {np.isfinite(off).sum()} of {off.size} points on {RANKS} ranks"
+    check("gradient", np.nanmax(off) < 1e-6 and np.isfinite(off).mean() > 0.99 and off.size > count, told)
 
     said = refusal(pv.ClosedContour(Input=fin, Array=["POINTS", "Densiti"], Levels=[1.0]))
     check("an array that there is not is refused", '"Density"' in said, said)

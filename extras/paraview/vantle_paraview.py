@@ -213,15 +213,21 @@ def marked(faces: Any, number: int, distance: float) -> Any:
     return faces
 
 
-def around_core(grid: Any, average: bool) -> Optional[Tuple[vt.DataSet, Any]]:
-    """A grid with ghost layers, alone and with all its cells, and where its own ones are in it."""
+def outside(grid: Any) -> Any:
+    """Which points of a grid are in its ghost layers only."""
     extent, inner = grid.GetExtent(), core(grid)
-    if inner == tuple(extent):
-        return None
-    whole = shallow(grid)
-    whole.GetCellData().RemoveArray(GHOSTS)
-    inside = tuple(slice(inner[2 * d] - extent[2 * d], inner[2 * d + 1] - extent[2 * d] + 1) for d in (2, 1, 0))
-    return vt.from_vtk(whole, cell_data="average" if average else "leave"), inside
+    there = np.ones([extent[2 * d + 1] - extent[2 * d] + 1 for d in (2, 1, 0)], dtype=bool)
+    k, j, i = (slice(inner[2 * d] - extent[2 * d], inner[2 * d + 1] - extent[2 * d] + 1) for d in (2, 1, 0))
+    if inner[0] <= inner[1]:
+        there[k, j, i] = False
+    return there.reshape(-1)
+
+
+def merged(chosen: Any, there: Any, elsewhere: Any) -> Any:
+    """Rows from two sources: those that are chosen, and the others."""
+    made = np.empty((len(chosen), *elsewhere.shape[1:]))
+    made[chosen], made[~chosen] = there, elsewhere
+    return made
 
 
 def texts(name: str, lines: List[str]) -> Any:
@@ -578,6 +584,15 @@ class SampleAtPoints(LikeInput):
     def __init__(self) -> None:
         super().__init__(2)
 
+    def RequestInformation(self, _: Any, inputs: Any, outputs: Any) -> int:
+        key, out = vtkStreamingDemandDrivenPipeline.WHOLE_EXTENT(), outputs.GetInformationObject(0)
+        points = inputs[1].GetInformationObject(0)
+        if points.Has(key):
+            out.Set(key, points.Get(key), 6)
+        else:
+            out.Remove(key)
+        return 1
+
     def make(self, inputs: List[Any], output: Any) -> None:
         kept = self.take(inputs[0])
         where, problem = [np.empty((0, 3))], ""
@@ -727,24 +742,33 @@ class Gradient(LikeInput):
     def make(self, inputs: List[Any], output: Any) -> None:
         kept = self.take(inputs[0])
         field = self.array(kept)
-        wanted = sorted(self._wanted)
-        names = [getattr(kept.flow, what)(field) for what in wanted]
+        names = [getattr(kept.flow, what)(field) for what in sorted(self._wanted)]
+        grids = [grid for grid in leaves(inputs[0]) if usable(grid)]
+        ghosts = [outside(grid) for grid in grids]
+        # Points of ghost layers are inside of a neighbour, which may be on another rank.
+        beyond: Dict[str, Any] = {}
+        if any(self.ranks.all(any(layer.any() for layer in ghosts))):
+            where = [positions(grid)[layer] for grid, layer in zip(grids, ghosts)]
+            at = kept.flow.locate(np.concatenate([np.empty((0, 3)), *where]), progress=self.progress)
+            beyond = {name: rows(at.sample(name), 1) for name in names}
         blocks = iter(kept.local.blocks.values())
+        results: List[Dict[str, Any]] = []
+        low = 0
+        for layer in ghosts:
+            high = low + int(layer.sum())
+            made = {name: values[low:high] for name, values in beyond.items()}
+            if not layer.all():
+                block = kept.flow.block(next(blocks).name)  # that of all ranks: its neighbours count
+                own = {name: rows(block[name], 3) for name in names}
+                made = {name: merged(layer, made[name], own[name]) for name in names} if layer.any() else own
+            results.append(made)
+            low = high
+        following = iter(results)
 
         def derived(grid: Any) -> Any:
             copy = shallow(grid)
-            if not usable(grid) or core(grid)[0] > core(grid)[1]:
-                return copy
-            block = kept.flow.block(next(blocks).name)  # that of all ranks: its neighbours count
-            around = around_core(grid, self._average)
-            for what, name in zip(wanted, names):
-                values = block[name]
-                if around is not None:  # ghost layers have what this grid alone knows
-                    alone, inside = around
-                    whole = np.array(alone[getattr(alone, what)(field)])
-                    whole[inside] = values
-                    values = whole
-                copy.GetPointData().AddArray(named(rows(values, 3), name))
+            for name, values in (next(following) if usable(grid) else {}).items():
+                copy.GetPointData().AddArray(named(values, name))
             return copy
 
         output.ShallowCopy(like(inputs[0], derived))
