@@ -8,7 +8,7 @@
 
 namespace Vantle {
 
-using detail::Meter;
+using Hestra::Pulse;
 using Hestra::StrongPtr;
 
 namespace {
@@ -64,8 +64,8 @@ std::vector<ParallelBlockInfo> ParallelDataSet::blocks() const {
 const std::vector<FieldInfo>& ParallelDataSet::fields() const noexcept { return myData->fields; }
 
 Box ParallelDataSet::bounds(const Progress& progress) const {
-    return detail::collective("bounds", [&] {
-        myData->makeBoxes(Meter(progress));
+    return detail::collective(*myData->exchange, "bounds", progress, [&] {
+        myData->makeBoxes();
         std::optional<Box> around;
         for (const auto& box : myData->validBoxes) {
             if (!box) continue;
@@ -80,10 +80,10 @@ Box ParallelDataSet::bounds(const Progress& progress) const {
 }
 
 NumberRange ParallelDataSet::range(const std::string& field, const Progress& progress) const {
-    return detail::collective("range of field " + detail::quoted(field), [&] {
+    return detail::collective(*myData->exchange, "range of field " + detail::quoted(field), progress, [&] {
         const auto isLess = [](double a, double b) { return a < b || (a == b && std::signbit(a) && !std::signbit(b)); };
         std::optional<NumberRange> range;
-        for (const BlockNumbers& block : myData->numbers(field, Meter(progress))) {
+        for (const BlockNumbers& block : myData->numbers(field)) {
             if (!block.range) continue;
             if (!range) range = block.range;
             if (isLess(block.range->least, range->least)) range->least = block.range->least;
@@ -114,30 +114,31 @@ ParallelSurface ParallelDataSet::contour(const std::string& field, double level,
 std::vector<ParallelSurface> ParallelDataSet::contours(const std::string& field, const std::vector<double>& levels,
                                                        const ContourOptions& options) const {
     const std::string what = "contour of field " + detail::quoted(field);
-    return detail::collective(what, [&] {
-        const Meter meter(options.progress);
+    return detail::collective(*myData->exchange, what, options.progress, [&] {
         myData->exchange->attempt([&] {
             if (std::any_of(levels.begin(), levels.end(), [](double level) { return std::isnan(level); }))
                 throw DataSetError(what + ": a level that is NaN");
         });
         const detail::Quantity of = myData->quantity(field, 1);
-        const detail::AllNumbers& numbers = myData->numbers(field, meter.part(0.0, 0.3));
+        const detail::AllNumbers& numbers = [&]() -> const detail::AllNumbers& {
+            const Pulse::Part part(0.0, 0.3);
+            return myData->numbers(field);
+        }();
+        const Pulse::Part part(0.3, 1.0);
         std::vector<ParallelSurface> all;
-        if (levels.empty()) myData->exchange->agree();
-        const double share = 0.7 / static_cast<double>(levels.size());
-        for (const double level : levels) {
-            const double from = 0.3 + share * static_cast<double>(all.size());
-            all.push_back(myData->surface(field, of.field, numbers, level, options.values, options.normals,
-                                          meter.part(from, from + share)));
-        }
+        detail::inParts(levels.size(), [&](std::size_t n) {
+            all.push_back(myData->surface(field, of.field, numbers, levels[n], options.values, options.normals));
+        });
         return all;
     });
 }
 
 ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields, const Progress& progress) const {
-    return detail::collective("slice", [&] {
-        const Meter meter(progress);
-        myData->makeBoxes(meter.part(0.0, 0.3));
+    return detail::collective(*myData->exchange, "slice", progress, [&] {
+        {
+            const Pulse::Part part(0.0, 0.3);
+            myData->makeBoxes();
+        }
         detail::AllNumbers numbers; // what the boxes leave possible
         myData->exchange->attempt([&] {
             const double norm = length(plane.normal);
@@ -156,27 +157,30 @@ ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields,
             }
         });
         myData->exchange->agree();
-        return myData->surface(PositionsName, myData->representation->Positions(), numbers, 0.0, fields, false,
-                               meter.part(0.3, 1.0), &plane);
+        const Pulse::Part part(0.3, 1.0);
+        return myData->surface(PositionsName, myData->representation->Positions(), numbers, 0.0, fields, false, &plane);
     });
 }
 
-ParallelSurface ParallelDataSet::boundary(const Fields& fields) const {
-    return detail::collective("boundary", [&] { return myData->hull(fields); });
+ParallelSurface ParallelDataSet::slice(const IndexPlane& plane, const Fields& fields, const Progress& progress) const {
+    return detail::collective(*myData->exchange, "slice", progress, [&] { return myData->layer(plane, fields); });
+}
+
+ParallelSurface ParallelDataSet::boundary(const Fields& fields, const Progress& progress) const {
+    return detail::collective(*myData->exchange, "boundary", progress, [&] { return myData->hull(fields); });
 }
 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
 
 ParallelLocated ParallelDataSet::locate(std::span<const Point> positions, const Progress& progress) const {
-    return detail::collective("location",
-                              [&] { return ParallelLocated(myData->locate(myData, positions, Meter(progress))); });
+    return detail::collective(*myData->exchange, "location", progress,
+                              [&] { return ParallelLocated(myData->locate(myData, positions)); });
 }
 
 ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& box, const Fields& fields, int root,
                                         const Progress& progress) const {
-    return detail::collective("resampling", [&] {
+    return detail::collective(*myData->exchange, "resampling", progress, [&] {
         detail::Exchange& exchange = *myData->exchange;
-        const Meter meter(progress);
         exchange.attempt([&] {
             for (int d = 0; d < 3; ++d)
                 if (!(box.low[d] < box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] < 2)
@@ -207,10 +211,10 @@ ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& bo
         exchange.agree();
         std::size_t found = 0;
         std::vector<Point> positions;
-        for (std::uint64_t round = 0; round < rounds; ++round) {
-            const double from = static_cast<double>(round) / static_cast<double>(rounds);
+        detail::inParts(rounds, [&](std::size_t round) {
             const index_t low = std::min<index_t>(round * atOnce, layers), high = std::min(low + atOnce, layers);
             const index_t before = low * size[0] * size[1];
+            std::shared_ptr<detail::LocatedParts> located;
             exchange.attempt([&] {
                 positions.clear();
                 for (index_t k = low; k < high; ++k)
@@ -218,17 +222,22 @@ ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& bo
                         for (index_t i = 0; i < size[0]; ++i)
                             positions.push_back(lattice[MultiIndex<3>(i, j, first + k)]);
             });
-            const auto located = myData->locate(myData, positions, meter.part(from, from));
-            found += located->found;
-            for (std::size_t n = 0; n < positions.size(); ++n)
-                mask->element(before + n) = located->blocks[n] != ParallelLocated::Nowhere;
-            for (std::size_t n = 0; n < fields.size(); ++n) {
+            {
+                const Pulse::Part part(0.0, 0.7);
+                located = myData->locate(myData, positions);
+            }
+            exchange.attempt([&] {
+                found += located->found;
+                for (std::size_t n = 0; n < positions.size(); ++n)
+                    mask->element(before + n) = located->blocks[n] != ParallelLocated::Nowhere;
+            });
+            const Pulse::Part part(0.7, 1.0);
+            detail::inParts(fields.size(), [&](std::size_t n) {
                 const auto components = static_cast<std::size_t>(of[n].components);
                 myData->sample(*located, fields[n], of[n],
-                               images[n].numbers.subspan(before * components, positions.size() * components), {},
-                               meter.part(from, from));
-            }
-        }
+                               images[n].numbers.subspan(before * components, positions.size() * components), {});
+            });
+        });
         const auto foundByAll = exchange.gather([&] {
             detail::Writer writer;
             writer.put(static_cast<std::uint64_t>(found));
@@ -259,9 +268,7 @@ ParallelImage ParallelDataSet::resample(const MultiIndex<3>& size, const Box& bo
                 made->setField(fields[n], field);
             }
             if (all != size.product()) result.part.setVertexMask("image", StrongPtr<MemBase>(mask));
-            meter(1.0);
         });
-        exchange.agree();
         return result;
     });
 }
@@ -310,13 +317,7 @@ void ParallelDataSet::write(const std::filesystem::path& file, const Fields& fie
         Fields names = fields;
         if (names.empty())
             for (const FieldInfo& field : myData->fields) names.push_back(field.name);
-        const StrongPtr<Grid> written = Hestra::makeRef<Grid>();
-        const StrongPtr<Representation> vertices = written->makeCartesianRepresentation(3);
-        vertices->setPositions(myData->representation->Positions());
-        for (const char* mask : {VertexMaskName, CellMaskName})
-            vertices->setField(mask, myData->representation->findField(mask));
-        for (const std::string& name : names) vertices->setField(name, myData->quantity(name).field);
-
+        const StrongPtr<Grid> written = myData->view(names);
         const std::string stem = file.stem().string() + '_' + std::to_string(exchange.rank());
         detail::Writer mine;
         exchange.attempt([&] {

@@ -115,7 +115,10 @@ public:
                                                         const ContourOptions& options = {}) const;
     [[nodiscard]] ParallelSurface slice(const Plane& plane, const Fields& fields = {},
                                         const Progress& progress = {}) const;
-    [[nodiscard]] ParallelSurface boundary(const Fields& fields = {}) const;
+    /// A layer of a block of any rank, which has all of it.
+    [[nodiscard]] ParallelSurface slice(const IndexPlane& plane, const Fields& fields = {},
+                                        const Progress& progress = {}) const;
+    [[nodiscard]] ParallelSurface boundary(const Fields& fields = {}, const Progress& progress = {}) const;
 
     // ---- Values elsewhere
 

@@ -34,6 +34,38 @@ void withKind(ValueKind kind, const F& f) {
 
 } // namespace
 
+void SurfaceParts::count(std::vector<BlockCounts> counts) {
+    std::sort(counts.begin(), counts.end(), [](const auto& a, const auto& b) { return a.block < b.block; });
+    auto part = parts.begin();
+    const auto numberUpTo = [&](std::uint64_t endBlock) {
+        for (; part != parts.end() && part->block < endBlock; ++part) {
+            part->firstPoint = points;
+            part->firstTriangle = triangles;
+        }
+    };
+    for (const BlockCounts& of : counts) {
+        numberUpTo(of.block + 1);
+        points += of.points;
+        triangles += of.triangles;
+    }
+    numberUpTo(std::numeric_limits<std::uint64_t>::max());
+}
+
+void SurfaceParts::takeKinds(const std::vector<std::string>& names, Reader& ofOneRank) {
+    for (const std::string& name : names) {
+        const auto there = ofOneRank.get<ValueKind>();
+        ValueKind& known = values[name];
+        if (known != ValueKind::None && there != ValueKind::None && known != there)
+            throw DataSetError("field " + quoted(name) + " has elements of several kinds");
+        known = std::max(known, there);
+    }
+}
+
+ValueKind SurfaceParts::kind(const std::string& name) const {
+    const ValueKind known = values.at(name);
+    return known == ValueKind::None ? ValueKind::Number : known;
+}
+
 std::string escaped(const std::string& text) {
     std::string result;
     for (const char c : text)

@@ -1,11 +1,11 @@
 
+#include <dataset/Progress.hpp>
 #include <dataset/io/FileError.hpp>
 
 #include <algorithm>
-#include <limits>
 #include <new>
+#include <numeric>
 #include <parallel/detail/Exchange.hpp>
-#include <parallel/detail/Meter.hpp>
 #include <stdexcept>
 #include <utility>
 
@@ -28,17 +28,11 @@ struct Header {
 using Kind = ParallelError::Kind;
 constexpr char WasCancelled = 'c'; // in place of a kind
 
-/// What is told of a failure: its kind, and the reason. What a caller's own function has thrown is taken out of its
-/// wrapping.
-std::string textOf(std::exception_ptr& failure) {
+/// What is told of a failure: its kind, and the reason.
+std::string textOf(const std::exception_ptr& failure) {
     const auto error = [](Kind kind, const std::string& why) { return static_cast<char>(kind) + why; };
     try {
         std::rethrow_exception(failure);
-    } catch (const Passing& passing) {
-        failure = passing.what;
-        std::string text = textOf(failure);
-        if (text[0] == static_cast<char>(Kind::Other)) text[0] = static_cast<char>(Kind::Caller);
-        return text;
     } catch (const Cancelled&) {
         return std::string(1, WasCancelled);
     } catch (const UnknownName& problem) {
@@ -58,9 +52,22 @@ std::string textOf(std::exception_ptr& failure) {
     }
 }
 
-} // namespace
+/// Says what the memory was for that there is not.
+template<class F>
+void orNoMemory(std::int64_t bytes, const F& f) {
+    const auto fail = [&] {
+        throw OutOfMemory("there is not enough memory for " + std::to_string(bytes) + " bytes of other ranks");
+    };
+    try {
+        f();
+    } catch (const std::bad_alloc&) {
+        fail();
+    } catch (const std::length_error&) {
+        fail();
+    }
+}
 
-void Writer::put(std::span<const std::byte> more) { bytes.insert(bytes.end(), more.begin(), more.end()); }
+} // namespace
 
 std::span<const std::byte> Reader::take(std::size_t count) {
     if (count > myBytes.size()) throw std::length_error("a message between ranks is shorter than what it should say");
@@ -69,12 +76,26 @@ std::span<const std::byte> Reader::take(std::size_t count) {
     return taken;
 }
 
-void Outbox::add(int rank, std::uint32_t to, std::uint32_t from, const std::vector<std::byte>& message) {
-    std::vector<std::byte>& bytes = myBytes[static_cast<std::size_t>(rank)];
-    const Header header{to, from, message.size()};
-    const auto head = std::as_bytes(std::span(&header, 1));
-    bytes.insert(bytes.end(), head.begin(), head.end());
-    bytes.insert(bytes.end(), message.begin(), message.end());
+std::size_t Outbox::begin(Writer& writer, std::uint32_t to, std::uint32_t from, std::size_t bytes) {
+    const std::size_t needed = writer.bytes.size() + sizeof(Header) + bytes;
+    if (needed > writer.bytes.capacity()) writer.bytes.reserve(std::max(needed, 2 * writer.bytes.capacity()));
+    writer.put(Header{to, from, 0});
+    return writer.bytes.size();
+}
+
+void Outbox::end(Writer& writer, std::size_t first) {
+    const std::uint64_t size = writer.bytes.size() - first;
+    std::memcpy(writer.bytes.data() + first - sizeof(size), &size, sizeof(size));
+}
+
+void Outbox::add(int rank, std::uint32_t to, std::uint32_t from, std::span<const std::byte> message) {
+    add(rank, to, from, message.size(), [&](Writer& writer) { writer.put(message); });
+}
+
+std::size_t Outbox::bytes() const noexcept {
+    std::size_t sum = 0;
+    for (const Writer& writer : myWriters) sum += writer.bytes.size();
+    return sum;
 }
 
 std::vector<Inbox::Message> Inbox::messages() const {
@@ -90,9 +111,12 @@ std::vector<Inbox::Message> Inbox::messages() const {
 
 Exchange::Exchange(MPI_Comm comm, std::size_t budget, std::size_t most)
     : myBudget(std::max<std::size_t>(budget, 1)), myMost(most) {
-    MPI_Comm_dup(comm, &myComm);
+    if (MPI_Comm_dup(comm, &myComm) != MPI_SUCCESS) throw DataSetError("the communicator cannot be duplicated");
+    MPI_Comm_set_errhandler(myComm, MPI_ERRORS_ARE_FATAL); // also where the caller's returns errors, which nobody reads
     MPI_Comm_rank(myComm, &myRank);
     MPI_Comm_size(myComm, &myRanks);
+    mySizes.resize(static_cast<std::size_t>(myRanks));
+    myOffers.resize(mySizes.size());
 }
 
 Exchange::~Exchange() {
@@ -101,9 +125,20 @@ Exchange::~Exchange() {
     if (!isOver) MPI_Comm_free(&myComm);
 }
 
+void Exchange::heed() {
+    try {
+        myPulse->rethrow();
+    } catch (...) {
+        myFailure = std::current_exception();
+        isCallers = true;
+    }
+}
+
 void Exchange::throwFailureOf(int rank) {
-    std::exception_ptr cause = rank == myRank ? std::exchange(myFailure, nullptr) : nullptr;
+    std::exception_ptr cause = rank == myRank ? myFailure : nullptr;
     std::string text = cause ? textOf(cause) : std::string();
+    if (std::exchange(isCallers, false) && !text.empty() && text[0] == static_cast<char>(Kind::Other))
+        text[0] = static_cast<char>(Kind::Caller);
     myFailure = nullptr;
     int size = static_cast<int>(text.size());
     MPI_Bcast(&size, 1, MPI_INT, rank, myComm);
@@ -113,37 +148,53 @@ void Exchange::throwFailureOf(int rank) {
     throw ParallelError(rank, text.substr(1), static_cast<Kind>(text[0]), std::move(cause));
 }
 
-Inbox Exchange::round(Outbox&& outbox) {
+Inbox Exchange::round(Outbox&& outbox, bool hasMore) {
     const auto ranks = static_cast<std::size_t>(myRanks), self = static_cast<std::size_t>(myRank);
-    std::vector<std::vector<std::byte>>& out = outbox.myBytes;
-    std::vector<std::int64_t> sent(ranks, Failed), received(ranks, 0);
-    if (!myFailure)
-        for (std::size_t r = 0; r < ranks; ++r) sent[r] = static_cast<std::int64_t>(out[r].size());
+    std::vector<Writer>& out = outbox.myWriters;
+    for (std::size_t r = 0; r < ranks; ++r)
+        mySizes[r] = myFailure ? Failed : static_cast<std::int64_t>(out[r].bytes.size());
     ++myTraffic.rounds;
-    MPI_Alltoall(sent.data(), 1, MPI_INT64_T, received.data(), 1, MPI_INT64_T, myComm);
-    if (const auto failed = std::find(received.begin(), received.end(), Failed); failed != received.end())
-        throwFailureOf(static_cast<int>(failed - received.begin()));
+    MPI_Alltoall(mySizes.data(), 1, MPI_INT64_T, myOffers.data(), 1, MPI_INT64_T, myComm);
+    if (const auto failed = std::find(myOffers.begin(), myOffers.end(), Failed); failed != myOffers.end())
+        throwFailureOf(static_cast<int>(failed - myOffers.begin()));
 
     Inbox inbox;
-    inbox.myBytes.resize(ranks);
-    inbox.myBytes[self] = std::move(out[self]);
     std::vector<MPI_Request> requests;
-    const auto inPieces = [&](std::vector<std::byte>& bytes, const auto& start) {
-        for (std::size_t begin = 0; begin < bytes.size(); begin += myMost)
-            start(bytes.data() + begin, static_cast<int>(std::min(myMost, bytes.size() - begin)),
-                  &requests.emplace_back());
+    attempt([&] { // all that is needed until everything has come in
+        orNoMemory(std::accumulate(myOffers.begin(), myOffers.end(), -myOffers[self]), [&] {
+            inbox.myStores.resize(ranks);
+            inbox.myBytes.resize(ranks);
+            std::size_t pieces = 0;
+            for (std::size_t r = 0; r < ranks; ++r) {
+                if (r == self) continue;
+                const auto offered = static_cast<std::size_t>(myOffers[r]);
+                if (offered > 0) inbox.myStores[r] = std::make_unique_for_overwrite<std::byte[]>(offered);
+                inbox.myBytes[r] = {inbox.myStores[r].get(), offered};
+                pieces += (offered + myMost - 1) / myMost + (out[r].bytes.size() + myMost - 1) / myMost;
+            }
+            requests.reserve(pieces);
+        });
+    });
+    inbox.hasMore = agreeOn(hasMore ? 1 : 0) != 0;
+
+    inbox.myOwn = std::move(out[self].bytes);
+    inbox.myBytes[self] = inbox.myOwn;
+    const auto inPieces = [&](auto* bytes, std::size_t size, const auto& start) {
+        for (std::size_t begin = 0; begin < size; begin += myMost)
+            start(bytes + begin, static_cast<int>(std::min(myMost, size - begin)), &requests.emplace_back());
     };
     for (std::size_t n = 1; n < ranks; ++n) {
         const std::size_t from = (self + ranks - n) % ranks, to = (self + n) % ranks;
-        inbox.myBytes[from].resize(static_cast<std::size_t>(received[from]));
         myTraffic.bytesReceived += inbox.myBytes[from].size();
-        myTraffic.bytesSent += out[to].size();
-        inPieces(inbox.myBytes[from], [&](std::byte* bytes, int count, MPI_Request* request) {
-            MPI_Irecv(bytes, count, MPI_BYTE, static_cast<int>(from), DataTag, myComm, request);
-        });
-        inPieces(out[to], [&](const std::byte* bytes, int count, MPI_Request* request) {
-            MPI_Isend(bytes, count, MPI_BYTE, static_cast<int>(to), DataTag, myComm, request);
-        });
+        myTraffic.bytesSent += out[to].bytes.size();
+        inPieces(inbox.myStores[from].get(), inbox.myBytes[from].size(),
+                 [&](std::byte* bytes, int count, MPI_Request* request) {
+                     MPI_Irecv(bytes, count, MPI_BYTE, static_cast<int>(from), DataTag, myComm, request);
+                 });
+        inPieces(out[to].bytes.data(), out[to].bytes.size(),
+                 [&](const std::byte* bytes, int count, MPI_Request* request) {
+                     MPI_Isend(bytes, count, MPI_BYTE, static_cast<int>(to), DataTag, myComm, request);
+                 });
     }
     MPI_Waitall(static_cast<int>(requests.size()), requests.data(), MPI_STATUSES_IGNORE);
     return inbox;
@@ -152,26 +203,35 @@ Inbox Exchange::round(Outbox&& outbox) {
 std::vector<std::vector<std::byte>> Exchange::gather(const std::vector<std::byte>& own) {
     const auto ranks = static_cast<std::size_t>(myRanks);
     const std::int64_t size = myFailure ? Failed : static_cast<std::int64_t>(own.size());
-    std::vector<std::int64_t> sizes(ranks);
     ++myTraffic.rounds;
-    MPI_Allgather(&size, 1, MPI_INT64_T, sizes.data(), 1, MPI_INT64_T, myComm);
-    if (const auto failed = std::find(sizes.begin(), sizes.end(), Failed); failed != sizes.end())
-        throwFailureOf(static_cast<int>(failed - sizes.begin()));
-    std::vector<std::vector<std::byte>> all(ranks);
-    const auto longest = static_cast<std::size_t>(*std::max_element(sizes.begin(), sizes.end()));
-    const std::size_t piece = std::max<std::size_t>(std::min(myMost, std::size_t{1} << 30) / ranks, 1);
+    MPI_Allgather(&size, 1, MPI_INT64_T, myOffers.data(), 1, MPI_INT64_T, myComm);
+    if (const auto failed = std::find(myOffers.begin(), myOffers.end(), Failed); failed != myOffers.end())
+        throwFailureOf(static_cast<int>(failed - myOffers.begin()));
+
     // Pieces of all ranks at a time: places among what is received are of 31 bits, too.
+    const std::size_t piece = std::max<std::size_t>(std::min(myMost, std::size_t{1} << 30) / ranks, 1);
+    const auto longest = static_cast<std::size_t>(*std::max_element(myOffers.begin(), myOffers.end()));
+    std::vector<std::vector<std::byte>> all;
     std::vector<std::byte> together;
+    std::vector<int> counts, places;
+    attempt([&] {
+        const auto sum = std::accumulate(myOffers.begin(), myOffers.end(), std::int64_t{0});
+        orNoMemory(sum, [&] {
+            all.resize(ranks);
+            for (std::size_t r = 0; r < ranks; ++r) all[r].reserve(static_cast<std::size_t>(myOffers[r]));
+            together.resize(std::min(static_cast<std::size_t>(sum), piece * ranks));
+            counts.resize(ranks);
+            places.resize(ranks);
+        });
+    });
+    (void)agreeOn(0);
     for (std::size_t begin = 0; begin < longest; begin += piece) {
-        std::vector<int> counts(ranks), places(ranks);
-        int sum = 0;
+        int place = 0;
         for (std::size_t r = 0; r < ranks; ++r) {
-            const auto length = static_cast<std::size_t>(sizes[r]);
+            const auto length = static_cast<std::size_t>(myOffers[r]);
             counts[r] = static_cast<int>(std::min(piece, length - std::min(length, begin)));
-            places[r] = sum;
-            sum += counts[r];
+            places[r] = std::exchange(place, place + counts[r]);
         }
-        together.resize(static_cast<std::size_t>(sum));
         const int count = counts[static_cast<std::size_t>(myRank)];
         MPI_Allgatherv(count ? own.data() + begin : nullptr, count, MPI_BYTE, together.data(), counts.data(),
                        places.data(), MPI_BYTE, myComm);
@@ -185,9 +245,13 @@ std::vector<std::vector<std::byte>> Exchange::gather(const std::vector<std::byte
 }
 
 std::uint64_t Exchange::greatest(std::uint64_t own) {
+    ++myTraffic.rounds;
+    return agreeOn(own);
+}
+
+std::uint64_t Exchange::agreeOn(std::uint64_t own) {
     // The lowest rank that has failed is the greatest of these complements.
     std::uint64_t numbers[2] = {own, myFailure ? ~static_cast<std::uint64_t>(myRank) : 0}, results[2] = {};
-    ++myTraffic.rounds;
     MPI_Allreduce(numbers, results, 2, MPI_UINT64_T, MPI_MAX, myComm);
     if (results[1] != 0) throwFailureOf(static_cast<int>(~results[1]));
     return results[0];

@@ -82,6 +82,8 @@ public:
         return myJoins->fragment(member);
     }
 
+    /// Whether no other rank has a vertex of own blocks.
+    [[nodiscard]] bool isAlone() const noexcept { return myHolders.empty(); }
     /// Calls `take(rank)` for the other ranks that have a vertex, given by its owner in the grid, each once.
     template<class Take>
     void forRanksOf(const BlockVertex& owner, const Take& take) const {

@@ -13,6 +13,7 @@ using detail::Reader;
 using detail::SurfaceParts;
 using detail::ValueKind;
 using detail::Writer;
+using Hestra::Pulse;
 using Hestra::StrongPtr;
 
 namespace {
@@ -27,10 +28,8 @@ struct HullVertex {
 
 /// What each rank says of a block.
 struct BlockOfHull {
-    std::uint32_t block;
-    std::uint32_t hasTriangles;
-    std::uint64_t points, triangles;
-    Point first; // of the first triangle
+    detail::BlockCounts counts;
+    Point first; // of the first triangle, if there is one
 };
 
 /// Elements of a field at vertices, ascending by block, as values of a surface. Null where no block has such.
@@ -67,6 +66,7 @@ StrongPtr<MemBase> elementsAt(const std::vector<HullVertex>& vertices, const Fie
 } // namespace
 
 ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
+    std::optional<Pulse::Part> phase(std::in_place, 0.0, 0.4);
     std::vector<StrongPtr<Field>> quantities{representation->Positions()};
     for (const std::string& value : values) quantities.push_back(quantity(value).field);
     const Halo& around = halo();
@@ -76,10 +76,13 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
     std::vector<std::pair<std::uint32_t, std::vector<std::array<HullVertex, 4>>>> quads; // of each own block
     std::vector<std::vector<HullVertex>> asked(ranks);                                   // of each other rank
     std::vector<HullVertex> vertices;
-    detail::Outbox questions(exchange->ranks());
+    phase.reset();
+    phase.emplace(0.4, 0.9);
     exchange->attempt([&] {
         const detail::OpenQuads open(around.joins(), Blanking(*around.grid()));
-        for (const std::uint32_t block : all.own) {
+        detail::inParts(all.own.size(), [&](std::size_t n) {
+            Pulse::beat(0.0);
+            const std::uint32_t block = all.own[n];
             auto& of = quads.emplace_back(block, std::vector<std::array<HullVertex, 4>>()).second;
             open.forOpenQuads(around.memberOf(block), [&](const detail::Quad& quad) {
                 std::array<HullVertex, 4> corners;
@@ -89,7 +92,7 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
                 }
                 of.push_back(corners);
             });
-        }
+        });
         const auto sort = [](std::vector<HullVertex>& list) {
             std::sort(list.begin(), list.end());
             list.erase(std::unique(list.begin(), list.end()), list.end());
@@ -98,34 +101,26 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
         for (const HullVertex& vertex : vertices)
             if (const int rank = all.blocks[vertex.block].rank; rank != exchange->rank())
                 asked[static_cast<std::size_t>(rank)].push_back(vertex);
-        for (std::size_t r = 0; r < ranks; ++r) {
-            if (asked[r].empty()) continue;
-            Writer writer;
-            writer.putAll(std::span<const HullVertex>(asked[r]));
-            questions.add(static_cast<int>(r), 0, 0, writer.bytes);
-        }
     });
-    const detail::Inbox inbox = exchange->round(std::move(questions));
-
+    phase.reset();
+    phase.emplace(0.9, 1.0);
     std::vector<std::vector<HullVertex>> asking(ranks);
-    auto made = std::make_shared<SurfaceParts>();
-    made->exchange = exchange;
+    exchange->sendLists(asked, [&](std::size_t rank, const HullVertex& vertex) { asking[rank].push_back(vertex); });
+
+    auto made = std::make_shared<SurfaceParts>(exchange);
     std::vector<Point> points;
     std::vector<Triangle> triangles;
-    std::vector<detail::SurfacePart> parts;
+    std::vector<detail::SurfacePart>& parts = made->parts;
     std::map<std::string, StrongPtr<MemBase>> arrays;
     const auto isOwn = [&](const HullVertex& vertex) { return all.blocks[vertex.block].rank == exchange->rank(); };
+    const auto placeOf = [&](const HullVertex& vertex) {
+        return static_cast<std::size_t>(std::lower_bound(vertices.begin(), vertices.end(), vertex) - vertices.begin());
+    };
     Writer writer;
     exchange->attempt([&] {
-        for (detail::Inbox::Message& message : inbox.messages())
-            asking[static_cast<std::size_t>(message.rank)] = message.content.getAll<HullVertex>();
         for (const auto& list : asking) vertices.insert(vertices.end(), list.begin(), list.end());
         std::sort(vertices.begin(), vertices.end());
         vertices.erase(std::unique(vertices.begin(), vertices.end()), vertices.end());
-        const auto placeOf = [&](const HullVertex& vertex) {
-            return static_cast<unsigned int>(std::lower_bound(vertices.begin(), vertices.end(), vertex) -
-                                             vertices.begin());
-        };
         if (const StrongPtr<MemBase> places = elementsAt(vertices, *extended.front(), PositionsName, around)) {
             const auto* const typed = dynamic_cast<const MemArray<1, Point>*>(places.rawptr());
             if (!typed) throw DataSetError("the positions are no points");
@@ -134,28 +129,24 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
         for (std::size_t n = 0; n < values.size(); ++n)
             arrays[values[n]] = elementsAt(vertices, *extended[n + 1], values[n], around);
 
-        std::vector<ValueKind> kinds;
-        for (const std::string& value : values) kinds.push_back(detail::kindOf(arrays[value]));
-        writer.putAll(std::span<const ValueKind>(kinds));
+        for (const std::string& value : values) writer.put(detail::kindOf(arrays[value]));
         std::size_t v = 0;
-        for (const auto& [block, of] : quads) {
-            BlockOfHull count;
-            std::memset(static_cast<void*>(&count), 0, sizeof(count));
-            count.block = block;
+        for (const auto& [block, corners] : quads) {
+            BlockOfHull of{{block, 0, 0}, {}};
             const std::size_t before = triangles.size();
             const bool isMirrored = around.isOrientable() && around.isMirrored(block);
-            for (const auto& quad : of) {
-                std::array<unsigned int, 4> corners;
-                for (std::size_t c = 0; c < 4; ++c) corners[isMirrored ? 3 - c : c] = placeOf(quad[c]);
-                detail::cutQuad(corners, points, [&](const TriangleCell& t) { triangles.push_back(t); });
+            for (const auto& quad : corners) {
+                std::array<unsigned int, 4> numbers;
+                for (std::size_t c = 0; c < 4; ++c)
+                    numbers[isMirrored ? 3 - c : c] = static_cast<unsigned int>(placeOf(quad[c]));
+                detail::cutQuad(numbers, points, [&](const TriangleCell& t) { triangles.push_back(t); });
             }
-            count.triangles = triangles.size() - before;
-            count.hasTriangles = count.triangles > 0;
-            if (count.hasTriangles) count.first = points[triangles[before][0]];
+            of.counts.triangles = triangles.size() - before;
+            if (of.counts.triangles > 0) of.first = points[triangles[before][0]];
             for (; v < vertices.size() && vertices[v].block <= block; ++v)
-                if (vertices[v].block == block) ++count.points;
-            parts.push_back({block, v, triangles.size(), 0, 0, 0});
-            writer.put(count);
+                of.counts.points += vertices[v].block == block;
+            parts.push_back({block, v, triangles.size()});
+            writer.put(of);
         }
         if (!parts.empty()) parts.back().endPoint = vertices.size(); // others' after the last own block
     });
@@ -164,34 +155,22 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
     std::vector<unsigned int> component;
     std::vector<std::optional<Point>> origin(all.blocks.size());
     Writer volumes;
-    std::vector<ValueKind> kinds(values.size(), ValueKind::None);
     exchange->attempt([&] {
-        std::vector<BlockOfHull> counts(all.blocks.size());
+        std::vector<std::optional<Point>> first(all.blocks.size());
+        std::vector<detail::BlockCounts> counts;
         for (const auto& bytes : gathered) {
             Reader reader(bytes);
-            const auto of = reader.getAll<ValueKind>();
-            for (std::size_t n = 0; n < of.size(); ++n) {
-                if (kinds[n] != ValueKind::None && of[n] != ValueKind::None && kinds[n] != of[n])
-                    throw DataSetError("field " + detail::quoted(values[n]) + " has elements of several kinds");
-                kinds[n] = std::max(kinds[n], of[n]);
-            }
+            made->takeKinds(values, reader);
             while (!reader.isAtEnd()) {
-                const auto count = reader.get<BlockOfHull>();
-                counts[count.block] = count;
+                const auto of = reader.get<BlockOfHull>();
+                if (of.counts.triangles > 0) first[of.counts.block] = of.first;
+                counts.push_back(of.counts);
             }
         }
         component = detail::components(all.blocks.size(), around.allJoins());
-        auto part = parts.begin();
-        for (std::uint32_t block = 0; block < counts.size(); ++block) {
-            if (counts[block].hasTriangles && !origin[component[block]]) origin[component[block]] = counts[block].first;
-            if (part != parts.end() && part->block == block) {
-                part->firstPoint = made->points;
-                part->firstTriangle = made->triangles;
-                ++part;
-            }
-            made->points += counts[block].points;
-            made->triangles += counts[block].triangles;
-        }
+        for (std::size_t block = 0; block < first.size(); ++block)
+            if (!origin[component[block]]) origin[component[block]] = first[block];
+        made->count(std::move(counts));
         std::size_t t = 0;
         for (const detail::SurfacePart& of : parts) {
             double volume = 0.0;
@@ -211,23 +190,16 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
                 }
     });
     const auto allVolumes = exchange->gather(volumes.bytes);
-    detail::Outbox answers(exchange->ranks());
+    std::vector<std::vector<std::uint64_t>> answers(ranks);
     exchange->attempt([&] {
-        for (std::size_t r = 0; r < ranks; ++r) {
-            if (asking[r].empty()) continue;
-            Writer answer;
-            for (const HullVertex& vertex : asking[r])
-                answer.put(made->numbers[static_cast<std::size_t>(
-                    std::lower_bound(vertices.begin(), vertices.end(), vertex) - vertices.begin())]);
-            answers.add(static_cast<int>(r), 0, 0, answer.bytes);
-        }
+        for (std::size_t r = 0; r < ranks; ++r)
+            for (const HullVertex& vertex : asking[r]) answers[r].push_back(made->numbers[placeOf(vertex)]);
     });
-    const detail::Inbox answered = exchange->round(std::move(answers));
+    std::vector<std::size_t> next(ranks, 0);
+    exchange->sendLists(answers, [&](std::size_t rank, std::uint64_t number) {
+        made->numbers[placeOf(asked[rank].at(next[rank]++))] = number;
+    });
     exchange->attempt([&] {
-        for (detail::Inbox::Message& message : answered.messages())
-            for (const HullVertex& vertex : asked[static_cast<std::size_t>(message.rank)])
-                made->numbers[static_cast<std::size_t>(std::lower_bound(vertices.begin(), vertices.end(), vertex) -
-                                                       vertices.begin())] = message.content.get<std::uint64_t>();
         std::vector<double> ofBlock(all.blocks.size(), 0.0), volume(all.blocks.size(), 0.0);
         for (const auto& bytes : allVolumes)
             for (Reader reader(bytes); !reader.isAtEnd();) {
@@ -240,15 +212,55 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
             for (; t < part.endTriangle; ++t)
                 if (around.isOrientable() && volume[component[part.block]] < 0.0)
                     std::swap(triangles[t][1], triangles[t][2]);
-        for (std::size_t n = 0; n < values.size(); ++n) {
-            const ValueKind kind = kinds[n] == ValueKind::None ? ValueKind::Number : kinds[n];
-            made->values[values[n]] = kind;
-            if (!arrays[values[n]]) arrays[values[n]] = detail::makeValues(kind, vertices.size());
-        }
-        made->parts = std::move(parts);
+        for (const std::string& value : values)
+            if (!arrays[value]) arrays[value] = detail::makeValues(made->kind(value), vertices.size());
         made->piece = detail::makeSurface(std::move(points), std::move(triangles), arrays);
     });
+    return ParallelSurface(made);
+}
+
+ParallelSurface ParallelDataSet::Data::layer(const IndexPlane& plane, const Fields& values) {
+    const auto block = std::find_if(all.blocks.begin(), all.blocks.end(),
+                                    [&](const detail::GlobalBlock& each) { return each.info.name == plane.block; });
+    exchange->attempt([&] {
+        std::vector<std::string> names;
+        for (const detail::GlobalBlock& each : all.blocks) names.push_back(each.info.name);
+        if (block == all.blocks.end()) throw detail::unknownName("block", plane.block, names);
+    });
+    const StrongPtr<Grid> here = view(values);
     exchange->agree();
+    const bool isHere = block->rank == exchange->rank();
+    auto made = std::make_shared<SurfaceParts>(exchange);
+    Writer writer;
+    exchange->attempt([&] {
+        if (!isHere) return;
+        const Surface layer = DataSet(here, time).slice(plane, values);
+        made->piece = layer;
+        for (const std::string& value : values) {
+            writer.put(detail::kindOf(layer.values(value).array()));
+            if (detail::kindOf(layer.values(value).array()) == ValueKind::None)
+                throw DataSetError("field " + detail::quoted(value) + " has elements that a surface cannot have");
+        }
+        writer.put(std::uint64_t{layer.points().size()});
+        writer.put(std::uint64_t{layer.triangles().size()});
+    });
+    const auto gathered = exchange->gather(writer.bytes);
+    exchange->attempt([&] {
+        Reader reader(gathered[static_cast<std::size_t>(block->rank)]);
+        made->takeKinds(values, reader);
+        std::map<std::string, StrongPtr<MemBase>> none;
+        for (const std::string& value : values) none[value] = detail::makeValues(made->kind(value), 0);
+        made->points = reader.get<std::uint64_t>();
+        made->triangles = reader.get<std::uint64_t>();
+        if (!isHere) {
+            made->piece = detail::makeSurface({}, {}, none);
+            return;
+        }
+        made->isOwn.assign(made->points, 1);
+        made->numbers.resize(made->points);
+        std::iota(made->numbers.begin(), made->numbers.end(), std::uint64_t{0});
+        made->parts.push_back({static_cast<std::uint32_t>(block - all.blocks.begin()), made->points, made->triangles});
+    });
     return ParallelSurface(made);
 }
 

@@ -13,8 +13,6 @@
 
 namespace Vantle {
 
-using detail::Meter;
-
 using detail::Reader;
 using detail::Writer;
 using Hestra::StrongPtr;
@@ -198,7 +196,7 @@ StrongPtr<MemBase> ParallelDataSet::Data::knownArray(const std::string& name, co
 
 // ---- What is known of all blocks ------------------------------------------------------------------------------------
 
-void ParallelDataSet::Data::makeBoxes(const Meter& meter) {
+void ParallelDataSet::Data::makeBoxes() {
     if (!validBoxes.empty() || all.blocks.empty()) return;
     struct Sent {
         std::uint32_t block;
@@ -209,8 +207,9 @@ void ParallelDataSet::Data::makeBoxes(const Meter& meter) {
     exchange->attempt([&] {
         const StrongPtr<Field> positions = representation->Positions();
         const Blanking blanking(*representation);
-        for (const std::uint32_t block : all.own) {
-            meter(static_cast<double>(writer.bytes.size()) / static_cast<double>(sizeof(Sent) * all.own.size()));
+        detail::inParts(all.own.size(), [&](std::size_t n) {
+            Hestra::Pulse::beat(0.0);
+            const std::uint32_t block = all.own[n];
             const StrongPtr<MemBase> points = data(PositionsName, *positions, block);
             const StrongPtr<FragmentID> id = idOf(block);
             const auto mask = blanking.of(id, all.blocks[block].info.size);
@@ -225,25 +224,28 @@ void ParallelDataSet::Data::makeBoxes(const Meter& meter) {
             if (whole) sent.box = {whole->least, whole->greatest};
             if (valid) sent.valid = {valid->least, valid->greatest};
             writer.put(sent);
-        }
+        });
     });
     const auto gathered = exchange->gather(writer.bytes);
+    std::vector<Box> boxes;
+    std::vector<std::optional<BlockBox>> valid;
     exchange->attempt([&] {
         constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
-        all.boxes.assign(all.blocks.size(), Box{{NaN, NaN, NaN}, {NaN, NaN, NaN}});
-        validBoxes.resize(all.blocks.size());
+        boxes.assign(all.blocks.size(), Box{{NaN, NaN, NaN}, {NaN, NaN, NaN}});
+        valid.resize(all.blocks.size());
         for (const auto& bytes : gathered)
             for (Reader reader(bytes); !reader.isAtEnd();) {
                 const auto sent = reader.get<Sent>();
-                if (sent.hasBox) all.boxes[sent.block] = sent.box;
-                if (sent.hasValidBox)
-                    validBoxes[sent.block] = BlockBox{sent.valid.low, sent.valid.high, sent.hasNaN != 0};
+                if (sent.hasBox) boxes[sent.block] = sent.box;
+                if (sent.hasValidBox) valid[sent.block] = BlockBox{sent.valid.low, sent.valid.high, sent.hasNaN != 0};
             }
     });
     exchange->agree();
+    all.boxes = std::move(boxes); // on all ranks, or on none
+    validBoxes = std::move(valid);
 }
 
-const detail::AllNumbers& ParallelDataSet::Data::numbers(const std::string& name, const Meter& meter) {
+const detail::AllNumbers& ParallelDataSet::Data::numbers(const std::string& name) {
     if (const auto known = myNumbers.find(name); known != myNumbers.end()) return known->second;
     const detail::Quantity of = quantity(name, 1);
     struct Sent {
@@ -254,14 +256,15 @@ const detail::AllNumbers& ParallelDataSet::Data::numbers(const std::string& name
     Writer writer;
     exchange->attempt([&] {
         const Blanking blanking(*representation);
-        for (const std::uint32_t block : all.own) {
-            meter(static_cast<double>(writer.bytes.size()) / static_cast<double>(sizeof(Sent) * all.own.size()));
+        detail::inParts(all.own.size(), [&](std::size_t n) {
+            Hestra::Pulse::beat(0.0);
+            const std::uint32_t block = all.own[n];
             const StrongPtr<MemBase> values = data(name, *of.field, block);
-            if (!values) continue;
+            if (!values) return;
             const BlockNumbers found =
                 ComputeNumberRange(values, blanking.of(idOf(block), all.blocks[block].info.size).rawptr());
             writer.put(Sent{block, found.range.has_value(), found.hasNaN, found.range.value_or(NumberRange())});
-        }
+        });
     });
     const auto gathered = exchange->gather(writer.bytes);
     detail::AllNumbers made(all.blocks.size());
@@ -285,7 +288,7 @@ detail::HaloRequest ParallelDataSet::Data::request() const {
 }
 
 const detail::Halo& ParallelDataSet::Data::halo() {
-    makeBoxes(Meter({}));
+    makeBoxes();
     if (!myHalo) myHalo = std::make_unique<detail::Halo>(*exchange, all, *representation, request(), local.cache());
     return *myHalo;
 }
@@ -305,15 +308,26 @@ const detail::Halo& ParallelDataSet::Data::deepHalo() {
 }
 
 const LocalFromWorldPoint& ParallelDataSet::Data::locator() {
-    makeBoxes(Meter({}));
+    makeBoxes();
     if (myLocator) return *myLocator;
+    std::unique_ptr<const LocalFromWorldPoint> made;
     exchange->attempt([&] {
         LocatorOptions exact;
         exact.cellLocator = CellLocator::Exact;
-        myLocator = std::make_unique<const LocalFromWorldPoint>(slice, grid, PositionsName, exact);
+        made = std::make_unique<const LocalFromWorldPoint>(slice, grid, PositionsName, exact);
     });
     exchange->agree();
+    myLocator = std::move(made); // on all ranks, or on none
     return *myLocator;
+}
+
+StrongPtr<Grid> ParallelDataSet::Data::view(const Fields& names) {
+    const StrongPtr<Grid> made = Hestra::makeRef<Grid>();
+    const StrongPtr<Representation> vertices = made->makeCartesianRepresentation(3);
+    vertices->setPositions(representation->Positions());
+    for (const char* mask : {VertexMaskName, CellMaskName}) vertices->setField(mask, representation->findField(mask));
+    for (const std::string& name : names) vertices->setField(name, quantity(name).field);
+    return made;
 }
 
 // ---- Fields ---------------------------------------------------------------------------------------------------------

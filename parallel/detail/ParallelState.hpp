@@ -5,6 +5,7 @@
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/NumberRange.hpp>
 #include <dataset/detail/Request.hpp>
+#include <model/hestra/Pulse.hpp>
 #include <model/vantle/Blanking.hpp>
 
 #include <map>
@@ -12,7 +13,6 @@
 #include <optional>
 #include <parallel/ParallelDataSet.hpp>
 #include <parallel/detail/Halo.hpp>
-#include <parallel/detail/Meter.hpp>
 #include <parallel/detail/SurfaceParts.hpp>
 
 namespace Vantle {
@@ -32,6 +32,37 @@ auto collective(const std::string& what, const F& f) {
     });
 }
 
+/// The same, telling the progress function of this rank how far it is: between pieces of its own work, and within
+/// these. Ends with an exchange.
+template<class F>
+auto collective(Exchange& exchange, const std::string& what, const Progress& progress, const F& f) {
+    return collective(what, [&] {
+        std::optional<Hestra::Pulse> pulse;
+        std::optional<Exchange::Heeding> heeding;
+        if (progress) {
+            pulse.emplace([&](double share) {
+                if (!progress(share)) throw Cancelled();
+            });
+            heeding.emplace(exchange, *pulse);
+        }
+        exchange.attempt([] { Hestra::Pulse::beat(0.0); });
+        auto result = f();
+        exchange.attempt([] { Hestra::Pulse::beat(1.0); });
+        exchange.agree();
+        return result;
+    });
+}
+
+/// Calls `f(n)` for n < count, of which each is a part of what is done.
+template<class F>
+void inParts(std::size_t count, const F& f) {
+    const auto share = [count](std::size_t n) { return static_cast<double>(n) / static_cast<double>(count); };
+    for (std::size_t n = 0; n < count; ++n) {
+        const Hestra::Pulse::Part part(share(n), share(n + 1));
+        f(n);
+    }
+}
+
 /// A field over the blocks of this rank, some of which may lack it.
 struct Quantity {
     Hestra::StrongPtr<Field> field;
@@ -44,11 +75,12 @@ using AllNumbers = std::vector<BlockNumbers>;
 /// Positions, block by block, and the ranks that have those blocks.
 struct LocatedParts {
     struct Batch {
-        LocatedPositions found; // of all ranks that have asked this one, in their order
-        /// Of what was asked by each rank: which were found nowhere lower, as numbers within `found`.
+        std::size_t first = 0;  // of the positions of this rank
+        LocatedPositions found; // of this rank, and of all others that have asked it
+        /// Of what each rank has asked: which were found nowhere lower, as numbers within `found`.
         std::vector<std::vector<std::uint32_t>> given;
-        /// For each rank: the positions of this one that were found there.
-        std::vector<std::vector<std::size_t>> taken;
+        /// For each rank: the positions of this one, from the first on, that were found there.
+        std::vector<std::vector<std::uint32_t>> taken;
     };
     std::shared_ptr<ParallelDataSet::Data> data;
     std::vector<Batch> batches; // as many on all ranks
@@ -76,24 +108,28 @@ struct ParallelDataSet::Data {
     [[nodiscard]] detail::Quantity quantity(const std::string& name, int components = 0);
     /// The data of a field that was set, or has been derived, in an own block. Not collective.
     [[nodiscard]] Hestra::StrongPtr<MemBase> knownArray(const std::string& name, const std::string& block) const;
-    void makeBoxes(const detail::Meter& meter);
-    [[nodiscard]] const detail::AllNumbers& numbers(const std::string& name, const detail::Meter& meter);
+    void makeBoxes();
+    [[nodiscard]] const detail::AllNumbers& numbers(const std::string& name);
     [[nodiscard]] const detail::Halo& halo();
     /// A halo for derivatives.
     [[nodiscard]] const detail::Halo& deepHalo();
     [[nodiscard]] const LocalFromWorldPoint& locator();
+    /// The blocks of this rank with fields, also derived ones.
+    [[nodiscard]] Hestra::StrongPtr<Grid> view(const Fields& names);
     /// Boxes that hold all positions that are found in a block.
     [[nodiscard]] std::vector<Box> searchBoxes() const;
 
     [[nodiscard]] ParallelSurface surface(const std::string& name, const Hestra::StrongPtr<Field>& of,
                                           const detail::AllNumbers& numbers, double level, const Fields& values,
-                                          bool hasNormals, const detail::Meter& meter, const Plane* plane = nullptr);
+                                          bool hasNormals, const Plane* plane = nullptr);
     [[nodiscard]] ParallelSurface hull(const Fields& values);
-    [[nodiscard]] std::shared_ptr<detail::LocatedParts>
-    locate(const std::shared_ptr<Data>& self, std::span<const Point> positions, const detail::Meter& meter);
+    [[nodiscard]] ParallelSurface layer(const IndexPlane& plane, const Fields& values);
+    /// What an exchange has to end, as below.
+    [[nodiscard]] std::shared_ptr<detail::LocatedParts> locate(const std::shared_ptr<Data>& self,
+                                                               std::span<const Point> positions);
     /// Values, and their mask unless that is empty, at positions of this rank; elsewhere both stay.
     void sample(const detail::LocatedParts& at, const std::string& name, const detail::Quantity& of,
-                std::span<double> values, std::span<unsigned char> mask, const detail::Meter& meter);
+                std::span<double> values, std::span<unsigned char> mask);
 
     std::shared_ptr<detail::Exchange> exchange;
     DataSet local;

@@ -12,15 +12,30 @@ namespace Vantle::detail {
 
 /// The triangles of one own block, and the points that belong to it.
 struct SurfacePart {
-    std::uint32_t block;                       // its number among all
-    std::size_t endPoint = 0, endTriangle = 0; // in the piece: those of the parts before it come first
-    std::uint64_t firstPoint = 0, firstTriangle = 0, ownPoints = 0; // among those of all ranks
+    std::uint32_t block;                             // its number among all
+    std::size_t endPoint = 0, endTriangle = 0;       // in the piece: those of the parts before it come first
+    std::uint64_t firstPoint = 0, firstTriangle = 0; // among those of all ranks
 };
 
 /// Elements of values, as they are told to other ranks: 0 unknown, then those of surfaces.
 enum class ValueKind : std::uint8_t { None, Number, Vector, Point, Tensor };
 
+/// How much of a surface is a block's, which its rank tells all.
+struct BlockCounts {
+    std::uint64_t block = 0, points = 0, triangles = 0;
+};
+
 struct SurfaceParts {
+    explicit SurfaceParts(std::shared_ptr<Exchange> ranks) : exchange(std::move(ranks)) {}
+
+    /// Gives parts their first numbers, and the surface its size, by the counts of all blocks, in any order; who has
+    /// nothing to count may be left out.
+    void count(std::vector<BlockCounts> counts);
+    /// The kinds of values, by name, are those that some rank knows, which has put them in this order; numbers where
+    /// nobody does. Failure: DataSetError where ranks differ.
+    void takeKinds(const std::vector<std::string>& names, Reader& ofOneRank);
+    [[nodiscard]] ValueKind kind(const std::string& name) const;
+
     std::shared_ptr<Exchange> exchange;
     Surface piece;
     std::vector<SurfacePart> parts; // ascending by block

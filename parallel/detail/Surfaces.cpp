@@ -12,11 +12,11 @@ namespace Vantle {
 
 using detail::AllNumbers;
 using detail::Halo;
-using detail::Meter;
 using detail::Reader;
 using detail::SurfaceParts;
 using detail::ValueKind;
 using detail::Writer;
+using Hestra::Pulse;
 using Hestra::StrongPtr;
 
 namespace {
@@ -76,25 +76,25 @@ StrongPtr<Representation> masked(const Representation& from, const StrongPtr<Fie
     return made;
 }
 
-/// The vertices of one rank's surface that may be those of other ranks, and what becomes of all.
+/// Which vertices of one rank's surface are those of other ranks, and what becomes of all.
 class VertexNumbers {
 public:
     VertexNumbers(detail::Exchange& exchange, const std::vector<detail::GlobalBlock>& blocks, RankSurface& surface)
         : myExchange(exchange), myBlocks(blocks), mySurface(surface),
-          myNames(static_cast<std::size_t>(exchange.ranks())), myVertices(myNames.size()) {}
+          myNames(static_cast<std::size_t>(exchange.ranks())), myNamed(myNames.size()), myAsked(myNames.size()) {}
 
-    /// Names the vertices on edges that other ranks have. `triangles` are those of this rank.
+    /// Names the vertices on edges that other ranks have.
     void name(const Halo& halo) {
-        const BlockJoins& joins = *halo.joins();
         const std::size_t count = mySurface.points->base_vector().size();
-        isUsed.assign(count, 0);
-        for (const Triangle& triangle : mySurface.triangles->base_vector())
-            for (int c = 0; c < 3; ++c) isUsed[triangle[c]] = 1;
-        keeper.assign(count, 0);
+        isKept.assign(count, 1);
+        if (mySurface.hasDropped) {
+            myUsed.assign(count, 0);
+            for (const Triangle& triangle : mySurface.triangles->base_vector())
+                for (int c = 0; c < 3; ++c) myUsed[triangle[c]] = 1;
+        }
+        if (halo.isAlone()) return;
+        const BlockJoins& joins = *halo.joins();
         auto part = mySurface.parts.begin();
-        std::size_t first = 0;
-        for (; part != mySurface.parts.end(); ++part)
-            for (; first < part->endPoint; ++first) keeper[first] = part->block;
         std::vector<int> one, two;
         std::size_t v = 0;
         for (const detail::SurfacePiece& piece : mySurface.pieces) {
@@ -112,116 +112,153 @@ public:
                 halo.forRanksOf(ordered.firstOwner, [&](int rank) { one.push_back(rank); });
                 if (one.empty()) continue;
                 halo.forRanksOf(ordered.secondOwner, [&](int rank) { two.push_back(rank); });
+                while (part->endPoint <= v) ++part;
+                bool isCommon = false;
                 for (const int rank : one) {
                     if (!std::binary_search(two.begin(), two.end(), rank)) continue;
+                    if (!std::exchange(isCommon, true)) myCommon.push_back({v, part->block, isUsedHere(v)});
                     const auto r = static_cast<std::size_t>(rank);
                     myNames[r].push_back({halo.members()[ordered.firstOwner.block],
                                           halo.members()[ordered.secondOwner.block], ordered.firstOwner.index,
-                                          ordered.secondOwner.index, keeper[v], isUsed[v]});
-                    myVertices[r].push_back(v);
+                                          ordered.secondOwner.index, part->block, isUsedHere(v)});
+                    myNamed[r].push_back(myCommon.size() - 1);
                 }
             }
         }
     }
 
-    /// Finds out which block keeps each vertex. One round.
+    /// Finds out which block keeps each vertex.
     void exchangeNames() {
-        detail::Outbox outbox(myExchange.ranks());
+        std::unordered_map<NamedVertex, std::size_t, NameHash, SameName> known;
         myExchange.attempt([&] {
-            for (int rank = 0; rank < myExchange.ranks(); ++rank)
-                if (const auto& names = myNames[static_cast<std::size_t>(rank)]; !names.empty()) {
-                    Writer writer;
-                    writer.putAll(std::span<const NamedVertex>(names));
-                    outbox.add(rank, 0, 0, writer.bytes);
-                }
-        });
-        const detail::Inbox inbox = myExchange.round(std::move(outbox));
-        myExchange.attempt([&] {
-            std::unordered_map<NamedVertex, std::size_t, NameHash, SameName> known;
             for (std::size_t r = 0; r < myNames.size(); ++r)
-                for (std::size_t n = 0; n < myNames[r].size(); ++n) known.emplace(myNames[r][n], myVertices[r][n]);
-            myAsked.resize(myNames.size());
-            for (detail::Inbox::Message& message : inbox.messages())
-                for (const NamedVertex& name : message.content.getAll<NamedVertex>()) {
-                    const auto found = known.find(name);
-                    std::size_t& asked = myAsked[static_cast<std::size_t>(message.rank)].emplace_back(NoNumber);
-                    if (found == known.end()) continue;
-                    asked = found->second;
-                    keeper[asked] = std::min(keeper[asked], name.block);
-                    isUsedAnywhere.resize(keeper.size());
-                    isUsedAnywhere[asked] |= static_cast<unsigned char>(name.isUsed);
-                }
-            isUsedAnywhere.resize(keeper.size());
-            for (std::size_t v = 0; v < keeper.size(); ++v) isUsedAnywhere[v] |= isUsed[v];
+                for (std::size_t n = 0; n < myNames[r].size(); ++n) known.emplace(myNames[r][n], myNamed[r][n]);
         });
+        myExchange.sendLists(myNames, [&](std::size_t rank, const NamedVertex& name) {
+            const auto found = known.find(name);
+            myAsked[rank].push_back(found == known.end() ? Unknown : found->second);
+            if (found == known.end()) return;
+            Common& common = myCommon[found->second];
+            common.keeper = std::min(common.keeper, name.block);
+            common.isUsed |= name.isUsed;
+        });
+        for (const Common& common : myCommon) isKept[common.vertex] = myBlocks[common.keeper].rank == myExchange.rank();
+        if (!myUsed.empty())
+            for (const Common& common : myCommon) // whoever keeps a vertex counts it for all
+                if (isKept[common.vertex]) myUsed[common.vertex] |= static_cast<unsigned char>(common.isUsed);
     }
 
-    [[nodiscard]] bool isKept(std::size_t v) const { return myBlocks[keeper[v]].rank == myExchange.rank(); }
+    /// Whether a triangle uses a vertex: on this rank or, where this one keeps it, on any.
+    [[nodiscard]] bool isUsed(std::size_t v) const noexcept { return myUsed.empty() || myUsed[v] != 0; }
 
     /// Numbers the vertices that are kept here, of which blocks have the first numbers that parts say, and asks for
-    /// those of others. One round.
+    /// those of others.
     void number(bool onlyUsed) {
-        std::vector<std::uint64_t>& all = numbers;
-        detail::Outbox outbox(myExchange.ranks());
+        std::vector<std::vector<std::uint64_t>> answers(myNames.size());
         myExchange.attempt([&] {
-            all.assign(keeper.size(), NoNumber);
+            numbers.assign(isKept.size(), NoNumber);
             std::size_t v = 0;
             for (const detail::SurfacePart& part : mySurface.parts)
                 for (std::uint64_t next = part.firstPoint; v < part.endPoint; ++v)
-                    if (isKept(v) && (!onlyUsed || isUsedAnywhere[v])) all[v] = next++;
-            for (int rank = 0; rank < myExchange.ranks(); ++rank) {
-                Writer writer;
-                for (const std::size_t asked : myAsked[static_cast<std::size_t>(rank)])
-                    if (asked != NoNumber && isKept(asked)) writer.put(all[asked]);
-                if (!writer.bytes.empty()) outbox.add(rank, 0, 0, writer.bytes);
-            }
+                    if (isKept[v] && (!onlyUsed || isUsed(v))) numbers[v] = next++;
+            for (std::size_t r = 0; r < answers.size(); ++r)
+                for (const std::size_t asked : myAsked[r])
+                    if (asked != Unknown && isKept[myCommon[asked].vertex])
+                        answers[r].push_back(numbers[myCommon[asked].vertex]);
         });
-        const detail::Inbox inbox = myExchange.round(std::move(outbox));
-        myExchange.attempt([&] {
-            std::vector<Reader> answers(myNames.size());
-            for (const detail::Inbox::Message& message : inbox.messages())
-                answers[static_cast<std::size_t>(message.rank)] = message.content;
-            for (std::size_t r = 0; r < myNames.size(); ++r)
-                for (const std::size_t v : myVertices[r])
-                    if (myBlocks[keeper[v]].rank == static_cast<int>(r)) all[v] = answers[r].get<std::uint64_t>();
+        std::vector<std::size_t> next(myNames.size(), 0); // of the names that each rank was told
+        myExchange.sendLists(answers, [&](std::size_t rank, std::uint64_t number) {
+            const auto keeps = [&](const Common& common) {
+                return myBlocks[common.keeper].rank == static_cast<int>(rank);
+            };
+            while (!keeps(myCommon[myNamed[rank].at(next[rank])])) ++next[rank];
+            numbers[myCommon[myNamed[rank][next[rank]++]].vertex] = number;
         });
     }
 
-    std::vector<std::uint32_t> keeper; // the block that each vertex belongs to
-    std::vector<unsigned char> isUsed, isUsedAnywhere;
+    std::vector<unsigned char> isKept; // of all vertices
     std::vector<std::uint64_t> numbers;
 
 private:
+    static constexpr std::size_t Unknown = ~std::size_t{0};
+    /// A vertex that may be another rank's, too.
+    struct Common {
+        std::size_t vertex;
+        std::uint32_t keeper; // the block that it belongs to
+        std::uint32_t isUsed; // on any rank
+    };
+    [[nodiscard]] std::uint32_t isUsedHere(std::size_t v) const noexcept { return isUsed(v) ? 1 : 0; }
+
     detail::Exchange& myExchange;
     const std::vector<detail::GlobalBlock>& myBlocks;
     RankSurface& mySurface;
-    std::vector<std::vector<NamedVertex>> myNames;    // for each rank
-    std::vector<std::vector<std::size_t>> myVertices; // which these are
-    std::vector<std::vector<std::size_t>> myAsked;    // by each rank: vertices here, or none
+    std::vector<unsigned char> myUsed;             // empty: all
+    std::vector<Common> myCommon;                  // ascending by vertex
+    std::vector<std::vector<NamedVertex>> myNames; // for each rank
+    std::vector<std::vector<std::size_t>> myNamed; // which of the common ones these are
+    std::vector<std::vector<std::size_t>> myAsked; // by each rank: common ones, or none
 };
+
+/// Leaves points out.
+template<class IsLeft>
+void leaveOut(SurfaceParts& surface, std::vector<Point>& points, std::vector<Triangle>& triangles,
+              std::map<std::string, StrongPtr<MemBase>>& values, const IsLeft& isLeft) {
+    std::vector<std::size_t> left;
+    std::vector<unsigned int> place(points.size());
+    std::size_t v = 0;
+    for (detail::SurfacePart& part : surface.parts) {
+        for (; v < part.endPoint; ++v)
+            if (isLeft(v)) {
+                place[v] = static_cast<unsigned int>(left.size());
+                left.push_back(v);
+            }
+        part.endPoint = left.size();
+    }
+    const auto keep = [&](auto& of) {
+        for (std::size_t n = 0; n < left.size(); ++n) of[n] = of[left[n]];
+        of.resize(left.size());
+    };
+    for (auto& [name, array] : values) {
+        const StrongPtr<MemBase> fewer = detail::makeValues(detail::kindOf(array), left.size());
+        const auto from = detail::numbersOf(array), to = detail::numbersOf(fewer);
+        const std::size_t components = left.empty() ? 0 : to.size() / left.size();
+        for (std::size_t n = 0; n < left.size(); ++n)
+            std::copy_n(from.begin() + static_cast<std::ptrdiff_t>(left[n] * components), components,
+                        to.begin() + static_cast<std::ptrdiff_t>(n * components));
+        array = fewer;
+    }
+    keep(points);
+    keep(surface.numbers);
+    keep(surface.isOwn);
+    for (Triangle& triangle : triangles)
+        for (int c = 0; c < 3; ++c) triangle[c] = place[triangle[c]];
+}
 
 /// What each rank says of its surface when all is known but numbers.
 struct Summary {
     std::uint8_t hasDropped = 0, reachesAbove = 0, hasNaN = 0;
 };
+/// For either case: all points are left, or those that are used.
 struct PartCounts {
-    std::uint32_t block;
-    std::uint64_t points, usedPoints, triangles;
+    detail::BlockCounts all, used;
 };
 
 } // namespace
 
 ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const StrongPtr<Field>& of,
                                                const AllNumbers& known, double level, const Fields& values,
-                                               bool hasNormals, const Meter& meter, const Plane* plane) {
+                                               bool hasNormals, const Plane* plane) {
     std::vector<std::pair<std::string, detail::Quantity>> wanted;
     for (const std::string& value : values) wanted.emplace_back(value, quantity(value));
     if (hasNormals) wanted.emplace_back(Surface::NormalsName, quantity("gradient(" + name + ")"));
     std::vector<StrongPtr<Field>> quantities;
+    std::vector<std::string> names;
     if (!plane) quantities.push_back(of);
-    for (const auto& [valueName, value] : wanted) quantities.push_back(value.field);
+    for (const auto& [valueName, value] : wanted) {
+        quantities.push_back(value.field);
+        names.push_back(valueName);
+    }
 
-    const Meter sweep = meter.part(0.0, wanted.empty() ? 1.0 : 0.7), rest = meter.part(0.7, 1.0);
     const Halo* around = &halo();
     std::unique_ptr<Halo> special; // with other masks
     StrongPtr<Representation> fieldsHere = representation;
@@ -259,8 +296,8 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                 const NumberRange& range = *known[found->second].range;
                 return std::pair(range.least, range.greatest);
             });
-            for (std::size_t n = 0; n < all.own.size(); ++n) {
-                sweep(static_cast<double>(n) / static_cast<double>(all.own.size()));
+            const auto sweep = [&](std::size_t n) {
+                Pulse::beat(0.0);
                 const std::uint32_t block = all.own[n];
                 const unsigned int member = around->memberOf(block);
                 const std::size_t firstTriangle = surface.triangles->base_vector().size();
@@ -272,7 +309,11 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                 if (isJoined(joins, member) && joins.isMirrored(member) != around->isMirrored(block))
                     for (std::size_t t = firstTriangle; t < triangles.size(); ++t)
                         std::swap(triangles[t][1], triangles[t][2]);
-                surface.parts.push_back({block, surface.points->base_vector().size(), triangles.size(), 0, 0, 0});
+                surface.parts.push_back({block, surface.points->base_vector().size(), triangles.size()});
+            };
+            {
+                const Pulse::Part part(0.0, wanted.empty() ? 1.0 : 0.7);
+                detail::inParts(all.own.size(), sweep);
             }
             surface.pieces = surfacer.pieces();
             surface.hasDropped = surfacer.hasDropped();
@@ -284,8 +325,9 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
             edges.pieces = surface.pieces;
             edges.identifiers = Hestra::makeRef<Field>(makeMemArray1D(surface.identifiers));
             edges.weights = Hestra::makeRef<Field>(makeMemArray1D(surface.weights));
-            for (std::size_t n = 0; n < wanted.size(); ++n) {
-                rest(static_cast<double>(n) / static_cast<double>(wanted.size()));
+            const Pulse::Part part(wanted.empty() ? 1.0 : 0.7, 1.0);
+            detail::inParts(wanted.size(), [&](std::size_t n) {
+                Pulse::beat(0.0);
                 evaluated.push_back(edges.evaluate(*extended[n + 1]));
                 if (hasNormals && n + 1 == wanted.size())
                     withMemArray<1>(TypeList<Vector>(), evaluated.back(), [](auto& normals) {
@@ -294,31 +336,27 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                             normals.element(k) = size > 0.0 ? normals.element(k) * (1.0 / size) : Vector();
                         }
                     });
-            }
+            });
         });
         vertices.exchangeNames();
 
         // How many there are of everything, on which everything depends.
         Writer writer;
         exchange->attempt([&] {
-            Summary summary{surface.hasDropped, surface.reachesAbove, 0};
+            const auto& points = surface.points->base_vector();
+            const bool hasNaN = std::any_of(points.begin(), points.end(), [](const Point& p) { return !(p == p); });
+            const Summary summary{surface.hasDropped, surface.reachesAbove, hasNaN};
             std::vector<PartCounts> counts;
             std::size_t v = 0, t = 0;
-            const auto& points = surface.points->base_vector();
             for (const detail::SurfacePart& part : surface.parts) {
                 PartCounts count;
-                std::memset(static_cast<void*>(&count), 0, sizeof(count));
-                count.block = part.block;
-                count.triangles = part.endTriangle - t;
-                t = part.endTriangle;
+                count.all = {part.block, 0, part.endTriangle - std::exchange(t, part.endTriangle)};
+                count.used = count.all;
                 for (; v < part.endPoint; ++v) {
-                    if (!vertices.isKept(v)) continue;
-                    ++count.points;
-                    count.usedPoints += vertices.isUsedAnywhere[v];
-                    const Point& p = points[v];
-                    if (p[0] != p[0] || p[1] != p[1] || p[2] != p[2]) summary.hasNaN = 1;
+                    count.all.points += vertices.isKept[v];
+                    count.used.points += vertices.isKept[v] && vertices.isUsed(v);
                 }
-                if (count.points || count.triangles) counts.push_back(count);
+                if (count.all.points || count.all.triangles) counts.push_back(count);
             }
             writer.put(summary);
             for (std::size_t n = 0; n < wanted.size(); ++n) {
@@ -333,10 +371,8 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
         });
         const auto gathered = exchange->gather(writer.bytes);
 
-        auto made = std::make_shared<SurfaceParts>();
-        made->exchange = exchange;
+        auto made = std::make_shared<SurfaceParts>(exchange);
         Summary together;
-        std::vector<ValueKind> kinds(wanted.size(), ValueKind::None);
         exchange->attempt([&] {
             std::vector<PartCounts> counts;
             for (const auto& bytes : gathered) {
@@ -345,32 +381,15 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                 together.hasDropped |= summary.hasDropped;
                 together.reachesAbove |= summary.reachesAbove;
                 together.hasNaN |= summary.hasNaN;
-                for (ValueKind& kind : kinds) {
-                    const auto there = reader.get<ValueKind>();
-                    if (kind != ValueKind::None && there != ValueKind::None && kind != there)
-                        throw DataSetError("field on a surface: blocks of several kinds of elements");
-                    kind = std::max(kind, there);
-                }
-                const auto more = reader.getAll<PartCounts>();
-                counts.insert(counts.end(), more.begin(), more.end());
+                made->takeKinds(names, reader);
+                reader.forAll<PartCounts>([&](std::size_t, const PartCounts& count) { counts.push_back(count); });
             }
-            std::sort(counts.begin(), counts.end(),
-                      [](const PartCounts& a, const PartCounts& b) { return a.block < b.block; });
-            auto part = surface.parts.begin();
             if (!together.reachesAbove) return;
-            for (const PartCounts& count : counts) {
-                for (; part != surface.parts.end() && part->block < count.block; ++part) {
-                    part->firstPoint = made->points;
-                    part->firstTriangle = made->triangles;
-                }
-                if (part != surface.parts.end() && part->block == count.block) {
-                    part->firstPoint = made->points;
-                    part->firstTriangle = made->triangles;
-                    ++part;
-                }
-                made->points += together.hasDropped ? count.usedPoints : count.points;
-                made->triangles += count.triangles;
-            }
+            std::vector<detail::BlockCounts> left;
+            for (const PartCounts& count : counts) left.push_back(together.hasDropped ? count.used : count.all);
+            made->parts = std::move(surface.parts);
+            made->count(std::move(left));
+            surface.parts = made->parts;
         });
         if (together.hasNaN && !isAgain && together.reachesAbove) {
             mask(representation->Positions()); // vertices that are nowhere: beside them, too, there is no surface
@@ -379,60 +398,25 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
         vertices.number(together.hasDropped != 0);
 
         exchange->attempt([&] {
-            for (std::size_t n = 0; n < wanted.size(); ++n)
-                made->values[wanted[n].first] = kinds[n] == ValueKind::None ? ValueKind::Number : kinds[n];
             std::map<std::string, StrongPtr<MemBase>> arrays;
+            auto& points = surface.points->base_vector();
+            auto& triangles = surface.triangles->base_vector();
             if (!together.reachesAbove) {
-                for (const auto& [valueName, kind] : made->values) arrays[valueName] = detail::makeValues(kind, 0);
+                for (const std::string& value : names) arrays[value] = detail::makeValues(made->kind(value), 0);
                 made->piece = detail::makeSurface({}, {}, arrays);
                 return;
             }
-            // What is left of the points: all, unless some have no triangles on any rank.
-            auto& points = surface.points->base_vector();
-            auto& triangles = surface.triangles->base_vector();
-            const auto isLeft = [&](std::size_t v) {
-                return !together.hasDropped || vertices.isUsed[v] || (vertices.isKept(v) && vertices.isUsedAnywhere[v]);
-            };
-            std::vector<std::size_t> left;
-            std::vector<unsigned int> place(points.size());
-            std::size_t v = 0;
-            for (detail::SurfacePart& part : surface.parts) {
-                for (; v < part.endPoint; ++v)
-                    if (isLeft(v)) {
-                        place[v] = static_cast<unsigned int>(left.size());
-                        left.push_back(v);
-                    }
-                part.endPoint = left.size();
+            for (std::size_t n = 0; n < names.size(); ++n) {
+                const ValueKind kind = made->kind(names[n]);
+                arrays[names[n]] =
+                    kind == detail::kindOf(evaluated[n]) ? evaluated[n] : detail::makeValues(kind, points.size());
             }
-            for (std::size_t n = 0; n < wanted.size(); ++n) {
-                const ValueKind kind = made->values[wanted[n].first];
-                StrongPtr<MemBase> array = evaluated[n];
-                if (kind != detail::kindOf(array)) array = detail::makeValues(kind, points.size()); // none here
-                if (left.size() != points.size()) {
-                    const StrongPtr<MemBase> fewer = detail::makeValues(kind, left.size());
-                    const auto from = detail::numbersOf(array), to = detail::numbersOf(fewer);
-                    const std::size_t components = left.empty() ? 0 : to.size() / left.size();
-                    for (std::size_t k = 0; k < left.size(); ++k)
-                        for (std::size_t c = 0; c < components; ++c)
-                            to[k * components + c] = from[left[k] * components + c];
-                    array = fewer;
-                }
-                arrays[wanted[n].first] = array;
-            }
-            std::vector<Point> kept;
-            kept.reserve(left.size());
-            for (const std::size_t n : left) {
-                kept.push_back(points[n]);
-                made->numbers.push_back(vertices.numbers[n]);
-                made->isOwn.push_back(vertices.isKept(n));
-            }
-            for (Triangle& triangle : triangles)
-                for (int c = 0; c < 3; ++c) triangle[c] = place[triangle[c]];
-            made->parts = surface.parts;
-            made->piece = detail::makeSurface(std::move(kept), std::move(triangles), arrays);
-            meter(1.0);
+            made->numbers = std::move(vertices.numbers);
+            made->isOwn = std::move(vertices.isKept);
+            if (together.hasDropped)
+                leaveOut(*made, points, triangles, arrays, [&](std::size_t v) { return vertices.isUsed(v); });
+            made->piece = detail::makeSurface(std::move(points), std::move(triangles), arrays);
         });
-        exchange->agree();
         return ParallelSurface(made);
     }
 }

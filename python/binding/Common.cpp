@@ -41,7 +41,16 @@ std::size_t bytesOf(const py::object& size) {
     return static_cast<std::size_t>(bytes * unit);
 }
 
-Plane planeOf(const Normal& normal, double at, const std::optional<std::array<double, 3>>& origin) {
+std::variant<Plane, Vantle::IndexPlane> cutOf(const Normal& normal, double at,
+                                              const std::optional<std::array<double, 3>>& origin,
+                                              const std::optional<std::string>& block) {
+    if (block) {
+        const auto* const name = std::get_if<std::string>(&normal);
+        const std::size_t axis = name && name->size() == 1 ? std::string("ijk").find(*name) : std::string::npos;
+        if (axis == std::string::npos || origin || !(at >= 0.0) || at != std::floor(at) || at > 1e15)
+            throw py::value_error("slice: a layer of a block is (\"i\", \"j\" or \"k\", number, block=name)");
+        return Vantle::IndexPlane{*block, static_cast<int>(axis), static_cast<Vantle::index_t>(at)};
+    }
     if (const auto* const axis = std::get_if<std::string>(&normal)) {
         if (*axis != "x" && *axis != "y" && *axis != "z")
             throw py::value_error("slice: expected \"x\", \"y\", \"z\", a normal, or a layer of a block=..., got \"" +
@@ -52,7 +61,7 @@ Plane planeOf(const Normal& normal, double at, const std::optional<std::array<do
     if (at != 0.0) throw py::value_error("slice: a normal goes with an origin, not with a coordinate");
     const auto& n = std::get<1>(normal);
     const auto o = origin.value_or(std::array<double, 3>());
-    return {{o[0], o[1], o[2]}, {n[0], n[1], n[2]}};
+    return Plane{{o[0], o[1], o[2]}, {n[0], n[1], n[2]}};
 }
 
 namespace {

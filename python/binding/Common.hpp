@@ -30,10 +30,12 @@ using Names = std::variant<std::string, std::vector<std::string>>;
 /// "2 GiB", "500 MB", or a number of bytes; None is no limit. Failure: ValueError.
 [[nodiscard]] std::size_t bytesOf(const py::object& size);
 
-/// An axis, "x", "y" or "z", and a coordinate; or a normal, and a point or else the origin. Failure: ValueError.
+/// An axis, "x", "y" or "z", and a coordinate; a normal, and a point or else the origin; or, of a block, an axis "i",
+/// "j" or "k", and the number of a layer. Failure: ValueError.
 using Normal = std::variant<std::string, std::array<double, 3>>;
-[[nodiscard]] Vantle::Plane planeOf(const Normal& normal, double at,
-                                    const std::optional<std::array<double, 3>>& origin);
+[[nodiscard]] std::variant<Vantle::Plane, Vantle::IndexPlane> cutOf(const Normal& normal, double at,
+                                                                    const std::optional<std::array<double, 3>>& origin,
+                                                                    const std::optional<std::string>& block);
 
 [[nodiscard]] std::vector<std::filesystem::path> filesOf(const py::args& given);
 /// What is known of the form of files. Failure: ValueError.

@@ -1,7 +1,6 @@
 #include "Classes.hpp"
 
 #include <algorithm>
-#include <cmath>
 
 namespace VantlePython {
 
@@ -37,16 +36,10 @@ SurfaceObject slice(const DataSetObject& self, const Normal& normal, double at,
                     const std::optional<std::array<double, 3>>& origin, const std::optional<std::string>& block,
                     const std::optional<Names>& fields, const py::object& progress) {
     const DataSet data = self.value;
-    if (block) {
-        const auto* const name = std::get_if<std::string>(&normal);
-        const std::size_t axis = name && name->size() == 1 ? std::string("ijk").find(*name) : std::string::npos;
-        if (axis == std::string::npos || origin || !(at >= 0.0) || at != std::floor(at) || at > 1e15)
-            throw py::value_error("slice: a layer of a block is (\"i\", \"j\" or \"k\", number, block=name)");
-        const Vantle::IndexPlane layer{*block, static_cast<int>(axis), static_cast<Vantle::index_t>(at)};
-        return {run(progress, [&](const Progress& tell) { return data.slice(layer, listOf(fields), tell); })};
-    }
-    const Vantle::Plane plane = planeOf(normal, at, origin);
-    return {run(progress, [&](const Progress& tell) { return data.slice(plane, listOf(fields), tell); })};
+    const auto cut = cutOf(normal, at, origin, block);
+    return {run(progress, [&](const Progress& tell) {
+        return std::visit([&](const auto& by) { return data.slice(by, listOf(fields), tell); }, cut);
+    })};
 }
 
 DataSetObject resample(const DataSetObject& self, const std::array<py::ssize_t, 3>& size, const py::object& bounds,

@@ -239,6 +239,11 @@ TEST_P(ParallelDataSetTest, GivesTheBitsOfOneProcess) {
     expectSame(many.slice(Plane::z(middle[2])), one.slice(Plane::z(middle[2])));
 
     expectSame(many.boundary({"wave", "velocity"}), one.boundary({"wave", "velocity"}));
+    for (const auto& block : one.blocks()) {
+        const Vantle::IndexPlane layer{block.name, 1, block.size[1] / 2};
+        const ParallelDataSet::Fields there{"velocity", "gradient(wave)"};
+        expectSame(many.slice(layer, there), one.slice(layer, there));
+    }
 
     // Derivatives, at all vertices of own blocks.
     std::vector<std::string> derived{many.gradient("wave"), many.gradient("velocity"), many.qCriterion("velocity"),
@@ -363,6 +368,17 @@ TEST(ParallelFailureTest, IsThatOfAllRanksWhichCanGoOn) {
             EXPECT_THROW(std::rethrow_exception(error.cause()), Vantle::UnknownName);
         }
     }
+    EXPECT_THROW((void)many.boundary({}, cancel), Vantle::Cancelled);
+    EXPECT_ERROR("no block \"brock\"; there are: \"brick", (void)many.slice(Vantle::IndexPlane::k("brock", 0)));
+    EXPECT_ERROR(who + ": slice: block \"brick " + std::to_string(last) + "\" has [5x5x5] vertices, and no layer 5",
+                 (void)many.slice(Vantle::IndexPlane::k("brick " + std::to_string(last), 5)));
+    // Told within the one block, from the beginning to the end, on the ranks that want to know.
+    std::vector<double> shares;
+    const Vantle::Progress note = [&](double share) { return shares.push_back(share), true; };
+    (void)many.boundary({}, rank == last ? note : Vantle::Progress());
+    EXPECT_EQ(shares.size() > 5, rank == last) << shares.size();
+    EXPECT_TRUE(std::is_sorted(shares.begin(), shares.end()));
+    EXPECT_TRUE(shares.empty() || (shares.front() == 0.0 && shares.back() == 1.0));
 
     // Data that one rank cannot make; what does not need them goes on.
     if (rank == last)

@@ -81,6 +81,7 @@ def test_surfaces_and_what_is_known_are_those_of_one_process(ring, many):
     for a, b in zip(many.contours("plane", [0.0, 2.0]), ring.contours("plane", [0.0, 2.0])):
         check_surface(a, b)
     check_surface(many.slice((0, 1, 1), origin=(0, 0, 0.5), fields="plane"), ring.slice((0, 1, 1), origin=(0, 0, 0.5), fields="plane"))
+    check_surface(many.slice("k", 3, block="quarter 2", fields="plane"), ring.slice("k", 3, block="quarter 2", fields="plane"))
     check_surface(many.boundary("radius"), ring.boundary("radius"))
     for name in (many.gradient("plane"), many.magnitude(many.vorticity("velocity")), many.q_criterion("velocity"), many.divergence("velocity")):
         for block in many.blocks.values():
@@ -206,5 +207,7 @@ def test_mpi_is_loaded_when_it_is_asked_for():
     assert "ImportError: vantle.ParallelDataSet needs mpi4py" in say("sys.modules['mpi4py'] = None; vt.ParallelDataSet")
     assert "ImportError: vantle.ParallelDataSet is not installed" in say("sys.modules['vantle._parallel'] = None; vt.ParallelDataSet")
     assert "ImportError: vantle was built for another MPI" in say("from mpi4py import MPI; MPI.Get_library_version = lambda: 'Other'; vt.ParallelDataSet")
-    assert "ValueError: comm: MPI is not initialised" in say("import mpi4py; mpi4py.rc.initialize = False; from mpi4py import MPI; vt.ParallelDataSet(MPI.COMM_WORLD, vt.DataSet())")
+    over = "RuntimeError: MPI is not initialised, or finalised"
+    assert over in say("import mpi4py; mpi4py.rc.initialize = False; from mpi4py import MPI; vt.ParallelDataSet(MPI.COMM_WORLD, vt.DataSet())")
+    assert over in say("from mpi4py import MPI; flow = vt.ParallelDataSet(MPI.COMM_WORLD, vt.DataSet()); MPI.Finalize(); flow.joins")
     assert "AttributeError: module 'vantle' has no attribute 'ParallelData'" in say("vt.ParallelData")

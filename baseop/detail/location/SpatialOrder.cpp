@@ -41,6 +41,23 @@ bool SpatialOrder::pays(std::span<const point> points) noexcept {
     return toNext > 0.25 * toAny;
 }
 
+std::size_t SpatialOrder::beforeJump(std::span<const point> points) noexcept {
+    constexpr std::size_t Least = 4;
+    if (points.size() <= Least) return points.size();
+    point low = points[0], high = points[0];
+    for (std::size_t n = 1; n < points.size(); ++n) {
+        double extent = 0.0, step = 0.0;
+        for (int d = 0; d < 3; ++d) {
+            extent += high[d] - low[d];
+            step += std::fabs(points[n][d] - points[n - 1][d]);
+            low[d] = points[n][d] < low[d] ? points[n][d] : low[d];
+            high[d] = points[n][d] > high[d] ? points[n][d] : high[d];
+        }
+        if (n >= Least && step > 2.0 * extent) return n;
+    }
+    return points.size();
+}
+
 std::span<const std::uint32_t> SpatialOrder::of(std::span<const point> points) {
     constexpr double infinite = std::numeric_limits<double>::infinity();
     double low[3] = {infinite, infinite, infinite}, high[3] = {-infinite, -infinite, -infinite};

@@ -1,6 +1,7 @@
 #pragma once
 /// Positions that come in any order, taken in one in which those that follow each other are near in space.
 
+#include <baseop/BaseOpExport.hpp>
 #include <model/orvix/PhysicalSpace.hpp>
 
 #include <algorithm>
@@ -22,6 +23,10 @@ public:
     /// Whether positions that follow each other are about as far apart as any: then it pays.
     [[nodiscard]] static bool pays(std::span<const point> points) noexcept;
 
+    /// How many of some positions come before one that is farther from the last than twice what they extend; at least
+    /// four, if there are so many.
+    [[nodiscard]] VANTLE_BASEOP_API static std::size_t beforeJump(std::span<const point> points) noexcept;
+
     /// The numbers of positions, in order. Valid until the next call.
     [[nodiscard]] std::span<const std::uint32_t> of(std::span<const point> points);
 
@@ -31,13 +36,16 @@ private:
 };
 
 /// Calls `f(points, number)` for up to `Most` positions at a time, near each other as far as may be, of which the m-th
-/// is number `number(m)` of all. Of those that come in a good order, `together` are taken at a time.
+/// is number `number(m)` of all. Of those that come in a good order, `together` are taken at a time, or less up to a
+/// jump.
 template<std::size_t Most, class F>
 void forEachNeighbours(std::span<const SpatialOrder::point> points, const F& f, std::size_t together = Most) {
     if (!SpatialOrder::pays(points)) {
-        for (std::size_t begin = 0; begin < points.size(); begin += together)
-            f(points.subspan(begin, std::min(together, points.size() - begin)),
-              [begin](std::size_t m) { return begin + m; });
+        std::size_t count = 0;
+        for (std::size_t begin = 0; begin < points.size(); begin += count) {
+            count = SpatialOrder::beforeJump(points.subspan(begin, std::min(together, points.size() - begin)));
+            f(points.subspan(begin, count), [begin](std::size_t m) { return begin + m; });
+        }
         return;
     }
     SpatialOrder order;

@@ -29,6 +29,13 @@ void loadCommunicators() {
                                "): build one of them anew");
 }
 
+void requireMpi() {
+    int isInitialized = 0, isOver = 0;
+    MPI_Initialized(&isInitialized);
+    MPI_Finalized(&isOver);
+    if (!isInitialized || isOver) throw std::runtime_error("MPI is not initialised, or finalised already");
+}
+
 MPI_Comm communicatorOf(const py::object& given) {
     const MPI_Comm* const comm = PyMPIComm_Get(given.ptr());
     if (!comm) {
@@ -36,10 +43,8 @@ MPI_Comm communicatorOf(const py::object& given) {
         throw py::type_error(std::string("comm: expected a communicator of mpi4py, got ") +
                              Py_TYPE(given.ptr())->tp_name);
     }
-    int isInitialized = 0, isOver = 0, isInter = 0;
-    MPI_Initialized(&isInitialized);
-    MPI_Finalized(&isOver);
-    if (!isInitialized || isOver) throw py::value_error("comm: MPI is not initialised, or finalised already");
+    requireMpi();
+    int isInter = 0;
     if (*comm == MPI_COMM_NULL) throw py::value_error("comm: the null communicator");
     MPI_Comm_test_inter(*comm, &isInter);
     if (isInter) throw py::value_error("comm: a communicator between two groups");

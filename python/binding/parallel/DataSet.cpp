@@ -105,11 +105,14 @@ std::vector<ParallelSurfaceObject> contours(const ParallelObject& self, const st
 }
 
 ParallelSurfaceObject slice(const ParallelObject& self, const Normal& normal, double at,
-                            const std::optional<std::array<double, 3>>& origin, const std::optional<Names>& fields,
-                            const py::object& progress) {
-    const Vantle::Plane plane = planeOf(normal, at, origin);
+                            const std::optional<std::array<double, 3>>& origin, const std::optional<std::string>& block,
+                            const std::optional<Names>& fields, const py::object& progress) {
+    const auto cut = cutOf(normal, at, origin, block);
     return {collectively(self.turn, progress,
-                         [&](const Progress& tell) { return self.value.slice(plane, listOf(fields), tell); }),
+                         [&](const Progress& tell) {
+                             return std::visit(
+                                 [&](const auto& by) { return self.value.slice(by, listOf(fields), tell); }, cut);
+                         }),
             self.turn};
 }
 
@@ -355,16 +358,17 @@ normals  whether normals are wanted: the direction of the field's gradient.)doc"
         .def("contours", &contours, py::arg("field"), py::arg("levels"), py::kw_only(), py::arg("values") = py::none(),
              py::arg("normals") = false, py::arg("progress") = py::none(), "As `contour`: one surface for each level.")
         .def("slice", &slice, py::arg("normal"), py::arg("at") = 0.0, py::kw_only(), py::arg("origin") = py::none(),
-             py::arg("fields") = py::none(), py::arg("progress") = py::none(),
-             "The cut of all blocks by a plane, as by `DataSet.slice`. Collective.")
+             py::arg("block") = py::none(), py::arg("fields") = py::none(), py::arg("progress") = py::none(),
+             "The cut of all blocks by a plane, or a layer of one block, as by `DataSet.slice`. Collective.")
         .def(
             "boundary",
-            [](const ParallelObject& self, const std::optional<Names>& fields) {
-                return ParallelSurfaceObject{asked(self, [&](const ParallelDataSet& all,
-                                                             const Progress&) { return all.boundary(listOf(fields)); }),
-                                             self.turn};
+            [](const ParallelObject& self, const std::optional<Names>& fields, const py::object& progress) {
+                return ParallelSurfaceObject{
+                    collectively(self.turn, progress,
+                                 [&](const Progress& tell) { return self.value.boundary(listOf(fields), tell); }),
+                    self.turn};
             },
-            py::arg("fields") = py::none(),
+            py::arg("fields") = py::none(), py::kw_only(), py::arg("progress") = py::none(),
             "The outer hull of all blocks: faces that are joined to no other one. Collective.")
 
         .def(

@@ -43,10 +43,14 @@ private:
     Turn myTurn;
 };
 
+/// Failure: RuntimeError unless MPI can be used now.
+void requireMpi();
+
 /// Calls `f(progress)` without the interpreter lock. What is wrong with the progress of this rank alone ends the
 /// operation as its function would, since other ranks wait.
 template<class F>
 auto collectively(const Turn& turn, const py::object& progress, const F& f) {
+    requireMpi();
     const InTurn inTurn(turn);
     std::unique_ptr<Watch> watch;
     const std::exception_ptr wrong = failureOf([&] { watch = std::make_unique<Watch>(progress); });
