@@ -391,6 +391,15 @@ const BlockJoin* BlockJoins::Data::joinAt(const BlockFace& face, const MultiInde
 BlockJoins::BlockJoins(std::unique_ptr<const Data> data) : myData(std::move(data)) {}
 BlockJoins::~BlockJoins() = default;
 
+StrongPtr<BlockJoins> BlockJoins::known(const Grid& grid, const JoinOptions& options) {
+    const StrongPtr<Field> positions = grid.CartesianPositions();
+    const auto kept = positions ? positions->findInterface<BlockJoins>() : StrongPtr<BlockJoins>();
+    const Blanking blanking(grid);
+    const bool isFresh = kept && kept->options() == options && kept->myData->origin.isFor(positions.rawptr()) &&
+                         kept->myData->masks.isFor(blanking.vertexMask().rawptr(), blanking.cellMask().rawptr());
+    return isFresh ? kept : StrongPtr<BlockJoins>();
+}
+
 StrongPtr<BlockJoins> BlockJoins::of(const Grid& grid, const JoinOptions& options) {
     options.check();
     const StrongPtr<Field> positions = grid.CartesianPositions();
@@ -398,10 +407,7 @@ StrongPtr<BlockJoins> BlockJoins::of(const Grid& grid, const JoinOptions& option
     const Hestra::Freshness origin(positions.rawptr());
     const Blanking blanking(grid);
     const Hestra::Freshness masks = blanking.freshness();
-    const auto kept = positions->findInterface<BlockJoins>();
-    if (kept && kept->options() == options && kept->myData->origin.isFor(positions.rawptr()) &&
-        kept->myData->masks.isFor(blanking.vertexMask().rawptr(), blanking.cellMask().rawptr()))
-        return kept;
+    if (const StrongPtr<BlockJoins> fresh = known(grid, options)) return fresh;
     const bool needsSizes = options.tolerance > 0.0 || !options.motions.empty();
     detail::Shells shells(*positions, blanking, needsSizes);
     const bool isComplete = shells.isComplete; // else a block is missing that there may be next time

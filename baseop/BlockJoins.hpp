@@ -162,6 +162,8 @@ public:
     ///              vertices of faces.
     /// Concurrency  from any number of threads, as long as nobody changes the grid.
     [[nodiscard]] static Hestra::StrongPtr<BlockJoins> of(const Grid& grid, const JoinOptions& options = {});
+    /// Those found last, if `of` would give them; else null. Nothing is looked for.
+    [[nodiscard]] static Hestra::StrongPtr<BlockJoins> known(const Grid& grid, const JoinOptions& options = {});
 
     ~BlockJoins() override;
 

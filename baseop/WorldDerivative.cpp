@@ -1,8 +1,10 @@
 #include <baseop/WorldDerivative.hpp>
 #include <baseop/detail/BesideBlanked.hpp>
+#include <baseop/detail/CacheRoom.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/RowResult.hpp>
 #include <baseop/detail/WorldStencil.hpp>
+#include <baseop/detail/joins/VertexSelection.hpp>
 #include <model/hestra/Profiler.hpp>
 #include <model/vantle/Derived.hpp>
 #include <model/vantle/DoublePrecision.hpp>
@@ -11,12 +13,13 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -346,191 +349,231 @@ private:
     mutable Freshness myJoinsOrigin;
 };
 
-/// Two creators of a fragment, and how old they were when their data were read.
-struct Reading {
-    StrongPtr<CreativeArrayBase> valueCreator, positionCreator;
-    StrongPtr<MemBase> values, positions;
-    StrongPtr<const BlockMask> mask; // null where everything is valid
-    Freshness origin;
+/// What was read of a fragment: two creators, and how old they were then.
+struct Origin {
+    StrongPtr<CreativeArrayBase> values, positions;
+    Freshness freshness;
+};
 
-    Reading(const Inputs& inputs, const StrongPtr<FragmentID>& id)
-        : valueCreator(inputs.values->getCreator(id)), positionCreator(inputs.positions->getCreator(id)) {
-        if (!valueCreator || !positionCreator) return;
-        const StrongPtr<MemBase> held[] = {getDataInDoublePrecision(*valueCreator),
-                                           getDataInDoublePrecision(*positionCreator)}; // may make them newer
-        origin = Freshness(valueCreator.rawptr(), positionCreator.rawptr());
-        values = getDataInDoublePrecision(*valueCreator);
-        positions = getDataInDoublePrecision(*positionCreator);
-        if (const auto size = values ? values->getDynamicSize().as<3>() : std::nullopt)
-            mask = inputs.masks->now().of(id, *size);
+/// The data of a fragment, held.
+struct Reading {
+    StrongPtr<MemBase> values, positions;
+
+    Reading(const Inputs& inputs, const StrongPtr<FragmentID>& id, std::vector<Origin>& origins) {
+        Origin origin{inputs.values->getCreator(id), inputs.positions->getCreator(id), {}};
+        if (!origin.values || !origin.positions) return;
+        const StrongPtr<MemBase> held[] = {getDataInDoublePrecision(*origin.values),
+                                           getDataInDoublePrecision(*origin.positions)}; // may make them newer
+        origin.freshness = Freshness(origin.values.rawptr(), origin.positions.rawptr());
+        values = getDataInDoublePrecision(*origin.values);
+        positions = getDataInDoublePrecision(*origin.positions);
+        if (values) origins.push_back(std::move(origin));
     }
 };
 
-/// Finds the derivatives at the joined vertices of one block, as their owners' blocks see them.
+/// Finds the derivatives at the joined vertices of one block, as their owners' blocks see them. Of other blocks, the
+/// vertices that count are copied, one block after the other: none is held longer than that takes.
 template<class T>
 class JoinedVertices {
 public:
     using S = ElementStorage<T>;
 
-    JoinedVertices(const Inputs& inputs, const BlockJoins& joins, std::vector<Reading>& readings)
-        : myInputs(inputs), myJoins(joins), myReadings(readings), myBlocks(joins.blocks()), isWanted(joins.blocks()) {}
+    JoinedVertices(const Inputs& inputs, const BlockJoins& joins, unsigned int block, Reading&& own,
+                   std::vector<Origin>& origins, const detail::CacheRoom& room)
+        : myInputs(inputs), myJoins(joins), myBlock(block), myOwn(std::move(own)), myOrigins(origins), myRoom(room),
+          myBlanking(inputs.masks->now()) {}
 
-    /// Replaces the derivatives of a block's joined vertices. Throws std::invalid_argument where a block that is needed
-    /// has no suitable data.
-    void replace(unsigned int block, Result<T>* target) {
-        std::vector<Vertex> waiting = joinedVertices(block), collapsed;
-        for (const Vertex& vertex : waiting) want(vertex.owner.block);
-        // Blocks that prove to be needed on the way are read before the next round.
-        while (!waiting.empty()) {
-            readWanted();
-            constexpr std::size_t Piece = 16 * Lanes, BytesEach = 1000;
-            detail::inParallel(waiting.size(), Piece, waiting.size() * BytesEach,
-                               [&](std::size_t begin, std::size_t end) { derive(waiting, begin, end, target); });
-            const auto is = [](State state) { return [state](const Vertex& v) { return v.state == state; }; };
-            std::copy_if(waiting.begin(), waiting.end(), std::back_inserter(collapsed), is(State::Collapsed));
-            std::erase_if(waiting, std::not_fn(is(State::Waiting)));
-        }
-        if (!collapsed.empty()) deriveCollapsed(collapsed, target);
+    /// Replaces the derivatives of the block's joined vertices. Throws std::invalid_argument where a block that is
+    /// needed has no suitable data.
+    void replace(Result<T>* target) {
+        std::vector<Vertex> vertices = joinedVertices();
+        lookUp(vertices);
+        detail::inParallel(vertices.size(), Piece, vertices.size() * BytesEach,
+                           [&](std::size_t begin, std::size_t end) { derive(vertices, begin, end, target); });
+        std::erase_if(vertices, [](const Vertex& vertex) { return !vertex.isCollapsed; });
+        if (!vertices.empty()) deriveCollapsed(vertices, target);
     }
 
 private:
-    enum class State : unsigned char {
-        Waiting, // for a block
-        Done,
-        Collapsed, // an edge has no length, as at poles
-    };
-    struct Vertex {
-        index_t index; // in the block
-        BlockVertex owner;
-        State state = State::Waiting;
-    };
-    struct Block {
-        BlockPositions positions;
-        const S* values;
-        index_t step;
-        StrongPtr<const BlockMask> mask;
-    };
-    /// Where the position and the value of a neighbour are, and what moves them.
+    static constexpr std::size_t Piece = 16 * Lanes, BytesEach = 1000;
+
+    /// Where a neighbour is, and what moves it: first the vertex, then its copy.
     struct Source {
-        const Block* block;
+        std::uint32_t block;
         index_t index;
         const RigidMotion* motion;
     };
     /// Of a vertex: the neighbours below and above on each axis, or itself.
     using Sources = std::array<std::array<Source, 2>, 3>;
-    struct Neighbour {
+    struct Vertex {
+        index_t index;  // in the block
+        BlockVertex at; // where its derivative is: its owner
+        Sources sources = {};
+        bool isFound = false;
+        bool isCollapsed = false; // an edge has no length, as at poles
+    };
+    struct Copy {
         PhysicalSpace::point position;
         S value;
     };
 
     /// Those that others have too or that lie on a joined face, each once.
-    [[nodiscard]] std::vector<Vertex> joinedVertices(unsigned int block) const {
-        const MultiIndex<3> size = myJoins.size(block);
+    [[nodiscard]] std::vector<Vertex> joinedVertices() const {
+        const MultiIndex<3> size = myJoins.size(myBlock);
         std::vector<Vertex> vertices;
         std::vector<bool> isTaken(size.product());
         const auto take = [&](index_t index, const BlockVertex& owner) {
             if (!isTaken[index]) vertices.push_back({index, owner});
             isTaken[index] = true;
         };
-        for (const auto& [index, owner] : myJoins.shared(block)) {
+        for (const auto& [index, owner] : myJoins.shared(myBlock)) {
             take(index, owner);
-            if (owner.block == block) take(owner.index, owner);
+            if (owner.block == myBlock) take(owner.index, owner);
         }
-        for (const BlockJoin& join : myJoins.joins(block))
+        for (const BlockJoin& join : myJoins.joins(myBlock))
             for (index_t k = join.low[2]; k <= join.high[2]; ++k)
                 for (index_t j = join.low[1]; j <= join.high[1]; ++j)
                     for (index_t i = join.low[0]; i <= join.high[0]; ++i) {
                         const index_t index = MultiIndex<3>(i, j, k).linear(size);
-                        take(index, {block, index});
+                        take(index, {myBlock, index});
                     }
         return vertices;
     }
 
-    void want(unsigned int block) noexcept {
-        if (!myBlocks[block]) isWanted[block].store(true, std::memory_order_relaxed);
-    }
-    void readWanted() {
-        for (unsigned int b = 0; b < myJoins.blocks(); ++b) {
-            if (!isWanted[b].exchange(false)) continue;
-            const Reading& reading = myReadings.emplace_back(myInputs, myJoins.fragment(b));
-            const auto values = Hestra::dynamicCast<MemArray<3, T>>(reading.values);
-            if (values)
-                myBlocks[b] =
-                    Block{BlockPositions(reading.positions), values->storage(), values->stride(), reading.mask};
-            if (!values || values->Size() != myJoins.size(b) || !myBlocks[b]->positions.fits(values->Size()))
-                throw std::invalid_argument("WorldDerivative: no values of the type of its neighbours', or of other "
-                                            "extents, in fragment " +
-                                            FragmentID::Name(myJoins.fragment(b), ""));
+    /// Finds the neighbours of vertices, and copies them.
+    void lookUp(std::vector<Vertex>& vertices) {
+        // Masks that prove to be needed on the way are read before the next round.
+        for (std::atomic<bool> isMissing = true; isMissing;) {
+            isMissing = false;
+            detail::inParallel(vertices.size(), Piece, vertices.size() * BytesEach,
+                               [&](std::size_t begin, std::size_t end) {
+                                   for (std::size_t v = begin; v < end; ++v) {
+                                       Vertex& vertex = vertices[v];
+                                       vertex.isFound = vertex.isFound || find(vertex.at, vertex.sources);
+                                       if (!vertex.isFound) isMissing.store(true, std::memory_order_relaxed);
+                                   }
+                               });
+            for (const unsigned int block : std::exchange(myMissingMasks, {}))
+                myMasks.emplace(block, myBlanking.of(myJoins.fragment(block), myJoins.size(block)));
         }
+
+        detail::VertexSelection selection;
+        const auto partOf = [&](unsigned int block) { return selection.part(block, myJoins.size(block).product()); };
+        (void)partOf(myBlock); // first: its data are let go before others are read
+        for (Vertex& vertex : vertices)
+            for (auto& pair : vertex.sources)
+                for (Source& source : pair) {
+                    source.block = partOf(source.block);
+                    selection.add(source.block, source.index);
+                }
+        selection.number();
+        myCopies.resize(selection.count());
+        for (const auto& part : selection.parts()) copy(part);
+        detail::inParallel(vertices.size(), Piece, vertices.size() * BytesEach / 8,
+                           [&](std::size_t begin, std::size_t end) {
+                               for (std::size_t v = begin; v < end; ++v)
+                                   for (auto& pair : vertices[v].sources)
+                                       for (Source& source : pair) source.index = selection(source.block, source.index);
+                           });
     }
 
-    void derive(std::vector<Vertex>& waiting, std::size_t begin, std::size_t end, Result<T>* target) {
+    void copy(const detail::VertexSelection::Part& part) {
+        const bool isOwn = part.block == myBlock && myOwn;
+        myRoom.make();
+        const Reading reading =
+            isOwn ? *std::exchange(myOwn, std::nullopt) : Reading(myInputs, myJoins.fragment(part.block), myOrigins);
+        const auto values = Hestra::dynamicCast<MemArray<3, T>>(reading.values);
+        const BlockPositions positions(reading.positions);
+        if (!values || values->Size() != myJoins.size(part.block) || !positions.fits(values->Size()))
+            throw std::invalid_argument("WorldDerivative: no values of the type of its neighbours', or of other "
+                                        "extents, in fragment " +
+                                        FragmentID::Name(myJoins.fragment(part.block), ""));
+        Copy* to = myCopies.data() + part.first;
+        const S* const from = values->storage();
+        const index_t step = values->stride();
+        part.forEach([&](index_t index) { *to++ = {positions[index], from[index * step]}; });
+    }
+
+    void derive(std::vector<Vertex>& vertices, std::size_t begin, std::size_t end, Result<T>* target) const {
         const auto stencils = std::make_unique<Stencils<T>>();
-        const auto sources = std::make_unique<std::array<Sources, Lanes>>();
-        std::array<std::size_t, Lanes> place;
-        index_t count = 0;
-        // What is read lies far apart: it is on its way while the next vertices are looked up.
-        const auto finish = [&] {
-            for (index_t n = 0; n < count; ++n)
-                waiting[place[n]].state = gather((*sources)[n], *stencils, n) ? State::Done : State::Collapsed;
+        for (std::size_t first = begin; first < end; first += Lanes) {
+            const std::size_t count = std::min<std::size_t>(Lanes, end - first);
+            for (std::size_t n = 0; n < count; ++n)
+                for (const auto& pair : vertices[first + n].sources)
+                    for (const Source& source : pair) __builtin_prefetch(&myCopies[source.index]);
+            for (std::size_t n = 0; n < count; ++n)
+                vertices[first + n].isCollapsed = !gather(vertices[first + n].sources, *stencils, n);
             stencils->solve(static_cast<int>(count));
-            for (index_t n = 0; n < count; ++n) store<T>(target[waiting[place[n]].index], *stencils, n);
-            count = 0;
-        };
-        for (std::size_t v = begin; v < end; ++v) {
-            if (!find(waiting[v].owner, (*sources)[count])) continue;
-            place[count++] = v;
-            if (count == Lanes) finish();
+            for (std::size_t n = 0; n < count; ++n) store<T>(target[vertices[first + n].index], *stencils, n);
         }
-        finish();
     }
 
     /// At poles: what explains the differences at all copies of a vertex best, by least squares.
     void deriveCollapsed(const std::vector<Vertex>& vertices, Result<T>* target) {
-        std::map<BlockVertex, std::vector<BlockVertex>> copies;
-        for (const Vertex& vertex : vertices) copies.try_emplace(vertex.owner, 1, vertex.owner);
-        for (unsigned int b = 0; b < myJoins.blocks(); ++b)
-            for (const auto& [index, owner] : myJoins.shared(b))
-                if (const auto known = copies.find(owner); known != copies.end()) known->second.push_back({b, index});
-
-        detail::WorldStencil<Components<T>, 1> stencil;
+        const std::map<BlockVertex, std::vector<BlockVertex>> copies = copiesOf(vertices);
+        std::vector<Vertex> all;
+        for (const auto& [owner, places] : copies)
+            for (const BlockVertex& place : places) all.push_back({0, place});
+        lookUp(all);
+        detail::WorldStencil<Components<T>, 1> sum;
         std::map<BlockVertex, Result<T>> derivatives;
-        for (const auto& [owner, all] : copies) {
-            while (!gatherAll(all, stencil)) readWanted();
-            stencil.solve(1);
-            for (int c = 0; c < 3 * Components<T>; ++c) derivatives[owner][c] = stencil.result[c][0];
+        const Vertex* next = all.data();
+        for (const auto& [owner, places] : copies) {
+            sum = {};
+            for (std::size_t n = 0; n < places.size(); ++n) addTo(sum, *next++);
+            sum.solve(1);
+            for (int c = 0; c < 3 * Components<T>; ++c) derivatives[owner][c] = sum.result[c][0];
         }
-        for (const Vertex& vertex : vertices) target[vertex.index] = derivatives[vertex.owner];
+        for (const Vertex& vertex : vertices) target[vertex.index] = derivatives[vertex.at];
     }
-    /// The normal equations for all differences at some vertices; false if a block is missing.
-    bool gatherAll(const std::vector<BlockVertex>& vertices, detail::WorldStencil<Components<T>, 1>& result) {
-        constexpr int C = Components<T>;
-        bool isComplete = true;
-        detail::WorldStencil<C, 1> one;
-        Sources sources;
-        result = {};
-        for (const BlockVertex& vertex : vertices) {
-            isComplete = find(vertex, sources) && isComplete;
-            if (!isComplete) continue;
-            (void)gather(sources, one, 0);
-            for (int d = 0; d < 3; ++d)
-                for (int m = 0; m < 3; ++m) {
-                    const double along = one.edges[3 * d + m][0];
-                    for (int n = 0; n < 3; ++n) result.edges[3 * m + n][0] += along * one.edges[3 * d + n][0];
-                    for (int c = 0; c < C; ++c) result.changes[C * m + c][0] += along * one.changes[C * d + c][0];
-                }
+    /// The copies of vertices by their owners, ascending. They are in blocks that hang together by joins.
+    [[nodiscard]] std::map<BlockVertex, std::vector<BlockVertex>> copiesOf(const std::vector<Vertex>& vertices) const {
+        std::map<BlockVertex, std::vector<BlockVertex>> copies;
+        std::vector<unsigned int> blocks;
+        std::set<unsigned int> known;
+        const auto visit = [&](unsigned int block) {
+            if (known.insert(block).second) blocks.push_back(block);
+        };
+        for (const Vertex& vertex : vertices) {
+            copies.try_emplace(vertex.at, 1, vertex.at);
+            visit(vertex.at.block);
         }
-        return isComplete;
+        for (std::size_t n = 0; n < blocks.size(); ++n) {
+            const unsigned int block = blocks[n];
+            const auto owned = copies.lower_bound({block, 0});
+            bool hasCopies = owned != copies.end() && owned->first.block == block;
+            for (const auto& [index, owner] : myJoins.shared(block))
+                if (const auto found = copies.find(owner); found != copies.end()) {
+                    found->second.push_back({block, index});
+                    hasCopies = true;
+                }
+            for (const BlockJoin& join : myJoins.joins(block))
+                if (hasCopies && join.motion < 0) visit(join.second.block);
+        }
+        for (auto& [owner, places] : copies) std::sort(places.begin(), places.end());
+        return copies;
+    }
+    /// Adds the normal equations for the differences at a vertex.
+    void addTo(detail::WorldStencil<Components<T>, 1>& sum, const Vertex& vertex) const {
+        constexpr int C = Components<T>;
+        detail::WorldStencil<C, 1> one;
+        (void)gather(vertex.sources, one, 0);
+        for (int d = 0; d < 3; ++d)
+            for (int m = 0; m < 3; ++m) {
+                const double along = one.edges[3 * d + m][0];
+                for (int n = 0; n < 3; ++n) sum.edges[3 * m + n][0] += along * one.edges[3 * d + n][0];
+                for (int c = 0; c < C; ++c) sum.changes[C * m + c][0] += along * one.changes[C * d + c][0];
+            }
     }
 
     /// The differences at a vertex; false if an edge has no length.
     template<class Lane>
-    [[nodiscard]] static bool gather(const Sources& sources, Lane& stencils, index_t lane) noexcept {
+    [[nodiscard]] bool gather(const Sources& sources, Lane& stencils, index_t lane) const noexcept {
         constexpr int C = Components<T>;
         bool spans = true;
         for (int d = 0; d < 3; ++d) {
             const auto& [below, above] = sources[static_cast<std::size_t>(d)];
-            const Neighbour low = read(below), high = read(above);
+            const Copy low = read(below), high = read(above);
             spans = spans && !(low.position == high.position);
             for (int m = 0; m < 3; ++m) stencils.edges[3 * d + m][lane] = high.position[m] - low.position[m];
             for (int c = 0; c < C; ++c)
@@ -539,9 +582,8 @@ private:
         }
         return spans;
     }
-    [[nodiscard]] static Neighbour read(const Source& source) noexcept {
-        Neighbour result{source.block->positions[source.index],
-                         source.block->values[source.index * source.block->step]};
+    [[nodiscard]] Copy read(const Source& source) const noexcept {
+        Copy result = myCopies[source.index];
         if (source.motion) {
             result.position = (*source.motion)(result.position);
             if constexpr (std::is_same_v<T, PhysicalSpace::vector>)
@@ -550,7 +592,7 @@ private:
         return result;
     }
 
-    /// Looks up the neighbours of a vertex; false, and the block wanted, if one is missing.
+    /// Looks up the neighbours of a vertex; false if a mask is missing, which is noted.
     [[nodiscard]] bool find(const BlockVertex& at, Sources& sources) {
         const auto place = MultiIndex<3>::fromLinear(at.index, myJoins.size(at.block));
         bool isComplete = true;
@@ -564,7 +606,7 @@ private:
     bool findNext(const BlockVertex& at, const MultiIndex<3>& place, int axis, int direction, Source& source) {
         bool isKnown = true;
         if (const auto next = follow(at, place, axis, direction, isKnown))
-            return locate(next->vertex, next->motion, source);
+            return setOwner(source, next->vertex, next->motion);
         // The edge may be one of a block that the vertex is joined with, which goes on where this one ends.
         for (const BlockJoin& join : myJoins.joins(at.block)) {
             const auto d = static_cast<std::size_t>(axis);
@@ -575,21 +617,13 @@ private:
             const MultiIndex<3> other(there[0], there[1], there[2]);
             const BlockVertex copy{join.second.block, other.linear(myJoins.size(join.second.block))};
             if (const auto next = follow(copy, other, join.map.axis[d], join.map.sign[d] * direction, isKnown))
-                return locate(next->vertex, next->motion, source);
+                return setOwner(source, next->vertex, next->motion);
         }
-        return isKnown && locate(at, nullptr, source);
+        return isKnown && setOwner(source, at, nullptr);
     }
-    /// The owner of a vertex; false if its block is missing.
-    bool locate(const BlockVertex& vertex, const RigidMotion* motion, Source& source) {
+    bool setOwner(Source& source, const BlockVertex& vertex, const RigidMotion* motion) const {
         const BlockVertex owner = myJoins.owner(vertex);
-        const auto& block = myBlocks[owner.block];
-        if (!block) {
-            want(owner.block);
-            return false;
-        }
-        block->positions.prefetch(owner.index);
-        __builtin_prefetch(block->values + owner.index * block->step);
-        source = {&*block, owner.index, motion};
+        source = {owner.block, owner.index, motion};
         return true;
     }
     [[nodiscard]] static bool holds(const BlockJoin& join, const MultiIndex<3>& place) noexcept {
@@ -598,41 +632,57 @@ private:
         return isInside;
     }
     /// What follows a vertex in its block, or across a face, by an edge that masks leave. `isKnown` becomes false when
-    /// the block is missing.
+    /// the mask is missing.
     std::optional<BlockJoins::Step> follow(const BlockVertex& at, const MultiIndex<3>& place, int axis, int direction,
                                            bool& isKnown) {
         const MultiIndex<3>& size = myJoins.size(at.block);
         const bool isUpper = direction > 0;
         if (isUpper ? place[axis] + 1 == size[axis] : place[axis] == 0) return myJoins.step(at, axis, direction);
-        const auto& block = myBlocks[at.block];
-        if (!block) {
-            want(at.block);
-            isKnown = false;
-            return std::nullopt;
+        const BlockMask* mask = nullptr;
+        if (myBlanking) {
+            const auto known = myMasks.find(at.block);
+            if (known == myMasks.end()) {
+                const std::lock_guard lock(myMutex);
+                myMissingMasks.insert(at.block);
+                isKnown = false;
+                return std::nullopt;
+            }
+            mask = known->second.rawptr();
         }
         MultiIndex<3> lower = place;
         if (!isUpper) --lower[axis];
-        if (block->mask && !block->mask->isEdgeValid(lower, axis)) return std::nullopt;
+        if (mask && !mask->isEdgeValid(lower, axis)) return std::nullopt;
         const index_t stride = axis == 0 ? 1 : axis == 1 ? size[0] : size[0] * size[1];
         return BlockJoins::Step{{at.block, isUpper ? at.index + stride : at.index - stride}, nullptr};
     }
 
     const Inputs& myInputs;
     const BlockJoins& myJoins;
-    std::vector<Reading>& myReadings;
-    std::vector<std::optional<Block>> myBlocks;
-    std::vector<std::atomic<bool>> isWanted;
+    const unsigned int myBlock;
+    std::optional<Reading> myOwn; // until it is copied
+    std::vector<Origin>& myOrigins;
+    const detail::CacheRoom& myRoom;
+    const Blanking myBlanking;
+    std::unordered_map<unsigned int, StrongPtr<const BlockMask>> myMasks;
+    std::mutex myMutex;
+    std::set<unsigned int> myMissingMasks;
+    std::vector<Copy> myCopies;
 };
 
 /// The derivative of a block among others; null where its data do not suit. Throws as `JoinedVertices`.
 template<class T>
 StrongPtr<MemBase> deriveJoined(const Inputs& inputs, const BlockJoins& joins, unsigned int block,
-                                std::vector<Reading>& readings) {
-    const auto values = Hestra::dynamicCast<MemArray<3, T>>(ownersData(joins, *inputs.values, block));
-    if (!values) return nullptr;
-    const BlockPositions positions(ownersData(joins, *inputs.positions, block));
-    const auto derivative = deriveBlock(*values, positions, readings.front().mask.rawptr(), true);
-    if (derivative) JoinedVertices<T>(inputs, joins, readings).replace(block, derivative->data());
+                                const BlockMask* mask, Reading&& own, std::vector<Origin>& origins,
+                                const detail::CacheRoom& room) {
+    StrongPtr<MemArray<3, Result<T>>> derivative;
+    {
+        const auto values = Hestra::dynamicCast<MemArray<3, T>>(ownersData(joins, *inputs.values, block));
+        if (!values) return nullptr;
+        const BlockPositions positions(ownersData(joins, *inputs.positions, block));
+        room.make();
+        derivative = deriveBlock(*values, positions, mask, true);
+    }
+    if (derivative) JoinedVertices<T>(inputs, joins, block, std::move(own), origins, room).replace(derivative->data());
     return derivative;
 }
 
@@ -664,19 +714,18 @@ protected:
     [[nodiscard]] bool canProduce() const override { return true; }
     [[nodiscard]] StrongPtr<MemBase> produce() override {
         std::vector<Freshness> origin{myInputs->freshness()};
-        std::vector<Reading> readings;
-        const StrongPtr<MemBase> made = derive(readings);
+        std::vector<Origin> origins;
+        const StrongPtr<MemBase> made = derive(origins);
         if (made) {
             made->setCreator(WeakPtr<CreativeArrayBase>(*this));
             announceElementType(made->elementIndex());
             addInterface(Hestra::makeRef<SizeInterface>(made->getDynamicSize()));
         }
         std::vector<StrongPtr<CreativeArrayBase>> creators;
-        for (const Reading& reading : readings) {
-            if (!reading.values) continue;
-            origin.push_back(reading.origin);
-            creators.push_back(reading.valueCreator);
-            creators.push_back(reading.positionCreator);
+        for (const Origin& read : origins) {
+            origin.push_back(read.freshness);
+            creators.push_back(read.values);
+            creators.push_back(read.positions);
         }
         const std::lock_guard lock(myMutex);
         myCreators = std::move(creators);
@@ -687,19 +736,24 @@ protected:
     }
 
 private:
-    [[nodiscard]] StrongPtr<MemBase> derive(std::vector<Reading>& readings) const {
+    [[nodiscard]] StrongPtr<MemBase> derive(std::vector<Origin>& origins) const {
         const Hestra::Profiler scope("baseop/WorldDerivative", __LINE__, "WorldDerivative(fragment)",
                                      __PRETTY_FUNCTION__);
-        const Reading own = readings.emplace_back(*myInputs, myID);
+        Reading own(*myInputs, myID, origins);
+        const auto size = own.values ? own.values->getDynamicSize().as<3>() : std::nullopt;
+        const auto mask = size ? myInputs->masks->now().of(myID, *size) : StrongPtr<const BlockMask>();
         StrongPtr<BlockJoins> joins;
         if (myInputs->joining && !(joins = myInputs->joins())) return nullptr;
         const unsigned int block = joins ? joins->find(myID) : 0;
+        const bool isJoined =
+            joins && block < joins->blocks() && !(joins->joins(block).empty() && joins->shared(block).empty());
         StrongPtr<MemBase> made;
         withMemArray<3>(DerivableTypes(), own.values, [&]<class T>(const MemArray<3, T>& values) {
-            if (joins && block < joins->blocks() && !(joins->joins(block).empty() && joins->shared(block).empty()))
-                made = deriveJoined<T>(*myInputs, *joins, block, readings);
-            else
-                made = deriveBlock(values, BlockPositions(own.positions), own.mask.rawptr(), false);
+            const std::size_t inputs = own.values->memsize() + (own.positions ? own.positions->memsize() : 0);
+            const detail::CacheRoom room(cache().lock(), inputs + sizeof(Result<T>) * values.nElements());
+            if (!isJoined) room.make();
+            made = isJoined ? deriveJoined<T>(*myInputs, *joins, block, mask.rawptr(), std::move(own), origins, room)
+                            : deriveBlock(values, BlockPositions(own.positions), mask.rawptr(), false);
         });
         return made;
     }

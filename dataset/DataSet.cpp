@@ -1,4 +1,5 @@
 #include <baseop/LocatedPositions.hpp>
+#include <baseop/detail/CacheRoom.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/location/Tiling.hpp>
 #include <dataset/detail/DataSetState.hpp>
@@ -13,6 +14,7 @@
 
 namespace Vantle {
 
+using detail::copyOf;
 using detail::DataSetBlock;
 using detail::quoted;
 using Hestra::Pulse;
@@ -24,19 +26,6 @@ constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
 
 StrongPtr<CreativeArrayBase> creatorOf(const StrongPtr<MemBase>& array, const StrongPtr<Hestra::Cache>& cache) {
     return array ? StrongPtr<CreativeArrayBase>(new detail::GivenArray(array, cache)) : StrongPtr<CreativeArrayBase>();
-}
-
-/// The same creators for fragments of a collection.
-StrongPtr<Field> copyOf(const StrongPtr<Field>& field, const StrongPtr<FragmentIDCollection>& collection) {
-    const StrongPtr<Field> copy = Hestra::makeRef<Field>(collection);
-    if (field)
-        field->iterate(
-            [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-                copy->setCreator(creator, id);
-                return true;
-            },
-            false);
-    return copy;
 }
 
 BlockKind kindOf(const StrongPtr<MemBase>& positions) {
@@ -138,12 +127,17 @@ DataSet::DataSet(std::shared_ptr<State> state, double time) : myState(std::move(
 
 const DataSet::Step& DataSet::step() const { return *myState->find(myTime); }
 
-// The state that others may have stays as it is.
 DataSet DataSet::changed() const {
     auto state = std::make_shared<State>(myState->cache);
     for (const auto& step : myState->steps)
         state->steps.push_back(std::make_unique<Step>(*step, step->time, state->bundle[step->time]));
     return DataSet(std::move(state), myTime);
+}
+
+// What others may have stays as it is.
+DataSet DataSet::changeable(bool isMoved) const {
+    const bool isOwn = detail::isAlone(myState) && !myState->isGiven && !(isMoved && step().sharesLocator());
+    return isOwn ? DataSet(*this) : changed();
 }
 
 MultiIndex<3> DataSet::sizeOf(const std::string& block) const { return step().block(block).size(); }
@@ -159,19 +153,11 @@ void DataSet::addBlock(const std::string& name, const StrongPtr<MemBase>& positi
 void DataSet::addBlock(const std::string& name, const StrongPtr<CreativeArrayBase>& positions) {
     if (name.empty()) throw DataSetError("a block without name");
     if (!positions) throw DataSetError("block " + quoted(name) + ": no positions");
-    for (const DataSetBlock& block : step().blocks()) {
-        if (block.name() == name) throw DataSetError("there is a block " + quoted(name) + " already");
-        if (!block.id) throw DataSetError("block " + quoted(name) + ": the data set is one block without name");
-    }
-    DataSet result = changed();
-    Step& own = result.ownStep();
-    const StrongPtr<FragmentIDCollection> collection = Hestra::makeRef<FragmentIDCollection>();
-    if (const auto ids = own.positions()->getFragmentIDCollection())
-        for (const StrongPtr<FragmentID>& id : ids->ids()) collection->add(id);
-    const StrongPtr<FragmentID> id = collection->makeFragmentID(name);
-    const StrongPtr<Field> all = copyOf(own.positions(), collection);
-    all->setCreator(positions, id);
-    own.setPositions(all);
+    if (step().positions()->getFragmentID(name)) throw DataSetError("there is a block " + quoted(name) + " already");
+    if (step().positions()->getCreator(nullptr) && !step().blocks().back().id)
+        throw DataSetError("block " + quoted(name) + ": the data set is one block without name");
+    DataSet result = changeable(true);
+    result.ownStep().setCreator(PositionsName, Hestra::makeRef<FragmentID>(name), positions);
     *this = std::move(result);
 }
 
@@ -186,6 +172,7 @@ void DataSet::addUniformBlock(const std::string& name, const MultiIndex<3>& size
     for (int d = 0; d < 3; ++d)
         if (!(box.low[d] <= box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] == 0)
             throw DataSetError("block " + quoted(name) + ": no vertices, or no box, along axis " + std::to_string(d));
+    if (!size.checkedProduct()) throw DataSetError("block " + quoted(name) + ": more vertices than can be numbered");
     addBlock(name, StrongPtr<MemBase>(new UniformCartesianArray(Orvix::BoundingBox(box.low, box.high), size)));
 }
 
@@ -219,25 +206,25 @@ void DataSet::setField(const std::string& field, const std::string& block, const
     const DynamicSize announced = data ? data->getDynamicSize() : getSize(*values);
     if (announced && announced.as<3>() != size)
         refuse("has " + to_string(size) + " vertices, the values are " + to_string(announced));
-    const StrongPtr<Field> before = step().representation->findField(field);
     if (const VantleTypeIndex type = data ? data->elementIndex() : values->elementType()) {
         if (LocatedPositions::components(type) == 0) refuse("gets elements that are neither numbers nor vectors");
-        if (before)
-            before->iterate(
-                [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& other) {
-                    const VantleTypeIndex known = other->elementType();
-                    if (FragmentID::Name(id, {}) != block && known && !(known == type))
-                        refuse("gets " + textOf(type) + " of another type than the " + textOf(known) + " of block " +
-                               quoted(FragmentID::Name(id, {})));
-                    return true;
-                },
-                false);
+        // All others are of one type: it is that of the first one that says so.
+        const StrongPtr<Field> before = step().representation->findField(field);
+        const StrongPtr<FragmentIDCollection> ids = before ? before->getFragmentIDCollection() : nullptr;
+        const auto isKnown = [&](const StrongPtr<FragmentID>& id) {
+            const StrongPtr<CreativeArrayBase> other = before->getCreator(id);
+            const VantleTypeIndex known = other ? other->elementType() : VantleTypeIndex();
+            if (!known || FragmentID::Name(id, {}) == block) return false;
+            if (!(known == type))
+                refuse("gets " + textOf(type) + " of another type than the " + textOf(known) + " of block " +
+                       quoted(FragmentID::Name(id, {})));
+            return true;
+        };
+        if (ids && !(!ids->empty() && isKnown(ids->ids().back())))
+            (void)std::any_of(ids->ids().begin(), ids->ids().end(), isKnown);
     }
-    DataSet result = changed();
-    Step& own = result.ownStep();
-    const StrongPtr<Field> all = copyOf(before, own.positions()->getFragmentIDCollection());
-    all->setCreator(values, at.id);
-    own.setField(field, all);
+    DataSet result = changeable(false);
+    result.ownStep().setCreator(field, at.id, values);
     *this = std::move(result);
 }
 
@@ -254,18 +241,8 @@ void DataSet::setMask(const char* mask, const std::string& block, const StrongPt
         const DataSetBlock at = step().block(block);
         const bool isOfCells = std::string(mask) == CellMaskName;
         (void)BlockMask(at.size(), isOfCells ? nullptr : array.rawptr(), isOfCells ? array.rawptr() : nullptr, block);
-        DataSet result = changed();
-        Step& own = result.ownStep();
-        const StrongPtr<Field> all =
-            copyOf(own.representation->findField(mask), own.positions()->getFragmentIDCollection());
-        if (array)
-            all->setCreator(creatorOf(array, cache()), at.id);
-        else
-            all->removeData(at.id);
-        bool isEmpty = true;
-        all->iterate([&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>&) { return isEmpty = false; },
-                     false);
-        own.setMask(mask, isEmpty ? StrongPtr<Field>() : all);
+        DataSet result = changeable(true);
+        result.ownStep().setCreator(mask, at.id, creatorOf(array, cache()));
         *this = std::move(result);
     });
 }
@@ -279,13 +256,15 @@ void DataSet::setCellMask(const std::string& block, const StrongPtr<MemBase>& ma
 
 void DataSet::addTime(double time, const DataSet& step) {
     if (std::isnan(time)) throw DataSetError("a time that is no number");
-    DataSet result = changed();
+    const auto isThere = [&](const auto& other) { return other->time == time; };
+    const auto& now = myState->steps;
+    DataSet result = std::any_of(now.begin(), now.end(), isThere) ? changed() : changeable(false);
     auto& steps = result.myState->steps;
-    auto at = std::find_if(steps.begin(), steps.end(), [&](const auto& other) { return other->time >= time; });
     auto made = std::make_unique<Step>(step.step(), time, result.myState->bundle[time]);
     made->joins = this->step().joins;
     made->cache = result.myState->cache;
-    if (at != steps.end() && (*at)->time == time)
+    const auto at = std::find_if(steps.begin(), steps.end(), [&](const auto& other) { return other->time >= time; });
+    if (at != steps.end() && isThere(*at))
         *at = std::move(made);
     else
         steps.insert(at, std::move(made));
@@ -431,10 +410,7 @@ DataSet DataSet::block(const std::string& name) const {
         if (!creator) return true;
         const StrongPtr<Field> one = Hestra::makeRef<Field>(collection);
         one->setCreator(creator, id);
-        if (field.name() == PositionsName)
-            own.setPositions(one);
-        else
-            own.setField(field.name(), one);
+        own.setField(field.name(), one);
         return true;
     });
     return result;
@@ -469,12 +445,7 @@ std::optional<NumberRange> DataSet::knownRange(const std::string& field) const {
     return known ? std::optional(known->all().value_or(NumberRange{NaN, NaN})) : std::nullopt;
 }
 
-StrongPtr<const BlockJoins> DataSet::knownJoins() const {
-    const StrongPtr<Field> positions = step().positions();
-    const auto kept = positions->findInterface<BlockJoins>();
-    return kept && kept->options() == step().joins ? BlockJoins::of(*step().grid, step().joins)
-                                                   : StrongPtr<const BlockJoins>();
-}
+StrongPtr<const BlockJoins> DataSet::knownJoins() const { return BlockJoins::known(*step().grid, step().joins); }
 
 StrongPtr<const BlockJoins> DataSet::joins(const Progress& progress) const {
     return detail::request("joins", progress, [&] {
@@ -565,6 +536,8 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
             if (!(box.low[d] < box.high[d]) || !std::isfinite(box.high[d] - box.low[d]) || size[d] < 2)
                 throw DataSetError("resampling: an empty box, or less than two vertices, along axis " +
                                    std::to_string(d));
+        constexpr index_t Most = std::numeric_limits<std::ptrdiff_t>::max() / (9 * sizeof(double));
+        if (size.checkedProduct().value_or(Most) >= Most) throw std::bad_alloc();
         const Step& now = step();
         struct Target {
             std::string name;
@@ -578,6 +551,9 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
             const int components = now.knownComponents(name, *field);
             targets.push_back({name, field, components, detail::NumberArray(name, components, size, NaN)});
         }
+        // Derivatives would look for them in the midst of a tile.
+        if (std::any_of(fields.begin(), fields.end(), [](const std::string& name) { return name.back() == ')'; }))
+            (void)now.reading({}, [&] { return BlockJoins::of(*now.grid, now.joins); });
         const UniformCartesianArray lattice(Orvix::BoundingBox(box.low, box.high), size);
         const auto mask = MemArray<3, unsigned char>::create(size);
         std::size_t found = 0;
@@ -592,6 +568,11 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                 if (step[d] > step[longest]) longest = d;
             step[longest] = (step[longest] + 1) / 2;
         }
+        constexpr std::size_t Place = sizeof(Point) + sizeof(std::size_t) + 28; // the last of `LocatedPositions`
+        int most = 0;
+        for (const Target& target : targets) most = std::max(most, target.components);
+        const detail::CacheRoom room(now.cache, (Place + sizeof(double) * static_cast<std::size_t>(most)) *
+                                                    static_cast<std::size_t>(step.product()));
         std::vector<Point> positions;
         std::vector<std::size_t> place;
         std::vector<double> values;
@@ -614,8 +595,10 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                             positions.push_back(lattice[at]);
                             place.push_back(static_cast<std::size_t>(at.linear(size)));
                         });
+                    room.make();
                     const LocatedPositions located =
                         now.reading({}, [&] { return within(0.0, 0.7, [&] { return now.locate(positions); }); });
+                    positions = std::vector<Point>(); // their memory is that of values now
                     const Pulse::Part sampling(0.7, 1.0);
                     for (std::size_t n = 0; n < place.size(); ++n)
                         mask->element(place[n]) = located.fragments()[n] != LocatedPositions::Nowhere;
@@ -624,6 +607,7 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                     for (const Target& target : targets) {
                         const auto components = static_cast<std::size_t>(target.components);
                         values.assign(components * place.size(), NaN);
+                        room.make();
                         now.sample(located, target.name, *target.field, target.components, values, {});
                         for (std::size_t n = 0; n < place.size(); ++n)
                             std::copy_n(&values[n * components], components,
@@ -666,7 +650,7 @@ DataSet DataSet::threshold(const std::string& field, double low, double high) co
         for (const DataSetBlock& block : own.blocks()) // without values nothing is in range
             if (!all->getCreator(block.id))
                 all->setCreator(creatorOf(MemArray<3, unsigned char>::create(block.size()), own.cache), block.id);
-        own.setMask(VertexMaskName, all, step().sourcesOf(field));
+        own.setField(VertexMaskName, all, step().sourcesOf(field));
         return result;
     });
 }
@@ -686,7 +670,13 @@ void DataSet::write(const std::filesystem::path& file, const Fields& fields, con
 
 // ---- The model underneath -------------------------------------------------------------------------------------------
 
-const StrongPtr<Grid>& DataSet::grid() const { return step().grid; }
-const BundlePtr& DataSet::bundle() const { return myState->bundle; }
+const StrongPtr<Grid>& DataSet::grid() const {
+    myState->isGiven = true;
+    return step().grid;
+}
+const BundlePtr& DataSet::bundle() const {
+    myState->isGiven = true;
+    return myState->bundle;
+}
 
 } // namespace Vantle

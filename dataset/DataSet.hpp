@@ -7,6 +7,7 @@
 
 #include <baseop/BlockJoins.hpp>
 #include <baseop/NumberRange.hpp>
+#include <dataset/Curves.hpp>
 #include <dataset/DataSetError.hpp>
 #include <dataset/Files.hpp>
 #include <dataset/Located.hpp>
@@ -309,7 +310,8 @@ private:
     friend class Located;
     DataSet(std::shared_ptr<State> state, double time);
     [[nodiscard]] const Step& step() const;
-    [[nodiscard]] DataSet changed() const;
+    [[nodiscard]] DataSet changed() const;                // a copy of its own
+    [[nodiscard]] DataSet changeable(bool isMoved) const; // the same if others have this, else this
     Step& ownStep();
     void setMask(const char* mask, const std::string& block, const Hestra::StrongPtr<MemBase>& array);
     [[nodiscard]] std::string derived(const char* operation, const std::string& field) const;

@@ -58,6 +58,18 @@ MultiIndex<3> DataSetBlock::size() const {
     return data ? data->getDynamicSize().as<3>().value_or(MultiIndex<3>()) : MultiIndex<3>();
 }
 
+StrongPtr<Field> copyOf(const StrongPtr<Field>& field, const StrongPtr<FragmentIDCollection>& collection) {
+    const StrongPtr<Field> copy = Hestra::makeRef<Field>(collection);
+    if (field)
+        field->iterate(
+            [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+                copy->setCreator(creator, id);
+                return true;
+            },
+            false);
+    return copy;
+}
+
 Freshness originOf(const Field& what, const Blanking& masks) {
     return Freshness(&what, masks.vertexMask().rawptr(), masks.cellMask().rawptr());
 }
@@ -590,30 +602,60 @@ void DataSet::Step::sample(const LocatedPositions& at, const std::string& name, 
 
 // ---------------------------------------------------------------------------------------------------------------------
 
-void DataSet::Step::setPositions(const StrongPtr<Field>& positions) {
-    representation->setPositions(positions);
-    myBoxes = nullptr;
-    myNumbers.clear();
-    myDerived.clear();
-    myLocator = std::make_shared<LocatorSlot>();
+StrongPtr<Field> DataSet::Step::changeable(const std::string& name) const {
+    const StrongPtr<Field> there = representation->findField(name);
+    const bool isPlace = name == PositionsName;
+    StrongPtr<FragmentIDCollection> fragments = positions()->getFragmentIDCollection();
+    bool isOwn = there && there->strongCount() == 2 && there->getFragmentIDCollection() == fragments;
+    if (isOwn && isPlace) {
+        // It gets a fragment, which others that have the collection would get, too.
+        int others = fragments ? fragments->strongCount() - 1 : 0;
+        representation->iterate([&](const FieldID&, const Field& field) {
+            const bool isAlone = field.strongCount() == (&field == there.rawptr() ? 3 : 2);
+            if (isAlone && field.getFragmentIDCollection() == fragments) --others;
+            return true;
+        });
+        isOwn = others == 0;
+    }
+    if (isOwn) return there;
+    if (isPlace) {
+        const StrongPtr<FragmentIDCollection> copied = Hestra::makeRef<FragmentIDCollection>();
+        if (fragments)
+            for (const StrongPtr<FragmentID>& id : fragments->ids()) copied->add(id);
+        fragments = copied;
+    }
+    return detail::copyOf(there, fragments);
 }
 
-void DataSet::Step::setField(const std::string& name, const StrongPtr<Field>& field) {
+void DataSet::Step::setCreator(const std::string& name, const StrongPtr<FragmentID>& id,
+                               const StrongPtr<CreativeArrayBase>& creator) {
+    const StrongPtr<Field> all = changeable(name);
+    auto locator = std::make_shared<LocatorSlot>();
+    all->setCreator(creator, id);
+    const bool isEmpty = !creator && all->iterate([](const auto&, const auto&) { return false; }, false);
+    representation->setField(name, isEmpty ? StrongPtr<Field>() : all);
+    forget(std::move(locator), name);
+}
+
+void DataSet::Step::setField(const std::string& name, const StrongPtr<Field>& field,
+                             const std::vector<StrongPtr<Field>>& maskSources) {
+    auto locator = std::make_shared<LocatorSlot>();
+    myMaskSources.insert(myMaskSources.end(), maskSources.begin(), maskSources.end());
     representation->setField(name, field);
+    forget(std::move(locator), name);
+}
+
+void DataSet::Step::forget(std::shared_ptr<LocatorSlot> locator, const std::string& name) noexcept {
     myNumbers.clear();
     myDerived.clear();
+    if (!isReserved(name)) return;
+    myBoxes = nullptr;
+    myLocator = std::move(locator);
 }
 
 void DataSet::Step::setJoins(const JoinOptions& options) {
     joins = options;
     myDerived.clear();
-}
-
-void DataSet::Step::setMask(const char* name, const StrongPtr<Field>& mask, const std::vector<StrongPtr<Field>>& from) {
-    setField(name, mask);
-    myMaskSources.insert(myMaskSources.end(), from.begin(), from.end());
-    myBoxes = nullptr;
-    myLocator = std::make_shared<LocatorSlot>();
 }
 
 DataSet::Step* DataSet::State::find(double time) const noexcept {

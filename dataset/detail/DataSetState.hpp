@@ -10,7 +10,9 @@
 #include <dataset/io/FileError.hpp>
 #include <model/vantle/Blanking.hpp>
 
+#include <atomic>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 
@@ -61,13 +63,24 @@ struct DataSetBlock {
     [[nodiscard]] MultiIndex<3> size() const;
 };
 
+/// Whether this is the only handle to something: then, what others did with it, has happened.
+template<class T>
+[[nodiscard]] bool isAlone(const std::shared_ptr<T>& handle) noexcept {
+    if (handle.use_count() != 1) return false;
+    const std::shared_ptr<T> another(handle); // whose end waits for what they did before theirs
+    return true;
+}
+
+/// The same creators for the fragments of a collection.
+[[nodiscard]] Hestra::StrongPtr<Field> copyOf(const Hestra::StrongPtr<Field>& field,
+                                              const Hestra::StrongPtr<FragmentIDCollection>& collection);
+
 /// Which fields make the masks of a grid, as an origin together with what they mask.
 [[nodiscard]] Hestra::Freshness originOf(const Field& what, const Blanking& masks);
 
 } // namespace detail
 
-/// One time. Fields and positions are those of the grid; fields are never changed here once they are in a grid, but
-/// replaced, since others may have them.
+/// One time. Fields and positions are those of the grid. Fields that others may have are not changed, but replaced.
 struct DataSet::Step {
     Step(double time, const Hestra::StrongPtr<Slice>& slice, const Hestra::StrongPtr<Hestra::Cache>& cache);
     /// The same fields in another slice, and what is known of them.
@@ -133,15 +146,19 @@ struct DataSet::Step {
     void sample(const LocatedPositions& positions, const std::string& name, const Field& field, int components,
                 std::span<double> values, std::span<unsigned char> mask) const;
 
-    // For one thread: what is put there instead, and forgotten.
-    void setPositions(const Hestra::StrongPtr<Field>& positions);
-    void setField(const std::string& name, const Hestra::StrongPtr<Field>& field);
-    /// `from`: which fields the mask follows.
-    void setMask(const char* name, const Hestra::StrongPtr<Field>& mask,
-                 const std::vector<Hestra::StrongPtr<Field>>& from = {});
+    // For one thread: what is put there instead, and forgotten. Without memory nothing has changed.
+    /// The creator of a block's data in a field, the positions or a mask; null for none.
+    void setCreator(const std::string& name, const Hestra::StrongPtr<FragmentID>& id,
+                    const Hestra::StrongPtr<CreativeArrayBase>& creator);
+    /// `maskSources`: which fields a mask follows.
+    void setField(const std::string& name, const Hestra::StrongPtr<Field>& field,
+                  const std::vector<Hestra::StrongPtr<Field>>& maskSources = {});
+    void setJoins(const JoinOptions& options);
+
     /// The fields that were set which a name stands for.
     [[nodiscard]] std::vector<Hestra::StrongPtr<Field>> sourcesOf(const std::string& name) const;
-    void setJoins(const JoinOptions& options);
+    /// Whether others have the structures that are kept with this grid.
+    [[nodiscard]] bool sharesLocator() const noexcept { return !detail::isAlone(myLocator); }
 
     double time;
     Hestra::StrongPtr<Slice> slice;
@@ -157,6 +174,12 @@ private:
     [[nodiscard]] Hestra::StrongPtr<Field> derived(const std::string& name) const;
     [[nodiscard]] detail::DerivedEntry derive(const std::string& operation, const std::string& operand,
                                               const std::string& name) const;
+
+    /// A field, to be changed and set again: the one that there is if nothing else has it, else a copy of it over the
+    /// fragments of the positions.
+    [[nodiscard]] Hestra::StrongPtr<Field> changeable(const std::string& name) const;
+    struct LocatorSlot;
+    void forget(std::shared_ptr<LocatorSlot> locator, const std::string& name) noexcept;
 
     std::vector<Hestra::StrongPtr<Field>> myMaskSources; // fields that masks were made from
     mutable std::mutex myMutex;                          // held for look-ups only
@@ -177,6 +200,7 @@ struct DataSet::State {
     /// The last one that is not after a time; null before the first one.
     [[nodiscard]] Step* find(double time) const noexcept;
 
+    std::atomic<bool> isGiven = false; // the grids, to somebody who may look at them at any time
     BundlePtr bundle = BundlePtr::create();
     Hestra::StrongPtr<Hestra::Cache> cache;
     std::vector<std::unique_ptr<Step>> steps; // ascending by time

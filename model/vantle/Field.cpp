@@ -18,6 +18,22 @@ struct Field::Contents : Hestra::ReferenceBase<Field::Contents> {
         const auto found = creators.find(id);
         return found == creators.end() ? nullptr : &found->second;
     }
+    /// Enters the creator of a fragment. Without memory nothing has changed.
+    void set(const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
+        if (id->name().empty()) {
+            unfragmented = creator; // a fragment without name is the unfragmented data
+            return;
+        }
+        const StrongPtr<FragmentID> present = collection->findFragmentID(id->name());
+        const auto [place, isNew] = creators.try_emplace((present ? present : id).rawptr());
+        try {
+            if (!present) collection->add(id);
+        } catch (...) {
+            if (isNew) creators.erase(place);
+            throw;
+        }
+        place->second = creator;
+    }
     /// Fragments hide the unfragmented data as soon as one of them has a creator.
     [[nodiscard]] bool showsUnfragmented() const { return unfragmented && creators.empty(); }
 };
@@ -140,10 +156,7 @@ void Field::setCreator(const StrongPtr<CreativeArrayBase>& creator, const Strong
         here->unfragmented = creator;
     } else {
         if (!here->collection) here->collection = Hestra::makeRef<FragmentIDCollection>();
-        if (const auto own = here->collection->add(id))
-            here->creators[own.rawptr()] = creator;
-        else
-            here->unfragmented = creator; // a fragment without name is the unfragmented data
+        here->set(id, creator);
     }
     noteChange();
 }

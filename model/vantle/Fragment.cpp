@@ -50,8 +50,14 @@ StrongPtr<FragmentID> FragmentIDCollection::add(const StrongPtr<FragmentID>& id)
     }
     const std::size_t place = myIDs.size();
     myIDs.push_back(id);
-    myIndexByName.emplace(id->name(), place);
-    if (!myIndexByNumber.emplace(id->numericalId(), place).second) myIndexByNumber.emplace(freeNumber(), place);
+    try {
+        myIndexByName.emplace(id->name(), place);
+        if (!myIndexByNumber.emplace(id->numericalId(), place).second) myIndexByNumber.emplace(freeNumber(), place);
+    } catch (...) { // no memory: nothing has changed
+        myIndexByName.erase(id->name());
+        myIDs.pop_back();
+        throw;
+    }
     return id;
 }
 

@@ -13,6 +13,8 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
+#include <numbers>
 #include <omp.h>
 #include <set>
 #include <span>
@@ -92,35 +94,87 @@ struct Digest {
 
 // ---- Making one, and changing it ------------------------------------------------------------------------------------
 
-TEST(DataSetTest, IsAValueWhoseCopiesShareArrays) {
+TEST(DataSetTest, SharesArraysAndKnowsTheKindsOfBlocks) {
     const auto points = distortedBlock({5, 4, 3}, 1.0, 0.1, 1);
     DataSet flow(2.0);
     flow.addBlock("first", points);
     flow.addUniformBlock("second", {3, 3, 3}, {{10, 0, 0}, {12, 2, 2}});
     flow.addRectilinearBlock("third", {20, 21, 23}, {0, 1}, {5, 4, 1});
     flow.setField("f", plane);
-
-    DataSet other = flow;
-    other.addUniformBlock("fourth", {2, 2, 2}, {{0, 9, 0}, {1, 10, 1}});
-    other.setField("f", "second", std::vector<double>(27, 7.0));
-    other.setField("g", "first", std::vector<float>(60, 1.0F));
-    other.setVertexMask("first", MemArray<3, unsigned char>::create({5, 4, 3}));
-
-    ASSERT_EQ(flow.blocks().size(), 3U);
-    ASSERT_EQ(other.blocks().size(), 4U);
     using Vantle::BlockKind;
-    const BlockKind kinds[] = {BlockKind::Curvilinear, BlockKind::Uniform, BlockKind::Rectilinear, BlockKind::Uniform};
-    for (std::size_t n = 0; n < 4; ++n) EXPECT_EQ(other.blocks()[n].kind, kinds[n]) << n;
-    EXPECT_EQ(flow.fields().size(), 1U);
-    EXPECT_EQ(other.fields().size(), 2U);
-    EXPECT_EQ(other.fields()[1].blocks, 1U);
-    EXPECT_EQ(flow.array("f", "first").rawptr(), other.array("f", "first").rawptr());
-    EXPECT_NE(flow.array("f", "second").rawptr(), other.array("f", "second").rawptr());
+    const BlockKind kinds[] = {BlockKind::Curvilinear, BlockKind::Uniform, BlockKind::Rectilinear};
+    for (std::size_t n = 0; n < 3; ++n) EXPECT_EQ(flow.blocks()[n].kind, kinds[n]) << n;
     EXPECT_EQ(flow.range("f").greatest, plane({23, 0, 5}));
-    EXPECT_LT(flow.bounds().low[0], 1.0);
-    EXPECT_EQ(other.bounds().low[0], 0.0); // without what is blanked
-    const auto positions = flow.grid()->CartesianPositions();
-    EXPECT_EQ(positions->getData(positions->getFragmentID("first")).rawptr(), points.rawptr());
+    EXPECT_EQ(DataSet(flow).positionArray("first").rawptr(), points.rawptr());
+}
+
+// Handles that are copied and changed in any order, as plain lists of values are: nobody's change reaches another one,
+// nor a grid that somebody was given.
+TEST(DataSetTest, ChangesOfOneHandleReachNoOther) {
+    struct Plain {
+        std::vector<std::string> blocks;
+        std::map<std::string, std::map<std::string, double>> fields;
+        std::set<std::string> masked;
+    };
+    const auto fragmentsOf = [](const Hestra::StrongPtr<Vantle::Grid>& grid) {
+        std::map<std::string, std::size_t> all;
+        grid->getCartesianRepresentation()->iterate([&](const Vantle::FieldID& id, const Vantle::Field& field) {
+            return all[id.name()] = field.nFragments(), true;
+        });
+        return std::pair(grid, all);
+    };
+    const auto add = [](DataSet& set, int n) {
+        set.addUniformBlock(std::to_string(n), {2, 2, 2}, {{2.0 * n, 0, 0}, {2.0 * n + 1, 1, 1}});
+    };
+    std::mt19937 random(4);
+    std::vector<DataSet> sets(3);
+    std::vector<Plain> plain(3);
+    std::vector<decltype(fragmentsOf(nullptr))> given;
+    for (int step = 0; step < 900; ++step) {
+        const std::size_t n = random() % 3, from = random() % 3;
+        auto& [blocks, fields, masked] = plain[n];
+        const std::string field(1, char('f' + random() % 3));
+        const std::string block = blocks.empty() ? "" : blocks[random() % blocks.size()];
+        const int what = int(random() % 12);
+        if (what == 0)
+            sets[n] = sets[from], plain[n] = Plain(plain[from]);
+        else if (what == 1)
+            given.push_back(fragmentsOf(sets[n].grid()));
+        else if (what == 2 && fields.count(field))
+            sets[n].removeField(field), fields.erase(field);
+        else if (what < 7 || blocks.empty())
+            add(sets[n], step), blocks.push_back(std::to_string(step));
+        else if (what == 7)
+            sets[n].setVertexMask(block, MemArray<3, int>::create({2, 2, 2})), masked.insert(block);
+        else
+            sets[n].setField(field, block, std::vector<double>(8, step)), fields[field][block] = step;
+
+        const DataSet& set = sets[from];
+        const Plain& expected = plain[from];
+        ASSERT_EQ(set.blocks().size(), expected.blocks.size());
+        ASSERT_EQ(set.fields().size(), expected.fields.size());
+        for (std::size_t b = 0; b < expected.blocks.size(); ++b) {
+            const std::string& name = expected.blocks[b];
+            ASSERT_EQ(set.blocks()[b].name, name) << step;
+            const auto at = set.locate(std::vector<Point>{{2.0 * std::stod(name) + 0.5, 0.5, 0.5}});
+            ASSERT_EQ(at.isFound(0), expected.masked.count(name) == 0) << step;
+            for (const auto& [which, values] : expected.fields) {
+                ASSERT_EQ(set.hasValues(which, name), values.count(name) == 1) << step;
+                if (!values.count(name)) continue;
+                ASSERT_EQ(Vantle::Values(set.array(which, name))[0], values.at(name)) << step;
+            }
+        }
+        for (const auto& one : given) ASSERT_EQ(fragmentsOf(one.first), one) << step;
+    }
+    // A list of fragments that is nobody else's, but that of a field which is.
+    DataSet one;
+    add(one, 0);
+    one.setField("f", "0", std::vector<double>(8));
+    DataSet other = one;
+    add(other, 1);
+    const auto before = fragmentsOf(other.grid());
+    add(one, 2);
+    EXPECT_EQ(fragmentsOf(other.grid()), before);
 }
 
 TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
@@ -150,6 +204,9 @@ TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
     expect([&] { (void)flow.vorticity("density"); }, "is a scalar, which has no vorticity");
     expect([&] { (void)flow.contour("density", std::nan("")); }, "a level that is NaN");
     expect([&] { (void)flow.resample({4, 4, 4}, {{0, 0, 0}, {1, 0, 1}}, {"density"}); }, "along axis 1");
+    const MultiIndex<3> beyond(index_t{1} << 22, index_t{1} << 22, index_t{1} << 22); // 2^66
+    expect([&] { (void)flow.resample(beyond, {{0, 0, 0}, {1, 1, 1}}, {"density"}); }, "not enough memory");
+    expect([&] { flow.addUniformBlock("b", beyond, {{0, 0, 0}, {1, 1, 1}}); }, "more vertices than can be numbered");
     expect([&] { (void)flow.slice({{0, 0, 0}, {0, 0, 0}}); }, "no length");
     const std::vector<Point> one(1);
     expect([&] { (void)flow.locate({one.data(), ~std::size_t{0} / sizeof(Point)}); }, "positions: there is not enough");
@@ -437,6 +494,41 @@ TEST(DataSetTest, LooksAtTimesAndSamplesThemAtTheSamePlaces) {
     for (std::size_t k = 0; k < positions.size(); ++k) EXPECT_NEAR(later[k], now[k] + 20, 1e-12);
     EXPECT_TRUE(has(errorOf([&] { (void)at.atTime(3.0); }), "locate there again"));
     EXPECT_EQ(flow.atTime(1).grid()->CartesianPositions(), flow.atTime(2).grid()->CartesianPositions());
+}
+
+// Paths through a flow, in the caller's memory.
+TEST(DataSetTest, CurvesShareTheirArraysAndTakeValuesAlong) {
+    using Vantle::Curves;
+    const DataSet flow = ring(5);
+    const auto points = std::make_shared<std::vector<Point>>();
+    for (int k = 0; k < 150; ++k) points->emplace_back(1.5 * std::cos(k / 100.0), 1.5 * std::sin(k / 100.0), 0.4);
+    for (const double r : {1.2, 1.5, 1.8}) points->emplace_back(0.0, r, 0.7);
+    const index_t starts[] = {0, 150}, wrong[] = {0, 9, 7};
+    const std::vector<std::vector<unsigned int>> crossing{{152, 151, 150}, {}};
+    const Curves copied = Curves::consecutive(*points, starts);
+    const Curves paths(Vantle::adopt<1>(points, MultiIndex<1>(points->size())), Vantle::makeMemArray1D(crossing));
+    EXPECT_EQ(paths.points().data(), points->data());
+    EXPECT_EQ(paths[0], (Curves::Numbers{152, 151, 150}));
+    EXPECT_NEAR(paths.length(), 0.6, 1e-15);
+    for (const Curves& along : {paths, copied}) {
+        const Curves told = along.with("plane", flow.locate(along.points()).sample("plane"));
+        EXPECT_TRUE(along.names().empty());
+        for (std::size_t k = 0; k < 153; ++k) ASSERT_NEAR(told.values("plane")[k], plane((*points)[k]), 1e-12);
+        const Curves seen(told.with("again", told.values("plane")).grid());
+        EXPECT_EQ(seen.size(), 2U);
+        EXPECT_EQ(seen.points().data(), along.points().data());
+        EXPECT_EQ(seen.values("again").numbers().data(), told.values("plane").numbers().data());
+    }
+    EXPECT_NEAR(copied.arcLengths()[149], 1.5 * 1.49, 1e-4);
+    EXPECT_EQ(copied.tangents().vector(152), Vector(0, 1, 0));
+    const auto expect = [](const auto& request, const std::string& part) {
+        const std::string error = errorOf(request);
+        EXPECT_TRUE(has(error, part)) << error;
+    };
+    expect([&] { (void)Curves(*points, {{0, 1}, {2, 153}}); }, "curve 1 passes through point 153; there are 153");
+    expect([&] { (void)Curves::consecutive(*points, wrong); }, "curve 1 begins with point 9 and ends before point 7");
+    expect([&] { (void)paths.with("p", Vantle::Values(flow.array("wave", flow.blocks()[0].name))); }, "153 points");
+    expect([&] { (void)Curves(flow.contour("wave", 0.3).grid()); }, "no curves");
 }
 
 TEST(DataSetTest, ResamplesWithAMaskOfWhatIsOutside) {

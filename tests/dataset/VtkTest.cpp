@@ -1,5 +1,6 @@
 // What the VTK writers leave is read back by a small reader of the format, and failures leave what was there.
 
+#include <dataset/Curves.hpp>
 #include <dataset/Files.hpp>
 #include <model/vantle/Blanking.hpp>
 
@@ -269,9 +270,7 @@ TEST_F(VtkGridTest, SurfacesCurvesAndPointsComeBack) {
     EXPECT_NE(read("a.vtp").xml.find("NumberOfLines=\"0\" NumberOfStrips=\"0\" NumberOfPolys=\"2\""),
               std::string::npos);
 
-    const auto curves = Hestra::makeRef<Grid>();
-    LineSet(curves, makeMemArray1D(points), makeMemArray1D(std::vector<std::vector<index_t>>{{3, 0}, {}, {1, 2, 1}}));
-    writeVtk(folder / "b.vtp", *curves, {}, plain);
+    Vantle::Curves(points, {{3, 0}, {}, {1, 2, 1}}).write(folder / "b.vtp", plain);
     EXPECT_EQ(read("b.vtp").values<std::int64_t>("connectivity"), (std::vector<std::int64_t>{3, 0, 1, 2, 1}));
     EXPECT_EQ(read("b.vtp").values<std::int64_t>("offsets"), (std::vector<std::int64_t>{2, 2, 5}));
     EXPECT_NE(read("b.vtp").xml.find("NumberOfLines=\"3\""), std::string::npos);
