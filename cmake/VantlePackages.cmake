@@ -76,4 +76,9 @@ endif()
 if(TARGET VantlePython)
   vantle_package(python python3-vantle python "operations on multi-block grids from Python" "${about}\n.\nThe module vantle for Python 3, with NumPy arrays in and out." libvantle${abi} python3 python3-numpy)
 endif()
+if(TARGET VantlePythonParallel)
+  vantle_package(python-parallel python3-vantle-parallel python "operations on multi-block grids over MPI from Python"
+    "${about}\n.\nThe class vantle.ParallelDataSet, for communicators of mpi4py." python3-vantle libvantle-parallel${abi}
+    python3-mpi4py)
+endif()
 include(CPack)

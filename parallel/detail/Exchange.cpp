@@ -1,5 +1,6 @@
 
 #include <dataset/Progress.hpp>
+#include <dataset/io/FileError.hpp>
 
 #include <algorithm>
 #include <new>
@@ -23,23 +24,30 @@ struct Header {
     std::uint64_t size;
 };
 
-/// What is told of a failure: its first byte, and the reason.
-enum class FailureKind : char { Error = 'e', Cancelled = 'c' };
+using Kind = ParallelError::Kind;
+constexpr char WasCancelled = 'c'; // in place of a kind
 
+/// What is told of a failure: its kind, and the reason.
 std::string textOf(const std::exception_ptr& failure) {
-    const auto error = [](const std::string& why) { return static_cast<char>(FailureKind::Error) + why; };
+    const auto error = [](Kind kind, const std::string& why) { return static_cast<char>(kind) + why; };
     try {
         std::rethrow_exception(failure);
     } catch (const Cancelled&) {
-        return std::string(1, static_cast<char>(FailureKind::Cancelled));
+        return std::string(1, WasCancelled);
+    } catch (const UnknownName& problem) {
+        return error(Kind::Name, problem.what());
+    } catch (const OutOfMemory& problem) {
+        return error(Kind::Memory, problem.what());
     } catch (const std::bad_alloc&) {
-        return error("there is not enough memory");
+        return error(Kind::Memory, "there is not enough memory");
+    } catch (const FileError& problem) {
+        return error(Kind::File, problem.what());
     } catch (const std::exception& problem) {
-        return error(problem.what());
+        return error(Kind::Other, problem.what());
     } catch (const char* problem) {
-        return error(problem);
+        return error(Kind::Other, problem);
     } catch (...) {
-        return error("something that is no error");
+        return error(Kind::Other, "something that is no error");
     }
 }
 
@@ -47,7 +55,7 @@ std::string textOf(const std::exception_ptr& failure) {
 template<class F>
 void orNoMemory(std::int64_t bytes, const F& f) {
     const auto fail = [&] {
-        throw DataSetError("there is not enough memory for " + std::to_string(bytes) + " bytes of other ranks");
+        throw OutOfMemory("there is not enough memory for " + std::to_string(bytes) + " bytes of other ranks");
     };
     try {
         f();
@@ -102,7 +110,8 @@ std::vector<Inbox::Message> Inbox::messages() const {
 
 Exchange::Exchange(MPI_Comm comm, std::size_t budget, std::size_t most)
     : myBudget(std::max<std::size_t>(budget, 1)), myMost(most) {
-    MPI_Comm_dup(comm, &myComm);
+    if (MPI_Comm_dup(comm, &myComm) != MPI_SUCCESS) throw DataSetError("the communicator cannot be duplicated");
+    MPI_Comm_set_errhandler(myComm, MPI_ERRORS_ARE_FATAL); // also where the caller's returns errors, which nobody reads
     MPI_Comm_rank(myComm, &myRank);
     MPI_Comm_size(myComm, &myRanks);
     mySizes.resize(static_cast<std::size_t>(myRanks));
@@ -120,18 +129,22 @@ void Exchange::heed() {
         myPulse->rethrow();
     } catch (...) {
         myFailure = std::current_exception();
+        isCallers = true;
     }
 }
 
 void Exchange::throwFailureOf(int rank) {
-    std::string text = rank == myRank ? textOf(myFailure) : std::string();
+    std::exception_ptr cause = rank == myRank ? myFailure : nullptr;
+    std::string text = cause ? textOf(cause) : std::string();
+    if (std::exchange(isCallers, false) && !text.empty() && text[0] == static_cast<char>(Kind::Other))
+        text[0] = static_cast<char>(Kind::Caller);
     myFailure = nullptr;
     int size = static_cast<int>(text.size());
     MPI_Bcast(&size, 1, MPI_INT, rank, myComm);
     text.resize(static_cast<std::size_t>(size));
     MPI_Bcast(text.data(), size, MPI_CHAR, rank, myComm);
-    if (text[0] == static_cast<char>(FailureKind::Cancelled)) throw Cancelled();
-    throw ParallelError(rank, text.substr(1));
+    if (text[0] == WasCancelled) throw Cancelled();
+    throw ParallelError(rank, text.substr(1), static_cast<Kind>(text[0]), std::move(cause));
 }
 
 Inbox Exchange::round(Outbox&& outbox, bool hasMore) {

@@ -250,6 +250,7 @@ private:
     std::size_t myBudget, myMost;
     std::vector<std::int64_t> mySizes, myOffers; // what is sent to each rank, and by each
     std::exception_ptr myFailure;
+    bool isCallers = false; // thrown by the caller's progress function
     const Hestra::Pulse* myPulse = nullptr;
     Traffic myTraffic;
 };
