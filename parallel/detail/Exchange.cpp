@@ -17,7 +17,6 @@ namespace detail {
 
 namespace {
 
-constexpr std::int64_t Failed = -1; // in place of a count
 constexpr int DataTag = 1;
 
 struct Header {
@@ -151,12 +150,9 @@ void Exchange::throwFailureOf(int rank) {
 Inbox Exchange::round(Outbox&& outbox, bool hasMore) {
     const auto ranks = static_cast<std::size_t>(myRanks), self = static_cast<std::size_t>(myRank);
     std::vector<Writer>& out = outbox.myWriters;
-    for (std::size_t r = 0; r < ranks; ++r)
-        mySizes[r] = myFailure ? Failed : static_cast<std::int64_t>(out[r].bytes.size());
+    for (std::size_t r = 0; r < ranks; ++r) mySizes[r] = static_cast<std::int64_t>(out[r].bytes.size());
     ++myTraffic.rounds;
     MPI_Alltoall(mySizes.data(), 1, MPI_INT64_T, myOffers.data(), 1, MPI_INT64_T, myComm);
-    if (const auto failed = std::find(myOffers.begin(), myOffers.end(), Failed); failed != myOffers.end())
-        throwFailureOf(static_cast<int>(failed - myOffers.begin()));
 
     Inbox inbox;
     std::vector<MPI_Request> requests;
@@ -202,11 +198,9 @@ Inbox Exchange::round(Outbox&& outbox, bool hasMore) {
 
 std::vector<std::vector<std::byte>> Exchange::gather(const std::vector<std::byte>& own) {
     const auto ranks = static_cast<std::size_t>(myRanks);
-    const std::int64_t size = myFailure ? Failed : static_cast<std::int64_t>(own.size());
+    const auto size = static_cast<std::int64_t>(own.size());
     ++myTraffic.rounds;
     MPI_Allgather(&size, 1, MPI_INT64_T, myOffers.data(), 1, MPI_INT64_T, myComm);
-    if (const auto failed = std::find(myOffers.begin(), myOffers.end(), Failed); failed != myOffers.end())
-        throwFailureOf(static_cast<int>(failed - myOffers.begin()));
 
     // Pieces of all ranks at a time: places among what is received are of 31 bits, too.
     const std::size_t piece = std::max<std::size_t>(std::min(myMost, std::size_t{1} << 30) / ranks, 1);

@@ -60,27 +60,46 @@ std::vector<index_t> shellOf(const MultiIndex<3>& size, index_t depth) {
     return all;
 }
 
+} // namespace
+
 /// Elements of a stand-in that are known, and where they are.
-template<class T>
 struct Sparse {
+    unsigned char code = 0;       // their type, as in messages; 0: there are none
     std::vector<index_t> indices; // empty: those of the shell of some depth
-    std::vector<T> elements;
+    std::vector<std::byte> elements;
+
+    /// What `putElements` has written of so many elements.
+    void take(Reader& content, std::size_t count) {
+        code = content.get<unsigned char>();
+        withCode(Elements(), code, [&]<class T>(TypeList<T>) {
+            const auto more = content.take(count * sizeof(T));
+            elements.insert(elements.end(), more.begin(), more.end());
+        });
+    }
 };
 
-/// Makes the array of a stand-in when it is asked for.
-template<class T>
-StrongPtr<CreativeArrayBase> creatorOf(const MultiIndex<3>& size, index_t depth, Sparse<T> known,
+namespace {
+
+/// Makes the array of a stand-in when it is asked for. Null where nothing is known.
+StrongPtr<CreativeArrayBase> creatorOf(const MultiIndex<3>& size, index_t depth, Sparse known,
                                        const StrongPtr<Hestra::Cache>& cache) {
-    const auto shared = std::make_shared<const Sparse<T>>(std::move(known));
-    const auto create = [size, depth, shared](const Hestra::WeakPtr<CreativeArrayBase>& creator) {
-        const auto array = MemArray<3, T>::create(size, creator);
-        const std::vector<index_t> shell = shared->indices.empty() ? shellOf(size, depth) : std::vector<index_t>();
-        const std::vector<index_t>& indices = shared->indices.empty() ? shell : shared->indices;
-        for (std::size_t n = 0; n < indices.size(); ++n) array->element(indices[n]) = shared->elements[n];
-        return StrongPtr<MemBase>(array);
-    };
-    return StrongPtr<CreativeArrayBase>(
-        new CreativeArray(CreativeArray::CreationFunction(create), VantleTypeIndex(typeid(T)), size, cache));
+    StrongPtr<CreativeArrayBase> made;
+    const auto shared = std::make_shared<const Sparse>(std::move(known));
+    withCode(Elements(), shared->code, [&]<class T>(TypeList<T>) {
+        const auto create = [size, depth, shared](const Hestra::WeakPtr<CreativeArrayBase>& creator) {
+            const auto array = MemArray<3, T>::create(size, creator);
+            const std::vector<index_t> shell = shared->indices.empty() ? shellOf(size, depth) : std::vector<index_t>();
+            const std::byte* from = shared->elements.data();
+            for (const index_t index : shared->indices.empty() ? shell : shared->indices) {
+                std::memcpy(static_cast<void*>(&array->element(index)), from, sizeof(T));
+                from += sizeof(T);
+            }
+            return StrongPtr<MemBase>(array);
+        };
+        made = StrongPtr<CreativeArrayBase>(
+            new CreativeArray(CreativeArray::CreationFunction(create), VantleTypeIndex(typeid(T)), size, cache));
+    });
+    return made;
 }
 
 /// The validity of the cells at the faces of a block, one byte each, ascending; nothing where all are valid.
@@ -199,25 +218,43 @@ void Halo::findNeighbours(int rings) {
     }
 }
 
+void Halo::sendShells(const std::function<void(std::uint32_t, Writer&)>& write,
+                      const std::function<void(std::uint32_t, Reader&)>& take) const {
+    const std::vector<std::pair<std::uint32_t, std::set<int>>> given(myReceivers.begin(), myReceivers.end());
+    myExchange.inRounds(
+        given.size(),
+        [&](Outbox& outbox, std::size_t n) {
+            Writer writer;
+            write(given[n].first, writer);
+            for (const int rank : given[n].second) outbox.add(rank, given[n].first, given[n].first, writer.bytes);
+        },
+        [&](const Inbox& inbox) {
+            for (Inbox::Message& message : inbox.messages()) take(message.from, message.content);
+        });
+}
+
 void Halo::exchangePositions(const Representation& own, const ShellSource& shells) {
+    struct StandIn {
+        Sparse points;
+        std::vector<unsigned char> valid;
+    };
     const StrongPtr<Field> positions = own.Positions();
     const Blanking blanking(own);
-    Outbox outbox(myExchange.ranks());
-    myExchange.attempt([&] {
-        for (const auto& [block, receivers] : myReceivers) {
+    std::map<std::uint32_t, StandIn> standIns;
+    sendShells(
+        [&](std::uint32_t block, Writer& writer) {
             const BlockInfo& info = myAll.blocks[block].info;
             const StrongPtr<FragmentID> id = positions->getFragmentID(info.name);
-            Writer writer;
             putElements(writer, shells ? shells(block) : getDataInDoublePrecision(*positions, id),
                         shellOf(info.size, myRequest.depth));
             writer.putAll(std::span<const unsigned char>(cellsOf(blanking.of(id, info.size).rawptr(), info.size)));
-            for (const int rank : receivers) outbox.add(rank, block, block, writer.bytes);
-        }
-    });
-    const Inbox inbox = myExchange.round(std::move(outbox));
+        },
+        [&](std::uint32_t block, Reader& content) {
+            StandIn& standIn = standIns[block];
+            standIn.points.take(content, shellOf(myAll.blocks[block].info.size, myRequest.depth).size());
+            standIn.valid = content.getAll<unsigned char>();
+        });
     myExchange.attempt([&] {
-        std::map<std::uint32_t, Reader> standIns;
-        for (const Inbox::Message& message : inbox.messages()) standIns.emplace(message.from, message.content);
         myMembers = myAll.own;
         for (const auto& [block, content] : standIns) myMembers.push_back(block);
         std::sort(myMembers.begin(), myMembers.end());
@@ -245,16 +282,9 @@ void Halo::exchangePositions(const Representation& own, const ShellSource& shell
                 hasCells = keep(cells, blanking.cellMask()) || hasCells;
                 continue;
             }
-            Reader& content = standIn->second;
-            withCode(Elements(), content.get<unsigned char>(), [&]<class T>(TypeList<T>) {
-                if constexpr (std::is_same_v<T, Point>) {
-                    Sparse<Point> known;
-                    known.elements.resize(shellOf(info.size, myRequest.depth).size());
-                    for (Point& point : known.elements) point = content.get<Point>();
-                    places->setCreator(creatorOf(info.size, myRequest.depth, std::move(known), myCache), id);
-                }
-            });
-            const auto valid = content.getAll<unsigned char>();
+            if (const auto creator = creatorOf(info.size, myRequest.depth, std::move(standIn->second.points), myCache))
+                places->setCreator(creator, id);
+            const std::vector<unsigned char>& valid = standIn->second.valid;
             if (!valid.empty()) cells->setCreator(maskOf(valid, info.size), id);
             hasCells = hasCells || !valid.empty();
         }
@@ -405,51 +435,69 @@ void Halo::listShared() {
         }
     std::sort(myHolders.begin(), myHolders.end());
     myHolders.erase(std::unique(myHolders.begin(), myHolders.end()), myHolders.end());
+    myCommon.assign(myMembers.size(), {});
+    const auto mark = [&](const BlockVertex& vertex) {
+        if (!isOwn(vertex.block)) return;
+        std::vector<bool>& of = myCommon[vertex.block];
+        of.resize(myAll.blocks[myMembers[vertex.block]].info.size.product());
+        of[vertex.index] = true;
+    };
+    for (const Holder& holder : myHolders) mark(holder.vertex);
+    for (unsigned int member = 0; member < myMembers.size(); ++member)
+        for (const BlockJoins::Shared& shared : myJoins->shared(member))
+            forRanksOf(shared.owner, [&](int) { mark({member, shared.index}); });
+}
+
+StrongPtr<Field> Halo::ownOf(const Field& field) const {
+    const StrongPtr<Field> made = Hestra::makeRef<Field>(myIDs);
+    for (const std::uint32_t block : myAll.own)
+        if (const auto creator = field.getCreator(id(memberOf(block)))) made->setCreator(creator, id(memberOf(block)));
+    return made;
+}
+
+void Halo::setStandIn(Field& field, std::uint32_t block, index_t depth, Sparse known) const {
+    if (const auto creator = creatorOf(myAll.blocks[block].info.size, depth, std::move(known), myCache))
+        field.setCreator(creator, id(memberOf(block)));
 }
 
 std::vector<StrongPtr<Field>> Halo::extend(const std::vector<StrongPtr<Field>>& fields) const {
-    Outbox outbox(myExchange.ranks());
+    std::map<std::pair<std::uint32_t, std::uint32_t>, const SharedList*> awaited;
+    std::map<std::uint32_t, std::vector<Sparse>> known; // by owner: of each field
     myExchange.attempt([&] {
-        for (const SharedList& given : myGiven) {
+        for (const SharedList& taken : myTaken) awaited[{taken.to, taken.from}] = &taken;
+    });
+    const auto disagree = [] { throw std::logic_error("ranks do not agree which vertices of their blocks are one"); };
+    myExchange.inRounds(
+        myGiven.size(),
+        [&](Outbox& outbox, std::size_t n) {
+            const SharedList& given = myGiven[n];
             Writer writer;
             writer.put(static_cast<std::uint64_t>(given.indices.size()));
             for (const StrongPtr<Field>& field : fields)
                 putElements(writer, getDataInDoublePrecision(*field, id(memberOf(given.from))), given.indices);
             outbox.add(given.rank, given.to, given.from, writer.bytes);
-        }
-    });
-    const Inbox inbox = myExchange.round(std::move(outbox));
+        },
+        [&](const Inbox& inbox) {
+            for (Inbox::Message& message : inbox.messages()) {
+                const auto found = awaited.find({message.to, message.from});
+                if (found == awaited.end() || message.content.get<std::uint64_t>() != found->second->indices.size())
+                    disagree();
+                const std::vector<index_t>& indices = found->second->indices;
+                std::vector<Sparse>& of = known[message.from];
+                of.resize(fields.size());
+                for (Sparse& field : of) {
+                    field.indices.insert(field.indices.end(), indices.begin(), indices.end());
+                    field.take(message.content, indices.size());
+                }
+                awaited.erase(found);
+            }
+        });
     std::vector<StrongPtr<Field>> extended;
     myExchange.attempt([&] {
-        std::map<std::uint32_t, std::vector<std::pair<const SharedList*, Reader>>> ofOwner;
-        std::map<std::pair<std::uint32_t, std::uint32_t>, Reader> received;
-        for (const Inbox::Message& message : inbox.messages())
-            received.emplace(std::pair(message.to, message.from), message.content);
-        for (const SharedList& taken : myTaken) {
-            const auto found = received.find({taken.to, taken.from});
-            if (found == received.end() || found->second.get<std::uint64_t>() != taken.indices.size())
-                throw std::logic_error("ranks do not agree which vertices of their blocks are one");
-            ofOwner[taken.from].emplace_back(&taken, found->second);
-        }
-        for (const StrongPtr<Field>& field : fields) {
-            const StrongPtr<Field> to = extended.emplace_back(Hestra::makeRef<Field>(myIDs));
-            for (const std::uint32_t block : myAll.own)
-                if (const auto creator = field->getCreator(id(memberOf(block))))
-                    to->setCreator(creator, id(memberOf(block)));
-            for (auto& [owner, lists] : ofOwner) {
-                unsigned char code = 0;
-                for (auto& [list, content] : lists) code = content.get<unsigned char>();
-                withCode(Elements(), code, [&, owner = owner, &lists = lists]<class T>(TypeList<T>) {
-                    Sparse<T> known;
-                    for (auto& [list, content] : lists)
-                        for (const index_t index : list->indices) {
-                            known.indices.push_back(index);
-                            known.elements.push_back(content.template get<T>());
-                        }
-                    const MultiIndex<3>& size = myAll.blocks[owner].info.size;
-                    to->setCreator(creatorOf(size, 0, std::move(known), myCache), id(memberOf(owner)));
-                });
-            }
+        if (!awaited.empty()) disagree();
+        for (std::size_t n = 0; n < fields.size(); ++n) {
+            extended.push_back(ownOf(*fields[n]));
+            for (auto& [owner, of] : known) setStandIn(*extended.back(), owner, 0, std::move(of[n]));
         }
     });
     extended.resize(fields.size()); // null where this has failed, of which the next exchange tells
@@ -457,31 +505,17 @@ std::vector<StrongPtr<Field>> Halo::extend(const std::vector<StrongPtr<Field>>& 
 }
 
 StrongPtr<Field> Halo::extendShells(const StrongPtr<Field>& field, const ShellSource& shells) const {
-    Outbox outbox(myExchange.ranks());
-    myExchange.attempt([&] {
-        for (const auto& [block, receivers] : myReceivers) {
-            Writer writer;
-            putElements(writer, shells(block), shellOf(myAll.blocks[block].info.size, myRequest.depth));
-            for (const int rank : receivers) outbox.add(rank, block, block, writer.bytes);
-        }
-    });
-    const Inbox inbox = myExchange.round(std::move(outbox));
     StrongPtr<Field> extended;
-    myExchange.attempt([&] {
-        extended = Hestra::makeRef<Field>(myIDs);
-        for (const std::uint32_t block : myAll.own)
-            if (const auto creator = field->getCreator(id(memberOf(block))))
-                extended->setCreator(creator, id(memberOf(block)));
-        for (Inbox::Message& message : inbox.messages())
-            withCode(Elements(), message.content.get<unsigned char>(), [&]<class T>(TypeList<T>) {
-                const MultiIndex<3>& size = myAll.blocks[message.from].info.size;
-                Sparse<T> known;
-                known.elements.resize(shellOf(size, myRequest.depth).size());
-                for (T& element : known.elements) element = message.content.template get<T>();
-                extended->setCreator(creatorOf(size, myRequest.depth, std::move(known), myCache),
-                                     id(memberOf(message.from)));
-            });
-    });
+    myExchange.attempt([&] { extended = ownOf(*field); });
+    sendShells(
+        [&](std::uint32_t block, Writer& writer) {
+            putElements(writer, shells(block), shellOf(myAll.blocks[block].info.size, myRequest.depth));
+        },
+        [&](std::uint32_t block, Reader& content) {
+            Sparse known;
+            known.take(content, shellOf(myAll.blocks[block].info.size, myRequest.depth).size());
+            setStandIn(*extended, block, myRequest.depth, std::move(known));
+        });
     return extended;
 }
 

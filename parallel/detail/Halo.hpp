@@ -50,6 +50,8 @@ struct HaloRequest {
     int rings = 1;
 };
 
+struct Sparse;
+
 class Halo {
 public:
     /// Collective. `own` has positions and masks of own blocks, by their names.
@@ -82,8 +84,9 @@ public:
         return myJoins->fragment(member);
     }
 
-    /// Whether no other rank has a vertex of own blocks.
-    [[nodiscard]] bool isAlone() const noexcept { return myHolders.empty(); }
+    /// Whether other ranks have vertices of an own block, and whether they have this one.
+    [[nodiscard]] bool isCommon(unsigned int member) const noexcept { return !myCommon[member].empty(); }
+    [[nodiscard]] bool isCommon(const BlockVertex& vertex) const { return myCommon[vertex.block][vertex.index]; }
     /// Calls `take(rank)` for the other ranks that have a vertex, given by its owner in the grid, each once.
     template<class Take>
     void forRanksOf(const BlockVertex& owner, const Take& take) const {
@@ -111,6 +114,11 @@ private:
         auto operator<=>(const Holder&) const = default;
     };
     using ShellSource = std::function<Hestra::StrongPtr<MemBase>(std::uint32_t)>;
+    /// What own blocks say to the ranks around them, in rounds.
+    void sendShells(const std::function<void(std::uint32_t block, Writer&)>& write,
+                    const std::function<void(std::uint32_t block, Reader&)>& take) const;
+    [[nodiscard]] Hestra::StrongPtr<Field> ownOf(const Field& field) const;
+    void setStandIn(Field& field, std::uint32_t block, index_t depth, Sparse known) const;
     void findNeighbours(int rings);
     void exchangePositions(const Representation& own, const ShellSource& shells);
     void gatherJoins();
@@ -130,7 +138,8 @@ private:
     std::vector<bool> isOwnMember;
     Hestra::StrongPtr<BlockJoins> myJoins;
     std::vector<SharedList> myGiven, myTaken;
-    std::vector<Holder> myHolders; // ascending
+    std::vector<Holder> myHolders;           // ascending
+    std::vector<std::vector<bool>> myCommon; // of own members: by vertex, if there are such
 
     std::vector<BlockJoin> myAllJoins;
     std::vector<DoubtfulFace> myDoubts;

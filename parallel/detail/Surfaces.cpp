@@ -92,20 +92,20 @@ public:
             for (const Triangle& triangle : mySurface.triangles->base_vector())
                 for (int c = 0; c < 3; ++c) myUsed[triangle[c]] = 1;
         }
-        if (halo.isAlone()) return;
         const BlockJoins& joins = *halo.joins();
         auto part = mySurface.parts.begin();
         std::vector<int> one, two;
         std::size_t v = 0;
         for (const detail::SurfacePiece& piece : mySurface.pieces) {
             const unsigned int member = joins.find(piece.fragment);
-            if (!isJoined(joins, member)) {
+            if (!halo.isCommon(member)) {
                 v = piece.endVertex;
                 continue;
             }
             for (; v < piece.endVertex; ++v) {
                 const detail::GridEdge edge = piece.edge(mySurface.identifiers->base_vector()[v]);
-                if (!detail::isOnFace(edge, piece.size)) continue;
+                if (!halo.isCommon({member, edge.lower.linear(piece.size)}) || !detail::isOnFace(edge, piece.size))
+                    continue;
                 const detail::OrderedEdge ordered(joins, member, edge, piece.size);
                 one.clear();
                 two.clear();

@@ -10,6 +10,7 @@
 #include <numbers>
 #include <parallel/ParallelDataSet.hpp>
 #include <parallel/detail/BoxTree.hpp>
+#include <sys/resource.h>
 #include <unistd.h>
 
 // Each rank makes all blocks, and asks a data set of all of them on its own: what the ranks find together has to be the
@@ -452,6 +453,43 @@ TEST(ParallelExchangeTest, BringsAllMessagesInPiecesOfAnySize) {
             EXPECT_EQ(Vantle::detail::Reader(all[static_cast<std::size_t>(r)]).getText(), text(r, 3));
         EXPECT_EQ(exchange.greatest(static_cast<std::uint64_t>(rank)), static_cast<std::uint64_t>(ranks - 1));
     }
+}
+
+// Whatever a rank fails in, and whichever exchange comes next, that is what throws, on all ranks, with that rank's
+// reason.
+TEST(ParallelExchangeTest, ThrowsOnAllRanksBeforeAnythingIsSent) {
+    using Vantle::detail::Outbox;
+    const int rank = rankOfWorld(), last = ranksOfWorld() - 1;
+    const std::string who = "rank " + std::to_string(last) + ": ";
+    Vantle::detail::Exchange exchange(MPI_COMM_WORLD, 1);
+    for (int which = 0; which < 3; ++which) {
+        exchange.attempt([&] {
+            if (rank == last) throw std::runtime_error("has given up");
+        });
+        exchange.attempt([&] { EXPECT_NE(rank, last); });
+        EXPECT_ERROR(who + "has given up", which == 0   ? (void)exchange.round(Outbox(last + 1))
+                                           : which == 1 ? (void)exchange.gather({})
+                                                        : exchange.agree());
+        EXPECT_EQ(exchange.greatest(7), 7U);
+    }
+#ifndef __SANITIZE_ADDRESS__ // which has all addresses
+    if (last == 0) return;
+    constexpr std::size_t Much = std::size_t{1} << 26;
+    rlimit limit{}, less{};
+    getrlimit(RLIMIT_AS, &limit);
+    Outbox outbox(last + 1);
+    const std::vector<std::byte> message(rank == 0 ? Much : 0);
+    if (rank == 0) outbox.add(last, 0, 0, message);
+    less = limit;
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    less.rlim_cur = pages * static_cast<std::size_t>(getpagesize()) + Much / 2;
+    if (rank == last) setrlimit(RLIMIT_AS, &less);
+    const std::string error = errorOf([&] { (void)exchange.round(std::move(outbox)); });
+    setrlimit(RLIMIT_AS, &limit);
+    EXPECT_EQ(error, who + "there is not enough memory for " + std::to_string(Much + 16) + " bytes of other ranks");
+    EXPECT_EQ(exchange.greatest(7), 7U);
+#endif
 }
 
 TEST(ParallelExchangeTest, TreesOfBoxesFindWhatALookAtEachFinds) {
