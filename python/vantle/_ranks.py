@@ -2,8 +2,6 @@
 
 from typing import Any
 
-from . import _display
-
 NAMES = ("ParallelBlock", "ParallelDataSet", "ParallelImage", "ParallelLocated", "ParallelSurface")
 
 
@@ -22,5 +20,4 @@ def find(name: str) -> Any:
             f"vantle.{name} is not installed: it is in the package python3-vantle-parallel, or in a build that has found MPI "
             "and mpi4py (Debian: libopenmpi-dev, python3-mpi4py; -DVANTLE_BUILD_PARALLEL=ON)"
         ) from missing
-    setattr(_parallel.ParallelDataSet, "_repr_html_", _display.parallel_data_set)
     return getattr(_parallel, name)

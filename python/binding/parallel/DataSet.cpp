@@ -141,7 +141,10 @@ ParallelImageObject resample(const ParallelObject& self, const std::array<py::ss
     if (!fields)
         for (const Vantle::FieldInfo& info : self.value.fields()) names.push_back(info.name);
     Vantle::ParallelImage image = collectively(self.turn, progress, [&](const Progress& tell) {
-        return self.value.resample(count, box ? *box : self.value.bounds(tell), names, root.value_or(-1), tell);
+        const double before = box ? 0.0 : 0.1; // of what is done for the bounds
+        if (!box) box = self.value.bounds([&](double share) { return tell(before * share); });
+        return self.value.resample(count, *box, names, root.value_or(-1),
+                                   [&](double share) { return tell(before + (1.0 - before) * share); });
     });
     return {{std::move(image.part)}, image.first, image.layers};
 }

@@ -43,4 +43,6 @@ PYBIND11_MODULE(_parallel, module) {
     defineParallelSurface(module);
     defineParallelLocated(module);
     defineParallelDataSet(module);
+    module.attr("ParallelDataSet").attr("_repr_html_") =
+        py::module_::import("vantle._display").attr("parallel_data_set"); // written in Python
 }
