@@ -1,6 +1,5 @@
-#include <parallel/ParallelDataSet.hpp>
-
 #include <cstdio>
+#include <parallel/ParallelDataSet.hpp>
 
 // A layer of a box for each rank: together one plane without doubled points.
 int main(int argc, char** argv) {

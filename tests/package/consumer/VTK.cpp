@@ -1,6 +1,5 @@
-#include <vtk/VtkObjects.hpp>
-
 #include <cstdio>
+#include <vtk/VtkObjects.hpp>
 #include <vtkImageData.h>
 #include <vtkNew.h>
 #include <vtkPointData.h>
