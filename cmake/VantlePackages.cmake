@@ -94,4 +94,9 @@ if(TARGET VantlePython)
     "${about}\n.\nThe module vantle for Python 3, with NumPy arrays in and out." libvantle${abi} ${interpreter} python3-numpy)
   set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-matplotlib, python3-vtk9")
 endif()
+if(TARGET VantlePythonParallel)
+  vantle_package(python-parallel python3-vantle-parallel python "operations on multi-block grids over MPI from Python"
+    "${about}\n.\nThe class vantle.ParallelDataSet, for communicators of mpi4py." python3-vantle libvantle-parallel${abi}
+    python3-mpi4py)
+endif()
 include(CPack)

@@ -30,22 +30,26 @@ def potential(p):
     return p[..., 0] + p[..., 0] / squared + STRAIN * (p[..., 2] ** 2 - squared / 2 + np.log(squared) / 2)
 
 
-def cylinder_flow(blocks=8, around=16, across=32, along=24):
-    """The flow on blocks whose cells shrink towards the wall, and are twisted in between."""
-    flow = vt.DataSet()
+def add_sector(flow, number, blocks=8, around=16, across=32, along=24):
+    """Adds a block of the ring around the cylinder; its cells shrink towards the wall, and are twisted in between."""
     k, j, i = np.meshgrid(np.arange(along + 1), np.arange(across + 1), np.arange(around + 1), indexing="ij")
     middle = np.where((j > 0) & (j < across), np.sin(np.pi * j / across), 0.0)
     twist = 0.12 * middle * np.cos(np.pi * k / along)
     height = k / along + np.where((k > 0) & (k < along), 0.06 * middle * np.sin(2 * np.pi * k / along), 0.0)
     radius = 4.0 ** (j / across)
+    # The last vertices around are the first ones: equal angles, whose coordinates are equal in every bit.
+    angle = 2 * np.pi * ((number * around + i) % (blocks * around)) / (blocks * around) + twist
+    points = np.stack([radius * np.cos(angle), radius * np.sin(angle), 2.5 * height], axis=-1)
+    block = flow.add_block(f"sector{number + 1}", points)
+    block["velocity"] = velocity(points)
+    block["pressure"] = 1 - (velocity(points) ** 2).sum(axis=-1)
+    block["potential"] = potential(points)
+
+
+def cylinder_flow(blocks=8):
+    flow = vt.DataSet()
     for number in range(blocks):
-        # The last vertices around are the first ones: equal angles, whose coordinates are equal in every bit.
-        angle = 2 * np.pi * ((number * around + i) % (blocks * around)) / (blocks * around) + twist
-        points = np.stack([radius * np.cos(angle), radius * np.sin(angle), 2.5 * height], axis=-1)
-        block = flow.add_block(f"sector{number + 1}", points)
-        block["velocity"] = velocity(points)
-        block["pressure"] = 1 - (velocity(points) ** 2).sum(axis=-1)
-        block["potential"] = potential(points)
+        add_sector(flow, number, blocks)
     return flow
 
 

@@ -19,6 +19,15 @@ constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
 
 ParallelDataSet::ParallelDataSet(MPI_Comm comm, const DataSet& local, const ParallelOptions& options)
     : myData(std::make_shared<Data>(comm, local, options)) {}
+ParallelDataSet::ParallelDataSet(MPI_Comm comm, const std::function<DataSet(ParallelOptions&)>& local,
+                                 const ParallelOptions& given) {
+    auto exchange = std::make_shared<detail::Exchange>(comm, given.budget);
+    ParallelOptions options = given;
+    DataSet mine;
+    exchange->attempt([&] { mine = local(options); });
+    exchange->agree();
+    myData = std::make_shared<Data>(exchange, mine, options);
+}
 ParallelDataSet::ParallelDataSet(std::shared_ptr<Data> data) : myData(std::move(data)) {}
 
 int ParallelDataSet::rank() const noexcept { return myData->exchange->rank(); }
@@ -89,6 +98,11 @@ ParallelJoins ParallelDataSet::joins() const {
         const detail::Halo& halo = myData->halo();
         return ParallelJoins{halo.allJoins(), halo.allDoubts(), halo.isOrientable()};
     });
+}
+
+void ParallelDataSet::attempt(const std::function<void()>& own) const {
+    myData->exchange->attempt(own);
+    myData->exchange->agree();
 }
 
 // ---- Surfaces -------------------------------------------------------------------------------------------------------

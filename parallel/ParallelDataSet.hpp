@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <mpi.h>
@@ -74,6 +75,10 @@ public:
     /// Failure  ParallelError for a name or a number that is there twice, blocks without name, fields that are scalars
     ///          on one rank and vectors on another one, and different times; ranks without blocks have any.
     explicit ParallelDataSet(MPI_Comm comm, const DataSet& local, const ParallelOptions& options = {});
+    /// The same of what `local` gives, which makes or reads the blocks of this rank, and may number them in the
+    /// options: what it throws on one rank, all ranks throw.
+    explicit ParallelDataSet(MPI_Comm comm, const std::function<DataSet(ParallelOptions&)>& local,
+                             const ParallelOptions& options = {});
 
     /// PLOT3D files, as by `DataSet::read`, of which each rank reads its share of the blocks when it needs them. Block
     /// n is the n-th in order; largest blocks are dealt first, each to the rank that has the fewest vertices.
@@ -99,6 +104,8 @@ public:
     [[nodiscard]] Box bounds(const Progress& progress = {}) const;
     [[nodiscard]] NumberRange range(const std::string& field, const Progress& progress = {}) const;
     [[nodiscard]] ParallelJoins joins() const;
+    /// Does something of the caller's own on each rank: what one throws, all throw. Collective; no operation within it.
+    void attempt(const std::function<void()>& own) const;
 
     // ---- Surfaces
 

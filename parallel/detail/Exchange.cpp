@@ -1,9 +1,13 @@
 
+#include <dataset/io/FileError.hpp>
+
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <parallel/detail/Exchange.hpp>
 #include <parallel/detail/Meter.hpp>
 #include <stdexcept>
+#include <utility>
 
 namespace Vantle {
 
@@ -21,23 +25,36 @@ struct Header {
     std::uint64_t size;
 };
 
-/// What is told of a failure: its first byte, and the reason.
-enum class FailureKind : char { Error = 'e', Cancelled = 'c' };
+using Kind = ParallelError::Kind;
+constexpr char WasCancelled = 'c'; // in place of a kind
 
-std::string textOf(const std::exception_ptr& failure) {
-    const auto error = [](const std::string& why) { return static_cast<char>(FailureKind::Error) + why; };
+/// What is told of a failure: its kind, and the reason. What a caller's own function has thrown is taken out of its
+/// wrapping.
+std::string textOf(std::exception_ptr& failure) {
+    const auto error = [](Kind kind, const std::string& why) { return static_cast<char>(kind) + why; };
     try {
         std::rethrow_exception(failure);
-    } catch (const Passing& passing) { // a caller's own
-        return textOf(passing.what);
+    } catch (const Passing& passing) {
+        failure = passing.what;
+        std::string text = textOf(failure);
+        if (text[0] == static_cast<char>(Kind::Other)) text[0] = static_cast<char>(Kind::Caller);
+        return text;
     } catch (const Cancelled&) {
-        return std::string(1, static_cast<char>(FailureKind::Cancelled));
+        return std::string(1, WasCancelled);
+    } catch (const UnknownName& problem) {
+        return error(Kind::Name, problem.what());
+    } catch (const OutOfMemory& problem) {
+        return error(Kind::Memory, problem.what());
+    } catch (const std::bad_alloc&) {
+        return error(Kind::Memory, "there is not enough memory");
+    } catch (const FileError& problem) {
+        return error(Kind::File, problem.what());
     } catch (const std::exception& problem) {
-        return error(problem.what());
+        return error(Kind::Other, problem.what());
     } catch (const char* problem) {
-        return error(problem);
+        return error(Kind::Other, problem);
     } catch (...) {
-        return error("something that is no error");
+        return error(Kind::Other, "something that is no error");
     }
 }
 
@@ -85,14 +102,15 @@ Exchange::~Exchange() {
 }
 
 void Exchange::throwFailureOf(int rank) {
-    std::string text = rank == myRank ? textOf(myFailure) : std::string();
+    std::exception_ptr cause = rank == myRank ? std::exchange(myFailure, nullptr) : nullptr;
+    std::string text = cause ? textOf(cause) : std::string();
     myFailure = nullptr;
     int size = static_cast<int>(text.size());
     MPI_Bcast(&size, 1, MPI_INT, rank, myComm);
     text.resize(static_cast<std::size_t>(size));
     MPI_Bcast(text.data(), size, MPI_CHAR, rank, myComm);
-    if (text[0] == static_cast<char>(FailureKind::Cancelled)) throw Cancelled();
-    throw ParallelError(rank, text.substr(1));
+    if (text[0] == WasCancelled) throw Cancelled();
+    throw ParallelError(rank, text.substr(1), static_cast<Kind>(text[0]), std::move(cause));
 }
 
 Inbox Exchange::round(Outbox&& outbox) {

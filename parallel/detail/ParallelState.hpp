@@ -27,7 +27,7 @@ auto collective(const std::string& what, const F& f) {
             return f();
         } catch (const ParallelError& problem) {
             if (problem.reason().compare(0, what.size(), what) == 0) throw;
-            throw ParallelError(problem.rank(), what + ": " + problem.reason());
+            throw ParallelError(problem.rank(), what + ": " + problem.reason(), problem.kind(), problem.cause());
         }
     });
 }

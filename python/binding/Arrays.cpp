@@ -128,17 +128,12 @@ StrongPtr<Vantle::CreativeArrayBase> makeLater(const py::object& function, Use u
     const auto reader = [kept = keep(function), use, size, isCopied,
                          what](const Hestra::WeakPtr<Vantle::CreativeArrayBase>& creator) {
         const Locked locked;
-        try {
-            try {
-                return adopt(py::reinterpret_borrow<py::object>(kept.get())(), use, size, isCopied, what, creator);
-            } catch (const py::builtin_exception& error) {
-                error.set_error();
-                throw py::error_already_set();
-            }
-        } catch (py::error_already_set& error) {
-            error.restore();
-            throw PythonFailure();
-        }
+        StrongPtr<MemBase> array;
+        const std::exception_ptr failure = failureOf([&] {
+            array = adopt(py::reinterpret_borrow<py::object>(kept.get())(), use, size, isCopied, what, creator);
+        });
+        if (failure) std::rethrow_exception(failure);
+        return array;
     };
     const VantleTypeIndex type = use == Use::Points ? VantleTypeIndex(typeid(Point)) : VantleTypeIndex();
     return StrongPtr<Vantle::CreativeArrayBase>(

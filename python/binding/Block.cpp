@@ -52,19 +52,6 @@ py::object mask(const BlockObject& self, const Ask& ask) {
     return array ? py::object(viewOf(array, false).attr("astype")("bool")) : py::none();
 }
 
-const char* kindName(Vantle::BlockKind kind) {
-    switch (kind) {
-    case Vantle::BlockKind::Uniform:
-        return "uniform";
-    case Vantle::BlockKind::Rectilinear:
-        return "rectilinear";
-    case Vantle::BlockKind::Curvilinear:
-        return "curvilinear";
-    default:
-        return "other";
-    }
-}
-
 } // namespace
 
 void defineBlock(py::module_& module) {

@@ -1,18 +1,9 @@
 #pragma once
 /// The classes of the module, one a file, and what they hold.
 
-#include "Arrays.hpp"
-
-#include <pybind11/stl.h>
-#include <variant>
+#include "Common.hpp"
 
 namespace VantlePython {
-
-/// A data set: a value, which operations copy while they have the interpreter lock, and then use without. So others may
-/// change it meanwhile.
-struct DataSetObject {
-    Vantle::DataSet value;
-};
 
 /// A block of a data set, by its name there.
 struct BlockObject {
@@ -28,17 +19,6 @@ struct LocatedObject {
     Vantle::Located value;
     std::vector<py::ssize_t> shape;
 };
-
-struct SurfaceObject {
-    Vantle::Surface value;
-};
-
-/// Names of fields: one, or several.
-using Names = std::variant<std::string, std::vector<std::string>>;
-[[nodiscard]] std::vector<std::string> listOf(const std::optional<Names>& names);
-
-/// "2 GiB", "500 MB", or a number of bytes; None is no limit. Failure: ValueError.
-[[nodiscard]] std::size_t bytesOf(const py::object& size);
 
 using DataSetClass = py::class_<DataSetObject, Held<DataSetObject>>;
 void defineBlock(py::module_& module);

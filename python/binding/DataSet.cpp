@@ -1,46 +1,9 @@
 #include "Classes.hpp"
 
-#include <cmath>
-
 namespace VantlePython {
 
 using Vantle::DataSet;
 using Vantle::MultiIndex;
-
-std::vector<std::string> listOf(const std::optional<Names>& names) {
-    if (!names) return {};
-    if (const auto* const one = std::get_if<std::string>(&*names)) return {*one};
-    return std::get<std::vector<std::string>>(*names);
-}
-
-std::size_t bytesOf(const py::object& size) {
-    if (size.is_none()) return std::numeric_limits<std::size_t>::max();
-    const auto refuse = [&] {
-        throw py::value_error("memory: expected bytes, or a text such as \"2 GiB\", got " +
-                              std::string(py::repr(size)));
-    };
-    double bytes = -1.0, unit = 1.0;
-    if (py::isinstance<py::str>(size)) {
-        const auto text = size.cast<std::string>();
-        std::size_t end = 0;
-        try {
-            bytes = std::stod(text, &end);
-        } catch (const std::exception&) {
-            refuse();
-        }
-        end = std::min(text.find_first_not_of(' ', end), text.size());
-        constexpr std::array units{std::pair("", 0.0),  std::pair("B", 0.0), std::pair("k", 1.0), std::pair("K", 1.0),
-                                   std::pair("M", 2.0), std::pair("G", 3.0), std::pair("T", 4.0)};
-        unit = 0.0;
-        for (const auto& [name, power] : units)
-            for (const auto& [rest, base] : {std::pair("", 1000.0), std::pair("B", 1000.0), std::pair("iB", 1024.0)})
-                if (text.substr(end) == std::string(name) + rest) unit = std::pow(base, power);
-    } else {
-        bytes = size.cast<double>();
-    }
-    if (!(bytes >= 0.0) || unit == 0.0 || !(bytes * unit < 9e18)) refuse();
-    return static_cast<std::size_t>(bytes * unit);
-}
 
 namespace {
 

@@ -3,8 +3,6 @@
 #include <baseop/Threads.hpp>
 #include <model/Version.hpp>
 
-#include <pybind11/stl/filesystem.h>
-
 namespace VantlePython {
 
 namespace {
@@ -23,29 +21,11 @@ private:
     std::unique_ptr<Vantle::ScopedThreads> myScope;
 };
 
-template<class T>
-std::optional<T> chosen(const std::optional<std::string>& given, const char* name, const char* first, T firstValue,
-                        const char* second, T secondValue) {
-    if (!given) return std::nullopt;
-    if (*given == first) return firstValue;
-    if (*given == second) return secondValue;
-    throw py::value_error(std::string(name) + ": expected \"" + first + "\" or \"" + second + "\", got \"" + *given +
-                          '"');
-}
-
 DataSetObject readFiles(const py::args& given, const py::object& memory, double heatRatio,
                         std::optional<bool> recordMarks, std::optional<bool> multiBlock, std::optional<bool> blanking,
                         const std::optional<std::string>& byteOrder, const std::optional<std::string>& scalar) {
-    std::vector<std::filesystem::path> files;
-    for (const py::handle& file : given) files.push_back(file.cast<std::filesystem::path>());
-    Vantle::ReadOptions options;
-    options.heatRatio = heatRatio;
-    options.form.recordMarks = recordMarks;
-    options.form.multiBlock = multiBlock;
-    options.form.blanking = blanking;
-    options.form.byteOrder = chosen(byteOrder, "byte_order", "big", std::endian::big, "little", std::endian::little);
-    options.form.scalar =
-        chosen(scalar, "scalar", "float32", Vantle::Plot3DScalar::float32, "float64", Vantle::Plot3DScalar::float64);
+    const std::vector<std::filesystem::path> files = filesOf(given);
+    const Vantle::ReadOptions options = readOptionsOf(heatRatio, recordMarks, multiBlock, blanking, byteOrder, scalar);
     const std::size_t budget = bytesOf(memory);
     return {run([&] {
         Vantle::DataSet data = Vantle::DataSet::read(files, options);

@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <pybind11/stl/filesystem.h>
 
 namespace VantlePython {
 
 using Vantle::DataSet;
-using Vantle::Plane;
 using Vantle::Progress;
 
 namespace {
@@ -35,10 +33,9 @@ SurfaceObject contour(const DataSetObject& self, const std::string& field,
     return {run([&] { return Vantle::Surface::together(all); })};
 }
 
-SurfaceObject slice(const DataSetObject& self, const std::variant<std::string, std::array<double, 3>>& normal,
-                    double at, const std::optional<std::array<double, 3>>& origin,
-                    const std::optional<std::string>& block, const std::optional<Names>& fields,
-                    const py::object& progress) {
+SurfaceObject slice(const DataSetObject& self, const Normal& normal, double at,
+                    const std::optional<std::array<double, 3>>& origin, const std::optional<std::string>& block,
+                    const std::optional<Names>& fields, const py::object& progress) {
     const DataSet data = self.value;
     if (block) {
         const auto* const name = std::get_if<std::string>(&normal);
@@ -48,19 +45,7 @@ SurfaceObject slice(const DataSetObject& self, const std::variant<std::string, s
         const Vantle::IndexPlane layer{*block, static_cast<int>(axis), static_cast<Vantle::index_t>(at)};
         return {run(progress, [&](const Progress& tell) { return data.slice(layer, listOf(fields), tell); })};
     }
-    Plane plane;
-    if (const auto* const axis = std::get_if<std::string>(&normal)) {
-        if (*axis != "x" && *axis != "y" && *axis != "z")
-            throw py::value_error("slice: expected \"x\", \"y\", \"z\", a normal, or a layer of a block=..., got \"" +
-                                  *axis + '"');
-        if (origin) throw py::value_error("slice: an origin goes with a normal, not with \"" + *axis + '"');
-        plane = *axis == "x" ? Plane::x(at) : *axis == "y" ? Plane::y(at) : Plane::z(at);
-    } else {
-        if (at != 0.0) throw py::value_error("slice: a normal goes with an origin, not with a coordinate");
-        const auto& n = std::get<1>(normal);
-        const auto o = origin.value_or(std::array<double, 3>());
-        plane = {{o[0], o[1], o[2]}, {n[0], n[1], n[2]}};
-    }
+    const Vantle::Plane plane = planeOf(normal, at, origin);
     return {run(progress, [&](const Progress& tell) { return data.slice(plane, listOf(fields), tell); })};
 }
 
@@ -76,16 +61,9 @@ DataSetObject resample(const DataSetObject& self, const std::array<py::ssize_t, 
 }
 
 py::list joins(const DataSet& data, const StrongPtr<const Vantle::BlockJoins>& joins) {
-    const py::object join = py::module_::import("vantle._joins").attr("Join");
-    const std::vector<Vantle::BlockInfo> blocks = run([&] { return data.blocks(); });
-    const auto face = [&](const Vantle::BlockFace& of) {
-        return py::make_tuple(blocks[of.block].name, std::string(1, "ijk"[of.axis]) + (of.upper ? "max" : "min"));
-    };
-    py::list all;
-    for (const Vantle::BlockJoin& found : joins->joins())
-        all.append(join(face(found.first), face(found.second), tupleOf(found.low), tupleOf(found.high),
-                        found.motion < 0 ? py::object(py::none()) : py::int_(found.motion), found.largestDistance));
-    return all;
+    std::vector<std::string> names;
+    for (const Vantle::BlockInfo& block : run([&] { return data.blocks(); })) names.push_back(block.name);
+    return joinsOf(joins->joins(), names);
 }
 
 void save(const DataSetObject& self, const std::filesystem::path& file, const std::optional<Names>& fields,

@@ -49,9 +49,21 @@ struct Waiting {
     PyObject* object;
     Waiting* next;
 };
-std::atomic<Waiting*> firstWaiting{nullptr}; // no lock, which a child process might find locked
+
+/// What the extension modules of the package share. Lives longer than the interpreter.
+struct Shared {
+    std::atomic<Waiting*> firstWaiting{nullptr}; // no lock, which a child process might find locked
+    Kept listener;
+};
+
+/// Needs the interpreter lock when it is first called by a module.
+Shared& shared() {
+    static Shared& all = py::get_or_create_shared_data<Shared>("vantle");
+    return all;
+}
 
 void letGo(PyObject* object) noexcept {
+    std::atomic<Waiting*>& firstWaiting = shared().firstWaiting;
     auto* const waiting = new (std::nothrow) Waiting{object, firstWaiting.load(std::memory_order_relaxed)};
     if (!waiting) return; // rather lost than waited for
     while (!firstWaiting.compare_exchange_weak(waiting->next, waiting, std::memory_order_release,
@@ -62,13 +74,14 @@ void letGo(PyObject* object) noexcept {
 } // namespace
 
 Kept keep(py::object object) {
+    (void)shared();
     Kept kept(object.ptr(), letGo);
     object.release();
     return kept;
 }
 
 void giveBack() noexcept {
-    for (Waiting* waiting = firstWaiting.exchange(nullptr, std::memory_order_acquire); waiting;) {
+    for (Waiting* waiting = shared().firstWaiting.exchange(nullptr, std::memory_order_acquire); waiting;) {
         const std::unique_ptr<Waiting> done(waiting);
         waiting = done->next;
         const py::error_scope present; // which finalizers might touch
@@ -85,7 +98,32 @@ PythonFailure::PythonFailure() {
     if (trace) PyException_SetTraceback(value, trace);
     Py_XDECREF(type);
     Py_XDECREF(trace);
-    myError = keep(py::reinterpret_steal<py::object>(value));
+    const auto error = py::reinterpret_steal<py::object>(value);
+    const char* const kind = Py_TYPE(value)->tp_name;
+    try {
+        const std::string why = py::str(error);
+        myText = why.empty() ? kind : kind + (": " + why);
+    } catch (py::error_already_set&) { // an exception that cannot say what it is
+        myText = kind;
+    }
+    myError = keep(error);
+}
+
+std::exception_ptr failureOf(const std::function<void()>& f) {
+    try {
+        try {
+            f();
+        } catch (const py::builtin_exception& error) {
+            error.set_error();
+            throw py::error_already_set();
+        }
+    } catch (py::error_already_set& error) {
+        error.restore();
+        return std::make_exception_ptr(PythonFailure());
+    } catch (...) {
+        return std::current_exception();
+    }
+    return nullptr;
 }
 
 void PythonFailure::restore() const {
@@ -170,20 +208,13 @@ bool Watch::tell(double share) {
 
 // ---- Messages -------------------------------------------------------------------------------------------------------
 
-namespace {
-Kept& listenerOfPython() {
-    static Kept& listener = *new Kept; // lives longer than the interpreter
-    return listener;
-}
-} // namespace
-
 void setMessages(py::object listener) {
-    listenerOfPython() = listener.is_none() ? Kept() : keep(std::move(listener));
+    shared().listener = listener.is_none() ? Kept() : keep(std::move(listener));
     giveBack();
 }
 
 Hestra::Console::Listener messages() {
-    const Kept listener = listenerOfPython();
+    const Kept listener = shared().listener;
     if (!listener) return {};
     return [listener](std::string_view text) {
         const Locked locked;

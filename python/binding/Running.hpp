@@ -8,8 +8,11 @@
 #include <dataset/DataSet.hpp>
 
 #include <chrono>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <pybind11/pybind11.h>
+#include <string>
 
 namespace VantlePython {
 
@@ -54,12 +57,17 @@ class PythonFailure : public std::exception {
 public:
     /// Takes the present error of the interpreter, whose lock is needed.
     PythonFailure();
-    [[nodiscard]] const char* what() const noexcept override { return "an exception of Python"; }
+    /// Its class and text, for those who cannot have it itself.
+    [[nodiscard]] const char* what() const noexcept override { return myText.c_str(); }
     void restore() const;
 
 private:
     Kept myError;
+    std::string myText;
 };
+
+/// What a function throws, exceptions of Python as `PythonFailure`. Needs the interpreter lock.
+[[nodiscard]] std::exception_ptr failureOf(const std::function<void()>& f);
 
 /// Deletes what a Python object holds, without the interpreter lock, and gives back what was kept for it.
 struct Release {

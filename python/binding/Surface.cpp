@@ -1,7 +1,5 @@
 #include "Classes.hpp"
 
-#include <pybind11/stl/filesystem.h>
-
 namespace VantlePython {
 
 using Vantle::Surface;

@@ -8,7 +8,9 @@ Arrays are those of NumPy, shared with the library: shape (nk, nj, ni) of scalar
 vectors. Numbers of vertices are (ni, nj, nk). See `DataSet`.
 """
 
-from . import _display, _plot, vtk
+import typing as _typing
+
+from . import _display, _plot, _ranks, vtk
 from ._errors import Cancelled, UnknownName
 from ._joins import Join
 from ._messages import messages
@@ -30,6 +32,19 @@ __all__ = [
     "Block", "Cancelled", "DataSet", "FieldInfo", "Join", "Located", "Motion", "Surface", "UnknownName",
     "__version__", "from_vtk", "messages", "read", "thread_count", "threads", "vtk",
 ]  # fmt: skip
+
+if _typing.TYPE_CHECKING:
+    from ._parallel import ParallelBlock as ParallelBlock
+    from ._parallel import ParallelDataSet as ParallelDataSet
+    from ._parallel import ParallelImage as ParallelImage
+    from ._parallel import ParallelLocated as ParallelLocated
+    from ._parallel import ParallelSurface as ParallelSurface
+else:
+
+    def __getattr__(name):
+        """Classes over the ranks of MPI: loaded, and mpi4py with them, when they are first named."""
+        return globals().setdefault(name, _ranks.find(name))
+
 
 # What is written in Python, as methods.
 for _class, _name, _method in (

@@ -346,6 +346,23 @@ TEST(ParallelFailureTest, IsThatOfAllRanksWhichCanGoOn) {
         return true;
     };
     EXPECT_ERROR(who + ": slice: a caller's own", (void)many.slice(Plane::y(0.5), {}, own));
+    const auto fail = [&] {
+        if (rank == last) throw Vantle::UnknownName("mine");
+    };
+    EXPECT_ERROR(who + ": mine", ParallelDataSet(MPI_COMM_WORLD, [&](ParallelOptions&) {
+                     fail();
+                     return mine;
+                 }));
+    try {
+        many.attempt(fail);
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const ParallelError& error) {
+        EXPECT_EQ(error.kind(), ParallelError::Kind::Name);
+        ASSERT_EQ(error.cause() != nullptr, rank == last);
+        if (error.cause()) {
+            EXPECT_THROW(std::rethrow_exception(error.cause()), Vantle::UnknownName);
+        }
+    }
 
     // Data that one rank cannot make; what does not need them goes on.
     if (rank == last)
