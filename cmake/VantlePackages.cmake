@@ -92,7 +92,7 @@ if(TARGET VantlePython)
     OUTPUT_VARIABLE interpreter OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
   vantle_package(python python3-vantle python "operations on multi-block grids from Python"
     "${about}\n.\nThe module vantle for Python 3, with NumPy arrays in and out." libvantle${abi} ${interpreter} python3-numpy)
-  set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-matplotlib, python3-vtk9")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-matplotlib, python3-vtk9 | paraview")
 endif()
 if(TARGET VantlePythonParallel)
   vantle_package(python-parallel python3-vantle-parallel python "operations on multi-block grids over MPI from Python"
