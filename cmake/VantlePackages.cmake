@@ -97,6 +97,6 @@ endif()
 if(TARGET VantlePythonParallel)
   vantle_package(python-parallel python3-vantle-parallel python "operations on multi-block grids over MPI from Python"
     "${about}\n.\nThe class vantle.ParallelDataSet, for communicators of mpi4py." python3-vantle libvantle-parallel${abi}
-    python3-mpi4py)
+    ${interpreter} python3-mpi4py)
 endif()
 include(CPack)
