@@ -23,9 +23,18 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS OFF)
 set(CPACK_COMPONENTS_ALL)
 
+file(WRITE "${PROJECT_BINARY_DIR}/packages/triggers" "activate-noawait ldconfig\n")
+# Modules are compiled when they are installed, and what that left is removed with them.
+foreach(script postinst prerm)
+  set(line "if command -v py3clean >/dev/null; then py3clean -p \"$DPKG_MAINTSCRIPT_PACKAGE\"; fi")
+  if(script STREQUAL "postinst")
+    set(line "if [ \"$1\" = configure ] && command -v py3compile >/dev/null; then py3compile -p \"$DPKG_MAINTSCRIPT_PACKAGE\"; fi")
+  endif()
+  file(CONFIGURE OUTPUT "${PROJECT_BINARY_DIR}/packages/${script}" CONTENT "#!/bin/sh\nset -e\n${line}\n" @ONLY)
+endforeach()
+
 # vantle_package(<component> <package> <section> <summary> <description> [<dependency>...]): this component as a package.
 # A dependency on another of our packages is one on the same version of it.
-file(WRITE "${PROJECT_BINARY_DIR}/packages/triggers" "activate-noawait ldconfig\n")
 macro(vantle_package component package section summary description)
   string(TOUPPER "${component}" upper)
   list(APPEND CPACK_COMPONENTS_ALL ${component})
@@ -38,6 +47,9 @@ macro(vantle_package component package section summary description)
   list(JOIN dependencies ", " CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS)
   if("${section}" STREQUAL "libs")
     set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA "${PROJECT_BINARY_DIR}/packages/triggers")
+  elseif("${section}" STREQUAL "python")
+    set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA
+      "${PROJECT_BINARY_DIR}/packages/postinst;${PROJECT_BINARY_DIR}/packages/prerm")
   endif()
   install(FILES "${changes}.gz" "${PROJECT_BINARY_DIR}/packages/changelog.gz"
     DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/${package}" COMPONENT ${component} EXCLUDE_FROM_ALL)
@@ -74,11 +86,17 @@ if(TARGET VantleVTK)
     libvantle-vtk${abi} libvantle-dev libvtk9-dev)
 endif()
 if(TARGET VantlePython)
-  vantle_package(python python3-vantle python "operations on multi-block grids from Python" "${about}\n.\nThe module vantle for Python 3, with NumPy arrays in and out." libvantle${abi} python3 python3-numpy)
+  # An extension module is for one minor version of the interpreter.
+  execute_process(COMMAND "${Python_EXECUTABLE}" -c
+    "from sys import version_info as v; print(f'python3 (>= 3.{v[1]}~);python3 (<< 3.{v[1] + 1})')"
+    OUTPUT_VARIABLE interpreter OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+  vantle_package(python python3-vantle python "operations on multi-block grids from Python"
+    "${about}\n.\nThe module vantle for Python 3, with NumPy arrays in and out." libvantle${abi} ${interpreter} python3-numpy)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-matplotlib, python3-vtk9 | paraview")
 endif()
 if(TARGET VantlePythonParallel)
   vantle_package(python-parallel python3-vantle-parallel python "operations on multi-block grids over MPI from Python"
     "${about}\n.\nThe class vantle.ParallelDataSet, for communicators of mpi4py." python3-vantle libvantle-parallel${abi}
-    python3-mpi4py)
+    ${interpreter} python3-mpi4py)
 endif()
 include(CPack)

@@ -138,9 +138,7 @@ struct SinglePrecisionTest : testing::Test {
 TEST_F(SinglePrecisionTest, ConversionsAreSharedDroppedAndFollowTheirSource) {
     const auto cached = Hestra::Cache::MemCache()->size();
     std::vector<StrongPtr<Block>> seen(4);
-    std::vector<std::thread> threads;
-    for (auto& block : seen) threads.emplace_back([&] { block = converted(); });
-    for (std::thread& thread : threads) thread.join();
+    support::inThreads(4, [&](unsigned t) { seen[t] = converted(); });
     for (const auto& block : seen) EXPECT_EQ(block, seen[0]);
     for (index_t k = 0; k < floats->nElements(); ++k) ASSERT_EQ(seen[0]->element(k), Point(floats->element(k)));
     EXPECT_EQ(Hestra::Cache::MemCache()->size(), cached + 1);

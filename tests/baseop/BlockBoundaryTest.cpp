@@ -117,8 +117,7 @@ TEST(BlockBoundaryTest, BlankedCellsAreOutside) {
                                      size);
     for (const std::size_t count : {1U, 6U})
         for (const unsigned part : {0U, 5U, 1000U}) {
-            const auto vertexMask = MemArray<3, unsigned char>::create(size);
-            for (index_t n = 0; n < uncut->nElements(); ++n) vertexMask->element(n) = random() % 100 >= part;
+            const auto vertexMask = filled<unsigned char>(size, [&](index_t) { return random() % 100 >= part; });
             CutGrid cut(*uncut, turned(bisect(size, count, random), random));
             cut.setField(VertexMaskName, *vertexMask);
             const Hull hull(cut);

@@ -570,13 +570,7 @@ TEST(BlockJoins, FollowPositionsMasksAndOptions) {
     cut.blocks.positions()->touch();
 
     // Cells behind the first two rows of quads of the one, and behind one quad of the other.
-    const auto mask = [](const Place& size, const auto& isValid) {
-        const auto cells = MemArray<3, unsigned char>::create(size);
-        Place i;
-        do (*cells)[i] = isValid(i);
-        while (i.advance(size));
-        return cells;
-    };
+    const auto mask = [](const Place& size, const auto& isValid) { return filled<unsigned char>(size, isValid); };
     cut.blocks.setField(CellMaskName, mask({3, 4, 4}, [](const Place& i) { return i[0] != 2 || i[2] > 1; }),
                         cut.ids[0]);
     cut.blocks.setField(CellMaskName, mask({3, 4, 4}, [](const Place& i) { return i != Place(0, 0, 3); }), cut.ids[1]);
@@ -595,11 +589,7 @@ TEST(BlockJoins, FollowPositionsMasksAndOptions) {
 TEST(BlockJoins, OwnersValuesStandForAll) {
     CutGrid cut(*makeBlock(shapes()[0], {5, 4, 4}), cutAtPlanes({5, 4, 4}, {{{2}, {}, {}}}));
     const auto joins = BlockJoins::of(*cut.grid);
-    const auto values = [&](const Place& size, double x) {
-        const auto made = MemArray<3, double>::create(size);
-        for (index_t n = 0; n < made->nElements(); ++n) made->element(n) = x;
-        return made;
-    };
+    const auto values = [&](const Place& size, double x) { return filled<double>(size, [=](index_t) { return x; }); };
     const auto a = values({3, 4, 4}, 0.0), b = values({3, 4, 4}, -0.0);
     (*a)(2, 1, 1) = std::nan("");
     (*b)(0, 1, 1) = std::nan("");

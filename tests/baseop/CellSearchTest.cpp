@@ -50,9 +50,9 @@ TEST(CellSearchTest, TellsWhatItInspects) {
     const auto blocks = support::makeBlocks(*grid, cube, 1, {3, 2, 2});
     const CellSearch search(*blocks.positions(), BoundingBox({0, 0, 0}, {1, 1, 1}), {2, 2, 2}, 4);
     const auto ask = [&](const Point& p) {
-        CaptureStdout();
-        const auto found = search.findLocation(p, *blocks.positions());
-        return std::pair(found, GetCapturedStdout());
+        CellSearch::Location found;
+        const std::string text = outputOf([&] { found = search.findLocation(p, *blocks.positions()); });
+        return std::pair(found, text);
     };
     const auto [found, text] = ask({0.75, 0, 1});
     EXPECT_TRUE(found);
@@ -75,19 +75,23 @@ TEST(CellSearchTest, TellsWhatItInspects) {
     }
 }
 
+// Also of counts without components for fragment numbers: the room is that of the indices.
 TEST(CellSearchTest, ListsHoldWhatFitsIntoThem) {
-    const auto counts = MemArray<4, unsigned short>::create({1, 1, 1, 3});
-    const auto indices = MemArray<4, Orvix::FixedArray<unsigned short, 3>>::create({1, 1, 1, 2});
-    const auto add = [&](index_t fragment, const MultiIndex<3>& cell) {
-        return CellSearch::addToUniCell(*counts, *indices, {0, 0, 0}, fragment, cell);
-    };
-    EXPECT_FALSE(add(65536, {0, 0, 0}));
-    EXPECT_FALSE(add(0, {0, 65536, 0}));
-    EXPECT_TRUE(add(65535, {1, 2, 65535}));
-    EXPECT_TRUE(add(4, {5, 6, 7}));
-    EXPECT_FALSE(add(0, {0, 0, 0})) << "full";
-    EXPECT_EQ(counts->base_vector(), (std::vector<unsigned short>{2, 65535, 4}));
-    EXPECT_EQ(indices->element(1), (Orvix::FixedArray<unsigned short, 3>(5, 6, 7)));
+    for (const index_t components : {1ULL, 2ULL, 3ULL}) {
+        const auto counts = MemArray<4, unsigned short>::create({2, 1, 2, components});
+        const auto indices = MemArray<4, Orvix::FixedArray<unsigned short, 3>>::create({2, 1, 2, 2});
+        const auto add = [&](index_t fragment, const MultiIndex<3>& cell) {
+            return CellSearch::addToUniCell(*counts, *indices, {1, 0, 1}, fragment, cell);
+        };
+        EXPECT_FALSE(add(65536, {0, 0, 0}));
+        EXPECT_FALSE(add(0, {0, 65536, 0}));
+        EXPECT_TRUE(add(65535, {1, 2, 65535}));
+        EXPECT_TRUE(add(4, {5, 6, 7}));
+        EXPECT_FALSE(add(0, {0, 0, 0})) << "full";
+        const unsigned short expected[] = {2, 65535, 4};
+        for (index_t c = 0; c < components; ++c) EXPECT_EQ((*counts)(1ULL, 0ULL, 1ULL, c), expected[c]);
+        EXPECT_EQ((*indices)(1ULL, 0ULL, 1ULL, 1ULL), (Orvix::FixedArray<unsigned short, 3>(5, 6, 7)));
+    }
 }
 
 TEST(CellSearchTest, SelectorsAndOddInput) {

@@ -5,8 +5,6 @@
 
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
 /// The promised result, one element after the other: every thread's block by itself, then the merge in order.
 template<class T>
 std::pair<T, T> plainRange(const std::vector<T>& elements, std::size_t threads) {

@@ -1,17 +1,13 @@
 #include <baseop/EvalGrid.hpp>
 
-#include <gtest/gtest.h>
 #include <support/LocationGrids.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
-using Hestra::StrongPtr;
-using Orvix::BoundingBox;
-using Orvix::PhysicalSpace;
 using support::linear;
 using support::occurrences;
 using support::Point;
-using namespace Vantle;
 
 struct Scene {
     BundlePtr bundle = BundlePtr::create();
@@ -21,9 +17,7 @@ struct Scene {
     StrongPtr<Field> result;
 
     std::string evaluate(const std::string& name, bool flag = false) {
-        testing::internal::CaptureStdout();
-        result = EvalGrid(*destination, *source, name, *slice, "test", flag);
-        return testing::internal::GetCapturedStdout();
+        return outputOf([&] { result = EvalGrid(*destination, *source, name, *slice, "test", flag); });
     }
 };
 
@@ -33,8 +27,8 @@ TEST(EvalGridTest, EvaluatesBlocksAtTheFragmentsOfAnotherGrid) {
         Scene scene;
         support::makeBlocks(*scene.source, support::shapes()[1], 2, {9, 17, 3});
         RegularGrid3D target(scene.destination);
-        target.addBlock("left", Hestra::makeRef<UniformCartesianArray>(BoundingBox({-2, -1, 0}, {0, 2, 1}),
-                                                                       MultiIndex<3>(9, 11, 3)));
+        target.addBlock("left",
+                        makeRef<UniformCartesianArray>(BoundingBox({-2, -1, 0}, {0, 2, 1}), MultiIndex<3>(9, 11, 3)));
         target.addBlock("odd", makeMemArray1D(std::vector<double>(4)));
         target.addBlock("points", makeMemArray1D(std::vector<Point>{{0, 1.5, 0.5}, {9, 9, 9}}));
         target.positions()->makeFragmentID("none");
@@ -51,7 +45,7 @@ TEST(EvalGridTest, EvaluatesBlocksAtTheFragmentsOfAnotherGrid) {
         EXPECT_EQ(scene.result->getFragmentIDCollection(), ids);
         EXPECT_TRUE(scene.result->getCreator(ids->ids()[0]));
         EXPECT_FALSE(scene.result->hasData(ids->ids()[1]) || scene.result->hasData(ids->ids()[3]));
-        const auto values = Hestra::dynamicCast<MemArray<3, double>>(scene.result->getData(ids->ids()[0]));
+        const auto values = dynamicCast<MemArray<3, double>>(scene.result->getData(ids->ids()[0]));
         ASSERT_TRUE(values);
         EXPECT_EQ(values->Size(), MultiIndex<3>(9, 11, 3));
         int inside = 0;
@@ -64,7 +58,7 @@ TEST(EvalGridTest, EvaluatesBlocksAtTheFragmentsOfAnotherGrid) {
             EXPECT_NEAR(values->element(k), linear(p), flag ? 1e-9 : 0.05) << p;
         }
         EXPECT_GT(inside, 50);
-        const auto two = Hestra::dynamicCast<MemArray<1, double>>(scene.result->getData(ids->ids()[2]));
+        const auto two = dynamicCast<MemArray<1, double>>(scene.result->getData(ids->ids()[2]));
         ASSERT_TRUE(two);
         EXPECT_NEAR(two->element(0), linear({0, 1.5, 0.5}), 0.05);
         EXPECT_EQ(two->element(1), 0.0);
@@ -81,7 +75,7 @@ TEST(EvalGridTest, UnfragmentedGridsKeepTheNullFragment) {
     UniformGrid3D(lattice).setField("f", MemArray<3, float>::makeMemArray({0, 1, 2, 3, 4, 5, 6, 7}, {2, 2, 2}));
     UniformGrid3D::create(*scene.destination, BoundingBox({0, 0, 0}, {1, 1, 1}), {3, 3, 3});
     EXPECT_EQ(scene.evaluate("f"), "EvalGrid: ok, adding field [f]\n");
-    const auto values = Hestra::dynamicCast<MemArray<3, float>>(scene.result->getData());
+    const auto values = dynamicCast<MemArray<3, float>>(scene.result->getData());
     ASSERT_TRUE(values);
     EXPECT_EQ((*values)(1, 1, 1), 3.5f);
     EXPECT_EQ((*values)(2, 1, 0), 2.0f);
@@ -112,17 +106,18 @@ TEST(EvalGridTest, SaysWhatIsMissing) {
     EXPECT_FALSE(scene.result);
 
     // On its own grid the field is itself, or null, and nothing is said.
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(EvalGrid(*scene.source, *scene.source, "f", *scene.slice), (*scene.source)("f"));
-    EXPECT_FALSE(EvalGrid(*scene.source, *scene.source, "unknown", *scene.slice));
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(outputOf([&] {
+                  EXPECT_EQ(EvalGrid(*scene.source, *scene.source, "f", *scene.slice), (*scene.source)("f"));
+                  EXPECT_FALSE(EvalGrid(*scene.source, *scene.source, "unknown", *scene.slice));
+              }),
+              "");
 }
 
 TEST(EvalGridTest, IndirectionPicksSourceVertices) {
     Scene scene;
     GridWithCartesianVertices from(scene.source, 3);
     from.setField("f", makeMemArray1D(std::vector<PhysicalSpace::vector>{{1, 0, 0}, {2, 0, 0}, {3, 0, 0}}));
-    const StrongPtr<Field> pieces = Hestra::makeRef<Field>();
+    const StrongPtr<Field> pieces = makeRef<Field>();
     pieces->setPersistentData(makeMemArray1D(std::vector<double>(3)), pieces->makeFragmentID("block"));
     from.representation()->setField("pieces", pieces);
     const auto vertices = scene.destination->makeVertices(3);
@@ -131,7 +126,7 @@ TEST(EvalGridTest, IndirectionPicksSourceVertices) {
     EXPECT_EQ(scene.evaluate("f"),
               "EvalGrid: Relative Representation found, but NO indirection/interpolation weight field!\n");
     const auto setIndices = [&](const StrongPtr<MemBase>& indices) {
-        const StrongPtr<Field> field = Hestra::makeRef<Field>();
+        const StrongPtr<Field> field = makeRef<Field>();
         field->setPersistentData(indices);
         relative->setPositions(field);
     };
@@ -146,7 +141,7 @@ TEST(EvalGridTest, IndirectionPicksSourceVertices) {
     EXPECT_EQ(scene.evaluate("f"), "EvalGrid - YAY, indirection was performed well\n");
     ASSERT_TRUE(scene.result);
     EXPECT_EQ(scene.result, (*scene.destination)("f"));
-    const auto picked = Hestra::dynamicCast<MemArray<2, PhysicalSpace::vector>>(scene.result->getData());
+    const auto picked = dynamicCast<MemArray<2, PhysicalSpace::vector>>(scene.result->getData());
     ASSERT_TRUE(picked) << "of the shape of the indices";
     for (index_t k = 0; k < 4; ++k) EXPECT_EQ(picked->element(k)[0], (std::vector<double>{3, 1, 3, 2})[k]);
 }

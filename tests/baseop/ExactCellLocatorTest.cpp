@@ -1,17 +1,12 @@
-#include "support/RoughBlocks.hpp"
-
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/Interpolate.hpp>
 
-#include <gtest/gtest.h>
-#include <thread>
+#include <support/RoughBlocks.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
 using namespace support;
-using Vantle::CellLocation;
-using Vantle::ExactCellLocator;
-using Vantle::MultiIndex;
 
 double diagonal(const Block& block, const MultiIndex<3>& cell) {
     double longest = 0.0;
@@ -30,7 +25,7 @@ void expectAnswer(const Block& block, const Point& P, const Point& uvw, const Mu
         EXPECT_LE(uvw[d], static_cast<double>(cell[d]) + 1.0) << name;
     }
     double largest = 0.0;
-    for (Vantle::index_t q = 0; q < 8; ++q)
+    for (index_t q = 0; q < 8; ++q)
         for (int d = 0; d < 3; ++d)
             largest = std::max(largest, std::fabs(block[cell + MultiIndex<3>(q & 1, q >> 1 & 1, q >> 2)][d]));
     const double units = std::nextafter(largest, HUGE_VAL) - largest;
@@ -48,8 +43,8 @@ void expectFindsAll(const BlockPtr& block, int count, const std::string& name, d
         const CellLocation found = locator.locate(P, &cell);
         ASSERT_TRUE(found) << name << index;
         expectAnswer(*block, P, found.local, cell, name);
-        const MultiIndex<3> made(static_cast<Vantle::index_t>(index[0]), static_cast<Vantle::index_t>(index[1]),
-                                 static_cast<Vantle::index_t>(index[2]));
+        const MultiIndex<3> made(static_cast<index_t>(index[0]), static_cast<index_t>(index[1]),
+                                 static_cast<index_t>(index[2]));
         if (margin > 0.0) {
             EXPECT_EQ(cell, made) << name << index;
         }
@@ -64,8 +59,7 @@ TEST(ExactCellLocatorTest, FindsEveryPositionInItsCell) {
     // Cells whose map is invertible, and far from linear.
     expectFindsAll(distortedBlock({8, 9, 7}, 1.0, 0.22, 5), 3000, "distorted");
     BlockPtr far = distortedBlock({8, 9, 7}, 1e-3, 0.2, 6);
-    for (Vantle::index_t k = 0; k < far->nElements(); ++k)
-        far->element(k) += Orvix::PhysicalSpace::vector(4e3, -1e3, 2e3);
+    for (index_t k = 0; k < far->nElements(); ++k) far->element(k) += Orvix::PhysicalSpace::vector(4e3, -1e3, 2e3);
     expectFindsAll(far, 500, "far away");
     expectFindsAll(distortedBlock({8, 9, 7}, 1e-100, 0.2, 7), 500, "tiny");
     expectFindsAll(distortedBlock({8, 9, 7}, 1e100, 0.2, 8), 500, "huge");
@@ -96,17 +90,16 @@ TEST(ExactCellLocatorTest, FarVerticesDoNoHarmToOtherCells) {
         const BlockPtr block = distortedBlock({3, 2, 6}, 1.0, 0.0, 1), large = distortedBlock({40, 40, 9}, 1.0, 0.2, 2);
         (*block)(0, 0, 0)[2] = far;
         (*block)(1, 1, 2)[0] = -far;
-        for (Vantle::index_t k = 0; k < 9; ++k) (*large)(k, 3 * k, k) = Point(far, -far, far);
+        for (index_t k = 0; k < 9; ++k) (*large)(k, 3 * k, k) = Point(far, -far, far);
         // And so many that they are not the few: a third of the vertices.
         const BlockPtr many = distortedBlock({3, 6, 6}, 1.0, 0.1, 3);
-        for (Vantle::index_t k = 0; k < 6; ++k)
-            for (Vantle::index_t j = 0; j < 6; ++j)
-                (*many)(0, j, k)[static_cast<int>((j + k) % 3)] = j % 2 ? far : -0.7 * far;
+        for (index_t k = 0; k < 6; ++k)
+            for (index_t j = 0; j < 6; ++j) (*many)(0, j, k)[static_cast<int>((j + k) % 3)] = j % 2 ? far : -0.7 * far;
         for (const BlockPtr& each : {block, large, many}) {
             const ExactCellLocator locator(each);
             for (const Point& index : randomIndices(*each, 600, 5, 0.01)) {
-                const MultiIndex<3> cell(static_cast<Vantle::index_t>(index[0]), static_cast<Vantle::index_t>(index[1]),
-                                         static_cast<Vantle::index_t>(index[2]));
+                const MultiIndex<3> cell(static_cast<index_t>(index[0]), static_cast<index_t>(index[1]),
+                                         static_cast<index_t>(index[2]));
                 if (!(diagonal(*each, cell) < 10.0)) continue;
                 const Point P = positionIn(*each, index);
                 MultiIndex<3> first;
@@ -131,8 +124,7 @@ TEST(ExactCellLocatorTest, CommonFacesBelongToTheFirstCell) {
             for (int d = 0; d < 3; ++d)
                 if (random() % 2) index[d] = std::floor(index[d] + static_cast<double>(random() % 2));
             MultiIndex<3> first;
-            for (int d = 0; d < 3; ++d)
-                first[d] = static_cast<Vantle::index_t>(std::max(std::ceil(index[d]) - 1.0, 0.0));
+            for (int d = 0; d < 3; ++d) first[d] = static_cast<index_t>(std::max(std::ceil(index[d]) - 1.0, 0.0));
             MultiIndex<3> cell;
             const CellLocation found = locator.locate(positionIn(*block, index), &cell);
             ASSERT_TRUE(found) << shape.name << index;
@@ -180,13 +172,9 @@ TEST(ExactCellLocatorTest, SurvivesRoughBlocks) {
 
 TEST(ExactCellLocatorTest, ManyCellsAtOnePlace) {
     // More boxes at one point than a query takes at a time; the last cell is the only one that is not degenerate.
-    const auto block = Block::create({2, 2, 400});
-    MultiIndex<3> i;
-    do {
-        const double z = i[2] == 399 ? 1.0 : 0.0;
-        (*block)[i] = Point(static_cast<double>(i[0]), static_cast<double>(i[1]), z);
-    } while (i.advance(block->Size()));
-    const ExactCellLocator locator(block);
+    const ExactCellLocator locator(filled<Point>({2, 2, 400}, [](const MultiIndex<3>& i) {
+        return Point(static_cast<double>(i[0]), static_cast<double>(i[1]), i[2] == 399 ? 1.0 : 0.0);
+    }));
     // Nor is there room for the cells of a few such points.
     const std::vector<Point> points(5, Point(0.25, 0.5, 0.125));
     std::vector<CellLocation> found(5);
@@ -195,26 +183,6 @@ TEST(ExactCellLocatorTest, ManyCellsAtOnePlace) {
     for (const CellLocation& each : found) {
         ASSERT_TRUE(each);
         EXPECT_LT(support::distance(each.local, Point(0.25, 0.5, 398.125)), 1e-12);
-    }
-}
-
-TEST(ExactCellLocatorTest, AnswersManyThreadsAsOne) {
-    const BlockPtr block = makeBlock(shapes()[2], {20, 20, 20});
-    const ExactCellLocator locator(block);
-    std::vector<Point> points; // neighbours share their searches
-    for (int k = 0; k < 20000; ++k) points.push_back(positionIn(*block, Point(9.5e-4 * k, 9.3, 4.7 + 5e-4 * k)));
-    std::vector<CellLocation> parallel(points.size());
-    std::vector<std::thread> threads;
-    for (std::size_t t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            const std::size_t part = points.size() / 4;
-            locator.locate(std::span(points).subspan(t * part, part), std::span(parallel).subspan(t * part, part));
-        });
-    for (std::thread& thread : threads) thread.join();
-    for (std::size_t k = 0; k < points.size(); ++k) {
-        const CellLocation each = locator.locate(points[k]);
-        EXPECT_EQ(parallel[k].result, each.result);
-        EXPECT_TRUE(!each || same(parallel[k].local, each.local));
     }
 }
 

@@ -113,9 +113,7 @@ TYPED_TEST(PointBoxTest, EqualsThePlainSweepWithNaNAndZerosOfBothSigns) {
 }
 
 TEST(ComputeBBox, ReadsPointsWhereverTheyLie) {
-    const auto block = MemArray<3, point>::create({3, 4, 5});
-    for (index_t k = 0; k < block->nElements(); ++k)
-        block->element(k) = point(static_cast<double>(k), -static_cast<double>(k), static_cast<double>(k % 12));
+    const auto block = filled<point>({3, 4, 5}, [](index_t k) { return point(double(k), -double(k), double(k % 12)); });
     expectBox(ComputeBBox(block), point(0, -59, 0), point(59, 0, 11));
     expectBox(ComputeBBox(block->getSlice(2).strong()), point(24, -35, 0), point(35, -24, 11));
     Iterator<point> everyOther(block->data(), 2, 30); // elements 10, 12 ... 38
@@ -293,17 +291,6 @@ TEST_F(ExpandBBoxTest, StopsAtAFragmentThatCannotBeUsed) {
     EXPECT_TRUE(expandBoundingBox(field, result));
     EXPECT_EQ(GetCapturedStdout(), kSlicedMessage);
     expectBox(result, kOrigin, kOrigin);
-}
-
-TEST_F(ExpandBBoxTest, ExpanderAccumulatesFromWhereItStarts) {
-    field->setPersistentData(makeMemArray1D(kTwoPoints), a);
-    const StrongPtr<BoundingBall> ball(new BoundingBall(point(1, 2, 3), 2.0));
-    BBoxExpander direct(ball);
-    expectBox(direct.box(), point(-1, 0, 1), point(3, 4, 5));
-    EXPECT_TRUE(direct.apply(a, {}));
-    EXPECT_TRUE(direct.apply(a, field->getCreator(a)));
-    expectBox(direct.box(), point(-1, -4, -3), point(3, 5, 5));
-    expectBox(BBoxExpander(*field).box(), point(1, -4, -3), point(2, 5, 0));
 }
 
 TEST(BoundingBoxOf, FindsItsWayThroughTheGrid) {

@@ -243,18 +243,15 @@ TEST(FreshnessOf, NamesAndBoxesAreMadeWhenTheyAreAskedFor) {
     expectAllAfterOne([&] { EXPECT_EQ(fragments.getFragmentName(3), "D"); });
     expectAllAfterOne([&] { EXPECT_EQ(fragments.getFragmentID(4)->name(), "E"); });
     expectAllAfterOne([&] { EXPECT_EQ(fragments.getBBox(5)->minCoord()[0], 5.0); });
-    std::vector<std::thread> threads;
     std::atomic<int> right{0};
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (index_t i = 0; i < 200; ++i) {
-                const index_t n = i % kBlocks;
-                right += fragments.getFragmentName(n) == std::string(1, static_cast<char>('A' + n)) &&
-                         fragments.getBBox(n)->minCoord()[0] == static_cast<double>(n);
-                if (i % 7 == 0) Hestra::Cache::MemCache()->clear();
-            }
-        });
-    for (auto& thread : threads) thread.join();
+    support::inThreads(4, [&] {
+        for (index_t i = 0; i < 200; ++i) {
+            const index_t n = i % kBlocks;
+            right += fragments.getFragmentName(n) == std::string(1, static_cast<char>('A' + n)) &&
+                     fragments.getBBox(n)->minCoord()[0] == static_cast<double>(n);
+            if (i % 7 == 0) Hestra::Cache::MemCache()->clear();
+        }
+    });
     EXPECT_EQ(right, 800);
 }
 

@@ -2,21 +2,15 @@
 
 #include <baseop/DataRange.hpp>
 #include <baseop/Isosurface.hpp>
-#include <model/hestra/Console.hpp>
-#include <model/vantle/DoublePrecision.hpp>
 
-#include <gtest/gtest.h>
-#include <limits>
-#include <optional>
 #include <support/CutBlocks.hpp>
 #include <support/RoughBlocks.hpp>
 #include <support/Surfaces.hpp>
-
-using namespace Vantle;
-using namespace support;
-using Hestra::StrongPtr;
+#include <support/Testing.hpp>
 
 namespace {
+
+using namespace support;
 
 /// A surface of a grid, and what is asked of every one.
 struct Found {
@@ -45,7 +39,7 @@ struct Found {
     }
     template<class T>
     [[nodiscard]] std::vector<T> values(const Field& field) const {
-        const auto array = Hestra::dynamicCast<MemArray<1, T>>(EvalFieldOnIsosurface(*grid, field));
+        const auto array = dynamicCast<MemArray<1, T>>(EvalFieldOnIsosurface(*grid, field));
         return array ? std::vector<T>(array->data(), array->data() + array->nElements()) : std::vector<T>();
     }
 };
@@ -85,11 +79,9 @@ BlockPtr bentBlock(const Place& size) {
 
 template<class T>
 StrongPtr<MemArray<3, T>> as(const MemArray<3, double>& values) {
-    const auto made = MemArray<3, T>::create(values.Size());
-    for (index_t n = 0; n < values.nElements(); ++n)
-        made->element(n) =
-            static_cast<T>(std::is_integral_v<T> ? std::floor(100 + 50 * values.element(n)) : values.element(n));
-    return made.strong();
+    return filled<T>(values.Size(), [&](index_t n) {
+        return std::is_integral_v<T> ? std::floor(100 + 50 * values.element(n)) : values.element(n);
+    });
 }
 
 /// Whether each of one set lies within `tolerance` of one of the other.
@@ -133,14 +125,11 @@ TYPED_TEST(JoinedSurfaceTest, CutsTurnsAndMirrorsChangeNothing) {
         CutGrid cut(*block, turned(bisect(size, 2 + random() % 20, random), random));
         cut.setField("f", *values);
         for (const auto& id : cut.ids) // as if each began where the whole does
-            if (round % 3 == 0) id->addInterface(Hestra::makeRef<FragmentLocation<3, IndexOffset>>(Place()));
+            if (round % 3 == 0) id->addInterface(makeRef<FragmentLocation<3, IndexOffset>>(Place()));
         const Scene uncut = sceneOf(block, values);
         if (round % 4 > 1) { // a box of blanked vertices
             const Place low(random() % 3, random() % 3, random() % 3), box(1 + random() % 3, 1 + random() % 3, 2);
-            const auto mask = MemArray<3, int>::create(size);
-            Place at;
-            do (*mask)[at] = !(at - low).inside(box);
-            while (at.advance(size));
+            const auto mask = filled<int>(size, [&](const Place& at) { return !(at - low).inside(box); });
             cut.setField(VertexMaskName, *mask);
             RegularGrid3D(uncut.blocks).setField(VertexMaskName, mask, uncut.blocks.positions()->getFragmentID("0"));
         }
@@ -264,9 +253,7 @@ TEST(JoinedBlocksTest, RangesSpareABlockOnlyWithThoseOfTheOwners) {
     const BlockPtr block = bentBlock({9, 4, 4});
     CutGrid cut(*block, cutAtPlanes(block->Size(), {{{4}, {}, {}}}));
     const auto setAll = [&](std::size_t n, double value) {
-        const auto values = MemArray<3, double>::create(cut.pieces[n].ownSize());
-        for (index_t i = 0; i < values->nElements(); ++i) values->element(i) = value;
-        cut.blocks.setField("f", values, cut.ids[n]);
+        cut.blocks.setField("f", filled<double>(cut.pieces[n].ownSize(), [=](index_t) { return value; }), cut.ids[n]);
     };
     const auto knowAll = [&] {
         for (const auto& id : cut.ids) DataRange<double>::compute(*cut.blocks.field("f")->getCreator(id), false, false);
@@ -303,7 +290,7 @@ TEST(JoinedBlocksTest, FieldsOnASurfaceHaveTheOwnersValues) {
                     haveOffsets ? bisect(block->Size(), 8, random) : turned(bisect(block->Size(), 8, random), random));
         if (haveOffsets)
             for (std::size_t n = 0; n < cut.ids.size(); ++n)
-                cut.ids[n]->addInterface(Hestra::makeRef<FragmentLocation<3, IndexOffset>>(cut.pieces[n].low));
+                cut.ids[n]->addInterface(makeRef<FragmentLocation<3, IndexOffset>>(cut.pieces[n].low));
         cut.setField("f", *noiseOn(*block, 3));
         cut.setField("linear", *linearOn(*block));
         cut.setField("bytes", *as<unsigned char>(*noiseOn(*block, 4)));

@@ -102,19 +102,18 @@ void appendTangents(Bits& bits, std::size_t count, bool isWithNaN) {
 void appendLocations(Bits& bits, std::size_t count) {
     std::mt19937_64 random(count);
     std::normal_distribution<double> normal(0.0, 0.15);
-    const auto block = MemArray<3, PhysicalSpace::point>::create({count + 1, 4, 3});
-    MultiIndex<3> i;
-    do
-        for (int d = 0; d < 3; ++d) (*block)[i][d] = static_cast<double>(i[d]) + normal(random);
-    while (i.advance(block->Size()));
-    std::vector<PhysicalSpace::point> positions;
+    const auto block = filled<point>({count + 1, 4, 3}, [&](const MultiIndex<3>& i) {
+        point p;
+        for (int d = 0; d < 3; ++d) p[d] = static_cast<double>(i[d]) + normal(random);
+        return p;
+    });
+    std::vector<point> positions;
     for (int k = 0; k < 400; ++k)
-        positions.push_back(interpolateAt<3, PhysicalSpace::point>(
-            *block, PhysicalSpace::point(static_cast<double>(random() % (1000 * count)) * 1e-3,
-                                         static_cast<double>(random() % 3000) * 1e-3,
-                                         static_cast<double>(random() % 2000) * 1e-3)));
+        positions.push_back(interpolateAt<3, point>(*block, point(static_cast<double>(random() % (1000 * count)) * 1e-3,
+                                                                  static_cast<double>(random() % 3000) * 1e-3,
+                                                                  static_cast<double>(random() % 2000) * 1e-3)));
     const UniGridMapper linear(block, 1.0, 0.01);
-    const auto spoiled = MemArray<3, PhysicalSpace::point>::create(block->Size());
+    const auto spoiled = MemArray<3, point>::create(block->Size());
     for (index_t k = 0; k < block->nElements(); ++k) spoiled->element(k) = block->element(k);
     spoiled->element(random() % spoiled->nElements()) = {std::numeric_limits<double>::quiet_NaN(), 1e30, 0.0};
     const ExactCellLocator exact(spoiled);
@@ -130,8 +129,7 @@ template<class T>
 void appendBlock(Bits& bits, std::size_t count, bool isWithNaN) {
     std::mt19937_64 random(count);
     const MultiIndex<3> size(count, 10, 3);
-    const auto block = MemArray<3, T>::create(size);
-    for (index_t n = 0; n < block->nElements(); ++n) block->element(n) = randomNumber<T>(random, isWithNaN);
+    const auto block = filled<T>(size, [&](index_t) { return randomNumber<T>(random, isWithNaN); });
     const detail::ValueBricks<T> bricks(*block);
     for (const auto* const values : {&bricks.least(), &bricks.greatest()})
         for (const T value : *values) append(bits, value);
@@ -146,9 +144,8 @@ void appendBlock(Bits& bits, std::size_t count, bool isWithNaN) {
 
 void appendGradient(Bits& bits, std::size_t count, bool isWithNaN) {
     std::mt19937_64 random(count);
-    const auto field = MemArray<3, double>::create({count, 3, 2});
-    for (index_t n = 0; n < field->nElements(); ++n) field->element(n) = randomNumber<double>(random, isWithNaN);
-    const auto gradient = Hestra::dynamicCast<MemArray<3, PhysicalSpace::vector>>(PartialDerivative(field));
+    const auto field = filled<double>({count, 3, 2}, [&](index_t) { return randomNumber<double>(random, isWithNaN); });
+    const auto gradient = dynamicCast<MemArray<3, vector>>(PartialDerivative(field));
     for (index_t n = 0; n < gradient->nElements(); ++n)
         for (const double x : gradient->element(n)) append(bits, x);
 }

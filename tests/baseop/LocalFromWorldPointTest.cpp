@@ -13,16 +13,6 @@ namespace {
 using support::occurrences;
 using support::Point;
 
-constexpr double infinity = std::numeric_limits<double>::infinity();
-constexpr double nan = std::numeric_limits<double>::quiet_NaN();
-
-template<class F>
-std::string outputOf(const F& function) {
-    CaptureStdout();
-    function();
-    return GetCapturedStdout();
-}
-
 LocatorOptions options(CellLocator kind) {
     LocatorOptions chosen;
     chosen.cellLocator = kind;
@@ -226,8 +216,7 @@ TEST(LocalFromWorldPointTest, HintsChangeNoAnswer) {
     for (const support::Shape& shape : shapes) {
         scenes.emplace_back(shape, 2, MultiIndex<3>(6, 5, 7));
         scenes.emplace_back(shape, 2, MultiIndex<3>(33, 29, 31));
-        const auto mask = MemArray<3, unsigned char>::create({33, 29, 31});
-        for (index_t k = 0; k < mask->nElements(); ++k) mask->element(k) = random() % 40 != 0;
+        const auto mask = filled<unsigned char>({33, 29, 31}, [&](index_t) { return random() % 40 != 0; });
         scenes.back().blocks.setField(VertexMaskName, mask, scenes.back().blocks.positions()->getFragmentID("B"));
     }
     LocationHint hint;
@@ -256,7 +245,7 @@ TEST(LocalFromWorldPointTest, HintsChangeNoAnswer) {
                     p[d] += step * direction[d];
                 }
             }
-            EXPECT_FALSE(newton->locate(Point(0, nan, 0), hint));
+            EXPECT_FALSE(newton->locate(Point(0, kNaN, 0), hint));
         }
     }
     EXPECT_GT(codes[0], 5000);
@@ -283,7 +272,7 @@ TEST(LocalFromWorldPointTest, TellsWhatItMakesOnce) {
     LocalPoint found;
     // Nothing is built for what is in no box.
     for (const Point& outside :
-         {Point(nan, 0, 0), Point(infinity, 0.5, 0.5), Point(0, -infinity, 0), Point(1e300, 1, 1)})
+         {Point(kNaN, 0, 0), Point(kInfinity, 0.5, 0.5), Point(0, -kInfinity, 0), Point(1e300, 1, 1)})
         EXPECT_EQ(outputOf([&] {
                       EXPECT_FALSE(first->get(outside, found));
                       EXPECT_FALSE(first->getViaTree(outside, found));
@@ -427,21 +416,18 @@ TEST(LocalFromWorldPointTest, ThreadsBuildEachStructureOnce) {
     // Clang's runtime, when a tool watches it, wants the first thread of a process among its own.
     (void)omp_get_max_threads();
     std::atomic<int> misses{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            for (int n = 0; n < 4; ++n) {
-                const auto block = support::blockOf(scene.blocks, first->fragmentID(static_cast<unsigned int>(n)));
-                for (const Point& index : support::randomIndices(*block, 20, 3, 0.3)) {
-                    const Point p = support::positionIn(*block, index);
-                    LocalPoint found;
-                    misses += !(t % 2 ? first : second)->get(p, found);
-                    misses += !(t % 2 ? first : second)->getViaTree(p, found);
-                    misses += !(t % 2 ? exact : exactToo)->get(p, found);
-                }
+    support::inThreads(4, [&](unsigned t) {
+        for (unsigned n = 0; n < 4; ++n) {
+            const auto block = support::blockOf(scene.blocks, first->fragmentID(n));
+            for (const Point& index : support::randomIndices(*block, 20, 3, 0.3)) {
+                const Point p = support::positionIn(*block, index);
+                LocalPoint found;
+                misses += !(t % 2 ? first : second)->get(p, found);
+                misses += !(t % 2 ? first : second)->getViaTree(p, found);
+                misses += !(t % 2 ? exact : exactToo)->get(p, found);
             }
-        });
-    for (auto& thread : threads) thread.join();
+        }
+    });
     const std::string text = GetCapturedStdout();
     EXPECT_EQ(misses, 0);
     for (const char* made : {"Create unimapper for ", "Create treemapper for ", "Create exact locator for "})

@@ -6,8 +6,6 @@ namespace {
 
 using Points = std::vector<PhysicalSpace::point>;
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
 double radius = 1.0;
 
 Points randomCloud(int count, const vector& extent, unsigned seed) {

@@ -9,9 +9,6 @@ using Orvix::FixedArray;
 using Factors = FixedArray<double, 3>;
 using Doubles = MemArray<3, double>;
 
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
 template<class T>
 StrongPtr<MemArray<3, T>> randomArray(const MultiIndex<3>& size, unsigned seed = 5) {
     std::mt19937_64 random(seed);
@@ -61,12 +58,11 @@ TYPED_TEST(ResampleArrayTest, HasTheBitsOfTheKernelAtEveryNode) {
     std::mt19937_64 random(3);
     std::uniform_real_distribution<double> factor(0.2, 4.0);
     const double nice[] = {0.5, 1.0, 2.0, 3.0, 0.29, 1.5};
-    const int threads = omp_get_max_threads();
     for (int n = 0; n < 60; ++n) {
         const MultiIndex<3> size(1 + random() % 40, 1 + random() % 12, 1 + random() % 12);
         Factors factors;
         for (double& f : factors) f = random() % 2 ? factor(random) : nice[random() % 6];
-        omp_set_num_threads(1 + n % 3);
+        const support::ThreadCount count(1 + n % 3);
         expectKernelAtEveryNode<TypeParam>(randomArray<TypeParam>(size), factors);
     }
     // Strips for all threads; fewer rows than threads; one row; rows longer than a strip.
@@ -76,12 +72,10 @@ TYPED_TEST(ResampleArrayTest, HasTheBitsOfTheKernelAtEveryNode) {
             expectKernelAtEveryNode<TypeParam>(randomArray<TypeParam>(size), {2.0, 1.5, 1.5});
         });
     // A slice of an array of four axes, and one component of an array of several: elements with gaps.
-    const auto whole = MemArray<4, double>::create({5, 4, 3, 2});
-    for (index_t k = 0; k < whole->nElements(); ++k) whole->element(k) = static_cast<double>(k);
+    const auto whole = filled<double, 4>({5, 4, 3, 2}, [](index_t k) { return k; });
     expectKernelAtEveryNode<double>(StrongPtr<Doubles>(whole->getSlice(1)), {1.5, 2.0, 0.7});
     const auto metrics = randomArray<PhysicalSpace::Metric>({5, 4, 6});
     expectKernelAtEveryNode<double>(StrongPtr<Doubles>(metrics->getComponentArray(3)), {1.5, 2.0, 0.7});
-    omp_set_num_threads(threads);
 }
 
 TEST(ResampleArrayRuleTest, BadInputGivesNullAndVanishingExtentsAnEmptyArray) {

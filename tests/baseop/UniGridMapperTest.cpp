@@ -1,19 +1,12 @@
-#include "support/RoughBlocks.hpp"
-
 #include <baseop/Interpolate.hpp>
 #include <baseop/UniGridMapper.hpp>
-#include <model/hestra/Console.hpp>
-#include <model/orvix/CellMap.hpp>
 
-#include <gtest/gtest.h>
+#include <support/RoughBlocks.hpp>
+#include <support/Testing.hpp>
 
 namespace {
 
 using namespace support;
-using Vantle::CellLocation;
-using Vantle::LocationResult;
-using Vantle::MultiIndex;
-using Vector = Orvix::PhysicalSpace::vector;
 
 constexpr double Epsilon = 0.02;
 
@@ -21,31 +14,30 @@ constexpr double Epsilon = 0.02;
 bool plainSolve(Point& uvw, const Point& P, const MultiIndex<3>& cell, const Block& vertices, double precision) {
     Point at;
     for (int d = 0; d < 3; ++d) at[d] = static_cast<double>(cell[d]) + 0.5;
-    Point X = Vantle::interpolateAt<3, Point>(vertices, at);
+    Point X = interpolateAt<3, Point>(vertices, at);
     if (normSquared(P - X) <= precision * precision) {
         uvw = at;
         return true;
     }
-    const auto vectors = Vantle::asVectors<3>(vertices);
+    const auto vectors = asVectors<3>(vertices);
     Orvix::Quadratic<3, double> inverse;
     int count = 0;
     do {
-        const Vector a = Vantle::differentiateAt<0>(vectors, at), b = Vantle::differentiateAt<1>(vectors, at),
-                     c = Vantle::differentiateAt<2>(vectors, at);
+        const vector a = differentiateAt<0>(vectors, at), b = differentiateAt<1>(vectors, at),
+                     c = differentiateAt<2>(vectors, at);
         try {
             inverse = Orvix::invert3x3(a, b, c);
         } catch (const Orvix::DegeneratedMatrix&) {
             Hestra::Console::puts("WHAT?");
         }
-        const Vector step = inverse * (P - X);
+        const vector step = inverse * (P - X);
         at += step;
-        Vector move;
+        vector move;
         for (int d = 0; d < 3; ++d) move[d] = a[d] * step[0] + b[d] * step[1] + c[d] * step[2];
         X += move;
         for (int d = 0; d < 3; ++d)
             if (!std::isfinite(at[d]) || !std::isfinite(X[d])) {
-                const double nan = std::numeric_limits<double>::quiet_NaN();
-                uvw = Point(nan, nan, nan);
+                uvw = Point(kNaN, kNaN, kNaN);
                 return false;
             }
         for (int d = 0; d < 3; ++d)
@@ -161,8 +153,8 @@ TEST(UniGridMapperTest, AnswersAsThePlainWalkOnRandomBlocks) {
         const MultiIndex<3> n(2 + random() % 8, 2 + random() % 8, 2 + random() % 8);
         const double edge = std::pow(10.0, pick(-3.2, 2.0));
         const BlockPtr block = distortedBlock(n, edge, pick(0.0, 1.0), round);
-        const Vector stretch(1.0, pick(0.01, 1.0), pick(0.001, 1.0));
-        for (Vantle::index_t k = 0; k < block->nElements(); ++k)
+        const vector stretch(1.0, pick(0.01, 1.0), pick(0.001, 1.0));
+        for (index_t k = 0; k < block->nElements(); ++k)
             for (int d = 0; d < 3; ++d) block->element(k)[d] *= stretch[d];
         const auto mapper = makeMapper(block, pick(0.2, 2.0), pick(0.0, 1.0));
         // Around the widths that boxes tell of, and far beyond.
@@ -217,7 +209,7 @@ TEST(UniGridMapperTest, NeighboursAnswerAsEachByItself) {
             const Point next = positionIn(*block, Point(std::max(index[0] - 1, 0.0), index[1], index[2]));
             const double edge = support::distance(centre, next);
             std::vector<Point> points;
-            points.emplace_back(0.0, std::numeric_limits<double>::quiet_NaN(), 0.0);
+            points.emplace_back(0.0, kNaN, 0.0);
             for (int k = 0; k < (random() % 8 == 0 ? 1500 : 150); ++k)
                 points.push_back(Point{centre[0] + edge * off(random), centre[1] + edge * off(random),
                                        centre[2] + edge * off(random)});
@@ -285,7 +277,7 @@ TEST(UniGridMapperTest, MeasuresAndListsAsWrittenDownPlainly) {
         for (int d = 0; d < 3; ++d) {
             const double v = (box.maxCoord()[d] - box.minCoord()[d]) * (1.2 / std::sqrt(s));
             coarse += !(v >= 2);
-            EXPECT_EQ(mapper->unigridSize()[d], v >= 2 ? static_cast<Vantle::index_t>(v) : 2) << name;
+            EXPECT_EQ(mapper->unigridSize()[d], v >= 2 ? static_cast<index_t>(v) : 2) << name;
         }
         std::size_t longest = 0;
         const std::string output = captured([&] { UniGridMapper again(block, 1.0, 0.01); });
@@ -366,7 +358,7 @@ TEST(UniGridMapperTest, ProjectiveQueryFindsAffineCellsExactly) {
 // A flat cell: 102 zero steps, then the message. What was in uvw stays, and may be a near miss.
 TEST(UniGridMapperTest, FlatCellGivesUpAfterItsSteps) {
     const BlockPtr block = distortedBlock({2, 2, 2}, 1.0, 0.0, 1);
-    for (Vantle::index_t k = 0; k < 8; ++k) block->element(k)[2] = 0.0;
+    for (index_t k = 0; k < 8; ++k) block->element(k)[2] = 0.0;
     const auto mapper = makeMapper(block);
     std::string expected;
     for (int k = 0; k < 102; ++k) expected += "WHAT?\n";
@@ -386,7 +378,7 @@ TEST(UniGridMapperTest, LimitsAreThoseOfWhatIsMade) {
         EXPECT_THROW(makeMapper(block, resolution), std::length_error);
     };
     attempt(makeBlock(shapes()[0], {5, 5, 5}), 1e4);
-    attempt(makeBlock(shapes()[0], {5, 5, 5}), std::numeric_limits<double>::infinity());
+    attempt(makeBlock(shapes()[0], {5, 5, 5}), kInfinity);
     EXPECT_NO_THROW(makeMapper(nullptr));
     for (const MultiIndex<3>& n : {MultiIndex<3>(1, 3, 3), MultiIndex<3>(3, 1, 3), MultiIndex<3>(1, 1, 1)}) {
         const auto mapper = makeMapper(makeBlock(shapes()[1], n));
@@ -396,8 +388,8 @@ TEST(UniGridMapperTest, LimitsAreThoseOfWhatIsMade) {
 
     // Cells across a box with many unicells each, some of them flat, so that queries must walk through the list.
     const BlockPtr crossed = distortedBlock({30, 30, 30}, 1.0, 30.0, 5);
-    for (Vantle::index_t j = 0; j < 30; ++j)
-        for (Vantle::index_t i = 0; i < 30; ++i) (*crossed)(i, j, 16) = (*crossed)(i, j, 15);
+    for (index_t j = 0; j < 30; ++j)
+        for (index_t i = 0; i < 30; ++i) (*crossed)(i, j, 16) = (*crossed)(i, j, 15);
     const auto mapper = makeMapper(crossed, 30.0);
     EXPECT_GT(static_cast<double>(mapper->maximalListLength()) * static_cast<double>(mapper->unigridSize().product()),
               static_cast<double>(UniGridMapper::MaximalListEntries));

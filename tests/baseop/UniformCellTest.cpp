@@ -5,8 +5,6 @@
 
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
 // Made from the answer: a point well inside a known cell.
 TEST(UniformCellTest, FindsTheCellAPointWasMadeIn) {
     std::mt19937_64 random(7);

@@ -6,8 +6,6 @@
 namespace {
 
 using Orvix::ByteRGB;
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-constexpr double kInfinity = std::numeric_limits<double>::infinity();
 
 template<class T>
 T randomElement(std::mt19937_64& random) {
@@ -22,11 +20,9 @@ T randomElement(std::mt19937_64& random) {
 }
 
 template<class T>
-Hestra::Ref<ReferencingMemArray<3, T>> randomArray(const MultiIndex<3>& size) {
+StrongPtr<MemArray<3, T>> randomArray(const MultiIndex<3>& size) {
     std::mt19937_64 random(7);
-    auto array = MemArray<3, T>::create(size);
-    for (index_t k = 0; k < array->nElements(); ++k) array->element(k) = randomElement<T>(random);
-    return array;
+    return filled<T>(size, [&](index_t) { return randomElement<T>(random); });
 }
 
 std::vector<point> randomPoints(std::size_t count, double low, double high) {
@@ -96,8 +92,7 @@ TYPED_TEST(UniformInterpolationTest, AChunkOfTheTypeIsUsedAgainAndAFilterKeepsIt
 
 // The grid gives origin and spacing, the data their own extents.
 TEST(UniformInterpolation, AnAxisWithOneNodeIsDividedLikeAnyOther) {
-    const auto data = MemArray<3, double>::create({2, 2, 2});
-    for (index_t n = 0; n < 8; ++n) data->element(n) = 10.0 + double(n);
+    const auto data = filled<double>({2, 2, 2}, [](index_t n) { return 10 + n; });
     const UniformCartesianArray grid({1, 1, 1}, point(0, 0, 0), vector(1, 1, 1));
     StrongPtr<Hestra::ChunkBase> output;
     ASSERT_TRUE(InterpolateUniformData(output, {{1, 0, 0}, {0.5, 0, 0}, {0, 1, 1}}, grid, data));

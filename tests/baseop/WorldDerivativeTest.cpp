@@ -82,21 +82,20 @@ std::array<double, 9> plainDerivative(const Array<T>& values, const Block& block
 }
 
 TEST(WorldDerivativeTest, IsTheDefinitionInCellsOfAnyShapeForAnyNumberOfThreads) {
-    const int threads = omp_get_max_threads();
     std::mt19937_64 random(10);
     const auto check = [&]<class T>(const Block& block, const StrongPtr<Array<T>>& values, double blanked = 0.0) {
         using Result = std::conditional_t<ElementTraits<T>::components == 1, Vector, Tensor>;
         const StrongPtr<MemBase> positions(const_cast<Block*>(&block));
-        const auto vertexMask = Array<unsigned char>::create(block.Size());
-        for (index_t n = 0; n < block.nElements(); ++n)
-            vertexMask->element(n) = std::uniform_real_distribution<double>(0, 1)(random) >= blanked;
+        const auto vertexMask = filled<unsigned char>(
+            block.Size(), [&](index_t) { return std::uniform_real_distribution<double>(0, 1)(random) >= blanked; });
         const BlockMask mask(block.Size(), &*vertexMask, nullptr);
         for (index_t n = 0; n < block.nElements(); ++n) // nobody looks there
             if (!vertexMask->element(n)) values->element(n) = T() * std::numeric_limits<float>::quiet_NaN();
-        omp_set_num_threads(1);
-        const auto alone = derived<Result>(values, positions, blanked > 0 ? &mask : nullptr);
-        omp_set_num_threads(3);
-        const auto together = derived<Result>(values, positions, blanked > 0 ? &mask : nullptr);
+        const auto byThreads = [&](int count) {
+            const ThreadCount threads(count);
+            return derived<Result>(values, positions, blanked > 0 ? &mask : nullptr);
+        };
+        const auto alone = byThreads(1), together = byThreads(3);
         ASSERT_TRUE(alone && together && alone->Size() == block.Size());
         const double scale = largest(*alone);
         MultiIndex<3> at;
@@ -120,7 +119,6 @@ TEST(WorldDerivativeTest, IsTheDefinitionInCellsOfAnyShapeForAnyNumberOfThreads)
             // Elements with gaps.
             check(*block, fieldOn(*block, swirl)->getComponentArray(1).strong());
         }
-    omp_set_num_threads(threads);
 }
 
 // Sheets and curves: the part of the gradient that lies within. Direct products: the same as stored.
@@ -234,10 +232,10 @@ TEST(WorldDerivativeTest, JoinedBlocksKeepToWhatIsValid) {
     const auto values = fieldOn(*uncut, wave);
     for (const index_t last : {3U, 4U, 5U, 3U, 3U, 3U}) {
         CutGrid cut(*uncut, turned(cutAtPlanes(uncut->Size(), {{{3, 6, 8}, {}, {}}}), random));
-        const auto mask = MemArray<3, int>::create(uncut->Size()); // of the second layer of blocks, or of a part of it
+        // Of the second layer of blocks, or of a part of it; faces are joined in part.
+        const auto mask =
+            filled<int>(uncut->Size(), [=](const Place& at) { return at[0] <= last || at[0] >= 6 || at[1] > 3; });
         Place at;
-        do (*mask)[at] = at[0] <= last || at[0] >= 6 || at[1] > 3; // faces are joined in part
-        while (at.advance(uncut->Size()));
         cut.setField(VertexMaskName, *mask);
         cut.setField("values", *values);
         const BlockMask whole(uncut->Size(), &*mask, nullptr);

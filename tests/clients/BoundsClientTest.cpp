@@ -77,6 +77,10 @@ TEST(BoundsClientTest, ExpandersTakeWhateverABoxComesAs) {
     EXPECT_TRUE(BBoxExpander(WeakPtr<BoundingBox>(owned)).box() == owned);
     const BBoxExpander around(makeRef<BoundingBall>(point(1, 2, 3), 2.0));
     EXPECT_EQ(around.box()->minCoord(), point(-1, 0, 1));
+    Field field(makeMemArray1D(std::vector<point>{{1, 5, -3}, {2, -4, 0}}), nullptr);
+    const BBoxExpander ofField(field);
+    ASSERT_TRUE(ofField.box());
+    EXPECT_EQ(ofField.box()->minCoord(), point(1, -4, -3));
 }
 
 TEST(BoundsClientTest, ARangeOfNothingTakesOverTheFirst) {

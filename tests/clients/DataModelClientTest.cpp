@@ -2,27 +2,17 @@
 
 #include <baseop/BaseOp.hpp>
 
+#include <support/Creators.hpp>
 #include <support/Testing.hpp>
 
 namespace {
 
+using support::numbers, support::visited;
 using Names = std::vector<std::string>;
 
-StrongPtr<MemBase> numbers(std::vector<double> values) { return makeMemArray1D(std::move(values)); }
 double firstOf(const StrongPtr<MemBase>& data) {
     const auto array = dynamicCast<TypedArray<double>>(data);
     return array ? array->element(0) : -1;
-}
-
-Names visited(const Field& field, bool withNullCreators = true) {
-    Names names;
-    field.iterate(
-        [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-            names.push_back(FragmentID::Name(id, "<none>") + (creator ? "" : "?"));
-            return true;
-        },
-        withNullCreators);
-    return names;
 }
 
 // -------------------------------------------------------------------------------------------------------------
@@ -42,17 +32,13 @@ struct Computed : CreativeArrayBase {
 
 TEST(DataModelClientTest, EveryWayToTheDataGoesThroughACreatorOfOnesOwn) {
     constexpr MultiIndex<3> size(3, 3, 3);
-    const auto places = MemArray<3, point>::create(size);
-    MultiIndex<3> vertex;
-    do (*places)[vertex] = {double(vertex[0]), 2.0 * double(vertex[1]), double(vertex[2])};
-    while (vertex.advance(size));
+    const auto places = filled<point>(size, [](const MultiIndex<3>& vertex) {
+        return point(double(vertex[0]), 2.0 * double(vertex[1]), double(vertex[2]));
+    });
     double factor = 1;
     const StrongPtr<Computed> keeping(new Computed([&] { return places; }));
-    const StrongPtr<Computed> forgetting(new Computed([&] {
-        const auto values = MemArray<3, double>::create(size);
-        for (index_t k = 0; k < values->nElements(); ++k) values->element(k) = factor * double(k % 3);
-        return values;
-    }));
+    const StrongPtr<Computed> forgetting(
+        new Computed([&] { return filled<double>(size, [&](index_t k) { return factor * double(k % 3); }); }));
 
     const BundlePtr bundle = BundlePtr::create();
     const auto slice = bundle[0.0];

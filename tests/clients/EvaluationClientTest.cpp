@@ -5,18 +5,8 @@
 namespace {
 
 StrongPtr<MemArray<3, point>> box(double x) {
-    const auto block = MemArray<3, point>::create({3, 3, 3});
-    MultiIndex<3> i;
-    do (*block)[i] = point(x + double(i[0]), double(i[1]), double(i[2]));
-    while (i.advance(block->Size()));
-    return block;
-}
-
-template<class T>
-StrongPtr<MemBase> filled(T value) {
-    const auto values = MemArray<3, T>::create({3, 3, 3});
-    for (index_t n = 0; n < 27; ++n) values->element(n) = value;
-    return values;
+    return filled<point>({3, 3, 3},
+                         [=](const MultiIndex<3>& i) { return point(x + double(i[0]), double(i[1]), double(i[2])); });
 }
 
 /// Two blocks side by side, with doubles in the first and floats in the second.
@@ -28,8 +18,8 @@ struct EvaluationClientTest : testing::Test {
     GridEvaluator::Context context;
 
     EvaluationClientTest() {
-        source.setField("mixed", filled(1.5), source.addBlock("doubles", box(0)));
-        source.setField("mixed", filled(2.5F), source.addBlock("floats", box(2)));
+        source.setField("mixed", all(1.5), source.addBlock("doubles", box(0)));
+        source.setField("mixed", all(2.5F), source.addBlock("floats", box(2)));
         context.slice = slice;
         context.grid = grid;
     }
@@ -37,6 +27,10 @@ struct EvaluationClientTest : testing::Test {
         GridEvaluator evaluator;
         EXPECT_TRUE(evaluator.find(positions, *source.positions(), context));
         return evaluator.evalKnownDataTypes(positions, *source.field("mixed"));
+    }
+    template<class T>
+    static StrongPtr<MemBase> all(T value) {
+        return filled<T>({3, 3, 3}, [=](index_t) { return value; });
     }
     static StrongPtr<MemBase> at(std::vector<point> positions) { return makeMemArray1D(std::move(positions)); }
 };
@@ -103,17 +97,14 @@ TEST_F(EvaluationClientTest, EvaluatorsAreUsedAgain) {
 TEST_F(EvaluationClientTest, EvaluatorsShareASource) {
     std::vector<point> positions;
     for (int k = 0; k < 2000; ++k) positions.emplace_back(0.002 * k, 0.001 * k, 0.5);
-    std::vector<std::thread> threads;
     std::vector<std::string> said(4);
     std::vector<int> located(4);
-    for (std::size_t t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            const Hestra::ScopedListener listener([&](std::string_view text) { said[t] += text; });
-            GridEvaluator evaluator;
-            evaluator.find(at(positions), *source.positions(), context);
-            for (int k = 0; k < 2000; ++k) located[t] += evaluator.statuses()->element(static_cast<index_t>(k)) == 3;
-        });
-    for (std::thread& thread : threads) thread.join();
+    support::inThreads(4, [&](unsigned t) {
+        const Hestra::ScopedListener listener([&](std::string_view text) { said[t] += text; });
+        GridEvaluator evaluator;
+        evaluator.find(at(positions), *source.positions(), context);
+        for (index_t k = 0; k < 2000; ++k) located[t] += evaluator.statuses()->element(k) == 3;
+    });
     std::size_t creations = 0, trees = 0;
     for (std::size_t t = 0; t < 4; ++t) {
         EXPECT_EQ(located[t], 2000);

@@ -10,9 +10,7 @@ protected:
     template<class T, class F>
     void addBlock(index_t number, const F& f) {
         const index_t first = 2 * number;
-        const auto data = MemArray<3, T>::create({3, 3, 3});
-        MultiIndex<3> at;
-        for (index_t n = 0; n < 27; ++n, at.advance({3, 3, 3})) (*data)[at] = static_cast<T>(f(double(first + at[0])));
+        const auto data = filled<T>({3, 3, 3}, [&](const MultiIndex<3>& at) { return f(double(first + at[0])); });
         const auto id =
             blocks.addBlock(std::to_string(number),
                             makeRef<UniformCartesianArray>(

@@ -7,11 +7,8 @@ namespace {
 using Block = MemArray<3, point>;
 
 StrongPtr<Block> box(const point& low) {
-    const auto block = Block::create({4, 4, 4});
-    MultiIndex<3> i;
-    do (*block)[i] = point(low[0] + double(i[0]), low[1] + double(i[1]), low[2] + double(i[2]));
-    while (i.advance(block->Size()));
-    return block;
+    return filled<point>(
+        {4, 4, 4}, [&](const MultiIndex<3>& i) { return low + vector(double(i[0]), double(i[1]), double(i[2])); });
 }
 
 struct LocationClientTest : testing::Test {
@@ -69,23 +66,6 @@ TEST_F(LocationClientTest, TakesObjectsAndHandles) {
     EXPECT_TRUE(search.findLocation(p, positions));
     EXPECT_EQ(search.findLocation(p, *positions).fragment, 1U);
     EXPECT_FALSE(CellSearch(nullptr, nullptr, {4, 4, 4}, 100).findLocation(p, nullptr));
-}
-
-// Counts without components for fragment numbers count all the same: the room is that of the indices.
-TEST_F(LocationClientTest, UnicellsTakeWhatTheirIndicesHaveRoomFor) {
-    const auto indices = MemArray<4, Orvix::FixedArray<unsigned short, 3>>::create({2, 2, 2, 2});
-    for (const index_t components : {1ULL, 2ULL, 3ULL}) {
-        const auto counts = MemArray<4, unsigned short>::create({2, 2, 2, components});
-        const auto add = [&](index_t fragment) {
-            return CellSearch::addToUniCell(*counts, *indices, {1, 0, 1}, fragment, {fragment, 2, 3});
-        };
-        EXPECT_TRUE(add(7));
-        EXPECT_TRUE(add(8));
-        EXPECT_FALSE(add(9));
-        for (index_t c = 0; c < components; ++c)
-            EXPECT_EQ((*counts)(1ULL, 0ULL, 1ULL, c), c == 0 ? 2 : 6 + c) << components;
-        EXPECT_EQ((*indices)(1ULL, 0ULL, 1ULL, 1ULL)[0], 8);
-    }
 }
 
 TEST_F(LocationClientTest, ProfilesNameTheOperations) {

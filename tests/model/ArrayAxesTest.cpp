@@ -6,8 +6,6 @@ using Linear = LinearCoordinateAxisArray<double>;
 using Explicit = ExplicitCoordinateAxisArray<double>;
 using Uniform = DirectProductMemArray<PhysicalSpace::point, LinearCoordinateAxisArray, 3>;
 using Rectilinear = DirectProductMemArray<PhysicalSpace::point, ExplicitCoordinateAxisArray, 3>;
-constexpr double infinity = std::numeric_limits<double>::infinity();
-constexpr double notANumber = std::numeric_limits<double>::quiet_NaN();
 
 std::vector<double> randomAxis(std::mt19937_64& random, std::size_t count, bool ascending) {
     std::uniform_real_distribution<double> number(-50, 50);
@@ -53,7 +51,7 @@ TEST(ArrayAxesTest, LinearIndexIsAnUnclampedQuotient) {
         EXPECT_EQ(axis.getIndex(x), (x - 10.0) / 0.1);
         EXPECT_EQ(axis.getFractionalIndex(x), axis.getIndex(x));
     }
-    EXPECT_TRUE(std::isnan(axis.getIndex(notANumber)));
+    EXPECT_TRUE(std::isnan(axis.getIndex(kNaN)));
     EXPECT_EQ(Linear(10.0, 0.0, 5).getIndex(12.0), 0.0);
     EXPECT_EQ(Linear(10.0, -2.0, 5).getIndex(4.0), 3.0);
     const Linear single = Linear::spanning(1.0, 3.0, 1);
@@ -82,7 +80,7 @@ TEST(ArrayAxesTest, ExplicitAxisFindsItsNodesExactly) {
         }
         EXPECT_EQ(axis.getIndex(values.back()), 1.0);
         // Next to the ends and far away: outside stays outside, on the right side.
-        const double outwards = ascending ? infinity : -infinity;
+        const double outwards = ascending ? kInfinity : -kInfinity;
         const double above = std::nextafter(values.back(), outwards);
         const double below = std::nextafter(values.front(), -outwards);
         EXPECT_GT(axis.getFractionalIndex(above), last);
@@ -91,26 +89,26 @@ TEST(ArrayAxesTest, ExplicitAxisFindsItsNodesExactly) {
         EXPECT_LT(axis.getIndex(below), 0.0);
         EXPECT_NEAR(axis.getFractionalIndex(values.back() + 3 * (values.back() - values[count - 2])), last + 3, 1e-9);
         EXPECT_NEAR(axis.getFractionalIndex(values[0] - 2 * (values[1] - values[0])), -2, 1e-9);
-        EXPECT_TRUE(std::isnan(axis.getFractionalIndex(notANumber)));
-        EXPECT_TRUE(std::isnan(axis.getIndex(notANumber)));
+        EXPECT_TRUE(std::isnan(axis.getFractionalIndex(kNaN)));
+        EXPECT_TRUE(std::isnan(axis.getIndex(kNaN)));
     }
 }
 
 TEST(ArrayAxesTest, DegenerateExplicitAxes) {
     const Explicit single({5.0});
     EXPECT_EQ(single.getIndex(5.0), 0.0);
-    EXPECT_EQ(single.getIndex(4.0), -infinity);
-    EXPECT_EQ(single.getIndex(6.0), infinity);
-    EXPECT_TRUE(std::isnan(single.getIndex(notANumber)));
+    EXPECT_EQ(single.getIndex(4.0), -kInfinity);
+    EXPECT_EQ(single.getIndex(6.0), kInfinity);
+    EXPECT_TRUE(std::isnan(single.getIndex(kNaN)));
     const Explicit repeated({1.0, 1.0, 2.0, 2.0});
     EXPECT_EQ(repeated.getFractionalIndex(1.5), 1.5);
     EXPECT_EQ(repeated.getFractionalIndex(2.0), 3.0);
-    EXPECT_EQ(repeated.getFractionalIndex(0.0), -infinity);
-    EXPECT_EQ(repeated.getFractionalIndex(3.0), infinity);
+    EXPECT_EQ(repeated.getFractionalIndex(0.0), -kInfinity);
+    EXPECT_EQ(repeated.getFractionalIndex(3.0), kInfinity);
     EXPECT_TRUE(std::isnan(Explicit().getIndex(1.0)));
     EXPECT_EQ(Explicit().first(), 0.0);
     // Values without order give no answer, but no harm either.
-    (void)Explicit({notANumber, 1.0, notANumber, -3.0}).getIndex(0.5);
+    (void)Explicit({kNaN, 1.0, kNaN, -3.0}).getIndex(0.5);
 }
 
 TEST(ArrayAxesTest, DirectProductIsNoTypedArray) {
@@ -131,11 +129,11 @@ TEST(ArrayAxesTest, ComputedElementsEqualStoredOnes) {
     std::mt19937_64 random(4);
     for (int repeat = 0; repeat < 20; ++repeat) {
         const auto product = makeRef<Rectilinear>(randomAxes(random));
-        const auto stored = MemArray<3, point>::create(product->Size());
+        const auto stored = filled<point>(product->Size(), [&](const MultiIndex<3>& index) {
+            return point(product->axis(0).values()[index[0]], product->axis(1).values()[index[1]],
+                         product->axis(2).values()[index[2]]);
+        });
         MultiIndex<3> index;
-        do
-            for (int d = 0; d < 3; ++d) (*stored)[index][d] = product->axis(d).values()[index[d]];
-        while (index.advance(product->Size()));
 
         const MultiArrayBase<3, point> view = product->view();
         const CreativeIterator<point> elements = product->creativeIterator();

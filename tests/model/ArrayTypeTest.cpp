@@ -155,11 +155,8 @@ TEST(ArrayTypeTest, ComponentsAreNamed) {
 }
 
 TEST(ArrayTypeTest, PointsAreReadAsVectorsFromTheSameMemory) {
-    const auto points = MemArray<3, point>::create({3, 2, 2});
-    for (index_t k = 0; k < points->nElements(); ++k) {
-        const auto x = static_cast<double>(k);
-        points->element(k) = {x, -x, 1 / (x + 1)};
-    }
+    const auto points =
+        filled<point>({3, 2, 2}, [](index_t k) { return point(double(k), -double(k), 1 / double(k + 1)); });
     const MultiArrayBase<3, vector> vectors = asVectors<3>(*points);
     MultiIndex<3> index;
     do EXPECT_EQ(vectors.getElement(index), vector((*points)[index]));

@@ -8,10 +8,7 @@ using Mask = MemArray<3, unsigned char>;
 
 template<class T>
 StrongPtr<MemBase> randomMask(const MultiIndex<3>& size, double valid, std::mt19937_64& random) {
-    const auto mask = MemArray<3, T>::create(size);
-    for (index_t n = 0; n < mask->nElements(); ++n)
-        mask->element(n) = std::bernoulli_distribution(valid)(random) ? static_cast<T>(n % 3 + 1) : T{0};
-    return mask;
+    return filled<T>(size, [&](index_t n) { return std::bernoulli_distribution(valid)(random) ? n % 3 + 1 : 0; });
 }
 
 bool isSet(const MemBase* mask, const MultiIndex<3>& at) {
@@ -130,10 +127,7 @@ protected:
     StrongPtr<FragmentID> masked = grid.addBlock("masked", MemArray<3, point>::create(size));
 
     [[nodiscard]] static StrongPtr<MemBase> without(const MultiIndex<3>& vertex, const MultiIndex<3>& extents) {
-        const auto mask = Mask::create(extents);
-        for (index_t n = 0; n < mask->nElements(); ++n) mask->element(n) = 1;
-        (*mask)[vertex] = 0;
-        return mask;
+        return filled<unsigned char>(extents, [&](const MultiIndex<3>& at) { return at != vertex; });
     }
     [[nodiscard]] index_t validCells(const Grid& of) const {
         const auto mask = Blanking(of).of(masked, size);
@@ -193,12 +187,9 @@ TEST_F(BlankingTest, IsMadeFromLazyMasksOnceAndWithoutThemAgain) {
     blanking.check(*grid.positions());
     EXPECT_TRUE(blanking.concerns(masked));
     EXPECT_EQ(runs, 0);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int n = 0; n < 50; ++n) EXPECT_EQ(validCells(), 26u);
-        });
-    for (std::thread& thread : threads) thread.join();
+    support::inThreads(4, [&] {
+        for (int n = 0; n < 50; ++n) EXPECT_EQ(validCells(), 26u);
+    });
     EXPECT_EQ(runs, 1);
     cache->setLimit(1); // whatever presses
     cache->setLimit(0);
@@ -232,8 +223,7 @@ TEST_F(BlankingTest, SaysWhatDoesNotFit) {
 }
 
 TEST_F(BlankingTest, MasksFollowTheirFields) {
-    const auto values = MemArray<3, double>::create(size);
-    for (index_t n = 0; n < values->nElements(); ++n) values->element(n) = static_cast<double>(n);
+    const auto values = filled<double>(size, [](index_t n) { return n; });
     values->element(0) = std::nan("");
     values->element(63) = HUGE_VAL;
     const auto field = grid.setField("values", values, masked);

@@ -16,7 +16,6 @@ struct Maker : Hestra::CreatorBase<Data> {
     bool canProduce() const override { return !disabled; }
     StrongPtr<Data> produce() override {
         ++runs;
-        if (delay) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         if (action == Throw) throw std::runtime_error("no data today");
         if (action == Nothing) return nullptr;
         if (inside) inside();
@@ -27,7 +26,6 @@ struct Maker : Hestra::CreatorBase<Data> {
     std::function<void()> inside; // what the creation function does besides
     std::size_t bytes;
     bool disabled = false;
-    int delay = 0;
     std::atomic<int> runs{0};
 };
 
@@ -171,20 +169,6 @@ TEST(CreatorTest, ARequestOnlyRemembers) {
     EXPECT_TRUE(maker.create(true)) << "what exists is given at once";
 }
 
-TEST(CreatorTest, CreatesOnceWhateverTheNumberOfThreads) {
-    const StrongPtr<Cache> cache(new Cache);
-    for (int round = 0; round < 20; ++round) {
-        Maker maker(1, cache);
-        maker.delay = 2;
-        std::vector<std::thread> threads;
-        std::vector<StrongPtr<Data>> got(4);
-        for (auto& mine : got) threads.emplace_back([&] { mine = maker.create(); });
-        for (auto& thread : threads) thread.join();
-        EXPECT_EQ(maker.runs, 1);
-        for (const auto& one : got) EXPECT_EQ(one, got.front());
-    }
-}
-
 // Who closes the circle gets null, nobody waits for ever, and who stands outside of it waits and gets the data.
 TEST(CreatorTest, CirclesOverThreadsEndInNull) {
     constexpr int kLength = 3;
@@ -198,10 +182,7 @@ TEST(CreatorTest, CirclesOverThreadsEndInNull) {
                 if (!ring[(n + 1) % kLength]->create()) ++nulls;
             };
         std::vector<StrongPtr<Data>> got(2 * kLength);
-        std::vector<std::thread> threads;
-        for (std::size_t n = 0; n < got.size(); ++n)
-            threads.emplace_back([&, n] { got[n] = ring[n % kLength]->create(); });
-        for (auto& thread : threads) thread.join();
+        support::inThreads(2 * kLength, [&](unsigned n) { got[n] = ring[n % kLength]->create(); });
         EXPECT_EQ(nulls, 1);
         for (std::size_t n = 0; n < got.size(); ++n) EXPECT_TRUE(got[n] && got[n] == got[n % kLength]);
     }
@@ -225,13 +206,10 @@ TEST(CreatorTest, CreatorsThatNeedEachOtherAnswerWithoutFail) {
                     if (!one->create()) ++nulls;
             };
         }
-        std::vector<std::thread> threads;
-        for (unsigned t = 0; t < 4; ++t)
-            threads.emplace_back([&, t] {
-                for (unsigned n = 0; n < makers.size(); ++n)
-                    if (!makers[(n * (2 * t + 1) + t) % makers.size()]->create()) ++nulls;
-            });
-        for (auto& thread : threads) thread.join();
+        support::inThreads(4, [&](unsigned t) {
+            for (unsigned n = 0; n < makers.size(); ++n)
+                if (!makers[(n * (2 * t + 1) + t) % makers.size()]->create()) ++nulls;
+        });
         if (hasCircles) continue;
         EXPECT_EQ(nulls, 0);
         for (const auto& maker : makers) EXPECT_EQ(maker->runs, 1);
@@ -284,14 +262,11 @@ TEST(CreatorTest, CreationAndEvictionRaceSafely) {
     cache->setLimit(250);
     std::vector<std::unique_ptr<Maker>> makers;
     for (int n = 0; n < 8; ++n) makers.push_back(std::make_unique<Maker>(100, cache));
-    std::vector<std::thread> threads;
-    for (unsigned t = 0; t < 3; ++t)
-        threads.emplace_back([&makers, t] {
-            for (unsigned n = 0; n < 3000; ++n)
-                if (const auto data = makers[(n * 5 + t) % makers.size()]->create(); !data || data->bytes != 100)
-                    std::abort();
-        });
-    for (auto& thread : threads) thread.join();
+    support::inThreads(3, [&](unsigned t) {
+        for (unsigned n = 0; n < 3000; ++n)
+            if (const auto data = makers[(n * 5 + t) % makers.size()]->create(); !data || data->bytes != 100)
+                std::abort();
+    });
     EXPECT_LE(cache->bytes(), 250u);
 }
 

@@ -58,12 +58,9 @@ TEST(ConsoleTest, TheListenerOfTheProcessHearsAllThreads) {
         isBusy = false;
         throw std::runtime_error("dropped");
     });
-    std::vector<std::thread> threads;
-    for (int n = 0; n < 4; ++n)
-        threads.emplace_back([] {
-            for (int k = 0; k < 100; ++k) Hestra::Console::print("%d\n", k);
-        });
-    for (std::thread& thread : threads) thread.join();
+    support::inThreads(4, [] {
+        for (int k = 0; k < 100; ++k) Hestra::Console::print("%d\n", k);
+    });
     EXPECT_EQ(heard.size(), 400u);
     EXPECT_EQ(std::count(heard.begin(), heard.end(), "99\n"), 4);
     EXPECT_FALSE(isOverlapping);

@@ -1,34 +1,23 @@
+#include <support/Creators.hpp>
 #include <support/Testing.hpp>
 
 namespace {
 
 using Hestra::Cache;
+using support::numbers, support::visited;
 using Array = MemArray<1, double>;
 
-StrongPtr<MemBase> numbers(std::vector<double> values) { return makeMemArray1D(std::move(values)); }
-
 double firstOf(const StrongPtr<MemBase>& data) { return dynamicCast<Array>(data)->element(0); }
-
-std::vector<std::string> visit(const Field& field, bool withNullCreators = true) {
-    std::vector<std::string> names;
-    field.iterate(
-        [&](const StrongPtr<FragmentID>& id, const StrongPtr<CreativeArrayBase>& creator) {
-            names.push_back(FragmentID::Name(id, "<none>") + (creator ? "" : "?"));
-            return true;
-        },
-        withNullCreators);
-    return names;
-}
 
 using Names = std::vector<std::string>;
 
 TEST(FieldTest, IterationVisitsEveryFragmentInOrderOfCreation) {
     Field field;
-    EXPECT_EQ(visit(field), Names{});
+    EXPECT_EQ(visited(field), Names{});
     for (const char* name : {"9", "10", "b", "a"}) (void)field.makeFragmentID(name);
     field.setPersistentData(numbers({1}), field.getFragmentID("b"));
-    EXPECT_EQ(visit(field), (Names{"9?", "10?", "b", "a?"}));
-    EXPECT_EQ(visit(field, false), Names{"b"});
+    EXPECT_EQ(visited(field), (Names{"9?", "10?", "b", "a?"}));
+    EXPECT_EQ(visited(field, false), Names{"b"});
     EXPECT_EQ(field.nFragments(), 4u);
     EXPECT_EQ(firstOf(field.getFirstData()), 1.0);
     EXPECT_EQ(firstOf(field.getDataByNumericalID(2)), 1.0);
@@ -47,7 +36,7 @@ TEST(FieldTest, IterationStopsOnFalseAndSurvivesChanges) {
         return visits < 2;
     }));
     EXPECT_EQ(visits, 2);
-    EXPECT_EQ(visit(field, false), Names{"c"});
+    EXPECT_EQ(visited(field, false), Names{"c"});
 }
 
 struct OnlyNamed : FragmentSelector {
@@ -205,7 +194,7 @@ TEST(FieldTest, AForwardingFieldFollowsTheOtherWhileItLives) {
     EXPECT_TRUE(isNewer()) << "its data are gone";
     EXPECT_FALSE(isNewer());
     EXPECT_FALSE(view.getData());
-    EXPECT_EQ(visit(view), Names{});
+    EXPECT_EQ(visited(view), Names{});
 }
 
 TEST(FieldTest, FragmentationArrayHoldsEveryFragmentOnce) {

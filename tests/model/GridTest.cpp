@@ -2,8 +2,6 @@
 
 namespace {
 
-constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
-
 TEST(BundleTest, SlicesAreFoundByTime) {
     const BundlePtr bundle = BundlePtr::create();
     const auto first = bundle[0.0];
@@ -254,8 +252,7 @@ TEST(GridKindsTest, PointCloudsFallIntoTheirLatticeCells) {
     EXPECT_EQ(positions->getData(positions->getFragmentID("[0x1x0]"))->nElements(), 0u);
     StrongPtr<Grid> none;
     EXPECT_FALSE(RegularlyFragmentedClusteredPointCloudGrid::create(none, {1, 1, 1}, box));
-    constexpr double kHuge = std::numeric_limits<double>::max();
-    for (const double far : {kHuge, std::numeric_limits<double>::infinity(), kNaN}) {
+    for (const double far : {std::numeric_limits<double>::max(), kInfinity, kNaN}) {
         const StrongPtr<BoundingBox> endless(new BoundingBox({-far, 0, 0}, {far, 1, 1}));
         EXPECT_FALSE(RegularlyFragmentedClusteredPointCloudGrid::create(grid, {2, 1, 1}, endless));
     }
@@ -311,26 +308,23 @@ TEST(GridTest, LookUpsAttachmentsAndCreationMeetInManyThreads) {
         VantleTypeIndex(typeid(double)), {}, id);
     source->setField("density", field);
     const StrongPtr<Field> other(new Field(WeakPtr<Field>(*field)));
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] {
-            const StrongPtr<Grid> own(new Grid);
-            const auto destination = own->makeCartesianRepresentation(3);
-            for (int n = 0; n < 200; ++n) {
-                const std::string name = "gradient " + std::to_string(t) + " " + std::to_string(n);
-                (void)destination->createSharedFieldID(*source, name);
-                destination->setField(name, other);
-                const auto found = (*grid)("density");
-                if (!found || !found->getData(found->getFragmentID("block"))) std::abort();
-                const auto creator = found->getCreator(id);
-                creator->addInterface(makeRef<SizeInterface>(DynamicSize{2}));
-                creator->setAttribute(name, makeRef<Hestra::Chunk<double>>(std::size_t{1}).strong());
-                creator->touch();
-                if (getSize(*creator).rank() != 1 || other->age() < 0) std::abort();
-                if (source->findFieldID(name) != destination->findFieldID(name)) std::abort();
-            }
-        });
-    for (auto& thread : threads) thread.join();
+    support::inThreads(4, [&](unsigned t) {
+        const StrongPtr<Grid> own(new Grid);
+        const auto destination = own->makeCartesianRepresentation(3);
+        for (int n = 0; n < 200; ++n) {
+            const std::string name = "gradient " + std::to_string(t) + " " + std::to_string(n);
+            (void)destination->createSharedFieldID(*source, name);
+            destination->setField(name, other);
+            const auto found = (*grid)("density");
+            if (!found || !found->getData(found->getFragmentID("block"))) std::abort();
+            const auto creator = found->getCreator(id);
+            creator->addInterface(makeRef<SizeInterface>(DynamicSize{2}));
+            creator->setAttribute(name, makeRef<Hestra::Chunk<double>>(std::size_t{1}).strong());
+            creator->touch();
+            if (getSize(*creator).rank() != 1 || other->age() < 0) std::abort();
+            if (source->findFieldID(name) != destination->findFieldID(name)) std::abort();
+        }
+    });
     EXPECT_EQ(runs, 1);
 }
 

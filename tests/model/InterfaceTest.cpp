@@ -75,15 +75,12 @@ TEST(InterfaceTest, IterationCallsEachOnceAndStopsOnDemand) {
 
 TEST(InterfaceTest, ConcurrentUseKeepsOneOfEachDomain) {
     const Intercube cube;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&cube, t] {
-            for (int n = 0; n < 2000; ++n) {
-                cube.addInterface(handle(new Size(t)));
-                if (!cube.findInterface(typeid(Size))) std::abort();
-            }
-        });
-    for (auto& thread : threads) thread.join();
+    support::inThreads(4, [&cube] {
+        for (int n = 0; n < 2000; ++n) {
+            cube.addInterface(handle(new Size(n)));
+            if (!cube.findInterface(typeid(Size))) std::abort();
+        }
+    });
     EXPECT_TRUE(cube.removeInterface(typeid(Size)));
     EXPECT_FALSE(cube.findInterface(typeid(Size)));
 }

@@ -4,8 +4,6 @@ namespace {
 
 using namespace Orvix;
 
-constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
-
 bool sameNumber(double a, double b) { return a == b || (std::isnan(a) && std::isnan(b)); }
 
 void expectSame(const BoundingBox& a, const BoundingBox& b) {
@@ -23,13 +21,13 @@ BoundingBox boxOf(std::initializer_list<double> xs) {
 }
 
 TEST(OrvixBoundingBox, NumbersAfterNaNReplaceTheMinimumOnly) {
-    const BoundingBox box = boxOf({5, NaN, 7});
+    const BoundingBox box = boxOf({5, kNaN, 7});
     EXPECT_EQ(box.minCoord()[0], 7.0);
     EXPECT_EQ(box.maxCoord()[0], 7.0);
-    EXPECT_TRUE(std::isnan(boxOf({5, 7, NaN}).minCoord()[0]));
-    EXPECT_EQ(boxOf({5, 7, NaN}).maxCoord()[0], 7.0);
-    EXPECT_EQ(boxOf({9, NaN, 3}).maxCoord()[0], 9.0);
-    const BoundingBox first = boxOf({NaN, 4, 3, 8});
+    EXPECT_TRUE(std::isnan(boxOf({5, 7, kNaN}).minCoord()[0]));
+    EXPECT_EQ(boxOf({5, 7, kNaN}).maxCoord()[0], 7.0);
+    EXPECT_EQ(boxOf({9, kNaN, 3}).maxCoord()[0], 9.0);
+    const BoundingBox first = boxOf({kNaN, 4, 3, 8});
     EXPECT_EQ(first.minCoord()[0], 3.0);
     EXPECT_TRUE(std::isnan(first.maxCoord()[0]));
     EXPECT_EQ(first.minCoord()[1], 1.0); // the other axes do not notice
@@ -38,7 +36,7 @@ TEST(OrvixBoundingBox, NumbersAfterNaNReplaceTheMinimumOnly) {
 TEST(OrvixBoundingBox, EmbraceLawsHoldForRandomBoxes) {
     std::mt19937 random(11);
     std::uniform_int_distribution<int> number(-4, 4);
-    const auto coordinate = [&] { return random() % 20 == 0 ? NaN : number(random); };
+    const auto coordinate = [&] { return random() % 20 == 0 ? kNaN : number(random); };
     for (int round = 0; round < 2000; ++round) {
         std::vector<point> points(1 + random() % 6);
         for (point& p : points) p = point(coordinate(), coordinate(), coordinate());
@@ -74,7 +72,7 @@ TEST(OrvixBoundingBox, IsClosedAndTestsUpToTheNamedAxis) {
     EXPECT_TRUE(box.inside(onlyX, 'x') && !box.inside(onlyX, 'y') && !box.inside(onlyX, 'z'));
     EXPECT_TRUE(box.inside(onlyXY, 'y') && !box.inside(onlyXY));
     EXPECT_FALSE(box.inside(onlyYZ, 'x') || box.inside(onlyYZ, 'y') || box.inside(onlyYZ, 'z'));
-    EXPECT_FALSE(box.inside(point(0, 0, NaN)));
+    EXPECT_FALSE(box.inside(point(0, 0, kNaN)));
     EXPECT_FALSE(BoundingBox().inside(point()));
     const BoundingBox reversed(max, min); // kept as given
     EXPECT_EQ(reversed.minCoord(), max);

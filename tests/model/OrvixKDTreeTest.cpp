@@ -6,8 +6,6 @@ using namespace Orvix;
 using Key = FixedArray<double, 3>;
 using Hits = std::vector<std::pair<int, double>>; // value and distance
 
-constexpr double Infinity = std::numeric_limits<double>::infinity();
-
 /// The tree as its definition says it: pointers, one walk from the root an insertion, every entry tested.
 class PlainTree {
 public:
@@ -74,7 +72,7 @@ protected:
     }
     void expectEqualSearches(const KDTree<3, int>& tree) {
         std::mt19937 random(6);
-        const double widths[] = {0.0, 0.5, 1.0, 3.0, Infinity};
+        const double widths[] = {0.0, 0.5, 1.0, 3.0, kInfinity};
         for (int query = 0; query < 120; ++query) {
             const Key& centre = query % 3 ? keys[random() % Count] : Key(uniform(random), uniform(random), 5.0);
             const Key half(widths[random() % 5], widths[random() % 5], widths[random() % 5]);
@@ -114,7 +112,9 @@ const Distribution Distributions[] = {
     // Descends along first children and then hangs a second child on each: the most subtrees can be pending.
     {"comb", 1, [](int i, std::mt19937&) { return i < 700 ? Key(-i, -i, -i) : Key(700.5 - i, 700.5 - i, 700.5 - i); }},
     {"infinite", 1,
-     [](int, std::mt19937& r) { return Key(r() % 5 ? uniform(r) : Infinity, r() % 5 ? 5.0 : -Infinity, uniform(r)); }},
+     [](int, std::mt19937& r) {
+         return Key(r() % 5 ? uniform(r) : kInfinity, r() % 5 ? 5.0 : -kInfinity, uniform(r));
+     }},
     {"signedZeros", 1,
      [](int, std::mt19937& r) { return Key(r() % 2 ? 0.0 : -0.0, r() % 2 ? 1.0 : -1.0, uniform(r)); }},
 };
@@ -161,17 +161,16 @@ TEST(OrvixKDTree, RoundingHidesNoEntry) {
 }
 
 TEST(OrvixKDTree, NaNIsNeitherKeptNorFound) {
-    const double nan = std::numeric_limits<double>::quiet_NaN();
     KDTree<3, int> tree;
     for (int axis = 0; axis < 3; ++axis) {
         Key key(1.0);
-        key[axis] = nan;
+        key[axis] = kNaN;
         EXPECT_FALSE(tree.insert(key, axis));
         EXPECT_TRUE(tree.empty());
     }
     tree.insert(Key(1.0), 1);
-    EXPECT_TRUE(search(tree, Key(1.0, nan, 1.0), Key(9.0)).empty());
-    EXPECT_TRUE(search(tree, Key(1.0), Key(9.0, nan, 9.0)).empty());
+    EXPECT_TRUE(search(tree, Key(1.0, kNaN, 1.0), Key(9.0)).empty());
+    EXPECT_TRUE(search(tree, Key(1.0), Key(9.0, kNaN, 9.0)).empty());
     EXPECT_TRUE(search(tree, Key(1.0), Key(-1.0)).empty());
 }
 

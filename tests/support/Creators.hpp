@@ -1,9 +1,12 @@
 #pragma once
-/// Creators for tests: around given elements, and lazy ones that count how often they ran.
+/// Creators for tests: around given elements, and lazy ones that count how often they ran; and what fields show of
+/// them.
 
 #include <model/vantle/CreativeArray.hpp>
+#include <model/vantle/Field.hpp>
 #include <model/vantle/MemArray.hpp>
 
+#include <string>
 #include <vector>
 
 namespace support {
@@ -30,6 +33,22 @@ Hestra::StrongPtr<Vantle::CreativeArrayBase> countingCreator(std::vector<T> elem
             return Hestra::StrongPtr<Vantle::MemBase>(Vantle::makeMemArray1D(elements, creator));
         },
         Vantle::VantleTypeIndex(typeid(T)), Vantle::DynamicSize(), cache);
+}
+
+/// The names of a field's fragments in the order of its iteration, "?" behind those without creator.
+inline std::vector<std::string> visited(const Vantle::Field& field, bool withNullCreators = true) {
+    std::vector<std::string> names;
+    field.iterate(
+        [&](const auto& id, const auto& creator) {
+            names.push_back(Vantle::FragmentID::Name(id, "<none>") + (creator ? "" : "?"));
+            return true;
+        },
+        withNullCreators);
+    return names;
+}
+
+inline Hestra::StrongPtr<Vantle::MemBase> numbers(std::vector<double> values) {
+    return Vantle::makeMemArray1D(std::move(values));
 }
 
 } // namespace support

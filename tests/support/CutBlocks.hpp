@@ -107,11 +107,7 @@ inline std::vector<Piece> turned(std::vector<Piece> pieces, std::mt19937_64& ran
 /// The elements of a piece, from an array of the uncut block.
 template<class T>
 Hestra::StrongPtr<Vantle::MemArray<3, T>> takePiece(const Vantle::MemArray<3, T>& uncut, const Piece& piece) {
-    const auto part = Vantle::MemArray<3, T>::create(piece.ownSize());
-    Place own;
-    do (*part)[own] = uncut[piece.uncut(own)];
-    while (own.advance(part->Size()));
-    return part;
+    return filled<T>(piece.ownSize(), [&](const Place& own) { return uncut[piece.uncut(own)]; });
 }
 
 /// A grid of pieces, fragments "0", "1", ... in their order, without offsets.
@@ -142,15 +138,6 @@ struct CutGrid : Scene {
     }
 };
 
-/// A value for each vertex from its position: equal where positions are equal.
-template<class F>
-auto fieldOn(const Block& block, const F& function) {
-    using T = decltype(function(Point()));
-    const Hestra::StrongPtr<Vantle::MemArray<3, T>> values = Vantle::MemArray<3, T>::create(block.Size());
-    for (Vantle::index_t k = 0; k < block.nElements(); ++k) values->element(k) = function(block.element(k));
-    return values;
-}
-
 /// Smooth, with values of both signs around the origin.
 inline double wave(const Point& p) {
     return std::sin(2.1 * p[0] + 0.3) * std::cos(1.7 * p[1]) + 0.4 * std::sin(1.3 * p[2]);
@@ -170,11 +157,7 @@ inline Hestra::StrongPtr<Vantle::MemArray<3, double>> noiseOn(const Block& block
 
 template<class F>
 BlockPtr makeBlockOf(const Place& n, const F& at) {
-    const auto block = Block::create(n);
-    Place i;
-    do (*block)[i] = at(i);
-    while (i.advance(n));
-    return block;
+    return filled<Point>(n, at);
 }
 inline double part(Vantle::index_t i, Vantle::index_t n) { return static_cast<double>(i) / static_cast<double>(n - 1); }
 

@@ -1,6 +1,8 @@
 #pragma once
 /// Curvilinear blocks for tests of point location: shapes with known maps, in one piece or several, and a linear field.
 
+#include "Arrays.hpp"
+
 #include <baseop/Interpolate.hpp>
 #include <model/vantle/Bundle.hpp>
 #include <model/vantle/GridKinds.hpp>
@@ -52,15 +54,11 @@ inline const std::vector<Shape>& shapes() {
 /// A block of n vertices over the part of the unit cube between two corners.
 inline BlockPtr makeBlock(const Shape& shape, const Vantle::MultiIndex<3>& n, const Point& low = {0, 0, 0},
                           const Point& high = {1, 1, 1}) {
-    const auto block = Block::create(n);
     const auto part = [&](int d, Vantle::index_t i) {
         return n[d] < 2 ? low[d] : low[d] + (high[d] - low[d]) * static_cast<double>(i) / static_cast<double>(n[d] - 1);
     };
-    Vantle::MultiIndex<3> i;
-    if (n.product() == 0) return block;
-    do (*block)[i] = shape.at(part(0, i[0]), part(1, i[1]), part(2, i[2]));
-    while (i.advance(n));
-    return block;
+    return filled<Point>(
+        n, [&](const Vantle::MultiIndex<3>& i) { return shape.at(part(0, i[0]), part(1, i[1]), part(2, i[2])); });
 }
 
 /// Where the trilinear block has a fractional index.
@@ -84,14 +82,17 @@ inline std::vector<Point> randomIndices(const Block& block, int count, unsigned 
     return indices;
 }
 
+/// A value for each vertex from its position: equal where positions are equal.
+template<class F>
+auto fieldOn(const Block& block, const F& function) {
+    return filled<decltype(function(Point()))>(block.Size(),
+                                               [&](Vantle::index_t k) { return function(block.element(k)); });
+}
+
 inline double linear(const Point& p) { return 1.0 + 2.0 * p[0] - 3.0 * p[1] + 0.5 * p[2]; }
 
 /// The linear field on the vertices of a block.
-inline Hestra::StrongPtr<Vantle::MemArray<3, double>> linearOn(const Block& block) {
-    const auto values = Vantle::MemArray<3, double>::create(block.Size());
-    for (Vantle::index_t k = 0; k < block.nElements(); ++k) values->element(k) = linear(block.element(k));
-    return values;
-}
+inline Hestra::StrongPtr<Vantle::MemArray<3, double>> linearOn(const Block& block) { return fieldOn(block, linear); }
 
 /// A grid of blocks named "A", "B", ... side by side in u, each with n vertices, and the field "linear".
 inline Vantle::RegularGrid3D makeBlocks(Vantle::Grid& grid, const Shape& shape, int blocks,

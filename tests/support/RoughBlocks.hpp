@@ -15,14 +15,10 @@ namespace support {
 inline BlockPtr distortedBlock(const Vantle::MultiIndex<3>& n, double edge, double distortion, unsigned seed) {
     std::mt19937_64 random(seed);
     std::uniform_real_distribution<double> off(-distortion, distortion);
-    const auto block = Block::create(n);
-    Vantle::MultiIndex<3> i;
-    do {
-        (*block)[i] =
-            Point(edge * (static_cast<double>(i[0]) + off(random)), edge * (static_cast<double>(i[1]) + off(random)),
-                  edge * (static_cast<double>(i[2]) + off(random)));
-    } while (i.advance(n));
-    return block;
+    return filled<Point>(n, [&](const Vantle::MultiIndex<3>& i) {
+        return Point(edge * (static_cast<double>(i[0]) + off(random)), edge * (static_cast<double>(i[1]) + off(random)),
+                     edge * (static_cast<double>(i[2]) + off(random)));
+    });
 }
 
 struct RoughBlock {

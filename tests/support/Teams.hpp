@@ -1,8 +1,10 @@
 #pragma once
-/// Tests with OpenMP teams of several sizes.
+/// Tests with OpenMP teams of several sizes, and with threads.
 
 #include <gtest/gtest.h>
 #include <omp.h>
+#include <thread>
+#include <vector>
 
 namespace support {
 
@@ -24,6 +26,20 @@ void forTeamsUpTo(int most, const Check& check) {
         const ThreadCount count(threads);
         check();
     }
+}
+
+/// Calls `action`, with their number if it takes one, in so many threads at once.
+template<class Action>
+void inThreads(unsigned count, const Action& action) {
+    std::vector<std::thread> threads;
+    for (unsigned t = 0; t < count; ++t)
+        threads.emplace_back([&action, t] {
+            if constexpr (std::is_invocable_v<const Action&, unsigned>)
+                action(t);
+            else
+                action();
+        });
+    for (std::thread& thread : threads) thread.join();
 }
 
 } // namespace support

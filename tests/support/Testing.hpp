@@ -15,10 +15,12 @@
 #include <map>
 #include <memory>
 #include <numbers>
+#include <optional>
 #include <random>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <support/Arrays.hpp>
 #include <support/Teams.hpp>
 #include <thread>
 #include <vector>
@@ -28,5 +30,17 @@ using Hestra::StrongPtr, Hestra::WeakPtr, Hestra::dynamicCast, Hestra::makeRef;
 using Orvix::BoundingBall, Orvix::BoundingBox, Orvix::PhysicalSpace;
 using point = PhysicalSpace::point;
 using vector = PhysicalSpace::vector;
+using support::filled;
 using testing::internal::CaptureStderr, testing::internal::GetCapturedStderr;
 using testing::internal::CaptureStdout, testing::internal::GetCapturedStdout;
+
+inline constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+inline constexpr double kInfinity = std::numeric_limits<double>::infinity();
+
+/// What a call says on standard output.
+template<class F>
+std::string outputOf(const F& call) {
+    CaptureStdout();
+    call();
+    return GetCapturedStdout();
+}
