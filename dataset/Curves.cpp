@@ -118,7 +118,7 @@ Values Curves::arcLengths() const {
 Values Curves::tangents() const {
     return Values(myData->visit([&](const auto& all) { return ComputeTangentialVectors(*myData->list, all); }));
 }
-double Curves::length() const {
+double Curves::greatestLength() const {
     return myData->visit([&](const auto& all) { return ComputeArcLengths(*myData->list, all); }).maximalLength;
 }
 

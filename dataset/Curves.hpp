@@ -61,7 +61,7 @@ public:
     [[nodiscard]] Values arcLengths() const;
     [[nodiscard]] Values tangents() const;
     /// The length of the longest curve; 0 without any. Computed by each call.
-    [[nodiscard]] double length() const;
+    [[nodiscard]] double greatestLength() const;
 
     /// Writes points, curves and all values as a VTK file (.vtp). Failure: FileError, see `writeVtk`.
     void write(const std::filesystem::path& file, const VtkOptions& options = {}) const;

@@ -509,7 +509,7 @@ TEST(DataSetTest, CurvesShareTheirArraysAndTakeValuesAlong) {
     const Curves paths(Vantle::adopt<1>(points, MultiIndex<1>(points->size())), Vantle::makeMemArray1D(crossing));
     EXPECT_EQ(paths.points().data(), points->data());
     EXPECT_EQ(paths[0], (Curves::Numbers{152, 151, 150}));
-    EXPECT_NEAR(paths.length(), 0.6, 1e-15);
+    EXPECT_NEAR(paths.greatestLength(), 0.6, 1e-15);
     for (const Curves& along : {paths, copied}) {
         const Curves told = along.with("plane", flow.locate(along.points()).sample("plane"));
         EXPECT_TRUE(along.names().empty());
