@@ -470,8 +470,8 @@ TEST_F(IsosurfaceGridTest, PlanesCutWhereDistancesFromThemVanish) {
             const auto term = [&](const MultiIndex<3>& at, int d) {
                 return (axes[std::size_t(d)][at[d]] - origin[d]) * unit[d];
             };
-            const auto distances =
-                fill<double>(size, [&](const MultiIndex<3>& at) { return (term(at, 0) + term(at, 1)) + term(at, 2); });
+            const auto distances = filled<double>(
+                size, [&](const MultiIndex<3>& at) { return (term(at, 0) + term(at, 1)) + term(at, 2); });
             regular = RegularGrid3D(grid = slice->newGrid("input"));
             addBlock("a", distances,
                      Hestra::makeRef<DirectProductMemArray<point, ExplicitCoordinateAxisArray, 3>>(

@@ -1,6 +1,7 @@
 #pragma once
 /// Tests with OpenMP teams of several sizes, and with threads.
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <omp.h>
 #include <thread>
@@ -33,12 +34,10 @@ template<class Action>
 void inThreads(unsigned count, const Action& action) {
     std::vector<std::thread> threads;
     for (unsigned t = 0; t < count; ++t)
-        threads.emplace_back([&action, t] {
-            if constexpr (std::is_invocable_v<const Action&, unsigned>)
-                action(t);
-            else
-                action();
-        });
+        if constexpr (std::is_invocable_v<const Action&, unsigned>)
+            threads.emplace_back(std::cref(action), t);
+        else
+            threads.emplace_back(std::cref(action));
     for (std::thread& thread : threads) thread.join();
 }
 
