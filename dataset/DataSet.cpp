@@ -558,9 +558,15 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
         const auto mask = MemArray<3, unsigned char>::create(size);
         std::size_t found = 0;
 
+        constexpr std::size_t Place = sizeof(Point) + sizeof(std::size_t) + 28; // the last of `LocatedPositions`
+        int most = 0;
+        for (const Target& target : targets) most = std::max(most, target.components);
+        const std::size_t bytesEach = Place + sizeof(double) * static_cast<std::size_t>(most);
+
         // Tiles of the lattice, as even as may be, so that each has to do with few blocks; within them, neighbours are
-        // located together.
-        const index_t atOnce = index_t{1} << (now.isLocatedByBlocks() ? 19 : 18); // blocks are read again for each
+        // located together. Where blocks are read again for each tile, these are larger, unless the budget is small.
+        constexpr index_t Few = index_t{1} << 18;
+        const index_t atOnce = now.isLocatedByBlocks() && 2 * Few * bytesEach <= now.cache->limit() / 3 ? 2 * Few : Few;
         MultiIndex<3> step = size;
         while (step.product() > atOnce) {
             int longest = 0;
@@ -568,11 +574,7 @@ DataSet DataSet::resample(const MultiIndex<3>& size, const Box& box, const Field
                 if (step[d] > step[longest]) longest = d;
             step[longest] = (step[longest] + 1) / 2;
         }
-        constexpr std::size_t Place = sizeof(Point) + sizeof(std::size_t) + 28; // the last of `LocatedPositions`
-        int most = 0;
-        for (const Target& target : targets) most = std::max(most, target.components);
-        const detail::CacheRoom room(now.cache, (Place + sizeof(double) * static_cast<std::size_t>(most)) *
-                                                    static_cast<std::size_t>(step.product()));
+        const detail::CacheRoom room(now.cache, bytesEach * static_cast<std::size_t>(step.product()));
         std::vector<Point> positions;
         std::vector<std::size_t> place;
         std::vector<double> values;
