@@ -174,8 +174,8 @@ using IsosurfaceArrays = std::pair<Hestra::StrongPtr<MemArray<1, Orvix::Physical
 ///             when the extents differ, std::length_error for more than 2^32 vertices before anything is written, and
 ///             lack of memory.
 /// Cost        a pass over the data at the speed of a comparison each, and some 20 nanoseconds a cut cell. Beside the
-///             result, two bytes for each cut cell and eight for each 64 cells of a row of which some are cut, and five planes
-///             of 32-bit indices a thread.
+///             result, two bytes for each cut cell and eight for each 64 cells of a row of which some are cut, and five
+///             planes of 32-bit indices a thread.
 template<class Coordinates, class Data>
 [[nodiscard]] VANTLE_BASEOP_API IsosurfaceArrays ComputeIsosurfaceT(const FieldExplorer<Data>& explorer,
                                                                     const Coordinates& coordinates, double parameter);
