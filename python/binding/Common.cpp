@@ -111,6 +111,12 @@ const char* kindName(Vantle::BlockKind kind) {
     }
 }
 
+py::dict fieldsOf(const std::vector<Vantle::FieldInfo>& fields) {
+    py::dict all;
+    for (const Vantle::FieldInfo& info : fields) all[py::str(info.name)] = info;
+    return all;
+}
+
 py::list joinsOf(const std::vector<Vantle::BlockJoin>& joins, const std::vector<std::string>& names) {
     const py::object join = py::module_::import("vantle._joins").attr("Join");
     const auto face = [&](const Vantle::BlockFace& of) {

@@ -46,6 +46,9 @@ using Normal = std::variant<std::string, std::array<double, 3>>;
 
 [[nodiscard]] const char* kindName(Vantle::BlockKind kind);
 
+/// What is known of fields, by name.
+[[nodiscard]] py::dict fieldsOf(const std::vector<Vantle::FieldInfo>& fields);
+
 /// A list of `vantle.Join`; `names` are those of the blocks.
 [[nodiscard]] py::list joinsOf(const std::vector<Vantle::BlockJoin>& joins, const std::vector<std::string>& names);
 

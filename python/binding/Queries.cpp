@@ -88,12 +88,7 @@ void defineQueries(DataSetClass& dataSet) {
             "at_time", [](const DataSetObject& self, double time) { return DataSetObject{self.value.atTime(time)}; },
             py::arg("time"), "The same data set looking at the last time that is not after this one.")
         .def_property_readonly(
-            "fields",
-            [](const DataSetObject& self) {
-                py::dict all;
-                for (const Vantle::FieldInfo& info : self.value.fields()) all[py::str(info.name)] = info;
-                return all;
-            },
+            "fields", [](const DataSetObject& self) { return fieldsOf(self.value.fields()); },
             "What is known of the fields that were set, by name, sorted.")
         .def_property_readonly(
             "bounds",

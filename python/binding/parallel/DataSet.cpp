@@ -308,12 +308,7 @@ what a rank keeps of them.)doc")
             },
             py::arg("name"), "The block of a name. KeyError lists the names that there are, the nearest first.")
         .def_property_readonly(
-            "fields",
-            [](const ParallelObject& self) {
-                py::dict all;
-                for (const Vantle::FieldInfo& info : self.value.fields()) all[py::str(info.name)] = info;
-                return all;
-            },
+            "fields", [](const ParallelObject& self) { return fieldsOf(self.value.fields()); },
             "What is known of the fields of all ranks, by name, sorted.")
         .def_property_readonly(
             "bounds",
