@@ -112,8 +112,11 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& u
     // A piece is what a row of groups of groups has below it: up to four by four rows of groups.
     constexpr std::size_t Side = 4, Arrays = 6 + 3 * Edges;
     const Level& bottom = myLevels[0];
-    const std::size_t groups = bottom.size[0], width = 2 * groups, room = GroupRow::roomForCells(groups),
-                      boxRoom = GroupRow::roomForBoxes(groups);
+    const std::size_t groups = bottom.size[0], width = 2 * groups, padded = (groups + Side - 1) / Side * Side;
+    // Short lines of groups that follow each other in memory are made together.
+    const std::size_t mostLines = std::max<std::size_t>(GroupRow::Lanes / groups, 1);
+    const std::size_t room = GroupRow::roomForCells(mostLines * groups),
+                      boxRoom = GroupRow::roomForBoxes(mostLines * groups);
     const std::size_t perPlane = (bottom.size[1] + Side - 1) / Side,
                       pieces = perPlane * ((bottom.size[2] + Side - 1) / Side);
     // Not much more than a large page of fresh memory at a time: two threads that come to one together both clear it.
@@ -124,9 +127,9 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& u
     constexpr std::size_t BytesPerGroup = 8 * 512;
     inParallel(pieces, together, bottom.total() * BytesPerGroup, [&](std::size_t begin, std::size_t end) {
         const std::unique_ptr<Shapes> filler = shapes.clone();
-        std::vector<float> memory(4 * Arrays * room + 6 * Side * Side * boxRoom);
+        std::vector<float> memory(4 * Arrays * room + 6 * boxRoom + 6 * Side * Side * padded);
         float* next = memory.data();
-        Row rows[4];
+        Row rows[4] = {};
         for (Row& row : rows) {
             const auto take = [&](float*(&vector)[3]) {
                 for (float*& component : vector) component = std::exchange(next, next + room);
@@ -135,43 +138,65 @@ void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& u
             take(row.slack);
             for (int g = 0; g < Edges; ++g) take(row.edge[g]);
         }
-        GroupRow line = {rows, groups, {}, {}, {}, nullptr};
-        for (int d = 0; d < 3; ++d)
-            line.least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
-        LevelBoxes boxes(next, Side * Side * boxRoom);
+        GroupRow made = {rows, 0, {}, {}, {}, nullptr};
+        for (std::size_t d = 0; d < 3; ++d) {
+            made.least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
+            made.low[d] = std::exchange(next, next + boxRoom);
+            made.high[d] = std::exchange(next, next + boxRoom);
+        }
+        LevelBoxes boxes(next, Side * Side * padded);
+        const auto fromCell = [](Row row, std::size_t cell) {
+            for (int d = 0; d < 3; ++d) {
+                row.centre[d] += cell;
+                row.slack[d] += cell;
+                for (int g = 0; g < Edges; ++g) row.edge[g][d] += cell;
+            }
+            return row;
+        };
+        unsigned existingBefore = 0;
         for (std::size_t piece = begin; piece < end; ++piece) {
-            const std::size_t firstY = Side * (piece % perPlane), firstZ = Side * (piece / perPlane);
-            for (std::size_t n = 0; n < Side * Side; ++n) {
-                const std::size_t y = firstY + n % Side, z = firstZ + n / Side;
-                const bool exists = y < bottom.size[1] && z < bottom.size[2];
-                if (exists) {
+            const auto y = [&](std::size_t line) { return Side * (piece % perPlane) + line % Side; };
+            const auto z = [&](std::size_t line) { return Side * (piece / perPlane) + line / Side; };
+            const auto number = [&](std::size_t line) { return groups * (y(line) + bottom.size[1] * z(line)); };
+            std::size_t lines[Side * Side], count = 0;
+            unsigned existing = 0;
+            for (std::size_t line = 0; line < Side * Side; ++line) {
+                if (y(line) >= bottom.size[1] || z(line) >= bottom.size[2]) continue;
+                lines[count++] = line;
+                existing |= 1U << line;
+            }
+            if (existing != std::exchange(existingBefore, existing))
+                for (int d = 0; d < 3; ++d) {
+                    std::fill_n(boxes.low[d], Side * Side * padded, infinite);
+                    std::fill_n(boxes.high[d], Side * Side * padded, -infinite);
+                }
+            for (std::size_t l = 0; l < count;) {
+                const std::size_t* const taken = lines + l;
+                std::size_t n = 0;
+                for (; l < count && n < mostLines && number(lines[l]) == number(*taken) + n * groups; ++l, ++n)
                     for (std::size_t r = 0; r < 4; ++r) {
-                        const std::size_t j = 2 * y + (r & 1), k = 2 * z + (r >> 1);
-                        const bool isRow = j < myCells[1] && k < myCells[2];
-                        if (isRow) filler->fill(j, k, rows[r]);
-                        for (float* const centre : rows[r].centre)
-                            std::fill(centre + (isRow ? myCells[0] : 0), centre + width,
+                        const std::size_t j = 2 * y(lines[l]) + (r & 1), k = 2 * z(lines[l]) + (r >> 1);
+                        const bool exists = j < myCells[1] && k < myCells[2];
+                        const Row row = fromCell(rows[r], n * width);
+                        if (exists) filler->fill(j, k, row);
+                        for (float* const centre : row.centre)
+                            std::fill(centre + (exists ? myCells[0] : 0), centre + width,
                                       std::numeric_limits<float>::quiet_NaN());
                     }
+                made.groups = n * groups;
+                if (detail == Detail::Cells) made.to = reinterpret_cast<unsigned char*>(&myBottom[number(*taken)]);
+                makeGroups<Edges>(made);
+                for (std::size_t t = 0; t < n; ++t)
                     for (int d = 0; d < 3; ++d) {
-                        line.low[d] = boxes.low[d] + n * boxRoom;
-                        line.high[d] = boxes.high[d] + n * boxRoom;
+                        std::copy_n(made.low[d] + t * groups, groups, boxes.low[d] + taken[t] * padded);
+                        std::copy_n(made.high[d] + t * groups, groups, boxes.high[d] + taken[t] * padded);
                     }
-                    if (detail == Detail::Cells)
-                        line.to = reinterpret_cast<unsigned char*>(&myBottom[groups * (y + bottom.size[1] * z)]);
-                    makeGroups<Edges>(line);
-                }
-                for (int d = 0; d < 3; ++d) {
-                    const std::size_t from = n * boxRoom + (exists ? groups : 0), to = (n + 1) * boxRoom;
-                    std::fill(boxes.low[d] + from, boxes.low[d] + to, infinite);
-                    std::fill(boxes.high[d] + from, boxes.high[d] + to, -infinite);
-                }
             }
             if (myTop == 0) continue;
             const Level& level = myLevels[1];
             for (std::size_t x = 0; x < level.size[0]; ++x)
                 setUpper(level, x + level.size[0] * piece, unions, [&](int d, std::size_t m, float& low, float& high) {
-                    const std::size_t at = m / Side * boxRoom + Side * x + m % Side;
+                    const std::size_t at = m / Side * padded + Side * x + m % Side;
                     low = boxes.low[d][at];
                     high = boxes.high[d][at];
                 });

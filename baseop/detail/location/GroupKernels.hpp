@@ -12,7 +12,7 @@ namespace Vantle::detail {
 inline constexpr float PositionRounding = 3e-7F;
 inline constexpr float ProductRounding = 2e-6F;
 
-/// The groups along four rows of cells.
+/// Groups along four rows of cells.
 struct GroupRow {
     /// Boxes along the axes are written in vectors of up to so many.
     static constexpr std::size_t Lanes = 16;
@@ -21,7 +21,7 @@ struct GroupRow {
     }
     /// The room of a row of cells that is read in such vectors, and written as `CellBoxTree::roomFor` says.
     [[nodiscard]] static constexpr std::size_t roomForCells(std::size_t groups) noexcept {
-        return 2 * roomForBoxes(groups) + CellBoxTree::RowLanes;
+        return 2 * roomForBoxes(groups) + 2 * CellBoxTree::RowLanes;
     }
     /// Bytes of a group: the origin and the three columns of its frame, then the bounds, in the order of
     /// `CellBoxTree::Bottom`.
