@@ -175,7 +175,7 @@ HWY_INLINE std::size_t bound(Lanes lanes, const double* const (&vertices)[4], st
         hn::LoadInterleaved3(lanes, vertices[1] + 3 * begin, b0, b1, b2);
         hn::LoadInterleaved3(lanes, vertices[2] + 3 * begin, c0, c1, c2);
         hn::LoadInterleaved3(lanes, vertices[3] + 3 * begin, e0, e1, e2);
-        const auto put = [&](int d, auto a, auto b, auto c, auto e) HWY_ATTR {
+        const auto put = [&](std::size_t d, auto a, auto b, auto c, auto e) HWY_ATTR {
             // All are numbers, and zeros of both signs have the same unicell.
             hn::StoreU(hn::Min(hn::Min(a, b), hn::Min(c, e)), lanes, lows + d * pitch + begin);
             hn::StoreU(hn::Max(hn::Max(a, b), hn::Max(c, e)), lanes, highs + d * pitch + begin);
