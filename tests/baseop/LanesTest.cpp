@@ -104,8 +104,8 @@ void appendLocations(Bits& bits, std::size_t count, int threads) {
     const ScopedThreads team(threads);
     std::mt19937_64 random(count);
     std::normal_distribution<double> normal(0.0, 0.15);
-    // Short and long lines, along each axis.
-    index_t size[3] = {count + 1, count < 24 ? 4u : 12u, count < 24 ? 3u : 10u};
+    // Short and long lines, along each axis; of the longer ones so many that one thread makes several together.
+    index_t size[3] = {count + 1, count < 24 ? 4u : 38u, count < 24 ? 3u : 44u};
     std::rotate(size, size + count % 3, size + 3);
     const auto block = filled<point>({size[0], size[1], size[2]}, [&](const MultiIndex<3>& i) {
         point p;
