@@ -142,6 +142,26 @@ void appendBlock(Bits& bits, std::size_t count, bool isWithNaN) {
         for (const auto corner : triangles->element(t)) append(bits, corner);
 }
 
+/// Bricks of positions, and the surface in which a plane cuts them.
+void appendCut(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const auto positions = filled<point>({count, 10, 3}, [&](index_t) {
+        point p;
+        for (double& x : p) x = randomNumber<double>(random, isWithNaN);
+        return p;
+    });
+    const detail::ValueBricks<point> bricks(*positions);
+    for (const auto* const values : {&bricks.least(), &bricks.greatest()})
+        for (const double value : *values) append(bits, value);
+    const auto slice = makeRef<Slice>();
+    RegularGrid3D regular(slice->newGrid("grid"));
+    regular.addBlock("block", positions);
+    const auto cut = ComputePlaneCut({0.1, 0.2, 0}, {0.3, -0.4, 1}, Hestra::Ageable(), *regular.grid(), *slice, "cut");
+    const auto triangles = TriangularSurface(cut).triangles();
+    for (index_t t = 0; t < triangles->nElements(); ++t)
+        for (const auto corner : triangles->element(t)) append(bits, corner);
+}
+
 void appendGradient(Bits& bits, std::size_t count, bool isWithNaN) {
     std::mt19937_64 random(count);
     const auto field = filled<double>({count, 3, 2}, [&](index_t) { return randomNumber<double>(random, isWithNaN); });
@@ -171,6 +191,7 @@ Bits results() {
             appendBlock<unsigned char>(bits, count, isWithNaN);
             appendBlock<short>(bits, count, isWithNaN);
             appendBlock<unsigned short>(bits, count, isWithNaN);
+            appendCut(bits, count, isWithNaN);
         }
     return bits;
 }
