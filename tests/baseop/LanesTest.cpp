@@ -4,6 +4,7 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/ExpandBBox.hpp>
+#include <baseop/GridEvaluator.hpp>
 #include <baseop/Interpolate.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/PartialDerivative.hpp>
@@ -162,6 +163,42 @@ void appendCut(Bits& bits, std::size_t count, bool isWithNaN) {
         for (const auto corner : triangles->element(t)) append(bits, corner);
 }
 
+/// Values of a uniform grid of numbers of all kinds at positions between nodes, on them, beside the grid, and nowhere:
+/// those of each kernel, and the bits.
+void appendEvaluation(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const MultiIndex<3> size(5, 4, 3);
+    const auto data = filled<double>(size, [&](index_t) { return randomNumber<double>(random, isWithNaN); });
+    const auto slice = makeRef<Slice>();
+    const auto grid = slice->newGrid("uniform");
+    const UniformGrid3D source = UniformGrid3D::create(*grid, BoundingBox({-1, 0, 2}, {3, 1, 7}), size);
+    RegularGrid3D(grid).setField("f", data);
+    const UniformCartesianArray nodes(BoundingBox({-1, 0, 2}, {3, 1, 7}), size);
+    std::vector<point> positions(count);
+    std::uniform_real_distribution<double> unit(-0.1, 1.1);
+    for (point& p : positions) {
+        p = random() % 4 ? point(-1 + 4 * unit(random), unit(random), 2 + 5 * unit(random))
+                         : nodes[MultiIndex<3>::fromLinear(random() % size.product(), size)];
+        if (isWithNaN && random() % 8 == 0) p[static_cast<int>(random() % 3)] = randomNumber<double>(random, true);
+    }
+    GridEvaluator::Context context;
+    context.slice = slice;
+    context.grid = grid;
+    GridEvaluator evaluator;
+    const auto asked = makeMemArray1D(positions);
+    ASSERT_TRUE(evaluator.find(asked, *grid->CartesianPositions(), context));
+    const auto values = dynamicCast<MemArray<1, double>>(evaluator.evalKnownDataTypes(asked, *(*grid)("f")));
+    for (std::size_t k = 0; k < count; ++k) {
+        const auto index = evaluator.fractionalIndices()->element(k);
+        const double expected =
+            evaluator.resultCode(k) == LocationResult::Found ? interpolateAt<3, double>(*data, index) : 0;
+        const double value = values->element(k);
+        EXPECT_TRUE(value == expected ? std::signbit(value) == std::signbit(expected)
+                                      : value != value && expected != expected);
+        append(bits, value);
+    }
+}
+
 void appendGradient(Bits& bits, std::size_t count, bool isWithNaN) {
     std::mt19937_64 random(count);
     const auto field = filled<double>({count, 3, 2}, [&](index_t) { return randomNumber<double>(random, isWithNaN); });
@@ -185,6 +222,7 @@ Bits results() {
             appendTangents(bits, count, isWithNaN);
             if (count < 24 && isWithNaN) appendLocations(bits, count);
             appendGradient(bits, count, isWithNaN);
+            appendEvaluation(bits, count, isWithNaN);
             if (count < 2 || count > 75) continue;
             appendBlock<double>(bits, count, isWithNaN);
             appendBlock<float>(bits, count, isWithNaN);
