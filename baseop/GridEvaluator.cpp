@@ -863,8 +863,9 @@ void GridEvaluator::interpolate(T* out, const Found& found, const Blocks<3, T>& 
         if (block.nElements() == 0) return;
         const bool isFar = areScattered && block.nElements() * sizeof(T) > NearCaches;
         constexpr std::size_t OnTheWay = 32;
-        for (std::size_t k = begin; k < end; k += OnTheWay) {
-            const std::size_t last = std::min(end, k + OnTheWay);
+        const std::size_t together = isFar ? OnTheWay : end - begin;
+        for (std::size_t k = begin; k < end; k += together) {
+            const std::size_t last = std::min(end, k + together);
             if (isFar)
                 for (std::size_t n = k; n < last; ++n) Blocks<3, T>::prefetch(block, at[n - begin]);
             // Indices of what was found are numbers.
