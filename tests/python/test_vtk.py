@@ -187,6 +187,40 @@ def test_parts_of_parts_are_taken_and_the_rest_is_reported(caplog):
     del apart
 
 
+def test_pieces_with_ghost_layers_meet_at_their_faces():
+    axes = vt.DataSet()
+    axes.add_rectilinear_block("axes", np.arange(9.0) ** 2, [5, 3, 2, 0], np.arange(6.0))
+    for whole in (image((9, 4, 6)), axes.to_vtk(), make_ring((9, 4, 6)).block("quarter 1").to_vtk()):
+        cells = numpy_to_vtk(np.sin(np.arange(8 * 3 * 5.0)), deep=True)
+        cells.SetName("cells")
+        whole.GetCellData().AddArray(cells)
+        smooth = vt.from_vtk(whole, cell_data="average")
+        expected = next(iter(smooth.blocks.values()))
+        pieces = model.vtkPartitionedDataSet()
+        low = whole.GetExtent()[::2]
+        for n, (first, last) in enumerate([(0, 3), (3, 4), (4, 8)]):
+            part, a, b = whole.NewInstance(), max(first - n, 0), min(last + 2, 8)
+            part.ShallowCopy(whole)
+            part.Crop([low[0] + a, low[0] + b, low[1], low[1] + 3, low[2], low[2] + 5])
+            marks = np.ones((5, 3, b - a), dtype=np.uint8)
+            marks[:, :, first - a : last - a] = 0
+            ghosts = numpy_to_vtk(marks.reshape(-1), deep=True)
+            ghosts.SetName("vtkGhostType")
+            part.GetCellData().AddArray(ghosts)
+            assert vt.vtk.own_points(part) == (slice(0, 6), slice(0, 4), slice(first - a, last - a + 1))
+            pieces.SetPartition(n, part)
+        flow = vt.from_vtk(pieces, cell_data="average")
+        for block, own in zip(flow.blocks.values(), (slice(0, 4), slice(3, 5), slice(4, 9))):
+            assert block.valid_cells is None
+            np.testing.assert_allclose(block.points, expected.points[:, :, own], rtol=1e-15)
+            np.testing.assert_array_equal(block["cells"], expected["cells"][:, :, own])
+        assert len(flow.joins) == 2
+        assert len(flow.contour("cells", 0.1).points) == len(smooth.contour("cells", 0.1).points) > 0
+        ghosts.Fill(1)
+        with pytest.raises(ValueError, match="nothing but ghost cells"):
+            vt.from_vtk(part)
+
+
 def test_objects_of_vtk_share_memory_and_keep_it_alive():
     flow = make_ring((9, 9, 9))
     surface = flow.contour("radius", [1.25, 1.5], values=["plane", "velocity"], normals=True)
