@@ -11,7 +11,7 @@ from typing import Any, Dict, Iterator, List, NamedTuple, Optional, Set, Tuple, 
 
 import numpy as np
 
-from ._vantle import Block, DataSet, Surface
+from ._vantle import Block, Curves, DataSet, Surface
 
 __all__ = ["Entry", "Report", "from_vtk", "own_points", "read", "register_accessor", "to_vtk"]
 
@@ -380,10 +380,30 @@ def _points(values: Any) -> Any:
     return points
 
 
+def _of_points(given: Union[Curves, Surface]) -> Any:
+    """Points and their values as vtkPolyData that has no cells yet."""
+    made = _vtk("vtkCommonDataModel").vtkPolyData()
+    made.SetPoints(_points(given.points))
+    for name in given.names:
+        values = given[name]
+        made.GetPointData().AddArray(_array(values if values.ndim == 1 else values.reshape(len(values), -1), name))
+    return made
+
+
+def _of_curves(curves: Curves) -> Any:
+    made = _of_points(curves)
+    lines = [curves.curve(n) for n in range(len(curves))]
+    ends = np.cumsum([0, *map(len, lines)], dtype=np.int64)
+    cells = _vtk("vtkCommonDataModel").vtkCellArray()
+    numbers = np.concatenate(lines).astype(np.int64) if lines else np.empty(0, dtype=np.int64)
+    cells.SetData(_array(ends, ""), _array(numbers, ""))
+    made.SetLines(cells)
+    return made
+
+
 def _of_surface(surface: Surface) -> Any:
     data, core = _vtk("vtkCommonDataModel"), _vtk("vtkCommonCore")
-    made = data.vtkPolyData()
-    made.SetPoints(_points(surface.points))
+    made = _of_points(surface)
     triangles = surface.triangles
     cells = data.vtkCellArray()
     numbers = np.arange(0, triangles.size + 1, 3, dtype=np.int32), triangles.reshape(-1).view(np.int32)
@@ -395,9 +415,6 @@ def _of_surface(surface: Surface) -> Any:
     for array, given in zip((cells.GetOffsetsArray(), cells.GetConnectivityArray()), numbers):
         array._numpy_reference = given
     made.SetPolys(cells)
-    for name in surface.names:
-        values = surface[name]
-        made.GetPointData().AddArray(_array(values if values.ndim == 1 else values.reshape(len(values), -1), name))
     if "normals" in surface:
         made.GetPointData().SetActiveNormals("normals")
     return made
@@ -444,16 +461,18 @@ def _fields_of(flow: DataSet, block: Block, wanted: Optional[List[str]]) -> Dict
     return found
 
 
-def to_vtk(self: Union[Block, DataSet, Surface], fields: Optional[List[str]] = None) -> Any:
+def to_vtk(self: Union[Block, Curves, DataSet, Surface], fields: Optional[List[str]] = None) -> Any:
     """An object of VTK over the same memory: VTK must not write into it where it is a data set's.
 
-    Surfaces are vtkPolyData; blocks vtkImageData, vtkRectilinearGrid or vtkStructuredGrid; data sets the same of their
+    Surfaces and curves are vtkPolyData; blocks vtkImageData, vtkRectilinearGrid or vtkStructuredGrid; data sets the same of their
     only block, or a vtkMultiBlockDataSet of several. Masks become arrays vtkGhostType.
 
     fields  of a data set or block: which, derived ones, too; by default all that were set. KeyError for unknown names.
     """
     if isinstance(self, Surface):
         return _of_surface(self)
+    if isinstance(self, Curves):
+        return _of_curves(self)
     if isinstance(self, Block):
         return _of_block(self, _fields_of(self.data_set, self, fields))
     blocks = list(self.blocks.values())

@@ -303,3 +303,43 @@ def test_what_notebooks_and_pictures_show(ring, tmp_path, monkeypatch):
     with pytest.raises(ImportError, match="matplotlib, which is not installed"):
         surface.plot()
     assert os.path.exists(tmp_path / "surface.png")
+
+
+def test_curves_have_lengths_directions_and_values(ring, tmp_path):
+    t = np.linspace(0, 3, 301)
+    helix = np.stack([1.5 * np.cos(t), 1.5 * np.sin(t), 0.2 * t + 0.1], axis=-1)
+    path = vt.Curves(helix, starts=np.array([0, 101]))
+    speed = np.hypot(1.5, 0.2)
+    lengths = path.arc_lengths()
+    np.testing.assert_allclose(lengths, np.where(t <= 1.0, t, t - 1.01) * speed, rtol=1e-4, atol=1e-12)
+    assert path.greatest_length() == lengths.max() == lengths[-1]
+    np.testing.assert_allclose(path.tangents()[1:100] @ [0, 0, 1], 0.2 / speed, rtol=1e-4)
+    path = path.with_values("plane", ring.locate(path.points).sample("plane")).with_values("length", lengths)
+    np.testing.assert_allclose(path["plane"], plane(helix), atol=1e-2)
+    assert path.names == ["length", "plane"] and "plane" in path and len(path) == 2
+    assert np.shares_memory(path.points, helix) and np.shares_memory(path["length"], lengths)
+    assert not path.points.flags.writeable and path.curve(1).tolist() == list(range(101, 301))
+    path.save(tmp_path / "path.vtp")
+    from vtkmodules.vtkIOXML import vtkXMLPolyDataReader
+
+    reader = vtkXMLPolyDataReader()
+    reader.SetFileName(str(tmp_path / "path.vtp"))
+    reader.Update()
+    expected, made = lengths.copy(), path.to_vtk()
+    del path, lengths
+    gc.collect()
+    for lines in (reader.GetOutput(), made):
+        assert lines.GetNumberOfLines() == 2 and lines.GetCell(1).GetPointId(0) == 101
+        np.testing.assert_array_equal(vtk_to_numpy(lines.GetPointData().GetArray("length")), expected)
+        np.testing.assert_array_equal(vtk_to_numpy(lines.GetPoints().GetData()), helix)
+    crossing = vt.Curves([[0, 0, 0], [1, 0, 0], [1, 1, 0]], [np.arange(3), [], (2, 0, 2)])
+    assert [crossing.curve(n).tolist() for n in range(3)] == [[0, 1, 2], [], [2, 0, 2]]
+    for wrong in (lambda: vt.Curves(helix, [[301]]), lambda: vt.Curves(helix, starts=[5, 4]), lambda: vt.Curves(helix[:, :2]),
+                  lambda: vt.Curves(helix, [[0]], starts=[0]), lambda: crossing.with_values("f", [1.0, 2.0])):  # fmt: skip
+        with pytest.raises(ValueError, match="point|starts|values"):
+            wrong()
+    with pytest.raises(KeyError, match='there are: "length"'):
+        crossing.with_values("length", [0.0, 1.0, 2.0])["plane"]
+    ends = [line[[0, -1]] for line in ring.edges("quarter 1")]
+    corners = ring.block("quarter 1").points[::4, ::8, ::16].reshape(-1, 3)
+    assert len(ends) == 12 and all((end == corners).all(axis=-1).any() for pair in ends for end in pair)
