@@ -4,6 +4,7 @@
 #include <baseop/DataRange.hpp>
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/ExpandBBox.hpp>
+#include <baseop/GridEvaluator.hpp>
 #include <baseop/Interpolate.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/PartialDerivative.hpp>
@@ -149,6 +150,62 @@ void appendBlock(Bits& bits, std::size_t count, bool isWithNaN) {
         for (const auto corner : triangles->element(t)) append(bits, corner);
 }
 
+/// Bricks of positions, and the surface in which a plane cuts them.
+void appendCut(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const auto positions = filled<point>({count, 10, 3}, [&](index_t) {
+        point p;
+        for (double& x : p) x = randomNumber<double>(random, isWithNaN);
+        return p;
+    });
+    const detail::ValueBricks<point> bricks(*positions);
+    for (const auto* const values : {&bricks.least(), &bricks.greatest()})
+        for (const double value : *values) append(bits, value);
+    const auto slice = makeRef<Slice>();
+    RegularGrid3D regular(slice->newGrid("grid"));
+    regular.addBlock("block", positions);
+    const auto cut = ComputePlaneCut({0.1, 0.2, 0}, {0.3, -0.4, 1}, Hestra::Ageable(), *regular.grid(), *slice, "cut");
+    const auto triangles = TriangularSurface(cut).triangles();
+    for (index_t t = 0; t < triangles->nElements(); ++t)
+        for (const auto corner : triangles->element(t)) append(bits, corner);
+}
+
+/// Values of a uniform grid of numbers of all kinds at positions between nodes, on them, beside the grid, and nowhere:
+/// those of each kernel, and the bits.
+void appendEvaluation(Bits& bits, std::size_t count, bool isWithNaN) {
+    std::mt19937_64 random(count);
+    const MultiIndex<3> size(5, 4, 3);
+    const auto data = filled<double>(size, [&](index_t) { return randomNumber<double>(random, isWithNaN); });
+    const auto slice = makeRef<Slice>();
+    const auto grid = slice->newGrid("uniform");
+    const UniformGrid3D source = UniformGrid3D::create(*grid, BoundingBox({-1, 0, 2}, {3, 1, 7}), size);
+    RegularGrid3D(grid).setField("f", data);
+    const UniformCartesianArray nodes(BoundingBox({-1, 0, 2}, {3, 1, 7}), size);
+    std::vector<point> positions(count);
+    std::uniform_real_distribution<double> unit(-0.1, 1.1);
+    for (point& p : positions) {
+        p = random() % 4 ? point(-1 + 4 * unit(random), unit(random), 2 + 5 * unit(random))
+                         : nodes[MultiIndex<3>::fromLinear(random() % size.product(), size)];
+        if (isWithNaN && random() % 8 == 0) p[static_cast<int>(random() % 3)] = randomNumber<double>(random, true);
+    }
+    GridEvaluator::Context context;
+    context.slice = slice;
+    context.grid = grid;
+    GridEvaluator evaluator;
+    const auto asked = makeMemArray1D(positions);
+    ASSERT_TRUE(evaluator.find(asked, *grid->CartesianPositions(), context));
+    const auto values = dynamicCast<MemArray<1, double>>(evaluator.evalKnownDataTypes(asked, *(*grid)("f")));
+    for (std::size_t k = 0; k < count; ++k) {
+        const auto index = evaluator.fractionalIndices()->element(k);
+        const double expected =
+            evaluator.resultCode(k) == LocationResult::Found ? interpolateAt<3, double>(*data, index) : 0;
+        const double value = values->element(k);
+        EXPECT_TRUE(value == expected ? std::signbit(value) == std::signbit(expected)
+                                      : value != value && expected != expected);
+        append(bits, value);
+    }
+}
+
 void appendGradient(Bits& bits, std::size_t count, bool isWithNaN) {
     std::mt19937_64 random(count);
     const auto field = filled<double>({count, 3, 2}, [&](index_t) { return randomNumber<double>(random, isWithNaN); });
@@ -172,12 +229,14 @@ Bits results(int threads) {
             appendTangents(bits, count, isWithNaN);
             if ((count < 24 || (count > 60 && count < 67)) && isWithNaN) appendLocations(bits, count, threads);
             appendGradient(bits, count, isWithNaN);
+            appendEvaluation(bits, count, isWithNaN);
             if (count < 2 || count > 75) continue;
             appendBlock<double>(bits, count, isWithNaN);
             appendBlock<float>(bits, count, isWithNaN);
             appendBlock<unsigned char>(bits, count, isWithNaN);
             appendBlock<short>(bits, count, isWithNaN);
             appendBlock<unsigned short>(bits, count, isWithNaN);
+            appendCut(bits, count, isWithNaN);
         }
     return bits;
 }
