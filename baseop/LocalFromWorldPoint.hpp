@@ -319,9 +319,11 @@ private:
     bool search(std::span<const point> positions, std::span<Location> found, Way way,
                 std::span<const std::size_t> numbers) const;
     bool get(const point& p, LocalPoint& result, Way way) const;
+    void locateNext(std::span<const point> positions, std::span<Location> found, LocationHint& hint) const;
+    [[nodiscard]] bool isNearHome(const point& p, LocationHint::State& near, Location& found) const;
+    [[nodiscard]] Location searchOn(const point& p, LocationHint::State& near) const;
     [[nodiscard]] Location searchNear(const point& p, LocationHint::State& near) const;
-    template<class Home>
-    void settle(unsigned int fragment, const MultiIndex<3>& cell, Home& home) const;
+    void settle(unsigned int fragment, const MultiIndex<3>& cell, LocationHint::State& near) const;
     void locate(std::span<const point> positions, std::span<Location> found,
                 std::span<const std::size_t> numbers) const;
     void tell(const point& p, Way way) const;
