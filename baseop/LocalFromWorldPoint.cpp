@@ -438,14 +438,14 @@ void LocalFromWorldPoint::ask(Way way, unsigned int number, std::span<const poin
     switch (way) {
     case Way::Newton:
         if (const auto* const mapper = structure<UniGridMapper>(number, hearing); mapper && points.size() > 1)
-            return mapper->locate(points, found, epsilon, mask);
+            return mapper->locateNeighbours(points, found, epsilon, mask);
         else
             return with(mapper, [&](const UniGridMapper& m, const point& p) {
                 return m.locate(p, epsilon, {-1.0, -1.0, -1.0}, mask);
             });
     case Way::Exact:
         if (const auto* const locator = structure<ExactCellLocator>(number, hearing); locator && points.size() > 1)
-            return locator->locate(points, found, mask);
+            return locator->locateNeighbours(points, found, mask);
         else
             return with(locator, [&](const ExactCellLocator& l, const point& p) { return l.locate(p, nullptr, mask); });
     case Way::Projective:
@@ -613,28 +613,24 @@ bool LocalFromWorldPoint::isBuilt(unsigned int n) const {
 }
 
 void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found) const {
-    locate(positions, found, {});
-}
-
-void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found,
-                                 std::span<const std::size_t> numbers) const {
     VANTLE_SCOPE("LocalFromWorldPoint::locate(positions, found)");
     // A position takes about as long as reading some kilobytes.
-    constexpr std::size_t BytesEach = 2048, Neighbours = 64, Piece = 16 * Neighbours;
+    constexpr std::size_t BytesEach = 2048, Piece = 16 * Neighbours;
     // Positions in any order are put in one by large pieces, of which every thread has one.
     const std::size_t share = positions.size() / detail::teamSize() + 1;
     const std::size_t piece =
         detail::SpatialOrder::pays(positions) ? std::clamp(share, Piece, detail::SpatialOrder::MostPositions) : Piece;
     detail::inParallel(positions.size(), piece, BytesEach * positions.size(), [&](std::size_t begin, std::size_t end) {
-        detail::locateNeighbours<Neighbours>(
-            positions.subspan(begin, end - begin), found.subspan(begin, end - begin),
-            [&](std::span<const point> now, std::span<Location> theirs, const auto& number) {
-                std::size_t theirNumbers[Neighbours];
-                const std::size_t count = numbers.empty() ? 0 : now.size();
-                for (std::size_t m = 0; m < count; ++m) theirNumbers[m] = numbers[begin + number(m)];
-                search<Neighbours>(now, theirs, wayOfOptions(), std::span<const std::size_t>(theirNumbers, count));
-            });
+        detail::locateNeighbours<Neighbours>(positions.subspan(begin, end - begin), found.subspan(begin, end - begin),
+                                             [&](std::span<const point> now, std::span<Location> theirs, const auto&) {
+                                                 locateNeighbours(now, theirs, {});
+                                             });
     });
+}
+
+void LocalFromWorldPoint::locateNeighbours(std::span<const point> positions, std::span<Location> found,
+                                           std::span<const std::size_t> numbers) const {
+    search<Neighbours>(positions, found, wayOfOptions(), numbers);
 }
 
 /// The fragments whose boxes meet a box about the last position that it was moved to, in order.

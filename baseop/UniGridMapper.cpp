@@ -1,6 +1,7 @@
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
 #include <baseop/detail/location/CellTrail.hpp>
+#include <baseop/detail/location/FirstSteps.hpp>
 #include <baseop/detail/location/HomeCell.hpp>
 #include <baseop/detail/location/LinearReach.hpp>
 #include <baseop/detail/location/LinearSolve.hpp>
@@ -595,28 +596,36 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<Ce
         return;
     }
 
-    struct Step {
-        point at;
-        linear::FirstStep outcome;
-    };
-    Step steps[CellBoxTree::Matches::Capacity];
+    linear::StepEnd steps[CellBoxTree::Matches::Capacity];
     const std::span<const CellBoxTree::Matches::Cell> cells = matches.all();
     if (matches.areScattered())
         for (const CellOfBlock& cell : cells) search.vertices.prefetchCell(search.vertices.address(cell.index()));
-    for (std::size_t c = 0; c < cells.size(); ++c)
-        steps[c].outcome = linear::firstStep(steps[c].at, points[cells[c].point], cells[c].index(), search.vertices,
-                                             myPrecision, linear::Everywhere);
+    linear::makeFirstSteps(search.vertices, cells, points, myPrecision, steps);
 
     CellBoxTree::Surroundings nearMisses;
     std::optional<bool> areFewNear; // known once somebody asks, which hardly anybody does
     for (std::size_t n = 0; n < points.size(); ++n) {
         const point& p = points[n];
+        const std::span<const CellBoxTree::Matches::Cell> theirs = matches.of(n);
+        // Mostly a first step is the answer.
+        const auto first = std::find_if(theirs.begin(), theirs.end(), [&](const CellBoxTree::Matches::Cell& cell) {
+            return steps[&cell - cells.data()].outcome != linear::FirstStep::Left;
+        });
+        if (!mask && first != theirs.end())
+            if (const linear::StepEnd& step = steps[&*first - cells.data()];
+                step.outcome == linear::FirstStep::Found &&
+                search.vertices.isInBox(search.vertices.address(first->i, first->j, first->k), p)) {
+                found[n].local = point(step.at[0], step.at[1], step.at[2]);
+                found[n].result = LocationResult::Found;
+                found[n].isSilent = true;
+                continue;
+            }
         found[n] = Query(*this, p, grid_epsilon, start, mask)
                        .find(
-                           matches.of(n),
+                           theirs,
                            [&](const CellBoxTree::Matches::Cell& cell, point& at) {
-                               const Step& step = steps[&cell - cells.data()];
-                               at = step.at;
+                               const linear::StepEnd& step = steps[&cell - cells.data()];
+                               at = point(step.at[0], step.at[1], step.at[2]);
                                return step.outcome;
                            },
                            [&](auto&& f) {
