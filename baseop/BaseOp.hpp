@@ -9,6 +9,7 @@
 #include <baseop/EvalGrid.hpp>
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/ExpandBBox.hpp>
+#include <baseop/FieldMasks.hpp>
 #include <baseop/FragmentSkeleton.hpp>
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Interpolate.hpp>

@@ -1,5 +1,7 @@
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Interpolate.hpp>
+#include <baseop/detail/Extremes.hpp>
+#include <baseop/detail/LaneKernels.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/location/GridLock.hpp>
 #include <baseop/detail/location/LazyFragment.hpp>
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <mutex>
 #include <utility>
@@ -152,22 +155,15 @@ bool claims(const detail::RectilinearCoordinates& fragment, const BlockMask* mas
 
 /// The fractional indices of positions that a fragment has claimed: to the bit what `claims` gives.
 void indicesOf(const detail::UniformCoordinates& fragment, std::span<const point> points, FractionalIndex* indices) {
-    // Two positions at a time: then divisions go in pairs.
-    double origin[6], spacing[6];
-    bool isFlat = false;
-    for (int c = 0; c < 6; ++c) {
-        origin[c] = fragment.axis(c % 3).origin();
-        spacing[c] = fragment.axis(c % 3).spacing();
-        isFlat |= spacing[c] == 0.0;
+    double origin[3], spacing[3];
+    bool isFlat = points.empty();
+    for (int d = 0; d < 3; ++d) {
+        origin[d] = fragment.axis(d).origin();
+        spacing[d] = fragment.axis(d).spacing();
+        isFlat = isFlat || spacing[d] == 0.0;
     }
-    std::size_t m = 0;
-    for (; m + 2 <= points.size() && !isFlat; m += 2) {
-        double x[6];
-        std::memcpy(x, &points[m], sizeof x);
-        for (int c = 0; c < 6; ++c) x[c] = (x[c] - origin[c]) / spacing[c];
-        std::memcpy(&indices[m], x, sizeof x);
-    }
-    for (; m < points.size(); ++m) indices[m] = fragment.getIndex(points[m]);
+    if (!isFlat) return detail::divideByThrees(&points[0][0], 3 * points.size(), origin, spacing, indices[0].data());
+    for (std::size_t m = 0; m < points.size(); ++m) indices[m] = fragment.getIndex(points[m]);
 }
 
 void indicesOf(const detail::RectilinearCoordinates& fragment, std::span<const point> points,
@@ -677,22 +673,15 @@ private:
         });
         findTogether(std::span<const point>(points, count), [&](std::size_t m) { return members[m]; });
     }
-    /// Whether all are finite numbers. Several sums at a time, in vectors: each is 0, or NaN.
+    /// Whether all are finite numbers.
     [[nodiscard]] bool areAllFinite(std::size_t begin, std::size_t end) const {
-        constexpr std::size_t Sums = 12, Together = Sums / 3;
-        double sums[Sums] = {};
+        bool areFinite = true;
         const std::size_t first = myFound->first;
         myPositions.forEachPiece(first + begin, first + end, [&](std::size_t, std::span<const point> points) {
-            std::size_t m = 0;
-            for (; m + Together <= points.size(); m += Together) {
-                double x[Sums];
-                std::memcpy(x, &points[m], sizeof x);
-                for (std::size_t c = 0; c < Sums; ++c) sums[c] += x[c] * 0.0;
-            }
-            for (; m < points.size(); ++m)
-                for (std::size_t d = 0; d < 3; ++d) sums[d] += points[m][static_cast<int>(d)] * 0.0;
+            const auto found = detail::findExtremes<double, 1>(&points[0][0], 3 * points.size());
+            areFinite = areFinite && !found.hasNaN && std::isfinite(found.min[0]) && std::isfinite(found.max[0]);
         });
-        return std::all_of(sums, sums + Sums, [](double sum) { return sum == 0.0; });
+        return areFinite;
     }
     /// Of positions that the first fragment claims, if they are numbers.
     void claimNumbers(std::size_t begin, std::size_t end) {
@@ -874,12 +863,16 @@ void GridEvaluator::interpolate(T* out, const Found& found, const Blocks<3, T>& 
         if (block.nElements() == 0) return;
         const bool isFar = areScattered && block.nElements() * sizeof(T) > NearCaches;
         constexpr std::size_t OnTheWay = 32;
-        for (std::size_t k = begin; k < end; k += OnTheWay) {
-            const std::size_t last = std::min(end, k + OnTheWay);
+        const std::size_t together = isFar ? OnTheWay : end - begin;
+        for (std::size_t k = begin; k < end; k += together) {
+            const std::size_t last = std::min(end, k + together);
             if (isFar)
                 for (std::size_t n = k; n < last; ++n) Blocks<3, T>::prefetch(block, at[n - begin]);
             // Indices of what was found are numbers.
-            for (std::size_t n = k; n < last; ++n) out[n] = Interpolate<3, T>(block, at[n - begin]).evaluate();
+            if constexpr (std::is_same_v<T, double>)
+                detail::interpolateAll(block, at + (k - begin), last - k, out + k);
+            else
+                for (std::size_t n = k; n < last; ++n) out[n] = Interpolate<3, T>(block, at[n - begin]).evaluate();
         }
     };
     detail::inParallel(found.count, EvaluatedPiece, EvaluatedBytes * found.count,

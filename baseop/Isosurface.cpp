@@ -408,10 +408,14 @@ void FragmentIsoSurfacer::cut(const StrongPtr<FragmentID>& id, CreativeArrayBase
     if (!data->getDynamicSize().get(fragment.size)) throw static_cast<const char*>("Isodata are not 3D");
     const StrongPtr<MemBase> coordinates = findCoordinates(id, fragment);
     if (myIsMasked) fragment.mask = myBlanking.of(id, fragment.size);
+    using Own = const MemArray<3, PhysicalSpace::point>;
+    auto* const own = coordinates == data ? dynamic_cast<Own*>(data.rawptr()) : nullptr;
+    const auto bricks =
+        own ? detail::ValueBricks<PhysicalSpace::point>::ofKnown(positions, *own, myPositions->age()) : nullptr;
     std::visit(
         [&]<class Positions>(const Positions& found) {
             if constexpr (!std::is_same_v<Positions, std::monostate>)
-                sweep(id, PlaneDistances<Positions>(*myPlane, found, fragment.size), fragment);
+                sweep(id, PlaneDistances<Positions>(*myPlane, found, fragment.size, bricks.rawptr()), fragment);
         },
         fragment.positions);
 }

@@ -1,7 +1,13 @@
 // What masks cost: the same surface, search, evaluation and derivative without a mask (mask:0), with one that blanks
 // balls, about 3 per cent of the cells in few places (mask:1), and with one that blanks single vertices, about as many
 // cells all over the block (mask:2).
+//
+// And masks of a range of values, of a smooth block (noise:0) and of noise, the first of new values (first:1) and
+// further ones with another end: beside the loop that one would write, `PlainThreshold`.
 
+#include "Settings.hpp"
+
+#include <baseop/FieldMasks.hpp>
 #include <baseop/GridEvaluator.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/PartialDerivative.hpp>
@@ -138,5 +144,69 @@ void Mask(benchmark::State& state) {
     for (auto _ : state) benchmark::DoNotOptimize(BlockMask(MultiIndex<3>::filled(kSide), mask.rawptr(), nullptr));
 }
 BENCHMARK(Mask)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+struct Values {
+    explicit Values(bool isNoise) {
+        std::mt19937_64 random(5);
+        std::uniform_real_distribution<double> unit(0, 1);
+        MultiIndex<3> at;
+        do {
+            const auto part = [&](int d) {
+                return 2.0 * static_cast<double>(at[d]) / static_cast<double>(side - 1) - 1;
+            };
+            (*array)[at] =
+                isNoise ? unit(random) : 1.0 - length(Point(part(0), part(1), part(2)) - Point(0, 0, 0)) / 1.7;
+        } while (at.advance(array->Size()));
+        id = block.addBlock("block", MemArray<3, Point>::create({2, 2, 2}));
+        field = block.setField("values", array, id);
+    }
+    static Values& of(std::int64_t isNoise) {
+        static Values all[] = {Values(false), Values(true)};
+        return all[isNoise];
+    }
+
+    static constexpr index_t side = 128;
+    StrongPtr<MemArray<3, double>> array = MemArray<3, double>::create(MultiIndex<3>::filled(side));
+    StrongPtr<Slice> slice = Hestra::makeRef<Slice>();
+    RegularGrid3D block{slice->newGrid("grid")};
+    StrongPtr<FragmentID> id;
+    StrongPtr<Field> field;
+};
+
+double movedEnd() {
+    static int moves = 0;
+    return 0.3 + 0.001 * (moves++ % 50);
+}
+
+void Threshold(benchmark::State& state) {
+    Values& values = Values::of(state.range(0));
+    const Memory memory(true);
+    const TeamOf team(state.range(2));
+    (void)makeMaskOfRange(values.field, 0.3, 0.6)->getData(values.id);
+    for (auto _ : state) {
+        if (state.range(1) != 0) values.field->getCreator(values.id)->touch();
+        benchmark::DoNotOptimize(makeMaskOfRange(values.field, movedEnd(), 0.6)->getData(values.id));
+    }
+}
+BENCHMARK(Threshold)
+    ->ArgNames({"noise", "first", "threads"})
+    ->ArgsProduct({{0, 1}, {0, 1}, {1, 2}})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+void PlainThreshold(benchmark::State& state) {
+    const MemArray<3, double>& values = *Values::of(state.range(0)).array;
+    const Memory memory(true);
+    for (auto _ : state) {
+        std::vector<unsigned char> mask(static_cast<std::size_t>(values.nElements()));
+        const double* const from = values.data();
+        const double least = movedEnd();
+        for (std::size_t n = 0; n < mask.size(); ++n)
+            mask[n] = static_cast<unsigned char>(static_cast<int>(from[n] >= least) & static_cast<int>(from[n] <= 0.6));
+        benchmark::DoNotOptimize(mask.data());
+        benchmark::ClobberMemory();
+    }
+}
+BENCHMARK(PlainThreshold)->ArgName("noise")->DenseRange(0, 1)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 } // namespace

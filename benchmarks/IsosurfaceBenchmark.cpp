@@ -3,7 +3,8 @@
 // the same element type.
 //
 // Surfaces of single blocks as grids, first ones of a field and further ones, beside a sweep that was written for them:
-// compare `FirstSurface` and `FurtherSurface` with `HandWrittenSweep`, and where a range is found with `Range`.
+// compare `FirstSurface` and `FurtherSurface` with `HandWrittenSweep`, and where a range is found with `Range`. Planes
+// through such blocks, the first one and moved ones: compare `PlaneCut` with `HandWrittenPlane`.
 
 #include "Settings.hpp"
 
@@ -381,6 +382,62 @@ void surfaces(benchmark::internal::Benchmark* one) {
 BENCHMARK(ArraySurface)->Apply(surfaces);
 BENCHMARK(FirstSurface)->Apply(surfaces);
 BENCHMARK(FurtherSurface)->Apply(surfaces);
+
+point movedOrigin() {
+    static int moves = 0;
+    const double at = 0.1 + 0.001 * (moves++ % 50);
+    return {at, at, at};
+}
+PhysicalSpace::vector normalOf(std::int64_t isTilted) {
+    return isTilted != 0 ? PhysicalSpace::vector(0.3, 0.5, 0.8) : PhysicalSpace::vector(0, 0, 1);
+}
+
+void PlaneCut(benchmark::State& state) {
+    Block& block = Block::of(state.range(0));
+    const Memory memory(true);
+    const TeamOf team(state.range(3));
+    const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
+    const auto cut = [&] {
+        const auto made = ComputePlaneCut(movedOrigin(), normalOf(state.range(1)), Hestra::Ageable(),
+                                          *block.grid.grid(), *block.slice, "cut");
+        state.counters["triangles"] = double(TriangularSurface(made).triangles()->nElements());
+        block.slice->remove("cut");
+    };
+    cut();
+    cut();
+    for (auto _ : state) {
+        if (state.range(2) != 0) block.grid.positions()->touch();
+        cut();
+    }
+}
+BENCHMARK(PlaneCut)
+    ->ArgNames({"block", "tilted", "first", "threads"})
+    ->ArgsProduct({{Ball, LargeBall}, {0, 1}, {0, 1}, {1, 2}})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+
+/// Distances of all vertices, and the sweep of these.
+void HandWrittenPlane(benchmark::State& state) {
+    const Block& block = Block::of(state.range(0));
+    const Memory memory(true);
+    HandWritten made;
+    std::vector<double> distances(static_cast<std::size_t>(block.positions->nElements()));
+    for (auto _ : state) {
+        const point origin = movedOrigin();
+        const PhysicalSpace::vector unit = normalOf(state.range(1)) * (1.0 / length(normalOf(state.range(1))));
+        for (std::size_t n = 0; n < distances.size(); ++n)
+            distances[n] = dot(block.positions->data()[n] - origin, unit);
+        made.points.clear();
+        made.triangles.clear();
+        made.sweep(distances.data(), block.positions->Size(), block.positions->data(), 0.0);
+        state.counters["triangles"] = double(made.triangles.size());
+    }
+}
+BENCHMARK(HandWrittenPlane)
+    ->ArgNames({"block", "tilted"})
+    ->ArgsProduct({{Ball, LargeBall}, {0, 1}})
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 // ---- Grids of blocks ------------------------------------------------------------------------------------------------
 

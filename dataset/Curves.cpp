@@ -36,10 +36,10 @@ StrongPtr<Grid> gridOf(const StrongPtr<MemBase>& points, const StrongPtr<MemBase
     return grid;
 }
 
-std::vector<Curves::Numbers> through(std::size_t points, std::span<const index_t> starts) {
+std::vector<Curves::Numbers> through(index_t points, std::span<const index_t> starts) {
     std::vector<Curves::Numbers> curves(starts.size());
     for (std::size_t n = 0; n < starts.size(); ++n) {
-        const index_t end = n + 1 < starts.size() ? starts[n + 1] : index_t{points};
+        const index_t end = n + 1 < starts.size() ? starts[n + 1] : points;
         if (starts[n] > end || end > points)
             throw DataSetError("curve " + std::to_string(n) + " begins with point " + std::to_string(starts[n]) +
                                " and ends before point " + std::to_string(end) + "; there are " +
@@ -59,8 +59,11 @@ Curves::Curves(std::vector<Point> points, std::vector<Numbers> curves)
     : Curves(StrongPtr<MemBase>(makeMemArray1D(std::move(points))),
              StrongPtr<MemBase>(makeMemArray1D(std::move(curves)))) {}
 Curves Curves::consecutive(std::vector<Point> points, std::span<const index_t> starts) {
-    std::vector<Numbers> curves = through(points.size(), starts);
-    return {std::move(points), std::move(curves)};
+    return consecutive(StrongPtr<MemBase>(makeMemArray1D(std::move(points))), starts);
+}
+Curves Curves::consecutive(const StrongPtr<MemBase>& points, std::span<const index_t> starts) {
+    std::vector<Numbers> curves = through(points ? points->nElements() : 0, starts);
+    return {points, StrongPtr<MemBase>(makeMemArray1D(std::move(curves)))};
 }
 Curves::Curves(const StrongPtr<MemBase>& points, const StrongPtr<MemBase>& curves) : Curves(gridOf(points, curves)) {}
 

@@ -35,6 +35,7 @@ public:
     /// Several through consecutive points: curve n begins with point `starts[n]`, and ends before point
     /// `starts[n + 1]`, the last one with the last point. Failure: also for starts that descend.
     [[nodiscard]] static Curves consecutive(std::vector<Point> points, std::span<const index_t> starts);
+    [[nodiscard]] static Curves consecutive(const Hestra::StrongPtr<MemBase>& points, std::span<const index_t> starts);
     /// Shares arrays of rank 1, adopted memory included: of points in double precision, without gaps, and of `Numbers`,
     /// or such of `unsigned int`. Failure: also for other arrays.
     Curves(const Hestra::StrongPtr<MemBase>& points, const Hestra::StrongPtr<MemBase>& curves);

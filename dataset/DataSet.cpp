@@ -1,3 +1,4 @@
+#include <baseop/FieldMasks.hpp>
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/detail/CacheRoom.hpp>
 #include <baseop/detail/FragmentCoordinates.hpp>

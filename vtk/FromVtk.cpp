@@ -120,6 +120,35 @@ VantleTypeIndex elementOf(vtkDataArray& array, bool isOfPoints) {
     }
 }
 
+/// Numbers of vertices and of cells.
+struct Extents {
+    explicit Extents(const MultiIndex<3>& size) : vertices(size), cells(size) {
+        for (int d = 0; d < 3; ++d) cells[d] = std::max<index_t>(size[d], 2) - 1;
+    }
+    MultiIndex<3> vertices, cells;
+};
+
+/// What is known of the ghosts among the vertices or cells of a grid; null if that is nothing.
+vtkUnsignedCharArray* ghostsOf(vtkDataSetAttributes& data, const MultiIndex<3>& size) {
+    auto* const ghosts = vtkUnsignedCharArray::SafeDownCast(data.GetArray(vtkDataSetAttributes::GhostArrayName()));
+    return ghosts && static_cast<index_t>(ghosts->GetNumberOfTuples()) == size.product() ? ghosts : nullptr;
+}
+
+/// A part of an array over three indices.
+vtkSmartPointer<vtkDataArray> partOf(vtkDataArray& array, const MultiIndex<3>& whole, const MultiIndex<3>& first,
+                                     const MultiIndex<3>& size) {
+    auto part = vtk::TakeSmartPointer(array.NewInstance());
+    part->SetNumberOfComponents(array.GetNumberOfComponents());
+    part->SetNumberOfTuples(static_cast<vtkIdType>(size.product()));
+    const MultiIndex<3> rows(1, size[1], size[2]);
+    MultiIndex<3> row;
+    do
+        part->InsertTuples(static_cast<vtkIdType>(row.linear(size)), static_cast<vtkIdType>(size[0]),
+                           static_cast<vtkIdType>((first + row).linear(whole)), &array);
+    while (row.advance(rows));
+    return part;
+}
+
 class Input {
 public:
     explicit Input(const VtkInput& options) : myOptions(options) {}
@@ -138,7 +167,10 @@ public:
 private:
     struct Block {
         std::string name;
-        MultiIndex<3> size, cells;
+        Extents whole; // of the grid
+        Extents own;   // without ghost layers, which begins at `first`
+        MultiIndex<3> first = {};
+        [[nodiscard]] bool isCut() const { return own.vertices != whole.vertices; }
         [[nodiscard]] std::string what(const std::string& part) const {
             return "block " + inQuotes(name) + ", " + part;
         }
@@ -149,6 +181,7 @@ private:
     }
     StrongPtr<MemBase> take(vtkDataArray& array, const Block& block, bool isOfPoints, const std::string& what,
                             const char* made = nullptr);
+    [[nodiscard]] static bool leaveGhostLayers(Block& block, vtkDataSet& grid);
     void addPositions(const Block& block, vtkDataSet& grid);
     void addImage(const Block& block, vtkImageData& image);
     void addMasks(const Block& block, vtkDataSet& grid);
@@ -166,45 +199,54 @@ private:
 StrongPtr<MemBase> Input::take(vtkDataArray& array, const Block& block, bool isOfPoints, const std::string& what,
                                const char* made) {
     vtkSmartPointer<vtkDataArray> kept = &array;
-    VantleTypeIndex element = elementOf(array, isOfPoints);
+    if (block.isCut()) {
+        kept = partOf(array, block.whole.vertices, block.first, block.own.vertices);
+        if (!made) made = "without ghost layers";
+    }
+    VantleTypeIndex element = elementOf(*kept, isOfPoints);
     const std::string layout = !array.HasStandardMemoryLayout()
                                    ? std::string(array.GetClassName()) + " keeps its numbers in another order"
                                    : std::string("of ") + array.GetDataTypeAsString();
-    if (made) {
-        tell(what, Fate::Copied, made);
-    } else if (element && !myOptions.copy) {
-        tell(what, Fate::Shared);
+    if (element && (made || !myOptions.copy)) {
+        tell(what, made ? Fate::Copied : Fate::Shared, made ? made : "");
     } else {
-        kept = element ? vtk::TakeSmartPointer(array.NewInstance())
-                       : vtkSmartPointer<vtkDataArray>(vtkSmartPointer<vtkDoubleArray>::New());
-        kept->DeepCopy(&array);
+        const auto copy = element ? vtk::TakeSmartPointer(array.NewInstance())
+                                  : vtkSmartPointer<vtkDataArray>(vtkSmartPointer<vtkDoubleArray>::New());
+        copy->DeepCopy(kept);
+        kept = copy;
         tell(what, Fate::Copied, element ? "on request" : layout);
         element = elementOf(*kept, isOfPoints);
     }
     const ForeignMemory memory{.elements = kept->GetVoidPointer(0)};
-    return adopt(element, memory, DynamicSize(block.size),
+    return adopt(element, memory, DynamicSize(block.own.vertices),
                  MemoryOwner(std::make_shared<const vtkSmartPointer<vtkDataArray>>(kept)));
 }
 
 void Input::addImage(const Block& block, vtkImageData& image) {
+    const MultiIndex<3>& size = block.own.vertices;
     Box box;
     bool isUpright = image.GetDirectionMatrix()->IsIdentity();
     for (int d = 0; d < 3; ++d) {
-        box.low[d] = image.GetOrigin()[d] + image.GetSpacing()[d] * image.GetExtent()[2 * d];
-        box.high[d] = box.low[d] + image.GetSpacing()[d] * static_cast<double>(block.size[d] - 1);
-        isUpright = isUpright && (block.size[d] == 1 || box.low[d] < box.high[d]);
+        // The last ones of a part are the first ones of the next, to the last bit.
+        const auto at = [&](int n) { return image.GetOrigin()[d] + image.GetSpacing()[d] * n; };
+        const int first = image.GetExtent()[2 * d] + static_cast<int>(block.first[d]);
+        box.low[d] = at(first);
+        box.high[d] = at(first + static_cast<int>(size[d]) - 1);
+        isUpright = isUpright && (size[d] == 1 || box.low[d] < box.high[d]);
     }
     if (isUpright) {
-        myDataSet.addUniformBlock(block.name, block.size, box);
+        myDataSet.addUniformBlock(block.name, size, box);
         return tell(block.what("positions"), Fate::Shared, "a box");
     }
-    std::vector<Point> points(block.size.product());
-    for (std::size_t n = 0; n < points.size(); ++n) {
+    std::vector<Point> points;
+    points.reserve(size.product());
+    MultiIndex<3> vertex;
+    do {
         std::array<double, 3> at{};
-        image.GetPoint(static_cast<vtkIdType>(n), at.data());
-        points[n] = {at[0], at[1], at[2]};
-    }
-    myDataSet.addBlock(block.name, block.size, std::move(points));
+        image.GetPoint(static_cast<vtkIdType>((block.first + vertex).linear(block.whole.vertices)), at.data());
+        points.push_back({at[0], at[1], at[2]});
+    } while (vertex.advance(size));
+    myDataSet.addBlock(block.name, size, std::move(points));
     tell(block.what("positions"), Fate::Copied, "a turned or mirrored image");
 }
 
@@ -215,8 +257,12 @@ void Input::addPositions(const Block& block, vtkDataSet& grid) {
         std::array<std::vector<double>, 3> axes;
         const std::array<vtkDataArray*, 3> from{rectilinear->GetXCoordinates(), rectilinear->GetYCoordinates(),
                                                 rectilinear->GetZCoordinates()};
-        for (std::size_t d = 0; d < 3; ++d)
-            for (vtkIdType n = 0; n < from[d]->GetNumberOfTuples(); ++n) axes[d].push_back(from[d]->GetComponent(n, 0));
+        for (int d = 0; d < 3; ++d) {
+            const auto axis = static_cast<std::size_t>(d);
+            const auto first = static_cast<vtkIdType>(block.first[d]);
+            for (vtkIdType n = 0; n < static_cast<vtkIdType>(block.own.vertices[d]); ++n)
+                axes[axis].push_back(from[axis]->GetComponent(first + n, 0));
+        }
         myDataSet.addRectilinearBlock(block.name, axes[0], axes[1], axes[2]);
         tell(block.what("positions"), Fate::Copied, "three lists of coordinates");
     } else {
@@ -225,17 +271,43 @@ void Input::addPositions(const Block& block, vtkDataSet& grid) {
     }
 }
 
+/// Keeps to the cells that are no duplicates, and what is among them; false if there are none.
+bool Input::leaveGhostLayers(Block& block, vtkDataSet& grid) {
+    const MultiIndex<3>& cells = block.whole.cells;
+    auto* const ghosts = ghostsOf(*grid.GetCellData(), cells);
+    if (!ghosts) return true;
+    MultiIndex<3> first = cells, end, cell;
+    do {
+        const auto number = static_cast<vtkIdType>(cell.linear(cells));
+        if ((ghosts->GetValue(number) & vtkDataSetAttributes::DUPLICATECELL) != 0) continue;
+        for (int d = 0; d < 3; ++d) {
+            first[d] = std::min(first[d], cell[d]);
+            end[d] = std::max(end[d], cell[d] + 1);
+        }
+    } while (cell.advance(cells));
+    if (end[0] == 0) return false;
+    MultiIndex<3> size = block.whole.vertices;
+    for (int d = 0; d < 3; ++d)
+        if (size[d] > 1) size[d] = end[d] - first[d] + 1;
+    block.first = first;
+    block.own = Extents(size);
+    return true;
+}
+
 void Input::addMasks(const Block& block, vtkDataSet& grid) {
-    const auto add = [&](vtkDataSetAttributes* data, const MultiIndex<3>& size, unsigned blanked, bool isOfCells) {
-        auto* const ghosts = vtkUnsignedCharArray::SafeDownCast(data->GetArray(vtkDataSetAttributes::GhostArrayName()));
-        if (!ghosts || static_cast<index_t>(ghosts->GetNumberOfTuples()) != size.product()) return;
+    const auto add = [&](vtkDataSetAttributes& data, const MultiIndex<3>& whole, const MultiIndex<3>& size,
+                         unsigned blanked, bool isOfCells) {
+        auto* const ghosts = ghostsOf(data, whole);
+        if (!ghosts) return;
         const auto mask = MemArray<3, unsigned char>::create(size);
         bool isAllValid = true;
-        for (index_t n = 0; n < size.product(); ++n) {
-            const bool isValid = (ghosts->GetValue(static_cast<vtkIdType>(n)) & blanked) == 0;
-            mask->element(n) = isValid ? 1 : 0;
+        MultiIndex<3> at;
+        do {
+            const auto number = static_cast<vtkIdType>((block.first + at).linear(whole));
+            const bool isValid = (ghosts->GetValue(number) & blanked) == 0;
+            (*mask)[at] = isValid ? 1 : 0;
             isAllValid = isAllValid && isValid;
-        }
+        } while (at.advance(size));
         if (isAllValid) return;
         if (isOfCells)
             myDataSet.setCellMask(block.name, StrongPtr<MemBase>(mask));
@@ -244,8 +316,9 @@ void Input::addMasks(const Block& block, vtkDataSet& grid) {
         tell(block.what(isOfCells ? "vtkGhostType of cells" : "vtkGhostType of points"), Fate::Copied, "made a mask");
     };
     // Points that another part has, too, are valid here and there; duplicated cells are that other part's.
-    add(grid.GetPointData(), block.size, vtkDataSetAttributes::HIDDENPOINT, false);
-    add(grid.GetCellData(), block.cells, vtkDataSetAttributes::HIDDENCELL | vtkDataSetAttributes::DUPLICATECELL, true);
+    add(*grid.GetPointData(), block.whole.vertices, block.own.vertices, vtkDataSetAttributes::HIDDENPOINT, false);
+    add(*grid.GetCellData(), block.whole.cells, block.own.cells,
+        vtkDataSetAttributes::HIDDENCELL | vtkDataSetAttributes::DUPLICATECELL, true);
 }
 
 void Input::addField(const Block& block, const std::string& name, vtkDataArray& array, const std::string& what,
@@ -258,29 +331,29 @@ void Input::addField(const Block& block, const std::string& name, vtkDataArray& 
 }
 
 /// At each vertex the mean of the cells around it.
-vtkSmartPointer<vtkDataArray> averaged(vtkDataArray& cellValues, const MultiIndex<3>& size,
-                                       const MultiIndex<3>& cells) {
+vtkSmartPointer<vtkDataArray> averaged(vtkDataArray& cellValues, const Extents& extents) {
+    const auto& [size, cells] = extents;
     const int components = cellValues.GetNumberOfComponents();
     auto all = vtkSmartPointer<vtkDoubleArray>::New();
     all->SetNumberOfComponents(components);
     all->SetNumberOfTuples(static_cast<vtkIdType>(size.product()));
     MultiIndex<3> at;
-    if (size.product() > 0) do {
-            MultiIndex<3> first, last;
-            for (int d = 0; d < 3; ++d) {
-                first[d] = at[d] > 0 ? at[d] - 1 : 0;
-                last[d] = std::min(at[d], cells[d] - 1);
-            }
-            for (int c = 0; c < components; ++c) {
-                double sum = 0, count = 0;
-                MultiIndex<3> cell;
-                for (cell[2] = first[2]; cell[2] <= last[2]; ++cell[2])
-                    for (cell[1] = first[1]; cell[1] <= last[1]; ++cell[1])
-                        for (cell[0] = first[0]; cell[0] <= last[0]; ++cell[0], ++count)
-                            sum += cellValues.GetComponent(static_cast<vtkIdType>(cell.linear(cells)), c);
-                all->SetComponent(static_cast<vtkIdType>(at.linear(size)), c, sum / count);
-            }
-        } while (at.advance(size));
+    do {
+        MultiIndex<3> first, last;
+        for (int d = 0; d < 3; ++d) {
+            first[d] = at[d] > 0 ? at[d] - 1 : 0;
+            last[d] = std::min(at[d], cells[d] - 1);
+        }
+        for (int c = 0; c < components; ++c) {
+            double sum = 0, count = 0;
+            MultiIndex<3> cell;
+            for (cell[2] = first[2]; cell[2] <= last[2]; ++cell[2])
+                for (cell[1] = first[1]; cell[1] <= last[1]; ++cell[1])
+                    for (cell[0] = first[0]; cell[0] <= last[0]; ++cell[0], ++count)
+                        sum += cellValues.GetComponent(static_cast<vtkIdType>(cell.linear(cells)), c);
+            all->SetComponent(static_cast<vtkIdType>(at.linear(size)), c, sum / count);
+        }
+    } while (at.advance(size));
     return all;
 }
 
@@ -305,18 +378,18 @@ void Input::addFields(const Block& block, vtkDataSet& grid) {
                 add(name, *array, what);
         }
     };
-    each(grid.GetPointData(), "field ", "array ", block.size.product(),
+    each(grid.GetPointData(), "field ", "array ", block.whole.vertices.product(),
          [&](const std::string& name, vtkDataArray& array, const std::string& what) {
              addField(block, name, array, what);
          });
-    each(grid.GetCellData(), "cell data ", "cell array ", block.cells.product(),
+    each(grid.GetCellData(), "cell data ", "cell array ", block.whole.cells.product(),
          [&](const std::string& name, vtkDataArray& array, const std::string& what) {
              if (myOptions.cellData == VtkCellData::LeaveOut)
                  tell(what, Fate::LeftOut, "fields are of vertices; VtkCellData::Average takes averages");
              else if (grid.GetPointData()->HasArray(name.c_str()))
                  tell(what, Fate::LeftOut, "there is a field of this name");
              else
-                 addField(block, name, *averaged(array, block.size, block.cells), what, "averaged to vertices");
+                 addField(block, name, *averaged(array, block.whole), what, "averaged to vertices");
          });
 }
 
@@ -335,16 +408,18 @@ void Input::add(std::string name, vtkDataObject& object) {
 
     const std::string plain = name;
     for (int n = 2; myNames.contains(name); ++n) name = plain + " (" + std::to_string(n) + ")";
-    Block block{name, {}, {}};
+    const std::string where = "block " + inQuotes(name);
+    MultiIndex<3> size;
     for (int d = 0; d < 3; ++d) {
         const int count = extent[static_cast<std::size_t>(2 * d + 1)] - extent[static_cast<std::size_t>(2 * d)] + 1;
-        if (count < 1) return tell("block " + inQuotes(name), Fate::LeftOut, "no vertices");
-        block.size[d] = static_cast<index_t>(count);
-        block.cells[d] = static_cast<index_t>(std::max(count - 1, 1));
+        if (count < 1) return tell(where, Fate::LeftOut, "no vertices");
+        size[d] = static_cast<index_t>(count);
     }
-    if (static_cast<index_t>(grid->GetNumberOfPoints()) != block.size.product())
-        return tell("block " + inQuotes(name), Fate::LeftOut,
-                    std::to_string(grid->GetNumberOfPoints()) + " points for the extents " + to_string(block.size));
+    if (static_cast<index_t>(grid->GetNumberOfPoints()) != size.product())
+        return tell(where, Fate::LeftOut,
+                    std::to_string(grid->GetNumberOfPoints()) + " points for the extents " + to_string(size));
+    Block block{name, Extents(size), Extents(size)};
+    if (!leaveGhostLayers(block, *grid)) return tell(where, Fate::LeftOut, "nothing but ghost cells");
     addPositions(block, *grid);
     myNames.insert(block.name);
     addMasks(block, *grid);

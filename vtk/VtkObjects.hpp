@@ -50,7 +50,9 @@ struct VtkInput {
 /// Blocks   have the names that there are, parts of parts "outer/inner", parts without name their number.
 /// Shared   positions of structured grids, float and double; arrays of points with 1, 3 or 9 components, if they are
 ///          double, or float with 1 or 3, or integers that the model knows, with 1. Others are copied, as double.
-/// Masks    hidden points, and hidden and duplicated cells (`vtkGhostType`), are not valid.
+/// Ghosts   layers of duplicated cells around a grid (`vtkGhostType`) are another part's: they are cut off, and arrays
+///          copied for that, so that parts meet at their faces. Other hidden and duplicated cells, and hidden points,
+///          are not valid. Averages of cells count the layers.
 /// Left out grids without three indices, texts, other numbers of components; the report says why.
 /// Failure  DataSetError, which says why, for null and if nothing can be taken.
 [[nodiscard]] VANTLE_VTK_API DataSet fromVtk(vtkDataObject* object, const VtkInput& options = {});

@@ -65,21 +65,24 @@ unsigned widenBy(const ValueRows<T>& values, T* least, T* greatest) noexcept {
 }
 
 // The extremes of columns become those of bricks: of 9 columns, of which each brick begins with the last of the one
-// before. Behind the columns there is room for as many as lanes and bricks reach beyond them, which count for nothing.
+// before. A column has so many components, each of which goes its own way. Behind the columns there is room for as many
+// as lanes and bricks reach beyond them, which count for nothing.
 template<class T>
-void gatherBricks(std::size_t count, T* leastOfColumns, T* greatestOfColumns, std::size_t bricks, T* least,
-                  T* greatest) noexcept {
+void gatherBricks(std::size_t components, std::size_t count, T* leastOfColumns, T* greatestOfColumns,
+                  std::size_t bricks, T* least, T* greatest) noexcept {
     const hn::ScalableTag<T> lanes;
-    for (const std::size_t step : {1U, 2U, 4U})
-        for (std::size_t i = 0; i < count; i += hn::Lanes(lanes)) {
+    for (const std::size_t columns : {1U, 2U, 4U})
+        for (std::size_t i = 0, step = columns * components; i < count; i += hn::Lanes(lanes)) {
             T *const a = leastOfColumns + i, *const b = greatestOfColumns + i;
             hn::StoreU(hn::Min(hn::LoadU(lanes, a), hn::LoadU(lanes, a + step)), lanes, a);
             hn::StoreU(hn::Max(hn::LoadU(lanes, b), hn::LoadU(lanes, b + step)), lanes, b);
         }
-    for (std::size_t b = 0; b < bricks; ++b) {
-        least[b] = std::min(leastOfColumns[8 * b], leastOfColumns[8 * b + 1]);
-        greatest[b] = std::max(greatestOfColumns[8 * b], greatestOfColumns[8 * b + 1]);
-    }
+    for (std::size_t b = 0; b < bricks; ++b)
+        for (std::size_t c = 0; c < components; ++c) {
+            const std::size_t first = 8 * b * components + c, next = first + components;
+            *least++ = std::min(leastOfColumns[first], leastOfColumns[next]);
+            *greatest++ = std::max(greatestOfColumns[first], greatestOfColumns[next]);
+        }
 }
 
 auto brickKernels() {
@@ -101,22 +104,27 @@ HWY_EXPORT(brickKernels);
 
 namespace {
 
-/// Beside the creator of a block: its bricks, as long as the cache has them.
+/// Beside the creator of a block: its bricks, as long as the cache has them, or that somebody asked for them.
 template<class T>
 class KeptBricks : public Hestra::Interface<KeptBricks<T>> {
 public:
-    KeptBricks(const StrongPtr<ValueBricks<T>>& kept, Hestra::Ageable::age_t ageOfData)
-        : bricks(kept), age(ageOfData) {}
+    using age_t = Hestra::Ageable::age_t;
+    KeptBricks(const StrongPtr<ValueBricks<T>>& kept, age_t age, age_t ageOfField)
+        : bricks(kept), myAge(age), myAgeOfField(ageOfField) {}
     ~KeptBricks() override {
         const StrongPtr<ValueBricks<T>> kept = bricks.lock();
         const StrongPtr<Hestra::Cache> cache = myCache.lock(); // which may be gone when the process ends
         if (kept && cache) cache->release(*kept);
     }
 
+    [[nodiscard]] bool isFresh(age_t age, age_t ageOfField) const noexcept {
+        return Hestra::Freshness::isFresh(myAge, age) && Hestra::Freshness::isFresh(myAgeOfField, ageOfField);
+    }
+
     const Hestra::WeakPtr<ValueBricks<T>> bricks;
-    const Hestra::Ageable::age_t age;
 
 private:
+    const age_t myAge, myAgeOfField;
     const Hestra::WeakPtr<Hestra::Cache> myCache{Hestra::Cache::MemCache()};
 };
 
@@ -131,43 +139,47 @@ bool ValueBricks<T>::suit(const MultiArray<3, T>& block) noexcept {
 template<class T>
 ValueBricks<T>::ValueBricks(const MultiArray<3, T>& block) : myBlock(block.Size()) {
     for (int d = 0; d < 3; ++d) mySize[d] = (myBlock[d] - 1 + Side - 1) / Side;
-    myLeast.resize(static_cast<std::size_t>(mySize.product()));
+    myLeast.resize(static_cast<std::size_t>(mySize.product()) * Components);
     myGreatest.resize(myLeast.size());
 
-    const auto row = static_cast<std::size_t>(myBlock[0]), bricks = static_cast<std::size_t>(mySize[0]);
-    constexpr std::size_t Behind = 2 * Side + 256 / sizeof(T); // of a row
+    using C = Component;
+    const std::size_t row = static_cast<std::size_t>(myBlock[0]) * Components;
+    const auto bricks = static_cast<std::size_t>(mySize[0]);
+    const C* const components = reinterpret_cast<const C*>(block.data());
+    static_assert(sizeof(T) == Components * sizeof(C));
+    constexpr std::size_t Behind = 2 * Side * Components + 256 / sizeof(C); // of a row
     const std::size_t room = row + Behind;
     const auto kernels = HWY_DYNAMIC_DISPATCH(brickKernels)();
-    const auto widen = std::get<unsigned (*)(const ValueRows<T>&, T*, T*) noexcept>(kernels);
-    const auto gather = std::get<void (*)(std::size_t, T*, T*, std::size_t, T*, T*) noexcept>(kernels);
+    const auto widen = std::get<unsigned (*)(const ValueRows<C>&, C*, C*) noexcept>(kernels);
+    const auto gather = std::get<void (*)(std::size_t, std::size_t, C*, C*, std::size_t, C*, C*) noexcept>(kernels);
     std::mutex mutex;
     const auto findLayers = [&](std::size_t begin, std::size_t end) {
         const std::size_t rows = static_cast<std::size_t>(mySize[1]);
-        std::vector<T> least(rows * room, Beyond<T>), greatest(rows * room, Below<T>);
+        std::vector<C> least(rows * room, Beyond<C>), greatest(rows * room, Below<C>);
         unsigned special = 0;
         for (index_t layer = begin; layer < end; ++layer) {
             const index_t last = std::min(Side * (layer + 1), myBlock[2] - 1);
             for (index_t k = Side * layer; k <= last; ++k)
                 for (index_t brickRow = 0; brickRow < mySize[1]; ++brickRow) {
                     const index_t j = Side * brickRow;
-                    const ValueRows<T> values{block.data() + (k * myBlock[1] + j) * myBlock[0], row,
+                    const ValueRows<C> values{components + (k * myBlock[1] + j) * row, row,
                                               static_cast<std::size_t>(std::min(Side + 1, myBlock[1] - j)), row};
-                    T *const low = least.data() + static_cast<std::size_t>(brickRow) * room,
+                    C *const low = least.data() + static_cast<std::size_t>(brickRow) * room,
                              *const high = greatest.data() + static_cast<std::size_t>(brickRow) * room;
                     const unsigned found = widen(values, low, high);
                     special |= found;
-                    if constexpr (std::is_floating_point_v<T>)
+                    if constexpr (std::is_floating_point_v<C>)
                         for (std::size_t n = 0; (found & 1) && n < values.rows * row; ++n)
-                            if (std::isnan(values.first[n])) low[n % row] = Below<T>, high[n % row] = Beyond<T>;
+                            if (std::isnan(values.first[n])) low[n % row] = Below<C>, high[n % row] = Beyond<C>;
                 }
             for (index_t brickRow = 0; brickRow < mySize[1]; ++brickRow) {
-                const auto at = static_cast<std::size_t>((layer * mySize[1] + brickRow) * mySize[0]);
+                const auto at = static_cast<std::size_t>((layer * mySize[1] + brickRow) * mySize[0]) * Components;
                 const auto first = static_cast<std::size_t>(brickRow) * room;
-                gather(row, least.data() + first, greatest.data() + first, bricks, myLeast.data() + at,
+                gather(Components, row, least.data() + first, greatest.data() + first, bricks, myLeast.data() + at,
                        myGreatest.data() + at);
             }
-            std::fill(least.begin(), least.end(), Beyond<T>);
-            std::fill(greatest.begin(), greatest.end(), Below<T>);
+            std::fill(least.begin(), least.end(), Beyond<C>);
+            std::fill(greatest.begin(), greatest.end(), Below<C>);
         }
         const std::lock_guard lock(mutex);
         myHasNaN = myHasNaN || (special & 1) != 0;
@@ -183,24 +195,26 @@ ValueBricks<T>::~ValueBricks() = default;
 
 template<class T>
 std::size_t ValueBricks<T>::memsize() const {
-    return sizeof(*this) + 2 * myLeast.size() * sizeof(T);
+    return sizeof(*this) + 2 * myLeast.size() * sizeof(Component);
 }
 
 template<class T>
-StrongPtr<const ValueBricks<T>> ValueBricks<T>::make(CreativeArrayBase& creator, const MultiArray<3, T>& block) {
+StrongPtr<const ValueBricks<T>> ValueBricks<T>::make(CreativeArrayBase& creator, const MultiArray<3, T>& block,
+                                                     age_t ageOfField) {
     if (!suit(block)) return nullptr;
     const auto age = creator.age();
     const StrongPtr<ValueBricks> made = Hestra::makeRef<ValueBricks>(block);
     Hestra::Cache::MemCache()->insert(made);
-    creator.addInterface(Hestra::makeRef<KeptBricks<T>>(made, age));
+    creator.addInterface(Hestra::makeRef<KeptBricks<T>>(made, age, ageOfField));
     return made;
 }
 
 template<class T>
-StrongPtr<const ValueBricks<T>> ValueBricks<T>::find(const CreativeArrayBase& creator, const MultiArray<3, T>& block) {
+StrongPtr<const ValueBricks<T>> ValueBricks<T>::find(const CreativeArrayBase& creator, const MultiArray<3, T>& block,
+                                                     age_t ageOfField) {
     if (!suit(block)) return nullptr;
     const auto known = creator.findInterface<KeptBricks<T>>();
-    if (!known || !Hestra::Freshness::isFresh(known->age, creator.age())) return nullptr;
+    if (!known || !known->isFresh(creator.age(), ageOfField)) return nullptr;
     const StrongPtr<ValueBricks> kept = known->bricks.lock();
     if (!kept || kept->block() != block.Size()) return nullptr;
     kept->markAsUsed();
@@ -208,9 +222,21 @@ StrongPtr<const ValueBricks<T>> ValueBricks<T>::find(const CreativeArrayBase& cr
 }
 
 template<class T>
-StrongPtr<const ValueBricks<T>> ValueBricks<T>::of(CreativeArrayBase& creator, const MultiArray<3, T>& block) {
-    StrongPtr<const ValueBricks> known = find(creator, block);
-    return known ? known : make(creator, block);
+StrongPtr<const ValueBricks<T>> ValueBricks<T>::of(CreativeArrayBase& creator, const MultiArray<3, T>& block,
+                                                   age_t ageOfField) {
+    StrongPtr<const ValueBricks> known = find(creator, block, ageOfField);
+    return known ? known : make(creator, block, ageOfField);
+}
+
+template<class T>
+StrongPtr<const ValueBricks<T>> ValueBricks<T>::ofKnown(CreativeArrayBase& creator, const MultiArray<3, T>& block,
+                                                        age_t ageOfField) {
+    if (!suit(block)) return nullptr;
+    if (StrongPtr<const ValueBricks> known = find(creator, block, ageOfField)) return known;
+    const auto before = creator.findInterface<KeptBricks<T>>();
+    if (before && before->isFresh(creator.age(), ageOfField)) return make(creator, block, ageOfField);
+    creator.addInterface(Hestra::makeRef<KeptBricks<T>>(StrongPtr<ValueBricks>(), creator.age(), ageOfField));
+    return nullptr;
 }
 
 template class ValueBricks<double>;
@@ -218,6 +244,7 @@ template class ValueBricks<float>;
 template class ValueBricks<unsigned char>;
 template class ValueBricks<short>;
 template class ValueBricks<unsigned short>;
+template class ValueBricks<Orvix::PhysicalSpace::point>;
 
 } // namespace Vantle::detail
 

@@ -1,5 +1,6 @@
 #include <baseop/BlockBoundary.hpp>
 #include <baseop/DerivedQuantities.hpp>
+#include <baseop/FieldMasks.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/LocatedPositions.hpp>
 #include <baseop/WorldDerivative.hpp>

@@ -2,7 +2,7 @@
 
 Load it by Tools > Manage Plugins, `paraview.simple.LoadPlugin(file, ns=globals())`, or PV_PLUGIN_PATH. Blocks that
 touch are one grid for all filters, over the ranks of MPI too. What they take of an input is what `vantle.from_vtk`
-takes; ghost layers, which are another block's, are cut off before.
+takes.
 """
 
 import inspect
@@ -107,35 +107,6 @@ def usable(grid: Any) -> bool:
     return any(grid.IsA(kind) for kind in GRIDS) and grid.GetNumberOfPoints() > 0
 
 
-def core(grid: Any) -> Tuple[int, ...]:
-    """The extent of a grid without the layers of duplicated cells around it; nothing (1, 0) if it has no other ones."""
-    extent = tuple(grid.GetExtent())
-    ghosts = grid.GetCellData().GetArray(GHOSTS)
-    if ghosts is None:
-        return extent
-    cells = [max(extent[2 * d + 1] - extent[2 * d], 1) for d in range(3)]
-    own = (vtk_to_numpy(ghosts) & vtkDataSetAttributes.DUPLICATECELL == 0).reshape(cells[::-1])
-    found: List[int] = []
-    for d in range(3):
-        there = np.flatnonzero(own.any(axis=tuple(a for a in range(3) if a != 2 - d)))
-        if len(there) == 0:
-            return (1, 0) * 3
-        low, flat = extent[2 * d], extent[2 * d] == extent[2 * d + 1]
-        found += [low, low] if flat else [low + int(there[0]), low + int(there[-1]) + 1]
-    return tuple(found)
-
-
-def cropped(grid: Any) -> Optional[Any]:
-    """The grid without its ghost layers; itself where it has none."""
-    if not usable(grid) or (extent := core(grid)) == tuple(grid.GetExtent()):
-        return grid
-    if extent[0] > extent[1]:
-        return None
-    copy = shallow(grid)
-    copy.Crop(extent)
-    return copy
-
-
 def named(values: Any, name: str) -> Any:
     """Rows of numbers as an array of VTK over the same memory."""
     made = numpy_to_vtk(np.ascontiguousarray(values))
@@ -159,6 +130,7 @@ def positions(data: Any) -> Any:
     if usable(data):
         bare = data.NewInstance()
         bare.CopyStructure(data)
+        bare.GetCellData().Initialize()  # those in ghost layers, too
         return next(iter(vt.from_vtk(bare).blocks.values())).points.reshape(-1, 3)
     if data.IsA("vtkDataSet"):
         return np.array([data.GetPoint(n) for n in range(data.GetNumberOfPoints())]).reshape(-1, 3)
@@ -215,11 +187,9 @@ def marked(faces: Any, number: int, distance: float) -> Any:
 
 def outside(grid: Any) -> Any:
     """Which points of a grid are in its ghost layers only."""
-    extent, inner = grid.GetExtent(), core(grid)
+    extent = grid.GetExtent()
     there = np.ones([extent[2 * d + 1] - extent[2 * d] + 1 for d in (2, 1, 0)], dtype=bool)
-    k, j, i = (slice(inner[2 * d] - extent[2 * d], inner[2 * d + 1] - extent[2 * d] + 1) for d in (2, 1, 0))
-    if inner[0] <= inner[1]:
-        there[k, j, i] = False
+    there[vt.vtk.own_points(grid)] = False
     return there.reshape(-1)
 
 
@@ -370,14 +340,14 @@ class Filter(VTKPythonAlgorithmBase):  # type: ignore[misc]
         self._kept = None
         local, report, useless, problem = vt.DataSet(), vt.vtk.Report(), "", ""
         try:
-            inner = like(thing, cropped) if found else None
-            if inner is not None and self.ranks.comm is not None:  # no two ranks have blocks of one name
+            whole = thing if found else None
+            if whole is not None and self.ranks.comm is not None:  # no two ranks have blocks of one name
                 outer = vtkMultiBlockDataSet()
-                outer.SetBlock(0, inner)
+                outer.SetBlock(0, whole)
                 outer.GetMetaData(0).Set(vtkCompositeDataSet.NAME(), f"rank {self.ranks.rank}")
-                inner = outer
-            if inner is not None:
-                local = vt.from_vtk(inner, cell_data="average" if self._average else "leave", report=report)
+                whole = outer
+            if whole is not None:
+                local = vt.from_vtk(whole, cell_data="average" if self._average else "leave", report=report)
         except ValueError as reason:  # no harm if another rank has something
             useless = str(reason).removeprefix("from_vtk: ")
         except Exception as reason:
@@ -389,7 +359,8 @@ class Filter(VTKPythonAlgorithmBase):  # type: ignore[misc]
             reasons = [reason for reason, _ in told if reason]
             raise Refused(reasons[0]) if reasons else Nothing()
         left_out = [str(entry) for entry in report.of("left out")]
-        grids = [line for line in left_out if '", ' not in line and "no vertices" not in line]
+        expected = "no vertices", "nothing but ghost cells"
+        grids = [line for line in left_out if '", ' not in line and not any(reason in line for reason in expected)]
         if grids:
             self.say("not all of the input can be used:\n  " + "\n  ".join(grids))
         local.set_joins(tolerance=self._tolerance)

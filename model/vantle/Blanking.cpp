@@ -1,7 +1,5 @@
 #include <model/hestra/Pulse.hpp>
 #include <model/vantle/Blanking.hpp>
-#include <model/vantle/Derived.hpp>
-#include <model/vantle/DoublePrecision.hpp>
 #include <model/vantle/Grid.hpp>
 #include <model/vantle/MemArray.hpp>
 
@@ -68,6 +66,15 @@ struct Bits {
     std::vector<std::uint64_t> words;
 };
 
+/// Bit i tells whether byte i of eight is not 0.
+std::uint64_t bitsOfBytes(const unsigned char* bytes) noexcept {
+    std::uint64_t eight = 0;
+    for (unsigned i = 0; i < 8; ++i) eight |= std::uint64_t{bytes[i]} << (8 * i); // a load
+    constexpr std::uint64_t Low = 0x7f7f7f7f7f7f7f7f;
+    const std::uint64_t highest = (((eight & Low) + Low) | eight) & ~Low;
+    return highest / 128 * 0x0102040810204080 >> 56;
+}
+
 /// Clears the bits where the mask is zero.
 template<class T>
 void clearMasked(Bits& bits, const MemArray<3, T>& mask) {
@@ -77,7 +84,10 @@ void clearMasked(Bits& bits, const MemArray<3, T>& mask) {
         for (index_t word = 0; word < bits.rowWords; ++word) {
             const index_t count = std::min<index_t>(64, n - 64 * word);
             std::uint64_t valid = 0;
-            for (index_t i = 0; i < count; ++i) valid |= std::uint64_t{from[i * step] != 0} << i;
+            index_t i = 0;
+            if constexpr (sizeof(T) == 1)
+                for (; step == 1 && i + 8 <= count; i += 8) valid |= bitsOfBytes(from + i) << i;
+            for (; i < count; ++i) valid |= std::uint64_t{from[i * step] != 0} << i;
             bits.words[r * bits.rowWords + word] &= valid;
             from += count * step;
         }
@@ -190,6 +200,10 @@ Blanking::Blanking(const Grid& grid, const std::string& chart) {
     if (const StrongPtr<Representation> vertices = grid.getCartesianRepresentation(chart)) *this = Blanking(*vertices);
 }
 
+StrongPtr<MemBase> Blanking::vertexMaskOf(const StrongPtr<FragmentID>& fragment) const {
+    return dataOf(VertexMaskName, myVertexMask, fragment);
+}
+
 bool Blanking::concerns(const StrongPtr<FragmentID>& fragment) const {
     return creatorOf(myVertexMask, fragment) || creatorOf(myCellMask, fragment);
 }
@@ -292,86 +306,6 @@ BlankingInput::age_t BlankingInput::age() const noexcept {
     if (masks.cellMask()) self.raiseAge(masks.cellMask()->age());
     questions = question.before;
     return Ageable::age();
-}
-
-// ---------------------------------------------------------------------------------------------------------------------
-
-namespace {
-
-using Numbers = TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long>;
-using NumbersAndPlaces =
-    TypeList<double, float, int, unsigned char, short, unsigned short, unsigned int, unsigned long long,
-             Orvix::PhysicalSpace::point, Orvix::PhysicalSpace::vector, FloatPoint, FloatVector>;
-
-/// Calls `f(n)` for all n below `count`, and the pulse of the thread between pieces.
-template<class F>
-void forPieces(index_t count, const F& f) {
-    constexpr index_t Piece = index_t{1} << 18;
-    for (index_t begin = 0; begin < count; begin += Piece) {
-        Hestra::Pulse::beat(static_cast<double>(begin) / static_cast<double>(count));
-        for (index_t n = begin; n < std::min(count, begin + Piece); ++n) f(n);
-    }
-}
-
-/// A field over the fragments of `values`, 1 where `isValid` says so, of elements that are one of these types, and
-/// where the vertex mask of `within` agrees, if there is one.
-template<class Types, class F>
-StrongPtr<Field> makeMask(const StrongPtr<Field>& values, Types, const StrongPtr<Representation>& within,
-                          const StrongPtr<Hestra::Cache>& cache, const F& isValid) {
-    if (!values) return nullptr;
-    const auto refuseElements = [] { throw std::invalid_argument("a mask cannot be made from elements of this type"); };
-    const auto masks = within ? StrongPtr<BlankingInput>(new BlankingInput(*within)) : StrongPtr<BlankingInput>();
-    const WeakPtr<const Field> source(*values);
-    const StrongPtr<Field> mask = Hestra::makeRef<DerivedField>(source, values->getFragmentIDCollection(), masks);
-    values->iterate(
-        [&](const StrongPtr<FragmentID>& fragment, const StrongPtr<CreativeArrayBase>& creator) {
-            if (const VantleTypeIndex type = creator->elementType(); type && !isListed(Types(), type)) refuseElements();
-            const auto derive = [isValid, refuseElements, masks,
-                                 fragment](const StrongPtr<MemBase>& data,
-                                           const WeakPtr<CreativeArrayBase>& maker) -> StrongPtr<MemBase> {
-                StrongPtr<MemArray<3, unsigned char>> made;
-                const auto fill = [&](const auto& array) {
-                    made = MemArray<3, unsigned char>::create(array.Size(), maker);
-                    forPieces(made->nElements(),
-                              [&](index_t n) { made->element(n) = isValid(array.element(n)) ? 1 : 0; });
-                };
-                if (!withMemArray<3>(Types(), data, fill)) refuseElements();
-                const StrongPtr<Field> other = masks ? masks->now().vertexMask() : nullptr;
-                withMemArray<3>(Numbers(), dataOf(VertexMaskName, other, fragment), [&](const auto& array) {
-                    if (array.Size() != made->Size()) refuseElements();
-                    forPieces(made->nElements(), [&](index_t n) {
-                        if (array.element(n) == 0) made->element(n) = 0;
-                    });
-                });
-                return made;
-            };
-            mask->setCreator(Hestra::makeRef<DerivedArray>(DerivedArray::Source(creator, source, fragment, masks),
-                                                           derive, VantleTypeIndex(typeid(unsigned char)),
-                                                           getSize(*creator), cache),
-                             fragment);
-            return true;
-        },
-        false);
-    return mask;
-}
-
-} // namespace
-
-StrongPtr<Field> makeMaskOfNumbers(const StrongPtr<Field>& values, const StrongPtr<Representation>& within,
-                                   const StrongPtr<Hestra::Cache>& cache) {
-    return makeMask(values, NumbersAndPlaces(), within, cache, []<class T>(const T& value) {
-        for (int c = 0; c < ElementTraits<T>::components; ++c)
-            if (!(elementComponent(value, c) == elementComponent(value, c))) return false;
-        return true;
-    });
-}
-
-StrongPtr<Field> makeMaskOfRange(const StrongPtr<Field>& values, double least, double greatest,
-                                 const StrongPtr<Representation>& within, const StrongPtr<Hestra::Cache>& cache) {
-    return makeMask(values, Numbers(), within, cache, [least, greatest](const auto& value) {
-        const auto number = static_cast<double>(value);
-        return number >= least && number <= greatest;
-    });
 }
 
 } // namespace Vantle

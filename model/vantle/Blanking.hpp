@@ -12,7 +12,6 @@
 #include <model/vantle/Representation.hpp>
 
 #include <cstdint>
-#include <limits>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -110,6 +109,10 @@ public:
     [[nodiscard]] explicit operator bool() const noexcept { return bool(myMade); }
     [[nodiscard]] const Hestra::StrongPtr<Field>& vertexMask() const noexcept { return myVertexMask; }
     [[nodiscard]] const Hestra::StrongPtr<Field>& cellMask() const noexcept { return myCellMask; }
+    /// The data of the vertex mask in a fragment, which are made if need be; null where there is none.
+    ///
+    /// Failure  std::invalid_argument when they cannot be made.
+    [[nodiscard]] Hestra::StrongPtr<MemBase> vertexMaskOf(const Hestra::StrongPtr<FragmentID>& fragment) const;
     /// Whether there are any for a fragment. Makes no data.
     [[nodiscard]] bool concerns(const Hestra::StrongPtr<FragmentID>& fragment) const;
 
@@ -161,25 +164,6 @@ private:
     mutable std::mutex myMutex;
     mutable Blanking myMasks;
 };
-
-/// A mask that follows a field: an element is valid if it is a number, and a vector or point if its components are.
-/// Infinities are numbers. To be set as one of the masks of a grid, of this or of another one with equal fragments.
-///
-/// The result is derived lazily (`DerivedField`) and may be dropped from the cache at any time.
-/// Failure  null for a null handle; std::invalid_argument for other elements than numbers, vectors and points, when it
-///          is known that there are such.
-///
-/// @param cache   holds what is made.
-/// @param within  if given, what its vertex mask says to be invalid is so here, too; it is followed like the values.
-[[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<Field>
-makeMaskOfNumbers(const Hestra::StrongPtr<Field>& values, const Hestra::StrongPtr<Representation>& within = {},
-                  const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
-/// The same of a field of numbers: valid from `least` to `greatest`, both included.
-[[nodiscard]] VANTLE_MODEL_API Hestra::StrongPtr<Field>
-makeMaskOfRange(const Hestra::StrongPtr<Field>& values, double least,
-                double greatest = std::numeric_limits<double>::infinity(),
-                const Hestra::StrongPtr<Representation>& within = {},
-                const Hestra::StrongPtr<Hestra::Cache>& cache = Hestra::Cache::MemCache());
 
 // ---------------------------------------------------------------------------------------------------------------------
 

@@ -1,3 +1,4 @@
+#include <baseop/FieldMasks.hpp>
 #include <baseop/Isosurface.hpp>
 #include <baseop/detail/surface/JoinedBlocks.hpp>
 #include <baseop/detail/surface/SurfaceEdges.hpp>

@@ -24,6 +24,7 @@ using DataSetClass = py::class_<DataSetObject, Held<DataSetObject>>;
 void defineBlock(py::module_& module);
 void defineLocated(py::module_& module);
 void defineSurface(py::module_& module);
+void defineCurves(py::module_& module);
 void defineJoins(py::module_& module);
 void defineDataSet(py::module_& module);
 /// The part of it that asks.

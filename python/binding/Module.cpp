@@ -47,6 +47,7 @@ PYBIND11_MODULE(_vantle, module) {
     defineBlock(module);
     defineLocated(module);
     defineSurface(module);
+    defineCurves(module);
     defineJoins(module);
     defineDataSet(module);
 

@@ -76,6 +76,16 @@ auto derived(std::string (DataSet::*operation)(const std::string&) const) {
     };
 }
 
+py::list edgesOf(const DataSetObject& self, const std::string& block) {
+    const Vantle::DataSet flow = self.value;
+    py::list lines;
+    for (std::vector<Vantle::Point>& line : run([&] { return flow.edges(block); })) {
+        const auto count = static_cast<py::ssize_t>(line.size());
+        lines.append(arrayOf(std::move(line), {count, 3}));
+    }
+    return lines;
+}
+
 } // namespace
 
 void defineQueries(DataSetClass& dataSet) {
@@ -163,6 +173,10 @@ an index: ``slice("k", 3, block="wing")``.)doc")
             },
             py::arg("fields") = py::none(), py::kw_only(), py::arg("progress") = py::none(),
             "The outer hull of all blocks: faces that are joined to no other one.")
+        .def("edges", &edgesOf, py::arg("block"),
+             R"doc(The outline of a block as lines through its vertices, arrays of shape (points, 3).
+
+Four along each axis, those along i first. Where a block is flat, some are the same, or points.)doc")
 
         .def(
             "locate",

@@ -16,6 +16,7 @@ from ._joins import Join
 from ._messages import messages
 from ._vantle import (
     Block,
+    Curves,
     DataSet,
     FieldInfo,
     Located,
@@ -29,7 +30,7 @@ from ._vantle import (
 from .vtk import from_vtk
 
 __all__ = [
-    "Block", "Cancelled", "DataSet", "FieldInfo", "Join", "Located", "Motion", "Surface", "UnknownName",
+    "Block", "Cancelled", "Curves", "DataSet", "FieldInfo", "Join", "Located", "Motion", "Surface", "UnknownName",
     "__version__", "from_vtk", "messages", "read", "thread_count", "threads", "vtk",
 ]  # fmt: skip
 
@@ -49,6 +50,7 @@ else:
 # What is written in Python, as methods.
 for _class, _name, _method in (
     (Block, "to_vtk", vtk.to_vtk),
+    (Curves, "to_vtk", vtk.to_vtk),
     (DataSet, "to_vtk", vtk.to_vtk),
     (DataSet, "plot", _plot.data_set),
     (DataSet, "_repr_html_", _display.data_set),

@@ -11,14 +11,14 @@ from typing import Any, Dict, Iterator, List, NamedTuple, Optional, Set, Tuple, 
 
 import numpy as np
 
-from ._vantle import Block, DataSet, Surface
+from ._vantle import Block, Curves, DataSet, Surface
 
-__all__ = ["Entry", "Report", "from_vtk", "read", "register_accessor", "to_vtk"]
+__all__ = ["Entry", "Report", "from_vtk", "own_points", "read", "register_accessor", "to_vtk"]
 
 _log = logging.getLogger("vantle.vtk")
 _GHOSTS = "vtkGhostType"
 _HIDDEN_POINT, _HIDDEN_CELL = 2, 32  # of vtkDataSetAttributes
-_DUPLICATE_CELL, _DUPLICATE_POINT = 1, 1
+_DUPLICATE_CELL = 1
 
 
 def _vtk(module: str) -> Any:
@@ -110,12 +110,32 @@ def _sizes(grid: Any) -> Optional[Tuple[int, int, int]]:
     return None
 
 
+def own_points(grid: Any) -> Tuple[slice, slice, slice]:
+    """Where, by k, j, i, a grid with three indices has points that are not in ghost layers only: its part without the
+    layers of duplicated cells around it, which is all that `from_vtk` takes. Slices are empty if it has nothing else.
+    """
+    size = _sizes(grid)
+    if size is None:
+        raise TypeError(f"own_points: {grid.GetClassName()} has no three indices")
+    cells = tuple(max(n - 1, 1) for n in size[::-1])
+    ghosts = grid.GetCellData().GetArray(_GHOSTS)
+    if ghosts is None or ghosts.GetNumberOfTuples() != np.prod(cells):
+        return slice(0, size[2]), slice(0, size[1]), slice(0, size[0])
+    own = (_numpy_of(ghosts) & _DUPLICATE_CELL == 0).reshape(cells)
+    if not own.any():
+        return slice(0, 0), slice(0, 0), slice(0, 0)
+    there = [np.flatnonzero(own.any(axis=tuple(a for a in range(3) if a != axis))) for axis in range(3)]
+    k, j, i = (slice(int(n[0]), int(n[-1]) + (1 if of == 1 else 2)) for n, of in zip(there, size[::-1]))
+    return k, j, i
+
+
 class _Reader:
     """Puts grids into a data set."""
 
     def __init__(self, cell_data: str, copy: bool, report: Report) -> None:
         self.flow, self.cell_data, self.copy, self.report = DataSet(), cell_data, copy, report
         self.names: Set[str] = set()
+        self.part = slice(0), slice(0), slice(0)  # of the grid at hand that is no ghost layer
 
     def add(self, name: str, grid: Any) -> None:
         where = f'block "{name}"'
@@ -128,8 +148,11 @@ class _Reader:
             return
         if name in self.names:
             name = next(other for n in range(2, 10**9) if (other := f"{name} ({n})") not in self.names)
+        self.part, shape = own_points(grid), size[::-1]
+        if self.part[0].stop == 0:
+            self.report.add(where, "left out", "nothing but ghost cells")
+            return
         self.names.add(name)
-        shape = size[::-1]
         masks = self.masks(name, grid, shape)
         block = self.block(name, grid, size, masks)
         kept = self.cells_of(name, grid, shape)
@@ -137,24 +160,25 @@ class _Reader:
         for n in range(data.GetNumberOfArrays()):
             self.field(block, data.GetAbstractArray(n), shape, f"array {n}")
         for title, values in kept:
-            self.give(block, title, values, "averaged to vertices")
+            self.give(block, title, values[self.part], "averaged to vertices")
 
     def masks(self, name: str, grid: Any, shape: Tuple[int, ...]) -> Dict[str, Any]:
         cells = tuple(max(n - 1, 1) for n in shape)
         masks = {}
         for key, data, of, blanked in (
             ("valid", grid.GetPointData(), shape, _HIDDEN_POINT),
-            ("valid_cells", grid.GetCellData(), cells, _HIDDEN_CELL),
+            ("valid_cells", grid.GetCellData(), cells, _HIDDEN_CELL | _DUPLICATE_CELL),
         ):
             ghosts = data.GetArray(_GHOSTS)
-            if ghosts is None:
+            if ghosts is None or ghosts.GetNumberOfTuples() != np.prod(of):
                 continue
-            # Duplicated cells and points are another block's in a distributed data set: that has them.
-            marks = _numpy_of(ghosts)
-            blanked |= _DUPLICATE_CELL if key == "valid_cells" else 0
-            valid = (marks & blanked) == 0
+            # Points that another part has, too, are valid here and there; duplicated cells are that other part's.
+            part: Tuple[slice, ...] = self.part
+            if key == "valid_cells":
+                part = tuple(slice(p.start, max(p.stop - 1, p.start + 1)) for p in part)
+            valid = (_numpy_of(ghosts).reshape(of)[part] & blanked) == 0
             if not valid.all():
-                masks[key] = np.ascontiguousarray(valid.reshape(of))
+                masks[key] = np.ascontiguousarray(valid)
                 whose = "cells" if key == "valid_cells" else "points"
                 self.report.add(f'block "{name}", {_GHOSTS} of {whose}', "copied", "made a mask")
         return masks
@@ -163,20 +187,23 @@ class _Reader:
         what = f'block "{name}", positions'
         if grid.IsA("vtkImageData"):
             turned = [grid.GetDirectionMatrix().GetElement(r, c) for r in range(3) for c in range(3)]
-            extent, spacing = grid.GetExtent(), grid.GetSpacing()
-            low = [grid.GetOrigin()[d] + spacing[d] * extent[2 * d] for d in range(3)]
-            high = [low[d] + spacing[d] * (size[d] - 1) for d in range(3)]
-            if turned == [1, 0, 0, 0, 1, 0, 0, 0, 1] and all(n == 1 or a < b for n, a, b in zip(size, low, high)):
+            extent, spacing, own = grid.GetExtent(), grid.GetSpacing(), self.part[::-1]
+            counts = (own[0].stop - own[0].start, own[1].stop - own[1].start, own[2].stop - own[2].start)
+            ends = [(extent[2 * d] + own[d].start, extent[2 * d] + own[d].stop - 1) for d in range(3)]
+            # The last ones of a part are the first ones of the next, to the last bit.
+            low, high = ([grid.GetOrigin()[d] + spacing[d] * ends[d][side] for d in range(3)] for side in (0, 1))
+            if turned == [1, 0, 0, 0, 1, 0, 0, 0, 1] and all(n == 1 or a < b for n, a, b in zip(counts, low, high)):
                 self.report.add(what, "shared", "a box")
-                return self.flow.add_uniform_block(name, size, (low, high), **masks)
+                return self.flow.add_uniform_block(name, counts, (low, high), **masks)
             points = np.array([grid.GetPoint(n) for n in range(grid.GetNumberOfPoints())])
             self.report.add(what, "copied", "a turned or mirrored image")
-            return self.flow.add_block(name, points.reshape(size[::-1] + (3,)), **masks)
+            return self.flow.add_block(name, points.reshape(size[::-1] + (3,))[self.part], **masks)
         if grid.IsA("vtkRectilinearGrid"):
             axes = [_numpy_of(getattr(grid, f"Get{axis}Coordinates")()).astype(float) for axis in "XYZ"]
+            axes = [axis[own] for axis, own in zip(axes, self.part[::-1])]
             self.report.add(what, "copied", "three lists of coordinates")
             return self.flow.add_rectilinear_block(name, axes[0], axes[1], axes[2], **masks)
-        points = _numpy_of(grid.GetPoints().GetData()).reshape(size[::-1] + (3,))
+        points = _numpy_of(grid.GetPoints().GetData()).reshape(size[::-1] + (3,))[self.part]
         copied = self.why_copied(points)
         self.report.add(what, "copied" if copied else "shared", copied)
         return self.flow.add_block(name, points, copy=bool(copied), **masks)
@@ -196,7 +223,7 @@ class _Reader:
             values = _numpy_of(array)
             tail = {1: (), 3: (3,), 9: (3, 3)}[array.GetNumberOfComponents()]
             copied = _class_of(array) if not array.HasStandardMemoryLayout() else ""
-            self.give(block, name, values.reshape(shape + tail), copied)
+            self.give(block, name, values.reshape(shape + tail)[self.part], copied)
 
     def give(self, block: Block, name: str, values: Any, made: str) -> None:
         what = f'block "{block.name}", field "{name}"'
@@ -215,7 +242,7 @@ class _Reader:
         if not known or values.ndim == 5 and values.dtype != np.float64:
             return f"of {values.dtype.name}"
         if not values.flags.c_contiguous or not values.flags.aligned:
-            return "another order"
+            return "without ghost layers"
         return "on request" if self.copy else ""
 
     def cells_of(self, name: str, grid: Any, shape: Tuple[int, ...]) -> List[Tuple[str, Any]]:
@@ -268,8 +295,10 @@ def from_vtk(thing: Any, *, cell_data: str = "leave", copy: bool = False, report
     copy       copies arrays that could be shared.
     report     is told what was shared, copied or left out, and why; the logger "vantle.vtk" hears what is left out.
 
-    Blocks are called as they are there, parts of parts "outer/inner", nameless ones by their numbers. Points that are
-    hidden and cells that are hidden or duplicated are not valid. Whoever changes a shared array sets the field again.
+    Blocks are called as they are there, parts of parts "outer/inner", nameless ones by their numbers. Layers of
+    duplicated cells around a grid are another part's: they are cut off, so that parts meet at their faces. Points that
+    are hidden and other cells that are hidden or duplicated are not valid. Whoever changes a shared array sets the field
+    again.
 
     TypeError for what is no object of VTK; ValueError, which says why, if nothing can be taken.
     """
@@ -351,10 +380,30 @@ def _points(values: Any) -> Any:
     return points
 
 
+def _of_points(given: Union[Curves, Surface]) -> Any:
+    """Points and their values as vtkPolyData that has no cells yet."""
+    made = _vtk("vtkCommonDataModel").vtkPolyData()
+    made.SetPoints(_points(given.points))
+    for name in given.names:
+        values = given[name]
+        made.GetPointData().AddArray(_array(values if values.ndim == 1 else values.reshape(len(values), -1), name))
+    return made
+
+
+def _of_curves(curves: Curves) -> Any:
+    made = _of_points(curves)
+    lines = [curves.curve(n) for n in range(len(curves))]
+    ends = np.cumsum([0, *map(len, lines)], dtype=np.int64)
+    cells = _vtk("vtkCommonDataModel").vtkCellArray()
+    numbers = np.concatenate(lines).astype(np.int64) if lines else np.empty(0, dtype=np.int64)
+    cells.SetData(_array(ends, ""), _array(numbers, ""))
+    made.SetLines(cells)
+    return made
+
+
 def _of_surface(surface: Surface) -> Any:
     data, core = _vtk("vtkCommonDataModel"), _vtk("vtkCommonCore")
-    made = data.vtkPolyData()
-    made.SetPoints(_points(surface.points))
+    made = _of_points(surface)
     triangles = surface.triangles
     cells = data.vtkCellArray()
     numbers = np.arange(0, triangles.size + 1, 3, dtype=np.int32), triangles.reshape(-1).view(np.int32)
@@ -366,9 +415,6 @@ def _of_surface(surface: Surface) -> Any:
     for array, given in zip((cells.GetOffsetsArray(), cells.GetConnectivityArray()), numbers):
         array._numpy_reference = given
     made.SetPolys(cells)
-    for name in surface.names:
-        values = surface[name]
-        made.GetPointData().AddArray(_array(values if values.ndim == 1 else values.reshape(len(values), -1), name))
     if "normals" in surface:
         made.GetPointData().SetActiveNormals("normals")
     return made
@@ -415,16 +461,18 @@ def _fields_of(flow: DataSet, block: Block, wanted: Optional[List[str]]) -> Dict
     return found
 
 
-def to_vtk(self: Union[Block, DataSet, Surface], fields: Optional[List[str]] = None) -> Any:
+def to_vtk(self: Union[Block, Curves, DataSet, Surface], fields: Optional[List[str]] = None) -> Any:
     """An object of VTK over the same memory: VTK must not write into it where it is a data set's.
 
-    Surfaces are vtkPolyData; blocks vtkImageData, vtkRectilinearGrid or vtkStructuredGrid; data sets the same of their
+    Surfaces and curves are vtkPolyData; blocks vtkImageData, vtkRectilinearGrid or vtkStructuredGrid; data sets the same of their
     only block, or a vtkMultiBlockDataSet of several. Masks become arrays vtkGhostType.
 
     fields  of a data set or block: which, derived ones, too; by default all that were set. KeyError for unknown names.
     """
     if isinstance(self, Surface):
         return _of_surface(self)
+    if isinstance(self, Curves):
+        return _of_curves(self)
     if isinstance(self, Block):
         return _of_block(self, _fields_of(self.data_set, self, fields))
     blocks = list(self.blocks.values())

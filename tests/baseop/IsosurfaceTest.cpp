@@ -488,6 +488,49 @@ TEST_F(IsosurfaceGridTest, PlanesCutWhereDistancesFromThemVanish) {
     }
 }
 
+// Of planes that move through one block, of which most bricks are passed over; after a change that only the field tells
+// of, with positions that are nowhere; and of bricks that the cache has dropped.
+TEST_F(IsosurfaceGridTest, MovedPlanesCutAsPlainDistancesSay) {
+    const Hestra::ScopedListener nobody{Hestra::Console::Listener()};
+    const auto isSame = [](const point& a, const point& b) { // which NaN is not promised
+        for (int d = 0; d < 3; ++d)
+            if (!(a[d] == b[d] || (a[d] != a[d] && b[d] != b[d]))) return false;
+        return true;
+    };
+    for (const MultiIndex<3>& size : {MultiIndex<3>(65, 33, 33), MultiIndex<3>(70, 34, 32)}) {
+        const auto positions = bentPositions(size);
+        RegularGrid3D bent(grid = slice->newGrid("input"));
+        bent.addBlock("a", positions);
+        const auto expectPlain = [&](const point& origin, const vector& normal) {
+            const vector unit = normal * (1.0 / length(normal));
+            const auto distances =
+                filled<double>(size, [&](index_t n) { return dot(positions->element(n) - origin, unit); });
+            Surface plain;
+            plain.addPlainly<double>(*distances, 0.0, *positions);
+            requested.touch();
+            output = ComputePlaneCut(origin, normal, requested, *grid, *slice, "cut");
+            EXPECT_EQ(plain.triangles, triangles()) << to_string(size) << origin[0];
+            EXPECT_TRUE(std::ranges::equal(plain.points, points(), isSame)) << to_string(size) << origin[0];
+        };
+        const auto expectAll = [&] {
+            for (const double at : {8.0, 20.3, 31.0, 15.7}) {
+                expectPlain({at, at, at}, {1, 0.5, -2});
+                expectPlain({at, at, at}, {0, -1, 0});
+                expectPlain((*positions)[{index_t(at), 16, 16}], {-0.3, 0, 0.1}); // through a vertex
+            }
+            expectPlain({1e9, 0, 0}, {-1, 1e-3, 0});
+        };
+        expectAll();
+        (*positions)[{40, 16, 16}] = {kNaN, 0, 0};
+        (*positions)[{20, 20, 20}] = {0, kInfinity, 0};
+        (*positions)[{50, 24, 8}] = {-1e308, 1e308, 3e307};
+        grid->CartesianPositions()->touch();
+        expectAll();
+        Hestra::Cache::MemCache()->clear();
+        expectPlain({30, 0, 0}, {1, 0, 0});
+    }
+}
+
 TEST_F(IsosurfaceGridTest, SkipsFragmentsByTheirRanges) {
     const MultiIndex<3> size(5, 3, 3);
     const auto value = [](const MultiIndex<3>& at) { return double(at[0]); };

@@ -278,6 +278,8 @@ TEST(UniGridMapperTest, MeasuresAndListsAsWrittenDownPlainly) {
         std::map<MultiIndex<3>, std::vector<MultiIndex<3>>> lists;
         int coarse = 0;
         for (int d = 0; d < 3; ++d) {
+            // Of zeros the first.
+            EXPECT_EQ(std::signbit(mapper->boundingBox().minCoord()[d]), std::signbit(box.minCoord()[d])) << name;
             const double v = (box.maxCoord()[d] - box.minCoord()[d]) * (1.2 / std::sqrt(s));
             coarse += !(v >= 2);
             EXPECT_EQ(mapper->unigridSize()[d], v >= 2 ? static_cast<index_t>(v) : 2) << name;

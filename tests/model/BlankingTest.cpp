@@ -222,29 +222,6 @@ TEST_F(BlankingTest, SaysWhatDoesNotFit) {
     EXPECT_THROW(Blanking(*grid.grid()).check(*grid.positions()), std::invalid_argument);
 }
 
-TEST_F(BlankingTest, MasksFollowTheirFields) {
-    const auto values = filled<double>(size, [](index_t n) { return n; });
-    values->element(0) = std::nan("");
-    values->element(63) = HUGE_VAL;
-    const auto field = grid.setField("values", values, masked);
-    (*grid.representation())[VertexMaskName] = makeMaskOfNumbers(field);
-    EXPECT_EQ(validCells(), 26u);
-    (*grid.representation())[VertexMaskName] = makeMaskOfRange(field, 0.0, 62.0);
-    EXPECT_EQ(validCells(), 25u);
-    (*grid.representation())[CellMaskName] = nullptr;
-    values->element(63) = 62.0;
-    field->touch();
-    field->getCreator(masked)->touch();
-    EXPECT_EQ(validCells(), 26u);
-
-    const auto vectors = MemArray<3, vector>::create(size);
-    vectors->element(63)[1] = std::nan("");
-    (*grid.representation())[VertexMaskName] = makeMaskOfNumbers(grid.setField("vectors", vectors, masked));
-    EXPECT_EQ(validCells(), 26u);
-    EXPECT_THROW((void)makeMaskOfRange(grid.field("vectors"), 0.0), std::invalid_argument);
-    EXPECT_FALSE(makeMaskOfNumbers(nullptr));
-}
-
 // What is derived from a masked grid is newer when the masks are others, also when they derive from it.
 TEST_F(BlankingTest, AsAnInputGetsNewerWithEveryChange) {
     const auto input = makeRef<BlankingInput>(*grid.representation());

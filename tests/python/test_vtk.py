@@ -187,6 +187,40 @@ def test_parts_of_parts_are_taken_and_the_rest_is_reported(caplog):
     del apart
 
 
+def test_pieces_with_ghost_layers_meet_at_their_faces():
+    axes = vt.DataSet()
+    axes.add_rectilinear_block("axes", np.arange(9.0) ** 2, [5, 3, 2, 0], np.arange(6.0))
+    for whole in (image((9, 4, 6)), axes.to_vtk(), make_ring((9, 4, 6)).block("quarter 1").to_vtk()):
+        cells = numpy_to_vtk(np.sin(np.arange(8 * 3 * 5.0)), deep=True)
+        cells.SetName("cells")
+        whole.GetCellData().AddArray(cells)
+        smooth = vt.from_vtk(whole, cell_data="average")
+        expected = next(iter(smooth.blocks.values()))
+        pieces = model.vtkPartitionedDataSet()
+        low = whole.GetExtent()[::2]
+        for n, (first, last) in enumerate([(0, 3), (3, 4), (4, 8)]):
+            part, a, b = whole.NewInstance(), max(first - n, 0), min(last + 2, 8)
+            part.ShallowCopy(whole)
+            part.Crop([low[0] + a, low[0] + b, low[1], low[1] + 3, low[2], low[2] + 5])
+            marks = np.ones((5, 3, b - a), dtype=np.uint8)
+            marks[:, :, first - a : last - a] = 0
+            ghosts = numpy_to_vtk(marks.reshape(-1), deep=True)
+            ghosts.SetName("vtkGhostType")
+            part.GetCellData().AddArray(ghosts)
+            assert vt.vtk.own_points(part) == (slice(0, 6), slice(0, 4), slice(first - a, last - a + 1))
+            pieces.SetPartition(n, part)
+        flow = vt.from_vtk(pieces, cell_data="average")
+        for block, own in zip(flow.blocks.values(), (slice(0, 4), slice(3, 5), slice(4, 9))):
+            assert block.valid_cells is None
+            np.testing.assert_allclose(block.points, expected.points[:, :, own], rtol=1e-15)
+            np.testing.assert_array_equal(block["cells"], expected["cells"][:, :, own])
+        assert len(flow.joins) == 2
+        assert len(flow.contour("cells", 0.1).points) == len(smooth.contour("cells", 0.1).points) > 0
+        ghosts.Fill(1)
+        with pytest.raises(ValueError, match="nothing but ghost cells"):
+            vt.from_vtk(part)
+
+
 def test_objects_of_vtk_share_memory_and_keep_it_alive():
     flow = make_ring((9, 9, 9))
     surface = flow.contour("radius", [1.25, 1.5], values=["plane", "velocity"], normals=True)
@@ -269,3 +303,43 @@ def test_what_notebooks_and_pictures_show(ring, tmp_path, monkeypatch):
     with pytest.raises(ImportError, match="matplotlib, which is not installed"):
         surface.plot()
     assert os.path.exists(tmp_path / "surface.png")
+
+
+def test_curves_have_lengths_directions_and_values(ring, tmp_path):
+    t = np.linspace(0, 3, 301)
+    helix = np.stack([1.5 * np.cos(t), 1.5 * np.sin(t), 0.2 * t + 0.1], axis=-1)
+    path = vt.Curves(helix, starts=np.array([0, 101]))
+    speed = np.hypot(1.5, 0.2)
+    lengths = path.arc_lengths()
+    np.testing.assert_allclose(lengths, np.where(t <= 1.0, t, t - 1.01) * speed, rtol=1e-4, atol=1e-12)
+    assert path.greatest_length() == lengths.max() == lengths[-1]
+    np.testing.assert_allclose(path.tangents()[1:100] @ [0, 0, 1], 0.2 / speed, rtol=1e-4)
+    path = path.with_values("plane", ring.locate(path.points).sample("plane")).with_values("length", lengths)
+    np.testing.assert_allclose(path["plane"], plane(helix), atol=1e-2)
+    assert path.names == ["length", "plane"] and "plane" in path and len(path) == 2
+    assert np.shares_memory(path.points, helix) and np.shares_memory(path["length"], lengths)
+    assert not path.points.flags.writeable and path.curve(1).tolist() == list(range(101, 301))
+    path.save(tmp_path / "path.vtp")
+    from vtkmodules.vtkIOXML import vtkXMLPolyDataReader
+
+    reader = vtkXMLPolyDataReader()
+    reader.SetFileName(str(tmp_path / "path.vtp"))
+    reader.Update()
+    expected, made = lengths.copy(), path.to_vtk()
+    del path, lengths
+    gc.collect()
+    for lines in (reader.GetOutput(), made):
+        assert lines.GetNumberOfLines() == 2 and lines.GetCell(1).GetPointId(0) == 101
+        np.testing.assert_array_equal(vtk_to_numpy(lines.GetPointData().GetArray("length")), expected)
+        np.testing.assert_array_equal(vtk_to_numpy(lines.GetPoints().GetData()), helix)
+    crossing = vt.Curves([[0, 0, 0], [1, 0, 0], [1, 1, 0]], [np.arange(3), [], (2, 0, 2)])
+    assert [crossing.curve(n).tolist() for n in range(3)] == [[0, 1, 2], [], [2, 0, 2]]
+    for wrong in (lambda: vt.Curves(helix, [[301]]), lambda: vt.Curves(helix, starts=[5, 4]), lambda: vt.Curves(helix[:, :2]),
+                  lambda: vt.Curves(helix, [[0]], starts=[0]), lambda: crossing.with_values("f", [1.0, 2.0])):  # fmt: skip
+        with pytest.raises(ValueError, match="point|starts|values"):
+            wrong()
+    with pytest.raises(KeyError, match='there are: "length"'):
+        crossing.with_values("length", [0.0, 1.0, 2.0])["plane"]
+    ends = [line[[0, -1]] for line in ring.edges("quarter 1")]
+    corners = ring.block("quarter 1").points[::4, ::8, ::16].reshape(-1, 3)
+    assert len(ends) == 12 and all((end == corners).all(axis=-1).any() for pair in ends for end in pair)

@@ -59,6 +59,10 @@ inline std::vector<RoughBlock> roughBlocks() {
     add("collapsed corner", distortedBlock(n, 1.0, 0.1, 13), [](const Vantle::MultiIndex<3>& i, Point& p) {
         if (i[0] < 3 && i[1] < 3) p = Point(0.5, 0.5, 0.5);
     });
+    add("zeros of both signs", distortedBlock(n, 1.0, 0.2, 18), [](const Vantle::MultiIndex<3>& i, Point& p) {
+        if (i[0] == 0) p[0] = i[1] % 2 ? 0.0 : -0.0;
+        if (i[1] == 0) p[1] = i[2] % 2 ? -0.0 : 0.0;
+    });
     const double nan = std::numeric_limits<double>::quiet_NaN();
     add("a few NaN", distortedBlock(n, 1.0, 0.2, 14), [&](const Vantle::MultiIndex<3>& i, Point& p) {
         if ((i[0] == 3 && i[1] == 2 && i[2] == 2) || (i[0] == 6 && i[2] == 4)) p[1] = nan;

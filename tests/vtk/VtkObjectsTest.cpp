@@ -168,6 +168,55 @@ TEST(VtkObjects, EachKindGoesInAndOutWithItsPositionsAndValuesOverTheSameMemory)
     }
 }
 
+TEST(VtkObjects, WithoutGhostLayersAGridIsThePartThatVtkCuts) {
+    const std::array<int, 6> own{2, 6, 0, 4, 1, 6}; // vertices
+    for (const auto& [name, kind] : Kinds) {
+        SCOPED_TRACE(name);
+        const vtkSmartPointer<vtkDataSet> grid = kind.make();
+        addArray<vtkDoubleArray>(*grid, "double", 3);
+        addArray<vtkIdTypeArray>(*grid, "long", 1);
+        auto ghosts = vtkSmartPointer<vtkUnsignedCharArray>::New();
+        ghosts->SetName(vtkDataSetAttributes::GhostArrayName());
+        auto cells = vtkSmartPointer<vtkDoubleArray>::New();
+        cells->SetName("cells");
+        for (int n = 0; n < 8 * 7 * 6; ++n) {
+            const std::array<int, 3> at{n % 8, n / 8 % 7, n / 56};
+            bool isOwn = at != std::array{3, 2, 2}; // one duplicate in the middle
+            for (std::size_t d = 0; d < 3; ++d) isOwn = isOwn && at[d] >= own[2 * d] && at[d] < own[2 * d + 1];
+            ghosts->InsertNextValue(!isOwn                      ? vtkDataSetAttributes::DUPLICATECELL
+                                    : at == std::array{4, 1, 3} ? vtkDataSetAttributes::HIDDENCELL
+                                                                : 0);
+            cells->InsertNextValue(n * n);
+        }
+        grid->GetCellData()->AddArray(cells);
+        const vtkSmartPointer<vtkDataSet> part =
+            vtkDataSet::SafeDownCast(toVtk(fromVtk(grid, {.cellData = VtkCellData::Average})));
+        for (vtkDataSet* const each : {grid.Get(), part.Get()}) each->GetCellData()->AddArray(ghosts);
+        part->Crop(own.data());
+        const DataSet expected = fromVtk(part);
+        VtkReport report;
+        const DataSet flow = fromVtk(grid, {.cellData = VtkCellData::Average, .report = &report});
+        EXPECT_EQ(fateOf(report, "\"double\""), "copied (without ghost layers)\n");
+        ASSERT_EQ(flow.blocks()[0].size, MultiIndex<3>(5, 5, 6));
+        ASSERT_EQ(expected.blocks()[0].size, flow.blocks()[0].size);
+        const auto ours = toVtk(flow), theirs = toVtk(expected);
+        for (int type : {vtkDataObject::POINT, vtkDataObject::CELL})
+            for (int a = 0; a < theirs->GetAttributes(type)->GetNumberOfArrays(); ++a) {
+                vtkDataArray& wanted = *theirs->GetAttributes(type)->GetArray(a);
+                vtkDataArray* const made = ours->GetAttributes(type)->GetArray(wanted.GetName());
+                ASSERT_TRUE(made && made->GetNumberOfTuples() == wanted.GetNumberOfTuples()) << wanted.GetName();
+                for (vtkIdType n = 0; n < wanted.GetNumberOfTuples(); ++n)
+                    for (int c = 0; c < wanted.GetNumberOfComponents(); ++c)
+                        ASSERT_EQ(made->GetComponent(n, c), wanted.GetComponent(n, c)) << wanted.GetName();
+            }
+        for (vtkIdType n = 0; n < 150; ++n)
+            for (int d = 0; d < 3; ++d)
+                ASSERT_NEAR(flow.positions("block")[std::size_t(n)][d], pointOf(*part, n)[d], 1e-14);
+        ghosts->FillValue(vtkDataSetAttributes::DUPLICATECELL);
+        EXPECT_THROW((void)fromVtk(grid), DataSetError);
+    }
+}
+
 TEST(VtkObjects, SharedMemoryLivesAsLongAsEitherSideUsesIt) {
     // In: the data set is the last one that uses the arrays.
     auto grid = makeCurved(VTK_DOUBLE);

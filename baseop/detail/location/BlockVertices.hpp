@@ -1,6 +1,7 @@
 #pragma once
 /// How the searches in curvilinear blocks reach the vertices: plain addresses, and the linear map at a cell's centre.
 
+#include <baseop/detail/Extremes.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <model/orvix/CellMap.hpp>
 #include <model/vantle/MultiArray.hpp>
@@ -125,16 +126,35 @@ public:
         inParallel(planes, piece, static_cast<std::size_t>(mySize.product()) * 3 * sizeof(double),
                    [&](std::size_t begin, std::size_t end) {
                        Slab slab;
-                       for (index_t k = begin; k < end; ++k)
-                           for (index_t j = 0; j < mySize[1]; ++j) {
-                               const double* at = address(0, j, k);
-                               for (index_t i = 0; i < mySize[0]; ++i, at += myStep[0])
-                                   for (int d = 0; d < 3; ++d) {
-                                       const double zero = at[d] * 0.0;
-                                       slab.take(d, zero == 0.0 ? at[d] : infinite, zero == 0.0 ? at[d] : -infinite,
-                                                 zero);
-                                   }
+                       const auto take = [&](const double* at, std::size_t count) {
+                           for (; count > 0; --count, at += myStep[0])
+                               for (int d = 0; d < 3; ++d) {
+                                   const double zero = at[d] * 0.0;
+                                   slab.take(d, zero == 0.0 ? at[d] : infinite, zero == 0.0 ? at[d] : -infinite, zero);
+                               }
+                       };
+                       // What the vectors tell of so many numbers is not enough where some are none, nor where the
+                       // first zero is met.
+                       const auto takeTogether = [&](const double* at, std::size_t count) {
+                           const auto found = detail::findExtremes<double, 3>(at, 3 * count);
+                           bool isEnough = !found.hasNaN;
+                           for (int d = 0; d < 3; ++d) {
+                               isEnough &= (found.max[d] - found.min[d]) * 0.0 == 0.0;
+                               isEnough &= found.min[d] != 0.0 || slab.low[d] <= 0.0;
+                               isEnough &= found.max[d] != 0.0 || slab.high[d] >= 0.0;
                            }
+                           if (!isEnough) return take(at, count);
+                           for (int d = 0; d < 3; ++d) slab.take(d, found.min[d], found.max[d], 0.0);
+                       };
+                       constexpr std::size_t Together = ExtremesPieceBytes / (3 * sizeof(double));
+                       const auto plane = static_cast<std::size_t>(mySize[0] * mySize[1]);
+                       for (std::size_t n = begin * plane; n < end * plane; n += Together) {
+                           const std::size_t count = std::min(Together, end * plane - n);
+                           if (contiguous())
+                               takeTogether(myFirst + 3 * n, count);
+                           else
+                               take(myFirst + myStep[0] * n, count);
+                       }
                        slabs[begin / piece] = slab;
                    });
         Slab all;

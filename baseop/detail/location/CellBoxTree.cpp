@@ -1,13 +1,12 @@
+#include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/location/CellBoxTree.hpp>
+#include <baseop/detail/location/GroupKernels.hpp>
 #include <model/hestra/Chunk.hpp>
-#include <model/hestra/Pulse.hpp>
 
-#include <atomic>
 #include <cmath>
-#include <cstring>
 #include <limits>
-#include <omp.h>
 #include <stdexcept>
+#include <utility>
 
 namespace Vantle::detail {
 
@@ -15,14 +14,11 @@ namespace {
 
 constexpr float infinite = std::numeric_limits<float>::infinity();
 
-// That of a difference of two numbers, a little more than half a unit in the last place.
-constexpr float DifferenceRounding = 8e-8F;
-
 } // namespace
 
 CellBoxTree::Shapes::~Shapes() = default;
 
-/// The boxes of all groups of a level, by bound: low and high ones on each axis. Not cleared: each is set by the thread
+/// The boxes of groups of a level, by bound: low and high ones on each axis. Not cleared: each is set by the thread
 /// that makes its group.
 struct CellBoxTree::LevelBoxes {
     std::unique_ptr<float[]> memory;
@@ -31,8 +27,15 @@ struct CellBoxTree::LevelBoxes {
 
     explicit LevelBoxes(std::size_t count) : memory(std::make_unique_for_overwrite<float[]>(6 * count)) {
         Hestra::adviseLargeArray(memory.get(), 6 * count * sizeof(float));
+        divide(memory.get(), count);
+    }
+    /// In memory of another.
+    LevelBoxes(float* room, std::size_t count) { divide(room, count); }
+
+private:
+    void divide(float* room, std::size_t count) noexcept {
         for (std::size_t d = 0; d < 3; ++d) {
-            low[d] = memory.get() + 2 * d * count;
+            low[d] = room + 2 * d * count;
             high[d] = low[d] + count;
         }
     }
@@ -104,257 +107,121 @@ void CellBoxTree::Upper::boxOf(int member, float (&low)[3], float (&high)[3]) co
     }
 }
 
-/// The cells of one group, as they lie in rows.
-struct CellBoxTree::Members {
-    const Row* rows; // those of the group: along j, then along k
-    std::size_t first;
-    const float* least;
-
-    [[nodiscard]] std::size_t at(int m) const noexcept { return first + static_cast<std::size_t>(m & 1); }
-    [[nodiscard]] bool exists(int m) const noexcept {
-        const float c = rows[m >> 1].centre[0][at(m)];
-        return c == c;
-    }
-
-    /// Sets the group from these cells, whose boxes along the axes have the bounds given.
-    template<int Edges>
-    void assignTo(Bottom& group, const float (&low)[3], const float (&high)[3]) const noexcept;
-};
-
 template<int Edges>
-void CellBoxTree::Members::assignTo(Bottom& group, const float (&low)[3], const float (&high)[3]) const noexcept {
-    // The frame: the sums of the cells' edges, unless they are nearly in a plane.
-    double side[3][3] = {};
-    float reference[4] = {};
-    bool isAny = false;
-    for (int m = 0; m < Bottom::Members; ++m) {
-        if (!exists(m)) continue;
-        const Row& row = rows[m >> 1];
-        for (int v = 0; v < 3; ++v)
-            for (int d = 0; d < 3; ++d) side[v][d] += row.edge[v][d][at(m)];
-        for (int d = 0; d < 3 && !isAny; ++d) reference[d] = row.centre[d][at(m)];
-        isAny = true;
-    }
-    const auto cross = [](const double(&a)[3], const double(&b)[3], double(&c)[3]) {
-        for (int d = 0; d < 3; ++d) c[d] = a[(d + 1) % 3] * b[(d + 2) % 3] - a[(d + 2) % 3] * b[(d + 1) % 3];
-    };
-    const auto squared = [](const double(&a)[3]) { return a[0] * a[0] + a[1] * a[1] + a[2] * a[2]; };
-    double toFrame[3][3];
-    for (int v = 0; v < 3; ++v) cross(side[(v + 1) % 3], side[(v + 2) % 3], toFrame[v]);
-    const double det = side[0][0] * toFrame[0][0] + side[0][1] * toFrame[0][1] + side[0][2] * toFrame[0][2];
-    constexpr double smallestPart = 1e-5;
-    const bool hasFrame =
-        det * det > smallestPart * smallestPart * (squared(side[0]) * squared(side[1]) * squared(side[2]));
-    for (int v = 0; v < 3; ++v) {
-        for (int d = 0; d < 3; ++d) {
-            if (hasFrame) {
-                toFrame[v][d] /= det;
-            } else {
-                side[v][d] = v == d ? static_cast<double>(high[d]) - low[d] : 0.0;
-                toFrame[v][d] = v == d ? 1.0 / side[v][d] : 0.0;
-            }
-        }
-    }
-
-    // All boxes in the frame, relative to the reference: those of all cells at once.
-    float c[3][Bottom::Members], s[3][Bottom::Members], e[Edges][3][Bottom::Members];
-    bool isThere[Bottom::Members];
-    for (int r = 0; r < 4; ++r) {
-        const auto take = [&](float(&to)[Bottom::Members], const float* row) {
-            std::memcpy(&to[2 * r], row + first, 2 * sizeof(float));
-        };
-        for (int d = 0; d < 3; ++d) {
-            take(c[d], rows[r].centre[d]);
-            take(s[d], rows[r].slack[d]);
-            for (int g = 0; g < Edges; ++g) take(e[g][d], rows[r].edge[g][d]);
-        }
-    }
-    for (int m = 0; m < Bottom::Members; ++m) isThere[m] = c[0][m] == c[0][m];
-    float from[3][Bottom::Members], to[3][Bottom::Members], lowest[3], highest[3];
-    bool areNumbers = true;
-    for (int v = 0; v < 3; ++v) {
-        float map[3], absolute[3], least1 = 0.0F, margin = 0.0F;
-        for (int d = 0; d < 3; ++d) {
-            map[d] = static_cast<float>(toFrame[v][d]);
-            absolute[d] = std::fabs(map[d]);
-            least1 += absolute[d] * least[d];
-            margin += absolute[d] * (ProductRounding * (high[d] - low[d]) +
-                                     PositionRounding * std::max(std::fabs(low[d]), std::fabs(high[d])));
-        }
-        float half[Bottom::Members] = {};
-        for (int g = 0; g < Edges; ++g)
-            for (int m = 0; m < Bottom::Members; ++m)
-                half[m] += std::fabs(map[0] * e[g][0][m] + map[1] * e[g][1][m] + map[2] * e[g][2][m]);
-        for (int m = 0; m < Bottom::Members; ++m) {
-            const float centre = map[0] * (c[0][m] - reference[0]) + map[1] * (c[1][m] - reference[1]) +
-                                 map[2] * (c[2][m] - reference[2]);
-            const float slack = margin + (absolute[0] * s[0][m] + absolute[1] * s[1][m] + absolute[2] * s[2][m]);
-            const float width = (half[m] < least1 ? least1 : half[m]) + slack;
-            from[v][m] = centre - width;
-            to[v][m] = centre + width;
-        }
-        lowest[v] = infinite;
-        highest[v] = -infinite;
-        for (int m = 0; m < Bottom::Members; ++m) {
-            lowest[v] = isThere[m] ? std::min(lowest[v], from[v][m]) : lowest[v];
-            highest[v] = isThere[m] ? std::max(highest[v], to[v][m]) : highest[v];
-            areNumbers &= (!isThere[m]) | ((from[v][m] == from[v][m]) & (to[v][m] == to[v][m]));
-        }
-    }
-
-    // Steps along the frame, from an origin that is rounded first.
-    double perUnit[3], corner[3] = {};
-    bool isFinite = isAny && areNumbers;
-    for (int v = 0; v < 3; ++v) {
-        perUnit[v] = static_cast<double>(Bottom::StepCount) / (static_cast<double>(highest[v]) - lowest[v]);
-        isFinite = isFinite && perUnit[v] > 0.0 && perUnit[v] < 1e30;
-        for (int d = 0; d < 3; ++d)
-            corner[d] += side[v][d] * (static_cast<double>(lowest[v]) - Bottom::FirstStep / perUnit[v]);
-    }
-    for (int d = 0; d < 3; ++d) {
-        group.origin[d] = static_cast<float>(reference[d] + corner[d]);
-        isFinite = isFinite && std::fabs(group.origin[d]) < 1e30F;
-        // Differences to a far origin would be rounded by more than the margin: of a group with some far vertices the
-        // frame may begin far away from all of its cells.
-        const float reach = std::max(std::fabs(low[d]), std::fabs(high[d]));
-        isFinite = isFinite && DifferenceRounding * (std::fabs(group.origin[d]) + reach) <=
-                                   PositionRounding * reach + 0.5F * ProductRounding * (high[d] - low[d]);
-    }
-    double shift[3] = {};
-    for (int v = 0; v < 3; ++v)
-        for (int d = 0; d < 3; ++d) {
-            group.column[d][v] = static_cast<float>(toFrame[v][d] * perUnit[v]);
-            isFinite = isFinite && std::fabs(group.column[d][v]) < 1e30F;
-            shift[v] += toFrame[v][d] * (static_cast<double>(group.origin[d]) - reference[d]);
-            isFinite = isFinite && std::fabs(shift[v]) < 1e30;
-        }
-    if (!isFinite) {
-        // Out of the range of numbers: the cells may be anywhere.
-        for (int d = 0; d < 3; ++d) {
-            group.origin[d] = 0.0F;
-            for (int v = 0; v < 3; ++v) group.column[d][v] = 0.0F;
-            for (int m = 0; m < Bottom::Members; ++m) {
-                group.bounds[d][0][m] = isThere[m] ? 0 : 255;
-                group.bounds[d][1][m] = isThere[m] ? 255 : 0;
-            }
-        }
-        return;
-    }
-    for (int v = 0; v < 3; ++v) {
-        const auto scale = static_cast<float>(perUnit[v]), offset = static_cast<float>(shift[v]);
-        constexpr float Widening = 0.05F;
-        int steps[2][Bottom::Members];
-        for (int m = 0; m < Bottom::Members; ++m) {
-            const float lower = (from[v][m] - offset) * scale - Widening,
-                        upper = (to[v][m] - offset) * scale + Widening;
-            // Cells that are not there may have any numbers, or none.
-            steps[0][m] = static_cast<int>(isThere[m] ? std::min(lower > 0.0F ? lower : 0.0F, 255.0F) : 255.0F);
-            steps[1][m] = static_cast<int>(isThere[m] ? std::min(upper > 0.0F ? upper : 0.0F, 255.0F) : 0.0F);
-        }
-        for (int bound = 0; bound < 2; ++bound)
-            for (int m = 0; m < Bottom::Members; ++m)
-                group.bounds[v][bound][m] = static_cast<std::uint8_t>(steps[bound][m]);
-    }
-}
-
-template<int Edges>
-void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& boxes) {
-    // One filler, and four rows of cells filled up to whole groups, for each thread.
-    constexpr std::size_t Arrays = 6 + 3 * Edges;
-    struct Worker {
-        std::unique_ptr<Shapes> shapes;
-        std::vector<float> memory, bounds;
-        Row rows[4];
-    };
+void CellBoxTree::buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& unions) {
+    // A piece is what a row of groups of groups has below it: up to four by four rows of groups.
+    constexpr std::size_t Side = 4, Arrays = 6 + 3 * Edges;
     const Level& bottom = myLevels[0];
-    const std::size_t width = 2 * bottom.size[0];
-    std::vector<Worker> workers(static_cast<std::size_t>(std::max(omp_get_max_threads(), 1)));
-    for (Worker& worker : workers) {
-        worker.shapes = shapes.clone();
-        worker.memory.resize(4 * roomFor(width) * Arrays);
-        worker.bounds.resize(2 * width); // low and high ones of one axis
-        float* next = worker.memory.data();
-        const auto take = [&](float*(&vector)[3]) {
-            for (float*& component : vector) {
-                component = next;
-                next += roomFor(width);
-            }
-        };
-        for (Row& row : worker.rows) {
+    const std::size_t groups = bottom.size[0], width = 2 * groups, padded = (groups + Side - 1) / Side * Side;
+    // Short lines of groups that follow each other in memory are made together.
+    const std::size_t mostLines = std::max<std::size_t>(GroupRow::Lanes / groups, 1);
+    const std::size_t room = GroupRow::roomForCells(mostLines * groups),
+                      boxRoom = GroupRow::roomForBoxes(mostLines * groups);
+    const std::size_t perPlane = (bottom.size[1] + Side - 1) / Side,
+                      pieces = perPlane * ((bottom.size[2] + Side - 1) / Side);
+    // Not much more than a large page of fresh memory at a time: two threads that come to one together both clear it.
+    constexpr std::size_t LargePage = std::size_t{1} << 21;
+    const std::size_t together =
+        std::clamp<std::size_t>(pieces / (8 * teamSize()), 1, LargePage / (Side * Side * groups * sizeof(Bottom)) + 1);
+    // What the work amounts to in bytes that are merely read.
+    constexpr std::size_t BytesPerGroup = 8 * 512;
+    inParallel(pieces, together, bottom.total() * BytesPerGroup, [&](std::size_t begin, std::size_t end) {
+        const std::unique_ptr<Shapes> filler = shapes.clone();
+        std::vector<float> memory(4 * Arrays * room + 6 * boxRoom + 6 * Side * Side * padded);
+        float* next = memory.data();
+        Row rows[4] = {};
+        for (Row& row : rows) {
+            const auto take = [&](float*(&vector)[3]) {
+                for (float*& component : vector) component = std::exchange(next, next + room);
+            };
             take(row.centre);
             take(row.slack);
             for (int g = 0; g < Edges; ++g) take(row.edge[g]);
         }
-    }
-    float least[3];
-    for (int d = 0; d < 3; ++d)
-        least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
-
-    const auto planes = static_cast<std::ptrdiff_t>(bottom.size[2]);
-    // Whole large pages of fresh memory for each: two threads that reach one at the same time both clear it.
-    constexpr std::size_t LargePage = std::size_t{1} << 21;
-    const std::size_t perPage = LargePage / (bottom.size[0] * bottom.size[1] * sizeof(Bottom)) + 1;
-    const auto together =
-        static_cast<std::ptrdiff_t>(std::clamp<std::size_t>(bottom.size[2] / (2 * workers.size()), 1, perPage));
-    std::atomic<bool> isEnded{false};
-#pragma omp parallel for schedule(dynamic, together) num_threads(static_cast <int>(workers.size()))
-    for (std::ptrdiff_t plane = 0; plane < planes; ++plane) {
-        if (isEnded.load(std::memory_order_relaxed)) continue;
-        try {
-            Hestra::Pulse::beat(static_cast<double>(plane) / static_cast<double>(planes));
-        } catch (const Hestra::Interruption&) { // which may not leave the region
-            isEnded = true;
-            continue;
+        GroupRow made = {rows, 0, {}, {}, {}, nullptr};
+        for (std::size_t d = 0; d < 3; ++d) {
+            made.least[d] = static_cast<float>(std::min(std::fabs(shapes.leastHalfWidth()[d]) * myScale[d], Farthest));
+            made.low[d] = std::exchange(next, next + boxRoom);
+            made.high[d] = std::exchange(next, next + boxRoom);
         }
-        Worker& worker = workers[static_cast<std::size_t>(omp_get_thread_num())];
-        const auto z = static_cast<std::size_t>(plane);
-        for (std::size_t y = 0; y < bottom.size[1]; ++y) {
-            for (std::size_t r = 0; r < 4; ++r) {
-                const Row& row = worker.rows[r];
-                const std::size_t j = 2 * y + (r & 1), k = 2 * z + (r >> 1);
-                const bool exists = j < myCells[1] && k < myCells[2];
-                if (exists) worker.shapes->fill(j, k, row);
-                constexpr float nan = std::numeric_limits<float>::quiet_NaN();
-                for (int d = 0; d < 3; ++d)
-                    std::fill(row.centre[d] + (exists ? myCells[0] : 0), row.centre[d] + width, nan);
-            }
-            const std::size_t first = bottom.size[0] * (y + bottom.size[1] * z);
+        LevelBoxes boxes(next, Side * Side * padded);
+        const auto fromCell = [](Row row, std::size_t cell) {
             for (int d = 0; d < 3; ++d) {
-                float* const lows = worker.bounds.data();
-                float* const highs = lows + width;
-                std::fill(lows, highs, infinite);
-                std::fill(highs, highs + width, -infinite);
-                for (const Row& row : worker.rows) {
-                    for (std::size_t i = 0; i < width; ++i) {
-                        float half = 0.0F;
-                        for (int g = 0; g < Edges; ++g) half += std::fabs(row.edge[g][d][i]);
-                        const float centre = row.centre[d][i];
-                        half = std::max(half, least[d]) * (1.0F + ProductRounding) + row.slack[d][i];
-                        half += PositionRounding * (std::fabs(centre) + half);
-                        constexpr auto farthest = static_cast<float>(Farthest);
-                        // A NaN is on the right, where it has no effect.
-                        lows[i] = std::min(lows[i], std::max(centre - half, -farthest));
-                        highs[i] = std::max(highs[i], std::min(centre + half, farthest));
+                row.centre[d] += cell;
+                row.slack[d] += cell;
+                for (int g = 0; g < Edges; ++g) row.edge[g][d] += cell;
+            }
+            return row;
+        };
+        unsigned existingBefore = 0;
+        for (std::size_t piece = begin; piece < end; ++piece) {
+            const auto y = [&](std::size_t line) { return Side * (piece % perPlane) + line % Side; };
+            const auto z = [&](std::size_t line) { return Side * (piece / perPlane) + line / Side; };
+            const auto number = [&](std::size_t line) { return groups * (y(line) + bottom.size[1] * z(line)); };
+            std::size_t lines[Side * Side], count = 0;
+            unsigned existing = 0;
+            for (std::size_t line = 0; line < Side * Side; ++line) {
+                if (y(line) >= bottom.size[1] || z(line) >= bottom.size[2]) continue;
+                lines[count++] = line;
+                existing |= 1U << line;
+            }
+            if (existing != std::exchange(existingBefore, existing))
+                for (int d = 0; d < 3; ++d) {
+                    std::fill_n(boxes.low[d], Side * Side * padded, infinite);
+                    std::fill_n(boxes.high[d], Side * Side * padded, -infinite);
+                }
+            for (std::size_t l = 0; l < count;) {
+                const std::size_t* const taken = lines + l;
+                std::size_t n = 0;
+                for (; l < count && n < mostLines && number(lines[l]) == number(*taken) + n * groups; ++l, ++n)
+                    for (std::size_t r = 0; r < 4; ++r) {
+                        const std::size_t j = 2 * y(lines[l]) + (r & 1), k = 2 * z(lines[l]) + (r >> 1);
+                        const bool exists = j < myCells[1] && k < myCells[2];
+                        const Row row = fromCell(rows[r], n * width);
+                        if (exists) filler->fill(j, k, row);
+                        for (float* const centre : row.centre)
+                            std::fill(centre + (exists ? myCells[0] : 0), centre + width,
+                                      std::numeric_limits<float>::quiet_NaN());
                     }
-                }
-                for (std::size_t g = 0; g < bottom.size[0]; ++g) {
-                    boxes.low[d][first + g] = std::min(lows[2 * g], lows[2 * g + 1]);
-                    boxes.high[d][first + g] = std::max(highs[2 * g], highs[2 * g + 1]);
-                }
+                made.groups = n * groups;
+                if (detail == Detail::Cells) made.to = reinterpret_cast<unsigned char*>(&myBottom[number(*taken)]);
+                makeGroups<Edges>(made);
+                for (std::size_t t = 0; t < n; ++t)
+                    for (int d = 0; d < 3; ++d) {
+                        std::copy_n(made.low[d] + t * groups, groups, boxes.low[d] + taken[t] * padded);
+                        std::copy_n(made.high[d] + t * groups, groups, boxes.high[d] + taken[t] * padded);
+                    }
             }
-            if (detail == Detail::Groups) continue;
-            for (std::size_t g = 0; g < bottom.size[0]; ++g) {
-                const float low[3] = {boxes.low[0][first + g], boxes.low[1][first + g], boxes.low[2][first + g]};
-                const float high[3] = {boxes.high[0][first + g], boxes.high[1][first + g], boxes.high[2][first + g]};
-                Members{worker.rows, 2 * g, least}.assignTo<Edges>(myBottom[first + g], low, high);
-            }
+            if (myTop == 0) continue;
+            const Level& level = myLevels[1];
+            for (std::size_t x = 0; x < level.size[0]; ++x)
+                setUpper(level, x + level.size[0] * piece, unions, [&](int d, std::size_t m, float& low, float& high) {
+                    const std::size_t at = m / Side * padded + Side * x + m % Side;
+                    low = boxes.low[d][at];
+                    high = boxes.high[d][at];
+                });
         }
+    });
+}
+
+template<class BoxOf>
+void CellBoxTree::setUpper(const Level& level, std::size_t group, LevelBoxes& unions, const BoxOf& boxOf) {
+    Boxes<Upper::Members> members;
+    for (int d = 0; d < 3; ++d) {
+        float low = infinite, high = -infinite;
+        for (std::size_t m = 0; m < Upper::Members; ++m) {
+            boxOf(d, m, members.low[d][m], members.high[d][m]);
+            low = std::min(low, members.low[d][m]);
+            high = std::max(high, members.high[d][m]);
+        }
+        unions.low[d][group] = low;
+        unions.high[d][group] = high;
     }
-    if (isEnded) throw Hestra::Interruption();
+    myUpper[level.first + group].assign(members);
 }
 
 void CellBoxTree::buildUpper(LevelBoxes& boxes) {
-    for (int l = 1; l <= myTop; ++l) {
+    for (int l = 2; l <= myTop; ++l) {
         const Level& below = myLevels[l - 1];
         const Level& level = myLevels[l];
         LevelBoxes unions(level.total());
@@ -364,22 +231,13 @@ void CellBoxTree::buildUpper(LevelBoxes& boxes) {
             const auto group = static_cast<std::size_t>(g);
             const std::size_t x = group % level.size[0], y = group / level.size[0] % level.size[1],
                               z = group / (level.size[0] * level.size[1]);
-            Boxes<Upper::Members> members;
-            for (int d = 0; d < 3; ++d) {
-                float low = infinite, high = -infinite;
-                for (std::size_t m = 0; m < Upper::Members; ++m) {
-                    const std::size_t i = 4 * x + m % 4, j = 4 * y + m / 4 % 4, k = 4 * z + m / 16;
-                    const bool exists = i < below.size[0] && j < below.size[1] && k < below.size[2];
-                    const std::size_t number = exists ? i + below.size[0] * (j + below.size[1] * k) : 0;
-                    members.low[d][m] = exists ? boxes.low[d][number] : infinite;
-                    members.high[d][m] = exists ? boxes.high[d][number] : -infinite;
-                    low = std::min(low, members.low[d][m]);
-                    high = std::max(high, members.high[d][m]);
-                }
-                unions.low[d][group] = low;
-                unions.high[d][group] = high;
-            }
-            myUpper[level.first + group].assign(members);
+            setUpper(level, group, unions, [&](int d, std::size_t m, float& low, float& high) {
+                const std::size_t i = 4 * x + m % 4, j = 4 * y + m / 4 % 4, k = 4 * z + m / 16;
+                const bool exists = i < below.size[0] && j < below.size[1] && k < below.size[2];
+                const std::size_t number = exists ? i + below.size[0] * (j + below.size[1] * k) : 0;
+                low = exists ? boxes.low[d][number] : infinite;
+                high = exists ? boxes.high[d][number] : -infinite;
+            });
         }
         boxes = std::move(unions);
     }
@@ -392,10 +250,12 @@ void CellBoxTree::build(const Shapes& shapes, Detail detail) {
         myBottom = std::make_unique_for_overwrite<Bottom[]>(myLevels[0].total());
         Hestra::adviseLargeArray(myBottom.get(), myLevels[0].total() * sizeof(Bottom));
     }
-    if (myTop > 0) myUpper.resize(myLevels[myTop].first + 1);
+    const std::size_t upper = myTop > 0 ? myLevels[myTop].first + 1 : 0;
+    myUpper = std::make_unique_for_overwrite<Upper[]>(upper);
+    Hestra::adviseLargeArray(myUpper.get(), upper * sizeof(Upper));
     constexpr std::size_t NearCaches = std::size_t{1} << 20;
-    myIsLarge = myLevels[0].total() * sizeof(Bottom) + myUpper.size() * sizeof(Upper) > NearCaches;
-    LevelBoxes boxes(myLevels[0].total());
+    myIsLarge = myLevels[0].total() * sizeof(Bottom) + upper * sizeof(Upper) > NearCaches;
+    LevelBoxes boxes(myTop > 0 ? myLevels[1].total() : 0);
     if (shapes.edges() == 3)
         buildGroups<3>(shapes, detail, boxes);
     else

@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <memory>
 #include <span>
-#include <vector>
 
 #if defined(__SSE2__)
 #    include <emmintrin.h>
@@ -164,8 +163,6 @@ private:
     /// The sets of up to 2 x 2 x 2 cells, in boxes along the edges of the group.
     struct alignas(32) Bottom {
         static constexpr int Members = 8;
-        /// Steps of points in a box are from 1 to 254; a cell without a box has all.
-        static constexpr float StepCount = 252.0F, FirstStep = 1.5F;
 
         float origin[3];
         float column[3][3]; // of the map from points relative to the origin to steps
@@ -184,7 +181,6 @@ private:
         }
     };
     static_assert(sizeof(Bottom) == 96);
-    struct Members;
 
     /// Groups of one level: 0 is that of the groups of cells.
     struct Level {
@@ -359,7 +355,9 @@ private:
     [[nodiscard]] bool pairScattered(std::size_t count, const float (*x)[4], Pairs& pairs) const;
     struct LevelBoxes;
     template<int Edges>
-    void buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& boxes);
+    void buildGroups(const Shapes& shapes, Detail detail, LevelBoxes& unions);
+    template<class BoxOf>
+    void setUpper(const Level& level, std::size_t group, LevelBoxes& unions, const BoxOf& boxOf);
     void buildUpper(LevelBoxes& boxes);
 
     double myOrigin[3] = {}, myScale[3] = {1.0, 1.0, 1.0};
@@ -368,7 +366,7 @@ private:
     bool myIsLarge = false; // more than caches near the core hold
     Level myLevels[MaximalLevels];
     std::unique_ptr<Bottom[]> myBottom; // null where searches tell groups only
-    std::vector<Upper> myUpper;
+    std::unique_ptr<Upper[]> myUpper;
 };
 
 #if defined(__SSE2__)

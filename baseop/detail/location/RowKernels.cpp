@@ -165,6 +165,70 @@ void images(const RowSums& sums, std::size_t cells, double slack, const CellBoxT
     }
 }
 
+/// From `begin` on as long as there are whole vectors; where it has ended. Bounds by axis, `pitch` apart.
+template<class Lanes>
+HWY_INLINE std::size_t bound(Lanes lanes, const double* const (&vertices)[4], std::size_t begin, std::size_t count,
+                             double* lows, double* highs, std::size_t pitch) {
+    for (; begin + hn::Lanes(lanes) <= count; begin += hn::Lanes(lanes)) {
+        hn::Vec<Lanes> a0, a1, a2, b0, b1, b2, c0, c1, c2, e0, e1, e2;
+        hn::LoadInterleaved3(lanes, vertices[0] + 3 * begin, a0, a1, a2);
+        hn::LoadInterleaved3(lanes, vertices[1] + 3 * begin, b0, b1, b2);
+        hn::LoadInterleaved3(lanes, vertices[2] + 3 * begin, c0, c1, c2);
+        hn::LoadInterleaved3(lanes, vertices[3] + 3 * begin, e0, e1, e2);
+        const auto put = [&](std::size_t d, auto a, auto b, auto c, auto e) HWY_ATTR {
+            // All are numbers, and zeros of both signs have the same unicell.
+            hn::StoreU(hn::Min(hn::Min(a, b), hn::Min(c, e)), lanes, lows + d * pitch + begin);
+            hn::StoreU(hn::Max(hn::Max(a, b), hn::Max(c, e)), lanes, highs + d * pitch + begin);
+        };
+        put(0, a0, b0, c0, e0);
+        put(1, a1, b1, c1, e1);
+        put(2, a2, b2, c2, e2);
+    }
+    return begin;
+}
+
+void ranges(const double* const (&vertices)[4], std::size_t cells, const UnicellAxis (&axes)[3], double* lows,
+            double* highs, int* result, std::size_t pitch) {
+    const Wide lanes;
+    const hn::Rebind<int, Wide> integers;
+    const std::size_t whole = bound(lanes, vertices, 0, cells + 1, lows, highs, pitch);
+    bound(hn::CappedTag<double, 1>(), vertices, whole, cells + 1, lows, highs, pitch);
+    for (std::size_t d = 0; d < 3; ++d) {
+        const UnicellAxis& axis = axes[d];
+        const Vector lowest = hn::Set(lanes, axis.lowest), highest = hn::Set(lanes, axis.highest),
+                     size = hn::Set(lanes, axis.size), last = hn::Set(lanes, static_cast<double>(axis.last));
+        // What `Unigrid::indexOf` gives for coordinates within the box, whose quotients are neither negative nor larger
+        // than the last unicell by more than rounding.
+        const auto put = [&](std::size_t piece, std::size_t i, Vector x) HWY_ATTR {
+            const Vector quotient = hn::Min(hn::Div(hn::Sub(x, lowest), size), last);
+            const Vector unicell = hn::IfThenElse(hn::Ge(x, highest), last, quotient);
+            hn::StoreU(hn::DemoteTo(integers, unicell), integers, result + piece * pitch + i);
+        };
+        const double* const low = lows + d * pitch;
+        const double* const high = highs + d * pitch;
+        for (std::size_t i = 0; i < cells; i += hn::Lanes(lanes)) {
+            put(d, i, hn::Min(hn::LoadU(lanes, low + i), hn::LoadU(lanes, low + i + 1)));
+            put(3 + d, i, hn::Max(hn::LoadU(lanes, high + i), hn::LoadU(lanes, high + i + 1)));
+        }
+    }
+}
+
+template<class Lanes>
+HWY_INLINE std::size_t addUpFrom(Lanes lanes, std::size_t begin, const std::uint32_t* added, std::size_t count,
+                                 std::uint32_t* sums, std::uint32_t* most) {
+    for (; begin + hn::Lanes(lanes) <= count; begin += hn::Lanes(lanes)) {
+        const auto sum = hn::Add(hn::LoadU(lanes, sums + begin), hn::LoadU(lanes, added + begin));
+        hn::StoreU(sum, lanes, sums + begin);
+        hn::StoreU(hn::Max(hn::LoadU(lanes, most + begin), sum), lanes, most + begin);
+    }
+    return begin;
+}
+
+void addLine(const std::uint32_t* added, std::size_t count, std::uint32_t* sums, std::uint32_t* most) {
+    const std::size_t whole = addUpFrom(hn::ScalableTag<std::uint32_t>(), 0, added, count, sums, most);
+    addUpFrom(hn::CappedTag<std::uint32_t, 1>(), whole, added, count, sums, most);
+}
+
 } // namespace Vantle::detail::HWY_NAMESPACE
 HWY_AFTER_NAMESPACE();
 
@@ -176,6 +240,8 @@ HWY_EXPORT(sumRowOf3);
 HWY_EXPORT(sumRowOf4);
 HWY_EXPORT(reach);
 HWY_EXPORT(images);
+HWY_EXPORT(ranges);
+HWY_EXPORT(addLine);
 
 template<bool Both>
 RowSums sumAcrossRow(const double* const (&vertices)[4], std::size_t count, double* sums, std::size_t pitch) {
@@ -200,6 +266,15 @@ void fillReach(const RowSums& sums, const LinearRow& about, const CellBoxTree& t
 void fillImages(const RowSums& sums, std::size_t cells, double slack, const CellBoxTree& tree,
                 const CellBoxTree::Row& row) {
     HWY_DYNAMIC_DISPATCH(images)(sums, cells, slack, tree, row);
+}
+
+void fillRanges(const double* const (&vertices)[4], std::size_t cells, const UnicellAxis (&axes)[3], double* lows,
+                double* highs, int* result, std::size_t pitch) {
+    HWY_DYNAMIC_DISPATCH(ranges)(vertices, cells, axes, lows, highs, result, pitch);
+}
+
+void addUp(const std::uint32_t* added, std::size_t count, std::uint32_t* sums, std::uint32_t* most) {
+    HWY_DYNAMIC_DISPATCH(addLine)(added, count, sums, most);
 }
 
 } // namespace Vantle::detail

@@ -5,6 +5,7 @@
 #include <baseop/detail/location/CellBoxTree.hpp>
 
 #include <cstddef>
+#include <cstdint>
 
 namespace Vantle::detail {
 
@@ -24,6 +25,22 @@ struct LinearRow {
     double leastSquared, skewness, rounding;
     double relativeSlack, slack;
 };
+
+/// Numbers of unicells along one axis.
+struct UnicellAxis {
+    double lowest, highest, size; // the size is positive
+    int last;
+};
+
+/// The first and the last unicell, by axis, that the boxes of a row of `cells` cells touch, from the rows of vertices
+/// around it, which are within the unigrid. `lows` and `highs` have room for `CellBoxTree::roomFor(cells + 1)` numbers;
+/// each of six pieces of `ranges`, `pitch` apart, for `CellBoxTree::roomFor(cells)`: first ones by axis, then last
+/// ones.
+void fillRanges(const double* const (&vertices)[4], std::size_t cells, const UnicellAxis (&axes)[3], double* lows,
+                double* highs, int* ranges, std::size_t pitch);
+
+/// Adds to sums, and keeps the greatest of each so far.
+void addUp(const std::uint32_t* added, std::size_t count, std::uint32_t* sums, std::uint32_t* most);
 
 /// Sums of rows of vertices without gaps; `Both` with the last difference. `sums` has room for 12 arrays, `pitch`
 /// numbers apart, and `pitch` is at least `CellBoxTree::roomFor(vertices)`.

@@ -1,8 +1,10 @@
+#include <baseop/detail/location/RowKernels.hpp>
 #include <baseop/detail/location/Unigrid.hpp>
 #include <model/hestra/Chunk.hpp>
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <memory>
 #include <omp.h>
 #include <stdexcept>
@@ -18,58 +20,31 @@ class RowRanges {
 public:
     RowRanges(const BlockVertices& vertices, const Unigrid& unigrid)
         : myVertices(vertices), myUnigrid(unigrid), myLength(static_cast<std::size_t>(vertices.cells()[0])),
-          myBounds(2 * (myLength + 1)), myRanges(6 * myLength) {}
+          myPitch(CellBoxTree::roomFor(myLength + 1)), myBounds(6 * myPitch), myRanges(6 * myPitch) {
+        for (int d = 0; d < 3; ++d) {
+            // Without extent, all coordinates are the greatest one.
+            const bool isFlat = !(unigrid.unicellSize[d] > 0.0);
+            myAxes[d] = {unigrid.lowest[d], isFlat ? -std::numeric_limits<double>::infinity() : unigrid.highest[d],
+                         isFlat ? 1.0 : unigrid.unicellSize[d], static_cast<int>(unigrid.size[d]) - 1};
+        }
+    }
 
     /// First and last unicell of cell i on an axis. A cell without any has a first one beyond the last.
-    [[nodiscard]] int first(std::size_t i, std::size_t axis) const noexcept { return myRanges[axis * myLength + i]; }
-    [[nodiscard]] int last(std::size_t i, std::size_t axis) const noexcept {
-        return myRanges[(3 + axis) * myLength + i];
-    }
+    [[nodiscard]] int first(std::size_t i, std::size_t axis) const noexcept { return firsts(axis)[i]; }
+    [[nodiscard]] int last(std::size_t i, std::size_t axis) const noexcept { return lasts(axis)[i]; }
+    [[nodiscard]] const int* firsts(std::size_t axis) const noexcept { return myRanges.data() + axis * myPitch; }
+    [[nodiscard]] const int* lasts(std::size_t axis) const noexcept { return myRanges.data() + (3 + axis) * myPitch; }
     [[nodiscard]] bool isListed(std::size_t i) const noexcept { return first(i, 0) <= last(i, 0); }
 
     void find(index_t j, index_t k) {
         if (myUnigrid.isFinite)
-            findFinite(j, k);
+            fillRanges(myVertices.rowsAround(j, k, myRows).of, myLength, myAxes, myBounds.data(),
+                       myBounds.data() + 3 * myPitch, myRanges.data(), myPitch);
         else
             findAny(j, k);
     }
 
 private:
-    void findFinite(index_t j, index_t k) {
-        const std::size_t step = myVertices.step(0);
-        const double* const p00 = myVertices.address(0, j, k);
-        const double* const p10 = myVertices.address(0, j + 1, k);
-        const double* const p01 = myVertices.address(0, j, k + 1);
-        const double* const p11 = myVertices.address(0, j + 1, k + 1);
-        double* const low = myBounds.data();
-        double* const high = low + myLength + 1;
-        for (std::size_t d = 0; d < 3; ++d) {
-            for (std::size_t i = 0; i <= myLength; ++i) {
-                const double a = p00[i * step + d], b = p10[i * step + d], c = p01[i * step + d], e = p11[i * step + d];
-                low[i] = std::min(std::min(a, b), std::min(c, e));
-                high[i] = std::max(std::max(a, b), std::max(c, e));
-            }
-            int* const firsts = myRanges.data() + d * myLength;
-            int* const lasts = firsts + 3 * myLength;
-            const double lowest = myUnigrid.lowest[d], highest = myUnigrid.highest[d], size = myUnigrid.unicellSize[d];
-            const int end = static_cast<int>(myUnigrid.size[d]) - 1;
-            if (!(size > 0.0)) {
-                std::fill_n(firsts, myLength, end);
-                std::fill_n(lasts, myLength, end);
-                continue;
-            }
-            // What `Unigrid::indexOf` gives for coordinates within the box, whose quotients are neither negative nor
-            // larger than `end` by more than rounding.
-            for (std::size_t i = 0; i < myLength; ++i) {
-                const double x = std::min(low[i], low[i + 1]), y = std::max(high[i], high[i + 1]);
-                const int first = std::min(static_cast<int>((x - lowest) / size), end);
-                const int last = std::min(static_cast<int>((y - lowest) / size), end);
-                firsts[i] = x >= highest ? end : first;
-                lasts[i] = y >= highest ? end : last;
-            }
-        }
-    }
-
     void findAny(index_t j, index_t k) {
         for (std::size_t i = 0; i < myLength; ++i) {
             const Orvix::BoundingBox box = boxOfCell(myVertices, MultiIndex<3>(i, j, k));
@@ -77,16 +52,17 @@ private:
             const bool isListed = myUnigrid.inside(box.minCoord()) && myUnigrid.map(box.minCoord(), first) &&
                                   myUnigrid.inside(box.maxCoord()) && myUnigrid.map(box.maxCoord(), last);
             for (std::size_t d = 0; d < 3; ++d) {
-                myRanges[d * myLength + i] = isListed ? first[d] : 0;
-                myRanges[(3 + d) * myLength + i] = isListed ? last[d] : -1;
+                myRanges[d * myPitch + i] = isListed ? first[d] : 0;
+                myRanges[(3 + d) * myPitch + i] = isListed ? last[d] : -1;
             }
         }
     }
 
     const BlockVertices& myVertices;
     const Unigrid& myUnigrid;
-    std::size_t myLength;
-    std::vector<double> myBounds;
+    std::size_t myLength, myPitch;
+    UnicellAxis myAxes[3];
+    std::vector<double> myRows, myBounds;
     std::vector<int> myRanges; // by axis: first ones, then last ones
 };
 
@@ -141,6 +117,7 @@ std::uint32_t longestList(const BlockVertices& vertices, const Unigrid& unigrid,
     struct Part {
         RowRanges ranges;
         std::unique_ptr<std::uint32_t[]> differences; // modulo 2^32, as partial sums may overflow
+        std::vector<std::uint32_t> row, most;         // sums along one line, and the greatest ones by place in it
     };
     constexpr std::size_t MostThreads = 8, MostDifferences = std::size_t{1} << 26;
     const auto cores = static_cast<std::size_t>(std::max(omp_get_max_threads(), 1));
@@ -148,10 +125,12 @@ std::uint32_t longestList(const BlockVertices& vertices, const Unigrid& unigrid,
     const std::size_t threads = isParallel ? std::min({cores, MostThreads, MostDifferences / total + 1}) : 1;
     std::vector<Part> parts;
     for (std::size_t t = 0; t < threads; ++t) {
-        parts.push_back({RowRanges(vertices, unigrid), std::make_unique_for_overwrite<std::uint32_t[]>(total)});
+        parts.push_back({RowRanges(vertices, unigrid), std::make_unique_for_overwrite<std::uint32_t[]>(total),
+                         std::vector<std::uint32_t>(width), std::vector<std::uint32_t>(width)});
         Hestra::adviseLargeArray(parts.back().differences.get(), total * sizeof(std::uint32_t));
     }
-    const auto layers = static_cast<std::ptrdiff_t>(count[2]), elements = static_cast<std::ptrdiff_t>(total);
+    const auto layers = static_cast<std::ptrdiff_t>(count[2]), elements = static_cast<std::ptrdiff_t>(total),
+               planes = static_cast<std::ptrdiff_t>(depth), lines = static_cast<std::ptrdiff_t>(height);
 #pragma omp parallel num_threads(static_cast <int>(threads))
     {
         // Given fewer threads than asked for, each has several parts to clear.
@@ -186,26 +165,30 @@ std::uint32_t longestList(const BlockVertices& vertices, const Unigrid& unigrid,
                 }
             }
         }
-    }
 
-    // Sums along all axes, one plane after the other.
-    std::uint32_t longest = 0;
-    std::vector<std::uint32_t> sums(plane), row(line);
-    for (std::size_t z = 0; z < depth; ++z) {
-        std::fill(row.begin(), row.end(), 0U);
-        for (std::size_t y = 0; y < height; ++y) {
-            const std::size_t first = line * y + plane * z;
-            for (const Part& part : parts)
-                for (std::size_t x = 0; x < width; ++x) row[x] += part.differences[first + x];
-            std::uint32_t* const upTo = sums.data() + line * y;
-            std::uint32_t along = 0;
-            for (std::size_t x = 0; x < width; ++x) {
-                along += row[x];
-                upTo[x] += along;
-                longest = std::max(longest, upTo[x]);
+        // Sums along two axes, in the planes of the first part, then along the third.
+        std::uint32_t* const sums = parts[0].differences.get();
+        std::uint32_t* const row = part.row.data();
+#pragma omp for schedule(static)
+        for (std::ptrdiff_t z = 0; z < planes; ++z) {
+            std::fill_n(row, width, 0U);
+            for (std::size_t y = 0; y < height; ++y) {
+                const std::size_t first = line * y + plane * static_cast<std::size_t>(z);
+                for (const Part& some : parts)
+                    for (std::size_t x = 0; x < width; ++x) row[x] += some.differences[first + x];
+                std::uint32_t along = 0;
+                for (std::size_t x = 0; x < width; ++x) sums[first + x] = along += row[x];
             }
         }
+#pragma omp for schedule(static)
+        for (std::ptrdiff_t y = 0; y < lines; ++y) {
+            std::fill_n(row, width, 0U);
+            for (std::size_t z = 0; z < depth; ++z)
+                addUp(sums + line * static_cast<std::size_t>(y) + plane * z, width, row, part.most.data());
+        }
     }
+    std::uint32_t longest = 0;
+    for (const Part& part : parts) longest = std::max(longest, *std::max_element(part.most.begin(), part.most.end()));
     return longest;
 }
 

@@ -184,37 +184,11 @@ EdgeNumbering::EdgeNumbering(const MultiIndex<3>& extents, const MultiIndex<3>& 
 template<class T>
 StoredValues<T>::StoredValues(const MultiArray<3, T>& data, double level, const ValueBricks<T>* bricks)
     : mySize(data.Size()), myValues(data.data()), myStride(static_cast<std::size_t>(data.stride())), myLevel(level),
-      myTest(level), myWords((static_cast<std::size_t>(mySize[0]) + 63) / 64) {
-    if (bricks) ask(*bricks);
-}
-
-/// Notes what bricks tell of their vertices, unless most would have to be read anyway.
-template<class T>
-void StoredValues<T>::ask(const ValueBricks<T>& bricks) {
-    constexpr std::size_t Group = ValueBricks<T>::Side, InWord = 64 / Group;
-    const auto row = static_cast<std::size_t>(mySize[0]);
-    const std::size_t inRow = static_cast<std::size_t>(bricks.Size()[0]), rows = bricks.least().size() / inRow;
-    const std::size_t groups = (row + Group - 1) / Group; // the last vertex of a brick may be all of a group
-    std::size_t cut = 0;
-    myKnown.assign(rows * myWords, KnownWord{0, 0});
-    myIsCut.assign(rows, 0);
-    for (std::size_t r = 0; r < rows; ++r) {
-        KnownWord* const words = myKnown.data() + r * myWords;
-        const std::size_t before = cut;
-        for (std::size_t g = 0; g < groups; ++g) {
-            const std::size_t brick = r * inRow + std::min(g, inRow - 1);
-            const bool isSomeBelow = myTest.below(bricks.least()[brick]);
-            const bool isAllBelow = myTest.below(bricks.greatest()[brick]);
-            const std::uint64_t ones = std::uint64_t{0xff} << (Group * (g % InWord));
-            if (isSomeBelow != isAllBelow) words[g / InWord].toRead |= ones, ++cut;
-            if (isAllBelow) words[g / InWord].below |= ones;
-        }
-        if (row % 64 != 0) words[myWords - 1].below &= ~(~std::uint64_t{0} << (row % 64));
-        myIsCut[r] = cut != before;
-    }
-    if (2 * cut > rows * groups) return myKnown.clear();
-    myLikelyCutCells = 2 * Group * Group * cut; // two layers of each brick
-    myBricks = {static_cast<std::size_t>(bricks.Size()[1]), static_cast<std::size_t>(bricks.Size()[2])};
+      myTest(level) {
+    if (bricks)
+        myKnown = KnownBlock(*bricks, [&](std::size_t brick) {
+            return std::pair(myTest.below(bricks->least()[brick]), myTest.below(bricks->greatest()[brick]));
+        });
 }
 
 template<class T>
@@ -225,20 +199,58 @@ void StoredValues<T>::classifyPlane(std::size_t k, std::uint64_t* words, std::si
     if (myStride != 1) {
         T gathered[64];
         for (std::size_t j = 0; j < rows; ++j)
-            for (std::size_t word = 0; word < myWords; ++word) {
-                const std::size_t some = std::min<std::size_t>(64, count - 64 * word);
-                for (std::size_t i = 0; i < some; ++i) gathered[i] = plane[(j * count + 64 * word + i) * myStride];
-                classifyRows(myTest, ValueRows<T>{gathered, some}, nullptr, words + j * wordStep + word, wordStep);
+            for (std::size_t begin = 0; begin < count; begin += 64) {
+                const std::size_t some = std::min<std::size_t>(64, count - begin);
+                for (std::size_t i = 0; i < some; ++i) gathered[i] = plane[(j * count + begin + i) * myStride];
+                classifyRows(myTest, ValueRows<T>{gathered, some}, nullptr, words + j * wordStep + begin / 64,
+                             wordStep);
             }
         return;
     }
-    if (myKnown.empty()) return classifyRows(myTest, ValueRows<T>{plane, count, rows, count}, nullptr, words, wordStep);
-    constexpr std::size_t Side = ValueBricks<T>::Side;
-    for (std::size_t b = 0; b < myBricks[0]; ++b) {
-        const std::size_t begin = Side * b, end = b + 1 < myBricks[0] ? begin + Side : rows;
-        classifyRows(myTest, ValueRows<T>{plane + begin * count, count, end - begin, count},
-                     known(b, std::min(k / Side, myBricks[1] - 1)), words + begin * wordStep, wordStep,
-                     k + 1 < layers ? count * rows : 0);
+    if (!myKnown) return classifyRows(myTest, ValueRows<T>{plane, count, rows, count}, nullptr, words, wordStep);
+    constexpr std::size_t Side = KnownBlock::Side;
+    for (std::size_t b = 0; b < myKnown.rows(); ++b) {
+        const std::size_t begin = Side * b, end = b + 1 < myKnown.rows() ? begin + Side : rows;
+        classifyRows(myTest, ValueRows<T>{plane + begin * count, count, end - begin, count}, myKnown.row(begin, k),
+                     words + begin * wordStep, wordStep, k + 1 < layers ? count * rows : 0);
+    }
+}
+
+// Differences, products and sums keep the order of their terms, however they are rounded: the distances of two corners
+// of its box, as computed, are the ends of all in a brick. Unless they are numbers, others may be none.
+PlaneDistances<StoredPositions>::PlaneDistances(const PlaneDistance& plane, const StoredPositions& positions,
+                                                const MultiIndex<3>& size, const ValueBricks<Point>* bricks)
+    : myPlane(plane), myPositions(positions), mySize(size) {
+    if (!bricks) return;
+    myKnown = KnownBlock(*bricks, [&](std::size_t brick) {
+        Point nearest, farthest;
+        for (int d = 0; d < 3; ++d) {
+            const std::size_t at = 3 * brick + static_cast<std::size_t>(d);
+            const double least = bricks->least()[at], greatest = bricks->greatest()[at];
+            nearest[d] = plane.unit[d] < 0.0 ? greatest : least;
+            farthest[d] = plane.unit[d] < 0.0 ? least : greatest;
+        }
+        const double least = plane(nearest), greatest = plane(farthest);
+        if (!std::isfinite(least) || !std::isfinite(greatest)) return std::pair(true, false);
+        return std::pair(least < 0.0, greatest < 0.0);
+    });
+}
+
+void PlaneDistances<StoredPositions>::classifyPlane(std::size_t k, std::uint64_t* words,
+                                                    std::size_t wordStep) const noexcept {
+    const auto count = static_cast<std::size_t>(mySize[0]), rows = static_cast<std::size_t>(mySize[1]);
+    for (std::size_t j = 0; j < rows; ++j) {
+        const KnownWord* const known = myKnown ? myKnown.row(j, k) : nullptr;
+        for (std::size_t begin = 0; begin < count; begin += 64) {
+            const std::size_t first = (k * rows + j) * count + begin, some = std::min<std::size_t>(64, count - begin);
+            const KnownWord word = known ? known[begin / 64] : KnownWord{~std::uint64_t{0} >> (64 - some), 0};
+            std::uint64_t bits = word.below;
+            if (myPositions.stride == 1)
+                bits |= myClassifier(myPlane, myPositions.points + first, some, word.toRead);
+            else
+                for (std::size_t i = 0; i < some; ++i) bits |= std::uint64_t{isBelow(first + i)} << i;
+            words[j * wordStep + begin / 64] = bits;
+        }
     }
 }
 

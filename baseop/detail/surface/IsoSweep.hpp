@@ -129,52 +129,22 @@ public:
     /// Which vertices of plane k have values below the level: words of 64, whose rows begin `wordStep` words apart.
     void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept;
     /// Whether it is known that the level crosses no cell of row (j, k).
-    [[nodiscard]] bool isUncut(std::size_t j, std::size_t k) const noexcept {
-        constexpr std::size_t Side = ValueBricks<T>::Side;
-        return !myKnown.empty() && !myIsCut[k / Side * myBricks[0] + j / Side];
-    }
+    [[nodiscard]] bool isUncut(std::size_t j, std::size_t k) const noexcept { return myKnown.isUncut(j, k); }
     /// How many cells the level may well cross, or 0 if nothing is known.
-    [[nodiscard]] std::size_t likelyCutCells() const noexcept { return myLikelyCutCells; }
+    [[nodiscard]] std::size_t likelyCutCells() const noexcept { return myKnown.likelyCutCells(); }
     /// Asks for a value. Inline, or the compiler takes it for a function without effect and drops the call.
     [[gnu::always_inline]] void prefetch(std::size_t vertex) const noexcept {
         __builtin_prefetch(myValues + vertex * myStride);
     }
 
 private:
-    void ask(const ValueBricks<T>& bricks);
-    [[nodiscard]] const KnownWord* known(std::size_t brickRow, std::size_t brickLayer) const noexcept {
-        return myKnown.data() + (brickLayer * myBricks[0] + brickRow) * myWords;
-    }
-
     MultiIndex<3> mySize;
     const T* myValues;
     std::size_t myStride;
     double myLevel;
     LevelTest<T> myTest;
-    std::size_t myWords; // of 64 vertices in a row
-    std::array<std::size_t, 2> myBricks{};
-    std::vector<KnownWord> myKnown;     // of rows of bricks, along axes 1 and 2, or none
-    std::vector<unsigned char> myIsCut; // of these rows: whether some are to be read
-    std::size_t myLikelyCutCells = 0;
+    KnownBlock myKnown;
 };
-
-/// A plane in space, and the distances of positions from it: positive where the normal shows.
-struct PlaneDistance {
-    Point origin;
-    Orvix::PhysicalSpace::vector unit; ///< the normal, of length 1
-
-    [[nodiscard]] double operator()(const Point& p) const noexcept { return dot(p - origin, unit); }
-};
-
-/// As `StoredValues::classifyPlane`, of values that know 64 of them.
-template<class Values>
-void classifyByWords(const Values& values, std::size_t k, std::uint64_t* words, std::size_t wordStep) noexcept {
-    const auto row = static_cast<std::size_t>(values.size()[0]), rows = static_cast<std::size_t>(values.size()[1]);
-    for (std::size_t j = 0; j < rows; ++j)
-        for (std::size_t begin = 0; begin < row; begin += 64)
-            words[j * wordStep + begin / 64] =
-                values.below((k * rows + j) * row + begin, std::min<std::size_t>(64, row - begin));
-}
 
 /// Distances of vertices from a plane, computed where they are asked for; the level is 0. The positions outlive this.
 template<class Positions>
@@ -183,8 +153,9 @@ class PlaneDistances;
 template<>
 class PlaneDistances<StoredPositions> {
 public:
-    PlaneDistances(const PlaneDistance& plane, const StoredPositions& positions, const MultiIndex<3>& size)
-        : myPlane(plane), myPositions(positions), mySize(size) {}
+    /// @param bricks  those of the positions, or null; asked here, and not later.
+    PlaneDistances(const PlaneDistance& plane, const StoredPositions& positions, const MultiIndex<3>& size,
+                   const ValueBricks<Point>* bricks);
 
     [[nodiscard]] const MultiIndex<3>& size() const noexcept { return mySize; }
     [[nodiscard]] double level() const noexcept { return 0.0; }
@@ -192,29 +163,25 @@ public:
         return myPlane(myPositions.points[vertex * myPositions.stride]);
     }
     [[nodiscard]] bool isBelow(std::size_t vertex) const noexcept { return (*this)[vertex] < 0.0; }
-    [[nodiscard]] std::uint64_t below(std::size_t vertex, std::size_t count) const noexcept {
-        std::uint64_t bits = 0;
-        for (std::size_t i = 0; i < count; ++i) bits |= std::uint64_t{isBelow(vertex + i)} << i;
-        return bits;
-    }
-    void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
-        classifyByWords(*this, k, words, wordStep);
-    }
-    [[nodiscard]] bool isUncut(std::size_t, std::size_t) const noexcept { return false; }
-    [[nodiscard]] std::size_t likelyCutCells() const noexcept { return 0; }
+    void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept;
+    [[nodiscard]] bool isUncut(std::size_t j, std::size_t k) const noexcept { return myKnown.isUncut(j, k); }
+    [[nodiscard]] std::size_t likelyCutCells() const noexcept { return myKnown.likelyCutCells(); }
     void prefetch(std::size_t) const noexcept {} // positions are asked for
 
 private:
     PlaneDistance myPlane;
     StoredPositions myPositions;
     MultiIndex<3> mySize;
+    DistanceClassifier myClassifier = distanceClassifier();
+    KnownBlock myKnown;
 };
 
 /// Sums of three terms, each of one axis.
 template<>
 class PlaneDistances<ProductPositions> {
 public:
-    PlaneDistances(const PlaneDistance& plane, const ProductPositions& positions, const MultiIndex<3>& size)
+    PlaneDistances(const PlaneDistance& plane, const ProductPositions& positions, const MultiIndex<3>& size,
+                   const ValueBricks<Point>*)
         : mySize(size) {
         for (std::size_t d = 0; d < 3; ++d)
             for (const double at : positions.axes[d])
@@ -244,7 +211,11 @@ public:
         return bits;
     }
     void classifyPlane(std::size_t k, std::uint64_t* words, std::size_t wordStep) const noexcept {
-        classifyByWords(*this, k, words, wordStep);
+        const auto row = static_cast<std::size_t>(mySize[0]), rows = static_cast<std::size_t>(mySize[1]);
+        for (std::size_t j = 0; j < rows; ++j)
+            for (std::size_t begin = 0; begin < row; begin += 64)
+                words[j * wordStep + begin / 64] =
+                    below((k * rows + j) * row + begin, std::min<std::size_t>(64, row - begin));
     }
     [[nodiscard]] bool isUncut(std::size_t, std::size_t) const noexcept { return false; }
     [[nodiscard]] std::size_t likelyCutCells() const noexcept { return 0; }

@@ -94,6 +94,33 @@ void classify(const ValueRows<T>& values, T bound, const KnownWord* known, std::
     }
 }
 
+std::uint64_t classifyDistances(const PlaneDistance& plane, const Orvix::PhysicalSpace::point* positions,
+                                std::size_t count, std::uint64_t toRead) noexcept {
+    const hn::CappedTag<double, Group> lanes;
+    const auto origin = [&](int d) { return hn::Set(lanes, plane.origin[d]); };
+    const auto unit = [&](int d) { return hn::Set(lanes, plane.unit[d]); };
+    const auto ox = origin(0), oy = origin(1), oz = origin(2), ux = unit(0), uy = unit(1), uz = unit(2);
+    std::uint64_t below = 0;
+    while (toRead != 0) {
+        auto i = static_cast<std::size_t>(std::countr_zero(toRead));
+        toRead &= ~(std::uint64_t{0xff} << i);
+        const std::size_t end = std::min(i + Group, count);
+        for (; i + hn::Lanes(lanes) <= end; i += hn::Lanes(lanes)) {
+            auto x = ox, y = oy, z = oz;
+            hn::LoadInterleaved3(lanes, &positions[i][0], x, y, z);
+            // Rounded as the distance of one position is.
+            const auto xy = hn::Add(hn::Mul(hn::Sub(x, ox), ux), hn::Mul(hn::Sub(y, oy), uy));
+            const auto distance = hn::Add(xy, hn::Mul(hn::Sub(z, oz), uz));
+            std::uint8_t bytes[8] = {};
+            hn::StoreMaskBits(lanes, hn::Lt(distance, hn::Zero(lanes)), bytes);
+            below |= std::uint64_t{bytes[0]} << i;
+        }
+        for (; i < end; ++i) below |= std::uint64_t{plane(positions[i]) < 0.0} << i;
+    }
+    return below;
+}
+auto distanceClassifiers() { return &classifyDistances; }
+
 auto classifiers() {
     return std::make_tuple(&classify<double>, &classify<float>, &classify<unsigned char>, &classify<short>,
                            &classify<unsigned short>);
@@ -107,6 +134,9 @@ HWY_AFTER_NAMESPACE();
 namespace Vantle::detail {
 
 HWY_EXPORT(classifiers);
+HWY_EXPORT(distanceClassifiers);
+
+DistanceClassifier distanceClassifier() noexcept { return HWY_DYNAMIC_DISPATCH(distanceClassifiers)(); }
 
 template<class T>
 void classifyRows(const LevelTest<T>& test, const ValueRows<T>& values, const KnownWord* known, std::uint64_t* words,
