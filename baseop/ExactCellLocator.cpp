@@ -141,11 +141,10 @@ CellLocation ExactCellLocator::locate(const point& P, detail::CellTrail& trail, 
     CellLocation found;
     if (!search.canHave(P)) return found;
     CellCandidates cells(search.vertices.cells(), 0);
-    const bool isNear = trail.reaches(search.identity, search.tree, P);
-    if (isNear)
-        search.tree.forEachAt(trail.cells(), P,
-                              [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { cells.add(i, j, k); });
-    if (!isNear || !cells.areAll()) {
+    const CellBoxTree::Surroundings* const near = trail.about(search.identity, search.tree, P, P);
+    if (near)
+        search.tree.forEachAt(*near, P, [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { cells.add(i, j, k); });
+    if (!near || !cells.areAll()) {
         found = locate(P, nullptr, mask);
     } else {
         for (const CellOfBlock& cell : cells) {
@@ -159,15 +158,32 @@ CellLocation ExactCellLocator::locate(const point& P, detail::CellTrail& trail, 
     return found;
 }
 
-bool ExactCellLocator::moveHome(detail::HomeCell& home, const MultiIndex3& cell) const {
+bool ExactCellLocator::moveHome(detail::HomeCell& home, const MultiIndex3& cell, detail::CellTrail* trail) const {
     const Search& search = *mySearch;
+    search.tree.prefetchAbout(cell);
     if (!home.moveTo(search.vertices, cell)) return false;
-    const index_t number = cell.linear(search.vertices.cells());
-    return home.findRim([&] { return home.isFreeOf(search.tree, number); });
+    return home.findRivals(search.tree, search.vertices.cells(),
+                           trail ? trail->about(search.identity, search.tree, home.lowest(), home.highest()) : nullptr);
 }
 
-bool ExactCellLocator::leavesFree(const detail::HomeCell& home) const {
-    return home.isFreeOf(mySearch->tree, mySearch->vertices.cells().product());
+CellLocation ExactCellLocator::locateAtHome(const point& P, detail::HomeCell& home, const BlockMask* mask) const {
+    const Search& search = *mySearch;
+    CellLocation found;
+    CellCandidates cells(search.vertices.cells(), 0);
+    if (!home.addCandidates(search.tree, P, cells)) return found;
+    for (const CellOfBlock& cell : cells) {
+        if (mask && !mask->isCellValid(cell.index())) continue;
+        if (!(&cell == cells.end() - 1 ? home.solve(P, found.local)
+                                       : solve(search.vertices, cell.index(), P, found.local)))
+            continue;
+        found.result = LocationResult::Found;
+        break;
+    }
+    return found;
+}
+
+bool ExactCellLocator::leavesFree(const detail::HomeCell& home, double from) const {
+    return mySearch->tree.isFree(mySearch->tree.regionOf(home.partFrom(from)));
 }
 
 void ExactCellLocator::locate(std::span<const point> points, std::span<CellLocation> found,

@@ -71,9 +71,11 @@ private:
 
     [[nodiscard]] CellLocation locate(const point& P, detail::CellTrail& trail, const BlockMask* mask) const;
     /// Moves to a cell, if queries without a mask find positions in a part of it without looking at another one.
-    [[nodiscard]] bool moveHome(detail::HomeCell& home, const MultiIndex3& cell) const;
-    /// Whether queries find no position of that part in this block.
-    [[nodiscard]] bool leavesFree(const detail::HomeCell& home) const;
+    [[nodiscard]] bool moveHome(detail::HomeCell& home, const MultiIndex3& cell, detail::CellTrail* trail) const;
+    /// The answer for a position that the home may have, if it or its rivals have it.
+    [[nodiscard]] CellLocation locateAtHome(const point& P, detail::HomeCell& home, const BlockMask* mask) const;
+    /// Whether queries find no position of a home in another block, from there on along its axes, in this one.
+    [[nodiscard]] bool leavesFree(const detail::HomeCell& home, double from) const;
     void locateNeighbours(std::span<const point> points, std::span<CellLocation> found, const BlockMask* mask) const;
 
     Hestra::StrongPtr<CoordsArray_t> myCoordinates;

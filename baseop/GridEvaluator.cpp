@@ -455,7 +455,7 @@ const LocalFromWorldPoint& FragmentSearchBase::locator() {
 
 void FragmentSearchBase::locate(std::span<const point> positions, std::span<LocalFromWorldPoint::Location> found,
                                 std::span<const std::size_t> numbers) {
-    make(!numbers.empty()).locate(positions, found, numbers);
+    make(!numbers.empty()).locateNeighbours(positions, found, numbers);
     if (myShared->untold.isPending())
         for (const std::size_t number : numbers) myShared->untold.reachedBy(number);
 }

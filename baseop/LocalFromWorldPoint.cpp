@@ -438,14 +438,14 @@ void LocalFromWorldPoint::ask(Way way, unsigned int number, std::span<const poin
     switch (way) {
     case Way::Newton:
         if (const auto* const mapper = structure<UniGridMapper>(number, hearing); mapper && points.size() > 1)
-            return mapper->locate(points, found, epsilon, mask);
+            return mapper->locateNeighbours(points, found, epsilon, mask);
         else
             return with(mapper, [&](const UniGridMapper& m, const point& p) {
                 return m.locate(p, epsilon, {-1.0, -1.0, -1.0}, mask);
             });
     case Way::Exact:
         if (const auto* const locator = structure<ExactCellLocator>(number, hearing); locator && points.size() > 1)
-            return locator->locate(points, found, mask);
+            return locator->locateNeighbours(points, found, mask);
         else
             return with(locator, [&](const ExactCellLocator& l, const point& p) { return l.locate(p, nullptr, mask); });
     case Way::Projective:
@@ -613,28 +613,24 @@ bool LocalFromWorldPoint::isBuilt(unsigned int n) const {
 }
 
 void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found) const {
-    locate(positions, found, {});
-}
-
-void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found,
-                                 std::span<const std::size_t> numbers) const {
     VANTLE_SCOPE("LocalFromWorldPoint::locate(positions, found)");
     // A position takes about as long as reading some kilobytes.
-    constexpr std::size_t BytesEach = 2048, Neighbours = 64, Piece = 16 * Neighbours;
+    constexpr std::size_t BytesEach = 2048, Piece = 16 * Neighbours;
     // Positions in any order are put in one by large pieces, of which every thread has one.
     const std::size_t share = positions.size() / detail::teamSize() + 1;
     const std::size_t piece =
         detail::SpatialOrder::pays(positions) ? std::clamp(share, Piece, detail::SpatialOrder::MostPositions) : Piece;
     detail::inParallel(positions.size(), piece, BytesEach * positions.size(), [&](std::size_t begin, std::size_t end) {
-        detail::locateNeighbours<Neighbours>(
-            positions.subspan(begin, end - begin), found.subspan(begin, end - begin),
-            [&](std::span<const point> now, std::span<Location> theirs, const auto& number) {
-                std::size_t theirNumbers[Neighbours];
-                const std::size_t count = numbers.empty() ? 0 : now.size();
-                for (std::size_t m = 0; m < count; ++m) theirNumbers[m] = numbers[begin + number(m)];
-                search<Neighbours>(now, theirs, wayOfOptions(), std::span<const std::size_t>(theirNumbers, count));
-            });
+        detail::locateNeighbours<Neighbours>(positions.subspan(begin, end - begin), found.subspan(begin, end - begin),
+                                             [&](std::span<const point> now, std::span<Location> theirs, const auto&) {
+                                                 locateNeighbours(now, theirs, {});
+                                             });
     });
+}
+
+void LocalFromWorldPoint::locateNeighbours(std::span<const point> positions, std::span<Location> found,
+                                           std::span<const std::size_t> numbers) const {
+    search<Neighbours>(positions, found, wayOfOptions(), numbers);
 }
 
 /// The fragments whose boxes meet a box about the last position that it was moved to, in order.
@@ -662,6 +658,16 @@ struct LocationHint::State {
         detail::HomeCell part;
 
         void stay() noexcept { stays = std::min(stays + 1, Most); }
+        /// Whether it has the position of the locator with this number, and where.
+        [[nodiscard]] bool answers(std::uint64_t asked, const PhysicalSpace::point& p,
+                                   LocalFromWorldPoint::Location& found) noexcept {
+            if (locator != asked || !part.solveInPart(p, found.localCoordinates)) return false;
+            found.code = LocationResult::Found;
+            found.fragment = fragment;
+            found.isSilent = true;
+            stay();
+            return true;
+        }
     } home;
 
     [[nodiscard]] bool isIn(const BBSelectorMemoryTree::Box& box, const PhysicalSpace::point& p) const noexcept {
@@ -677,39 +683,71 @@ LocationHint::LocationHint(LocationHint&&) noexcept = default;
 LocationHint& LocationHint::operator=(LocationHint&&) noexcept = default;
 
 LocalFromWorldPoint::Location LocalFromWorldPoint::locate(const point& p, LocationHint& hint) const {
+    Location found;
+    locateNext(std::span(&p, 1), std::span(&found, 1), hint);
+    return found;
+}
+
+void LocalFromWorldPoint::locateNext(std::span<const point> positions, std::span<Location> found,
+                                     LocationHint& hint) const {
     if (!hint.myState) hint.myState = std::make_unique<LocationHint::State>();
     LocationHint::State& near = *hint.myState;
+    for (std::size_t k = 0; k < positions.size(); ++k)
+        if (!near.home.answers(myNumber, positions[k], found[k])) found[k] = searchOn(positions[k], near);
+}
+
+// The search of a position that the home of the last one has not.
+LocalFromWorldPoint::Location LocalFromWorldPoint::searchOn(const point& p, LocationHint::State& near) const {
     const Way way = wayOfOptions();
     LocationHint::State::Home& home = near.home;
     Location found;
-    const auto isAtHome = [&] {
-        if (home.locator != myNumber || !home.part.has(p) || !home.part.solve(p, found.localCoordinates)) return false;
-        found.code = LocationResult::Found;
-        found.fragment = home.fragment;
-        home.stay();
-        return true;
-    };
-    if (isAtHome()) return found;
     // Other ways have nothing to remember.
     if (!myTree || !(p[0] * 0.0 + p[1] * 0.0 + p[2] * 0.0 == 0.0) || (way != Way::Newton && way != Way::Exact))
         return locate(p);
-    if (home.locator == myNumber && home.stays >= LocationHint::State::Home::Enough) {
-        const MultiIndex<3> next = home.part.neighbourTowards(p);
-        if (next != home.cell) settle(home.fragment, next, home);
-        if (isAtHome()) return found;
+    if (!isNearHome(p, near, found)) {
+        bool isAtNext = false;
+        if (home.locator == myNumber && home.stays >= LocationHint::State::Home::Enough) {
+            const MultiIndex<3> next = home.part.neighbourTowards(p);
+            if (next != home.cell) {
+                settle(home.fragment, next, near);
+                if (home.answers(myNumber, p, found)) return found;
+                isAtNext = isNearHome(p, near, found);
+            }
+        }
+        if (!isAtNext) found = searchNear(p, near);
     }
-    found = searchNear(p, near);
     if (found.code != LocationResult::Found) return found;
     MultiIndex<3> cell;
     for (int d = 0; d < 3; ++d) cell[d] = static_cast<index_t>(std::max(found.localCoordinates[d], 0.0));
-    settle(found.fragment, cell, home);
+    settle(found.fragment, cell, near);
     return found;
+}
+
+// Asks the cell of the last position and its rivals.
+bool LocalFromWorldPoint::isNearHome(const point& p, LocationHint::State& near, Location& found) const {
+    LocationHint::State::Home& home = near.home;
+    if (home.locator != myNumber || !home.part.mayHave(p)) return false;
+    CellLocation inCell;
+    const BlockMask* const mask = myFragments[home.fragment].mask(myMasks, Hearing::Nobody);
+    if (wayOfOptions() == Way::Exact) {
+        inCell = structure<ExactCellLocator>(home.fragment, Hearing::Nobody)->locateAtHome(p, home.part, mask);
+    } else {
+        const auto* const mapper = structure<UniGridMapper>(home.fragment, Hearing::Nobody);
+        inCell = mapper->locateAtHome(p, myOptions.gridEpsilon, home.part, mask);
+    }
+    if (inCell.result != LocationResult::Found) return false;
+    found.localCoordinates = inCell.local;
+    found.code = inCell.result;
+    found.fragment = home.fragment;
+    found.isSilent = inCell.isSilent;
+    return true;
 }
 
 // Makes a cell the first that the next positions are looked for in, as far as no other one, in this fragment or those
 // before, can have them.
-template<class Home>
-void LocalFromWorldPoint::settle(unsigned int n, const MultiIndex<3>& cell, Home& home) const {
+void LocalFromWorldPoint::settle(unsigned int n, const MultiIndex<3>& cell, LocationHint::State& near) const {
+    using Home = LocationHint::State::Home;
+    Home& home = near.home;
     const FragmentCoordinates* const coordinates = myFragments[n].known();
     const CurvilinearCoordinates* const block = coordinates ? coordinates->curvilinear() : nullptr;
     if (!block || !cell.inside(block->Size()) || !(cell + 1).inside(block->Size())) return;
@@ -728,7 +766,6 @@ void LocalFromWorldPoint::settle(unsigned int n, const MultiIndex<3>& cell, Home
     if (mask && !mask->isCellValid(cell)) return;
     // Calls `isFree(structure, box)` for the structures of fragments before this one whose boxes are near.
     const auto areFree = [&]<class Structure>(const Structure*, const auto& isFree) {
-        if (!home.part.cutTo(myBoxes[n].min, myBoxes[n].max)) return false;
         BBSelectorMemoryTree selector(*myTree, myHalfWidths, myBoxes, {home.part.lowest(), home.part.highest()});
         for (unsigned int m = selector.getNext(); m < n; m = selector.getNext()) {
             const FragmentCoordinates* const known = myFragments[m].known();
@@ -739,18 +776,28 @@ void LocalFromWorldPoint::settle(unsigned int n, const MultiIndex<3>& cell, Home
         return true;
     };
     using Box = BBSelectorMemoryTree::Box;
+    detail::CellTrail* trail = nullptr;
+    for (std::size_t f = 0; f < near.count; ++f)
+        if (near.fragments[f].number == n) trail = &near.fragments[f].trail;
     bool isReady = false;
+    // The box of the cell may be larger than that of the fragment.
+    const auto isAny = [&] { return home.part.cutTo(myBoxes[n].min, myBoxes[n].max); };
     if (wayOfOptions() == Way::Exact) {
         const auto* const locator = structure<ExactCellLocator>(n, Hearing::Nobody);
         isReady =
-            locator && locator->moveHome(home.part, cell) &&
-            areFree(locator, [&](const ExactCellLocator& other, const Box&) { return other.leavesFree(home.part); });
+            locator && locator->moveHome(home.part, cell, trail) && isAny() && home.part.keepFree([&](double from) {
+                return areFree(locator, [&](const ExactCellLocator& other, const Box&) {
+                    return other.leavesFree(home.part, from);
+                });
+            });
     } else {
         const double epsilon = myOptions.gridEpsilon;
         const auto* const mapper = structure<UniGridMapper>(n, Hearing::Nobody);
-        isReady = mapper && mapper->moveHome(home.part, cell, epsilon) &&
-                  areFree(mapper, [&](const UniGridMapper& other, const Box& box) {
-                      return other.leavesFree(home.part, box.min, box.max, epsilon);
+        isReady = mapper && mapper->moveHome(home.part, cell, epsilon, trail) && isAny() &&
+                  home.part.keepFree([&](double from) {
+                      return areFree(mapper, [&](const UniGridMapper& other, const Box& box) {
+                          return other.leavesFree(home.part, box.min, box.max, epsilon, from);
+                      });
                   });
     }
     if (isReady) home.locator = myNumber;
@@ -813,7 +860,7 @@ LocalFromWorldPoint::Location LocalFromWorldPoint::searchNear(const point& p, Lo
 void LocalFromWorldPoint::locate(std::span<const point> positions, std::span<Location> found,
                                  LocationHint& hint) const {
     VANTLE_SCOPE("LocalFromWorldPoint::locate(positions, found, hint)");
-    for (std::size_t k = 0; k < positions.size(); ++k) found[k] = locate(positions[k], hint);
+    locateNext(positions, found, hint);
 }
 
 bool LocalFromWorldPoint::get(const point& p, LocalPoint& result, Way way) const {

@@ -174,7 +174,7 @@ private:
 };
 
 /// What `LocalFromWorldPoint::locate` remembers of a position for the next one of the same path: which fragments and
-/// cells are near. About 20 kB. It may be used with any locator, also after the last one is gone.
+/// cells are near. About 18 kB. It may be used with any locator, also after the last one is gone.
 ///
 /// Concurrency  one thread at a time.
 class VANTLE_BASEOP_API LocationHint {
@@ -261,7 +261,7 @@ public:
     [[nodiscard]] Location locate(const point& p) const;
     /// The same for a position that is near the last one that was located with this hint, as on the path of a particle:
     /// while that stays within its cell, away from lower faces, no other cell is looked at; while it stays within some
-    /// three cells, only what is near. The answer is that without a hint.
+    /// ten cells, only what is near. The answer is that without a hint.
     [[nodiscard]] Location locate(const point& p, LocationHint& hint) const;
     /// Positions that follow each other, on the caller's thread. Both sequences have the same length.
     void locate(std::span<const point> positions, std::span<Location> found, LocationHint& hint) const;
@@ -319,11 +319,17 @@ private:
     bool search(std::span<const point> positions, std::span<Location> found, Way way,
                 std::span<const std::size_t> numbers) const;
     bool get(const point& p, LocalPoint& result, Way way) const;
+    // With a hint: one position after the other; one that the home of the last has not; that among the home's rivals;
+    // that by a search among what is near. `settle` moves the home.
+    void locateNext(std::span<const point> positions, std::span<Location> found, LocationHint& hint) const;
+    [[nodiscard]] bool isNearHome(const point& p, LocationHint::State& near, Location& found) const;
+    [[nodiscard]] Location searchOn(const point& p, LocationHint::State& near) const;
     [[nodiscard]] Location searchNear(const point& p, LocationHint::State& near) const;
-    template<class Home>
-    void settle(unsigned int fragment, const MultiIndex<3>& cell, Home& home) const;
-    void locate(std::span<const point> positions, std::span<Location> found,
-                std::span<const std::size_t> numbers) const;
+    void settle(unsigned int fragment, const MultiIndex<3>& cell, LocationHint::State& near) const;
+    /// Up to so many positions that are near each other are found together.
+    static constexpr std::size_t Neighbours = 64;
+    void locateNeighbours(std::span<const point> positions, std::span<Location> found,
+                          std::span<const std::size_t> numbers) const;
     void tell(const point& p, Way way) const;
     void forEachDue(const std::function<void(std::size_t)>& f) const;
     [[nodiscard]] const MemArray<3, point>* curvilinear(const Hestra::StrongPtr<FragmentID>& fragment,

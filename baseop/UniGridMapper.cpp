@@ -1,6 +1,7 @@
 #include <baseop/UniGridMapper.hpp>
 #include <baseop/detail/location/CellCandidates.hpp>
 #include <baseop/detail/location/CellTrail.hpp>
+#include <baseop/detail/location/FirstSteps.hpp>
 #include <baseop/detail/location/HomeCell.hpp>
 #include <baseop/detail/location/LinearReach.hpp>
 #include <baseop/detail/location/LinearSolve.hpp>
@@ -129,6 +130,11 @@ public:
     [[nodiscard]] CellLocation find(const Cells& cells, const StepIn& stepIn,
                                     const ForEachNearGroup& forEachNearGroup) {
         return tryCells(cells, stepIn) ? myAnswer : nearMiss(forEachNearGroup);
+    }
+    /// Of a point in the box: `cells` are the first that may have an effect, in order. Not found when they do not tell.
+    template<class Cells, class StepIn>
+    [[nodiscard]] CellLocation findAmongFirst(const Cells& cells, const StepIn& stepIn) {
+        return tryCells(cells, stepIn) ? myAnswer : CellLocation();
     }
     [[nodiscard]] bool canUseTrees() const noexcept { return mySearch.answersByTrees(myEpsilon); }
 
@@ -481,12 +487,14 @@ CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, Vantle::
     Query query(*this, p, grid_epsilon, start, mask);
     CellLocation found;
     CellCandidates cells(search.vertices.cells(), 0);
-    const bool isNear = search.unigrid.isFinite && query.canUseTrees() && search.unigrid.inside(p) &&
-                        trail.reaches(search.identity, search.effects, p);
-    if (isNear)
-        search.effects.forEachAt(trail.cells(), p,
+    const CellBoxTree::Surroundings* const near =
+        search.unigrid.isFinite && query.canUseTrees() && search.unigrid.inside(p)
+            ? trail.about(search.identity, search.effects, p, p)
+            : nullptr;
+    if (near)
+        search.effects.forEachAt(*near, p,
                                  [&](std::uint32_t i, std::uint32_t j, std::uint32_t k) { cells.add(i, j, k); });
-    if (!isNear || !cells.areAll()) {
+    if (!near || !cells.areAll()) {
         found = query.find();
     } else {
         found = query.find(
@@ -495,32 +503,61 @@ CellLocation UniGridMapper::locate(const point& p, double grid_epsilon, Vantle::
                 return linear::firstStep(at, p, cell.index(), search.vertices, myPrecision, linear::Everywhere);
             },
             [&](auto&& f) {
-                if (const auto* const near = trail.nearMisses(search.nearMisses); !near)
+                if (const auto* const groups = trail.nearMisses(search.nearMisses))
+                    search.nearMisses.forEachGroupAt(*groups, p, f);
+                else
                     search.nearMisses.forEachGroupAt(p, f);
-                else if (!near->empty())
-                    search.nearMisses.forEachGroupAt(*near, p, f);
             });
     }
     if (found) trail.note(search.identity, search.vertices, found.local);
     return found;
 }
 
-bool UniGridMapper::moveHome(HomeCell& home, const MultiIndex3& cell, double grid_epsilon) const {
+bool UniGridMapper::moveHome(HomeCell& home, const MultiIndex3& cell, double grid_epsilon,
+                             Vantle::detail::CellTrail* trail) const {
     const Search& search = *mySearch;
+    search.effects.prefetchAbout(cell);
     if (!search.unigrid.isFinite || !search.answersByTrees(grid_epsilon) ||
         !home.moveTo(search.vertices, cell, myPrecision))
         return false;
-    const index_t number = cell.linear(search.vertices.cells());
-    return home.findRim([&] { return home.isFreeOf(search.effects, number); });
+    return home.findRivals(search.effects, search.vertices.cells(),
+                           trail ? trail->about(search.identity, search.effects, home.lowest(), home.highest())
+                                 : nullptr);
 }
 
-bool UniGridMapper::leavesFree(const HomeCell& home, const point& least, const point& greatest,
-                               double grid_epsilon) const {
+CellLocation UniGridMapper::locateAtHome(const point& p, double grid_epsilon, const HomeCell& home,
+                                         const Vantle::BlockMask* mask) const {
     const Search& search = *mySearch;
-    const index_t all = search.vertices.cells().product();
-    return search.unigrid.isFinite && search.answersByTrees(grid_epsilon) && search.unigrid.inside(least) &&
-           search.unigrid.inside(greatest) && home.isFreeOf(search.effects, all) &&
-           home.isFreeOf(search.nearMisses, all);
+    CellCandidates cells(search.vertices.cells(), 0);
+    if (!home.addCandidates(search.effects, p, cells)) return {};
+    const CellOfBlock* const last = cells.end() - 1;
+    return Query(*this, p, grid_epsilon, point(-1.0, -1.0, -1.0), mask)
+        .findAmongFirst(cells, [&](const CellOfBlock& cell, point& at) {
+            return &cell == last
+                       ? home.firstStep(p, at)
+                       : linear::firstStep(at, p, cell.index(), search.vertices, myPrecision, linear::Everywhere);
+        });
+}
+
+bool UniGridMapper::leavesFree(const HomeCell& home, const point& least, const point& greatest, double grid_epsilon,
+                               double from) const {
+    const Search& search = *mySearch;
+    if (!search.unigrid.isFinite || !search.answersByTrees(grid_epsilon) || !search.unigrid.inside(least) ||
+        !search.unigrid.inside(greatest))
+        return false;
+    const CellBoxTree::Part part = home.partFrom(from);
+    if (!search.effects.isFree(search.effects.regionOf(part))) return false;
+    // That groups are near says little.
+    const BlockVertices& vertices = search.vertices;
+    return search.nearMisses.forEachGroupNear(search.nearMisses.regionOf(part), [&](index_t i, index_t j, index_t k) {
+        for (int m = 0; m < 8; ++m) {
+            const MultiIndex3 cell(i + (m & 1 ? 1 : 0), j + (m & 2 ? 1 : 0), k + (m & 4 ? 1 : 0));
+            if (cell.inside(vertices.cells()) &&
+                linear::mayMissNarrowly(part.centre, part.edge, cell, vertices.size() - 1, vertices, grid_epsilon))
+                return false;
+        }
+        return true;
+    });
 }
 
 unsigned int UniGridMapper::localCellCoordinatesFromCurviGrid(const point& p, point& uvw, double grid_epsilon,
@@ -559,36 +596,44 @@ void UniGridMapper::locateNeighbours(std::span<const point> points, std::span<Ce
         return;
     }
 
-    struct Step {
-        point at;
-        linear::FirstStep outcome;
-    };
-    Step steps[CellBoxTree::Matches::Capacity];
+    linear::StepEnd steps[CellBoxTree::Matches::Capacity];
     const std::span<const CellBoxTree::Matches::Cell> cells = matches.all();
     if (matches.areScattered())
         for (const CellOfBlock& cell : cells) search.vertices.prefetchCell(search.vertices.address(cell.index()));
-    for (std::size_t c = 0; c < cells.size(); ++c)
-        steps[c].outcome = linear::firstStep(steps[c].at, points[cells[c].point], cells[c].index(), search.vertices,
-                                             myPrecision, linear::Everywhere);
+    linear::makeFirstSteps(search.vertices, cells, points, myPrecision, steps);
 
     CellBoxTree::Surroundings nearMisses;
     std::optional<bool> areFewNear; // known once somebody asks, which hardly anybody does
     for (std::size_t n = 0; n < points.size(); ++n) {
         const point& p = points[n];
+        const std::span<const CellBoxTree::Matches::Cell> theirs = matches.of(n);
+        // Mostly a first step is the answer.
+        const auto first = std::find_if(theirs.begin(), theirs.end(), [&](const CellBoxTree::Matches::Cell& cell) {
+            return steps[&cell - cells.data()].outcome != linear::FirstStep::Left;
+        });
+        if (!mask && first != theirs.end())
+            if (const linear::StepEnd& step = steps[&*first - cells.data()];
+                step.outcome == linear::FirstStep::Found &&
+                search.vertices.isInBox(search.vertices.address(first->i, first->j, first->k), p)) {
+                found[n].local = point(step.at[0], step.at[1], step.at[2]);
+                found[n].result = LocationResult::Found;
+                found[n].isSilent = true;
+                continue;
+            }
         found[n] = Query(*this, p, grid_epsilon, start, mask)
                        .find(
-                           matches.of(n),
+                           theirs,
                            [&](const CellBoxTree::Matches::Cell& cell, point& at) {
-                               const Step& step = steps[&cell - cells.data()];
-                               at = step.at;
+                               const linear::StepEnd& step = steps[&cell - cells.data()];
+                               at = point(step.at[0], step.at[1], step.at[2]);
                                return step.outcome;
                            },
                            [&](auto&& f) {
                                if (!areFewNear) areFewNear = search.nearMisses.gather(nearMisses, points);
-                               if (!*areFewNear)
-                                   search.nearMisses.forEachGroupAt(p, f);
-                               else if (!nearMisses.empty())
+                               if (*areFewNear)
                                    search.nearMisses.forEachGroupAt(nearMisses, p, f);
+                               else
+                                   search.nearMisses.forEachGroupAt(p, f);
                            });
     }
 }

@@ -155,10 +155,16 @@ private:
                                               const Vantle::BlockMask* mask) const;
 
     /// Moves to a cell, if queries without a mask find positions in a part of it without looking at another one.
-    [[nodiscard]] bool moveHome(Vantle::detail::HomeCell& home, const MultiIndex3& cell, double grid_epsilon) const;
-    /// Whether queries for positions of that part that are in a box, too, are silent, and find nothing in this block.
+    [[nodiscard]] bool moveHome(Vantle::detail::HomeCell& home, const MultiIndex3& cell, double grid_epsilon,
+                                Vantle::detail::CellTrail* trail) const;
+    /// The answer for a position that the home may have, if it or its rivals tell.
+    [[nodiscard]] Vantle::CellLocation locateAtHome(const point& p, double grid_epsilon,
+                                                    const Vantle::detail::HomeCell& home,
+                                                    const Vantle::BlockMask* mask) const;
+    /// Whether queries for positions of a home in another block, from there on along its axes, that are in a box, too,
+    /// are silent, and find nothing in this block.
     [[nodiscard]] bool leavesFree(const Vantle::detail::HomeCell& home, const point& least, const point& greatest,
-                                  double grid_epsilon) const;
+                                  double grid_epsilon, double from) const;
 
     void locateNeighbours(std::span<const point> points, std::span<Vantle::CellLocation> found, double grid_epsilon,
                           const Vantle::BlockMask* mask) const;

@@ -140,7 +140,7 @@ void Find(benchmark::State& state, bool isHeard) {
     for (std::size_t k = 0; k < data.positions->nElements(); ++k)
         found += evaluator.resultCode(k) != LocationResult::NotFound;
     state.counters["found"] = static_cast<double>(found) / static_cast<double>(data.positions->nElements());
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * data.positions->nElements()));
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(data.positions->nElements()));
 }
 
 /// Location and interpolation.
@@ -157,7 +157,7 @@ void FindAndEvaluate(benchmark::State& state) {
         evaluator.find(data.positions, *data.source->CartesianPositions(), context);
         benchmark::DoNotOptimize(evaluator.evalKnownDataTypes(data.positions, *data.values));
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * data.positions->nElements()));
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(data.positions->nElements()));
 }
 
 /// The same location, each position by itself.
@@ -200,7 +200,7 @@ void LocateNeighbours(benchmark::State& state) {
         }
         benchmark::DoNotOptimize(found);
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * data.positions->nElements()));
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(data.positions->nElements()));
 }
 
 /// What remains when the cell of each position is known: a solve, and an interpolation if asked for.
@@ -295,7 +295,7 @@ void alongPath(benchmark::State& state, const Locate& locate) {
     for (auto _ : state) locate(locator, found);
     const auto count = std::count_if(found.begin(), found.end(), [](const auto& each) { return bool(each); });
     state.counters["found"] = static_cast<double>(count) / static_cast<double>(found.size());
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * found.size()));
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(found.size()));
 }
 void PathOneByOne(benchmark::State& state) {
     alongPath(state, [](const LocalFromWorldPoint& locator, std::span<LocalFromWorldPoint::Location> found) {

@@ -125,8 +125,10 @@ void appendLocations(Bits& bits, std::size_t count, int threads) {
     spoiled->element(random() % spoiled->nElements()) = {std::numeric_limits<double>::quiet_NaN(), 1e30, 0.0};
     const ExactCellLocator exact(spoiled);
     append(bits, linear.maximalListLength());
-    for (const auto& p : positions)
-        for (const CellLocation& found : {exact.locate(p), linear.locate(p, 0.02)}) {
+    std::vector<CellLocation> together(positions.size());
+    linear.locate(positions, together, 0.02);
+    for (std::size_t n = 0; n < positions.size(); ++n)
+        for (const CellLocation& found : {exact.locate(positions[n]), linear.locate(positions[n], 0.02), together[n]}) {
             append(bits, static_cast<int>(found.result));
             for (const double x : found.local) append(bits, found ? x : 0.0);
         }

@@ -218,20 +218,25 @@ TEST(LocalFromWorldPointTest, HintsChangeNoAnswer) {
         scenes.emplace_back(shape, 2, MultiIndex<3>(33, 29, 31));
         const auto mask = filled<unsigned char>({33, 29, 31}, [&](index_t) { return random() % 40 != 0; });
         scenes.back().blocks.setField(VertexMaskName, mask, scenes.back().blocks.positions()->getFragmentID("B"));
+        for (std::size_t s = scenes.size() - 2; s < scenes.size(); ++s)
+            scenes[s].blocks.addBlock("C", support::makeBlock(shape, {31, 33, 29}, {0.23, 0.0, 0.0}, {0.77, 1.0, 1.0}));
     }
     LocationHint hint;
     int codes[3] = {};
     for (const Scene& scene : scenes) {
-        const auto newton = scene.locator(), exact = scene.locator(options(CellLocator::Exact));
+        LocatorOptions tolerant;
+        tolerant.gridEpsilon = 0.2;
+        const auto newton = scene.locator(), exact = scene.locator(options(CellLocator::Exact)),
+                   near = scene.locator(tolerant);
         for (int walk = 0; walk < 60; ++walk) {
-            const support::BlockPtr block = scene.block(walk % 2 ? "A" : "B");
+            const support::BlockPtr block = scene.block(std::string(1, "ABC"[walk % 3]));
             Point p =
                 support::positionIn(*block, support::randomIndices(*block, 1, static_cast<unsigned>(random()))[0]);
             const Point next = support::positionIn(*block, Point(1, 1, 1)), first = block->element(0);
             const double step = std::pow(10.0, -1.5 * double(random() % 3)) * support::distance(first, next);
             PhysicalSpace::vector direction;
             for (int k = 0; k < 120; ++k) {
-                const auto& locator = k / 40 == 1 ? exact : newton;
+                const auto& locator = k < 40 ? newton : k < 80 ? exact : near;
                 const auto each = locator->locate(p), found = locator->locate(p, hint);
                 ++codes[static_cast<int>(each.code)];
                 ASSERT_EQ(found.code, each.code) << p;

@@ -200,9 +200,12 @@ TEST(UniGridMapperTest, NeighboursAnswerAsEachByItself) {
     std::mt19937_64 random(23);
     for (const Shape& shape : shapes()) {
         const BlockPtr block = makeBlock(shape, {34, 29, 25});
-        const auto mapper = makeMapper(block);
+        const std::unique_ptr<UniGridMapper> mappers[] = {
+            makeMapper(block), makeMapper(block, 1.0, 30.0), // where centres of cells are near enough
+            makeMapper(block, 1.0, 1e-14)};                  // where a step is not
         int codes[3] = {};
         for (const Point& index : randomIndices(*block, 60, 29)) {
+            const auto& mapper = mappers[random() % 3];
             const double width = std::pow(10.0, std::uniform_real_distribution<double>(-2, 1.6)(random));
             std::uniform_real_distribution<double> off(-0.5 * width, 0.5 * width);
             const Point centre = positionIn(*block, index);

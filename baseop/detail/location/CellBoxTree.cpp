@@ -263,7 +263,9 @@ void CellBoxTree::build(const Shapes& shapes, Detail detail) {
     buildUpper(boxes);
 }
 
-bool CellBoxTree::gather(Surroundings& surroundings, std::span<const point> points) const {
+bool CellBoxTree::gather(Surroundings& surroundings, std::span<const point> points, Reach reach) const {
+    surroundings.myCount = 0;
+    if (myTop < 0) return true;
     point lowest = points[0], highest = points[0];
     for (const point& p : points)
         for (int d = 0; d < 3; ++d) {
@@ -275,83 +277,62 @@ bool CellBoxTree::gather(Surroundings& surroundings, std::span<const point> poin
         low[d] = toFloat(lowest[d], d);
         high[d] = toFloat(highest[d], d);
     }
+    const int level = surroundings.myLevel = reach == Reach::Groups ? 0 : std::min(1, myTop);
     Boxes<Upper::Members> boxes;
     int count = 0;
-    const bool isAll = forEachGroupIn(low, high, [&](const Place& place) {
+    const auto take = [&](const Place& place) {
         if (count == Surroundings::Capacity) return false;
         float from[3] = {-static_cast<float>(Farthest), -static_cast<float>(Farthest), -static_cast<float>(Farthest)};
         float to[3] = {static_cast<float>(Farthest), static_cast<float>(Farthest), static_cast<float>(Farthest)};
-        if (myTop > 0) {
+        if (myTop > level) {
             const auto member = static_cast<int>(place.at[0] % 4 + 4 * (place.at[1] % 4) + 16 * (place.at[2] % 4));
             const Place parent{{place.at[0] / 4, place.at[1] / 4, place.at[2] / 4}};
-            myUpper[number(1, parent)].boxOf(member, from, to);
+            myUpper[number(level + 1, parent)].boxOf(member, from, to);
         }
         for (int d = 0; d < 3; ++d) {
             // Bounds outside of the box are all the same; steps are finer without them.
             boxes.low[d][count] = std::max(from[d], low[d]);
             boxes.high[d][count] = std::min(to[d], high[d]);
         }
-        surroundings.myGroups[count++] = {myBottom ? &myBottom[number(0, place)] : nullptr, place.member<2>(0)};
+        const bool hasCells = level == 0 && myBottom;
+        surroundings.myGroups[count++] = {hasCells ? &myBottom[number(0, place)] : nullptr, place};
         return true;
-    });
+    };
+    const bool isAll = forEachGroupBelow(myTop, {{0, 0, 0}}, level, low, high, take);
     surroundings.myCount = count;
     if (isAll) surroundings.myBoxes.assign(boxes, static_cast<std::size_t>(count));
     return isAll;
 }
 
-unsigned CellBoxTree::Bottom::membersIn(const Region& region) const noexcept {
-    // From one step to another along each axis of the frame, and a little more than rounding makes of them. A fourth
-    // axis makes all of it vectors.
-    constexpr float Widening = 0.25F;
-    float axes[3][4] = {};
-    for (int d = 0; d < 3; ++d) std::copy_n(column[d], 3, axes[d]);
-    float at[4] = {}, half[4] = {};
-    for (int d = 0; d < 3; ++d) {
-        const float relative = region.centre[d] - origin[d];
-        const float rounding = 2.0F * PositionRounding * (std::fabs(region.centre[d]) + std::fabs(origin[d]));
-        for (int v = 0; v < 4; ++v) at[v] += axes[d][v] * relative;
-        for (int v = 0; v < 4; ++v) half[v] += std::fabs(axes[d][v]) * rounding;
-    }
-    for (const float(&edge)[3] : region.edge)
-        for (int v = 0; v < 4; ++v)
-            half[v] += std::fabs(axes[0][v] * edge[0] + axes[1][v] * edge[1] + axes[2][v] * edge[2]);
-    const auto step = [](float x) {
-        return static_cast<unsigned char>(static_cast<int>(std::min(std::max(0.0F, x), 255.0F)));
-    };
-    unsigned char meets[Members];
-    std::fill_n(meets, Members, static_cast<unsigned char>(1));
-    for (int v = 0; v < 3; ++v) {
-        const float reach = half[v] * (1.0F + ProductRounding) + Widening;
-        const unsigned char from = step(at[v] - reach), to = step(at[v] + reach);
-        for (int m = 0; m < Members; ++m)
-            meets[m] &= static_cast<unsigned char>(int{bounds[v][0][m] <= to} & int{bounds[v][1][m] >= from});
-    }
-    unsigned mask = 0;
-    for (unsigned m = 0; m < Members; ++m) mask |= unsigned{meets[m]} << m;
-    return mask;
+bool CellBoxTree::isFree(const Region& region) const {
+    return forEachGroupMeeting(region, nullptr,
+                               [&](const Place& place) { return myBottom[number(0, place)].membersIn(region) == 0; });
 }
 
-bool CellBoxTree::isFree(const Region& region, index_t end) const {
-    float low[4] = {}, high[4] = {};
-    for (int d = 0; d < 3; ++d) {
-        const float half = std::fabs(region.edge[0][d]) + std::fabs(region.edge[1][d]) + std::fabs(region.edge[2][d]);
-        const float reach = std::fabs(region.centre[d]) + half;
-        if (!(reach < static_cast<float>(Farthest))) return false;
-        low[d] = region.centre[d] - half - 2.0F * PositionRounding * reach;
-        high[d] = region.centre[d] + half + 2.0F * PositionRounding * reach;
-    }
-    return forEachGroupIn(low, high, [&](const Place& place) {
+bool CellBoxTree::gather(Rivals& rivals, const Region& region, index_t end, const Surroundings* surroundings) const {
+    rivals.myCount = 0;
+    return forEachGroupMeeting(region, surroundings, [&](const Place& place) {
         const Place lowest = place.member<2>(0);
         const auto numberOf = [&](unsigned m) {
             return lowest.at[0] + (m & 1U) +
                    myCells[0] * (lowest.at[1] + (m >> 1 & 1U) + myCells[1] * (lowest.at[2] + (m >> 2)));
         };
         if (numberOf(0) >= end) return true;
-        if (!myBottom) return false;
-        for (unsigned mask = myBottom[number(0, place)].membersIn(region); mask; mask &= mask - 1)
-            if (numberOf(static_cast<unsigned>(std::countr_zero(mask))) < end) return false;
+        const Bottom& group = myBottom[number(0, place)];
+        unsigned members = 0;
+        for (unsigned mask = group.membersIn(region); mask; mask &= mask - 1)
+            if (numberOf(static_cast<unsigned>(std::countr_zero(mask))) < end) members |= mask & -mask;
+        if (members == 0) return true;
+        if (rivals.myCount == Rivals::Capacity) return false;
+        rivals.myGroups[rivals.myCount++] = {&group, place, members};
         return true;
     });
+}
+
+bool CellBoxTree::Rivals::leaveFree(const Region& part) const noexcept {
+    for (int r = 0; r < myCount; ++r)
+        if ((myGroups[r].members & myGroups[r].group->membersIn(part)) != 0) return false;
+    return true;
 }
 
 /// Which points are to be looked for in which groups, in the order of the points.
@@ -375,8 +356,8 @@ bool CellBoxTree::pairNeighbours(std::span<const point> points, const float (*x)
         // Mostly there are one or two: both are written anyhow, and counted if they are there.
         do {
             for (int g = 0; g < 2; ++g) {
-                const auto& entry = surroundings.myGroups[std::countr_zero(mask) % Surroundings::Capacity];
-                pairs.all[pairs.count] = {static_cast<std::uint32_t>(n), entry.lowestCell, entry.group};
+                const auto& near = surroundings.myGroups[std::countr_zero(mask) % Surroundings::Capacity];
+                pairs.all[pairs.count] = {static_cast<std::uint32_t>(n), near.place.member<2>(0), near.group};
                 pairs.count += mask != 0 ? 1 : 0;
                 mask &= mask - 1;
             }

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cmath>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -81,11 +82,27 @@ public:
     /// Whether searches tell cells, or groups of cells only.
     enum class Detail { Cells, Groups };
 
-    /// The points centre + sum over g of t_g edge_g, |t_g| <= 1, relative to the tree's scale.
+    /// The points centre + sum over g of t_g edge_g, |t_g| <= 1.
+    struct Part {
+        point centre;
+        Orvix::PhysicalSpace::vector edge[3];
+    };
+    /// The same relative to the tree's scale.
     struct Region {
         float centre[3];
         float edge[3][3];
     };
+    [[nodiscard]] Region regionOf(const Part& part) const noexcept {
+        Region region;
+        for (int d = 0; d < 3; ++d) {
+            region.centre[d] = toFloat(part.centre[d], d);
+            for (int g = 0; g < 3; ++g) region.edge[g][d] = static_cast<float>(part.edge[g][d] * myScale[d]);
+        }
+        return region;
+    }
+
+    /// Several times the rounding of a number of the tree to float, and that of sums of three products.
+    static constexpr float PositionRounding = 3e-7F, ProductRounding = 2e-6F;
 
     CellBoxTree() = default;
 
@@ -155,6 +172,13 @@ private:
         [[nodiscard]] unsigned membersAt(const float (&x)[4]) const noexcept;
         /// Bit m is set when cell m may have a point of the region.
         [[nodiscard]] unsigned membersIn(const Region& region) const noexcept;
+
+    private:
+        // A region reaches a little farther than its steps, by more than rounding makes of them.
+        static constexpr float RegionFactor = 1.0F + ProductRounding, RegionWidening = 0.25F;
+        [[nodiscard]] float regionRounding(const Region& region, int axis) const noexcept {
+            return 2.0F * PositionRounding * (std::fabs(region.centre[axis]) + std::fabs(origin[axis]));
+        }
     };
     static_assert(sizeof(Bottom) == 96);
 
@@ -180,19 +204,31 @@ private:
     };
 
 public:
-    /// The groups of cells near a box, gathered once for many points in it.
+    /// The groups of one level near a box, gathered once for many points in it.
     class Surroundings {
-    public:
-        /// Whether there are none.
-        [[nodiscard]] bool empty() const noexcept { return myCount == 0; }
-
     private:
         friend class CellBoxTree;
         static constexpr int Capacity = Upper::Members;
         Upper myBoxes;
-        struct Entry {
-            const Bottom* group; // null where searches tell groups only
-            Place lowestCell;
+        int myCount = 0, myLevel = 0;
+        struct {
+            const Bottom* group; // null but for groups of cells, where searches tell cells
+            Place place;
+        } myGroups[Capacity];
+    };
+    /// The cells before a number that may have a point of a region: groups of cells, and which of each.
+    class Rivals {
+    public:
+        /// Whether none of them has a point of a part of the region.
+        [[nodiscard]] bool leaveFree(const Region& part) const noexcept;
+
+    private:
+        friend class CellBoxTree;
+        static constexpr int Capacity = 16;
+        struct {
+            const Bottom* group;
+            Place place;
+            unsigned members;
         } myGroups[Capacity];
         int myCount = 0;
     };
@@ -220,15 +256,39 @@ public:
         std::uint16_t myFirst[MaximalPoints + 1];
         Cell myCells[Capacity];
     };
+    /// What is gathered: groups of cells, or groups of those, for a box of many cells.
+    enum class Reach { Groups, GroupsOfGroups };
     /// Gathers the groups near the box of some points, which have no NaN. False when there are too many of them: points
     /// are then looked for one by one.
-    [[nodiscard]] bool gather(Surroundings& surroundings, std::span<const point> points) const;
+    [[nodiscard]] bool gather(Surroundings& surroundings, std::span<const point> points,
+                              Reach reach = Reach::Groups) const;
     /// Finds the cells for up to `MaximalPoints` such points; false when there are too many. Each stage is done for all
     /// points before the next, since searches one by one spend their time waiting for their own results.
     [[nodiscard]] bool match(std::span<const point> points, Matches& matches) const;
-    /// Whether no cell with a number below `end` has a point of a region. Where searches tell groups only, whether no
-    /// group is near.
-    [[nodiscard]] bool isFree(const Region& region, index_t end) const;
+    /// Whether no cell has a point of a region, in a tree that tells cells.
+    [[nodiscard]] bool isFree(const Region& region) const;
+    /// Calls `f(i, j, k)` for the lowest cell of groups of up to 2 x 2 x 2 cells that may have a point of a region, as
+    /// long as it returns true; false if it does not, or if it cannot be said.
+    template<class F>
+    bool forEachGroupNear(const Region& region, F&& f) const;
+    /// Gathers the rivals with numbers below `end`, in a tree that tells cells; false when there are too many. Of a
+    /// region that surroundings are given for, the points in the box that these were gathered for count.
+    [[nodiscard]] bool gather(Rivals& rivals, const Region& region, index_t end,
+                              const Surroundings* surroundings) const;
+    /// Sends for the groups that the cells next to one, and that one, are in.
+    void prefetchAbout(const MultiIndex<3>& cell) const noexcept {
+        std::uint32_t from[3], to[3];
+        for (int d = 0; d < 3; ++d) {
+            from[d] = static_cast<std::uint32_t>((std::max<index_t>(cell[d], 1) - 1) / 2);
+            to[d] = static_cast<std::uint32_t>(std::min<std::size_t>((cell[d] + 1) / 2, myLevels[0].size[d] - 1));
+        }
+        for (std::uint32_t k = from[2]; k <= to[2]; ++k)
+            for (std::uint32_t j = from[1]; j <= to[1]; ++j)
+                for (std::uint32_t i = from[0]; i <= to[0]; ++i) prefetch(0, {{i, j, k}});
+    }
+    /// As `forEachAt`, of rivals and for points of their region.
+    template<class F>
+    void forEachAt(const Rivals& rivals, const point& P, F&& f) const;
     /// As `forEachAt` and `forEachGroupAt`, for points in the box that the surroundings were gathered for.
     template<class F>
     void forEachAt(const Surroundings& surroundings, const point& P, F&& f) const;
@@ -263,22 +323,32 @@ private:
     }
     /// Calls `f` for cells of a group of cells.
     template<class F>
-    static void visit(const Bottom& group, const Place& lowestCell, const float (&x)[4], F& f) {
-        for (unsigned mask = group.membersAt(x); mask; mask &= mask - 1) {
+    void visit(const Place& place, const float (&x)[4], F& f) const {
+        visit(myBottom[number(0, place)].membersAt(x), place, f);
+    }
+    template<class F>
+    static void visit(unsigned members, const Place& place, F& f) {
+        const Place lowestCell = place.member<2>(0);
+        for (unsigned mask = members; mask; mask &= mask - 1) {
             const auto m = static_cast<std::uint32_t>(std::countr_zero(mask));
             f(lowestCell.at[0] + (m & 1), lowestCell.at[1] + (m >> 1 & 1), lowestCell.at[2] + (m >> 2));
         }
     }
-    template<class F>
-    void visit(const Place& place, const float (&x)[4], F& f) const {
-        visit(myBottom[number(0, place)], place.member<2>(0), x, f);
-    }
     /// Calls `f(place)` for the groups of cells that may meet a box, as long as it returns true; false if it does not.
     template<class F>
-    bool forEachGroupIn(const float (&low)[4], const float (&high)[4], F&& f) const;
-    /// The same below a group of level `top`, or for that group itself.
+    bool forEachGroupIn(const float (&low)[4], const float (&high)[4], F&& f) const {
+        return myTop < 0 || forEachGroupBelow(myTop, {{0, 0, 0}}, 0, low, high, f);
+    }
+    /// The same for those among surroundings.
     template<class F>
-    bool forEachGroupBelow(int top, const Place& start, const float (&low)[4], const float (&high)[4], F& f) const;
+    bool forEachGroupIn(const Surroundings& surroundings, const float (&low)[4], const float (&high)[4], F&& f) const;
+    /// The same below a group of level `top`, or for that group itself: for the groups of level `last`.
+    template<class F>
+    bool forEachGroupBelow(int top, const Place& start, int last, const float (&low)[4], const float (&high)[4],
+                           F& f) const;
+    /// The same for those that may meet a region; false, too, when that is too far away to say.
+    template<class F>
+    bool forEachGroupMeeting(const Region& region, const Surroundings* surroundings, const F& f) const;
     struct Pairs;
     [[nodiscard]] bool areNear(const float (*x)[4], std::size_t count) const noexcept;
     [[nodiscard]] bool pairNeighbours(std::span<const point> points, const float (*x)[4], Pairs& pairs) const;
@@ -366,6 +436,36 @@ inline unsigned CellBoxTree::Bottom::membersAt(const float (&x)[4]) const noexce
     return mask & (mask >> 8);
 }
 
+inline unsigned CellBoxTree::Bottom::membersIn(const Region& region) const noexcept {
+    const auto load = [](const void* from) { return _mm_load_si128(static_cast<const __m128i*>(from)); };
+    const auto absolute = [](__m128 v) { return _mm_andnot_ps(_mm_set1_ps(-0.0F), v); };
+    // The fourth lane of each is the next number; the last load starts one earlier, as none follows it.
+    const __m128 last = _mm_loadu_ps(&column[1][2]);
+    const __m128 axes[3] = {_mm_loadu_ps(column[0]), _mm_loadu_ps(column[1]), _mm_shuffle_ps(last, last, 0x39)};
+    const auto map = [&](float x, float y, float z) {
+        return _mm_add_ps(_mm_add_ps(_mm_mul_ps(axes[0], _mm_set1_ps(x)), _mm_mul_ps(axes[1], _mm_set1_ps(y))),
+                          _mm_mul_ps(axes[2], _mm_set1_ps(z)));
+    };
+    const __m128 at = map(region.centre[0] - origin[0], region.centre[1] - origin[1], region.centre[2] - origin[2]);
+    __m128 half = _mm_setzero_ps();
+    for (int d = 0; d < 3; ++d)
+        half = _mm_add_ps(half, _mm_mul_ps(absolute(axes[d]), _mm_set1_ps(regionRounding(region, d))));
+    for (const float(&edge)[3] : region.edge) half = _mm_add_ps(half, absolute(map(edge[0], edge[1], edge[2])));
+    const __m128 reach = _mm_add_ps(_mm_mul_ps(half, _mm_set1_ps(RegionFactor)), _mm_set1_ps(RegionWidening));
+    // What is no number meets all: it counts as 0 there, as 255 here.
+    const Steps from(_mm_sub_ps(at, reach));
+    const Steps to(_mm_min_ps(_mm_add_ps(at, reach), _mm_set1_ps(255.0F)));
+    const __m128i complement = _mm_set_epi64x(-1, 0);
+    __m128i meets = _mm_set1_epi8(-1);
+    for (int d = 0; d < 3; ++d) {
+        const __m128i bound = _mm_xor_si128(load(bounds[d]), complement);
+        const __m128i end = _mm_xor_si128(_mm_unpacklo_epi64(to.at[d], from.at[d]), complement);
+        meets = _mm_and_si128(meets, _mm_cmpeq_epi8(_mm_min_epu8(bound, end), bound));
+    }
+    const auto mask = static_cast<unsigned>(_mm_movemask_epi8(meets));
+    return mask & (mask >> 8) & 0xFFU;
+}
+
 #else
 
 struct CellBoxTree::Steps {
@@ -404,16 +504,47 @@ inline unsigned CellBoxTree::Bottom::membersAt(const float (&x)[4]) const noexce
     return mask;
 }
 
+inline unsigned CellBoxTree::Bottom::membersIn(const Region& region) const noexcept {
+    unsigned mask = (1U << Members) - 1;
+    for (int v = 0; v < 3; ++v) {
+        float at = 0.0F, half = 0.0F;
+        for (int d = 0; d < 3; ++d) {
+            at += column[d][v] * (region.centre[d] - origin[d]);
+            half += std::fabs(column[d][v]) * regionRounding(region, d);
+        }
+        for (const float(&edge)[3] : region.edge)
+            half += std::fabs(column[0][v] * edge[0] + column[1][v] * edge[1] + column[2][v] * edge[2]);
+        const float reach = half * RegionFactor + RegionWidening, most = at + reach;
+        const std::uint8_t from = Steps::of(at - reach), to = Steps::of(most == most ? most : 255.0F);
+        for (unsigned m = 0; m < Members; ++m)
+            if (!(bounds[v][0][m] <= to && from <= bounds[v][1][m])) mask &= ~(1U << m);
+    }
+    return mask;
+}
+
 #endif
 
 template<class F>
-bool CellBoxTree::forEachGroupIn(const float (&low)[4], const float (&high)[4], F&& f) const {
-    return myTop < 0 || forEachGroupBelow(myTop, {{0, 0, 0}}, low, high, f);
+bool CellBoxTree::forEachGroupIn(const Surroundings& surroundings, const float (&low)[4], const float (&high)[4],
+                                 F&& f) const {
+    if (surroundings.myCount == 0) return true;
+    for (auto mask = surroundings.myBoxes.membersIn(low, high, surroundings.myCount); mask; mask &= mask - 1) {
+        const Place& place = surroundings.myGroups[std::countr_zero(mask)].place;
+        if (surroundings.myLevel == 0) {
+            if (!f(place)) return false;
+            continue;
+        }
+        for (auto below = membersIn(1, place, low, high); below; below &= below - 1) {
+            const Place group = place.member<4>(std::countr_zero(below));
+            if ((&low == &high || isThere(0, group)) && !f(group)) return false;
+        }
+    }
+    return true;
 }
 
 template<class F>
-bool CellBoxTree::forEachGroupBelow(int top, const Place& start, const float (&low)[4], const float (&high)[4],
-                                    F& f) const {
+bool CellBoxTree::forEachGroupBelow(int top, const Place& start, int last, const float (&low)[4],
+                                    const float (&high)[4], F& f) const {
     // Level by level rather than depth first: all groups of a level are on their way from memory at the same time.
     constexpr std::size_t Capacity = 128;
     Place places[2][Capacity];
@@ -421,16 +552,16 @@ bool CellBoxTree::forEachGroupBelow(int top, const Place& start, const float (&l
     Place* below = places[1];
     now[0] = start;
     std::size_t count = 1;
-    for (int level = top; level > 0; --level) {
+    for (int level = top; level > last; --level) {
         std::size_t members = 0;
         for (std::size_t g = 0; g < count; ++g) {
             if (members + Upper::Members > Capacity) [[unlikely]] {
                 // So many boxes at one place are seldom; what remains is gone through group by group. There is room
                 // for the members of one, so each is lower than `start`.
                 for (std::size_t m = 0; m < members; ++m)
-                    if (!forEachGroupBelow(level - 1, below[m], low, high, f)) return false;
+                    if (!forEachGroupBelow(level - 1, below[m], last, low, high, f)) return false;
                 for (; g < count; ++g)
-                    if (!forEachGroupBelow(level, now[g], low, high, f)) return false;
+                    if (!forEachGroupBelow(level, now[g], last, low, high, f)) return false;
                 return true;
             }
             for (auto mask = membersIn(level, now[g], low, high); mask; mask &= mask - 1) {
@@ -478,19 +609,46 @@ void CellBoxTree::forEachGroupAt(const point& P, F&& f) const {
 template<class F>
 void CellBoxTree::forEachAt(const Surroundings& surroundings, const point& P, F&& f) const {
     const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
-    if (surroundings.empty()) return;
-    for (auto mask = surroundings.myBoxes.membersIn(x, x, surroundings.myCount); mask; mask &= mask - 1) {
-        const Surroundings::Entry& entry = surroundings.myGroups[std::countr_zero(mask)];
-        visit(*entry.group, entry.lowestCell, x, f);
-    }
+    forEachGroupIn(surroundings, x, x, [&](const Place& place) {
+        visit(place, x, f);
+        return true;
+    });
 }
 
 template<class F>
 void CellBoxTree::forEachGroupAt(const Surroundings& surroundings, const point& P, F&& f) const {
     const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
-    for (auto mask = surroundings.myBoxes.membersIn(x, x, surroundings.myCount); mask; mask &= mask - 1) {
-        const Place& cell = surroundings.myGroups[std::countr_zero(mask)].lowestCell;
-        f(cell.at[0], cell.at[1], cell.at[2]);
+    forEachGroupIn(surroundings, x, x, [&](const Place& place) {
+        f(2 * place.at[0], 2 * place.at[1], 2 * place.at[2]);
+        return true;
+    });
+}
+
+template<class F>
+bool CellBoxTree::forEachGroupMeeting(const Region& region, const Surroundings* surroundings, const F& f) const {
+    float low[4] = {}, high[4] = {};
+    for (int d = 0; d < 3; ++d) {
+        const float half = std::fabs(region.edge[0][d]) + std::fabs(region.edge[1][d]) + std::fabs(region.edge[2][d]);
+        const float reach = std::fabs(region.centre[d]) + half;
+        if (!(reach < static_cast<float>(Farthest))) return false;
+        low[d] = region.centre[d] - half - 2.0F * PositionRounding * reach;
+        high[d] = region.centre[d] + half + 2.0F * PositionRounding * reach;
+    }
+    return surroundings ? forEachGroupIn(*surroundings, low, high, f) : forEachGroupIn(low, high, f);
+}
+
+template<class F>
+bool CellBoxTree::forEachGroupNear(const Region& region, F&& f) const {
+    return forEachGroupMeeting(
+        region, nullptr, [&](const Place& place) { return f(2 * place.at[0], 2 * place.at[1], 2 * place.at[2]); });
+}
+
+template<class F>
+void CellBoxTree::forEachAt(const Rivals& rivals, const point& P, F&& f) const {
+    const float x[4] = {toFloat(P[0], 0), toFloat(P[1], 1), toFloat(P[2], 2), 0.0F};
+    for (int r = 0; r < rivals.myCount; ++r) {
+        const auto& rival = rivals.myGroups[r];
+        visit(rival.members & rival.group->membersAt(x), rival.place, f);
     }
 }
 

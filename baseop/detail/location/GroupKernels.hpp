@@ -9,8 +9,8 @@
 namespace Vantle::detail {
 
 /// Several times the rounding of a number of a tree to float, and that of sums of three products.
-inline constexpr float PositionRounding = 3e-7F;
-inline constexpr float ProductRounding = 2e-6F;
+inline constexpr float PositionRounding = CellBoxTree::PositionRounding;
+inline constexpr float ProductRounding = CellBoxTree::ProductRounding;
 
 /// Groups along four rows of cells.
 struct GroupRow {

@@ -9,6 +9,7 @@
 #include <baseop/detail/location/BlockVertices.hpp>
 #include <model/orvix/CellMap.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -46,12 +47,11 @@ public:
     /// One step with these derivatives. False when they are degenerate and the former inverse matrix was used.
     bool step(const vector (&column)[3]) noexcept {
         const bool isRegular = Orvix::tryInvert3x3(myInverse, column[0], column[1], column[2]);
-        step(column, myInverse);
+        step(column, myInverse * (myTarget - myImage));
         return isRegular;
     }
-    /// The same with their inverse, which is known.
-    void step(const vector (&column)[3], const Orvix::Quadratic<3, double>& inverse) noexcept {
-        const vector move = inverse * (myTarget - myImage);
+    /// The same where the step is known.
+    void step(const vector (&column)[3], const vector& move) noexcept {
         myAt += move;
         // Predicted, not evaluated again, on purpose: a good cell takes a single step.
         myImage += vector(column[0][0] * move[0] + column[1][0] * move[1] + column[2][0] * move[2],
@@ -167,8 +167,9 @@ inline vector numbersOf(const MultiIndex<3>& cell) noexcept {
 
 /// The first step in a cell of the block, bit for bit that of `solveInCell`. Most of those that end out of the range
 /// cost no division.
-inline FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell, const BlockVertices& vertices,
-                           double precision, const StepRange& range) noexcept {
+[[gnu::flatten]] inline FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell,
+                                            const BlockVertices& vertices, double precision,
+                                            const StepRange& range) noexcept {
     LinearSolve solve(P, numbersOf(cell), precision);
     const CentreFrame frame(vertices, vertices.address(cell));
     if (solve.start(frame.centre)) {
@@ -180,15 +181,16 @@ inline FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell
     return judgeStep(solve, uvw);
 }
 
-/// The same in a cell that is regular, for one position after the other: `inverse` is that of the frame's columns.
+/// The same in a cell that is regular, where the step is known: the inverse of the frame's columns times the way from
+/// its centre.
 inline FirstStep firstStep(point& uvw, const point& P, const MultiIndex<3>& cell, const CentreFrame& frame,
-                           const Orvix::Quadratic<3, double>& inverse, double precision) noexcept {
+                           const vector& move, double precision) noexcept {
     LinearSolve solve(P, numbersOf(cell), precision);
     if (solve.start(frame.centre)) {
         uvw = solve.at();
         return FirstStep::Found;
     }
-    solve.step(frame.column, inverse);
+    solve.step(frame.column, move);
     return judgeStep(solve, uvw);
 }
 
@@ -202,6 +204,33 @@ inline bool isNearMiss(const point& uvw, const MultiIndex<3>& cell, const MultiI
         if (distance != 0.0 && distance != 1.0) return false;
     }
     return true;
+}
+
+/// Whether a first step in a cell may end in a near miss, in a block with this last vertex, for some point
+/// centre + sum of t_g edge_g, |t_g| <= 1.
+inline bool mayMissNarrowly(const point& centre, const vector (&edge)[3], const MultiIndex<3>& cell,
+                            const MultiIndex<3>& last, const BlockVertices& vertices, double epsilon) noexcept {
+    const CentreFrame frame(vertices, vertices.address(cell));
+    Orvix::Quadratic<3, double> inverse;
+    // There is no first step in a degenerate cell.
+    if (!Orvix::tryInvert3x3(inverse, frame.column[0], frame.column[1], frame.column[2])) return false;
+    const vector middle = inverse * (centre - frame.centre);
+    const vector sides[3] = {inverse * edge[0], inverse * edge[1], inverse * edge[2]};
+    const bool isLowest = cell[0] + cell[1] + cell[2] == 0; // whose near misses are as far away as may be
+    // Margins are far larger than rounding, also that of the sum with the index.
+    constexpr double IndexMargin = 1e-5, ProductMargin = 1e-13;
+    bool isOut = false;
+    for (int d = 0; d < 3; ++d) {
+        double half = IndexMargin + std::fabs(sides[0][d]) + std::fabs(sides[1][d]) + std::fabs(sides[2][d]);
+        for (int e = 0; e < 3; ++e)
+            half += ProductMargin * std::fabs(inverse(d, e)) *
+                    (std::fabs(centre[e]) + std::fabs(frame.centre[e]) + std::fabs(edge[0][e]) + std::fabs(edge[1][e]) +
+                     std::fabs(edge[2][e]));
+        const double end = static_cast<double>(last[d] - cell[d]) - 0.5 + epsilon;
+        const double below = isLowest ? 0.5 + epsilon : 0.5, above = isLowest ? end : std::min(1.5, end);
+        isOut = isOut || middle[d] + half < -below || middle[d] - half > above;
+    }
+    return !isOut;
 }
 
 } // namespace Vantle::detail::linear
