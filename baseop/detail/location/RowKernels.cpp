@@ -14,29 +14,36 @@ using Wide = hn::CappedTag<double, CellBoxTree::RowLanes>;
 using Narrow = hn::Rebind<float, Wide>;
 using Vector = hn::Vec<Wide>;
 
-/// From `begin` on as long as there are whole vectors; where it has ended.
-template<bool Both, class Lanes>
-HWY_INLINE std::size_t sum(Lanes lanes, const double* const (&vertices)[4], std::size_t begin, std::size_t count,
-                           double* sums, std::size_t pitch) {
-    constexpr std::size_t Each = Both ? 4 : 3;
+/// From `begin` on as long as there are whole vectors: calls `put(d, n, a, b, c, e)` with component d of vertex n, and
+/// those that follow, of four rows. Where it has ended.
+template<class Lanes, class Put>
+HWY_INLINE std::size_t alongRows(Lanes lanes, const double* const (&vertices)[4], std::size_t begin, std::size_t count,
+                                 const Put& put) {
     for (; begin + hn::Lanes(lanes) <= count; begin += hn::Lanes(lanes)) {
         hn::Vec<Lanes> a0, a1, a2, b0, b1, b2, c0, c1, c2, e0, e1, e2;
         hn::LoadInterleaved3(lanes, vertices[0] + 3 * begin, a0, a1, a2);
         hn::LoadInterleaved3(lanes, vertices[1] + 3 * begin, b0, b1, b2);
         hn::LoadInterleaved3(lanes, vertices[2] + 3 * begin, c0, c1, c2);
         hn::LoadInterleaved3(lanes, vertices[3] + 3 * begin, e0, e1, e2);
-        const auto put = [&](std::size_t d, auto a, auto b, auto c, auto e) HWY_ATTR {
-            double* const to = sums + d * Each * pitch + begin;
-            hn::StoreU(hn::Add(hn::Add(a, b), hn::Add(c, e)), lanes, to);
-            hn::StoreU(hn::Add(hn::Sub(b, a), hn::Sub(e, c)), lanes, to + pitch);
-            hn::StoreU(hn::Add(hn::Sub(c, a), hn::Sub(e, b)), lanes, to + 2 * pitch);
-            if constexpr (Both) hn::StoreU(hn::Sub(hn::Sub(e, c), hn::Sub(b, a)), lanes, to + 3 * pitch);
-        };
-        put(0, a0, b0, c0, e0);
-        put(1, a1, b1, c1, e1);
-        put(2, a2, b2, c2, e2);
+        put(0, begin, a0, b0, c0, e0);
+        put(1, begin, a1, b1, c1, e1);
+        put(2, begin, a2, b2, c2, e2);
     }
     return begin;
+}
+
+template<bool Both, class Lanes>
+HWY_INLINE std::size_t sum(Lanes lanes, const double* const (&vertices)[4], std::size_t begin, std::size_t count,
+                           double* sums, std::size_t pitch) {
+    constexpr std::size_t Each = Both ? 4 : 3;
+    return alongRows(lanes, vertices, begin, count,
+                     [&](std::size_t d, std::size_t n, auto a, auto b, auto c, auto e) HWY_ATTR {
+                         double* const to = sums + d * Each * pitch + n;
+                         hn::StoreU(hn::Add(hn::Add(a, b), hn::Add(c, e)), lanes, to);
+                         hn::StoreU(hn::Add(hn::Sub(b, a), hn::Sub(e, c)), lanes, to + pitch);
+                         hn::StoreU(hn::Add(hn::Sub(c, a), hn::Sub(e, b)), lanes, to + 2 * pitch);
+                         if constexpr (Both) hn::StoreU(hn::Sub(hn::Sub(e, c), hn::Sub(b, a)), lanes, to + 3 * pitch);
+                     });
 }
 
 template<bool Both>
@@ -165,26 +172,16 @@ void images(const RowSums& sums, std::size_t cells, double slack, const CellBoxT
     }
 }
 
-/// From `begin` on as long as there are whole vectors; where it has ended. Bounds by axis, `pitch` apart.
+/// Bounds by axis, `pitch` apart.
 template<class Lanes>
 HWY_INLINE std::size_t bound(Lanes lanes, const double* const (&vertices)[4], std::size_t begin, std::size_t count,
                              double* lows, double* highs, std::size_t pitch) {
-    for (; begin + hn::Lanes(lanes) <= count; begin += hn::Lanes(lanes)) {
-        hn::Vec<Lanes> a0, a1, a2, b0, b1, b2, c0, c1, c2, e0, e1, e2;
-        hn::LoadInterleaved3(lanes, vertices[0] + 3 * begin, a0, a1, a2);
-        hn::LoadInterleaved3(lanes, vertices[1] + 3 * begin, b0, b1, b2);
-        hn::LoadInterleaved3(lanes, vertices[2] + 3 * begin, c0, c1, c2);
-        hn::LoadInterleaved3(lanes, vertices[3] + 3 * begin, e0, e1, e2);
-        const auto put = [&](std::size_t d, auto a, auto b, auto c, auto e) HWY_ATTR {
-            // All are numbers, and zeros of both signs have the same unicell.
-            hn::StoreU(hn::Min(hn::Min(a, b), hn::Min(c, e)), lanes, lows + d * pitch + begin);
-            hn::StoreU(hn::Max(hn::Max(a, b), hn::Max(c, e)), lanes, highs + d * pitch + begin);
-        };
-        put(0, a0, b0, c0, e0);
-        put(1, a1, b1, c1, e1);
-        put(2, a2, b2, c2, e2);
-    }
-    return begin;
+    return alongRows(lanes, vertices, begin, count,
+                     [&](std::size_t d, std::size_t n, auto a, auto b, auto c, auto e) HWY_ATTR {
+                         // All are numbers, and zeros of both signs have the same unicell.
+                         hn::StoreU(hn::Min(hn::Min(a, b), hn::Min(c, e)), lanes, lows + d * pitch + n);
+                         hn::StoreU(hn::Max(hn::Max(a, b), hn::Max(c, e)), lanes, highs + d * pitch + n);
+                     });
 }
 
 void ranges(const double* const (&vertices)[4], std::size_t cells, const UnicellAxis (&axes)[3], double* lows,
