@@ -337,7 +337,7 @@ void EvaluateGrid(benchmark::State& state) {
         destination->getCartesianRepresentation()->setField("scalar", {});
         if (!EvalGrid(*destination, *data.source, "scalar", *data.slice, {}, state.range(0) != 0)) std::abort();
     }
-    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * lattice * lattice * lattice));
+    state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(lattice * lattice * lattice));
 }
 
 /// How much of the process is in memory, in bytes: now, or at most since it was forgotten.
