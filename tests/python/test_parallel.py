@@ -155,10 +155,11 @@ def test_what_one_rank_cannot_do_no_rank_does(ring, many):
     for own, text, progress in ((RuntimeError, "at work", lambda share: slow.range("plane")), (TypeError, "progress", 3)):
         with pytest.raises(own if RANK == 0 else vt.Cancelled, match=text if RANK == 0 else f"^rank 0: .*{text}"):
             image(progress if RANK == 0 else None)
-    if RANK == 0:
-        threading.Timer(0.5, os.kill, (os.getpid(), signal.SIGINT)).start()
+    timer = threading.Timer(0.1, os.kill, (os.getpid(), signal.SIGINT))
     with pytest.raises(KeyboardInterrupt if RANK == 0 else vt.Cancelled, match="" if RANK == 0 else "^rank 0: .*KeyboardInterrupt"):
-        image(layers=10**5)
+        if RANK == 0:
+            timer.start()
+        image(layers=10**6)  # some seconds, without it
     again = image()
     assert again.layers == whole.layers and (RANK > 0 or again["plane"].tobytes() == whole["plane"].tobytes())
 
