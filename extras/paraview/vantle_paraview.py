@@ -158,7 +158,8 @@ def squares(points: Any) -> Any:
     number = np.arange(points.shape[0] * points.shape[1], dtype=np.int64).reshape(points.shape[:2])
     around = np.stack([number[:-1, :-1], number[:-1, 1:], number[1:, 1:], number[1:, :-1]], axis=-1).reshape(-1, 4)
     cells = vtkCellArray()
-    cells.SetData(named(np.arange(0, around.size + 1, 4), ""), named(around.reshape(-1), ""))
+    # Cells have arrays of their own over the same memory, which nothing would keep alive if it were one of NumPy.
+    cells.SetData(*(numpy_to_vtk(numbers, deep=True) for numbers in (np.arange(0, around.size + 1, 4), around.reshape(-1))))
     made.SetPoints(corners)
     made.SetPolys(cells)
     return made

@@ -390,31 +390,34 @@ def _of_points(given: Union[Curves, Surface]) -> Any:
     return made
 
 
+def _cells(ends: Any, numbers: Any) -> Any:
+    """Cells over the memory of two arrays of NumPy, both int32 or both int64: where each cell begins and the last one ends among
+    the numbers of their points, and these."""
+    core = _vtk("vtkCommonCore")
+    made, given = _vtk("vtkCommonDataModel").vtkCellArray(), (ends, numbers)
+    # Arrays of just these classes are not copied.
+    arrays = [core.vtkTypeInt32Array() if array.dtype == np.int32 else core.vtkTypeInt64Array() for array in given]
+    for array, values in zip(arrays, given):
+        array.SetVoidArray(values, values.size, 1)
+    made.SetData(*arrays)
+    # Cells have arrays of their own over the same memory. These keep it alive.
+    for array, values in zip((made.GetOffsetsArray(), made.GetConnectivityArray()), given):
+        array._numpy_reference = values
+    return made
+
+
 def _of_curves(curves: Curves) -> Any:
     made = _of_points(curves)
     lines = [curves.curve(n) for n in range(len(curves))]
-    ends = np.cumsum([0, *map(len, lines)], dtype=np.int64)
-    cells = _vtk("vtkCommonDataModel").vtkCellArray()
     numbers = np.concatenate(lines).astype(np.int64) if lines else np.empty(0, dtype=np.int64)
-    cells.SetData(_array(ends, ""), _array(numbers, ""))
-    made.SetLines(cells)
+    made.SetLines(_cells(np.cumsum([0, *map(len, lines)], dtype=np.int64), numbers))
     return made
 
 
 def _of_surface(surface: Surface) -> Any:
-    data, core = _vtk("vtkCommonDataModel"), _vtk("vtkCommonCore")
     made = _of_points(surface)
-    triangles = surface.triangles
-    cells = data.vtkCellArray()
-    numbers = np.arange(0, triangles.size + 1, 3, dtype=np.int32), triangles.reshape(-1).view(np.int32)
-    arrays = [core.vtkTypeInt32Array() for _ in numbers]  # the class that cells hold: 32 bits, as they are
-    for array, given in zip(arrays, numbers):
-        array.SetVoidArray(given, given.size, 1)
-    cells.SetData(*arrays)
-    # Cells have arrays of their own over the same memory. These keep it alive.
-    for array, given in zip((cells.GetOffsetsArray(), cells.GetConnectivityArray()), numbers):
-        array._numpy_reference = given
-    made.SetPolys(cells)
+    numbers = surface.triangles.reshape(-1).view(np.int32)
+    made.SetPolys(_cells(np.arange(0, numbers.size + 1, 3, dtype=np.int32), numbers))
     if "normals" in surface:
         made.GetPointData().SetActiveNormals("normals")
     return made
