@@ -645,15 +645,14 @@ std::string DataSet::magnitude(const std::string& vector) const { return derived
 
 DataSet DataSet::threshold(const std::string& field, double low, double high) const {
     return detail::request("threshold of field " + quoted(field), [&] {
-        const StrongPtr<Field> of = step().field(field, 1);
-        const StrongPtr<Field> mask = makeMaskOfRange(of, low, high, step().representation, step().cache);
+        const StrongPtr<Field> mask = step().maskOfRange(field, low, high);
         DataSet result = changed();
         Step& own = result.ownStep();
         const StrongPtr<Field> all = copyOf(mask, own.positions()->getFragmentIDCollection());
         for (const DataSetBlock& block : own.blocks()) // without values nothing is in range
             if (!all->getCreator(block.id))
                 all->setCreator(creatorOf(MemArray<3, unsigned char>::create(block.size()), own.cache), block.id);
-        own.setField(VertexMaskName, all, step().sourcesOf(field));
+        own.setField(VertexMaskName, all);
         return result;
     });
 }

@@ -111,7 +111,7 @@ DataSet::Step::Step(double when, const StrongPtr<Slice>& in, const StrongPtr<Hes
 
 DataSet::Step::Step(const Step& other, double when, const StrongPtr<Slice>& in)
     : time(when), slice(in), grid(slice->newGrid("data")), representation(grid->makeCartesianRepresentation(3)),
-      cache(other.cache), joins(other.joins), myMaskSources(other.myMaskSources), myLocator(other.myLocator) {
+      cache(other.cache), joins(other.joins), myLocator(other.myLocator) {
     other.representation->iterate([&](const FieldID& id, const Field& field) {
         representation->setField(id.name(), StrongPtr<Field>(const_cast<Field*>(&field)));
         return true;
@@ -202,6 +202,13 @@ StrongPtr<MemBase> DataSet::Step::data(const std::string& name, const Field& fie
     return data;
 }
 
+struct DataSet::Step::MaskOrigin : Hestra::Interface<MaskOrigin> {
+    MaskOrigin(const Step& of, const std::string& field)
+        : step(std::make_unique<const Step>(of, of.time, Hestra::makeRef<Slice>().strong())), name(field) {}
+    const std::unique_ptr<const Step> step;
+    const std::string name;
+};
+
 std::vector<StrongPtr<Field>> DataSet::Step::sourcesOf(const std::string& name) const {
     std::vector<StrongPtr<Field>> all;
     for (std::optional<Formula> formula{Formula{{}, name}}; formula; formula = parse(formula->operand))
@@ -212,10 +219,32 @@ std::vector<StrongPtr<Field>> DataSet::Step::sourcesOf(const std::string& name) 
 void DataSet::Step::throwReadingFailures(const Fields& names) const {
     for (const std::string& name : names)
         for (const StrongPtr<Field>& of : sourcesOf(name)) throwReadingFailure(*of);
-    for (const StrongPtr<Field>& of : myMaskSources) throwReadingFailure(*of);
-    for (const StrongPtr<Field>& mask : {masks().vertexMask(), masks().cellMask()})
-        if (mask) throwReadingFailure(*mask);
+    for (const StrongPtr<Field>& mask : {masks().vertexMask(), masks().cellMask()}) {
+        if (!mask) continue;
+        throwReadingFailure(*mask);
+        mask->iterate(
+            [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+                const auto origin = creator->findInterface<MaskOrigin>();
+                if (origin) origin->step->throwReadingFailures({origin->name});
+                return !origin; // which blocks have in common
+            },
+            false);
+    }
     throwReadingFailure(*positions());
+}
+
+StrongPtr<Field> DataSet::Step::maskOfRange(const std::string& name, double low, double high) const {
+    (void)field(name, 1); // found once for both
+    const auto origin = Hestra::makeRef<MaskOrigin>(*this, name);
+    const Step& now = *origin->step;
+    const StrongPtr<Field> mask = makeMaskOfRange(now.field(name, 1), low, high, now.representation, cache);
+    mask->iterate(
+        [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+            creator->addInterface(origin);
+            return true;
+        },
+        false);
+    return mask;
 }
 
 // What is known of the numbers of a field, and of the box of a block, is what it was derived from that decides.
@@ -638,10 +667,8 @@ void DataSet::Step::setCreator(const std::string& name, const StrongPtr<Fragment
     forget(std::move(locator), name);
 }
 
-void DataSet::Step::setField(const std::string& name, const StrongPtr<Field>& field,
-                             const std::vector<StrongPtr<Field>>& maskSources) {
+void DataSet::Step::setField(const std::string& name, const StrongPtr<Field>& field) {
     auto locator = std::make_shared<LocatorSlot>();
-    myMaskSources.insert(myMaskSources.end(), maskSources.begin(), maskSources.end());
     representation->setField(name, field);
     forget(std::move(locator), name);
 }

@@ -420,6 +420,15 @@ TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
     EXPECT_FALSE(cut.isEmpty());
     EXPECT_LT(cut.triangles().size(), flow.contour("plane", 1.0).triangles().size());
     EXPECT_TRUE(has(errorOf([&] { (void)flow.threshold("velocity", 0); }), "vector"));
+    // What it goes by is that of then, though it is derived, and all that was asked for it changes.
+    DataSet steep = ring(5), now = ring(5);
+    const DataSet before = steep.threshold("magnitude(gradient(wave))", 1.5), masked = now.threshold("plane", -3.0);
+    steep = steep.threshold("magnitude(gradient(wave))", 1.5);
+    steep = steep.threshold("plane", -HUGE_VAL);
+    now.setVertexMask(now.blocks()[0].name, MemArray<3, int>::create(now.blocks()[0].size));
+    EXPECT_EQ(masked.locate(positions).found(), flow.threshold("plane", -3.0).locate(positions).found());
+    EXPECT_LT(before.locate(positions).found(), all.found());
+    EXPECT_EQ(steep.locate(positions).found(), before.locate(positions).found());
 
     const Surface hull = flow.boundary({"plane", "velocity"}), whole = ring(5, 1).boundary(), inner = part.boundary();
     EXPECT_TRUE(hull.isClosed() && inner.isClosed());
@@ -952,6 +961,7 @@ TEST_F(DataSetFilesTest, AreReadWhenNeededAndSaidToBeGoneThen) {
         },
         [&] { fresh.write(folder / "fresh.vtm"); },
         [&] { (void)fresh.threshold("density", 3.0).boundary(); },
+        [&] { (void)fresh.threshold("density", 3.0).block("block1").bounds(); },
     };
     testing::internal::CaptureStderr();
     for (std::size_t n = 0; n < needing.size(); ++n) {
