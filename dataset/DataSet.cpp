@@ -262,7 +262,7 @@ void DataSet::addTime(double time, const DataSet& step) {
     DataSet result = std::any_of(now.begin(), now.end(), isThere) ? changed() : changeable(false);
     auto& steps = result.myState->steps;
     auto made = std::make_unique<Step>(step.step(), time, result.myState->bundle[time]);
-    made->joins = this->step().joins;
+    made->setJoins(this->step().joins);
     made->cache = result.myState->cache;
     const auto at = std::find_if(steps.begin(), steps.end(), [&](const auto& other) { return other->time >= time; });
     if (at != steps.end() && isThere(*at))

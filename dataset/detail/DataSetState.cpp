@@ -682,6 +682,7 @@ void DataSet::Step::forget(std::shared_ptr<LocatorSlot> locator, const std::stri
 }
 
 void DataSet::Step::setJoins(const JoinOptions& options) {
+    if (joins == options) return;
     joins = options;
     myDerived.clear();
 }

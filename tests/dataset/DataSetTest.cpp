@@ -503,6 +503,22 @@ TEST(DataSetTest, LooksAtTimesAndSamplesThemAtTheSamePlaces) {
     for (std::size_t k = 0; k < positions.size(); ++k) EXPECT_NEAR(later[k], now[k] + 20, 1e-12);
     EXPECT_TRUE(has(errorOf([&] { (void)at.atTime(3.0); }), "locate there again"));
     EXPECT_EQ(flow.atTime(1).grid()->CartesianPositions(), flow.atTime(2).grid()->CartesianPositions());
+
+    // Joins are those of the whole, though the step had others, and was asked by these.
+    DataSet apart;
+    for (const double x : {0.0, 1.001}) apart.addUniformBlock(std::to_string(x), {3, 3, 3}, {{x, 0, 0}, {x + 1, 1, 1}});
+    apart.setField("squares", [](const Point& p) { return p[0] * p[0]; });
+    DataSet step = apart;
+    Vantle::JoinOptions options;
+    options.tolerance = 0.1;
+    step.setJoinOptions(options);
+    const auto gradientOf = [](const DataSet& of) {
+        return Vantle::Values(of.array("gradient(squares)", of.blocks()[0].name));
+    };
+    const Vantle::Values gradient = gradientOf(apart);
+    EXPECT_FALSE(std::ranges::equal(gradientOf(step).numbers(), gradient.numbers()));
+    apart.addTime(1.0, step);
+    EXPECT_TRUE(std::ranges::equal(gradientOf(apart.atTime(1.0)).numbers(), gradient.numbers()));
 }
 
 // Paths through a flow, in the caller's memory.
