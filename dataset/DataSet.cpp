@@ -182,9 +182,11 @@ void DataSet::addRectilinearBlock(const std::string& name, std::vector<double> x
     using Axis = ExplicitCoordinateAxisArray<double>;
     using Axes = DirectProductMemArray<Point, ExplicitCoordinateAxisArray, 3>;
     for (const auto* const axis : {&x, &y, &z})
-        if (axis->empty() || !(std::is_sorted(axis->begin(), axis->end(), std::less_equal<>()) ||
-                               std::is_sorted(axis->begin(), axis->end(), std::greater_equal<>())))
-            throw DataSetError("block " + quoted(name) + ": coordinates that neither ascend nor descend");
+        if (axis->empty() || !std::all_of(axis->begin(), axis->end(), [](double at) { return std::isfinite(at); }) ||
+            !(std::is_sorted(axis->begin(), axis->end(), std::less_equal<>()) ||
+              std::is_sorted(axis->begin(), axis->end(), std::greater_equal<>())))
+            throw DataSetError("block " + quoted(name) +
+                               ": coordinates that are not finite, or neither ascend nor descend");
     addBlock(name,
              StrongPtr<MemBase>(new Axes(Axes::Axes{Axis(std::move(x)), Axis(std::move(y)), Axis(std::move(z))})));
 }
@@ -490,6 +492,7 @@ Surface DataSet::slice(const Plane& plane, const Fields& fields, const Progress&
         const Step& now = step();
         const double norm = length(plane.normal);
         if (!(norm > 0.0) || !std::isfinite(norm)) throw DataSetError("slice: a plane whose normal has no length");
+        if (!(plane.origin == plane.origin)) throw DataSetError("slice: a plane through what is no number");
         const auto boxes = now.reading({}, [&] { return within(0.0, 0.3, [&] { return now.boxes(); }); });
         detail::FieldNumbers numbers; // what the boxes leave possible
         for (const auto& box : boxes->blocks) {

@@ -7,9 +7,12 @@
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/QuadCut.hpp>
 #include <dataset/detail/DataSetState.hpp>
+#include <dataset/detail/NumberArray.hpp>
 #include <dataset/io/FileArray.hpp>
 
 #include <array>
+#include <cmath>
+#include <limits>
 #include <unordered_map>
 
 namespace Vantle {
@@ -37,6 +40,11 @@ std::optional<NumberRange> FieldNumbers::all() const {
 
 bool FieldNumbers::hasNaN() const {
     return std::any_of(blocks.begin(), blocks.end(), [](const BlockNumbers& block) { return block.hasNaN; });
+}
+
+bool FieldNumbers::isInfinite() const {
+    const auto range = all();
+    return range && (std::isinf(range->least) || std::isinf(range->greatest));
 }
 
 std::optional<BlockBox> BlockBoxes::all() const {
@@ -474,7 +482,11 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     const StrongPtr<Grid> source = view();
     const StrongPtr<Representation> fields = source->getCartesianRepresentation();
     if (!plane) fields->setField(name, of);
-    if (numbers.hasNaN()) // no surface beside what is no number
+    // No surface beside what is no number, nor on the way to an infinite one.
+    if (!plane && numbers.isInfinite())
+        fields->setField(VertexMaskName, makeMaskOfRange(of, std::numeric_limits<double>::lowest(),
+                                                         std::numeric_limits<double>::max(), representation, cache));
+    else if (numbers.hasNaN())
         fields->setField(VertexMaskName, makeMaskOfNumbers(of, representation, cache));
     SurfaceOptions options;
     options.joinBlocks = true;
@@ -498,8 +510,13 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         // Vertices that are nowhere: beside them, too, there is no surface. The mask follows that of another grid: in
         // its own it would find itself.
         before = view();
-        before->getCartesianRepresentation()->setField(VertexMaskName, fields->findField(VertexMaskName));
-        fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), before->getCartesianRepresentation(), cache));
+        const StrongPtr<Field> old = fields->findField(VertexMaskName);
+        before->getCartesianRepresentation()->setField(VertexMaskName, old);
+        const StrongPtr<Field> mask = makeMaskOfNumbers(positions(), before->getCartesianRepresentation(), cache);
+        for (const DataSetBlock& block : all) // coordinates that are computed are numbers
+            if (const StrongPtr<MemBase> there = block.positions->cachedData(); there && !there->hasOwnStorage())
+                mask->setCreator(old ? old->getCreator(block.id) : StrongPtr<CreativeArrayBase>(), block.id);
+        fields->setField(VertexMaskName, mask);
         home->remove("surface");
         made = compute();
     }

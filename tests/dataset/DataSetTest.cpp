@@ -198,6 +198,7 @@ TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
     expect([&] { flow.addBlock("front", distortedBlock({2, 2, 2}, 1, 0, 1)); }, "there is a block \"front\" already");
     expect([&] { flow.addBlock("b", Vantle::makeMemArray1D(std::vector<Point>(8))); }, "no points with three indices");
     expect([&] { flow.addRectilinearBlock("b", {0, 2, 1}, {0}, {0}); }, "neither ascend nor descend");
+    expect([&] { flow.addRectilinearBlock("b", {0, std::nan(""), 1}, {0}, {0}); }, "not finite");
     expect([&] { flow.setCellMask("front", MemArray<3, int>::create({4, 3, 2})); }, "front");
     expect([&] { (void)flow.atTime(-1.0); }, "the first time is 0");
     expect([&] { (void)flow.range("velocity"); }, "field \"velocity\" is a vector, not a scalar");
@@ -395,6 +396,21 @@ TEST(DataSetTest, ContoursAreOfTheirLevelsAndHaveNormalsAlongTheGradient) {
     EXPECT_GT(part.points().size(), whole.points().size() * 3 / 4);
     EXPECT_LT(part.points().size(), whole.points().size());
     for (const Point& p : part.points()) EXPECT_TRUE(p == p);
+    // Nor is there any surface beside infinite values, nor beside vertices that are nowhere in another kind of block.
+    ball.setField("part", [](const Point& p) {
+        return p[0] > 0.3 && p[1] > 0.3 ? (p[2] > 0.3 ? -HUGE_VAL : HUGE_VAL) : dot(p - Point(), p - Point());
+    });
+    const Surface finite = ball.contour("part", 0.5);
+    EXPECT_GT(finite.points().size(), whole.points().size() / 2);
+    for (const Point& p : finite.points()) EXPECT_NEAR(dot(p - Point(), p - Point()), 0.5, 0.01);
+    std::vector<Point> places = ball.positions("cube");
+    for (Point& p : places) p[0] += 3;
+    places[8 * (1 + 17 + 17 * 17)][1] = std::nan("");
+    ball.addBlock("holed", {17, 17, 17}, places);
+    ball.setField("x", [](const Point& p) { return p[0] < 2 ? p[0] : p[0] - 3; });
+    const Surface both = ball.contour("x", 0.01);
+    EXPECT_EQ(both.points().size(), std::size_t{2 * 17 * 17 - 1});
+    for (const Point& p : both.points()) EXPECT_TRUE(p == p);
 }
 
 TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
