@@ -636,6 +636,13 @@ Surface DataSet::Step::hull(const Fields& values) const {
     for (const std::string& value : values) source->getCartesianRepresentation()->setField(value, field(value));
     const StrongPtr<Slice> home = Hestra::makeRef<Slice>();
     const StrongPtr<Grid> made = ComputeBlockBoundary(*source, *home, "hull", {.joins = joins, .fields = values});
+    const StrongPtr<Representation> vertices = made->getCartesianRepresentation();
+    for (const std::string& value : values) // of which nothing is there, if there is no hull
+        if (!vertices->findField(value)->getCreator(nullptr)) {
+            const StrongPtr<Field> of = field(value);
+            const detail::NumberArray none(value, knownComponents(value, *of), MultiIndex<1>(0), 0.0);
+            vertices->setField(value, Hestra::makeRef<Field>(none.array, StrongPtr<FragmentIDCollection>()));
+        }
     own(*made);
     return Surface(made);
 }

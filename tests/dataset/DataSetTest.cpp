@@ -453,6 +453,7 @@ TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
     for (std::size_t k = 0; k < hull.points().size(); ++k) EXPECT_EQ(hull.values("plane")[k], plane(hull.points()[k]));
     EXPECT_EQ(hull.values("velocity").components(), 3);
     EXPECT_TRUE(has(errorOf([&] { (void)flow.boundary({"plan"}); }), "\"plane\""));
+    EXPECT_EQ(flow.threshold("plane", 1e3).boundary({"plane", "velocity"}).names().size(), 2U); // of nothing
 }
 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
