@@ -348,8 +348,10 @@ std::vector<Point> DataSet::positions(const std::string& block) const {
 }
 
 StrongPtr<MemBase> DataSet::positionArray(const std::string& block) const {
-    return detail::request("positions of block " + quoted(block),
-                           [&] { return step().data(PositionsName, *step().positions(), step().block(block)); });
+    return detail::request("positions of block " + quoted(block), [&] {
+        const DataSetBlock at = step().block(block);
+        return step().reading({}, [&] { return step().data(PositionsName, *step().positions(), at); });
+    });
 }
 
 std::array<std::vector<double>, 3> DataSet::axes(const std::string& block) const {

@@ -977,7 +977,10 @@ TEST_F(DataSetFilesTest, AreReadWhenNeededAndSaidToBeGoneThen) {
     EXPECT_THROW((void)DataSet::read({folder / "none.xyz"}), Vantle::FileError);
 
     // Shorter by one block: what is to be read again says so, and names the file; what was read stays.
-    const DataSet fresh = DataSet::read({xyz, late});
+    const DataSet fresh = DataSet::read({xyz, late}),
+                  elsewhere = DataSet::read({store("gone.xyz", gridBytes(form, grid))});
+    std::filesystem::remove(folder / "gone.xyz");
+    EXPECT_TRUE(has(errorOf([&] { (void)elsewhere.positionArray("block1"); }), "gone.xyz"));
     (void)fresh.bounds();
     store("late.q", solutionBytes(form, {flow[0].begin(), flow[0].end() - 1}));
     const auto at = fresh.locate(ready.positions(ready.blocks().front().name));
