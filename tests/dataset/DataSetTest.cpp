@@ -209,6 +209,7 @@ TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
     expect([&] { (void)flow.resample(beyond, {{0, 0, 0}, {1, 1, 1}}, {"density"}); }, "not enough memory");
     expect([&] { flow.addUniformBlock("b", beyond, {{0, 0, 0}, {1, 1, 1}}); }, "more vertices than can be numbered");
     expect([&] { (void)flow.slice({{0, 0, 0}, {0, 0, 0}}); }, "no length");
+    expect([&] { (void)flow.slice(Plane::y(std::nan(""))); }, "no number");
     const std::vector<Point> one(1);
     expect([&] { (void)flow.locate({one.data(), ~std::size_t{0} / sizeof(Point)}); }, "positions: there is not enough");
     expect([&] { (void)flow.slice(Plane::z(0.5)).values("speed"); }, "no value \"speed\"; there are none");
