@@ -484,6 +484,8 @@ void move(const fs::path& file, const fs::path& from, const fs::path& to) {
 void writeBlocks(const fs::path& file, const Source& source, const VtkOptions& options) {
     const std::string stem = file.stem().string();
     const fs::path folder = file.parent_path() / stem;
+    if (!detail::vtkCanName(stem))
+        throw FileError(file, "", "has a name that is no UTF-8, by which to find its blocks");
     checkReplaceable(file, folder, stem);
     Leftover made(hiddenNeighbour(folder));
     std::error_code error;

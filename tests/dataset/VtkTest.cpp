@@ -82,6 +82,9 @@ TEST_F(VtkTest, SurfacesComeBack) {
 
     writeVtp(folder / "a.vtp", {}, {}); // replaces the file
     EXPECT_TRUE(Appended(folder / "a.vtp").values<double>("Points").empty());
+    // A reader understands nothing of a file with bytes that are no UTF-8, and makes blanks of ends of lines.
+    writeVtp(folder / "a.vtp", kPoints, {}, std::vector<VtkArray>{{"\xc3\xa9\xe9\n\xff\x01", kScalars}});
+    EXPECT_NE(Appended(folder / "a.vtp").xml.find("\"\xc3\xa9\xc3\xa9&#10;\xc3\xbf \""), std::string::npos);
     expectOnly(1);
 }
 
