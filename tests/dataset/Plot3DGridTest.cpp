@@ -255,6 +255,10 @@ TEST_F(Plot3DGridTest, FunctionsAndTheirVectors) {
         other.addBlock("block" + std::to_string(b), MemArray<3, point>::create({2, 2, 2}));
     EXPECT_THROW((void)addPlot3DFields(other, file), FileError);
     EXPECT_FALSE(other.field("heat"));
+    const auto taken = Plot3DFile::openFunctions(folder / "functions", Plot3DFile::openGrid(folder / "grid"),
+                                                 {{"a", ""}, {"b", ""}, {"Positions", ""}, {"c", ""}});
+    EXPECT_THROW((void)addPlot3DFields(flow, taken), FileError);
+    EXPECT_FALSE(flow.field("a"));
 }
 
 // Operations and writers need no more than the grid; what they made is as if everything had been in memory.
