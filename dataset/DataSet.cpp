@@ -104,6 +104,7 @@ DataSet DataSet::read(const std::vector<std::filesystem::path>& files, const Rea
         const Plot3DFile fields = Plot3DFile::openFields(files[n], file, names, options.form);
         if (fields.content() == Plot3DContent::solution) {
             const double time = fields.readFreeStream(0).time;
+            if (std::isnan(time)) throw FileError(files[n], "block 1, freestream numbers", "the time is no number");
             if (!times.empty()) {
                 now = Hestra::makeRef<Grid>();
                 const StrongPtr<Representation> same = now->makeCartesianRepresentation(3);

@@ -976,6 +976,9 @@ TEST_F(DataSetFilesTest, AreReadWhenNeededAndSaidToBeGoneThen) {
     EXPECT_TRUE(has(errorOf([&] { read.write(folder / "x.vtm", {"densty"}); }), "\"density\""));
     EXPECT_THROW((void)DataSet::read({xyz, late, late}), DataSetError);
     EXPECT_THROW((void)DataSet::read({folder / "none.xyz"}), Vantle::FileError);
+    flow[1][0].time = std::nan("");
+    const auto never = store("never.q", solutionBytes(form, flow[1]));
+    EXPECT_TRUE(has(errorOf([&] { (void)DataSet::read({xyz, never}); }), "the time is no number"));
 
     // Shorter by one block: what is to be read again says so, and names the file; what was read stays.
     const DataSet fresh = DataSet::read({xyz, late}),
