@@ -14,6 +14,7 @@
 #include <string>
 #include <support/Plot3DFile.hpp>
 #include <support/VtkFile.hpp>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -208,6 +209,9 @@ TEST_F(Plot3DGridTest, FilesThatChangeAreNoticed) {
                               " bytes, and has " + std::to_string(bytes - 1) + " now");
     fs::remove(file);
     EXPECT_EQ(failure(1), place + "cannot be opened: No such file or directory");
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    EXPECT_NE(failure(1).find("has changed"), std::string::npos); // and does not wait
+    fs::remove(file);
     // Operations see no data, and say nothing; why, is known afterwards.
     EXPECT_FALSE(pressure->getData(block(*pressure, 1)));
     EXPECT_THROW(throwReadingFailure(*pressure), FileError);
