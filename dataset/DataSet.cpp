@@ -111,7 +111,7 @@ DataSet DataSet::read(const std::vector<std::filesystem::path>& files, const Rea
                 same->setPositions(vertices->Positions());
                 same->setField(VertexMaskName, vertices->findField(VertexMaskName));
             }
-            if (std::isnan(time) || !times.emplace(time, now).second)
+            if (!times.emplace(time, now).second)
                 throw DataSetError(files[n].string() + ": another solution is of time " + textOf(time) + ", too");
         }
         RegularGrid3D grid(now);
