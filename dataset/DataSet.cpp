@@ -158,7 +158,8 @@ void DataSet::addBlock(const std::string& name, const StrongPtr<CreativeArrayBas
     if (step().positions()->getFragmentID(name)) throw DataSetError("there is a block " + quoted(name) + " already");
     if (step().positions()->getCreator(nullptr) && !step().blocks().back().id)
         throw DataSetError("block " + quoted(name) + ": the data set is one block without name");
-    DataSet result = changeable(true);
+    // Others would get the fragment by the search structures beside positions that are theirs, too.
+    DataSet result = step().ownsPositions() ? changeable(true) : changed();
     result.ownStep().setCreator(PositionsName, Hestra::makeRef<FragmentID>(name), positions);
     *this = std::move(result);
 }

@@ -158,6 +158,8 @@ struct DataSet::Step {
     [[nodiscard]] Hestra::StrongPtr<Field> maskOfRange(const std::string& name, double low, double high) const;
     /// Whether others have the structures that are kept with this grid.
     [[nodiscard]] bool sharesLocator() const noexcept { return !detail::isAlone(myLocator); }
+    /// Whether nobody else has the field of positions, nor its fragments: a block would be added in place.
+    [[nodiscard]] bool ownsPositions() const { return changeable(PositionsName) == positions(); }
 
     double time;
     Hestra::StrongPtr<Slice> slice;

@@ -175,6 +175,23 @@ TEST(DataSetTest, ChangesOfOneHandleReachNoOther) {
     const auto before = fragmentsOf(other.grid());
     add(one, 2);
     EXPECT_EQ(fragmentsOf(other.grid()), before);
+
+    // Nor does what is built to find positions in a block that another copy has got.
+    const auto at = [](double x) {
+        std::vector<Point> corners;
+        for (int n = 0; n < 8; ++n) corners.push_back({x + (n & 1), double(n >> 1 & 1), double(n >> 2)});
+        return corners;
+    };
+    const std::vector<Point> middles{{0.5, 0.5, 0.5}, {3.5, 0.5, 0.5}};
+    DataSet front;
+    front.addBlock("front", {2, 2, 2}, at(0));
+    DataSet both = front;
+    both.setVertexMask("front", MemArray<3, int>::create({2, 2, 2}));
+    both.setVertexMask("front", nullptr); // and a locator of its own
+    EXPECT_EQ(both.locate(middles).found(), 1U);
+    both.addBlock("back", {2, 2, 2}, at(3));
+    EXPECT_EQ(both.locate(middles).found(), 2U);
+    EXPECT_EQ(front.grid()->CartesianPositions()->nFragments(), 1U);
 }
 
 TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
