@@ -508,6 +508,15 @@ TEST(DataSetTest, FindsPositionsExactlyAndOnlyInside) {
             EXPECT_EQ(at.blocks()[k], Vantle::Located::Nowhere);
         }
     }
+    // Where a vertex is nowhere, the rest of its block is where it was, masks or not.
+    DataSet holed;
+    std::vector<Point> places = flow.positions("box");
+    places.back()[1] = std::nan("");
+    holed.addBlock("holed", {4, 4, 4}, places);
+    const auto mask = MemArray<3, int>::create({4, 4, 4});
+    for (Vantle::index_t n = 0; n < 64; ++n) mask->element(n) = n != 0;
+    holed.setVertexMask("holed", mask);
+    EXPECT_EQ(holed.locate(std::vector<Point>{{5.5, 0.2, 0.5}, {5.1, 0.1, 0.1}, {5.9, 0.9, 0.9}}).found(), 1U);
     // Small blocks of integers are interpolated as numbers, not as what they are stored in.
     DataSet bytes;
     bytes.addUniformBlock("b", {2, 2, 2}, {{0, 0, 0}, {1, 1, 1}});
