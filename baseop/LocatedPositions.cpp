@@ -230,7 +230,8 @@ int LocatedPositions::components(const VantleTypeIndex& elementType) noexcept {
 }
 
 void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<FragmentID>> fragments, int components,
-                              std::span<double> values, std::span<unsigned char> mask) const {
+                              std::span<double> values, std::span<unsigned char> mask,
+                              std::span<const DynamicSize> sizes) const {
     VANTLE_SCOPE("LocatedPositions::sample(field, values)");
     if (values.size() != mySize * static_cast<std::size_t>(components) || (!mask.empty() && mask.size() != mySize))
         throw std::invalid_argument("LocatedPositions: a wrong number of values");
@@ -259,6 +260,10 @@ void LocatedPositions::sample(const Field& field, std::span<const StrongPtr<Frag
                 if (!arrays.back())
                     throw std::invalid_argument("the data of fragment \"" + FragmentID::Name(fragments[n], {}) +
                                                 "\" cannot be made");
+                if (!sizes.empty() && arrays.back()->getDynamicSize() != sizes[n])
+                    throw std::invalid_argument("fragment \"" + FragmentID::Name(fragments[n], {}) + "\" has " +
+                                                to_string(sizes[n]) + " vertices, the data are " +
+                                                to_string(arrays.back()->getDynamicSize()));
                 any = arrays.back();
                 if (!isThere) made += arrays.back()->memsize();
             }

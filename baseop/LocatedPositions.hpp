@@ -62,8 +62,9 @@ public:
     ///          may have been written by then.
     ///
     /// @param values  as many as there are positions, times the components: those of a position follow each other.
+    /// @param sizes   extents of the fragments, if they are known: data of others are a failure, too.
     void sample(const Field& field, std::span<const Hestra::StrongPtr<FragmentID>> fragments, int components,
-                std::span<double> values, std::span<unsigned char> mask) const;
+                std::span<double> values, std::span<unsigned char> mask, std::span<const DynamicSize> sizes = {}) const;
 
 private:
     std::size_t mySize = 0, myFound = 0;

@@ -651,8 +651,12 @@ Surface DataSet::Step::hull(const Fields& values) const {
 void DataSet::Step::sample(const LocatedPositions& at, const std::string& name, const Field& field, int components,
                            std::span<double> values, std::span<unsigned char> mask) const {
     std::vector<StrongPtr<FragmentID>> fragments;
-    for (const DataSetBlock& block : blocks()) fragments.push_back(block.id);
-    (void)reading({name}, [&] { return at.sample(field, fragments, components, values, mask), true; });
+    std::vector<DynamicSize> sizes;
+    for (const DataSetBlock& block : blocks()) {
+        fragments.push_back(block.id);
+        sizes.emplace_back(block.size());
+    }
+    (void)reading({name}, [&] { return at.sample(field, fragments, components, values, mask, sizes), true; });
 }
 
 // ---------------------------------------------------------------------------------------------------------------------

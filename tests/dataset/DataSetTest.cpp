@@ -941,6 +941,11 @@ TEST(DataSetTest, KeepsToItsBudgetAndSaysWhatCannotBeMade) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     isBroken = false;
     EXPECT_LT(masked.locate(positionsIn(ready, 20, 1)).found(), 20 * ready.blocks().size());
+    // Data that turn out to have other extents are no values of anything.
+    DataSet odd = anew(ready);
+    const auto make = [](const auto&) { return MemArray<3, double>::create({3, 3, 3}).strong(); };
+    odd.setField("odd", block, Hestra::makeRef<Vantle::CreativeArray>(make, typeid(double)).strong());
+    EXPECT_TRUE(has(errorOf([&] { (void)odd.locate(odd.positions(block)).sample("odd"); }), "the data are [3x3x3]"));
 }
 
 // ---- Files ----------------------------------------------------------------------------------------------------------
