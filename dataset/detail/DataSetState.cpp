@@ -7,6 +7,7 @@
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/QuadCut.hpp>
 #include <dataset/detail/DataSetState.hpp>
+#include <dataset/detail/NumberArray.hpp>
 #include <dataset/io/FileArray.hpp>
 
 #include <array>
@@ -481,8 +482,14 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         const Pulse::Part part(0.7 + 0.3 * share(n, wanted.size()), 0.7 + 0.3 * share(n + 1, wanted.size()));
         Pulse::beat(0.0);
         const auto& [valueName, quantity] = wanted[n];
-        const StrongPtr<MemBase> array = EvalFieldOnIsosurface(*made, *quantity);
+        StrongPtr<MemBase> array = EvalFieldOnIsosurface(*made, *quantity);
         if (!array) throw DataSetError("the values of a surface did not fit into the cache");
+        if (const Values found(array); found.components() == 1 && (found.size() == 0 || std::isnan(found.numbers()[0])))
+            // Perhaps because none of the blocks there has the field, which may be one of vectors.
+            if (const int known = components(*quantity); known > 1)
+                array = detail::NumberArray(valueName, known, MultiIndex<1>(found.size()),
+                                            std::numeric_limits<double>::quiet_NaN())
+                            .array;
         if (hasNormals && n + 1 == wanted.size())
             withMemArray<1>(TypeList<PhysicalSpace::vector>(), array, [](auto& normals) {
                 for (index_t k = 0; k < normals.nElements(); ++k) {

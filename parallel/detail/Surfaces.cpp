@@ -385,6 +385,9 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                 made->takeKinds(names, reader);
                 reader.forAll<PartCounts>([&](std::size_t, const PartCounts& count) { counts.push_back(count); });
             }
+            std::map<std::string, int> components;
+            for (const auto& [valueName, value] : wanted) components[valueName] = value.components;
+            made->completeKinds(components);
             if (!together.reachesAbove) return;
             std::vector<detail::BlockCounts> left;
             for (const PartCounts& count : counts) left.push_back(together.hasDropped ? count.used : count.all);
@@ -403,12 +406,12 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
             auto& points = surface.points->base_vector();
             auto& triangles = surface.triangles->base_vector();
             if (!together.reachesAbove) {
-                for (const std::string& value : names) arrays[value] = detail::makeValues(made->kind(value), 0);
+                for (const std::string& value : names) arrays[value] = detail::makeValues(made->values[value], 0);
                 made->piece = detail::makeSurface({}, {}, arrays);
                 return;
             }
             for (std::size_t n = 0; n < names.size(); ++n) {
-                const ValueKind kind = made->kind(names[n]);
+                const ValueKind kind = made->values[names[n]];
                 arrays[names[n]] =
                     kind == detail::kindOf(evaluated[n]) ? evaluated[n] : detail::makeValues(kind, points.size());
             }

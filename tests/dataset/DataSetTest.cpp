@@ -378,9 +378,10 @@ TEST(DataSetTest, ContoursAreOfTheirLevelsAndHaveNormalsAlongTheGradient) {
     }
     EXPECT_EQ(surfaces[0].points().size(), surfaces[2].points().size());
     for (const double outside : {-1e3, 1e3, flow.range("plane").greatest + 1e-9}) {
-        const Surface empty = flow.contour("plane", outside, {.values = {"wave"}, .normals = true});
+        const Surface empty = flow.contour("plane", outside, {.values = {"wave", "velocity"}, .normals = true});
         EXPECT_TRUE(empty.isEmpty() && empty.isClosed() && empty.hasNormals());
         EXPECT_EQ(empty.values("wave").size(), 0U);
+        EXPECT_EQ(empty.values("velocity").components(), 3);
     }
     DataSet ball;
     ball.addUniformBlock("cube", {17, 17, 17}, {{-1, -1, -1}, {1, 1, 1}});
@@ -416,6 +417,9 @@ TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
     const auto values = some.sample("wave");
     for (std::size_t k = 0; k < positions.size(); ++k) EXPECT_TRUE(!some.isFound(k) || values[k] >= -0.2 - 1e-12);
     EXPECT_TRUE(part.contour("plane", 4.5).isEmpty());
+    const Surface nothing = flow.threshold("plane", 1e9).boundary({"wave", "velocity"});
+    EXPECT_TRUE(nothing.isEmpty() && nothing.values("wave").size() == 0 &&
+                nothing.values("velocity").components() == 3);
     const Surface cut = part.contour("plane", 1.0);
     EXPECT_FALSE(cut.isEmpty());
     EXPECT_LT(cut.triangles().size(), flow.contour("plane", 1.0).triangles().size());
