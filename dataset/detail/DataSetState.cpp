@@ -266,11 +266,12 @@ std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes() const {
         const Pulse::Part part(share(made->blocks.size(), all.size()), share(made->blocks.size() + 1, all.size()));
         Pulse::beat(0.0);
         const StrongPtr<MemBase> points = data(PositionsName, *of, block);
-        made->blocks.push_back(ComputeNumberBox(points, blanking.of(block.id, block.size()).rawptr()));
-        // Where a NaN would take the place of a corner: location goes by the box that it finds.
-        if (points && !blanking && made->blocks.back() && !block.positions->findInterface<Orvix::BoundingBox>())
-            block.positions->addInterface(
-                Hestra::makeRef<Orvix::BoundingBox>(made->blocks.back()->least, made->blocks.back()->greatest));
+        const StrongPtr<const BlockMask> mask = blanking.of(block.id, block.size());
+        made->blocks.push_back(ComputeNumberBox(points, mask.rawptr()));
+        // Where a NaN would take the place of a corner: location goes by the box that it finds, which knows no masks.
+        if (!points || block.positions->findInterface<Orvix::BoundingBox>()) continue;
+        if (const auto whole = mask ? ComputeNumberBox(points) : made->blocks.back())
+            block.positions->addInterface(Hestra::makeRef<Orvix::BoundingBox>(whole->least, whole->greatest));
     }
     const std::lock_guard lock(myMutex);
     myBoxes = made;

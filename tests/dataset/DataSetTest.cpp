@@ -274,6 +274,29 @@ TEST(DataSetTest, RangesAndBoxesAreOfNumbersWhateverTheirOrderAndTheThreads) {
     omp_set_num_threads(omp_get_num_procs());
 }
 
+// Beside a block that is computed, and has a mask.
+TEST(DataSetTest, AVertexThatIsNowhereTakesOnlyItsCellsAway) {
+    for (const std::size_t nowhere : {0U, 62U, 124U}) {
+        DataSet flow;
+        std::vector<Point> points;
+        std::vector<double> rows;
+        for (int n = 0; n < 125; ++n) {
+            points.emplace_back(n % 5, n / 5 % 5, n / 25);
+            rows.push_back(n / 5 % 5);
+        }
+        points[nowhere][0] = std::nan("");
+        flow.addBlock("a", {5, 5, 5}, points);
+        flow.addUniformBlock("b", {5, 5, 5}, {{4, 0, 0}, {8, 4, 4}});
+        for (const char* block : {"a", "b"}) flow.setField("rows", block, rows);
+        const auto mask = MemArray<3, int>::create({5, 5, 5});
+        for (index_t n = 0; n < 124; ++n) mask->element(n) = 1;
+        flow.setVertexMask("b", mask);
+        EXPECT_EQ(flow.locate(points).found(), 124U);
+        const Surface layer = flow.contour("rows", 1.5);
+        EXPECT_EQ(layer.triangles().size(), nowhere == 62 ? 56U : 64U);
+    }
+}
+
 // ---- Surfaces -------------------------------------------------------------------------------------------------------
 
 TEST(DataSetTest, ContoursAndSlicesOfTurnedBlocksAreThoseOfTheUncutRing) {
