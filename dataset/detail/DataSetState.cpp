@@ -42,11 +42,6 @@ bool FieldNumbers::hasNaN() const {
     return std::any_of(blocks.begin(), blocks.end(), [](const BlockNumbers& block) { return block.hasNaN; });
 }
 
-bool FieldNumbers::isInfinite() const {
-    const auto range = all();
-    return range && (std::isinf(range->least) || std::isinf(range->greatest));
-}
-
 std::optional<BlockBox> BlockBoxes::all() const {
     std::optional<BlockBox> box;
     for (const auto& block : blocks) {
@@ -304,8 +299,8 @@ std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes() const {
         const StrongPtr<MemBase> points = data(PositionsName, *of, block);
         const StrongPtr<const BlockMask> mask = blanking.of(block.id, block.size());
         made->blocks.push_back(ComputeNumberBox(points, mask.rawptr()));
-        // Where a NaN would take the place of a corner: location goes by the box that it finds, whatever is masked.
-        if (block.positions->findInterface<Orvix::BoundingBox>()) continue;
+        // Where a NaN would take the place of a corner: location goes by the box that it finds, which knows no masks.
+        if (!points || block.positions->findInterface<Orvix::BoundingBox>()) continue;
         if (const auto whole = mask ? ComputeNumberBox(points) : made->blocks.back())
             block.positions->addInterface(Hestra::makeRef<Orvix::BoundingBox>(whole->least, whole->greatest));
     }
@@ -468,6 +463,13 @@ void own(Grid& surface) {
     for (const StrongPtr<Field>& field : all) keep(*field);
 }
 
+/// Whether a point of a surface is nowhere.
+bool hasNaN(const Grid& surface) {
+    const StrongPtr<MemBase> points = surface.CartesianPositions()->getData();
+    const auto box = ComputeNumberBox(points); // none where no coordinate along an axis is a number
+    return box ? box->hasNaN : points && points->nElements() > 0;
+}
+
 } // namespace
 
 Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& of, const detail::FieldNumbers& numbers,
@@ -483,11 +485,7 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     const StrongPtr<Grid> source = view();
     const StrongPtr<Representation> fields = source->getCartesianRepresentation();
     if (!plane) fields->setField(name, of);
-    // No surface beside what is no number, nor on the way to an infinite one.
-    if (!plane && numbers.isInfinite())
-        fields->setField(VertexMaskName, makeMaskOfRange(of, std::numeric_limits<double>::lowest(),
-                                                         std::numeric_limits<double>::max(), representation, cache));
-    else if (numbers.hasNaN())
+    if (numbers.hasNaN()) // no surface beside what is no number
         fields->setField(VertexMaskName, makeMaskOfNumbers(of, representation, cache));
     SurfaceOptions options;
     options.joinBlocks = true;
@@ -506,18 +504,32 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
                                        options)
                      : ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
     };
-    StrongPtr<Grid> made = compute(), before;
-    if (const auto box = ComputeNumberBox(made->CartesianPositions()->getData()); box && box->hasNaN) {
-        // Vertices that are nowhere: beside them, too, there is no surface. The mask follows that of another grid: in
-        // its own it would find itself.
-        before = view();
-        const StrongPtr<Field> old = fields->findField(VertexMaskName);
-        before->getCartesianRepresentation()->setField(VertexMaskName, old);
-        const StrongPtr<Field> mask = makeMaskOfNumbers(positions(), before->getCartesianRepresentation(), cache);
-        for (const DataSetBlock& block : all) // coordinates that are computed are numbers
-            if (const StrongPtr<MemBase> there = block.positions->cachedData(); there && !there->hasOwnStorage())
-                mask->setCreator(old ? old->getCreator(block.id) : StrongPtr<CreativeArrayBase>(), block.id);
-        fields->setField(VertexMaskName, mask);
+    StrongPtr<Grid> made = compute();
+    // Beside vertices that are nowhere, or whose values are infinite, there is no surface either. A mask follows that
+    // of another grid: in its own it would find itself.
+    std::vector<StrongPtr<Grid>> before;
+    std::vector<StrongPtr<Field>> seen; // with the values of owners, who are others when more is masked
+    const auto hide = [&](const auto& makeMask) {
+        before.push_back(view());
+        const StrongPtr<Representation> present = before.back()->getCartesianRepresentation();
+        present->setField(VertexMaskName, fields->findField(VertexMaskName));
+        fields->setField(VertexMaskName, makeMask(present));
+    };
+    for (int round = 0; round < detail::MostMaskings && hasNaN(*made); ++round) {
+        if (!plane) {
+            const StrongPtr<BlockJoins> together = BlockJoins::of(*source, joins);
+            seen.push_back(Hestra::makeRef<Field>(of->getFragmentIDCollection()));
+            for (const DataSetBlock& block : all) {
+                const unsigned int number = together->find(block.id);
+                const bool shares = number < together->blocks() && together->isShared(number);
+                if (const StrongPtr<MemBase> own = data(name, *of, block))
+                    seen.back()->setPersistentData(shares ? ownersData(*together, *of, number) : own, block.id);
+            }
+        }
+        hide([&](const auto& present) { return makeMaskOfNumbers(positions(), present, cache); });
+        constexpr double most = std::numeric_limits<double>::max();
+        if (!plane)
+            hide([&](const auto& present) { return makeMaskOfRange(seen.back(), -most, most, present, cache); });
         home->remove("surface");
         made = compute();
     }
@@ -528,8 +540,14 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         const Pulse::Part part(0.7 + 0.3 * share(n, wanted.size()), 0.7 + 0.3 * share(n + 1, wanted.size()));
         Pulse::beat(0.0);
         const auto& [valueName, quantity] = wanted[n];
-        const StrongPtr<MemBase> array = EvalFieldOnIsosurface(*made, *quantity);
+        StrongPtr<MemBase> array = EvalFieldOnIsosurface(*made, *quantity);
         if (!array) throw DataSetError("the values of a surface did not fit into the cache");
+        if (const Values found(array); found.components() == 1 && (found.size() == 0 || std::isnan(found.numbers()[0])))
+            // Perhaps because none of the blocks there has the field, which may be one of vectors.
+            if (const int known = components(*quantity); known > 1)
+                array = detail::NumberArray(valueName, known, MultiIndex<1>(found.size()),
+                                            std::numeric_limits<double>::quiet_NaN())
+                            .array;
         if (hasNormals && n + 1 == wanted.size())
             withMemArray<1>(TypeList<PhysicalSpace::vector>(), array, [](auto& normals) {
                 for (index_t k = 0; k < normals.nElements(); ++k) {
@@ -637,13 +655,6 @@ Surface DataSet::Step::hull(const Fields& values) const {
     for (const std::string& value : values) source->getCartesianRepresentation()->setField(value, field(value));
     const StrongPtr<Slice> home = Hestra::makeRef<Slice>();
     const StrongPtr<Grid> made = ComputeBlockBoundary(*source, *home, "hull", {.joins = joins, .fields = values});
-    const StrongPtr<Representation> vertices = made->getCartesianRepresentation();
-    for (const std::string& value : values) // of which nothing is there, if there is no hull
-        if (!vertices->findField(value)->getCreator(nullptr)) {
-            const StrongPtr<Field> of = field(value);
-            const detail::NumberArray none(value, knownComponents(value, *of), MultiIndex<1>(0), 0.0);
-            vertices->setField(value, Hestra::makeRef<Field>(none.array, StrongPtr<FragmentIDCollection>()));
-        }
     own(*made);
     return Surface(made);
 }
