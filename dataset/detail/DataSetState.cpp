@@ -11,6 +11,8 @@
 #include <dataset/io/FileArray.hpp>
 
 #include <array>
+#include <cmath>
+#include <limits>
 #include <unordered_map>
 
 namespace Vantle {
@@ -38,6 +40,11 @@ std::optional<NumberRange> FieldNumbers::all() const {
 
 bool FieldNumbers::hasNaN() const {
     return std::any_of(blocks.begin(), blocks.end(), [](const BlockNumbers& block) { return block.hasNaN; });
+}
+
+bool FieldNumbers::isInfinite() const {
+    const auto range = all();
+    return range && (std::isinf(range->least) || std::isinf(range->greatest));
 }
 
 std::optional<BlockBox> BlockBoxes::all() const {
@@ -112,7 +119,7 @@ DataSet::Step::Step(double when, const StrongPtr<Slice>& in, const StrongPtr<Hes
 
 DataSet::Step::Step(const Step& other, double when, const StrongPtr<Slice>& in)
     : time(when), slice(in), grid(slice->newGrid("data")), representation(grid->makeCartesianRepresentation(3)),
-      cache(other.cache), joins(other.joins), myMaskSources(other.myMaskSources), myLocator(other.myLocator) {
+      cache(other.cache), joins(other.joins), myLocator(other.myLocator) {
     other.representation->iterate([&](const FieldID& id, const Field& field) {
         representation->setField(id.name(), StrongPtr<Field>(const_cast<Field*>(&field)));
         return true;
@@ -203,6 +210,13 @@ StrongPtr<MemBase> DataSet::Step::data(const std::string& name, const Field& fie
     return data;
 }
 
+struct DataSet::Step::MaskOrigin : Hestra::Interface<MaskOrigin> {
+    MaskOrigin(const Step& of, const std::string& field)
+        : step(std::make_unique<const Step>(of, of.time, Hestra::makeRef<Slice>().strong())), name(field) {}
+    const std::unique_ptr<const Step> step;
+    const std::string name;
+};
+
 std::vector<StrongPtr<Field>> DataSet::Step::sourcesOf(const std::string& name) const {
     std::vector<StrongPtr<Field>> all;
     for (std::optional<Formula> formula{Formula{{}, name}}; formula; formula = parse(formula->operand))
@@ -213,10 +227,32 @@ std::vector<StrongPtr<Field>> DataSet::Step::sourcesOf(const std::string& name) 
 void DataSet::Step::throwReadingFailures(const Fields& names) const {
     for (const std::string& name : names)
         for (const StrongPtr<Field>& of : sourcesOf(name)) throwReadingFailure(*of);
-    for (const StrongPtr<Field>& of : myMaskSources) throwReadingFailure(*of);
-    for (const StrongPtr<Field>& mask : {masks().vertexMask(), masks().cellMask()})
-        if (mask) throwReadingFailure(*mask);
+    for (const StrongPtr<Field>& mask : {masks().vertexMask(), masks().cellMask()}) {
+        if (!mask) continue;
+        throwReadingFailure(*mask);
+        mask->iterate(
+            [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+                const auto origin = creator->findInterface<MaskOrigin>();
+                if (origin) origin->step->throwReadingFailures({origin->name});
+                return !origin; // which blocks have in common
+            },
+            false);
+    }
     throwReadingFailure(*positions());
+}
+
+StrongPtr<Field> DataSet::Step::maskOfRange(const std::string& name, double low, double high) const {
+    (void)field(name, 1); // found once for both
+    const auto origin = Hestra::makeRef<MaskOrigin>(*this, name);
+    const Step& now = *origin->step;
+    const StrongPtr<Field> mask = makeMaskOfRange(now.field(name, 1), low, high, now.representation, cache);
+    mask->iterate(
+        [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+            creator->addInterface(origin);
+            return true;
+        },
+        false);
+    return mask;
 }
 
 // What is known of the numbers of a field, and of the box of a block, is what it was derived from that decides.
@@ -268,8 +304,8 @@ std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes() const {
         const StrongPtr<MemBase> points = data(PositionsName, *of, block);
         const StrongPtr<const BlockMask> mask = blanking.of(block.id, block.size());
         made->blocks.push_back(ComputeNumberBox(points, mask.rawptr()));
-        // Where a NaN would take the place of a corner: location goes by the box that it finds, which knows no masks.
-        if (!points || block.positions->findInterface<Orvix::BoundingBox>()) continue;
+        // Where a NaN would take the place of a corner: location goes by the box that it finds, whatever is masked.
+        if (block.positions->findInterface<Orvix::BoundingBox>()) continue;
         if (const auto whole = mask ? ComputeNumberBox(points) : made->blocks.back())
             block.positions->addInterface(Hestra::makeRef<Orvix::BoundingBox>(whole->least, whole->greatest));
     }
@@ -454,7 +490,11 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     const StrongPtr<Grid> source = view();
     const StrongPtr<Representation> fields = source->getCartesianRepresentation();
     if (!plane) fields->setField(name, of);
-    if (numbers.hasNaN()) // no surface beside what is no number
+    // No surface beside what is no number, nor on the way to an infinite one.
+    if (!plane && numbers.isInfinite())
+        fields->setField(VertexMaskName, makeMaskOfRange(of, std::numeric_limits<double>::lowest(),
+                                                         std::numeric_limits<double>::max(), representation, cache));
+    else if (numbers.hasNaN())
         fields->setField(VertexMaskName, makeMaskOfNumbers(of, representation, cache));
     SurfaceOptions options;
     options.joinBlocks = true;
@@ -474,8 +514,8 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
                      : ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
     };
     StrongPtr<Grid> made = compute();
-    // Beside vertices that are nowhere, or whose values are infinite, there is no surface either. A mask follows that
-    // of another grid: in its own it would find itself.
+    // Beside vertices that are nowhere, or whose owners have no finite values, there is no surface either. A mask
+    // follows that of another grid: in its own it would find itself.
     std::vector<StrongPtr<Grid>> before;
     std::vector<StrongPtr<Field>> seen; // with the values of owners, who are others when more is masked
     const auto hide = [&](const auto& makeMask) {
@@ -672,10 +712,8 @@ void DataSet::Step::setCreator(const std::string& name, const StrongPtr<Fragment
     forget(std::move(locator), name);
 }
 
-void DataSet::Step::setField(const std::string& name, const StrongPtr<Field>& field,
-                             const std::vector<StrongPtr<Field>>& maskSources) {
+void DataSet::Step::setField(const std::string& name, const StrongPtr<Field>& field) {
     auto locator = std::make_shared<LocatorSlot>();
-    myMaskSources.insert(myMaskSources.end(), maskSources.begin(), maskSources.end());
     representation->setField(name, field);
     forget(std::move(locator), name);
 }
@@ -689,6 +727,7 @@ void DataSet::Step::forget(std::shared_ptr<LocatorSlot> locator, const std::stri
 }
 
 void DataSet::Step::setJoins(const JoinOptions& options) {
+    if (joins == options) return;
     joins = options;
     myDerived.clear();
 }
