@@ -42,6 +42,11 @@ bool FieldNumbers::hasNaN() const {
     return std::any_of(blocks.begin(), blocks.end(), [](const BlockNumbers& block) { return block.hasNaN; });
 }
 
+bool FieldNumbers::isInfinite() const {
+    const auto range = all();
+    return range && (std::isinf(range->least) || std::isinf(range->greatest));
+}
+
 std::optional<BlockBox> BlockBoxes::all() const {
     std::optional<BlockBox> box;
     for (const auto& block : blocks) {
@@ -299,8 +304,8 @@ std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes() const {
         const StrongPtr<MemBase> points = data(PositionsName, *of, block);
         const StrongPtr<const BlockMask> mask = blanking.of(block.id, block.size());
         made->blocks.push_back(ComputeNumberBox(points, mask.rawptr()));
-        // Where a NaN would take the place of a corner: location goes by the box that it finds, which knows no masks.
-        if (!points || block.positions->findInterface<Orvix::BoundingBox>()) continue;
+        // Where a NaN would take the place of a corner: location goes by the box that it finds, whatever is masked.
+        if (block.positions->findInterface<Orvix::BoundingBox>()) continue;
         if (const auto whole = mask ? ComputeNumberBox(points) : made->blocks.back())
             block.positions->addInterface(Hestra::makeRef<Orvix::BoundingBox>(whole->least, whole->greatest));
     }
@@ -485,7 +490,11 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     const StrongPtr<Grid> source = view();
     const StrongPtr<Representation> fields = source->getCartesianRepresentation();
     if (!plane) fields->setField(name, of);
-    if (numbers.hasNaN()) // no surface beside what is no number
+    // No surface beside what is no number, nor on the way to an infinite one.
+    if (!plane && numbers.isInfinite())
+        fields->setField(VertexMaskName, makeMaskOfRange(of, std::numeric_limits<double>::lowest(),
+                                                         std::numeric_limits<double>::max(), representation, cache));
+    else if (numbers.hasNaN())
         fields->setField(VertexMaskName, makeMaskOfNumbers(of, representation, cache));
     SurfaceOptions options;
     options.joinBlocks = true;
@@ -505,8 +514,8 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
                      : ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
     };
     StrongPtr<Grid> made = compute();
-    // Beside vertices that are nowhere, or whose values are infinite, there is no surface either. A mask follows that
-    // of another grid: in its own it would find itself.
+    // Beside vertices that are nowhere, or whose owners have no finite values, there is no surface either. A mask
+    // follows that of another grid: in its own it would find itself.
     std::vector<StrongPtr<Grid>> before;
     std::vector<StrongPtr<Field>> seen; // with the values of owners, who are others when more is masked
     const auto hide = [&](const auto& makeMask) {

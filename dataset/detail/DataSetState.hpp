@@ -27,6 +27,7 @@ struct FieldNumbers {
 
     [[nodiscard]] std::optional<NumberRange> all() const;
     [[nodiscard]] bool hasNaN() const;
+    [[nodiscard]] bool isInfinite() const;
 };
 
 /// The boxes of the valid vertices of blocks.

@@ -5,6 +5,8 @@
 #include <model/hestra/Chunk.hpp>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <numeric>
 #include <parallel/detail/ParallelState.hpp>
 #include <unordered_map>
@@ -273,7 +275,14 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
         special = std::make_unique<Halo>(*exchange, all, *fieldsHere, request(), local.cache());
         around = special.get();
     };
-    if (std::any_of(known.begin(), known.end(), [](const BlockNumbers& block) { return block.hasNaN; }))
+    // No surface beside what is no number, nor on the way to an infinite one.
+    constexpr double most = std::numeric_limits<double>::max();
+    const auto isAny = [&](const auto& isSuch) { return std::any_of(known.begin(), known.end(), isSuch); };
+    if (!plane && isAny([](const BlockNumbers& block) {
+            return block.range && (std::isinf(block.range->least) || std::isinf(block.range->greatest));
+        }))
+        mask([&] { add(makeMaskOfRange(of, -most, most, fieldsHere)); });
+    else if (isAny([](const BlockNumbers& block) { return block.hasNaN; }))
         mask([&] { add(makeMaskOfNumbers(of, fieldsHere)); });
 
     for (int round = 0;; ++round) {
@@ -397,7 +406,7 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
             surface.parts = made->parts;
         });
         if (together.hasNaN && round < detail::MostMaskings && together.reachesAbove) {
-            // Vertices that are nowhere, or whose values are infinite: beside them, too, there is no surface.
+            // Vertices that are nowhere, or whose owners have no finite values: beside them, too, there is none.
             mask([&] {
                 add(makeMaskOfNumbers(representation->Positions(), fieldsHere));
                 if (plane) return;
@@ -408,7 +417,6 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                         seen.back()->setPersistentData(
                             joins.isShared(member) ? ownersData(joins, *extended.front(), member) : own, idOf(block));
                 }
-                constexpr double most = std::numeric_limits<double>::max();
                 add(makeMaskOfRange(seen.back(), -most, most, fieldsHere));
             });
             continue;

@@ -449,6 +449,21 @@ TEST(DataSetTest, ContoursAreOfTheirLevelsAndHaveNormalsAlongTheGradient) {
     EXPECT_GT(part.points().size(), whole.points().size() * 3 / 4);
     EXPECT_LT(part.points().size(), whole.points().size());
     for (const Point& p : part.points()) EXPECT_TRUE(p == p);
+    // Nor is there any surface beside infinite values, nor beside vertices that are nowhere in another kind of block.
+    ball.setField("part", [](const Point& p) {
+        return p[0] > 0.3 && p[1] > 0.3 ? (p[2] > 0.3 ? -HUGE_VAL : HUGE_VAL) : dot(p - Point(), p - Point());
+    });
+    const Surface finite = ball.contour("part", 0.5);
+    EXPECT_GT(finite.points().size(), whole.points().size() / 2);
+    for (const Point& p : finite.points()) EXPECT_NEAR(dot(p - Point(), p - Point()), 0.5, 0.01);
+    std::vector<Point> places = ball.positions("cube");
+    for (Point& p : places) p[0] += 3;
+    places[8 * (1 + 17 + 17 * 17)][1] = std::nan("");
+    ball.addBlock("holed", {17, 17, 17}, places);
+    ball.setField("x", [](const Point& p) { return p[0] < 2 ? p[0] : p[0] - 3; });
+    const Surface both = ball.contour("x", 0.01);
+    EXPECT_EQ(both.points().size(), std::size_t{2 * 17 * 17 - 1});
+    for (const Point& p : both.points()) EXPECT_TRUE(p == p);
 }
 
 TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
@@ -494,6 +509,7 @@ TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
     for (std::size_t k = 0; k < hull.points().size(); ++k) EXPECT_EQ(hull.values("plane")[k], plane(hull.points()[k]));
     EXPECT_EQ(hull.values("velocity").components(), 3);
     EXPECT_TRUE(has(errorOf([&] { (void)flow.boundary({"plan"}); }), "\"plane\""));
+    EXPECT_EQ(flow.threshold("plane", 1e3).boundary({"plane", "velocity"}).names().size(), 2U); // of nothing
 }
 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
@@ -530,6 +546,15 @@ TEST(DataSetTest, FindsPositionsExactlyAndOnlyInside) {
             EXPECT_EQ(at.blocks()[k], Vantle::Located::Nowhere);
         }
     }
+    // Where a vertex is nowhere, the rest of its block is where it was, masks or not.
+    DataSet holed;
+    std::vector<Point> places = flow.positions("box");
+    places.back()[1] = std::nan("");
+    holed.addBlock("holed", {4, 4, 4}, places);
+    const auto mask = MemArray<3, int>::create({4, 4, 4});
+    for (Vantle::index_t n = 0; n < 64; ++n) mask->element(n) = n != 0;
+    holed.setVertexMask("holed", mask);
+    EXPECT_EQ(holed.locate(std::vector<Point>{{5.5, 0.2, 0.5}, {5.1, 0.1, 0.1}, {5.9, 0.9, 0.9}}).found(), 1U);
     // Small blocks of integers are interpolated as numbers, not as what they are stored in.
     DataSet bytes;
     bytes.addUniformBlock("b", {2, 2, 2}, {{0, 0, 0}, {1, 1, 1}});
