@@ -149,6 +149,7 @@ ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields,
         myData->exchange->attempt([&] {
             const double norm = length(plane.normal);
             if (!(norm > 0.0) || !std::isfinite(norm)) throw DataSetError("a plane whose normal has no length");
+            if (!(plane.origin == plane.origin)) throw DataSetError("a plane through what is no number");
             for (const auto& box : myData->validBoxes) {
                 numbers.emplace_back();
                 if (!box) continue;
