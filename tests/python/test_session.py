@@ -198,11 +198,24 @@ def test_threads_ask_while_others_change(ring):
     for thread in threads:
         thread.join(120)
     assert not wrong and not any(thread.is_alive() for thread in threads) and asked
-    before = vt.thread_count()
-    with vt.threads(1):
+    before, alone = vt.thread_count(), vt.threads(1)
+    with alone:
+        with alone:
+            pass
         assert vt.thread_count() == 1
     assert vt.thread_count() == before
 
+
+    flow, steps = vt.DataSet(), [vt.DataSet(), vt.DataSet()]  # whose blocks change their size
+    for each, n in ((flow, 3), (steps[0], 3), (steps[1], 60)):
+        each.add_uniform_block("box", (n, n, n), ((0, 0, 0), (1, 1, 1)))
+    changing = threading.Thread(target=lambda: [flow.add_time(0.0, steps[n % 2]) for n in range(100000)])
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(1e-6)
+    changing.start()
+    while changing.is_alive():
+        assert (flow.block("box").points[-1, -1, -1] == 1.0).all()
+    sys.setswitchinterval(interval)
 
 def _in_child(flow, points, pipe):
     with vt.threads(4):
