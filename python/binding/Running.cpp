@@ -227,3 +227,5 @@ Hestra::Console::Listener messages() {
 }
 
 } // namespace VantlePython
+            if (error.matches(PyExc_KeyboardInterrupt))
+                return PyErr_SetInterrupt(); // not the listener's: once more, later

@@ -255,6 +255,15 @@ def test_messages_go_to_logging_on_the_thread_that_asks(ring, caplog, capfd):
     assert len(caplog.records) == len(lines) and capfd.readouterr().out == ""
 
 
+    def interrupted(line):
+        raise KeyboardInterrupt
+
+    with pytest.raises(KeyboardInterrupt):
+        vt.messages(interrupted)
+        ring.contour("plane", 1.0)
+        time.sleep(1)
+    vt.messages(None)
+
 def test_the_interpreter_ends_with_everything_alive():
     script = """
 import sys, threading, numpy as np, vantle as vt
