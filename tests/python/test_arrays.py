@@ -224,3 +224,19 @@ def test_functions_make_what_is_needed_and_again_when_it_was_dropped():
         flow.locate([[1.5, 0.1, 0.5]]).sample("plane"), flow.range("plane")
     block["plane"] = lambda: plane(quarter(3))
     np.testing.assert_array_equal(flow.contour("plane", 1.0).points, whole.points)
+
+
+def test_what_fails_keeps_no_data_set_alive():
+    def ask():  # of which the traceback knows, and so of the data set
+        flow = vt.DataSet()
+        for n in range(4):
+            points, lives = watched(quarter(n))
+            flow.add_block(str(n), points)["rho"] = lambda: 1 / 0
+        with pytest.raises(ZeroDivisionError):
+            flow.range("rho")
+        return lives
+
+    lives = ask()
+    vt.DataSet().bounds
+    gc.collect()
+    assert lives() is None
