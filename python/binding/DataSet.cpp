@@ -131,13 +131,17 @@ copy         takes arrays of any layout, and of other types, and copies them.)do
             py::kw_only(), py::arg("tolerance") = 0.0, py::arg("motions") = std::vector<Vantle::RigidMotion>(),
             py::arg("periodic_tolerance") = 1e-3,
             R"doc(How faces of blocks are joined. By default those are that have the same vertices.
+                giveBack();
 
 tolerance           distance of vertices that are one, in shortest edges of the cells there; 0 to 0.1 is sensible.
 motions             `Motion`s that take one end of a periodic domain to the other.
 periodic_tolerance  as `tolerance`, after a motion.)doc")
         .def(
             "memory_budget",
-            [](DataSetObject& self, const py::object& size) { self.value.memoryBudget(bytesOf(size)); },
+            [](DataSetObject& self, const py::object& size) {
+                self.value.memoryBudget(bytesOf(size));
+                giveBack();
+            },
             py::arg("size"),
             "How much is kept of what can be had again, data of files and derived ones: bytes, \"2 GiB\", None.")
         .def(

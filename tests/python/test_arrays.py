@@ -203,6 +203,14 @@ def test_functions_make_what_is_needed_and_again_when_it_was_dropped():
     assert len(calls) == before  # everything was kept
     flow.memory_budget(2 * quarter(0).nbytes)
     np.testing.assert_array_equal(flow.contour("plane", 1.1).points, flow.contour("plane", 1.1).points)
+    made, lives = watched(plane(quarter(3)))
+    block["made"] = [made].pop
+    del made
+    flow.range("made")
+    assert lives() is not None
+    flow.memory_budget(0)
+    assert lives() is None
+    flow.remove_field("made")
     assert len(calls) > before
 
     def fails():
