@@ -10,7 +10,11 @@ namespace {
 BlockObject blockOf(const py::object& self, const std::string& name) { return {self, name}; }
 
 std::vector<double> listOf(const py::object& axis) {
-    return py::array_t<double, py::array::c_style | py::array::forcecast>(axis).cast<std::vector<double>>();
+    const Numbers numbers = numbersOf(axis);
+    if (!numbers || numbers.ndim() != 1)
+        throw py::value_error("coordinates along an axis: expected a list of numbers, got " +
+                              std::string(py::repr(axis)));
+    return {numbers.data(), numbers.data() + numbers.size()};
 }
 
 /// Adds a block of this size as `add` says, and its masks: all or nothing. From the copy on nothing of Python is
@@ -127,11 +131,11 @@ copy         takes arrays of any layout, and of other types, and copies them.)do
             [](DataSetObject& self, double tolerance, std::vector<Vantle::RigidMotion> motions, double periodic) {
                 self.value.setJoinOptions(
                     {.tolerance = tolerance, .motions = std::move(motions), .periodicTolerance = periodic});
+                giveBack();
             },
             py::kw_only(), py::arg("tolerance") = 0.0, py::arg("motions") = std::vector<Vantle::RigidMotion>(),
             py::arg("periodic_tolerance") = 1e-3,
             R"doc(How faces of blocks are joined. By default those are that have the same vertices.
-                giveBack();
 
 tolerance           distance of vertices that are one, in shortest edges of the cells there; 0 to 0.1 is sensible.
 motions             `Motion`s that take one end of a periodic domain to the other.

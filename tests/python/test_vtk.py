@@ -343,3 +343,5 @@ def test_curves_have_lengths_directions_and_values(ring, tmp_path):
     ends = [line[[0, -1]] for line in ring.edges("quarter 1")]
     corners = ring.block("quarter 1").points[::4, ::8, ::16].reshape(-1, 3)
     assert len(ends) == 12 and all((end == corners).all(axis=-1).any() for pair in ends for end in pair)
+    unaligned = np.frombuffer(b"x" + helix.tobytes(), offset=1).reshape(-1, 3)
+    np.testing.assert_array_equal(vt.Curves(unaligned).points, helix)
