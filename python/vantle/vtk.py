@@ -493,7 +493,8 @@ def to_vtk(self: Union[Block, Curves, DataSet, Surface], fields: Optional[List[s
 
 
 class _Accessor:
-    """What `mesh.vantle` is: the data set of a mesh of pyvista, by `from_vtk`, made when it is first asked for."""
+    """What `mesh.vantle` is: the data set of a mesh of pyvista, by `from_vtk`, made when it is first asked for, and anew
+    once the mesh was modified."""
 
     def __init__(self, mesh: Any) -> None:
         self._mesh = mesh
@@ -506,8 +507,9 @@ class _Accessor:
     def __getattr__(self, name: str) -> Any:
         if name.startswith("_"):
             raise AttributeError(name)
-        if self._flow is None:
-            self._flow = self.data_set()
+        time = max(part.GetMTime() for part in (self._mesh, *(grid for _, grid in _leaves(self._mesh, "", Report()))))
+        if self._flow is None or self._time != time:
+            self._flow, self._time = self.data_set(), time
         return getattr(self._flow, name)
 
 
@@ -530,3 +532,4 @@ try:
     register_accessor()
 except Exception as _problem:  # another library's registry is no reason to fail
     _log.debug("pyvista takes no accessor: %s", _problem)
+        self._time = 0

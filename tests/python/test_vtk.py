@@ -291,6 +291,10 @@ def test_what_notebooks_and_pictures_show(ring, tmp_path, monkeypatch):
     figure = ring.plot("plane", tmp_path / "middle.png", limits=(-1, 1))
     labels = [axes.get_xlabel() or axes.get_ylabel() for axes in figure.axes]
     assert labels == ["x", "plane"] and figure.axes[0].get_title() == "z = 0.5"
+    accessor = mesh.vantle
+    assert list(accessor.fields) == ["f"]
+    mesh.GetPointData().AddArray(image((4, 4, 4), "g").GetPointData().GetArray(0))
+    assert list(accessor.fields) == ["f", "g"]
     for name in ("surface", "slice", "middle"):
         picture = imread(tmp_path / f"{name}.png")[..., :3]
         colours = np.unique((picture.reshape(-1, 3) * 15).astype(int), axis=0)
