@@ -386,7 +386,8 @@ def _of_points(given: Union[Curves, Surface]) -> Any:
     made.SetPoints(_points(given.points))
     for name in given.names:
         values = given[name]
-        made.GetPointData().AddArray(_array(values if values.ndim == 1 else values.reshape(len(values), -1), name))
+        flat = (len(values), int(np.prod(values.shape[1:])))  # -1 would not do without points
+        made.GetPointData().AddArray(_array(values if values.ndim == 1 else values.reshape(flat), name))
     return made
 
 

@@ -254,6 +254,8 @@ def test_a_mesh_has_an_accessor_where_there_is_a_registry():
 
     library = types.SimpleNamespace(DataSet=Mesh, registered=[])
 
+    nothing = flow.contour("radius", 9.0, values="velocity", normals=True).to_vtk().GetPointData()
+    assert [nothing.GetArray(n).GetNumberOfComponents() for n in range(2)] == [3, 3]
     def register(name, kind):
         def take(made):
             library.registered.append(name)
