@@ -378,9 +378,13 @@ void Input::addFields(const Block& block, vtkDataSet& grid) {
                 add(name, *array, what);
         }
     };
+    std::set<std::string> taken;
     each(grid.GetPointData(), "field ", "array ", block.whole.vertices.product(),
          [&](const std::string& name, vtkDataArray& array, const std::string& what) {
-             addField(block, name, array, what);
+             if (!taken.insert(name).second)
+                 tell(what, Fate::LeftOut, "there is a field of this name");
+             else
+                 addField(block, name, array, what);
          });
     each(grid.GetCellData(), "cell data ", "cell array ", block.whole.cells.product(),
          [&](const std::string& name, vtkDataArray& array, const std::string& what) {
@@ -415,12 +419,19 @@ void Input::add(std::string name, vtkDataObject& object) {
         if (count < 1) return tell(where, Fate::LeftOut, "no vertices");
         size[d] = static_cast<index_t>(count);
     }
-    if (static_cast<index_t>(grid->GetNumberOfPoints()) != size.product())
-        return tell(where, Fate::LeftOut,
-                    std::to_string(grid->GetNumberOfPoints()) + " points for the extents " + to_string(size));
+    vtkIdType points = grid->GetNumberOfPoints();
+    if (auto* const axes = vtkRectilinearGrid::SafeDownCast(grid)) // which says what its extents are
+        points = axes->GetXCoordinates()->GetNumberOfTuples() * axes->GetYCoordinates()->GetNumberOfTuples() *
+                 axes->GetZCoordinates()->GetNumberOfTuples();
+    if (static_cast<index_t>(points) != size.product())
+        return tell(where, Fate::LeftOut, std::to_string(points) + " points for the extents " + to_string(size));
     Block block{name, Extents(size), Extents(size)};
     if (!leaveGhostLayers(block, *grid)) return tell(where, Fate::LeftOut, "nothing but ghost cells");
-    addPositions(block, *grid);
+    try {
+        addPositions(block, *grid);
+    } catch (const DataSetError& reason) { // coordinates in no order
+        return tell(where, Fate::LeftOut, reason.what());
+    }
     myNames.insert(block.name);
     addMasks(block, *grid);
     addFields(block, *grid);
