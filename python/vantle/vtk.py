@@ -335,7 +335,7 @@ def from_vtk(thing: Any, *, cell_data: str = "leave", copy: bool = False, report
     Blocks are called as they are there, parts of parts "outer/inner", nameless ones by their numbers. Layers of
     duplicated cells around a grid are another part's: they are cut off, so that parts meet at their faces. Points that
     are hidden and other cells that are hidden or duplicated are not valid. Whoever changes a shared array sets the field
-    again.
+    again; nobody changes its size, for which VTK frees its memory.
 
     TypeError for what is no object of VTK; ValueError, which says why, if nothing can be taken.
     """
