@@ -224,7 +224,9 @@ public:
 
     /// The surface on which a scalar has this value, one for all joined blocks. Empty for a level outside of the range.
     ///
-    /// Degenerate  a level that is met exactly at vertices, but never exceeded, has an empty surface.
+    /// Degenerate  a level that is met exactly at vertices, but never exceeded, has an empty surface. Vertices that are
+    ///             nowhere, or whose value is NaN, take the cells beside them away; so do infinite values if points of
+    ///             the surface would be no numbers.
     /// Memory      a block at a time, and the surface.
     [[nodiscard]] Surface contour(const std::string& field, double level, const ContourOptions& options = {}) const;
     /// The surfaces of several levels, in their order.

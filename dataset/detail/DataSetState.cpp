@@ -432,6 +432,13 @@ void own(Grid& surface) {
     for (const StrongPtr<Field>& field : all) keep(*field);
 }
 
+/// Whether a point of a surface is nowhere.
+bool hasNaN(const Grid& surface) {
+    const StrongPtr<MemBase> points = surface.CartesianPositions()->getData();
+    const auto box = ComputeNumberBox(points); // none where no coordinate along an axis is a number
+    return box ? box->hasNaN : points && points->nElements() > 0;
+}
+
 } // namespace
 
 Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& of, const detail::FieldNumbers& numbers,
@@ -466,13 +473,32 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
                                        options)
                      : ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
     };
-    StrongPtr<Grid> made = compute(), before;
-    if (const auto box = ComputeNumberBox(made->CartesianPositions()->getData()); box && box->hasNaN) {
-        // Vertices that are nowhere: beside them, too, there is no surface. The mask follows that of another grid: in
-        // its own it would find itself.
-        before = view();
-        before->getCartesianRepresentation()->setField(VertexMaskName, fields->findField(VertexMaskName));
-        fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), before->getCartesianRepresentation(), cache));
+    StrongPtr<Grid> made = compute();
+    // Beside vertices that are nowhere, or whose values are infinite, there is no surface either. A mask follows that
+    // of another grid: in its own it would find itself.
+    std::vector<StrongPtr<Grid>> before;
+    std::vector<StrongPtr<Field>> seen; // with the values of owners, who are others when more is masked
+    const auto hide = [&](const auto& makeMask) {
+        before.push_back(view());
+        const StrongPtr<Representation> present = before.back()->getCartesianRepresentation();
+        present->setField(VertexMaskName, fields->findField(VertexMaskName));
+        fields->setField(VertexMaskName, makeMask(present));
+    };
+    for (int round = 0; round < detail::MostMaskings && hasNaN(*made); ++round) {
+        if (!plane) {
+            const StrongPtr<BlockJoins> together = BlockJoins::of(*source, joins);
+            seen.push_back(Hestra::makeRef<Field>(of->getFragmentIDCollection()));
+            for (const DataSetBlock& block : all) {
+                const unsigned int number = together->find(block.id);
+                const bool shares = number < together->blocks() && together->isShared(number);
+                if (const StrongPtr<MemBase> own = data(name, *of, block))
+                    seen.back()->setPersistentData(shares ? ownersData(*together, *of, number) : own, block.id);
+            }
+        }
+        hide([&](const auto& present) { return makeMaskOfNumbers(positions(), present, cache); });
+        constexpr double most = std::numeric_limits<double>::max();
+        if (!plane)
+            hide([&](const auto& present) { return makeMaskOfRange(seen.back(), -most, most, present, cache); });
         home->remove("surface");
         made = compute();
     }

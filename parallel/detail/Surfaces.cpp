@@ -263,19 +263,20 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
     const Halo* around = &halo();
     std::unique_ptr<Halo> special; // with other masks
     StrongPtr<Representation> fieldsHere = representation;
-    StrongPtr<Grid> home;
-    const auto mask = [&](const StrongPtr<Field>& numbersOf) {
-        exchange->attempt([&] {
-            StrongPtr<Grid> next;
-            fieldsHere = masked(*fieldsHere, makeMaskOfNumbers(numbersOf, fieldsHere), next);
-            home = next;
-        });
+    std::vector<StrongPtr<Grid>> homes;
+    std::vector<StrongPtr<Field>> seen; // with the values of owners, who are others when more is masked
+    const auto add = [&](const StrongPtr<Field>& vertexMask) {
+        fieldsHere = masked(*fieldsHere, vertexMask, homes.emplace_back());
+    };
+    const auto mask = [&](const auto& addMasks) {
+        exchange->attempt(addMasks);
         special = std::make_unique<Halo>(*exchange, all, *fieldsHere, request(), local.cache());
         around = special.get();
     };
-    if (std::any_of(known.begin(), known.end(), [](const BlockNumbers& block) { return block.hasNaN; })) mask(of);
+    if (std::any_of(known.begin(), known.end(), [](const BlockNumbers& block) { return block.hasNaN; }))
+        mask([&] { add(makeMaskOfNumbers(of, fieldsHere)); });
 
-    for (bool isAgain = false;; isAgain = true) {
+    for (int round = 0;; ++round) {
         const BlockJoins& joins = *around->joins();
         std::vector<StrongPtr<Field>> extended = around->extend(quantities);
         if (plane) extended.insert(extended.begin(), around->grid()->CartesianPositions()); // which stand-ins have
@@ -395,8 +396,21 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
             made->count(std::move(left));
             surface.parts = made->parts;
         });
-        if (together.hasNaN && !isAgain && together.reachesAbove) {
-            mask(representation->Positions()); // vertices that are nowhere: beside them, too, there is no surface
+        if (together.hasNaN && round < detail::MostMaskings && together.reachesAbove) {
+            // Vertices that are nowhere, or whose values are infinite: beside them, too, there is no surface.
+            mask([&] {
+                add(makeMaskOfNumbers(representation->Positions(), fieldsHere));
+                if (plane) return;
+                seen.push_back(emptyField());
+                for (const std::uint32_t block : all.own) {
+                    const unsigned int member = around->memberOf(block);
+                    if (const StrongPtr<MemBase> own = data(name, *of, block))
+                        seen.back()->setPersistentData(
+                            joins.isShared(member) ? ownersData(joins, *extended.front(), member) : own, idOf(block));
+                }
+                constexpr double most = std::numeric_limits<double>::max();
+                add(makeMaskOfRange(seen.back(), -most, most, fieldsHere));
+            });
             continue;
         }
         vertices.number(together.hasDropped != 0);

@@ -292,8 +292,19 @@ TEST(DataSetTest, AVertexThatIsNowhereTakesOnlyItsCellsAway) {
         for (index_t n = 0; n < 124; ++n) mask->element(n) = 1;
         flow.setVertexMask("b", mask);
         EXPECT_EQ(flow.locate(points).found(), 124U);
-        const Surface layer = flow.contour("rows", 1.5);
-        EXPECT_EQ(layer.triangles().size(), nowhere == 62 ? 56U : 64U);
+        EXPECT_EQ(flow.contour("rows", 1.5).triangles().size(), nowhere == 62 ? 56U : 64U);
+        // All points of a surface may be nowhere, or lie between numbers and an infinite one.
+        std::vector<double> peak(125, 0.0);
+        peak[62] = 10.0;
+        flow.setField("peak", "a", peak);
+        EXPECT_EQ(flow.contour("peak", 5.0).points().size(), nowhere == 62 ? 0U : 6U);
+        for (double& row : rows) row = 4 - row;
+        for (const char* block : {"a", "b"}) flow.setField("rows", block, rows);
+        rows[62] = HUGE_VAL;
+        flow.setField("rows", "a", rows);
+        const Surface left = flow.contour("rows", 1.5);
+        EXPECT_EQ(left.triangles().size(), 56U);
+        for (const Point& p : left.points()) EXPECT_TRUE(p == p);
     }
 }
 
