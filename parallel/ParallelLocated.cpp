@@ -238,10 +238,14 @@ void ParallelDataSet::Data::sample(const LocatedParts& at, const std::string& na
     const auto components = static_cast<std::size_t>(of.components);
     const std::size_t bytesEach = components * sizeof(double);
     std::vector<StrongPtr<FragmentID>> fragments;
-    for (const std::uint32_t block : all.own) fragments.push_back(idOf(block));
+    std::vector<DynamicSize> sizes;
+    for (const std::uint32_t block : all.own) {
+        fragments.push_back(idOf(block));
+        sizes.emplace_back(all.blocks[block].info.size);
+    }
     const auto sampleHere = [&](const LocatedPositions& found, std::span<double> to, std::span<unsigned char> isThere) {
         try {
-            found.sample(*of.field, fragments, of.components, to, isThere);
+            found.sample(*of.field, fragments, of.components, to, isThere, sizes);
         } catch (const std::invalid_argument&) {
             for (const std::uint32_t block : all.own) (void)data(name, *of.field, block); // which says why
             throw;

@@ -378,9 +378,13 @@ void Input::addFields(const Block& block, vtkDataSet& grid) {
                 add(name, *array, what);
         }
     };
+    std::set<std::string> taken;
     each(grid.GetPointData(), "field ", "array ", block.whole.vertices.product(),
          [&](const std::string& name, vtkDataArray& array, const std::string& what) {
-             addField(block, name, array, what);
+             if (!taken.insert(name).second)
+                 tell(what, Fate::LeftOut, "there is a field of this name");
+             else
+                 addField(block, name, array, what);
          });
     each(grid.GetCellData(), "cell data ", "cell array ", block.whole.cells.product(),
          [&](const std::string& name, vtkDataArray& array, const std::string& what) {
@@ -415,19 +419,22 @@ void Input::add(std::string name, vtkDataObject& object) {
         if (count < 1) return tell(where, Fate::LeftOut, "no vertices");
         size[d] = static_cast<index_t>(count);
     }
-    if (static_cast<index_t>(grid->GetNumberOfPoints()) != size.product())
-        return tell(where, Fate::LeftOut,
-                    std::to_string(grid->GetNumberOfPoints()) + " points for the extents " + to_string(size));
-    Block block{name, Extents(size), Extents(size)};
-    if (!leaveGhostLayers(block, *grid)) return tell(where, Fate::LeftOut, "nothing but ghost cells");
-    if (auto* const rectilinear = vtkRectilinearGrid::SafeDownCast(grid)) {
+    if (auto* const rectilinear = vtkRectilinearGrid::SafeDownCast(grid)) { // whose extents say how many points it has
         const std::array<vtkDataArray*, 3> axes{rectilinear->GetXCoordinates(), rectilinear->GetYCoordinates(),
                                                 rectilinear->GetZCoordinates()};
-        for (int d = 0; d < 3; ++d)
-            if (const auto* const axis = axes[static_cast<std::size_t>(d)];
-                !axis || static_cast<index_t>(axis->GetNumberOfTuples()) < size[d])
-                return tell(where, Fate::LeftOut, "too few coordinates for the extents " + to_string(size));
+        for (int d = 0; d < 3; ++d) {
+            const auto* const axis = axes[static_cast<std::size_t>(d)];
+            if (const vtkIdType count = axis ? axis->GetNumberOfTuples() : 0; static_cast<index_t>(count) != size[d])
+                return tell(where, Fate::LeftOut,
+                            std::to_string(count) + " coordinates along axis " + std::to_string(d) +
+                                " for the extents " + to_string(size));
+        }
+    } else if (static_cast<index_t>(grid->GetNumberOfPoints()) != size.product()) {
+        return tell(where, Fate::LeftOut,
+                    std::to_string(grid->GetNumberOfPoints()) + " points for the extents " + to_string(size));
     }
+    Block block{name, Extents(size), Extents(size)};
+    if (!leaveGhostLayers(block, *grid)) return tell(where, Fate::LeftOut, "nothing but ghost cells");
     try {
         addPositions(block, *grid);
     } catch (const DataSetError& reason) { // of coordinates that no block can have

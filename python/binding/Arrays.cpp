@@ -189,8 +189,13 @@ py::object viewOf(const StrongPtr<MemBase>& array, bool isWritable) {
 
 // ---- Small things ---------------------------------------------------------------------------------------------------
 
-Positions::Positions(const py::object& given) : array(decltype(array)::ensure(given)) {
+Numbers numbersOf(const py::object& given) {
+    Numbers array = Numbers::ensure(given);
     if (!array) PyErr_Clear();
+    return array;
+}
+
+Positions::Positions(const py::object& given) : array(numbersOf(given)) {
     if (!array || array.ndim() < 1 || array.shape(array.ndim() - 1) != 3)
         throw py::value_error("positions: expected an array of shape (..., 3)" +
                               (array ? ", got " + textOf(extentsOf(array)) : ""));

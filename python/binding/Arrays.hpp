@@ -51,13 +51,18 @@ template<class T>
     return py::array(py::dtype::of<Number>(), std::move(shape), data, owner);
 }
 
-/// Positions as the library takes them, of an array of any shape (..., 3): `shape` is that without the last axis. A
-/// copy only of arrays that are not float64 in C order.
+/// Numbers where the library can read them as they are.
+using Numbers =
+    py::array_t<double, py::array::c_style | py::array::forcecast | py::detail::npy_api::NPY_ARRAY_ALIGNED_>;
+/// The same of whatever NumPy makes an array of; a copy only of what is not float64 in C order. Null of anything else.
+[[nodiscard]] Numbers numbersOf(const py::object& given);
+
+/// Positions as the library takes them, of an array of any shape (..., 3): `shape` is that without the last axis.
 struct Positions {
     explicit Positions(const py::object& given);
     [[nodiscard]] std::span<const Vantle::Point> points() const noexcept;
 
-    py::array_t<double, py::array::c_style | py::array::forcecast> array;
+    Numbers array;
     std::vector<py::ssize_t> shape;
 };
 

@@ -4,9 +4,8 @@ namespace VantlePython {
 
 using Vantle::DataSet;
 
-Vantle::BlockInfo BlockObject::info() const {
-    const DataSet data = dataSet();
-    return run([&] {
+Vantle::BlockInfo BlockObject::info(const DataSet& then) const {
+    return run([&, data = then] {
         for (Vantle::BlockInfo& block : data.blocks())
             if (block.name == name) return block;
         throw Vantle::UnknownName("no block \"" + name + "\" any more");
@@ -38,7 +37,7 @@ py::object points(const BlockObject& self) {
     const StrongPtr<Vantle::MemBase> array = run([&] { return data.positionArray(self.name); });
     const py::object view = viewOf(array, false);
     if (!view.is_none()) return view;
-    const Vantle::MultiIndex<3> size = self.info().size; // computed coordinates
+    const Vantle::MultiIndex<3> size = self.info(data).size; // computed coordinates
     py::array made = arrayOf(run([&] { return data.positions(self.name); }),
                              {py::ssize_t(size[2]), py::ssize_t(size[1]), py::ssize_t(size[0]), 3});
     made.attr("setflags")(py::arg("write") = false);

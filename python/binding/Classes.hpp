@@ -11,7 +11,9 @@ struct BlockObject {
     std::string name;
 
     [[nodiscard]] Vantle::DataSet& dataSet() const { return owner.cast<DataSetObject&>().value; }
-    [[nodiscard]] Vantle::BlockInfo info() const;
+    [[nodiscard]] Vantle::BlockInfo info() const { return info(dataSet()); }
+    /// The same in a data set as it was then.
+    [[nodiscard]] Vantle::BlockInfo info(const Vantle::DataSet& then) const;
 };
 
 /// Positions that were located, and the shape of the array that they came in.

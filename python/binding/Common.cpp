@@ -35,7 +35,11 @@ std::size_t bytesOf(const py::object& size) {
             for (const auto& [rest, base] : {std::pair("", 1000.0), std::pair("B", 1000.0), std::pair("iB", 1024.0)})
                 if (text.substr(end) == std::string(name) + rest) unit = std::pow(base, power);
     } else {
-        bytes = size.cast<double>();
+        bytes = PyFloat_AsDouble(size.ptr());
+        if (PyErr_Occurred()) {
+            PyErr_Clear();
+            refuse();
+        }
     }
     if (!(bytes >= 0.0) || unit == 0.0 || !(bytes * unit < 9e18)) refuse();
     return static_cast<std::size_t>(bytes * unit);

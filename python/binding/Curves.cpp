@@ -10,8 +10,6 @@ using Vantle::VantleTypeIndex;
 
 namespace {
 
-using Numbers = py::array_t<double, py::array::c_style | py::array::forcecast>;
-
 struct CurvesObject {
     Curves value;
 };
@@ -20,8 +18,7 @@ struct CurvesObject {
 /// `elementOf` says what elements an array of so many axes has; that of void if none.
 template<class F>
 StrongPtr<MemBase> listOf(const py::object& given, const F& elementOf, const char* expected) {
-    const Numbers array = Numbers::ensure(given);
-    if (!array) PyErr_Clear();
+    const Numbers array = numbersOf(given);
     const VantleTypeIndex element = array ? elementOf(array) : VantleTypeIndex();
     if (!element) throw py::value_error(expected);
     const Vantle::ForeignMemory memory{.elements = array.size() > 0 ? array.data() : nullptr};

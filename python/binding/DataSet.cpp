@@ -10,7 +10,11 @@ namespace {
 BlockObject blockOf(const py::object& self, const std::string& name) { return {self, name}; }
 
 std::vector<double> listOf(const py::object& axis) {
-    return py::array_t<double, py::array::c_style | py::array::forcecast>(axis).cast<std::vector<double>>();
+    const Numbers numbers = numbersOf(axis);
+    if (!numbers || numbers.ndim() != 1)
+        throw py::value_error("coordinates along an axis: expected a list of numbers, got " +
+                              std::string(py::repr(axis)));
+    return {numbers.data(), numbers.data() + numbers.size()};
 }
 
 /// Adds a block of this size as `add` says, and its masks: all or nothing. From the copy on nothing of Python is
@@ -127,6 +131,7 @@ copy         takes arrays of any layout, and of other types, and copies them.)do
             [](DataSetObject& self, double tolerance, std::vector<Vantle::RigidMotion> motions, double periodic) {
                 self.value.setJoinOptions(
                     {.tolerance = tolerance, .motions = std::move(motions), .periodicTolerance = periodic});
+                giveBack();
             },
             py::kw_only(), py::arg("tolerance") = 0.0, py::arg("motions") = std::vector<Vantle::RigidMotion>(),
             py::arg("periodic_tolerance") = 1e-3,
@@ -137,7 +142,10 @@ motions             `Motion`s that take one end of a periodic domain to the othe
 periodic_tolerance  as `tolerance`, after a motion.)doc")
         .def(
             "memory_budget",
-            [](DataSetObject& self, const py::object& size) { self.value.memoryBudget(bytesOf(size)); },
+            [](DataSetObject& self, const py::object& size) {
+                self.value.memoryBudget(bytesOf(size));
+                giveBack();
+            },
             py::arg("size"),
             "How much is kept of what can be had again, data of files and derived ones: bytes, \"2 GiB\", None.")
         .def(

@@ -7,18 +7,20 @@ namespace VantlePython {
 
 namespace {
 
-/// As many threads as wanted between `__enter__` and `__exit__`.
+/// As many threads as wanted between `__enter__` and `__exit__`, however often one within the other.
 class Threads {
 public:
     explicit Threads(int count) : myCount(count) {
         if (count < 1) throw py::value_error("threads: less than one");
     }
-    void enter() { myScope = std::make_unique<Vantle::ScopedThreads>(myCount); }
-    void exit(const py::args&) { myScope = nullptr; }
+    void enter() { myScopes.push_back(std::make_unique<Vantle::ScopedThreads>(myCount)); }
+    void exit(const py::args&) {
+        if (!myScopes.empty()) myScopes.pop_back();
+    }
 
 private:
     int myCount;
-    std::unique_ptr<Vantle::ScopedThreads> myScope;
+    std::vector<std::unique_ptr<Vantle::ScopedThreads>> myScopes;
 };
 
 DataSetObject readFiles(const py::args& given, const py::object& memory, double heatRatio,

@@ -21,13 +21,23 @@ std::vector<SurfaceObject> contours(const DataSetObject& self, const std::string
     return all;
 }
 
-SurfaceObject contour(const DataSetObject& self, const std::string& field,
-                      const std::variant<double, std::vector<double>>& level, const std::optional<Names>& values,
-                      bool hasNormals, const py::object& progress) {
-    const auto* const one = std::get_if<double>(&level);
+/// A number, which may be an array without axes as values at one position are, or several.
+std::vector<double> levelsOf(const py::object& given) {
+    try {
+        if (py::isinstance<py::array>(given) && py::reinterpret_borrow<py::array>(given).ndim() == 0)
+            return {given.cast<double>()};
+        const auto level = given.cast<std::variant<double, std::vector<double>>>();
+        const auto* const one = std::get_if<double>(&level);
+        return one ? std::vector<double>{*one} : std::get<1>(level);
+    } catch (const py::cast_error&) {
+        throw py::type_error("contour: level: expected a number or several, got " + std::string(py::repr(given)));
+    }
+}
+
+SurfaceObject contour(const DataSetObject& self, const std::string& field, const py::object& level,
+                      const std::optional<Names>& values, bool hasNormals, const py::object& progress) {
     std::vector<Vantle::Surface> all;
-    for (SurfaceObject& surface :
-         contours(self, field, one ? std::vector<double>{*one} : std::get<1>(level), values, hasNormals, progress))
+    for (SurfaceObject& surface : contours(self, field, levelsOf(level), values, hasNormals, progress))
         all.push_back(std::move(surface.value));
     return {run([&] { return Vantle::Surface::together(all); })};
 }

@@ -5,6 +5,7 @@
 #include <cxxabi.h>
 #include <filesystem>
 #include <unistd.h>
+#include <utility>
 
 namespace VantlePython {
 
@@ -54,6 +55,8 @@ struct Waiting {
 struct Shared {
     std::atomic<Waiting*> firstWaiting{nullptr}; // no lock, which a child process might find locked
     Kept listener;
+    std::size_t running = 0; // operations that Python has called
+    std::vector<std::weak_ptr<PythonFailure::State>> failures;
 };
 
 /// Needs the interpreter lock when it is first called by a module.
@@ -89,6 +92,21 @@ void giveBack() noexcept {
     }
 }
 
+Running::Running() {
+    if (shared().running++ > 0) return;
+    for (const auto& failure : std::exchange(shared().failures, {}))
+        if (const auto state = failure.lock(); state && state->isItself) {
+            PyException_SetTraceback(state->error.get(), Py_None);
+            PyException_SetContext(state->error.get(), nullptr);
+            PyException_SetCause(state->error.get(), nullptr);
+        }
+}
+
+Running::~Running() {
+    --shared().running;
+    giveBack();
+}
+
 // ---- Errors ---------------------------------------------------------------------------------------------------------
 
 PythonFailure::PythonFailure() {
@@ -106,7 +124,9 @@ PythonFailure::PythonFailure() {
     } catch (py::error_already_set&) { // an exception that cannot say what it is
         myText = kind;
     }
-    myError = keep(error);
+    myState->error = keep(error);
+    std::erase_if(shared().failures, [](const auto& failure) { return failure.expired(); });
+    shared().failures.push_back(myState);
 }
 
 std::exception_ptr failureOf(const std::function<void()>& f) {
@@ -127,7 +147,27 @@ std::exception_ptr failureOf(const std::function<void()>& f) {
 }
 
 void PythonFailure::restore() const {
-    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(myError.get())), myError.get());
+    const bool isFirst = std::exchange(myState->isItself, false); // from here on nobody else's
+    Kept kept = myState->error;
+    py::object like;
+    if (kept) {
+        try { // other threads may be at this meanwhile
+            like = py::module_::import("copy").attr("copy")(py::reinterpret_borrow<py::object>(kept.get()));
+        } catch (py::error_already_set&) { // an exception that cannot be made again
+        }
+    }
+    if (like && (!PyExceptionInstance_Check(like.ptr()) || like.ptr() == kept.get())) like = py::object();
+    py::object given = like;
+    if (isFirst) {
+        given = py::reinterpret_borrow<py::object>(kept.get());
+        myState->error = like ? keep(like) : Kept();
+    }
+    if (given)
+        PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(given.ptr())), given.ptr());
+    else
+        PyErr_SetString(PyExc_RuntimeError, myText.c_str());
+    kept = nullptr;
+    giveBack();
 }
 
 namespace {
@@ -221,6 +261,8 @@ Hestra::Console::Listener messages() {
         try {
             py::reinterpret_borrow<py::object>(listener.get())(py::str(text.data(), text.size()));
         } catch (py::error_already_set& error) {
+            if (error.matches(PyExc_KeyboardInterrupt))
+                return PyErr_SetInterrupt(); // not the listener's: once more, later
             error.discard_as_unraisable("a listener to messages of vantle");
         }
     };

@@ -13,6 +13,7 @@
 #include <memory>
 #include <pybind11/pybind11.h>
 #include <string>
+#include <vector>
 
 namespace VantlePython {
 
@@ -59,10 +60,17 @@ public:
     PythonFailure();
     /// Its class and text, for those who cannot have it itself.
     [[nodiscard]] const char* what() const noexcept override { return myText.c_str(); }
+    /// Makes it the present error again. Whoever is first gets itself, and nothing here keeps it: its traceback refers
+    /// to the callers, and they to data sets that keep this failure. Others get one like it.
     void restore() const;
 
+    struct State {
+        Kept error;
+        bool isItself = true; // and nobody has it
+    };
+
 private:
-    Kept myError;
+    std::shared_ptr<State> myState = std::make_shared<State>();
     std::string myText;
 };
 
@@ -104,12 +112,20 @@ void setMessages(py::object listener);
 /// The same for the library.
 [[nodiscard]] Hestra::Console::Listener messages();
 
+/// An operation that Python has called. Needs the interpreter lock. At the end what was let go of is given back; where
+/// one begins while there is no other, failures that nobody was told of forget their tracebacks, as by `restore`.
+class Running {
+public:
+    Running();
+    ~Running();
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+};
+
 /// Calls `f` without the interpreter lock, heard by whoever wants to.
 template<class F>
 auto run(const F& f) {
-    struct AtTheEnd {
-        ~AtTheEnd() { giveBack(); }
-    } const atTheEnd;
+    const Running running;
     Hestra::Console::Listener listener = messages();
     const Unlocked unlocked;
     const Vantle::ScopedMessages heard(std::move(listener));

@@ -69,7 +69,18 @@ def _numpy_of(array: Any) -> Any:
     support = _vtk("util.numpy_support")
     if array.IsA("vtkBitArray"):
         return np.array([array.GetValue(n) for n in range(array.GetNumberOfValues())], dtype=np.uint8)
+    if not array.HasStandardMemoryLayout():  # of which VTK makes a copy that lasts until it makes the next one
+        kept, array = array, _vtk("vtkCommonCore").vtkDataArray.CreateDataArray(array.GetDataType())
+        array.DeepCopy(kept)
     return support.vtk_to_numpy(array)
+
+
+def _ghosts(data: Any, shape: Tuple[int, ...]) -> Any:
+    """What VTK takes for the ghosts among points or cells; None if that is nothing."""
+    ghosts = data.GetArray(_GHOSTS)
+    if ghosts is None or not ghosts.IsA("vtkUnsignedCharArray") or ghosts.GetNumberOfTuples() != np.prod(shape):
+        return None
+    return _numpy_of(ghosts).reshape(shape)
 
 
 def _leaves(thing: Any, name: str, report: Report) -> Iterator[Tuple[str, Any]]:
@@ -110,6 +121,24 @@ def _sizes(grid: Any) -> Optional[Tuple[int, int, int]]:
     return None
 
 
+def _axes(grid: Any) -> List[Any]:
+    return [_numpy_of(getattr(grid, f"Get{axis}Coordinates")()).astype(float) for axis in "XYZ"]
+
+
+def _why_not(grid: Any, size: Tuple[int, int, int]) -> str:
+    """Why a grid cannot be taken; nothing if it can."""
+    if min(size) < 1:
+        return "no vertices"
+    points = grid.GetNumberOfPoints()
+    if grid.IsA("vtkRectilinearGrid"):
+        axes = _axes(grid)
+        points = int(np.prod([len(axis) for axis in axes]))
+        steps = [np.diff(axis) for axis in axes]
+        if not all((step > 0).all() or (step < 0).all() for step in steps):
+            return "coordinates that neither ascend nor descend"
+    return "" if points == np.prod(size) else f"{points} points for the extents {size}"
+
+
 def own_points(grid: Any) -> Tuple[slice, slice, slice]:
     """Where, by k, j, i, a grid with three indices has points that are not in ghost layers only: its part without the
     layers of duplicated cells around it, which is all that `from_vtk` takes. Slices are empty if it has nothing else.
@@ -118,10 +147,10 @@ def own_points(grid: Any) -> Tuple[slice, slice, slice]:
     if size is None:
         raise TypeError(f"own_points: {grid.GetClassName()} has no three indices")
     cells = tuple(max(n - 1, 1) for n in size[::-1])
-    ghosts = grid.GetCellData().GetArray(_GHOSTS)
-    if ghosts is None or ghosts.GetNumberOfTuples() != np.prod(cells):
+    ghosts = _ghosts(grid.GetCellData(), cells)
+    if ghosts is None:
         return slice(0, size[2]), slice(0, size[1]), slice(0, size[0])
-    own = (_numpy_of(ghosts) & _DUPLICATE_CELL == 0).reshape(cells)
+    own = ghosts & _DUPLICATE_CELL == 0
     if not own.any():
         return slice(0, 0), slice(0, 0), slice(0, 0)
     there = [np.flatnonzero(own.any(axis=tuple(a for a in range(3) if a != axis))) for axis in range(3)]
@@ -135,6 +164,7 @@ class _Reader:
     def __init__(self, cell_data: str, copy: bool, report: Report) -> None:
         self.flow, self.cell_data, self.copy, self.report = DataSet(), cell_data, copy, report
         self.names: Set[str] = set()
+        self.fields: Set[str] = set()  # of the block at hand
         self.part = slice(0), slice(0), slice(0)  # of the grid at hand that is no ghost layer
 
     def add(self, name: str, grid: Any) -> None:
@@ -143,8 +173,8 @@ class _Reader:
         if size is None:
             self.report.add(where, "left out", f"{grid.GetClassName()} has no three indices")
             return
-        if min(size) < 1:
-            self.report.add(where, "left out", "no vertices")
+        if why_not := _why_not(grid, size):
+            self.report.add(where, "left out", why_not)
             return
         if name in self.names:
             name = next(other for n in range(2, 10**9) if (other := f"{name} ({n})") not in self.names)
@@ -153,6 +183,7 @@ class _Reader:
             self.report.add(where, "left out", "nothing but ghost cells")
             return
         self.names.add(name)
+        self.fields = set()
         masks = self.masks(name, grid, shape)
         block = self.block(name, grid, size, masks)
         kept = self.cells_of(name, grid, shape)
@@ -169,14 +200,14 @@ class _Reader:
             ("valid", grid.GetPointData(), shape, _HIDDEN_POINT),
             ("valid_cells", grid.GetCellData(), cells, _HIDDEN_CELL | _DUPLICATE_CELL),
         ):
-            ghosts = data.GetArray(_GHOSTS)
-            if ghosts is None or ghosts.GetNumberOfTuples() != np.prod(of):
+            ghosts = _ghosts(data, of)
+            if ghosts is None:
                 continue
             # Points that another part has, too, are valid here and there; duplicated cells are that other part's.
             part: Tuple[slice, ...] = self.part
             if key == "valid_cells":
                 part = tuple(slice(p.start, max(p.stop - 1, p.start + 1)) for p in part)
-            valid = (_numpy_of(ghosts).reshape(of)[part] & blanked) == 0
+            valid = (ghosts[part] & blanked) == 0
             if not valid.all():
                 masks[key] = np.ascontiguousarray(valid)
                 whose = "cells" if key == "valid_cells" else "points"
@@ -196,11 +227,11 @@ class _Reader:
                 self.report.add(what, "shared", "a box")
                 return self.flow.add_uniform_block(name, counts, (low, high), **masks)
             points = np.array([grid.GetPoint(n) for n in range(grid.GetNumberOfPoints())])
+            points = np.ascontiguousarray(points.reshape(size[::-1] + (3,))[self.part])
             self.report.add(what, "copied", "a turned or mirrored image")
-            return self.flow.add_block(name, points.reshape(size[::-1] + (3,))[self.part], **masks)
+            return self.flow.add_block(name, points, **masks)
         if grid.IsA("vtkRectilinearGrid"):
-            axes = [_numpy_of(getattr(grid, f"Get{axis}Coordinates")()).astype(float) for axis in "XYZ"]
-            axes = [axis[own] for axis, own in zip(axes, self.part[::-1])]
+            axes = [axis[own] for axis, own in zip(_axes(grid), self.part[::-1])]
             self.report.add(what, "copied", "three lists of coordinates")
             return self.flow.add_rectilinear_block(name, axes[0], axes[1], axes[2], **masks)
         points = _numpy_of(grid.GetPoints().GetData()).reshape(size[::-1] + (3,))[self.part]
@@ -222,17 +253,22 @@ class _Reader:
         else:
             values = _numpy_of(array)
             tail = {1: (), 3: (3,), 9: (3, 3)}[array.GetNumberOfComponents()]
-            copied = _class_of(array) if not array.HasStandardMemoryLayout() else ""
+            copied = "of bits" if array.IsA("vtkBitArray") else ""
+            copied = copied if array.HasStandardMemoryLayout() else _class_of(array)
             self.give(block, name, values.reshape(shape + tail)[self.part], copied)
 
     def give(self, block: Block, name: str, values: Any, made: str) -> None:
         what = f'block "{block.name}", field "{name}"'
         copied = self.why_copied(values)
+        if name in self.fields:
+            self.report.add(what, "left out", "there is a field of this name")
+            return
         try:
             block.set(name, values, copy=bool(copied))
         except ValueError as reason:
             self.report.add(what, "left out", str(reason))
         else:
+            self.fields.add(name)
             self.report.add(what, "copied" if copied or made else "shared", made or copied)
 
     def why_copied(self, values: Any) -> str:
@@ -247,7 +283,7 @@ class _Reader:
 
     def cells_of(self, name: str, grid: Any, shape: Tuple[int, ...]) -> List[Tuple[str, Any]]:
         """Cell data, averaged to the vertices if that is wanted."""
-        data = grid.GetCellData()
+        data, cells = grid.GetCellData(), tuple(max(m - 1, 1) for m in shape)
         kept = []
         for n in range(data.GetNumberOfArrays()):
             array = data.GetAbstractArray(n)
@@ -259,10 +295,11 @@ class _Reader:
                 self.report.add(what, "left out", 'fields are of vertices; cell_data="average" takes their averages')
             elif not array.IsA("vtkDataArray") or array.GetNumberOfComponents() not in (1, 3, 9):
                 self.report.add(what, "left out", "neither numbers nor vectors")
+            elif array.GetNumberOfTuples() != np.prod(cells):
+                self.report.add(what, "left out", f"{array.GetNumberOfTuples()} values for {np.prod(cells)} cells")
             elif grid.GetPointData().HasArray(title):
                 self.report.add(what, "left out", "there is a field of this name")
             else:
-                cells = tuple(max(m - 1, 1) for m in shape)
                 tail = {1: (), 3: (3,), 9: (3, 3)}[array.GetNumberOfComponents()]
                 kept.append((title, _to_vertices(_numpy_of(array).reshape(cells + tail), shape)))
         return kept
@@ -298,7 +335,7 @@ def from_vtk(thing: Any, *, cell_data: str = "leave", copy: bool = False, report
     Blocks are called as they are there, parts of parts "outer/inner", nameless ones by their numbers. Layers of
     duplicated cells around a grid are another part's: they are cut off, so that parts meet at their faces. Points that
     are hidden and other cells that are hidden or duplicated are not valid. Whoever changes a shared array sets the field
-    again.
+    again; nobody changes its size, for which VTK frees its memory.
 
     TypeError for what is no object of VTK; ValueError, which says why, if nothing can be taken.
     """
@@ -386,7 +423,8 @@ def _of_points(given: Union[Curves, Surface]) -> Any:
     made.SetPoints(_points(given.points))
     for name in given.names:
         values = given[name]
-        made.GetPointData().AddArray(_array(values if values.ndim == 1 else values.reshape(len(values), -1), name))
+        flat = (len(values), int(np.prod(values.shape[1:])))  # -1 would not do without points
+        made.GetPointData().AddArray(_array(values if values.ndim == 1 else values.reshape(flat), name))
     return made
 
 
@@ -493,11 +531,13 @@ def to_vtk(self: Union[Block, Curves, DataSet, Surface], fields: Optional[List[s
 
 
 class _Accessor:
-    """What `mesh.vantle` is: the data set of a mesh of pyvista, by `from_vtk`, made when it is first asked for."""
+    """What `mesh.vantle` is: the data set of a mesh of pyvista, by `from_vtk`, made when it is first asked for, and anew
+    once the mesh was modified."""
 
     def __init__(self, mesh: Any) -> None:
         self._mesh = mesh
         self._flow: Optional[DataSet] = None
+        self._time = 0
 
     def data_set(self, **options: Any) -> DataSet:
         """As `from_vtk` of the mesh."""
@@ -506,8 +546,9 @@ class _Accessor:
     def __getattr__(self, name: str) -> Any:
         if name.startswith("_"):
             raise AttributeError(name)
-        if self._flow is None:
-            self._flow = self.data_set()
+        time = max(part.GetMTime() for part in (self._mesh, *(grid for _, grid in _leaves(self._mesh, "", Report()))))
+        if self._flow is None or self._time != time:
+            self._flow, self._time = self.data_set(), time
         return getattr(self._flow, name)
 
 

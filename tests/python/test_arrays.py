@@ -168,7 +168,9 @@ def test_whatever_is_given_is_taken_as_it_is_or_refused():
         (lambda f, x: f.add_uniform_block("b", (2, 2, -2), ((0, 0, 0), (1, 1, 1))), ValueError, "negative"),
         (lambda f, x: f.add_uniform_block("b", (2, 2, 2), ((0, 0), (1, 1))), ValueError, "(2, 2)"),
         (lambda f, x: f.add_rectilinear_block("b", [0, 2, 1], [0, 1], [0, 1]), ValueError, "ascend"),
+        (lambda f, x: f.add_rectilinear_block("b", [[0, 1]], [0, 1], [0, 1]), ValueError, "along an axis"),
         (lambda f, x: f.memory_budget("2 GiBit"), ValueError, "2 GiB"),
+        (lambda f, x: f.memory_budget([1]), ValueError, "[1]"),
         (lambda f, x: f.memory_budget(-1), ValueError, "-1"),
         (lambda f, x: f.locate([1, 2]), ValueError, "(..., 3)"),
         (lambda f, x: f.locate("here"), ValueError, "(..., 3)"),
@@ -201,6 +203,14 @@ def test_functions_make_what_is_needed_and_again_when_it_was_dropped():
     before = len(calls)
     np.testing.assert_array_equal(flow.contour("plane", 1.0).points, whole.points)
     assert len(calls) == before  # everything was kept
+    made, lives = watched(plane(quarter(3)))
+    block["made"] = [made].pop
+    del made
+    flow.range("made")
+    assert lives() is not None
+    flow.memory_budget(0)
+    assert lives() is None
+    flow.remove_field("made")
     flow.memory_budget(2 * quarter(0).nbytes)
     np.testing.assert_array_equal(flow.contour("plane", 1.1).points, flow.contour("plane", 1.1).points)
     assert len(calls) > before
@@ -224,3 +234,19 @@ def test_functions_make_what_is_needed_and_again_when_it_was_dropped():
         flow.locate([[1.5, 0.1, 0.5]]).sample("plane"), flow.range("plane")
     block["plane"] = lambda: plane(quarter(3))
     np.testing.assert_array_equal(flow.contour("plane", 1.0).points, whole.points)
+
+
+def test_what_fails_keeps_no_data_set_alive():
+    def ask():  # of which the traceback knows, and so of the data set
+        flow = vt.DataSet()
+        for n in range(4):
+            points, lives = watched(quarter(n))
+            flow.add_block(str(n), points)["rho"] = lambda: 1 / 0
+        with pytest.raises(ZeroDivisionError):
+            flow.range("rho")
+        return lives
+
+    lives = ask()
+    vt.DataSet().bounds
+    gc.collect()
+    assert lives() is None

@@ -50,6 +50,7 @@ def test_answers_are_those_of_numpy(ring):
 
     both = ring.contour("radius", [1.3, 1.7], values=["plane", "velocity"], normals=True)
     each = ring.contours("radius", np.array([1.3, 1.7]), values="plane")
+    np.testing.assert_array_equal(ring.contour("radius", np.array(1.3)).points, each[0].points)
     np.testing.assert_array_equal(both.points, np.concatenate([each[0].points, each[1].points]))
     np.testing.assert_array_equal(both.triangles[len(each[0].triangles):], each[1].triangles + len(each[0].points))
     np.testing.assert_allclose(both["plane"], plane(both.points), atol=1e-12)
@@ -198,10 +199,23 @@ def test_threads_ask_while_others_change(ring):
     for thread in threads:
         thread.join(120)
     assert not wrong and not any(thread.is_alive() for thread in threads) and asked
-    before = vt.thread_count()
-    with vt.threads(1):
+    before, alone = vt.thread_count(), vt.threads(1)
+    with alone:
+        with alone:
+            pass
         assert vt.thread_count() == 1
     assert vt.thread_count() == before
+
+    flow, steps = vt.DataSet(), [vt.DataSet(), vt.DataSet()]  # whose blocks change their size
+    for each, n in ((flow, 3), (steps[0], 3), (steps[1], 60)):
+        each.add_uniform_block("box", (n, n, n), ((0, 0, 0), (1, 1, 1)))
+    changing = threading.Thread(target=lambda: [flow.add_time(0.0, steps[n % 2]) for n in range(100000)])
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(1e-6)
+    changing.start()
+    while changing.is_alive():
+        assert (flow.block("box").points[-1, -1, -1] == 1.0).all()
+    sys.setswitchinterval(interval)
 
 
 def _in_child(flow, points, pipe):
@@ -240,6 +254,15 @@ def test_messages_go_to_logging_on_the_thread_that_asks(ring, caplog, capfd):
     assert {record.thread for record in lines} == {threading.get_ident()}
     ring.contour("plane", 1.0)
     assert len(caplog.records) == len(lines) and capfd.readouterr().out == ""
+
+    def interrupted(line):
+        raise KeyboardInterrupt
+
+    with pytest.raises(KeyboardInterrupt):
+        vt.messages(interrupted)
+        ring.contour("plane", 1.0)
+        time.sleep(1)
+    vt.messages(None)
 
 
 def test_the_interpreter_ends_with_everything_alive():

@@ -145,11 +145,17 @@ def test_parts_of_parts_are_taken_and_the_rest_is_reported(caplog):
     outer.GetMetaData(0).Set(name, "wing")
     outer.SetBlock(1, model.vtkUnstructuredGrid())
     outer.SetBlock(2, image((2, 2, 2)))
-    outer.SetBlock(4, None)
+    bare, level = model.vtkStructuredGrid(), model.vtkRectilinearGrid()
+    bare.SetDimensions(2, 2, 2)
+    level.SetDimensions(1, 1, 2)
+    level.SetZCoordinates(numpy_to_vtk(np.ones(2), deep=True))
+    for n, part in enumerate((None, bare, level), 4):
+        outer.SetBlock(n, part)
     report = vt.vtk.Report()
     flow = vt.from_vtk(outer, report=report)
     assert list(flow.blocks) == ["wing/left", "wing/1", "wing/left (2)", "2"]
-    assert [str(entry) for entry in report.of("left out")] == ['block "1": left out (vtkUnstructuredGrid has no three indices)']
+    reasons = ("vtkUnstructuredGrid has no three indices", "0 points for the extents (2, 2, 2)", "coordinates that neither ascend nor descend")
+    assert [entry.reason for entry in report.of("left out")] == list(reasons)
     assert "vtkUnstructuredGrid" in caplog.text
     assert [block.size for block in vt.from_vtk(collection).blocks.values()] == [(2, 2, 2), (2, 2, 1)]
     with pytest.raises(ValueError, match="vtkUnstructuredGrid has no three indices"):
@@ -161,8 +167,13 @@ def test_parts_of_parts_are_taken_and_the_rest_is_reported(caplog):
     # Arrays that are not as ours are; cell data; ghosts.
     odd = image((3, 2, 2))
     shared = vtk_to_numpy(odd.GetPointData().GetArray("f"))
-    apart = core.vtkSOADataArrayTemplate["float64"]() if hasattr(core.vtkSOADataArrayTemplate, "__getitem__") else None
-    for title, values in (("long", np.arange(12)), ("two", np.zeros((12, 2))), ("tensor", np.arange(108.0).reshape(12, 9)), ("short", np.arange(12, dtype="i2"))):
+    apart = core.vtkSOADataArrayTemplate["float64"]()
+    apart.SetNumberOfComponents(1)
+    apart.SetNumberOfTuples(12)
+    apart.SetName("apart")
+    apart.Fill(1.0)
+    odd.GetPointData().AddArray(apart)
+    for title, values in (("f ", np.zeros(12)), ("long", np.arange(12)), ("two", np.zeros((12, 2))), ("tensor", np.arange(108.0).reshape(12, 9)), ("short", np.arange(12, dtype="i2"))):
         array = numpy_to_vtk(values, deep=True)
         array.SetName(title)
         odd.GetPointData().AddArray(array)
@@ -170,27 +181,36 @@ def test_parts_of_parts_are_taken_and_the_rest_is_reported(caplog):
     text.SetName("text")
     text.SetNumberOfValues(12)
     odd.GetPointData().AddArray(text)
+    odd.GetPointData().GetArray("f ").SetName("f")  # that of the first one
     cells = numpy_to_vtk(np.array([1.0, 3.0]), deep=True)
     cells.SetName("cell")
     odd.GetCellData().AddArray(cells)
+    few = numpy_to_vtk(np.zeros(5), deep=True)
+    few.SetName("few")
+    odd.GetCellData().AddArray(few)
     ghosts = numpy_to_vtk(np.array([0, 32], dtype=np.uint8), deep=True)
     ghosts.SetName("vtkGhostType")
     odd.GetCellData().AddArray(ghosts)
     report = vt.vtk.Report()
     flow = vt.from_vtk(odd, report=report, cell_data="average")
-    assert {entry.what.split('"')[3] for entry in report.of("left out")} == {"two", "text"}
+    assert {entry.what.split('"')[3] for entry in report.of("left out")} == {"f", "two", "text", "few"}
     (block,) = flow.blocks.values()
     assert np.shares_memory(block["f"], shared) and block["long"].dtype == np.float64 and block["tensor"].shape == (2, 2, 3, 3, 3)
     np.testing.assert_array_equal(block["cell"], np.broadcast_to([1, 2, 3], (2, 2, 3)))
     assert block.valid_cells.tolist() == [[[True, False]]] and flow.bounds[1][0] == 0.5
-    assert not any("cell" in field for field in vt.from_vtk(odd).fields)
-    del apart
+    apart.Fill(2.0)
+    odd.GetCellData().GetArray("vtkGhostType").SetName("ghosts")
+    assert not any("cell" in field for field in vt.from_vtk(odd).fields) and (block["apart"] == 1.0).all()
+    odd.GetCellData().GetArray("cell").SetName("vtkGhostType")  # of floats is none
+    assert vt.vtk.own_points(odd) == (slice(0, 2), slice(0, 2), slice(0, 3))
 
 
 def test_pieces_with_ghost_layers_meet_at_their_faces():
     axes = vt.DataSet()
     axes.add_rectilinear_block("axes", np.arange(9.0) ** 2, [5, 3, 2, 0], np.arange(6.0))
-    for whole in (image((9, 4, 6)), axes.to_vtk(), make_ring((9, 4, 6)).block("quarter 1").to_vtk()):
+    turned = image((9, 4, 6))
+    turned.SetDirectionMatrix(0, -1, 0, 1, 0, 0, 0, 0, 1)
+    for whole in (image((9, 4, 6)), turned, axes.to_vtk(), make_ring((9, 4, 6)).block("quarter 1").to_vtk()):
         cells = numpy_to_vtk(np.sin(np.arange(8 * 3 * 5.0)), deep=True)
         cells.SetName("cells")
         whole.GetCellData().AddArray(cells)
@@ -234,6 +254,8 @@ def test_objects_of_vtk_share_memory_and_keep_it_alive():
     assert all(np.shares_memory(one, two) for one, two in pairs)
     with pytest.raises(KeyError, match="there are"):
         flow.to_vtk(["plain"])
+    nothing = flow.contour("radius", 9.0, values="velocity", normals=True).to_vtk().GetPointData()
+    assert [nothing.GetArray(n).GetNumberOfComponents() for n in range(2)] == [3, 3]
     copies = [one.copy() for one, _ in pairs]
     again = vt.from_vtk(grids)
     del flow, surface, block, grid, grids, pairs
@@ -269,6 +291,10 @@ def test_a_mesh_has_an_accessor_where_there_is_a_registry():
     mesh.DeepCopy(image((4, 4, 4)))
     assert mesh.vantle.range("f") == (0.0, 63.0) and not mesh.vantle.contour("f", 30.0).is_empty
     assert mesh.vantle.data_set(copy=True).fields["f"].components == 1
+    accessor = mesh.vantle
+    assert list(accessor.fields) == ["f"]
+    mesh.GetPointData().AddArray(image((4, 4, 4), "g").GetPointData().GetArray(0))
+    assert list(accessor.fields) == ["f", "g"]
 
 
 def test_what_notebooks_and_pictures_show(ring, tmp_path, monkeypatch):
@@ -332,6 +358,8 @@ def test_curves_have_lengths_directions_and_values(ring, tmp_path):
         assert lines.GetNumberOfLines() == 2 and lines.GetCell(1).GetPointId(0) == 101
         np.testing.assert_array_equal(vtk_to_numpy(lines.GetPointData().GetArray("length")), expected)
         np.testing.assert_array_equal(vtk_to_numpy(lines.GetPoints().GetData()), helix)
+    unaligned = np.frombuffer(b"x" + helix.tobytes(), offset=1).reshape(-1, 3)
+    np.testing.assert_array_equal(vt.Curves(unaligned).points, helix)
     crossing = vt.Curves([[0, 0, 0], [1, 0, 0], [1, 1, 0]], [np.arange(3), [], (2, 0, 2)])
     assert [crossing.curve(n).tolist() for n in range(3)] == [[0, 1, 2], [], [2, 0, 2]]
     for wrong in (lambda: vt.Curves(helix, [[301]]), lambda: vt.Curves(helix, starts=[5, 4]), lambda: vt.Curves(helix[:, :2]),

@@ -1,5 +1,6 @@
 #include <dataset/DataSet.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <functional>
@@ -290,6 +291,13 @@ TEST(VtkObjects, PartsHaveNamesMasksAndReasonsWhereverTheyAre) {
     inner->SetBlock(1, vtkSmartPointer<vtkUnstructuredGrid>::New());
     inner->SetBlock(2, vtkSmartPointer<vtkImageData>::New()); // without points
     inner->SetBlock(3, nullptr);
+    auto bare = vtkSmartPointer<vtkRectilinearGrid>::New(), level = makeRectilinear();
+    bare->SetDimensions(2, 2, 2);
+    level->GetZCoordinates()->SetTuple1(1, level->GetZCoordinates()->GetTuple1(0));
+    inner->SetBlock(4, bare);
+    inner->SetBlock(5, level);
+    addArray<vtkDoubleArray>(*image, "second", 1);
+    image->GetPointData()->GetArray("second")->SetName("f");
     auto pieces = vtkSmartPointer<vtkPartitionedDataSetCollection>::New();
     pieces->SetPartition(0, 0, makeCurved(VTK_FLOAT));
     pieces->SetPartition(0, 1, makeRectilinear());
@@ -306,6 +314,11 @@ TEST(VtkObjects, PartsHaveNamesMasksAndReasonsWhereverTheyAre) {
     EXPECT_EQ(fateOf(report, "\"pair\""), "left out (2 components)\n");
     EXPECT_EQ(fateOf(report, "\"plane/1\""), "left out (vtkUnstructuredGrid has no three indices)\n");
     EXPECT_EQ(fateOf(report, "\"plane/2\""), "left out (no vertices)\n");
+    EXPECT_EQ(fateOf(report, "\"plane/4\""), "left out (1 points for the extents [2x2x2])\n");
+    EXPECT_NE(fateOf(report, "\"plane/5\"").find("neither ascend nor descend"), std::string::npos);
+    EXPECT_EQ(std::count_if(report.begin(), report.end(),
+                            [](const VtkPart& part) { return part.reason == "there is a field of this name"; }),
+              1);
     EXPECT_EQ(fateOf(report, "\"cells\""), "copied (averaged to vertices)\n");
     (void)fromVtk(outer, {.report = &report});
     EXPECT_EQ(fateOf(report, "\"cells\"").substr(0, 8), "left out");
