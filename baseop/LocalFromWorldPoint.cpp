@@ -127,6 +127,7 @@ BBSelectorMemoryTree::BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree,
         for (int d = 0; d < 3; ++d) {
             centre[d] = 0.5 * region.min[d] + 0.5 * region.max[d];
             reach[d] += (0.5 * region.max[d] - 0.5 * region.min[d]) + roundingOf(region.min[d], region.max[d]);
+            if (!std::isfinite(centre[d])) centre[d] = 0.0; // and all is in reach
         }
     }
     tree.forEachInBox(centre, reach, [&](int value, double) {
@@ -270,6 +271,7 @@ void LocalFromWorldPoint::fillTree() {
         for (int d = 0; d < 3; ++d) {
             // The centre is rounded, so a point of the box may be farther from it than half the extent.
             myHalfWidths[d] = std::max(myHalfWidths[d], 0.5 * high[d] - 0.5 * low[d] + roundingOf(low[d], high[d]));
+            if (std::isnan(centre[d])) centre[d] = 0.0; // between both infinities; all is in reach
         }
         centres.emplace_back(centre, static_cast<int>(n));
     }
