@@ -375,10 +375,7 @@ const Structure* LocalFromWorldPoint::structure(unsigned int number, Hearing hea
         }
         if (slot.owner) slot.ready.store(slot.owner.rawptr(), std::memory_order_release);
     };
-    fragment.untold.during(hearing != Hearing::Nobody, [&] {
-#pragma omp critical
-        obtain();
-    });
+    fragment.untold.during(hearing != Hearing::Nobody, [&] { detail::inCriticalSection(obtain); });
     return slot.ready.load(std::memory_order_acquire);
 }
 

@@ -1,4 +1,5 @@
 #include <baseop/ExactCellLocator.hpp>
+#include <baseop/GridEvaluator.hpp>
 #include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 
@@ -40,6 +41,34 @@ TEST(MapperAllocationTest, QueriesAllocateNothing) {
                   for (const Point& P : points) (void)mapper.locateProjectively(P, 0.02);
               }),
               0);
+}
+
+// Whatever allocation fails, the process lives on, and the next question has its answer.
+TEST(MapperAllocationTest, QueriesSurviveEachFailedAllocation) {
+    std::size_t heard = 0;
+    const Hestra::ScopedListener listener([&](std::string_view text) { heard += text.size(); });
+    for (long n = 0, hasFailed = 1; hasFailed; ++n) {
+        const Scene scene(shapes()[1], 2, {5, 6, 4});
+        const auto asked = makeMemArray1D(std::vector<Point>{positionIn(*scene.block("B"), {1.2, 2.3, 1.4})});
+        const auto ask = [&] {
+            GridEvaluator::Context context;
+            context.slice = scene.slice;
+            context.grid = scene.grid;
+            context.cellLocator = CellLocator::Exact;
+            const auto values =
+                GridEvaluator().evaluate(asked, *scene.blocks.positions(), context, *scene.blocks.field("linear"));
+            const LocalFromWorldPoint locator(scene.slice, scene.grid);
+            return values && locator.locate(asked->element(0)).fragment == 1;
+        };
+        allocationsBeforeFailure = n;
+        try {
+            (void)ask();
+        } catch (const std::bad_alloc&) {
+        }
+        hasFailed = allocationsBeforeFailure.exchange(-1) < 0;
+        ASSERT_TRUE(ask()) << n;
+    }
+    EXPECT_GT(heard, 0u);
 }
 
 } // namespace
