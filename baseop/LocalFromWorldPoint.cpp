@@ -280,9 +280,14 @@ void LocalFromWorldPoint::fillTree() {
         Console::puts(tell::incomplete);
         return;
     }
-    myTree->reserve(centres.size());
-    for (const auto& [centre, number] : centres) myTree->insert(centre, number);
-    myTree->pack();
+    try {
+        myTree->reserve(centres.size());
+        for (const auto& [centre, number] : centres) myTree->insert(centre, number);
+        myTree->pack();
+    } catch (...) {
+        myField->removeInterface(typeid(FragmentTreeInterface)); // or others would take a part for the whole
+        throw;
+    }
 }
 
 const StrongPtr<FragmentID>& LocalFromWorldPoint::fragmentID(unsigned int n) const {
