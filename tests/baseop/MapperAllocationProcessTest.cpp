@@ -1,5 +1,6 @@
 #include <baseop/ExactCellLocator.hpp>
 #include <baseop/GridEvaluator.hpp>
+#include <baseop/Isosurface.hpp>
 #include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 
@@ -59,7 +60,12 @@ TEST(MapperAllocationTest, QueriesSurviveEachFailedAllocation) {
             const auto values =
                 GridEvaluator().evaluate(asked, *scene.blocks.positions(), context, *scene.blocks.field("linear"));
             const LocalFromWorldPoint locator(scene.slice, scene.grid);
-            return values && locator.locate(asked->element(0)).fragment == 17;
+            SurfaceOptions options;
+            options.keepEdges = true;
+            const auto surface =
+                ComputeIsosurface(0.5, Hestra::Ageable(), *scene.grid, "linear", *scene.slice, "surface", 0.0, options);
+            return values && locator.locate(asked->element(0)).fragment == 17 &&
+                   EvalFieldOnIsosurface(*surface, *scene.blocks.positions());
         };
         allocationsBeforeFailure = n;
         try {
