@@ -111,6 +111,21 @@ StrongPtr<MemBase> elementsAt(const BlockJoins& joins, const VertexNumbers& vert
     return joined;
 }
 
+/// No elements, of the type that a field has; numbers where it has none.
+StrongPtr<MemBase> noElementsOf(const Field& field) {
+    VantleTypeIndex type;
+    field.iterate(
+        [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+            type = creator->elementType();
+            if (!type)
+                if (const StrongPtr<MemBase> data = creator->getData()) type = data->elementIndex();
+            return !type;
+        },
+        false);
+    const auto maker = type ? MemBase::findAllocator(inDoublePrecision(type).type()) : nullptr;
+    return maker ? maker->create(MultiIndex<1>(0), {}) : makeMemArray1D(std::vector<double>());
+}
+
 /// Triangles of the blocks one after the other, those of block b up to `ends[b]`.
 struct Hull {
     std::vector<TriangleCell> triangles;
@@ -232,8 +247,10 @@ StrongPtr<Grid> ComputeBlockBoundary(const Grid& grid, Slice& slice, const std::
     for (index_t n = 0; n < typed->nElements(); ++n) places.push_back(typed->element(n));
     Hull hull = hullOf(blocks, vertices, places);
     std::vector<StrongPtr<MemBase>> values;
-    for (std::size_t n = 0; n < fields.size(); ++n)
-        values.push_back(elementsAt(*joins, vertices, *fields[n], options.fields[n]));
+    for (std::size_t n = 0; n < fields.size(); ++n) {
+        const StrongPtr<MemBase> elements = elementsAt(*joins, vertices, *fields[n], options.fields[n]);
+        values.push_back(elements ? elements : noElementsOf(*fields[n]));
+    }
 
     const StrongPtr<Grid> output = slice.newGrid(outputName);
     const auto inSpace = output->makeCartesianRepresentation(2);

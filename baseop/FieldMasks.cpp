@@ -1,4 +1,5 @@
 #include <baseop/FieldMasks.hpp>
+#include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/ParallelLoop.hpp>
 #include <baseop/detail/ValueBricks.hpp>
 #include <model/vantle/Derived.hpp>
@@ -76,6 +77,23 @@ void fill(Mask& mask, const MemArray<3, T>& values, const Test& isValid) {
         forAll(values.nElements(), sizeof(T), [=](std::size_t n) { to[n] = isValid(from[n]) ? 1 : 0; });
     else
         forAll(values.nElements(), sizeof(T), [=](std::size_t n) { to[n] = isValid(from[n * step]) ? 1 : 0; });
+}
+
+/// A mask of positions that are computed from axes; null for other data.
+StrongPtr<Mask> maskOfProduct(const StrongPtr<MemBase>& data, const WeakPtr<CreativeArrayBase>& maker) {
+    StrongPtr<Mask> mask;
+    detail::FragmentCoordinates(data).visitProducts([&](const auto& positions) {
+        mask = Mask::create(positions.Size(), maker);
+        std::vector<unsigned char> isNumber[3];
+        for (int d = 0; d < 3; ++d)
+            for (index_t n = 0; n < positions.Size()[d]; ++n)
+                isNumber[d].push_back(std::isnan(positions.axis(d)[n]) ? 0 : 1);
+        unsigned char* to = mask->data();
+        for (const unsigned char k : isNumber[2])
+            for (const unsigned char j : isNumber[1])
+                for (const unsigned char i : isNumber[0]) *to++ = i & j & k;
+    });
+    return mask;
 }
 
 /// Vertices of a row, up to `end`, that are 0 or 1, or are to be read.
@@ -185,7 +203,8 @@ StrongPtr<Field> makeMask(const StrongPtr<Field>& values, const StrongPtr<Repres
                             return fill(*made, array, isValid, *bricks);
                     fill(*made, array, isValid);
                 };
-                if (!withMemArray<3>(Elements(), data, make)) refuseElements();
+                if (std::is_same_v<Test, IsNumber>) made = maskOfProduct(data, maker);
+                if (!made && !withMemArray<3>(Elements(), data, make)) refuseElements();
                 const StrongPtr<MemBase> other = masks ? masks->now().vertexMaskOf(fragment) : nullptr;
                 withMemArray<3>(Numbers(), other, [&](const auto& array) {
                     if (array.Size() != made->Size()) refuseElements();

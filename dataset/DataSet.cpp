@@ -104,13 +104,14 @@ DataSet DataSet::read(const std::vector<std::filesystem::path>& files, const Rea
         const Plot3DFile fields = Plot3DFile::openFields(files[n], file, names, options.form);
         if (fields.content() == Plot3DContent::solution) {
             const double time = fields.readFreeStream(0).time;
+            if (std::isnan(time)) throw FileError(files[n], "block 1, freestream numbers", "the time is no number");
             if (!times.empty()) {
                 now = Hestra::makeRef<Grid>();
                 const StrongPtr<Representation> same = now->makeCartesianRepresentation(3);
                 same->setPositions(vertices->Positions());
                 same->setField(VertexMaskName, vertices->findField(VertexMaskName));
             }
-            if (std::isnan(time) || !times.emplace(time, now).second)
+            if (!times.emplace(time, now).second)
                 throw DataSetError(files[n].string() + ": another solution is of time " + textOf(time) + ", too");
         }
         RegularGrid3D grid(now);
@@ -157,7 +158,8 @@ void DataSet::addBlock(const std::string& name, const StrongPtr<CreativeArrayBas
     if (step().positions()->getFragmentID(name)) throw DataSetError("there is a block " + quoted(name) + " already");
     if (step().positions()->getCreator(nullptr) && !step().blocks().back().id)
         throw DataSetError("block " + quoted(name) + ": the data set is one block without name");
-    DataSet result = changeable(true);
+    // Others would get the fragment by the search structures beside positions that are theirs, too.
+    DataSet result = step().ownsPositions() ? changeable(true) : changed();
     result.ownStep().setCreator(PositionsName, Hestra::makeRef<FragmentID>(name), positions);
     *this = std::move(result);
 }
@@ -182,9 +184,11 @@ void DataSet::addRectilinearBlock(const std::string& name, std::vector<double> x
     using Axis = ExplicitCoordinateAxisArray<double>;
     using Axes = DirectProductMemArray<Point, ExplicitCoordinateAxisArray, 3>;
     for (const auto* const axis : {&x, &y, &z})
-        if (axis->empty() || !(std::is_sorted(axis->begin(), axis->end(), std::less_equal<>()) ||
-                               std::is_sorted(axis->begin(), axis->end(), std::greater_equal<>())))
-            throw DataSetError("block " + quoted(name) + ": coordinates that neither ascend nor descend");
+        if (axis->empty() || !std::all_of(axis->begin(), axis->end(), [](double at) { return std::isfinite(at); }) ||
+            !(std::is_sorted(axis->begin(), axis->end(), std::less_equal<>()) ||
+              std::is_sorted(axis->begin(), axis->end(), std::greater_equal<>())))
+            throw DataSetError("block " + quoted(name) +
+                               ": coordinates that are not finite, or neither ascend nor descend");
     addBlock(name,
              StrongPtr<MemBase>(new Axes(Axes::Axes{Axis(std::move(x)), Axis(std::move(y)), Axis(std::move(z))})));
 }
@@ -262,7 +266,7 @@ void DataSet::addTime(double time, const DataSet& step) {
     DataSet result = std::any_of(now.begin(), now.end(), isThere) ? changed() : changeable(false);
     auto& steps = result.myState->steps;
     auto made = std::make_unique<Step>(step.step(), time, result.myState->bundle[time]);
-    made->joins = this->step().joins;
+    made->setJoins(this->step().joins);
     made->cache = result.myState->cache;
     const auto at = std::find_if(steps.begin(), steps.end(), [&](const auto& other) { return other->time >= time; });
     if (at != steps.end() && isThere(*at))
@@ -346,8 +350,10 @@ std::vector<Point> DataSet::positions(const std::string& block) const {
 }
 
 StrongPtr<MemBase> DataSet::positionArray(const std::string& block) const {
-    return detail::request("positions of block " + quoted(block),
-                           [&] { return step().data(PositionsName, *step().positions(), step().block(block)); });
+    return detail::request("positions of block " + quoted(block), [&] {
+        const DataSetBlock at = step().block(block);
+        return step().reading({}, [&] { return step().data(PositionsName, *step().positions(), at); });
+    });
 }
 
 std::array<std::vector<double>, 3> DataSet::axes(const std::string& block) const {
@@ -490,6 +496,7 @@ Surface DataSet::slice(const Plane& plane, const Fields& fields, const Progress&
         const Step& now = step();
         const double norm = length(plane.normal);
         if (!(norm > 0.0) || !std::isfinite(norm)) throw DataSetError("slice: a plane whose normal has no length");
+        if (!(plane.origin == plane.origin)) throw DataSetError("slice: a plane through what is no number");
         const auto boxes = now.reading({}, [&] { return within(0.0, 0.3, [&] { return now.boxes(); }); });
         detail::FieldNumbers numbers; // what the boxes leave possible
         for (const auto& box : boxes->blocks) {
@@ -645,15 +652,14 @@ std::string DataSet::magnitude(const std::string& vector) const { return derived
 
 DataSet DataSet::threshold(const std::string& field, double low, double high) const {
     return detail::request("threshold of field " + quoted(field), [&] {
-        const StrongPtr<Field> of = step().field(field, 1);
-        const StrongPtr<Field> mask = makeMaskOfRange(of, low, high, step().representation, step().cache);
+        const StrongPtr<Field> mask = step().maskOfRange(field, low, high);
         DataSet result = changed();
         Step& own = result.ownStep();
         const StrongPtr<Field> all = copyOf(mask, own.positions()->getFragmentIDCollection());
         for (const DataSetBlock& block : own.blocks()) // without values nothing is in range
             if (!all->getCreator(block.id))
                 all->setCreator(creatorOf(MemArray<3, unsigned char>::create(block.size()), own.cache), block.id);
-        own.setField(VertexMaskName, all, step().sourcesOf(field));
+        own.setField(VertexMaskName, all);
         return result;
     });
 }

@@ -138,7 +138,7 @@ public:
     void addBlock(const std::string& name, const MultiIndex<3>& size, std::vector<Point> positions);
     /// Vertices at equal distances, the first and the last ones on the faces of a box.
     void addUniformBlock(const std::string& name, const MultiIndex<3>& size, const Box& box);
-    /// Vertices at all combinations of three lists of coordinates, each ascending or descending.
+    /// Vertices at all combinations of three lists of finite coordinates, each ascending or descending.
     void addRectilinearBlock(const std::string& name, std::vector<double> x, std::vector<double> y,
                              std::vector<double> z);
 
@@ -224,7 +224,8 @@ public:
 
     /// The surface on which a scalar has this value, one for all joined blocks. Empty for a level outside of the range.
     ///
-    /// Degenerate  a level that is met exactly at vertices, but never exceeded, has an empty surface.
+    /// Degenerate  a level that is met exactly at vertices, but never exceeded, has an empty surface. Beside vertices
+    ///             where values or positions are no numbers, and where values are infinite, there is none.
     /// Memory      a block at a time, and the surface.
     [[nodiscard]] Surface contour(const std::string& field, double level, const ContourOptions& options = {}) const;
     /// The surfaces of several levels, in their order.

@@ -1,3 +1,4 @@
+#include <baseop/FieldMasks.hpp>
 #include <dataset/detail/NumberArray.hpp>
 #include <dataset/io/AtomicFile.hpp>
 
@@ -47,6 +48,11 @@ ParallelDataSet ParallelDataSet::atTime(double time) const {
         if (!myData->all.own.empty()) there = myData->local.atTime(time);
     });
     exchange.agree();
+    return with(there);
+}
+
+// The same blocks as another data set has them.
+ParallelDataSet ParallelDataSet::with(const DataSet& there) const {
     ParallelOptions options = myData->options;
     options.numbers.clear();
     for (const BlockInfo& block : there.blocks())
@@ -143,6 +149,7 @@ ParallelSurface ParallelDataSet::slice(const Plane& plane, const Fields& fields,
         myData->exchange->attempt([&] {
             const double norm = length(plane.normal);
             if (!(norm > 0.0) || !std::isfinite(norm)) throw DataSetError("a plane whose normal has no length");
+            if (!(plane.origin == plane.origin)) throw DataSetError("a plane through what is no number");
             for (const auto& box : myData->validBoxes) {
                 numbers.emplace_back();
                 if (!box) continue;
@@ -299,6 +306,26 @@ VANTLE_DERIVED(divergence)
 VANTLE_DERIVED(qCriterion)
 VANTLE_DERIVED(magnitude)
 #undef VANTLE_DERIVED
+
+ParallelDataSet ParallelDataSet::threshold(const std::string& field, double low, double high) const {
+    return detail::collective("threshold of field " + detail::quoted(field), [&] {
+        detail::Exchange& exchange = *myData->exchange;
+        const detail::Quantity of = myData->quantity(field, 1);
+        DataSet there = myData->local;
+        exchange.attempt([&] {
+            const StrongPtr<Field> mask =
+                makeMaskOfRange(of.field, low, high, myData->representation, myData->local.cache());
+            for (const std::uint32_t block : myData->all.own) {
+                StrongPtr<MemBase> valid = myData->data(field, *mask, block);
+                if (!valid) // without values nothing is in range
+                    valid = MemArray<3, unsigned char>::create(myData->all.blocks[block].info.size);
+                there.setVertexMask(myData->nameOf(block), valid);
+            }
+        });
+        exchange.agree();
+        return with(there);
+    });
+}
 
 StrongPtr<MemBase> ParallelDataSet::array(const std::string& field, const std::string& block) const {
     return detail::request("field " + detail::quoted(field), [&] { return myData->knownArray(field, block); });

@@ -137,6 +137,11 @@ public:
     [[nodiscard]] std::string qCriterion(const std::string& vector) const;
     [[nodiscard]] std::string magnitude(const std::string& vector) const;
 
+    /// The same blocks where a scalar, also one derived across ranks, is from `low` to `high`, as by
+    /// `DataSet::threshold`; its masks are made now, a byte a vertex.
+    [[nodiscard]] ParallelDataSet threshold(const std::string& field, double low,
+                                            double high = std::numeric_limits<double>::infinity()) const;
+
     /// The data of a field, also a derived one, in a block of this rank. Not collective: what is derived across joins
     /// must have been named to a collective operation before.
     [[nodiscard]] Hestra::StrongPtr<MemBase> array(const std::string& field, const std::string& block) const;
@@ -155,6 +160,7 @@ private:
     friend struct detail::LocatedParts;
     friend class ParallelLocated;
     explicit ParallelDataSet(std::shared_ptr<Data> data);
+    [[nodiscard]] ParallelDataSet with(const DataSet& local) const;
     std::shared_ptr<Data> myData;
 };
 

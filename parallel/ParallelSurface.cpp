@@ -61,9 +61,10 @@ void SurfaceParts::takeKinds(const std::vector<std::string>& names, Reader& ofOn
     }
 }
 
-ValueKind SurfaceParts::kind(const std::string& name) const {
-    const ValueKind known = values.at(name);
-    return known == ValueKind::None ? ValueKind::Number : known;
+void SurfaceParts::completeKinds(const std::map<std::string, int>& components) {
+    for (const auto& [name, count] : components)
+        if (ValueKind& kind = values[name]; kind == ValueKind::None)
+            kind = count == 3 ? ValueKind::Vector : count == 9 ? ValueKind::Tensor : ValueKind::Number;
 }
 
 std::string escaped(const std::string& text) {

@@ -420,7 +420,19 @@ void Input::add(std::string name, vtkDataObject& object) {
                     std::to_string(grid->GetNumberOfPoints()) + " points for the extents " + to_string(size));
     Block block{name, Extents(size), Extents(size)};
     if (!leaveGhostLayers(block, *grid)) return tell(where, Fate::LeftOut, "nothing but ghost cells");
-    addPositions(block, *grid);
+    if (auto* const rectilinear = vtkRectilinearGrid::SafeDownCast(grid)) {
+        const std::array<vtkDataArray*, 3> axes{rectilinear->GetXCoordinates(), rectilinear->GetYCoordinates(),
+                                                rectilinear->GetZCoordinates()};
+        for (int d = 0; d < 3; ++d)
+            if (const auto* const axis = axes[static_cast<std::size_t>(d)];
+                !axis || static_cast<index_t>(axis->GetNumberOfTuples()) < size[d])
+                return tell(where, Fate::LeftOut, "too few coordinates for the extents " + to_string(size));
+    }
+    try {
+        addPositions(block, *grid);
+    } catch (const DataSetError& reason) { // of coordinates that no block can have
+        return tell(where, Fate::LeftOut, reason.what());
+    }
     myNames.insert(block.name);
     addMasks(block, *grid);
     addFields(block, *grid);

@@ -7,9 +7,12 @@
 #include <baseop/detail/FragmentCoordinates.hpp>
 #include <baseop/detail/QuadCut.hpp>
 #include <dataset/detail/DataSetState.hpp>
+#include <dataset/detail/NumberArray.hpp>
 #include <dataset/io/FileArray.hpp>
 
 #include <array>
+#include <cmath>
+#include <limits>
 #include <unordered_map>
 
 namespace Vantle {
@@ -37,6 +40,11 @@ std::optional<NumberRange> FieldNumbers::all() const {
 
 bool FieldNumbers::hasNaN() const {
     return std::any_of(blocks.begin(), blocks.end(), [](const BlockNumbers& block) { return block.hasNaN; });
+}
+
+bool FieldNumbers::isInfinite() const {
+    const auto range = all();
+    return range && (std::isinf(range->least) || std::isinf(range->greatest));
 }
 
 std::optional<BlockBox> BlockBoxes::all() const {
@@ -111,7 +119,7 @@ DataSet::Step::Step(double when, const StrongPtr<Slice>& in, const StrongPtr<Hes
 
 DataSet::Step::Step(const Step& other, double when, const StrongPtr<Slice>& in)
     : time(when), slice(in), grid(slice->newGrid("data")), representation(grid->makeCartesianRepresentation(3)),
-      cache(other.cache), joins(other.joins), myMaskSources(other.myMaskSources), myLocator(other.myLocator) {
+      cache(other.cache), joins(other.joins), myLocator(other.myLocator) {
     other.representation->iterate([&](const FieldID& id, const Field& field) {
         representation->setField(id.name(), StrongPtr<Field>(const_cast<Field*>(&field)));
         return true;
@@ -202,6 +210,13 @@ StrongPtr<MemBase> DataSet::Step::data(const std::string& name, const Field& fie
     return data;
 }
 
+struct DataSet::Step::MaskOrigin : Hestra::Interface<MaskOrigin> {
+    MaskOrigin(const Step& of, const std::string& field)
+        : step(std::make_unique<const Step>(of, of.time, Hestra::makeRef<Slice>().strong())), name(field) {}
+    const std::unique_ptr<const Step> step;
+    const std::string name;
+};
+
 std::vector<StrongPtr<Field>> DataSet::Step::sourcesOf(const std::string& name) const {
     std::vector<StrongPtr<Field>> all;
     for (std::optional<Formula> formula{Formula{{}, name}}; formula; formula = parse(formula->operand))
@@ -212,10 +227,32 @@ std::vector<StrongPtr<Field>> DataSet::Step::sourcesOf(const std::string& name) 
 void DataSet::Step::throwReadingFailures(const Fields& names) const {
     for (const std::string& name : names)
         for (const StrongPtr<Field>& of : sourcesOf(name)) throwReadingFailure(*of);
-    for (const StrongPtr<Field>& of : myMaskSources) throwReadingFailure(*of);
-    for (const StrongPtr<Field>& mask : {masks().vertexMask(), masks().cellMask()})
-        if (mask) throwReadingFailure(*mask);
+    for (const StrongPtr<Field>& mask : {masks().vertexMask(), masks().cellMask()}) {
+        if (!mask) continue;
+        throwReadingFailure(*mask);
+        mask->iterate(
+            [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+                const auto origin = creator->findInterface<MaskOrigin>();
+                if (origin) origin->step->throwReadingFailures({origin->name});
+                return !origin; // which blocks have in common
+            },
+            false);
+    }
     throwReadingFailure(*positions());
+}
+
+StrongPtr<Field> DataSet::Step::maskOfRange(const std::string& name, double low, double high) const {
+    (void)field(name, 1); // found once for both
+    const auto origin = Hestra::makeRef<MaskOrigin>(*this, name);
+    const Step& now = *origin->step;
+    const StrongPtr<Field> mask = makeMaskOfRange(now.field(name, 1), low, high, now.representation, cache);
+    mask->iterate(
+        [&](const StrongPtr<FragmentID>&, const StrongPtr<CreativeArrayBase>& creator) {
+            creator->addInterface(origin);
+            return true;
+        },
+        false);
+    return mask;
 }
 
 // What is known of the numbers of a field, and of the box of a block, is what it was derived from that decides.
@@ -265,11 +302,12 @@ std::shared_ptr<const detail::BlockBoxes> DataSet::Step::boxes() const {
         const Pulse::Part part(share(made->blocks.size(), all.size()), share(made->blocks.size() + 1, all.size()));
         Pulse::beat(0.0);
         const StrongPtr<MemBase> points = data(PositionsName, *of, block);
-        made->blocks.push_back(ComputeNumberBox(points, blanking.of(block.id, block.size()).rawptr()));
-        // Where a NaN would take the place of a corner: location goes by the box that it finds.
-        if (points && !blanking && made->blocks.back() && !block.positions->findInterface<Orvix::BoundingBox>())
-            block.positions->addInterface(
-                Hestra::makeRef<Orvix::BoundingBox>(made->blocks.back()->least, made->blocks.back()->greatest));
+        const StrongPtr<const BlockMask> mask = blanking.of(block.id, block.size());
+        made->blocks.push_back(ComputeNumberBox(points, mask.rawptr()));
+        // Where a NaN would take the place of a corner: location goes by the box that it finds, whatever is masked.
+        if (block.positions->findInterface<Orvix::BoundingBox>()) continue;
+        if (const auto whole = mask ? ComputeNumberBox(points) : made->blocks.back())
+            block.positions->addInterface(Hestra::makeRef<Orvix::BoundingBox>(whole->least, whole->greatest));
     }
     const std::lock_guard lock(myMutex);
     myBoxes = made;
@@ -430,6 +468,13 @@ void own(Grid& surface) {
     for (const StrongPtr<Field>& field : all) keep(*field);
 }
 
+/// Whether a point of a surface is nowhere.
+bool hasNaN(const Grid& surface) {
+    const StrongPtr<MemBase> points = surface.CartesianPositions()->getData();
+    const auto box = ComputeNumberBox(points); // none where no coordinate along an axis is a number
+    return box ? box->hasNaN : points && points->nElements() > 0;
+}
+
 } // namespace
 
 Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& of, const detail::FieldNumbers& numbers,
@@ -445,7 +490,11 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
     const StrongPtr<Grid> source = view();
     const StrongPtr<Representation> fields = source->getCartesianRepresentation();
     if (!plane) fields->setField(name, of);
-    if (numbers.hasNaN()) // no surface beside what is no number
+    // No surface beside what is no number, nor on the way to an infinite one.
+    if (!plane && numbers.isInfinite())
+        fields->setField(VertexMaskName, makeMaskOfRange(of, std::numeric_limits<double>::lowest(),
+                                                         std::numeric_limits<double>::max(), representation, cache));
+    else if (numbers.hasNaN())
         fields->setField(VertexMaskName, makeMaskOfNumbers(of, representation, cache));
     SurfaceOptions options;
     options.joinBlocks = true;
@@ -464,13 +513,32 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
                                        options)
                      : ComputeIsosurface(level, Hestra::Ageable(), *source, name, *home, "surface", 0.0, options);
     };
-    StrongPtr<Grid> made = compute(), before;
-    if (const auto box = ComputeNumberBox(made->CartesianPositions()->getData()); box && box->hasNaN) {
-        // Vertices that are nowhere: beside them, too, there is no surface. The mask follows that of another grid: in
-        // its own it would find itself.
-        before = view();
-        before->getCartesianRepresentation()->setField(VertexMaskName, fields->findField(VertexMaskName));
-        fields->setField(VertexMaskName, makeMaskOfNumbers(positions(), before->getCartesianRepresentation(), cache));
+    StrongPtr<Grid> made = compute();
+    // Beside vertices that are nowhere, or whose owners have no finite values, there is no surface either. A mask
+    // follows that of another grid: in its own it would find itself.
+    std::vector<StrongPtr<Grid>> before;
+    std::vector<StrongPtr<Field>> seen; // with the values of owners, who are others when more is masked
+    const auto hide = [&](const auto& makeMask) {
+        before.push_back(view());
+        const StrongPtr<Representation> present = before.back()->getCartesianRepresentation();
+        present->setField(VertexMaskName, fields->findField(VertexMaskName));
+        fields->setField(VertexMaskName, makeMask(present));
+    };
+    for (int round = 0; round < detail::MostMaskings && hasNaN(*made); ++round) {
+        if (!plane) {
+            const StrongPtr<BlockJoins> together = BlockJoins::of(*source, joins);
+            seen.push_back(Hestra::makeRef<Field>(of->getFragmentIDCollection()));
+            for (const DataSetBlock& block : all) {
+                const unsigned int number = together->find(block.id);
+                const bool shares = number < together->blocks() && together->isShared(number);
+                if (const StrongPtr<MemBase> own = data(name, *of, block))
+                    seen.back()->setPersistentData(shares ? ownersData(*together, *of, number) : own, block.id);
+            }
+        }
+        hide([&](const auto& present) { return makeMaskOfNumbers(positions(), present, cache); });
+        constexpr double most = std::numeric_limits<double>::max();
+        if (!plane)
+            hide([&](const auto& present) { return makeMaskOfRange(seen.back(), -most, most, present, cache); });
         home->remove("surface");
         made = compute();
     }
@@ -481,8 +549,14 @@ Surface DataSet::Step::surface(const std::string& name, const StrongPtr<Field>& 
         const Pulse::Part part(0.7 + 0.3 * share(n, wanted.size()), 0.7 + 0.3 * share(n + 1, wanted.size()));
         Pulse::beat(0.0);
         const auto& [valueName, quantity] = wanted[n];
-        const StrongPtr<MemBase> array = EvalFieldOnIsosurface(*made, *quantity);
+        StrongPtr<MemBase> array = EvalFieldOnIsosurface(*made, *quantity);
         if (!array) throw DataSetError("the values of a surface did not fit into the cache");
+        if (const Values found(array); found.components() == 1 && (found.size() == 0 || std::isnan(found.numbers()[0])))
+            // Perhaps because none of the blocks there has the field, which may be one of vectors.
+            if (const int known = components(*quantity); known > 1)
+                array = detail::NumberArray(valueName, known, MultiIndex<1>(found.size()),
+                                            std::numeric_limits<double>::quiet_NaN())
+                            .array;
         if (hasNormals && n + 1 == wanted.size())
             withMemArray<1>(TypeList<PhysicalSpace::vector>(), array, [](auto& normals) {
                 for (index_t k = 0; k < normals.nElements(); ++k) {
@@ -638,10 +712,8 @@ void DataSet::Step::setCreator(const std::string& name, const StrongPtr<Fragment
     forget(std::move(locator), name);
 }
 
-void DataSet::Step::setField(const std::string& name, const StrongPtr<Field>& field,
-                             const std::vector<StrongPtr<Field>>& maskSources) {
+void DataSet::Step::setField(const std::string& name, const StrongPtr<Field>& field) {
     auto locator = std::make_shared<LocatorSlot>();
-    myMaskSources.insert(myMaskSources.end(), maskSources.begin(), maskSources.end());
     representation->setField(name, field);
     forget(std::move(locator), name);
 }
@@ -655,6 +727,7 @@ void DataSet::Step::forget(std::shared_ptr<LocatorSlot> locator, const std::stri
 }
 
 void DataSet::Step::setJoins(const JoinOptions& options) {
+    if (joins == options) return;
     joins = options;
     myDerived.clear();
 }

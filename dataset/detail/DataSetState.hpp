@@ -27,6 +27,7 @@ struct FieldNumbers {
 
     [[nodiscard]] std::optional<NumberRange> all() const;
     [[nodiscard]] bool hasNaN() const;
+    [[nodiscard]] bool isInfinite() const;
 };
 
 /// The boxes of the valid vertices of blocks.
@@ -150,15 +151,15 @@ struct DataSet::Step {
     /// The creator of a block's data in a field, the positions or a mask; null for none.
     void setCreator(const std::string& name, const Hestra::StrongPtr<FragmentID>& id,
                     const Hestra::StrongPtr<CreativeArrayBase>& creator);
-    /// `maskSources`: which fields a mask follows.
-    void setField(const std::string& name, const Hestra::StrongPtr<Field>& field,
-                  const std::vector<Hestra::StrongPtr<Field>>& maskSources = {});
+    void setField(const std::string& name, const Hestra::StrongPtr<Field>& field);
     void setJoins(const JoinOptions& options);
 
-    /// The fields that were set which a name stands for.
-    [[nodiscard]] std::vector<Hestra::StrongPtr<Field>> sourcesOf(const std::string& name) const;
+    /// Valid where a scalar is in a range, and what was valid. Goes by this time as it is now, whatever becomes of it.
+    [[nodiscard]] Hestra::StrongPtr<Field> maskOfRange(const std::string& name, double low, double high) const;
     /// Whether others have the structures that are kept with this grid.
     [[nodiscard]] bool sharesLocator() const noexcept { return !detail::isAlone(myLocator); }
+    /// Whether nobody else has the field of positions, nor its fragments: a block would be added in place.
+    [[nodiscard]] bool ownsPositions() const { return changeable(PositionsName) == positions(); }
 
     double time;
     Hestra::StrongPtr<Slice> slice;
@@ -168,7 +169,11 @@ struct DataSet::Step {
     JoinOptions joins;
 
 private:
+    /// Beside what makes a mask: the time that it goes by, which lives as long, and the field.
+    struct MaskOrigin;
     void throwReadingFailures(const Fields& names) const;
+    /// The fields that were set which a name stands for.
+    [[nodiscard]] std::vector<Hestra::StrongPtr<Field>> sourcesOf(const std::string& name) const;
     [[nodiscard]] std::shared_ptr<const LocalFromWorldPoint> locator() const;
     [[nodiscard]] std::shared_ptr<const LocalFromWorldPoint> locatorOf(const detail::DataSetBlock& block) const;
     [[nodiscard]] Hestra::StrongPtr<Field> derived(const std::string& name) const;
@@ -181,8 +186,7 @@ private:
     struct LocatorSlot;
     void forget(std::shared_ptr<LocatorSlot> locator, const std::string& name) noexcept;
 
-    std::vector<Hestra::StrongPtr<Field>> myMaskSources; // fields that masks were made from
-    mutable std::mutex myMutex;                          // held for look-ups only
+    mutable std::mutex myMutex; // held for look-ups only
     mutable std::map<std::string, std::shared_ptr<const detail::FieldNumbers>> myNumbers;
     mutable std::shared_ptr<const detail::BlockBoxes> myBoxes;
     mutable std::map<std::string, detail::DerivedEntry> myDerived;

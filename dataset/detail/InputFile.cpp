@@ -40,7 +40,9 @@ void InputFile::examine(int descriptor, std::string_view place) const {
 }
 
 FileVisit::FileVisit(const InputFile& file, std::string place)
-    : myFile(file), myPlace(std::move(place)), myDescriptor(::open(file.path().c_str(), O_RDONLY | O_CLOEXEC)) {
+    : myFile(file), myPlace(std::move(place)),
+      // A pipe that has taken the place of the file would have to be waited for.
+      myDescriptor(::open(file.path().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
     if (myDescriptor < 0) file.fail(myPlace, "cannot be opened: " + systemReason());
     try {
         file.examine(myDescriptor, myPlace);

@@ -94,8 +94,10 @@ public:
     // Nothing where a text has no integer.
     std::optional<std::int32_t> integer(Place at, std::endian order) const {
         if (!myText) return decode<std::int32_t, std::uint32_t>(bytes<4>(at).data(), order);
+        if (!myReader || myReaderPlace != at) myReader.emplace(myVisit, *myText, at);
+        myReaderPlace = at + 1; // those of a header follow each other
         double value = 0.0;
-        TextReader(myVisit, *myText, at).take(&value, 1);
+        myReader->take(&value, 1);
         if (value != std::floor(value) || std::abs(value) > std::numeric_limits<std::int32_t>::max())
             return std::nullopt;
         return static_cast<std::int32_t>(value);
@@ -142,6 +144,8 @@ private:
     const InputFile& myFile;
     FileVisit myVisit;
     std::shared_ptr<const TextIndex> myText;
+    mutable std::optional<TextReader> myReader;
+    mutable Place myReaderPlace = 0; // of the number that it gives next
 };
 
 // Why something does not fit, and where.

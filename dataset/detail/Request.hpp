@@ -17,6 +17,9 @@
 
 namespace Vantle::detail {
 
+/// How often a surface is made again, at most, with more masked, since points of it are no numbers.
+constexpr int MostMaskings = 4;
+
 /// Who hears the requests of this thread: the innermost `ScopedMessages`, else nobody.
 [[nodiscard]] VANTLE_DATASET_API const Hestra::Console::Listener& messages() noexcept;
 

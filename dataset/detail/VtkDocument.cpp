@@ -212,9 +212,35 @@ std::string vtkNumber(double value) {
     return {buffer.data(), std::to_chars(buffer.data(), buffer.data() + buffer.size(), value).ptr};
 }
 
+namespace {
+
+// How many bytes the character has that begins here; 0 where there is none of those that XML may have in UTF-8.
+std::size_t characterBytes(std::string_view text) {
+    constexpr std::array<std::uint32_t, 5> least{0, 0, 0x80, 0x800, 0x10000}; // of so many bytes
+    const auto byte = [&](std::size_t n) { return static_cast<unsigned char>(text[n]); };
+    if (byte(0) < 0x80) return byte(0) >= 0x20 || text[0] == '\t' || text[0] == '\n' || text[0] == '\r' ? 1 : 0;
+    const std::size_t bytes = byte(0) < 0xe0 ? 2 : byte(0) < 0xf0 ? 3 : 4;
+    if (byte(0) < 0xc0 || byte(0) >= 0xf8 || text.size() < bytes) return 0;
+    std::uint32_t code = byte(0) & (0x7fU >> bytes);
+    for (std::size_t n = 1; n < bytes; ++n) {
+        if ((byte(n) & 0xc0) != 0x80) return 0;
+        code = code << 6 | (byte(n) & 0x3f);
+    }
+    const bool isSurrogate = code >= 0xd800 && code < 0xe000, isNone = code == 0xfffe || code == 0xffff;
+    return code < least[bytes] || code > 0x10ffff || isSurrogate || isNone ? 0 : bytes;
+}
+
+} // namespace
+
+bool vtkCanName(std::string_view text) {
+    for (std::size_t bytes = 0; !text.empty(); text.remove_prefix(bytes))
+        if (bytes = characterBytes(text); bytes == 0) return false;
+    return true;
+}
+
 std::string vtkEscaped(std::string_view text) {
     std::string result;
-    for (const char c : text) switch (c) {
+    for (; !text.empty(); text.remove_prefix(1)) switch (const char c = text.front(); c) {
         case '&':
             result += "&amp;";
             break;
@@ -227,8 +253,21 @@ std::string vtkEscaped(std::string_view text) {
         case '"':
             result += "&quot;";
             break;
+        case '\t':
+        case '\n':
+        case '\r': // readers would make blanks of them
+            result += "&#" + std::to_string(c) + ';';
+            break;
         default:
-            result += static_cast<unsigned char>(c) < 0x20 ? ' ' : c;
+            if (const std::size_t bytes = characterBytes(text); bytes > 0) {
+                result += text.substr(0, bytes);
+                text.remove_prefix(bytes - 1);
+            } else if (const auto byte = static_cast<unsigned char>(c); byte < 0x80) {
+                result += ' ';
+            } else { // most likely of Latin-1; anything would be better than a file that nobody can read
+                result += static_cast<char>(0xc0 | byte >> 6);
+                result += static_cast<char>(0x80 | (byte & 0x3f));
+            }
         }
     return result;
 }

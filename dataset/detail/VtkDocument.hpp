@@ -74,8 +74,11 @@ private:
     std::vector<Announced> myArrays;
 };
 
-/// `text` as the value of an XML attribute.
+/// `text` as the value of an XML attribute. Control characters become blanks, but for tabs and ends of lines; bytes
+/// that are no UTF-8 are taken for Latin-1.
 [[nodiscard]] std::string vtkEscaped(std::string_view text);
+/// Whether readers get the same back.
+[[nodiscard]] bool vtkCanName(std::string_view text);
 /// The shortest text that reads back as the same number, whatever the locale.
 [[nodiscard]] std::string vtkNumber(double value);
 

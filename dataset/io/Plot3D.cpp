@@ -336,6 +336,8 @@ std::vector<Plot3DName> readPlot3DNames(const std::filesystem::path& path) {
     std::string text(static_cast<std::size_t>(file.size()), '\0');
     visit.read(0, text);
     visit.finish();
+    if (constexpr std::string_view Mark = "\xef\xbb\xbf"; text.starts_with(Mark))
+        text.erase(0, Mark.size()); // of UTF-8
 
     const auto trimmed = [](std::string_view part) {
         const std::size_t first = part.find_first_not_of(" \t\r");

@@ -184,6 +184,9 @@ std::vector<std::string> addPlot3DFields(RegularGrid3D& grid, const Plot3DFile& 
             if (!name.vector.empty()) fields.emplace_back(name.vector, maker.vectors(n));
         }
     }
+    for (const auto& [name, field] : fields)
+        if (name == PositionsName || name == VertexMaskName || name == CellMaskName)
+            throw FileError(file.path(), "function '" + name + "'", "has a name that means something else");
     std::vector<std::string> names;
     for (const auto& [name, field] : fields) {
         grid.representation()->setField(name, field);

@@ -141,7 +141,7 @@ public:
     [[nodiscard]] VtkSeries series() const {
         const auto write = [self = *this](VtkSink& sink) {
             const StrongPtr<MemBase> values = self.myData ? self.myData : self.data();
-            if (values->nElements() != self.elements() || !self.myKind->put(*values, sink))
+            if (values->getDynamicSize() != self.size() || !self.myKind->put(*values, sink))
                 self.fail("is not of the type and size that were announced");
         };
         return {myName, myKind->type, myKind->numberBytes, myKind->components, elements(), write};
@@ -227,9 +227,9 @@ public:
         for (const auto& [name, field] : source.fields) {
             Writable values(source.file, name, *field, id);
             if (!values) continue;
-            if (values.elements() != myPositions.elements())
-                values.fail("has " + std::to_string(values.elements()) + " values for " +
-                            std::to_string(myPositions.elements()) + " vertices");
+            if (values.size() != myPositions.size())
+                values.fail("has " + to_string(values.size()) + " values for " + to_string(myPositions.size()) +
+                            " vertices");
             myFields.push_back(std::move(values));
         }
         if (rank == 3) findMask(id);
@@ -463,7 +463,8 @@ void checkReplaceable(const fs::path& file, const fs::path& folder, const std::s
         throw FileError(file, "", "its blocks need a folder " + folder.string() + ", which is something else");
     for (const auto& entry : fs::directory_iterator(folder, error)) {
         const std::string name = entry.path().stem().string(), extension = entry.path().extension().string();
-        const bool isBlock = name.size() > stem.size() + 1 && name.starts_with(stem + "_") &&
+        const bool isBlock = fs::is_regular_file(entry.symlink_status(error)) && name.size() > stem.size() + 1 &&
+                             name.starts_with(stem + "_") &&
                              name.find_first_not_of("0123456789", stem.size() + 1) == std::string::npos &&
                              std::set<std::string>{".vtp", ".vti", ".vtr", ".vts"}.count(extension) > 0;
         if (!isBlock)
@@ -483,6 +484,8 @@ void move(const fs::path& file, const fs::path& from, const fs::path& to) {
 void writeBlocks(const fs::path& file, const Source& source, const VtkOptions& options) {
     const std::string stem = file.stem().string();
     const fs::path folder = file.parent_path() / stem;
+    if (!detail::vtkCanName(stem))
+        throw FileError(file, "", "has a name that is no UTF-8, by which to find its blocks");
     checkReplaceable(file, folder, stem);
     Leftover made(hiddenNeighbour(folder));
     std::error_code error;

@@ -45,8 +45,9 @@ struct VtkOptions {
 ///              and cells, so that viewers leave out what is blanked; it keeps its values.
 /// Fields       of numbers and of elements made of them, such as points and vectors; components as they lie in memory.
 ///              Blocks where a field has no data are written without it.
+/// Names        are of UTF-8 in the file: bytes that are not are taken for Latin-1.
 /// Failure      also an extension that does not fit; no field of a name (the error names those that there are), a
-///              field of other elements, or of other sizes than the positions; a triangle or curve with a vertex that
+///              field of other elements, or of other extents than the positions; a triangle or curve with a vertex that
 ///              there is not; data that cannot be made (`FileArray`: the error is that of reading).
 /// Concurrency  a grid may be written by several threads at once; it must not be changed meanwhile.
 VANTLE_DATASET_API void writeVtk(const std::filesystem::path& file, Grid& grid, const std::vector<std::string>& fields,

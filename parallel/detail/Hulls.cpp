@@ -68,7 +68,12 @@ StrongPtr<MemBase> elementsAt(const std::vector<HullVertex>& vertices, const Fie
 ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
     std::optional<Pulse::Part> phase(std::in_place, 0.0, 0.4);
     std::vector<StrongPtr<Field>> quantities{representation->Positions()};
-    for (const std::string& value : values) quantities.push_back(quantity(value).field);
+    std::map<std::string, int> components;
+    for (const std::string& value : values) {
+        const detail::Quantity of = quantity(value);
+        quantities.push_back(of.field);
+        components[value] = of.components;
+    }
     const Halo& around = halo();
     const std::vector<StrongPtr<Field>> extended = around.extend(quantities);
     const auto ranks = static_cast<std::size_t>(exchange->ranks());
@@ -167,6 +172,7 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
                 counts.push_back(of.counts);
             }
         }
+        made->completeKinds(components);
         component = detail::components(all.blocks.size(), around.allJoins());
         for (std::size_t block = 0; block < first.size(); ++block)
             if (!origin[component[block]]) origin[component[block]] = first[block];
@@ -213,7 +219,7 @@ ParallelSurface ParallelDataSet::Data::hull(const Fields& values) {
                 if (around.isOrientable() && volume[component[part.block]] < 0.0)
                     std::swap(triangles[t][1], triangles[t][2]);
         for (const std::string& value : values)
-            if (!arrays[value]) arrays[value] = detail::makeValues(made->kind(value), vertices.size());
+            if (!arrays[value]) arrays[value] = detail::makeValues(made->values[value], vertices.size());
         made->piece = detail::makeSurface(std::move(points), std::move(triangles), arrays);
     });
     return ParallelSurface(made);
@@ -249,7 +255,7 @@ ParallelSurface ParallelDataSet::Data::layer(const IndexPlane& plane, const Fiel
         Reader reader(gathered[static_cast<std::size_t>(block->rank)]);
         made->takeKinds(values, reader);
         std::map<std::string, StrongPtr<MemBase>> none;
-        for (const std::string& value : values) none[value] = detail::makeValues(made->kind(value), 0);
+        for (const std::string& value : values) none[value] = detail::makeValues(made->values[value], 0);
         made->points = reader.get<std::uint64_t>();
         made->triangles = reader.get<std::uint64_t>();
         if (!isHere) {

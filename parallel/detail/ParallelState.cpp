@@ -214,10 +214,10 @@ void ParallelDataSet::Data::makeBoxes() {
             const StrongPtr<FragmentID> id = idOf(block);
             const auto mask = blanking.of(id, all.blocks[block].info.size);
             const auto whole = ComputeNumberBox(points), valid = mask ? ComputeNumberBox(points, mask.rawptr()) : whole;
-            // Where a NaN would take the place of a corner: location goes by the box that it finds.
+            // Where a NaN would take the place of a corner: location goes by the box that it finds, which knows no masks.
             const StrongPtr<CreativeArrayBase> creator = positions->getCreator(id);
-            if (points && !blanking && valid && !creator->findInterface<Orvix::BoundingBox>())
-                creator->addInterface(Hestra::makeRef<Orvix::BoundingBox>(valid->least, valid->greatest));
+            if (points && whole && !creator->findInterface<Orvix::BoundingBox>())
+                creator->addInterface(Hestra::makeRef<Orvix::BoundingBox>(whole->least, whole->greatest));
             Sent sent;
             std::memset(static_cast<void*>(&sent), 0, sizeof(sent));
             sent = {block, whole.has_value(), valid.has_value(), valid && valid->hasNaN, {}, {}};

@@ -31,10 +31,11 @@ struct SurfaceParts {
     /// Gives parts their first numbers, and the surface its size, by the counts of all blocks, in any order; who has
     /// nothing to count may be left out.
     void count(std::vector<BlockCounts> counts);
-    /// The kinds of values, by name, are those that some rank knows, which has put them in this order; numbers where
-    /// nobody does. Failure: DataSetError where ranks differ.
+    /// The kinds of values, by name, are those that some rank knows, which has put them in this order.
+    /// Failure: DataSetError where ranks differ.
     void takeKinds(const std::vector<std::string>& names, Reader& ofOneRank);
-    [[nodiscard]] ValueKind kind(const std::string& name) const;
+    /// When all have been taken: what nobody knows has so many components.
+    void completeKinds(const std::map<std::string, int>& components);
 
     std::shared_ptr<Exchange> exchange;
     Surface piece;

@@ -5,6 +5,8 @@
 #include <model/hestra/Chunk.hpp>
 
 #include <algorithm>
+#include <cmath>
+#include <limits>
 #include <numeric>
 #include <parallel/detail/ParallelState.hpp>
 #include <unordered_map>
@@ -263,19 +265,27 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
     const Halo* around = &halo();
     std::unique_ptr<Halo> special; // with other masks
     StrongPtr<Representation> fieldsHere = representation;
-    StrongPtr<Grid> home;
-    const auto mask = [&](const StrongPtr<Field>& numbersOf) {
-        exchange->attempt([&] {
-            StrongPtr<Grid> next;
-            fieldsHere = masked(*fieldsHere, makeMaskOfNumbers(numbersOf, fieldsHere), next);
-            home = next;
-        });
+    std::vector<StrongPtr<Grid>> homes;
+    std::vector<StrongPtr<Field>> seen; // with the values of owners, who are others when more is masked
+    const auto add = [&](const StrongPtr<Field>& vertexMask) {
+        fieldsHere = masked(*fieldsHere, vertexMask, homes.emplace_back());
+    };
+    const auto mask = [&](const auto& addMasks) {
+        exchange->attempt(addMasks);
         special = std::make_unique<Halo>(*exchange, all, *fieldsHere, request(), local.cache());
         around = special.get();
     };
-    if (std::any_of(known.begin(), known.end(), [](const BlockNumbers& block) { return block.hasNaN; })) mask(of);
+    // No surface beside what is no number, nor on the way to an infinite one.
+    constexpr double most = std::numeric_limits<double>::max();
+    const auto isAny = [&](const auto& isSuch) { return std::any_of(known.begin(), known.end(), isSuch); };
+    if (!plane && isAny([](const BlockNumbers& block) {
+            return block.range && (std::isinf(block.range->least) || std::isinf(block.range->greatest));
+        }))
+        mask([&] { add(makeMaskOfRange(of, -most, most, fieldsHere)); });
+    else if (isAny([](const BlockNumbers& block) { return block.hasNaN; }))
+        mask([&] { add(makeMaskOfNumbers(of, fieldsHere)); });
 
-    for (bool isAgain = false;; isAgain = true) {
+    for (int round = 0;; ++round) {
         const BlockJoins& joins = *around->joins();
         std::vector<StrongPtr<Field>> extended = around->extend(quantities);
         if (plane) extended.insert(extended.begin(), around->grid()->CartesianPositions()); // which stand-ins have
@@ -385,6 +395,9 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
                 made->takeKinds(names, reader);
                 reader.forAll<PartCounts>([&](std::size_t, const PartCounts& count) { counts.push_back(count); });
             }
+            std::map<std::string, int> components;
+            for (const auto& [valueName, value] : wanted) components[valueName] = value.components;
+            made->completeKinds(components);
             if (!together.reachesAbove) return;
             std::vector<detail::BlockCounts> left;
             for (const PartCounts& count : counts) left.push_back(together.hasDropped ? count.used : count.all);
@@ -392,8 +405,20 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
             made->count(std::move(left));
             surface.parts = made->parts;
         });
-        if (together.hasNaN && !isAgain && together.reachesAbove) {
-            mask(representation->Positions()); // vertices that are nowhere: beside them, too, there is no surface
+        if (together.hasNaN && round < detail::MostMaskings && together.reachesAbove) {
+            // Vertices that are nowhere, or whose owners have no finite values: beside them, too, there is none.
+            mask([&] {
+                add(makeMaskOfNumbers(representation->Positions(), fieldsHere));
+                if (plane) return;
+                seen.push_back(emptyField());
+                for (const std::uint32_t block : all.own) {
+                    const unsigned int member = around->memberOf(block);
+                    if (const StrongPtr<MemBase> own = data(name, *of, block))
+                        seen.back()->setPersistentData(
+                            joins.isShared(member) ? ownersData(joins, *extended.front(), member) : own, idOf(block));
+                }
+                add(makeMaskOfRange(seen.back(), -most, most, fieldsHere));
+            });
             continue;
         }
         vertices.number(together.hasDropped != 0);
@@ -403,12 +428,12 @@ ParallelSurface ParallelDataSet::Data::surface(const std::string& name, const St
             auto& points = surface.points->base_vector();
             auto& triangles = surface.triangles->base_vector();
             if (!together.reachesAbove) {
-                for (const std::string& value : names) arrays[value] = detail::makeValues(made->kind(value), 0);
+                for (const std::string& value : names) arrays[value] = detail::makeValues(made->values[value], 0);
                 made->piece = detail::makeSurface({}, {}, arrays);
                 return;
             }
             for (std::size_t n = 0; n < names.size(); ++n) {
-                const ValueKind kind = made->kind(names[n]);
+                const ValueKind kind = made->values[names[n]];
                 arrays[names[n]] =
                     kind == detail::kindOf(evaluated[n]) ? evaluated[n] : detail::makeValues(kind, points.size());
             }

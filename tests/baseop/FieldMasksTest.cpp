@@ -97,6 +97,13 @@ TEST(MaskTest, FollowsItsField) {
     EXPECT_EQ(validCells(makeMaskOfNumbers(grid.setField("vectors", vectors, id))), 26u);
     EXPECT_THROW((void)makeMaskOfRange(grid.field("vectors"), 0.0), std::invalid_argument);
     EXPECT_FALSE(makeMaskOfNumbers(nullptr));
+
+    // Positions that are computed have no array to look at.
+    const auto slice = makeRef<Slice>();
+    const auto product =
+        RegularGrid3D::createRectilinear(*slice->newGrid("product"), {0, 1, 2, kNaN}, {0, 1, 2, 3}, {0, 1, 2, 3});
+    (*product.representation())[VertexMaskName] = makeMaskOfNumbers(product.grid()->CartesianPositions());
+    EXPECT_EQ(Blanking(*product.grid()).of({}, size)->validCells(), 18u);
 }
 
 } // namespace

@@ -175,6 +175,23 @@ TEST(DataSetTest, ChangesOfOneHandleReachNoOther) {
     const auto before = fragmentsOf(other.grid());
     add(one, 2);
     EXPECT_EQ(fragmentsOf(other.grid()), before);
+
+    // Nor does what is built to find positions in a block that another copy has got.
+    const auto at = [](double x) {
+        std::vector<Point> corners;
+        for (int n = 0; n < 8; ++n) corners.push_back({x + (n & 1), double(n >> 1 & 1), double(n >> 2)});
+        return corners;
+    };
+    const std::vector<Point> middles{{0.5, 0.5, 0.5}, {3.5, 0.5, 0.5}};
+    DataSet front;
+    front.addBlock("front", {2, 2, 2}, at(0));
+    DataSet both = front;
+    both.setVertexMask("front", MemArray<3, int>::create({2, 2, 2}));
+    both.setVertexMask("front", nullptr); // and a locator of its own
+    EXPECT_EQ(both.locate(middles).found(), 1U);
+    both.addBlock("back", {2, 2, 2}, at(3));
+    EXPECT_EQ(both.locate(middles).found(), 2U);
+    EXPECT_EQ(front.grid()->CartesianPositions()->nFragments(), 1U);
 }
 
 TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
@@ -198,6 +215,7 @@ TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
     expect([&] { flow.addBlock("front", distortedBlock({2, 2, 2}, 1, 0, 1)); }, "there is a block \"front\" already");
     expect([&] { flow.addBlock("b", Vantle::makeMemArray1D(std::vector<Point>(8))); }, "no points with three indices");
     expect([&] { flow.addRectilinearBlock("b", {0, 2, 1}, {0}, {0}); }, "neither ascend nor descend");
+    expect([&] { flow.addRectilinearBlock("b", {0, std::nan(""), 1}, {0}, {0}); }, "not finite");
     expect([&] { flow.setCellMask("front", MemArray<3, int>::create({4, 3, 2})); }, "front");
     expect([&] { (void)flow.atTime(-1.0); }, "the first time is 0");
     expect([&] { (void)flow.range("velocity"); }, "field \"velocity\" is a vector, not a scalar");
@@ -208,6 +226,7 @@ TEST(DataSetTest, RefusesWhatDoesNotFitAndStaysAsItWas) {
     expect([&] { (void)flow.resample(beyond, {{0, 0, 0}, {1, 1, 1}}, {"density"}); }, "not enough memory");
     expect([&] { flow.addUniformBlock("b", beyond, {{0, 0, 0}, {1, 1, 1}}); }, "more vertices than can be numbered");
     expect([&] { (void)flow.slice({{0, 0, 0}, {0, 0, 0}}); }, "no length");
+    expect([&] { (void)flow.slice(Plane::y(std::nan(""))); }, "no number");
     const std::vector<Point> one(1);
     expect([&] { (void)flow.locate({one.data(), ~std::size_t{0} / sizeof(Point)}); }, "positions: there is not enough");
     expect([&] { (void)flow.slice(Plane::z(0.5)).values("speed"); }, "no value \"speed\"; there are none");
@@ -272,6 +291,40 @@ TEST(DataSetTest, RangesAndBoxesAreOfNumbersWhateverTheirOrderAndTheThreads) {
             EXPECT_FALSE(halves.contour("f", 0.5).isEmpty());
         }
     omp_set_num_threads(omp_get_num_procs());
+}
+
+// Beside a block that is computed, and has a mask.
+TEST(DataSetTest, AVertexThatIsNowhereTakesOnlyItsCellsAway) {
+    for (const std::size_t nowhere : {0U, 62U, 124U}) {
+        DataSet flow;
+        std::vector<Point> points;
+        std::vector<double> rows;
+        for (int n = 0; n < 125; ++n) {
+            points.emplace_back(n % 5, n / 5 % 5, n / 25);
+            rows.push_back(n / 5 % 5);
+        }
+        points[nowhere][0] = std::nan("");
+        flow.addBlock("a", {5, 5, 5}, points);
+        flow.addUniformBlock("b", {5, 5, 5}, {{4, 0, 0}, {8, 4, 4}});
+        for (const char* block : {"a", "b"}) flow.setField("rows", block, rows);
+        const auto mask = MemArray<3, int>::create({5, 5, 5});
+        for (index_t n = 0; n < 124; ++n) mask->element(n) = 1;
+        flow.setVertexMask("b", mask);
+        EXPECT_EQ(flow.locate(points).found(), 124U);
+        EXPECT_EQ(flow.contour("rows", 1.5).triangles().size(), nowhere == 62 ? 56U : 64U);
+        // All points of a surface may be nowhere, or lie between numbers and an infinite one.
+        std::vector<double> peak(125, 0.0);
+        peak[62] = 10.0;
+        flow.setField("peak", "a", peak);
+        EXPECT_EQ(flow.contour("peak", 5.0).points().size(), nowhere == 62 ? 0U : 6U);
+        for (double& row : rows) row = 4 - row;
+        for (const char* block : {"a", "b"}) flow.setField("rows", block, rows);
+        rows[62] = HUGE_VAL;
+        flow.setField("rows", "a", rows);
+        const Surface left = flow.contour("rows", 1.5);
+        EXPECT_EQ(left.triangles().size(), 56U);
+        for (const Point& p : left.points()) EXPECT_TRUE(p == p);
+    }
 }
 
 // ---- Surfaces -------------------------------------------------------------------------------------------------------
@@ -378,9 +431,10 @@ TEST(DataSetTest, ContoursAreOfTheirLevelsAndHaveNormalsAlongTheGradient) {
     }
     EXPECT_EQ(surfaces[0].points().size(), surfaces[2].points().size());
     for (const double outside : {-1e3, 1e3, flow.range("plane").greatest + 1e-9}) {
-        const Surface empty = flow.contour("plane", outside, {.values = {"wave"}, .normals = true});
+        const Surface empty = flow.contour("plane", outside, {.values = {"wave", "velocity"}, .normals = true});
         EXPECT_TRUE(empty.isEmpty() && empty.isClosed() && empty.hasNormals());
         EXPECT_EQ(empty.values("wave").size(), 0U);
+        EXPECT_EQ(empty.values("velocity").components(), 3);
     }
     DataSet ball;
     ball.addUniformBlock("cube", {17, 17, 17}, {{-1, -1, -1}, {1, 1, 1}});
@@ -395,6 +449,21 @@ TEST(DataSetTest, ContoursAreOfTheirLevelsAndHaveNormalsAlongTheGradient) {
     EXPECT_GT(part.points().size(), whole.points().size() * 3 / 4);
     EXPECT_LT(part.points().size(), whole.points().size());
     for (const Point& p : part.points()) EXPECT_TRUE(p == p);
+    // Nor is there any surface beside infinite values, nor beside vertices that are nowhere in another kind of block.
+    ball.setField("part", [](const Point& p) {
+        return p[0] > 0.3 && p[1] > 0.3 ? (p[2] > 0.3 ? -HUGE_VAL : HUGE_VAL) : dot(p - Point(), p - Point());
+    });
+    const Surface finite = ball.contour("part", 0.5);
+    EXPECT_GT(finite.points().size(), whole.points().size() / 2);
+    for (const Point& p : finite.points()) EXPECT_NEAR(dot(p - Point(), p - Point()), 0.5, 0.01);
+    std::vector<Point> places = ball.positions("cube");
+    for (Point& p : places) p[0] += 3;
+    places[8 * (1 + 17 + 17 * 17)][1] = std::nan("");
+    ball.addBlock("holed", {17, 17, 17}, places);
+    ball.setField("x", [](const Point& p) { return p[0] < 2 ? p[0] : p[0] - 3; });
+    const Surface both = ball.contour("x", 0.01);
+    EXPECT_EQ(both.points().size(), std::size_t{2 * 17 * 17 - 1});
+    for (const Point& p : both.points()) EXPECT_TRUE(p == p);
 }
 
 TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
@@ -416,10 +485,22 @@ TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
     const auto values = some.sample("wave");
     for (std::size_t k = 0; k < positions.size(); ++k) EXPECT_TRUE(!some.isFound(k) || values[k] >= -0.2 - 1e-12);
     EXPECT_TRUE(part.contour("plane", 4.5).isEmpty());
+    const Surface nothing = flow.threshold("plane", 1e9).boundary({"wave", "velocity"});
+    EXPECT_TRUE(nothing.isEmpty() && nothing.values("wave").size() == 0 &&
+                nothing.values("velocity").components() == 3);
     const Surface cut = part.contour("plane", 1.0);
     EXPECT_FALSE(cut.isEmpty());
     EXPECT_LT(cut.triangles().size(), flow.contour("plane", 1.0).triangles().size());
     EXPECT_TRUE(has(errorOf([&] { (void)flow.threshold("velocity", 0); }), "vector"));
+    // What it goes by is that of then, though it is derived, and all that was asked for it changes.
+    DataSet steep = ring(5), now = ring(5);
+    const DataSet before = steep.threshold("magnitude(gradient(wave))", 1.5), masked = now.threshold("plane", -3.0);
+    steep = steep.threshold("magnitude(gradient(wave))", 1.5);
+    steep = steep.threshold("plane", -HUGE_VAL);
+    now.setVertexMask(now.blocks()[0].name, MemArray<3, int>::create(now.blocks()[0].size));
+    EXPECT_EQ(masked.locate(positions).found(), flow.threshold("plane", -3.0).locate(positions).found());
+    EXPECT_LT(before.locate(positions).found(), all.found());
+    EXPECT_EQ(steep.locate(positions).found(), before.locate(positions).found());
 
     const Surface hull = flow.boundary({"plane", "velocity"}), whole = ring(5, 1).boundary(), inner = part.boundary();
     EXPECT_TRUE(hull.isClosed() && inner.isClosed());
@@ -428,6 +509,7 @@ TEST(DataSetTest, ThresholdsBlankAndHullsAndRangesFollow) {
     for (std::size_t k = 0; k < hull.points().size(); ++k) EXPECT_EQ(hull.values("plane")[k], plane(hull.points()[k]));
     EXPECT_EQ(hull.values("velocity").components(), 3);
     EXPECT_TRUE(has(errorOf([&] { (void)flow.boundary({"plan"}); }), "\"plane\""));
+    EXPECT_EQ(flow.threshold("plane", 1e3).boundary({"plane", "velocity"}).names().size(), 2U); // of nothing
 }
 
 // ---- Values elsewhere -----------------------------------------------------------------------------------------------
@@ -464,6 +546,15 @@ TEST(DataSetTest, FindsPositionsExactlyAndOnlyInside) {
             EXPECT_EQ(at.blocks()[k], Vantle::Located::Nowhere);
         }
     }
+    // Where a vertex is nowhere, the rest of its block is where it was, masks or not.
+    DataSet holed;
+    std::vector<Point> places = flow.positions("box");
+    places.back()[1] = std::nan("");
+    holed.addBlock("holed", {4, 4, 4}, places);
+    const auto mask = MemArray<3, int>::create({4, 4, 4});
+    for (Vantle::index_t n = 0; n < 64; ++n) mask->element(n) = n != 0;
+    holed.setVertexMask("holed", mask);
+    EXPECT_EQ(holed.locate(std::vector<Point>{{5.5, 0.2, 0.5}, {5.1, 0.1, 0.1}, {5.9, 0.9, 0.9}}).found(), 1U);
     // Small blocks of integers are interpolated as numbers, not as what they are stored in.
     DataSet bytes;
     bytes.addUniformBlock("b", {2, 2, 2}, {{0, 0, 0}, {1, 1, 1}});
@@ -494,6 +585,22 @@ TEST(DataSetTest, LooksAtTimesAndSamplesThemAtTheSamePlaces) {
     for (std::size_t k = 0; k < positions.size(); ++k) EXPECT_NEAR(later[k], now[k] + 20, 1e-12);
     EXPECT_TRUE(has(errorOf([&] { (void)at.atTime(3.0); }), "locate there again"));
     EXPECT_EQ(flow.atTime(1).grid()->CartesianPositions(), flow.atTime(2).grid()->CartesianPositions());
+
+    // Joins are those of the whole, though the step had others, and was asked by these.
+    DataSet apart;
+    for (const double x : {0.0, 1.001}) apart.addUniformBlock(std::to_string(x), {3, 3, 3}, {{x, 0, 0}, {x + 1, 1, 1}});
+    apart.setField("squares", [](const Point& p) { return p[0] * p[0]; });
+    DataSet step = apart;
+    Vantle::JoinOptions options;
+    options.tolerance = 0.1;
+    step.setJoinOptions(options);
+    const auto gradientOf = [](const DataSet& of) {
+        return Vantle::Values(of.array("gradient(squares)", of.blocks()[0].name));
+    };
+    const Vantle::Values gradient = gradientOf(apart);
+    EXPECT_FALSE(std::ranges::equal(gradientOf(step).numbers(), gradient.numbers()));
+    apart.addTime(1.0, step);
+    EXPECT_TRUE(std::ranges::equal(gradientOf(apart.atTime(1.0)).numbers(), gradient.numbers()));
 }
 
 // Paths through a flow, in the caller's memory.
@@ -933,9 +1040,15 @@ TEST_F(DataSetFilesTest, AreReadWhenNeededAndSaidToBeGoneThen) {
     EXPECT_TRUE(has(errorOf([&] { read.write(folder / "x.vtm", {"densty"}); }), "\"density\""));
     EXPECT_THROW((void)DataSet::read({xyz, late, late}), DataSetError);
     EXPECT_THROW((void)DataSet::read({folder / "none.xyz"}), Vantle::FileError);
+    flow[1][0].time = std::nan("");
+    const auto never = store("never.q", solutionBytes(form, flow[1]));
+    EXPECT_TRUE(has(errorOf([&] { (void)DataSet::read({xyz, never}); }), "the time is no number"));
 
     // Shorter by one block: what is to be read again says so, and names the file; what was read stays.
-    const DataSet fresh = DataSet::read({xyz, late});
+    const DataSet fresh = DataSet::read({xyz, late}),
+                  elsewhere = DataSet::read({store("gone.xyz", gridBytes(form, grid))});
+    std::filesystem::remove(folder / "gone.xyz");
+    EXPECT_TRUE(has(errorOf([&] { (void)elsewhere.positionArray("block1"); }), "gone.xyz"));
     (void)fresh.bounds();
     store("late.q", solutionBytes(form, {flow[0].begin(), flow[0].end() - 1}));
     const auto at = fresh.locate(ready.positions(ready.blocks().front().name));
@@ -952,6 +1065,7 @@ TEST_F(DataSetFilesTest, AreReadWhenNeededAndSaidToBeGoneThen) {
         },
         [&] { fresh.write(folder / "fresh.vtm"); },
         [&] { (void)fresh.threshold("density", 3.0).boundary(); },
+        [&] { (void)fresh.threshold("density", 3.0).block("block1").bounds(); },
     };
     testing::internal::CaptureStderr();
     for (std::size_t n = 0; n < needing.size(); ++n) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <support/Plot3DFile.hpp>
 #include <support/VtkFile.hpp>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -208,6 +209,9 @@ TEST_F(Plot3DGridTest, FilesThatChangeAreNoticed) {
                               " bytes, and has " + std::to_string(bytes - 1) + " now");
     fs::remove(file);
     EXPECT_EQ(failure(1), place + "cannot be opened: No such file or directory");
+    ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+    EXPECT_NE(failure(1).find("has changed"), std::string::npos); // and does not wait
+    fs::remove(file);
     // Operations see no data, and say nothing; why, is known afterwards.
     EXPECT_FALSE(pressure->getData(block(*pressure, 1)));
     EXPECT_THROW(throwReadingFailure(*pressure), FileError);
@@ -255,6 +259,10 @@ TEST_F(Plot3DGridTest, FunctionsAndTheirVectors) {
         other.addBlock("block" + std::to_string(b), MemArray<3, point>::create({2, 2, 2}));
     EXPECT_THROW((void)addPlot3DFields(other, file), FileError);
     EXPECT_FALSE(other.field("heat"));
+    const auto taken = Plot3DFile::openFunctions(folder / "functions", Plot3DFile::openGrid(folder / "grid"),
+                                                 {{"a", ""}, {"b", ""}, {"Positions", ""}, {"c", ""}});
+    EXPECT_THROW((void)addPlot3DFields(flow, taken), FileError);
+    EXPECT_FALSE(flow.field("a"));
 }
 
 // Operations and writers need no more than the grid; what they made is as if everything had been in memory.

@@ -411,7 +411,8 @@ TEST_F(Plot3DTest, TwoDimensionalFilesAreRefusedByName) {
 }
 
 TEST_F(Plot3DTest, NamesOfFunctions) {
-    const auto names = readPlot3DNames(store("names", "Pressure\r\n x velocity ; Velocity\ny velocity\n\nz velocity"));
+    const auto names = readPlot3DNames(store("names", "\xef\xbb\xbf" // as some editors mark UTF-8
+                                                      "Pressure\r\n x velocity ; Velocity\ny velocity\n\nz velocity"));
     ASSERT_EQ(names.size(), 4u);
     EXPECT_EQ(names[0].field, "Pressure");
     EXPECT_EQ(names[1].field, "x velocity");

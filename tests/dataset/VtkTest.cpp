@@ -82,6 +82,9 @@ TEST_F(VtkTest, SurfacesComeBack) {
 
     writeVtp(folder / "a.vtp", {}, {}); // replaces the file
     EXPECT_TRUE(Appended(folder / "a.vtp").values<double>("Points").empty());
+    // A reader understands nothing of a file with bytes that are no UTF-8, and makes blanks of ends of lines.
+    writeVtp(folder / "a.vtp", kPoints, {}, std::vector<VtkArray>{{"\xc3\xa9\xe9\n\xff\x01", kScalars}});
+    EXPECT_NE(Appended(folder / "a.vtp").xml.find("\"\xc3\xa9\xc3\xa9&#10;\xc3\xbf \""), std::string::npos);
     expectOnly(1);
 }
 
@@ -293,7 +296,7 @@ TEST_F(VtkGridTest, WhatDoesNotFitIsNamed) {
     const MultiIndex<3> size{3, 2, 2};
     RegularGrid3D image = UniformGrid3D::create(*grid, Orvix::BoundingBox({0, 0, 0}, {1, 1, 1}), size);
     image.setField("pressure", sampled<double>(size));
-    image.setField("short", sampled<double>({2, 2, 2}));
+    image.setField("short", sampled<double>({2, 3, 2}));
     image.setField("text", MemArray<3, std::string>::create(size));
     const auto expect = [&](const char* file, const std::vector<std::string>& fields, const std::string& reason) {
         const std::string text = failure([&] { writeVtk(folder / file, *grid, fields); });
@@ -304,7 +307,7 @@ TEST_F(VtkGridTest, WhatDoesNotFitIsNamed) {
     expect("a.vtp", {}, "but one named .vti");
     expect("a.txt", {}, "is to be named .vti, .vtr, .vts, .vtp or .vtm");
     expect("a.vti", {"velocity"}, "field 'velocity': the grid has none; it has pressure, short, text");
-    expect("a.vti", {"pressure", "short"}, "field 'short': has 8 values for 12 vertices");
+    expect("a.vti", {"pressure", "short"}, "field 'short': has [2x3x2] values for [3x2x2] vertices");
     expect("a.vti", {"text"}, "field 'text': its elements are no numbers");
     expect("absent/a.vti", {}, "cannot create it");
     const auto none = Hestra::makeRef<Grid>();
@@ -400,6 +403,10 @@ TEST_F(VtkGridTest, BlocksStandInFilesOfTheirOwn) {
     blocks.positions()->removeData(second);
     writeVtk(file, *grid, {}, options);
     EXPECT_EQ(everything().size(), 3u);
+    fs::create_directory(folder / "flow" / "flow_9.vti");
+    EXPECT_NE(failure([&] { writeVtk(file, *grid, {}); }).find("holds something else: flow_9.vti"), std::string::npos);
+    EXPECT_TRUE(fs::remove(folder / "flow" / "flow_9.vti"));
+    EXPECT_NE(failure([&] { writeVtk(folder / "fl\xe9.vtm", *grid, {}); }).find("no UTF-8"), std::string::npos);
     std::ofstream(folder / "flow" / "notes.txt") << "mine";
     const auto before = everything();
     EXPECT_NE(failure([&] { writeVtk(file, *grid, {}); }).find("holds something else: notes.txt"), std::string::npos);

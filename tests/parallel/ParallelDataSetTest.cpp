@@ -232,7 +232,7 @@ TEST_P(ParallelDataSetTest, GivesTheBitsOfOneProcess) {
         if (field.name == "some") values.push_back("some");
     expectSame(many.contour("wave", scene.level, {.values = values, .normals = true}),
                one.contour("wave", scene.level, {.values = values, .normals = true}));
-    expectSame(many.contour("wave", 1e9), one.contour("wave", 1e9));
+    expectSame(many.contour("wave", 1e9, {.values = values}), one.contour("wave", 1e9, {.values = values}));
     for (const char* name : {"noise", "small", "some"})
         if (one.grid()->getCartesianRepresentation()->findField(name)) {
             SCOPED_TRACE(name);
@@ -269,6 +269,16 @@ TEST_P(ParallelDataSetTest, GivesTheBitsOfOneProcess) {
             EXPECT_TRUE(isSame) << name << " in block " << block.name;
         }
     }
+
+    // Masks of a field that is derived across ranks, and of one that some blocks lack.
+    const std::string slope = "magnitude(gradient(wave))";
+    const auto [flat, steep] = one.range(slope);
+    const ParallelDataSet core = many.threshold(slope, 0.5 * (flat + steep));
+    const DataSet coreOfOne = one.threshold(slope, 0.5 * (flat + steep));
+    expectSame(core.boundary({"velocity"}), coreOfOne.boundary({"velocity"}));
+    expectSame(core.contour("wave", scene.level), coreOfOne.contour("wave", scene.level));
+    if (values.back() == "some")
+        expectSame(core.threshold("some", 1.0, 2.0).boundary(), coreOfOne.threshold("some", 1.0, 2.0).boundary());
 
     // Positions of this rank alone: in blocks, on common vertices, outside.
     std::vector<Point> positions;

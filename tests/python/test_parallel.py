@@ -83,6 +83,8 @@ def test_surfaces_and_what_is_known_are_those_of_one_process(ring, many):
     check_surface(many.slice((0, 1, 1), origin=(0, 0, 0.5), fields="plane"), ring.slice((0, 1, 1), origin=(0, 0, 0.5), fields="plane"))
     check_surface(many.slice("k", 3, block="quarter 2", fields="plane"), ring.slice("k", 3, block="quarter 2", fields="plane"))
     check_surface(many.boundary("radius"), ring.boundary("radius"))
+    steep = many.magnitude(many.gradient("plane")), sum(ring.range("magnitude(gradient(plane))")) / 2
+    check_surface(many.threshold(*steep).boundary("radius"), ring.threshold(*steep).boundary("radius"))
     for name in (many.gradient("plane"), many.magnitude(many.vorticity("velocity")), many.q_criterion("velocity"), many.divergence("velocity")):
         for block in many.blocks.values():
             if block.rank == RANK:

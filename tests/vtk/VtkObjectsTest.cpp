@@ -317,7 +317,15 @@ TEST(VtkObjects, PartsHaveNamesMasksAndReasonsWhereverTheyAre) {
     const auto again = fromVtk(toVtk(flow));
     EXPECT_EQ(again.bounds().high[0], flow.bounds().high[0]);
 
-    const DataSet two = fromVtk(pieces);
+    auto doubled = makeRectilinear();
+    doubled->GetXCoordinates()->SetComponent(1, 0, doubled->GetXCoordinates()->GetComponent(0, 0));
+    pieces->SetPartition(0, 2, doubled);
+    auto bare = vtkSmartPointer<vtkRectilinearGrid>::New();
+    bare->SetDimensions(3, 3, 3); // and no coordinates
+    pieces->SetPartition(0, 3, bare);
+    const DataSet two = fromVtk(pieces, {.report = &report});
+    EXPECT_TRUE(fateOf(report, "\"pieces/2\"").starts_with("left out (block"));
+    EXPECT_EQ(fateOf(report, "\"pieces/3\""), "left out (too few coordinates for the extents [3x3x3])\n");
     ASSERT_EQ(two.blocks().size(), 2u);
     EXPECT_EQ(two.blocks()[0].name, "pieces/0");
     EXPECT_EQ(two.blocks()[1].kind, BlockKind::Rectilinear);

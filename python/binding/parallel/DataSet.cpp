@@ -287,6 +287,15 @@ what a rank keeps of them.)doc")
                     asked(self, [&](const ParallelDataSet& all, const Progress&) { return all.atTime(time); }));
             },
             py::arg("time"), "The same blocks at the last time that is not after this one. Collective.")
+        .def(
+            "threshold",
+            [](const ParallelObject& self, const std::string& field, double low, double high) {
+                return objectOf(asked(self, [&](const ParallelDataSet& all, const Progress&) {
+                    return all.threshold(field, low, high);
+                }));
+            },
+            py::arg("field"), py::arg("low"), py::arg("high") = std::numeric_limits<double>::infinity(),
+            "The same blocks, blanked where a scalar is not from `low` to `high`. Collective.")
         .def_property_readonly(
             "blocks",
             [](const py::object& self) {
