@@ -576,21 +576,26 @@ StrongPtr<Grid> computeSurface(double level, const Hestra::Ageable& requestedAge
         weights->base_vector() = {};
     }
     const Hestra::Cache::Operation together;
-    surfacer.setFields(*output);
-    const SurfaceFields surface(*output);
-    surface.points->raiseAge(age);
-    surface.triangles->raiseAge(age);
-    SurfaceRecord::attach(*surface.points, surface.points, inSpace);
-    if (!joins && !options.keepEdges) return output;
-    const auto edges = Hestra::makeRef<detail::SurfaceEdges>();
-    edges->joins = joins;
-    if (options.keepEdges) {
-        if (!empty) edges->pieces = surfacer.pieces();
-        edges->identifiers = discardable(makeMemArray1D(identifiers.strong()));
-        edges->weights = discardable(makeMemArray1D(weights.strong()));
+    try {
+        surfacer.setFields(*output);
+        const SurfaceFields surface(*output);
+        surface.points->raiseAge(age);
+        surface.triangles->raiseAge(age);
+        SurfaceRecord::attach(*surface.points, surface.points, inSpace);
+        if (!joins && !options.keepEdges) return output;
+        const auto edges = Hestra::makeRef<detail::SurfaceEdges>();
+        edges->joins = joins;
+        if (options.keepEdges) {
+            if (!empty) edges->pieces = surfacer.pieces();
+            edges->identifiers = discardable(makeMemArray1D(identifiers.strong()));
+            edges->weights = discardable(makeMemArray1D(weights.strong()));
+        }
+        surface.points->addInterface(edges);
+        return output;
+    } catch (...) {
+        slice.remove(outputName); // without its record it would be taken for a caller's own
+        throw;
     }
-    surface.points->addInterface(edges);
-    return output;
 }
 
 } // namespace

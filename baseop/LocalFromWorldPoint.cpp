@@ -127,6 +127,7 @@ BBSelectorMemoryTree::BBSelectorMemoryTree(const Orvix::KDTree<3, int>& tree,
         for (int d = 0; d < 3; ++d) {
             centre[d] = 0.5 * region.min[d] + 0.5 * region.max[d];
             reach[d] += (0.5 * region.max[d] - 0.5 * region.min[d]) + roundingOf(region.min[d], region.max[d]);
+            if (!std::isfinite(centre[d])) centre[d] = 0.0; // and all is in reach
         }
     }
     tree.forEachInBox(centre, reach, [&](int value, double) {
@@ -270,6 +271,7 @@ void LocalFromWorldPoint::fillTree() {
         for (int d = 0; d < 3; ++d) {
             // The centre is rounded, so a point of the box may be farther from it than half the extent.
             myHalfWidths[d] = std::max(myHalfWidths[d], 0.5 * high[d] - 0.5 * low[d] + roundingOf(low[d], high[d]));
+            if (std::isnan(centre[d])) centre[d] = 0.0; // between both infinities; all is in reach
         }
         centres.emplace_back(centre, static_cast<int>(n));
     }
@@ -278,9 +280,14 @@ void LocalFromWorldPoint::fillTree() {
         Console::puts(tell::incomplete);
         return;
     }
-    myTree->reserve(centres.size());
-    for (const auto& [centre, number] : centres) myTree->insert(centre, number);
-    myTree->pack();
+    try {
+        myTree->reserve(centres.size());
+        for (const auto& [centre, number] : centres) myTree->insert(centre, number);
+        myTree->pack();
+    } catch (...) {
+        myField->removeInterface(typeid(FragmentTreeInterface)); // or others would take a part for the whole
+        throw;
+    }
 }
 
 const StrongPtr<FragmentID>& LocalFromWorldPoint::fragmentID(unsigned int n) const {
@@ -373,10 +380,7 @@ const Structure* LocalFromWorldPoint::structure(unsigned int number, Hearing hea
         }
         if (slot.owner) slot.ready.store(slot.owner.rawptr(), std::memory_order_release);
     };
-    fragment.untold.during(hearing != Hearing::Nobody, [&] {
-#pragma omp critical
-        obtain();
-    });
+    fragment.untold.during(hearing != Hearing::Nobody, [&] { detail::inCriticalSection(obtain); });
     return slot.ready.load(std::memory_order_acquire);
 }
 

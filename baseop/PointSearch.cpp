@@ -73,12 +73,11 @@ bool PointSearch::discardOutdated() const {
             },
             false);
     };
-#pragma omp critical
-    {
+    detail::inCriticalSection([&] {
         discard(myUniMappers);
         discard(myTreeMappers);
         discard(myExactLocators);
-    }
+    });
     return any;
 }
 

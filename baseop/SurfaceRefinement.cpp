@@ -292,7 +292,7 @@ std::vector<bool> EdgeFlipCriterion::DetectEdges(const StrongPtr<Grid>& grid) {
     Console::print("search for flipable edges %d\n", static_cast<int>(flags.size()));
 
     unsigned int count = 0;
-    if (triangles)
+    if (triangles && !flags.empty())
         count = mark(flags, [&, &points = *myPositions](std::size_t e) {
             const auto [first, second] = std::pair((*faces)(e)[0], (*faces)(e)[1]);
             if (first == second) return false;

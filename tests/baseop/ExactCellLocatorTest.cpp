@@ -63,6 +63,20 @@ TEST(ExactCellLocatorTest, FindsEveryPositionInItsCell) {
     expectFindsAll(far, 500, "far away");
     expectFindsAll(distortedBlock({8, 9, 7}, 1e-100, 0.2, 7), 500, "tiny");
     expectFindsAll(distortedBlock({8, 9, 7}, 1e100, 0.2, 8), 500, "huge");
+    // Thin and slanted cells, so far away that their numbers are rounded by a part of them.
+    const BlockPtr thin = distortedBlock({33, 3, 16}, 1.0, 0.2, 9);
+    for (index_t k = 0; k < thin->nElements(); ++k) {
+        Point& p = thin->element(k);
+        p = Point(1e9 - std::round(p[0]), 1e9 + 3e-6 * std::round(p[1]), 1e9 + p[2]);
+    }
+    const ExactCellLocator locator(thin);
+    for (const Point& index : randomIndices(*thin, 2000, 4)) {
+        const Point P = positionIn(*thin, index);
+        MultiIndex<3> cell;
+        for (int d = 0; d < 3; ++d) cell[d] = static_cast<index_t>(index[d]);
+        Point local;
+        EXPECT_TRUE(locator.locate(P) || !locator.localInCell(P, cell, local)) << P;
+    }
 }
 
 TEST(ExactCellLocatorTest, FindsEveryPositionOfTheBluntFin) {

@@ -206,7 +206,8 @@ TEST(LocalFromWorldPointTest, HintsChangeNoAnswer) {
     const Hestra::ScopedListener nobody({});
     std::mt19937_64 random(17);
     std::normal_distribution<double> normal;
-    std::vector<Scene> scenes{support::mixedScene()};
+    std::vector<Scene> scenes{support::mixedScene(), support::mixedScene()};
+    scenes.back().block("D")->element(0)[0] = kInfinity;
     std::vector<support::Shape> shapes = support::shapes();
     const auto crumple = [](double u, double v, double w) { // so much that cells lie on one another in part
         const double x = 97 * u + 31 * v + 57 * w;
@@ -478,7 +479,7 @@ TEST(BBSelectorMemoryTreeTest, FindsTheBoxesThatContainAPoint) {
     }
 }
 
-// A box whose centre is rounded still gives the points on its faces.
+// A box whose centre is rounded still gives the points on its faces, and one that has no ends its points.
 TEST(LocalFromWorldPointTest, CornersOfBoxesAreFound) {
     const Scene scene;
     const auto far = makeRef<UniformCartesianArray>(BoundingBox({1e7 + 0.1, 1.0 / 3.0, -0.7}, {1e7 + 0.3, 0.9, 1e-3}),
@@ -487,6 +488,14 @@ TEST(LocalFromWorldPointTest, CornersOfBoxesAreFound) {
     const auto locator = scene.locator();
     for (index_t corner = 0; corner < 8; ++corner)
         EXPECT_TRUE(locator->locate((*far)(3 * (corner & 1), 3 * (corner >> 1 & 1), 3 * (corner >> 2))));
+
+    const Scene many = support::mixedScene();
+    const support::BlockPtr endless = many.block("B");
+    endless->element(0)[0] = -kInfinity;
+    endless->element(1)[0] = kInfinity;
+    const auto found =
+        many.locator(options(CellLocator::Exact))->locate(support::positionIn(*endless, {2.5, 4.5, 3.5}));
+    EXPECT_TRUE(found && found.fragment == 1);
 }
 
 TEST(LocalFromWorldPointTest, BordersOfABlock) {

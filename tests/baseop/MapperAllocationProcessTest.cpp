@@ -1,4 +1,6 @@
 #include <baseop/ExactCellLocator.hpp>
+#include <baseop/GridEvaluator.hpp>
+#include <baseop/Isosurface.hpp>
 #include <baseop/TreeCellMapper.hpp>
 #include <baseop/UniGridMapper.hpp>
 
@@ -40,6 +42,40 @@ TEST(MapperAllocationTest, QueriesAllocateNothing) {
                   for (const Point& P : points) (void)mapper.locateProjectively(P, 0.02);
               }),
               0);
+}
+
+// Whatever allocation fails, the process lives on, and the next question has its answer; of so many fragments that
+// these are found by their tree.
+TEST(MapperAllocationTest, QueriesSurviveEachFailedAllocation) {
+    std::size_t heard = 0;
+    const Hestra::ScopedListener listener([&](std::string_view text) { heard += text.size(); });
+    for (long n = 0, hasFailed = 1; hasFailed; ++n) {
+        const Scene scene(shapes()[1], 18, {3, 3, 3});
+        const auto asked = makeMemArray1D(std::vector<Point>{positionIn(*scene.block("R"), {1.5, 1.5, 1.5})});
+        const auto ask = [&] {
+            GridEvaluator::Context context;
+            context.slice = scene.slice;
+            context.grid = scene.grid;
+            context.cellLocator = CellLocator::Exact;
+            const auto values =
+                GridEvaluator().evaluate(asked, *scene.blocks.positions(), context, *scene.blocks.field("linear"));
+            const LocalFromWorldPoint locator(scene.slice, scene.grid);
+            SurfaceOptions options;
+            options.keepEdges = true;
+            const auto surface =
+                ComputeIsosurface(0.5, Hestra::Ageable(), *scene.grid, "linear", *scene.slice, "surface", 0.0, options);
+            return values && locator.locate(asked->element(0)).fragment == 17 &&
+                   EvalFieldOnIsosurface(*surface, *scene.blocks.positions());
+        };
+        allocationsBeforeFailure = n;
+        try {
+            (void)ask();
+        } catch (const std::bad_alloc&) {
+        }
+        hasFailed = allocationsBeforeFailure.exchange(-1) < 0;
+        ASSERT_TRUE(ask()) << n;
+    }
+    EXPECT_GT(heard, 0u);
 }
 
 } // namespace

@@ -211,6 +211,9 @@ TEST(SurfaceRefinementTest, IncompleteSurfacesHaveNoFlags) {
     }
     EXPECT_EQ(EdgeLengthCriterion(1.0).DetectEdges(outOfRange), (std::vector<bool>{true, false, false, false, false}));
     EXPECT_EQ(EdgeFlipCriterion(0.0).DetectEdges(outOfRange), std::vector<bool>(5, false));
+    const auto noPoints = surfaceOf({{0, 0, 0}}, {{0, 1, 2}});
+    noPoints->CartesianPositions()->removeData(nullptr);
+    EXPECT_TRUE(EdgeFlipCriterion(0.0).DetectEdges(noPoints).empty());
     GetCapturedStdout();
 }
 

@@ -1,5 +1,7 @@
 #include <baseop/detail/location/GridLock.hpp>
 
+#include <exception>
+
 namespace Vantle::detail {
 
 namespace {
@@ -23,6 +25,17 @@ std::recursive_mutex& mutexOf(const Grid& grid) {
 
 GridLock::GridLock(const Hestra::StrongPtr<Grid>& grid)
     : myGrid(grid), myLock(grid ? std::unique_lock(mutexOf(*grid)) : std::unique_lock<std::recursive_mutex>()) {}
+
+void runCritical(void (*run)(const void* function), const void* function) {
+    std::exception_ptr problem;
+#pragma omp critical
+    try {
+        run(function);
+    } catch (...) {
+        problem = std::current_exception();
+    }
+    if (problem) std::rethrow_exception(problem);
+}
 
 std::unique_lock<std::mutex> lockSlices() {
     static std::mutex mutex;

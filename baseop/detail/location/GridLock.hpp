@@ -19,6 +19,16 @@ private:
     std::unique_lock<std::recursive_mutex> myLock;
 };
 
+/// Calls `run(function)` in the unnamed critical section; see below.
+void runCritical(void (*run)(const void* function), const void* function);
+
+/// Calls `function()` in the unnamed critical section of OpenMP, which nothing may be thrown out of: what `function`
+/// throws is thrown when the section has ended.
+template<class F>
+void inCriticalSection(const F& function) {
+    runCritical([](const void* self) { (*static_cast<const F*>(self))(); }, &function);
+}
+
 /// The lock of all slices: for look-ups in a slice that make what is missing.
 [[nodiscard]] std::unique_lock<std::mutex> lockSlices();
 

@@ -1,5 +1,6 @@
 #include <baseop/detail/location/Narrator.hpp>
 
+#include <new>
 #include <omp.h>
 #include <sstream>
 #include <utility>
@@ -8,10 +9,14 @@ namespace Vantle::detail {
 
 using Hestra::Console;
 
-void Untold::add(std::string&& text) {
+void Untold::add(std::string&& text) noexcept {
     if (text.empty()) return;
     const std::lock_guard lock(myMutex);
-    myText += text;
+    try {
+        myText += text;
+    } catch (const std::bad_alloc&) {
+        // As with listeners: what cannot be kept is not said.
+    }
     myIsPending.store(true, std::memory_order_release);
 }
 

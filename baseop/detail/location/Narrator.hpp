@@ -45,7 +45,7 @@ public:
     void tell();
 
 private:
-    void add(std::string&& text);
+    void add(std::string&& text) noexcept;
 
     std::atomic<bool> myIsPending{false};
     static constexpr auto None = ~std::uint64_t{0};

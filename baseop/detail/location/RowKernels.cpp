@@ -3,6 +3,7 @@
 #include <baseop/detail/Lanes.hpp>
 #include <baseop/detail/location/RowKernels.hpp>
 
+#include <cmath>
 #include <limits>
 
 HWY_BEFORE_NAMESPACE();
@@ -131,12 +132,17 @@ void reach(const RowSums& sums, const LinearRow& about, const CellBoxTree& tree,
     }
 }
 
+// More than rounding of the sums of a cell's corners amounts to, as a part of how far from 0 they are.
+constexpr double SumRounding = 4.0 * std::numeric_limits<double>::epsilon();
+
 void images(const RowSums& sums, std::size_t cells, double slack, const CellBoxTree& tree,
             const CellBoxTree::Row& row) {
     const Wide lanes;
     const Narrow floats;
     const Vector zero = hn::Zero(lanes), eighth = hn::Set(lanes, 0.125);
     const Vector nan = hn::Set(lanes, std::numeric_limits<double>::quiet_NaN());
+    double rounding[3]; // in the tree; cells that reach farther have more slack
+    for (int d = 0; d < 3; ++d) rounding[d] = SumRounding * (std::fabs(tree.origin(d)) * tree.scale(d) + 1.0);
     for (std::size_t i = 0; i < cells; i += hn::Lanes(lanes)) {
         Vector sides = zero;
         auto check = hn::Zero(floats);
@@ -165,7 +171,8 @@ void images(const RowSums& sums, std::size_t cells, double slack, const CellBoxT
             put(6, hn::Sub(high(3), low(3)));
         }
         for (int d = 0; d < 3; ++d) {
-            const Vector width = hn::Mul(hn::Mul(hn::Set(lanes, slack), sides), hn::Set(lanes, tree.scale(d)));
+            const Vector width = hn::Add(hn::Mul(hn::Mul(hn::Set(lanes, slack), sides), hn::Set(lanes, tree.scale(d))),
+                                         hn::Set(lanes, rounding[d]));
             hn::StoreU(hn::DemoteTo(floats, width), floats, row.slack[d] + i);
             hn::StoreU(hn::Add(hn::LoadU(floats, row.centre[d] + i), check), floats, row.centre[d] + i);
         }

@@ -50,8 +50,8 @@ RowSums sumAcrossRow(const double* const (&vertices)[4], std::size_t count, doub
 /// The parallelepipeds at the centres of the cells, and 1 or 0 in `trusted` for each.
 void fillReach(const RowSums& sums, const LinearRow& about, const CellBoxTree& tree, const CellBoxTree::Row& row,
                float* trusted);
-/// The sets that the images of the cells lie in, widened by `slack` of the lengths of their edges. Those with a corner
-/// that is no number are empty.
+/// The sets that the images of the cells lie in, widened by `slack` of the lengths of their edges, and by rounding
+/// where cells are far from 0. Those with a corner that is no number are empty.
 void fillImages(const RowSums& sums, std::size_t cells, double slack, const CellBoxTree& tree,
                 const CellBoxTree::Row& row);
 
