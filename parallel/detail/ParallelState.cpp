@@ -214,7 +214,8 @@ void ParallelDataSet::Data::makeBoxes() {
             const StrongPtr<FragmentID> id = idOf(block);
             const auto mask = blanking.of(id, all.blocks[block].info.size);
             const auto whole = ComputeNumberBox(points), valid = mask ? ComputeNumberBox(points, mask.rawptr()) : whole;
-            // Where a NaN would take the place of a corner: location goes by the box that it finds, which knows no masks.
+            // Where a NaN would take the place of a corner: location goes by the box that it finds, which knows no
+            // masks.
             const StrongPtr<CreativeArrayBase> creator = positions->getCreator(id);
             if (points && whole && !creator->findInterface<Orvix::BoundingBox>())
                 creator->addInterface(Hestra::makeRef<Orvix::BoundingBox>(whole->least, whole->greatest));
