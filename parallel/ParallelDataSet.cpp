@@ -1,5 +1,6 @@
 #include <baseop/FieldMasks.hpp>
 #include <dataset/detail/NumberArray.hpp>
+#include <dataset/detail/VtkDocument.hpp>
 #include <dataset/io/AtomicFile.hpp>
 
 #include <algorithm>
@@ -371,7 +372,7 @@ void ParallelDataSet::write(const std::filesystem::path& file, const Fields& fie
                                "byte_order=\"LittleEndian\" header_type=\"UInt64\">\n<vtkMultiBlockDataSet>\n";
             for (std::uint32_t block = 0; block < files.size(); ++block)
                 text += "<DataSet index=\"" + std::to_string(block) + "\" name=\"" +
-                        detail::escaped(myData->nameOf(block)) + "\" file=\"" + detail::escaped(files[block]) +
+                        detail::vtkEscaped(myData->nameOf(block)) + "\" file=\"" + detail::vtkEscaped(files[block]) +
                         "\"/>\n";
             text += "</vtkMultiBlockDataSet>\n</VTKFile>\n";
             AtomicFile head(file);

@@ -1,4 +1,5 @@
 #include <dataset/detail/Request.hpp>
+#include <dataset/detail/VtkDocument.hpp>
 #include <dataset/io/AtomicFile.hpp>
 #include <model/orvix/Quadratic.hpp>
 #include <model/vantle/MemArray.hpp>
@@ -65,13 +66,6 @@ void SurfaceParts::completeKinds(const std::map<std::string, int>& components) {
     for (const auto& [name, count] : components)
         if (ValueKind& kind = values[name]; kind == ValueKind::None)
             kind = count == 3 ? ValueKind::Vector : count == 9 ? ValueKind::Tensor : ValueKind::Number;
-}
-
-std::string escaped(const std::string& text) {
-    std::string result;
-    for (const char c : text)
-        result += c == '&' ? "&amp;" : c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '"' ? "&quot;" : std::string(1, c);
-    return result;
 }
 
 Surface makeSurface(std::vector<Point> points, std::vector<Triangle> triangles,
@@ -247,12 +241,12 @@ void ParallelSurface::write(const std::filesystem::path& file, const VtkOptions&
             const int components = kind == detail::ValueKind::Tensor                                       ? 9
                                    : kind == detail::ValueKind::Vector || kind == detail::ValueKind::Point ? 3
                                                                                                            : 1;
-            text += "<PDataArray type=\"Float64\" Name=\"" + detail::escaped(name) + "\" NumberOfComponents=\"" +
+            text += "<PDataArray type=\"Float64\" Name=\"" + detail::vtkEscaped(name) + "\" NumberOfComponents=\"" +
                     std::to_string(components) + "\"/>\n";
         }
         text += "</PPointData>\n";
         for (int rank = 0; rank < exchange.ranks(); ++rank)
-            text += "<Piece Source=\"" + detail::escaped(pieceName(rank)) + "\"/>\n";
+            text += "<Piece Source=\"" + detail::vtkEscaped(pieceName(rank)) + "\"/>\n";
         text += "</PPolyData>\n</VTKFile>\n";
         AtomicFile head(file);
         head.write(text.data(), text.size());

@@ -76,7 +76,7 @@ private:
 
 /// `text` as the value of an XML attribute. Control characters become blanks, but for tabs and ends of lines; bytes
 /// that are no UTF-8 are taken for Latin-1.
-[[nodiscard]] std::string vtkEscaped(std::string_view text);
+[[nodiscard]] VANTLE_DATASET_API std::string vtkEscaped(std::string_view text);
 /// Whether readers get the same back.
 [[nodiscard]] bool vtkCanName(std::string_view text);
 /// The shortest text that reads back as the same number, whatever the locale.

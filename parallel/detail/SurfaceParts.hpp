@@ -46,9 +46,6 @@ struct SurfaceParts {
     std::map<std::string, ValueKind> values;
 };
 
-/// A text as it stands in a file of XML.
-[[nodiscard]] std::string escaped(const std::string& text);
-
 /// A surface of the model from its arrays; values are arrays of rank 1, one element a point.
 [[nodiscard]] Surface makeSurface(std::vector<Point> points, std::vector<Triangle> triangles,
                                   const std::map<std::string, Hestra::StrongPtr<MemBase>>& values);

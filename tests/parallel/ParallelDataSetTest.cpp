@@ -574,6 +574,9 @@ TEST(ParallelFilesTest, AreReadInSharesAndWrittenInPieces) {
     expectSame(surface, one.contour(field, 0.1, {.values = {field}}));
 
     many.write(folder / "flow.vtm");
+    DataSet odd;
+    if (rank == 0) odd.addUniformBlock("a\nb\xe4", {2, 2, 2}, {{0, 0, 0}, {1, 1, 1}});
+    ParallelDataSet(MPI_COMM_WORLD, odd).write(folder / "odd.vtm");
     surface.write(folder / "surface.pvtp");
     EXPECT_ERROR("rank 0", many.write(folder / "nowhere" / "flow.vtm"));
     if (rank == 0) {
@@ -590,6 +593,7 @@ TEST(ParallelFilesTest, AreReadInSharesAndWrittenInPieces) {
             ++blocks;
         }
         EXPECT_EQ(blocks, many.blocks().size());
+        EXPECT_NE(textOf("odd.vtm").find("name=\"a&#10;b\xc3\xa4\""), std::string::npos);
         EXPECT_LT(head.find("name=\"block1\""), head.find("name=\"block2\""));
         for (at = 0; (at = pieceHead.find("Source=\"", at)) != std::string::npos; ++pieces) {
             at += 8;
