@@ -159,7 +159,10 @@ struct DataSet::Step {
     /// Whether others have the structures that are kept with this grid.
     [[nodiscard]] bool sharesLocator() const noexcept { return !detail::isAlone(myLocator); }
     /// Whether nobody else has the field of positions, nor its fragments: a block would be added in place.
-    [[nodiscard]] bool ownsPositions() const { return changeable(PositionsName) == positions(); }
+    [[nodiscard]] bool ownsPositions() const {
+        const Field* const mine = changeable(PositionsName).rawptr(); // while there is no other handle to it
+        return mine == positions().rawptr();
+    }
 
     double time;
     Hestra::StrongPtr<Slice> slice;

@@ -17,8 +17,8 @@ std::vector<double> listOf(const py::object& axis) {
     return {numbers.data(), numbers.data() + numbers.size()};
 }
 
-/// Adds a block of this size as `add` says, and its masks: all or nothing. From the copy on nothing of Python is
-/// called, so that no other thread can change the data set meanwhile.
+/// Adds a block of this size as `add` says, and its masks: all or nothing, which takes a copy where there are masks.
+/// From there on nothing of Python is called, so that no other thread can change the data set meanwhile.
 template<class Add>
 BlockObject addBlock(const py::object& self, const std::string& name, const MultiIndex<3>& size,
                      const py::object& valid, const py::object& validCells, bool isCopied, const Add& add) {
@@ -26,11 +26,16 @@ BlockObject addBlock(const py::object& self, const std::string& name, const Mult
     if (!valid.is_none()) vertices = adopt(valid, Use::Mask, size, isCopied, "mask of block \"" + name + '"');
     if (!validCells.is_none())
         cells = adopt(validCells, Use::Mask, std::nullopt, isCopied, "cell mask of block \"" + name + '"');
-    DataSet changed = self.cast<DataSetObject&>().value;
-    add(changed);
-    if (vertices) changed.setVertexMask(name, vertices);
-    if (cells) changed.setCellMask(name, cells);
-    self.cast<DataSetObject&>().value = std::move(changed);
+    DataSet& own = self.cast<DataSetObject&>().value;
+    if (vertices || cells) {
+        DataSet changed = own;
+        add(changed);
+        if (vertices) changed.setVertexMask(name, vertices);
+        if (cells) changed.setCellMask(name, cells);
+        own = std::move(changed);
+    } else {
+        add(own);
+    }
     giveBack();
     return {self, name};
 }
