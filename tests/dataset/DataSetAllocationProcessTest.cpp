@@ -37,4 +37,18 @@ TEST(DataSetAllocationTest, AFailedChangeChangesNothing) {
     }
 }
 
+TEST(DataSetAllocationTest, BlocksAreAddedWithoutACopyOfThose) {
+    DataSet flow;
+    const auto addHundred = [&] {
+        for (int n = 0; n < 100; ++n) {
+            const std::string name = std::to_string(flow.blocks().size());
+            flow.addUniformBlock(name, {2, 2, 2}, {{0, 0, 0}, {1, 1, 1}});
+            flow.setField("f", name, std::vector<double>(8));
+        }
+    };
+    std::vector<long> counts;
+    for (int n = 0; n < 10; ++n) counts.push_back(support::allocationsOf(addHundred));
+    EXPECT_LT(counts.back(), 3 * counts.front());
+}
+
 } // namespace
