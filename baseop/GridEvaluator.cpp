@@ -261,7 +261,7 @@ public:
         const auto reach = [&](std::size_t n) {
             const FragmentCoordinates* const coordinates =
                 myFragments[n].coordinates(myIsHeard ? Hearing::Kept : Hearing::Nobody);
-            if (myIsHeard && myFragments[n].untold.isPending())
+            if (myIsHeard && myFragments[n].untold.mayBePending())
                 for (std::size_t c = 0; c < count; ++c) myFragments[n].untold.reachedBy(numbers[pending[c]]);
             if (!coordinates) return;
             std::visit(Overloaded{[&](const detail::UniformCoordinates* uniform) { offerTo(n, uniform); },
@@ -456,7 +456,7 @@ const LocalFromWorldPoint& FragmentSearchBase::locator() {
 void FragmentSearchBase::locate(std::span<const point> positions, std::span<LocalFromWorldPoint::Location> found,
                                 std::span<const std::size_t> numbers) {
     make(!numbers.empty()).locateNeighbours(positions, found, numbers);
-    if (myShared->untold.isPending())
+    if (myShared->untold.mayBePending())
         for (const std::size_t number : numbers) myShared->untold.reachedBy(number);
 }
 
@@ -714,7 +714,9 @@ private:
         const Found& found = *myFound;
         detail::Recital recital;
         SourceSearch::Texts texts(mySearch);
-        mySearch.forEachDue([&](std::size_t k) { myIsSilent[k - found.first] = 0; });
+        mySearch.forEachDue([&](std::size_t k) {
+            if (k >= found.first && k - found.first < found.count) myIsSilent[k - found.first] = 0;
+        });
         const auto hitOf = [&](std::size_t k) {
             return Hit{found.word(k).result(), true, found.word(k).fragment(), {}};
         };

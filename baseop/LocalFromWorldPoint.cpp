@@ -527,7 +527,7 @@ bool LocalFromWorldPoint::search(std::span<const point> positions, std::span<Loc
             for (std::size_t c = 0; c < inside; ++c)
                 if (isInComputed(*coordinates, points[c], inCell[c].local, mask))
                     inCell[c].result = LocationResult::Found;
-        if (!numbers.empty() && myFragments[n].untold.isPending()) {
+        if (!numbers.empty() && myFragments[n].untold.mayBePending()) {
             hasUntold = true;
             for (std::size_t c = 0; c < inside; ++c) myFragments[n].untold.reachedBy(numbers[inBox[c]]);
         }

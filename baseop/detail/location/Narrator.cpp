@@ -26,7 +26,7 @@ void Untold::reachedBy(std::uint64_t number) noexcept {
 }
 
 void Untold::tell() {
-    if (!isPending()) return;
+    if (!isPending()) return myFirst.store(None, std::memory_order_relaxed);
     std::string text;
     {
         const std::lock_guard lock(myMutex);

@@ -24,30 +24,46 @@ public:
     template<class F>
     auto during(bool isHeard, F&& make) {
         struct Keeper {
+            Keeper(Untold& of, bool isKept) : owner(of), isHeard(isKept) {
+                if (isHeard) owner.myMakers.fetch_add(1, std::memory_order_relaxed);
+            }
+            ~Keeper() {
+                owner.add(std::move(text));
+                if (isHeard) owner.myMakers.fetch_sub(1, std::memory_order_release);
+            }
+            Keeper(const Keeper&) = delete;
+            Keeper& operator=(const Keeper&) = delete;
             Untold& owner;
+            const bool isHeard;
             std::string text;
-            ~Keeper() { owner.add(std::move(text)); }
-        } keeper{*this, {}};
+        } keeper(*this, isHeard);
         const Hestra::ScopedListener listener(isHeard ? [&keeper](std::string_view piece) { keeper.text += piece; }
                                                       : Hestra::Console::Listener());
         return make();
     }
     [[nodiscard]] bool isPending() const noexcept { return myIsPending.load(std::memory_order_acquire); }
+    /// The same, or what is made is there for others, and what was said meanwhile is not yet.
+    [[nodiscard]] bool mayBePending() const noexcept {
+        return myMakers.load(std::memory_order_acquire) != 0 || isPending();
+    }
     /// Notes that it is due with the first of these positions, given by their numbers in order, if not before.
     void reachedBy(std::uint64_t number) noexcept;
-    /// Calls `f` with the number of the first of them, if there is anything to say and any of them.
+    /// Calls `f` with the number of the first of them, if there is anything to say and any of them. If there is
+    /// nothing, the numbers are forgotten.
     template<class F>
-    void whenDue(F&& f) const {
+    void whenDue(F&& f) {
+        if (!isPending()) return myFirst.store(None, std::memory_order_relaxed);
         const std::uint64_t first = myFirst.load(std::memory_order_relaxed);
-        if (isPending() && first != None) f(first);
+        if (first != None) f(first);
     }
-    /// Says it, once.
+    /// Says it, once, and forgets the numbers.
     void tell();
 
 private:
     void add(std::string&& text) noexcept;
 
     std::atomic<bool> myIsPending{false};
+    std::atomic<int> myMakers{0};
     static constexpr auto None = ~std::uint64_t{0};
     std::atomic<std::uint64_t> myFirst{None};
     std::mutex myMutex;
